@@ -1,0 +1,60 @@
+#pragma once
+/// How this application writes log lines: "<function signature>:<line> <message>".
+///
+///     VLM_LOG(5, "Size = " << size);          signature, line, message
+///     VLM_LOG_PLAIN(5, "Exiting from main");  signature and message, without the line
+///     VLM_LOG_AT(7, 226, "...");              a line number that is part of the message
+///     VLM_TRACE(7);                           entry trace: signature and line only
+///     VLM_LOG_AS(5, signature, "...");        a signature text of the caller's own
+///     VLM_LOG_PLAIN_AS(5, signature, "...");  the same without the line
+///
+/// A message whose level is off costs one comparison: nothing of it is evaluated. The prefix is composed
+/// once per call site.
+#include <string>
+#include <string_view>
+
+#include "kyo/Log.h"
+
+namespace vlmProd {
+
+/// The form in which signatures stand in the log, whatever compiler printed them: strings as "string",
+/// JSON values as "kyo::Json::Value", references and pointers without a blank before them.
+std::string logSignature(std::string_view prettyFunction);
+
+}  // namespace vlmProd
+
+#define VLM_LOG_COMPOSE_(level, prefixExpression, ...)                       \
+    do {                                                                     \
+        if (::kyo::Log::enabled(level)) {                                    \
+            static const std::string vlmLogPrefix = prefixExpression;        \
+            ::kyo::Log vlmLogLine;                                           \
+            vlmLogLine.get(level) << vlmLogPrefix << __VA_ARGS__;            \
+        }                                                                    \
+    } while (false)
+
+#define VLM_LOG_AT(level, line, ...)                                                                      \
+    VLM_LOG_COMPOSE_(level,                                                                               \
+                     ::vlmProd::logSignature(__PRETTY_FUNCTION__) + ":" + std::to_string(line) + " ",     \
+                     __VA_ARGS__)
+#define VLM_LOG(level, ...) VLM_LOG_AT(level, __LINE__, __VA_ARGS__)
+#define VLM_LOG_PLAIN(level, ...) \
+    VLM_LOG_COMPOSE_(level, ::vlmProd::logSignature(__PRETTY_FUNCTION__) + " ", __VA_ARGS__)
+#define VLM_TRACE(level)                                                                                 \
+    VLM_LOG_COMPOSE_(level, ::vlmProd::logSignature(__PRETTY_FUNCTION__) + ":" + std::to_string(__LINE__), \
+                     "")
+
+// The signature may differ from call to call here (one body that serves many classes), so it is not kept.
+#define VLM_LOG_AS(level, signature, ...)                                             \
+    do {                                                                              \
+        if (::kyo::Log::enabled(level)) {                                             \
+            ::kyo::Log vlmLogLine;                                                    \
+            vlmLogLine.get(level) << signature << ':' << __LINE__ << ' ' << __VA_ARGS__; \
+        }                                                                             \
+    } while (false)
+#define VLM_LOG_PLAIN_AS(level, signature, ...)                      \
+    do {                                                             \
+        if (::kyo::Log::enabled(level)) {                            \
+            ::kyo::Log vlmLogLine;                                   \
+            vlmLogLine.get(level) << signature << ' ' << __VA_ARGS__; \
+        }                                                            \
+    } while (false)

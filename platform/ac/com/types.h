@@ -1,0 +1,32 @@
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ac::com {
+
+/// What identifies a service's interface on the wire. Generated per service.
+struct ServiceInterface {
+    const char* name;  ///< "GNSS"
+    std::uint16_t serviceId;
+    std::uint8_t majorVersion;
+    std::uint32_t minorVersion;
+};
+
+/// What identifies an event on the wire. Generated per event.
+struct EventInterface {
+    const char* name;  ///< "positions"
+    std::uint16_t eventId;
+    std::uint16_t eventgroupId;
+};
+
+/// One found instance of a service.
+struct ServiceHandle {
+    std::uint16_t serviceId = 0;
+    std::uint16_t instanceId = 0;
+    std::uint8_t majorVersion = 0;
+};
+
+using HandleContainer = std::vector<ServiceHandle>;
+
+}  // namespace ac::com

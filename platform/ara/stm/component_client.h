@@ -1,0 +1,30 @@
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace ara::stm {
+
+using ComponentState = std::string;
+
+enum class ComponentClientReturnType : std::int32_t { kSuccess = 0, kGeneralError = 1, kInvalid = 2 };
+
+/// A component's side of the state manager's requests. Requests arrive until the object is destroyed;
+/// the destructor waits for a callback that is under way.
+class ComponentClient {
+  public:
+    virtual ~ComponentClient() = default;
+    /// Answers one request: same id, same state. kGeneralError when the requester is gone.
+    virtual ComponentClientReturnType ConfirmComponentState(std::uint32_t requestId, const ComponentState& state,
+                                                            ComponentClientReturnType result) const = 0;
+};
+
+/// Called on the platform's thread for each requested state.
+using ComponentStateCallback = std::function<void(const ComponentClient&, std::uint32_t, const ComponentState&)>;
+
+/// Throws std::system_error when the state manager cannot be reached.
+std::unique_ptr<ComponentClient> createComponentClient(const std::string& componentName,
+                                                       ComponentStateCallback callback);
+
+}  // namespace ara::stm

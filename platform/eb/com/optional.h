@@ -1,0 +1,10 @@
+#pragma once
+#include <optional>
+
+namespace eb::com {
+
+/// A data-type member that a sample may leave out.
+template <typename T>
+using optional = std::optional<T>;
+
+}  // namespace eb::com

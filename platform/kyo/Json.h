@@ -1,0 +1,44 @@
+#pragma once
+/// The platform's JSON: values, a reader and a compact writer. Nothing here throws on bad text.
+#include <json/json.h>
+
+#include <istream>
+#include <string>
+
+namespace kyo::Json {
+
+using ::Json::ArrayIndex;
+using ::Json::Int64;
+using ::Json::UInt;
+using ::Json::UInt64;
+using ::Json::Value;
+using ::Json::ValueType;
+using ::Json::arrayValue;
+using ::Json::booleanValue;
+using ::Json::intValue;
+using ::Json::nullValue;
+using ::Json::objectValue;
+using ::Json::realValue;
+using ::Json::stringValue;
+using ::Json::uintValue;
+
+/// Reads one JSON document. Comments are accepted; text behind the document is an error, as is nesting
+/// deeper than the library allows. On failure the value is left null and the reason can be asked for.
+class Reader {
+  public:
+    bool parse(const std::string& text, Value& root, bool collectComments = true);
+    bool parse(std::istream& stream, Value& root, bool collectComments = true);
+    /// Line, column and reason of the last failure; empty after a success.
+    const std::string& getFormattedErrorMessages() const { return m_errors; }
+
+  private:
+    std::string m_errors;
+};
+
+/// Writes compact JSON text: no white space and no line end.
+class FastWriter {
+  public:
+    std::string write(const Value& value) const;
+};
+
+}  // namespace kyo::Json
