@@ -9,7 +9,7 @@ endif()
 
 add_library(vlm_options INTERFACE)
 add_library(vlm::options ALIAS vlm_options)
-target_compile_options(vlm_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual=1 -Werror)
+target_compile_options(vlm_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(vlm_options INTERFACE -Wno-error=unknown-warning-option -Wno-unknown-warning-option)
 endif()

@@ -9,6 +9,7 @@ namespace kyo::Json {
 
 using ::Json::ArrayIndex;
 using ::Json::Int64;
+using ::Json::StaticString;
 using ::Json::UInt;
 using ::Json::UInt64;
 using ::Json::Value;
@@ -35,7 +36,12 @@ class Reader {
     std::string m_errors;
 };
 
-/// Writes compact JSON text: no white space and no line end.
+/// Appends compact JSON text: no white space, no line end, ASCII only (other characters as \\u escapes), and
+/// the shortest digits that read back as the same number. A number that JSON cannot hold becomes null.
+/// False, with "null" appended, when the value is nested deeper than the reader would allow.
+bool appendCompact(std::string& out, const Value& value);
+
+/// Writes the text of appendCompact().
 class FastWriter {
   public:
     std::string write(const Value& value) const;

@@ -1,0 +1,81 @@
+#pragma once
+#include <atomic>
+#include <map>
+#include <rttr/variant.h>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kyo/Event.h"
+#include "kyo/Json.h"
+
+namespace vlmProd {
+
+/// One event of one vehicle service that the configuration asks for. It completes the records of the
+/// event's samples and puts them into the ingress queue.
+///
+/// Samples arrive on the middleware's threads while the configuration thread may still set names: every
+/// operation may be called from any thread. Nothing here blocks beyond a short lock.
+class Resource {
+  public:
+    explicit Resource(std::string name);
+    virtual ~Resource();
+    Resource(const Resource&) = delete;
+    Resource& operator=(const Resource&) = delete;
+
+    const std::string& getName() const { return m_name; }
+
+    /// The name under which the adapter writes the key member into a record.
+    void setSomeIPKey(std::string key);
+    void setSomeIPIndexAttribute(int index, std::vector<std::string> names);
+    void addAttribute(std::string name);
+    void addAttributes(std::vector<std::string> names);
+    /// Records of that service, resource and index carry that collector's name from now on.
+    void setCollectorName(std::string service, std::string resource, int index, std::string collector);
+
+    void setSubscribed();
+    bool isSubscribed();
+
+    /// Adds "collectorName" and "index" to the record where a collector is registered for its key value,
+    /// and puts it into the ingress queue. A record without the key member, or with one outside the range
+    /// of int, goes on without them.
+    void processData(kyo::Json::Value record);
+
+    /// The generic conversion: samples as a reflected sequence of structures. It fills the work value and
+    /// forwards nothing.
+    void processData(std::string name, rttr::variant samples);
+    void addToJsonValue(std::string name, rttr::variant& value);
+    void insertEnumValuesinJson(std::string name, rttr::variant& value);
+    void printJsonValues();
+    /// A copy of the work value of the generic conversion.
+    kyo::Json::Value workValue() const;
+
+  private:
+    /// A collector as the sample path finds it: by index and service, without composing a key.
+    struct Route {
+        int index;
+        std::string service;
+        kyo::Json::StaticString collector;
+    };
+
+    const kyo::Json::StaticString* findCollector(int index, std::string_view service) const;
+    void addTo(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
+    void insertEnum(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
+
+    std::atomic<int> m_subscribed{0};
+    const std::string m_name;
+
+    mutable std::shared_mutex m_configuration;  ///< guards the members below
+    std::string m_someIPKey;
+    std::map<int, std::vector<std::string>> m_indexAttributes;
+    std::map<std::string, std::string> m_collectorNames;  ///< by service|resource|index
+    std::vector<Route> m_routes;                          ///< m_collectorNames of this resource, by index
+    std::vector<std::string> m_attributes;
+
+    mutable kyo::Mutex m_workMutex;  ///< guards m_work
+    kyo::Json::Value m_work;
+    kyo::Event m_event;
+};
+
+}  // namespace vlmProd

@@ -1,0 +1,78 @@
+#pragma once
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kyo/Json.h"
+#include "services/BaseServiceObject.h"
+#include "services/Resource.h"
+
+namespace vlmProd {
+
+/// What all adapters do the same way and what does not depend on the proxy's type: the resources, connecting,
+/// subscribing, and the frame of a record. Its log lines carry the concrete class's signatures.
+///
+/// Samples arrive on the middleware's threads while the configuration and discovery threads use the
+/// operations; every operation may be called from any thread.
+class ServiceAdapterBase : public BaseServiceObject {
+  public:
+    bool initProxy() override;
+    bool SubscribeResource(std::string resource) override;
+    void createResourceObject(std::vector<std::string> resources) override;
+    bool isSubscribed(std::string resource) override;
+    void setSomeIPKey(std::string resource, std::string key) override;
+    void setSomeIPIndexAttribute(std::string resource, int index, std::vector<std::string>& names) override;
+    void setCollectorName(std::string service, std::string resource, int index,
+                          std::string collector) override;
+
+    // The by-value operation of the base class stays what it is there: it does nothing.
+    using BaseServiceObject::addProperties;
+    /// Appends the names to the resource's attribute list.
+    virtual void addProperties(std::string resource, std::vector<std::string>& names);
+
+    /// The name under which the registry knows the service; every record carries it.
+    const std::string& serviceName() const { return m_serviceName; }
+    /// The resource of that event, or nothing.
+    std::shared_ptr<Resource> findResource(const std::string& resource) const;
+    /// How long initProxy() pauses after each attempt that finds nothing (1 s unless a test says otherwise).
+    void setAttemptPause(std::chrono::milliseconds pause) { m_attemptPause = pause; }
+
+  protected:
+    enum class Subscription { Done, Refused, NoSuchEvent };
+
+    /// `className` must live as long as the adapter.
+    ServiceAdapterBase(const char* className, std::string serviceName);
+
+    /// Asks the middleware once for the service and connects to the first instance found.
+    virtual bool findAndConnect() = 0;
+    virtual bool isConnected() const = 0;
+    virtual Subscription subscribeEvent(const std::string& event) = 0;
+
+    /// The event's resource for one sample; says so when there is none. Like a map's subscript, it leaves an
+    /// empty entry behind then.
+    std::shared_ptr<Resource> resourceOfSample(const char* event);
+    /// A record with the members that every record has. `event` must live until the process ends.
+    kyo::Json::Value newRecord(const char* event) const;
+    static void countReceived(std::size_t samples);
+    static void forward(Resource& resource, kyo::Json::Value&& record);
+
+  private:
+    const char* const m_className;
+    const std::string m_serviceName;
+    const kyo::Json::StaticString m_serviceNameInRecords;
+    std::chrono::milliseconds m_attemptPause{1000};
+    std::mutex m_connecting;  ///< one initProxy() at a time
+    std::atomic<bool> m_found{false};
+
+    mutable std::shared_mutex m_resourceMutex;  ///< guards the map, not the resources
+    std::map<std::string, std::shared_ptr<Resource>, std::less<>> m_resources;  ///< an entry may be empty
+    std::mutex m_subscribing;  ///< no resource is subscribed twice by two threads at once
+};
+
+}  // namespace vlmProd
