@@ -1,0 +1,36 @@
+#pragma once
+#include <memory>
+#include <string>
+
+#include "bus/Publisher.h"
+#include "bus/Timer.h"
+
+namespace vlmProd {
+
+/// A clock: publishes an on-event message on the bus every duration. Made with std::make_shared; the timer's
+/// thread holds it only while it publishes, so that destroying it ends the clock.
+class OnEventGenerator : public std::enable_shared_from_this<OnEventGenerator> {
+  public:
+    explicit OnEventGenerator(std::string& clockName);
+    ~OnEventGenerator();
+    OnEventGenerator(const OnEventGenerator&) = delete;
+    OnEventGenerator& operator=(const OnEventGenerator&) = delete;
+
+    /// In milliseconds. Set before startOnEventGenerator().
+    void setDuration(long long duration) { m_duration = duration; }
+    /// Starts the clock. The duration is narrowed to int.
+    void startOnEventGenerator();
+    /// Publishes one on-event message.
+    void generateOnEvent();
+    void stopTimer();
+
+    const std::string& getClockName() const { return m_clockName; }
+
+  private:
+    const std::shared_ptr<EventPublisher> m_publisher;
+    const std::shared_ptr<Timer> m_timer;
+    const std::string m_clockName;
+    long long m_duration = 0;
+};
+
+}  // namespace vlmProd

@@ -1,0 +1,120 @@
+#include "bus/PubSubService.h"
+
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "app/VlmLog.h"
+#include "kyo/Status.h"
+
+namespace vlmProd {
+
+namespace {
+
+constexpr unsigned int kMessageWeight = 32;
+
+}  // namespace
+
+PubSubService& PubSubService::getInstance() {
+    // Left to the operating system: a condition must not be destroyed under its waiter.
+    static auto* const instance = new PubSubService;
+    return *instance;
+}
+
+PubSubService::PubSubService() : m_messages(&kyo::Status::counter("queue.bus.dropped")) {}
+
+PubSubService::~PubSubService() = default;
+
+void PubSubService::addMessageToQueue(Message& message) {
+    m_messages.put(message, kMessageWeight);
+    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    m_condition.broadcast();
+}
+
+void PubSubService::addSubscriber(Message::MessageTopicType topic, std::shared_ptr<ISubscriber> subscriber) {
+    const std::lock_guard<kyo::Mutex> lock(m_tableMutex);
+    if (const auto entry = m_subscribers.find(topic); entry != m_subscribers.end()) {
+        entry->second.insert(std::move(subscriber));
+        VLM_LOG(5, "Added new sub in existing type: " << topic);
+    } else {
+        m_subscribers[topic].insert(std::move(subscriber));
+        VLM_LOG(5, "Inserted new sub for type: " << topic);
+    }
+}
+
+void PubSubService::removeSubscriber(Message::MessageTopicType topic,
+                                     std::shared_ptr<ISubscriber> subscriber) {
+    const std::lock_guard<kyo::Mutex> lock(m_tableMutex);
+    if (const auto entry = m_subscribers.find(topic); entry != m_subscribers.end()) {
+        // The entry stays, possibly empty: messages of the topic are then dropped without a line.
+        entry->second.erase(subscriber);
+        VLM_LOG(5, "Removed sub for type: " << topic);
+    } else {
+        VLM_LOG(5, "No sub found for type: " << topic);
+    }
+}
+
+void PubSubService::awakeThread() {
+    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    VLM_LOG(5, "Waking up the pubsub service thread");
+    m_condition.broadcast();
+}
+
+void PubSubService::stopThread() {
+    m_stop = true;
+}
+
+void PubSubService::releasePubSubService() {
+    VLM_TRACE(7);
+}
+
+void PubSubService::run() {
+    VLM_LOG(6, "Started PubSubService consumer");
+    detach();
+    m_running = true;
+    while (!m_stop && drainOnce()) {
+        const std::lock_guard<kyo::Mutex> lock(m_mutex);
+        VLM_LOG(5, "Going to wait mode in vlm pubsub service thread. There is no messages to process");
+        m_condition.wait(m_mutex);
+        VLM_LOG(5, "VLM Pubsub service thread has awaken up to process message");
+    }
+    m_running = false;
+}
+
+bool PubSubService::drainOnce() {
+    Message message;
+    while (m_messages.take(&message)) {
+        VLM_LOG(6, "Read from PubSubService Q");
+        processMessage(message);
+        if (m_stop) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void PubSubService::processMessage(Message& message) {
+    Subscribers receivers;
+    {
+        const std::lock_guard<kyo::Mutex> lock(m_tableMutex);
+        const auto entry = m_subscribers.find(message.getTopic());
+        if (entry == m_subscribers.end()) {
+            VLM_LOG(4, "No subscriber for msg:" << message.getTopic());
+            return;
+        }
+        // A copy, so that registrations during the delivery do not disturb the walk.
+        receivers = entry->second;
+    }
+    for (const auto& receiver : receivers) {
+        try {
+            std::thread([receiver, copy = message]() mutable { receiver->sendMessage(copy); }).detach();
+        } catch (const std::system_error& error) {
+            static auto& failed = kyo::Status::counter("threads.failed");
+            failed.add();
+            VLM_LOG(3, "No thread for the delivery of a message, one subscriber misses it: " << error.what());
+        }
+    }
+}
+
+}  // namespace vlmProd
