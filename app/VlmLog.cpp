@@ -28,4 +28,16 @@ std::string logSignature(std::string_view prettyFunction) {
     return text;
 }
 
+const std::string& logPrefix(std::string_view prettyFunction) {
+    return *new std::string(logSignature(prettyFunction) + " ");
+}
+
+const std::string& logPrefix(std::string_view prettyFunction, int line) {
+    return *new std::string(logSignature(prettyFunction) + ":" + std::to_string(line) + " ");
+}
+
+const std::string& tracePrefix(std::string_view prettyFunction, int line) {
+    return *new std::string(logSignature(prettyFunction) + ":" + std::to_string(line));
+}
+
 }  // namespace vlmProd

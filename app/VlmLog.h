@@ -21,40 +21,40 @@ namespace vlmProd {
 /// JSON values as "kyo::Json::Value", references and pointers without a blank before them.
 std::string logSignature(std::string_view prettyFunction);
 
+/// A call site's prefix, made once and never destroyed: detached threads still log while the process ends.
+const std::string& logPrefix(std::string_view prettyFunction);              ///< "<signature> "
+const std::string& logPrefix(std::string_view prettyFunction, int line);    ///< "<signature>:<line> "
+const std::string& tracePrefix(std::string_view prettyFunction, int line);  ///< "<signature>:<line>"
+
 }  // namespace vlmProd
 
-#define VLM_LOG_COMPOSE_(level, prefixExpression, ...)                       \
-    do {                                                                     \
-        if (::kyo::Log::enabled(level)) {                                    \
-            static const std::string vlmLogPrefix = prefixExpression;        \
-            ::kyo::Log vlmLogLine;                                           \
-            vlmLogLine.get(level) << vlmLogPrefix << __VA_ARGS__;            \
-        }                                                                    \
+#define VLM_LOG_COMPOSE_(level, prefix, ...)                            \
+    do {                                                                \
+        if (::kyo::Log::enabled(level)) {                               \
+            static const std::string& vlmLogPrefix = ::vlmProd::prefix; \
+            ::kyo::Log vlmLogLine;                                      \
+            vlmLogLine.get(level) << vlmLogPrefix << __VA_ARGS__;       \
+        }                                                               \
     } while (false)
 
-#define VLM_LOG_AT(level, line, ...)                                                                      \
-    VLM_LOG_COMPOSE_(level,                                                                               \
-                     ::vlmProd::logSignature(__PRETTY_FUNCTION__) + ":" + std::to_string(line) + " ",     \
-                     __VA_ARGS__)
+#define VLM_LOG_AT(level, line, ...) \
+    VLM_LOG_COMPOSE_(level, logPrefix(__PRETTY_FUNCTION__, line), __VA_ARGS__)
 #define VLM_LOG(level, ...) VLM_LOG_AT(level, __LINE__, __VA_ARGS__)
-#define VLM_LOG_PLAIN(level, ...) \
-    VLM_LOG_COMPOSE_(level, ::vlmProd::logSignature(__PRETTY_FUNCTION__) + " ", __VA_ARGS__)
-#define VLM_TRACE(level)                                                                                 \
-    VLM_LOG_COMPOSE_(level, ::vlmProd::logSignature(__PRETTY_FUNCTION__) + ":" + std::to_string(__LINE__), \
-                     "")
+#define VLM_LOG_PLAIN(level, ...) VLM_LOG_COMPOSE_(level, logPrefix(__PRETTY_FUNCTION__), __VA_ARGS__)
+#define VLM_TRACE(level) VLM_LOG_COMPOSE_(level, tracePrefix(__PRETTY_FUNCTION__, __LINE__), "")
 
 // The signature may differ from call to call here (one body that serves many classes), so it is not kept.
-#define VLM_LOG_AS(level, signature, ...)                                             \
-    do {                                                                              \
-        if (::kyo::Log::enabled(level)) {                                             \
-            ::kyo::Log vlmLogLine;                                                    \
+#define VLM_LOG_AS(level, signature, ...)                                                \
+    do {                                                                                 \
+        if (::kyo::Log::enabled(level)) {                                                \
+            ::kyo::Log vlmLogLine;                                                       \
             vlmLogLine.get(level) << signature << ':' << __LINE__ << ' ' << __VA_ARGS__; \
-        }                                                                             \
+        }                                                                                \
     } while (false)
-#define VLM_LOG_PLAIN_AS(level, signature, ...)                      \
-    do {                                                             \
-        if (::kyo::Log::enabled(level)) {                            \
-            ::kyo::Log vlmLogLine;                                   \
+#define VLM_LOG_PLAIN_AS(level, signature, ...)                       \
+    do {                                                              \
+        if (::kyo::Log::enabled(level)) {                             \
+            ::kyo::Log vlmLogLine;                                    \
             vlmLogLine.get(level) << signature << ' ' << __VA_ARGS__; \
-        }                                                            \
+        }                                                             \
     } while (false)

@@ -1,0 +1,149 @@
+#pragma once
+/// Captures what the application logs, line by line, for as long as the object lives:
+///
+///     LogCapture log;
+///     ...
+///     EXPECT_TRUE(log.has(3, "Collector name is not found, dropping the record"));
+///     EXPECT_THAT(log.messages(5), ElementsAre("one", "two"));
+///     ASSERT_TRUE(log.waitFor("Started IngressQueue consumer"));
+///
+/// Any thread may log; the sink itself is never destroyed. One LogCapture at a time.
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kyo/Log.h"
+
+namespace vlmTest {
+
+struct LoggedLine {
+    int level = 0;
+    std::string text;       ///< the whole line
+    std::string signature;  ///< what stands before ":<line>"; before the message of a line without a number
+    int line = 0;           ///< the number in the prefix; 0 without one
+    std::string message;    ///< what follows the prefix and its blank; empty for an entry trace
+};
+
+/// Takes a line apart: "<signature>:<line> <message>", or "<signature> <message>" with a signature that ends
+/// with ')' or '>'.
+inline LoggedLine parseLogLine(int level, std::string text) {
+    LoggedLine out;
+    out.level = level;
+    out.text = std::move(text);
+    const std::string& all = out.text;
+    const auto digit = [&](std::size_t at) {
+        return at < all.size() && std::isdigit(static_cast<unsigned char>(all[at])) != 0;
+    };
+    const std::size_t closing = all.find(')');
+    for (std::size_t at = all.find(':', closing == std::string::npos ? 0 : closing); at != std::string::npos;
+         at = all.find(':', at + 1)) {
+        std::size_t end = at + 1;
+        while (digit(end)) {
+            ++end;
+        }
+        if (end > at + 1 && (end == all.size() || all[end] == ' ')) {
+            out.signature = all.substr(0, at);
+            out.line = std::stoi(all.substr(at + 1, end - at - 1));
+            out.message = end < all.size() ? all.substr(end + 1) : "";
+            return out;
+        }
+    }
+    std::size_t end = all.find(") ");
+    if (const std::size_t lambda = all.find(")> "); lambda != std::string::npos) {
+        end = lambda + 1;
+    }
+    out.signature = end == std::string::npos ? "" : all.substr(0, end + 1);
+    out.message = end == std::string::npos ? all : all.substr(end + 2);
+    return out;
+}
+
+class LogCapture {
+  public:
+    explicit LogCapture(int level = 7) : m_levelBefore(kyo::Log::getReportingLevel()) {
+        clear();
+        kyo::Log::setProductLogger(&sink());
+        kyo::Log::setReportingLevel(level);
+    }
+    ~LogCapture() {
+        kyo::Log::setReportingLevel(m_levelBefore);
+        kyo::Log::setProductLogger(nullptr);
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    void clear() {
+        const std::lock_guard<std::mutex> lock(sink().guard);
+        sink().lines.clear();
+    }
+
+    std::vector<LoggedLine> lines() const {
+        const std::lock_guard<std::mutex> lock(sink().guard);
+        return sink().lines;
+    }
+
+    /// The messages of one level, in order, without entry traces; of all levels for -1.
+    std::vector<std::string> messages(int level = -1) const {
+        std::vector<std::string> out;
+        for (const LoggedLine& line : lines()) {
+            if ((level < 0 || line.level == level) && !line.message.empty()) {
+                out.push_back(line.message);
+            }
+        }
+        return out;
+    }
+
+    /// How often exactly that message came at that level (any for -1).
+    std::size_t count(int level, const std::string& message) const {
+        const auto all = messages(level);
+        return static_cast<std::size_t>(std::count(all.begin(), all.end(), message));
+    }
+    bool has(int level, const std::string& message) const { return count(level, message) > 0; }
+
+    /// True when a message at that level (any for -1) contains `part`.
+    bool hasPart(int level, const std::string& part) const {
+        const auto all = messages(level);
+        return std::any_of(all.begin(), all.end(),
+                           [&](const std::string& m) { return m.find(part) != std::string::npos; });
+    }
+
+    /// Waits until a message that contains `part` has come `times` times; false at the deadline.
+    bool waitFor(const std::string& part, std::size_t times = 1,
+                 std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+        std::unique_lock<std::mutex> lock(sink().guard);
+        return sink().changed.wait_until(lock, std::chrono::steady_clock::now() + limit, [&] {
+            return static_cast<std::size_t>(
+                       std::count_if(sink().lines.begin(), sink().lines.end(), [&](const LoggedLine& line) {
+                           return line.message.find(part) != std::string::npos;
+                       })) >= times;
+        });
+    }
+
+  private:
+    class Sink : public kyo::ProductLogger {
+      public:
+        void logData(std::string message, kyo::LogLevel level) override {
+            LoggedLine line = parseLogLine(level, std::move(message));
+            const std::lock_guard<std::mutex> lock(guard);
+            lines.push_back(std::move(line));
+            changed.notify_all();
+        }
+        std::mutex guard;
+        std::condition_variable changed;
+        std::vector<LoggedLine> lines;  ///< guarded by guard
+    };
+
+    // Never destroyed: a detached thread of an earlier test may still log.
+    static Sink& sink() {
+        static Sink* const instance = new Sink;
+        return *instance;
+    }
+
+    int m_levelBefore;
+};
+
+}  // namespace vlmTest
