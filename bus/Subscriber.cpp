@@ -27,6 +27,9 @@ void SubscriberImpl::unSubscribe(Message::MessageTopicType /*topic*/) {}
 void SubscriberImpl::subscribeForOnEventCallback() {}
 
 void SubscriberImpl::sendMessage(Message& message) {
+    if (!m_callback) {
+        throw std::bad_function_call();
+    }
     m_callback->executeOnEventCallback(message);
 }
 

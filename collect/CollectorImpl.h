@@ -1,0 +1,76 @@
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "bus/ConcurrentQueue.h"
+#include "collect/ICollector.h"
+#include "collect/TextedRecord.h"
+#include "config/CollectorOnEventType.h"
+#include "kyo/Mutex.h"
+#include "kyo/ThreadCondition.h"
+
+namespace vlmProd {
+
+/// The state machine of one collector. Every record arrives in the input queue; in the state History it
+/// passes at once to the output queue, whose content becomes a signal collection at the next tick. What waits
+/// in the input queue is trimmed to the history duration, measured between the time stamps of its first and
+/// its last record in order of arrival.
+///
+/// All operations may be called from any thread. Records pass between the queues, and are trimmed, under the
+/// collector's mutex, by one thread at a time. At a tick the output queue is drained beside that.
+class CollectorImpl : public ICollector {
+  public:
+    CollectorImpl(std::string name, long long historyDuration, std::string serviceName,
+                  std::string resourceName, int index, std::string onEventName, CollectorOnEventType type);
+    ~CollectorImpl() override;
+    CollectorImpl(const CollectorImpl&) = delete;
+    CollectorImpl& operator=(const CollectorImpl&) = delete;
+
+    void onOnEventCallback(Message message) override;
+    void insertRecord(kyo::Json::Value& record) override;
+    /// The same for a record that the caller gives away.
+    void insertRecord(TextedRecord record);
+    void setHistoryDuration(long long duration) override { m_history = duration; }
+
+    void setState(ICollector::State state) { m_state = state; }
+    ICollector::State getState() const { return m_state; }
+    void moveToReportState();
+    void moveToLagState();
+    void moveToHistoryState();
+
+    /// Moves what the state and the history allow from the input to the output queue.
+    void moveRecFromInputqToOutputq();
+    /// Drains the output queue into a signal collection and hands that to report control.
+    void moveRecordFromOutputqToReportBuffer();
+    /// Drains the output queue into a signal collection.
+    kyo::Json::Value buildCollection();
+    void clearOutputQueue();
+
+    const std::string& getName() const { return m_name; }
+    /// 24 for each waiting record.
+    unsigned int inputWeight() { return m_input.size(); }
+    unsigned int outputWeight() { return m_output.size(); }
+
+  private:
+    /// Trims the input queue. True when its records may pass. Call with m_mutex held.
+    bool validateRecord();
+    kyo::Json::Value emptyCollection() const;
+
+    std::atomic<ICollector::State> m_state{ICollector::History};
+    const std::string m_name;
+    ConcurrentQueue<TextedRecord> m_input;
+    ConcurrentQueue<kyo::Json::Value> m_output;
+    kyo::Mutex m_mutex;                ///< held while records are trimmed or pass between the queues
+    kyo::ThreadCondition m_condition;  ///< nothing waits on it
+    const std::int64_t m_lag = 0;
+    std::atomic<long long> m_history;  ///< in the unit of the time stamps: milliseconds
+    const std::string m_serviceName;
+    const std::string m_resourceName;
+    const int m_index;
+    const std::string m_onEventName;
+    const CollectorOnEventType m_onEventType;
+    std::atomic<std::int64_t> m_lastOnEvent{0};  ///< wall clock in milliseconds; 0 before the first tick
+};
+
+}  // namespace vlmProd

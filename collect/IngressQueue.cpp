@@ -1,0 +1,147 @@
+#include "collect/IngressQueue.h"
+
+#include <chrono>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "app/JsonFields.h"
+#include "app/VlmLog.h"
+#include "config/ConfigResponseHandler.h"
+#include "kyo/Status.h"
+
+namespace vlmProd {
+
+namespace {
+
+std::atomic<IngressQueue*> ingressSingleton{nullptr};
+std::mutex ingressSingletonGuard;
+
+constexpr const char* kInsertRecord = "void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&)";
+
+}  // namespace
+
+IngressQueue* IngressQueue::getInstance() {
+    if (auto* const instance = ingressSingleton.load(std::memory_order_acquire)) {
+        return instance;
+    }
+    const std::lock_guard<std::mutex> lock(ingressSingletonGuard);
+    if (ingressSingleton == nullptr) {
+        ingressSingleton = new IngressQueue;
+        kyo::Status::gauge("queue.ingress.bytes", [] {
+            auto* const instance = ingressSingleton.load();
+            return kyo::Json::Value(instance != nullptr ? instance->queuedBytes() : 0U);
+        });
+    }
+    return ingressSingleton;
+}
+
+IngressQueue::IngressQueue()
+    : IngressQueue([](TextedRecord record) {
+          ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record.value));
+      }) {}
+
+IngressQueue::IngressQueue(Dispatch dispatch)
+    : m_dispatch(std::move(dispatch)), m_records(&kyo::Status::counter("queue.ingress.dropped")) {}
+
+IngressQueue::~IngressQueue() = default;
+
+void IngressQueue::insertRecord(kyo::Json::Value& record) {
+    insertRecord(TextedRecord(record));
+}
+
+void IngressQueue::insertRecord(TextedRecord record) {
+    if (kyo::Log::enabled(7)) {
+        kyo::Log().get(7) << kInsertRecord << ':' << __LINE__;
+    }
+    const auto length = static_cast<unsigned int>(record.asText().size());
+    VLM_LOG_AS(5, kInsertRecord, "record len~" << length);
+    if (kyo::Log::enabled(5)) {
+        VLM_LOG_AS(5, kInsertRecord, "Record Json = " << record.asText());
+        VLM_LOG_AS(5, kInsertRecord,
+                   "collectorname :: insertrecord" << textOf(member(record.value, "collectorName")));
+    } else {
+        record.text.reset();  // nobody is going to read it again
+    }
+    static auto& converted = kyo::Status::counter("samples.converted");
+    if (m_records.put(std::move(record), length)) {
+        converted.add();
+    }
+    m_condition.broadcast();
+}
+
+void IngressQueue::SendWakeupSignal() {
+    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    VLM_LOG(5, "Waking up Ingress queue thread to process the record");
+    m_condition.broadcast();
+}
+
+void IngressQueue::stopIngressQueueThread() {
+    m_stop = true;
+    SendWakeupSignal();
+}
+
+void IngressQueue::releaseIngressQueue() {
+    m_stop = true;
+    SendWakeupSignal();
+    // The thread must be out of this object, and above all out of its wait, before the object goes.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (started() && !m_ended) {
+        if (std::chrono::steady_clock::now() > limit) {
+            VLM_LOG(3, "The ingress queue's thread does not end; the queue stays");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        m_condition.broadcast();
+    }
+    auto* self = this;
+    ingressSingleton.compare_exchange_strong(self, nullptr);
+    delete this;
+}
+
+void IngressQueue::run() {
+    VLM_LOG(5, "Started IngressQueue consumer");
+    detach();
+    m_running = true;
+    while (!m_stop && drainOnce()) {
+        if (m_stop) {
+            break;
+        }
+        const std::lock_guard<kyo::Mutex> lock(m_mutex);
+        VLM_LOG(7, "Conditional wait because There is nothing to process in Ingress queue.");
+        m_condition.wait(m_mutex);
+        VLM_LOG(7, "Awaken Inress queue thread to process records");
+    }
+    m_running = false;
+    m_ended = true;  // the last touch: releaseIngressQueue() may destroy this object now
+}
+
+bool IngressQueue::drainOnce() {
+    TextedRecord record;
+    while (m_records.take(&record)) {
+        if (m_stop) {
+            return false;
+        }
+        VLM_LOG(5, "From ingress Q~");
+        dispatch(std::move(record));
+    }
+    return true;
+}
+
+void IngressQueue::dispatch(TextedRecord record) {
+    static auto& dispatched = kyo::Status::counter("records.dispatched");
+    static auto& failed = kyo::Status::counter("threads.failed");
+    // The function is copied: the thread may outlive this object.
+    try {
+        std::thread([target = m_dispatch, mine = std::move(record)]() mutable {
+            target(std::move(mine));
+        }).detach();
+        dispatched.add();
+    } catch (const std::system_error& error) {
+        failed.add();
+        VLM_LOG(3, "No thread for the dispatch of a record, the record is lost: " << error.what());
+    }
+}
+
+}  // namespace vlmProd

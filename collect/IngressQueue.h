@@ -1,0 +1,65 @@
+#pragma once
+#include <atomic>
+#include <functional>
+
+#include "bus/ConcurrentQueue.h"
+#include "collect/TextedRecord.h"
+#include "kyo/Json.h"
+#include "kyo/Mutex.h"
+#include "kyo/Thread.h"
+#include "kyo/ThreadCondition.h"
+
+namespace vlmProd {
+
+/// The single entry of all records into the collection pipeline. Middleware threads put records in; one
+/// thread takes them out in order of arrival and hands each one, on a detached thread of its own, to the
+/// collector that the record names. Records may therefore reach their collector in any order.
+///
+/// The base setup calls start() once; the thread runs until the process ends. Producers wake it without its
+/// lock: a record that comes just as the thread goes to sleep waits for the next one.
+class IngressQueue : public kyo::Thread {
+  public:
+    using Dispatch = std::function<void(TextedRecord)>;
+
+    /// Created on the first call. Left to the operating system: its thread waits on the condition until the
+    /// process ends.
+    static IngressQueue* getInstance();
+
+    /// A queue whose records go to their collectors.
+    IngressQueue();
+    /// A queue whose records go to `dispatch`, called on a thread for each record.
+    explicit IngressQueue(Dispatch dispatch);
+    ~IngressQueue() override;
+
+    void run() override;
+
+    /// Queues a copy of the record and wakes the thread; returns quickly. Called on middleware threads. A
+    /// record whose queue could not be locked in ten tries is lost and counted.
+    void insertRecord(kyo::Json::Value& record);
+    /// The same for a record that the caller gives away; its text, if it has one, must be that of its value.
+    void insertRecord(TextedRecord record);
+    void SendWakeupSignal();
+    /// Ends the thread at its next check. A record that it takes then is dropped.
+    void stopIngressQueueThread();
+    /// Stops the thread and destroys this object.
+    void releaseIngressQueue();
+
+    /// Dispatches what is queued now: one round of the thread. False when the stop flag ended it.
+    bool drainOnce();
+    /// Bytes of compact JSON text waiting.
+    unsigned int queuedBytes() { return m_records.size(); }
+    bool isRunning() const { return m_running; }
+
+  private:
+    void dispatch(TextedRecord record);
+
+    const Dispatch m_dispatch;
+    ConcurrentQueue<TextedRecord> m_records;
+    kyo::Mutex m_mutex;  ///< for sleeping and waking only
+    kyo::ThreadCondition m_condition;
+    std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_ended{false};
+};
+
+}  // namespace vlmProd

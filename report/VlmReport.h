@@ -1,0 +1,57 @@
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kyo/Json.h"
+
+namespace vlmProd {
+
+/// How closely reported data may be tied to a vehicle or a person.
+enum class PrivacyGroup : std::int32_t { Anonymous = 0, Pseudonymous = 1, Personal = 2 };
+
+/// One configured report: its identity, the collectors that it gathers and its sequence number, which counts
+/// from 1 and is not kept over a restart. Owned by report control; the setters are called before the report
+/// is built for the first time, createReport() from one thread at a time.
+class VlmReport {
+  public:
+    /// Takes the catalog's version as function id: the catalog must have been created.
+    explicit VlmReport(std::string reportName);
+
+    void setCollectorsName(std::vector<std::string> names);
+    bool isCollectionPartOfReport(std::string collectorName);
+    /// The same without a line in the log.
+    bool gathers(const std::string& collectorName) const;
+
+    /// Builds the report from those of the signal collections that belong to it, and counts it. What cannot
+    /// be read as a collection is left out.
+    kyo::Json::Value createReport(kyo::Json::Value& collections, std::string catalogId);
+    /// The same, but takes collection i out of the array, instead of copying it, where `lastUse[i]` says
+    /// that nobody needs it any more; its name must be in `names[i]`.
+    kyo::Json::Value createReport(kyo::Json::Value& collections, const std::vector<std::string>& names,
+                                  const std::vector<bool>& lastUse, const std::string& catalogId);
+
+    std::string getReportName() const { return m_reportName; }
+    void setPrivacyType(PrivacyGroup group) { m_privacyGroup = group; }
+    PrivacyGroup getPrivacyType() const { return m_privacyGroup; }
+    void setApplicationName(std::string name) { m_applicationName = std::move(name); }
+    void setConfigName(std::string name) { m_configName = std::move(name); }
+    void setConfigVersion(std::string version) { m_configVersion = std::move(version); }
+
+  private:
+    const std::string m_reportName;
+    std::string m_applicationName;
+    std::string m_configName;
+    std::string m_configVersion;
+    std::int32_t m_sequenceNumber = 1;
+    const std::int32_t m_numPartitions = 1;
+    const std::string m_transactionTypeId = "TTORX-VLMOtaAnon.COORXVLMAnon";
+    const std::string m_functionId;
+    PrivacyGroup m_privacyGroup = PrivacyGroup::Anonymous;
+    std::vector<std::string> m_listOfCollectorNames;
+};
+
+/// The collector's name in a signal collection; empty when it has none.
+std::string collectionName(const kyo::Json::Value& collection);
+
+}  // namespace vlmProd

@@ -1,0 +1,235 @@
+#include "report/VlmReportControl.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "app/JsonFields.h"
+#include "app/VlmLog.h"
+#include "kyo/Status.h"
+#include "report/VlmDataSubmissionControl.h"
+
+namespace vlmProd {
+
+using kyo::Json::Value;
+
+namespace {
+
+constexpr unsigned int kCollectionWeight = 24;
+
+std::atomic<VlmReportControl*> reportControlSingleton{nullptr};
+std::mutex reportControlSingletonGuard;
+
+std::string place(kyo::Json::ArrayIndex report, const char* name) {
+    return "REPORT[" + std::to_string(report) + "]." + name;
+}
+
+/// The text, or empty with a message for what cannot be one.
+std::string readText(const Value& value, const std::string& where) {
+    std::string text;
+    if (!toText(value, text)) {
+        VLM_LOG(3, where << " is " << kindOf(value) << ", not a text; it is left out");
+    }
+    return text;
+}
+
+}  // namespace
+
+VlmReportControl& VlmReportControl::getInstance() {
+    if (auto* const instance = reportControlSingleton.load(std::memory_order_acquire)) {
+        return *instance;
+    }
+    const std::lock_guard<std::mutex> lock(reportControlSingletonGuard);
+    if (reportControlSingleton == nullptr) {
+        reportControlSingleton = new VlmReportControl;
+    }
+    return *reportControlSingleton;
+}
+
+VlmReportControl::VlmReportControl()
+    : VlmReportControl(
+          [](Value& report) { VlmDataSubmissionControl::getInstance()->addReportToShippingQueue(report); }) {}
+
+VlmReportControl::VlmReportControl(Ship ship)
+    : m_ship(std::move(ship)), m_collections(&kyo::Status::counter("queue.report.dropped")) {}
+
+VlmReportControl::~VlmReportControl() = default;
+
+void VlmReportControl::initializeReportControl(Value reports, std::string configName,
+                                               std::string configVersion) {
+    if (!reports.isArray()) {
+        VLM_LOG(3, "REPORT is " << kindOf(reports) << ", not an array; no report is configured");
+        return;
+    }
+    for (kyo::Json::ArrayIndex i = 0; i < reports.size(); ++i) {
+        const Value& block = reports[i];
+        std::string name;
+        if (!block.isObject() || !toText(member(block, "name"), name)) {
+            VLM_LOG(3, place(i, "name") << " is no text; the report is left out");
+            continue;
+        }
+        const std::string application = readText(member(block, "application"), place(i, "application"));
+        const auto report = std::make_shared<VlmReport>(name);
+        const Value& from = member(block, "from");
+        if (!from.isArray() && !from.isNull()) {
+            VLM_LOG(3, place(i, "from")
+                           << " is " << kindOf(from) << ", not an array; the report gathers nothing");
+        }
+        std::vector<std::string> collectors;
+        for (kyo::Json::ArrayIndex k = 0; from.isArray() && k < from.size(); ++k) {
+            std::string collector;
+            if (!toText(from[k], collector)) {
+                VLM_LOG(3, place(i, "from")
+                               << "[" << k << "] is " << kindOf(from[k]) << ", not a text; it is left out");
+                continue;
+            }
+            VLM_LOG(5, "Collector from 'From' block: " << collector);
+            collectors.push_back(std::move(collector));
+        }
+        report->setCollectorsName(std::move(collectors));
+        report->setApplicationName(application);
+        report->setConfigName(configName);
+        report->setConfigVersion(configVersion);
+        {
+            const std::lock_guard<kyo::Mutex> lock(m_configurationMutex);
+            m_reportMap.emplace(name, report);
+        }
+        VLM_LOG(5, "ApplicationName, ConfigName, ConfigVersion: " << application << ", " << configName << ", "
+                                                                  << configVersion);
+    }
+}
+
+void VlmReportControl::setCatalogId(std::string catalogId) {
+    const std::lock_guard<kyo::Mutex> lock(m_configurationMutex);
+    m_catalogId = std::move(catalogId);
+}
+
+void VlmReportControl::getCatalogId(std::string& catalogId) {
+    const std::lock_guard<kyo::Mutex> lock(m_configurationMutex);
+    catalogId = m_catalogId;
+}
+
+std::map<std::string, std::shared_ptr<VlmReport>> VlmReportControl::reports() const {
+    const std::lock_guard<kyo::Mutex> lock(m_configurationMutex);
+    return m_reportMap;
+}
+
+void VlmReportControl::addToReport(Value collection) {
+    VLM_LOG(5, "Inside VlmReportControl::addToReport\n\n\n");
+    m_collections.put(std::move(collection), kCollectionWeight);
+    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    m_condition.broadcast();
+}
+
+void VlmReportControl::processReportQueue(Value aggregated) {
+    const auto configured = reports();
+    VLM_LOG(5, "Size of m_reportMap: " << configured.size());
+    std::string catalogId;
+    getCatalogId(catalogId);
+
+    std::vector<std::string> names;
+    if (aggregated.isArray()) {
+        for (const auto& collection : aggregated) {
+            names.push_back(collectionName(collection));
+        }
+    }
+    // A collection moves into the last report that gathers it; the log shows the whole batch to each report.
+    std::vector<const VlmReport*> last(names.size(), nullptr);
+    if (!kyo::Log::enabled(5)) {
+        for (const auto& [name, report] : configured) {
+            for (std::size_t i = 0; i < names.size(); ++i) {
+                if (report->gathers(names[i])) {
+                    last[i] = report.get();
+                }
+            }
+        }
+    }
+    std::vector<bool> lastUse(names.size());
+    for (const auto& [name, report] : configured) {
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            lastUse[i] = last[i] == report.get();
+        }
+        Value built = report->createReport(aggregated, names, lastUse, catalogId);
+        VLM_LOG(5, "ZEPH-49288: VLM wants to send the VLM Report to shipping buffer");
+        m_ship(built);
+    }
+}
+
+void VlmReportControl::SendWakeupSignal() {
+    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    m_condition.broadcast();
+}
+
+void VlmReportControl::stopVlmReportControlThread() {
+    m_stop = true;
+}
+
+void VlmReportControl::releaseVlmReportControl() {
+    m_stop = true;
+    SendWakeupSignal();
+    // The thread must be out of this object, and above all out of its wait, before the object goes.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (started() && !m_ended) {
+        if (std::chrono::steady_clock::now() > limit) {
+            VLM_LOG(3, "Report control's thread does not end; the control stays");
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        SendWakeupSignal();
+    }
+    auto* self = this;
+    reportControlSingleton.compare_exchange_strong(self, nullptr);
+    delete this;
+}
+
+void VlmReportControl::drainOnce() {
+    Value aggregated(kyo::Json::arrayValue);
+    Value collection;
+    while (m_collections.take(&collection)) {
+        VLM_LOG(5, "From Report Q~");
+        aggregated.append(std::move(collection));
+    }
+    VLM_LOG(5, "Size of Aggregated output data = " << aggregated.size());
+    if (kyo::Log::enabled(5)) {
+        for (kyo::Json::ArrayIndex i = 0; i < aggregated.size(); ++i) {
+            VLM_LOG(5, "AGGREGATED DATA I = " << i << "  and JSON = " << aggregated[i]);
+        }
+        VLM_LOG(5, "Aggreegated output data = " << aggregated);
+    }
+    if (aggregated.empty()) {
+        VLM_LOG(4, "The Report control thread does not have any aggregated data to report.");
+        return;
+    }
+    processReportQueue(std::move(aggregated));
+}
+
+void VlmReportControl::run() {
+    VLM_LOG(5, "Started VlmReportControl consumer");
+    detach();
+    m_running = true;
+    while (!m_stop) {
+        drainOnce();
+        if (m_stop) {
+            break;
+        }
+        {
+            const std::lock_guard<kyo::Mutex> lock(m_mutex);
+            VLM_LOG(7, "Conditional wait because There is nothing to process in Report queue.");
+            m_condition.wait(m_mutex);
+            VLM_LOG(7, "Awaken Report Control thread to process records");
+        }
+        if (!m_stop) {
+            // The collections of one tick arrive on separate threads; this pause makes one batch of them.
+            sleep(1);
+        }
+    }
+    VLM_LOG(5, "Exiting the ReportControl thread");
+    m_running = false;
+    m_ended = true;  // the last touch: releaseVlmReportControl() may destroy this object now
+}
+
+}  // namespace vlmProd

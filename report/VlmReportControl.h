@@ -1,0 +1,79 @@
+#pragma once
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "bus/ConcurrentQueue.h"
+#include "kyo/Json.h"
+#include "kyo/Mutex.h"
+#include "kyo/Thread.h"
+#include "kyo/ThreadCondition.h"
+#include "report/VlmReport.h"
+
+namespace vlmProd {
+
+/// Gathers the signal collections that the collectors hand over at a tick and ships one report for each
+/// configured report. Its thread, woken by the first collection, waits one second so that all collectors of
+/// the tick have delivered.
+///
+/// The first step of the base setup starts the thread, which then runs until the process ends. All operations
+/// may be called from any thread.
+class VlmReportControl : public kyo::Thread {
+  public:
+    using Ship = std::function<void(kyo::Json::Value&)>;
+
+    /// Created on first use. Left to the operating system: its thread waits on the condition until the
+    /// process ends.
+    static VlmReportControl& getInstance();
+
+    /// A control whose reports go to data submission control's shipping queue.
+    VlmReportControl();
+    /// A control whose reports go to `ship`, called on the control's thread.
+    explicit VlmReportControl(Ship ship);
+    ~VlmReportControl() override;
+
+    void run() override;
+
+    /// Adds a report for each element of the configuration's report blocks. One whose name is there already
+    /// stays as it is. An element or a member of the wrong type is left out with a message that names it.
+    void initializeReportControl(kyo::Json::Value reports, std::string configName, std::string configVersion);
+    void setCatalogId(std::string catalogId);
+    void getCatalogId(std::string& catalogId);
+
+    /// Queues one signal collection and wakes the thread. Never blocks for long; a collection whose queue
+    /// could not be locked in ten tries is lost and counted.
+    void addToReport(kyo::Json::Value collection);
+    /// Builds and ships every configured report, in the order of their names, from an array of collections.
+    void processReportQueue(kyo::Json::Value aggregated);
+
+    void SendWakeupSignal();
+    /// Ends the thread at its next check; does not wake it.
+    void stopVlmReportControlThread();
+    /// Stops the thread and destroys this object.
+    void releaseVlmReportControl();
+
+    /// Ships what is queued now: one round of the thread.
+    void drainOnce();
+    /// 24 for each queued collection.
+    unsigned int queued() { return m_collections.size(); }
+    bool isRunning() const { return m_running; }
+
+  private:
+    std::map<std::string, std::shared_ptr<VlmReport>> reports() const;
+
+    const Ship m_ship;
+    ConcurrentQueue<kyo::Json::Value> m_collections;
+    kyo::Mutex m_mutex;  ///< for sleeping and waking only
+    kyo::ThreadCondition m_condition;
+    std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_ended{false};
+
+    mutable kyo::Mutex m_configurationMutex;  ///< guards the members below
+    std::map<std::string, std::shared_ptr<VlmReport>> m_reportMap;
+    std::string m_catalogId;
+};
+
+}  // namespace vlmProd
