@@ -1,0 +1,39 @@
+#pragma once
+/// What the checks ask a signal catalog.
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tools/check/Document.h"
+
+namespace vlmCheck {
+
+class CatalogView {
+  public:
+    /// Takes what can be understood; the rest of a faulty catalog is left out.
+    explicit CatalogView(const Document& document);
+
+    std::vector<std::string> services() const;
+    bool hasService(const std::string& service) const { return m_services.count(service) != 0; }
+    std::vector<std::string> resources(const std::string& service) const;
+    bool hasResource(const std::string& service, const std::string& resource) const;
+    std::set<int> instances(const std::string& service, const std::string& resource) const;
+    /// The member of a sample that selects the instance ("type").
+    std::string keyProperty(const std::string& service, const std::string& resource) const;
+    /// The services that have a resource of that name.
+    std::vector<std::string> servicesWith(const std::string& resource) const;
+
+  private:
+    struct Resource {
+        std::string key;
+        std::set<int> instances;
+    };
+    std::map<std::string, std::map<std::string, Resource>> m_services;
+};
+
+/// Reads an instance id as the system does: leading white space, a sign, digits; what follows is left.
+/// False where the system would end its start-up.
+bool readInstanceId(const std::string& text, int& id);
+
+}  // namespace vlmCheck

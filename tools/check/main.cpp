@@ -1,0 +1,186 @@
+/// vlm-check: tells whether a configuration, catalog or manifest is good before it reaches a vehicle.
+#include <cxxopts.hpp>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/check/Checks.h"
+#include "tools/check/Suggest.h"
+
+namespace {
+
+using namespace vlmCheck;
+
+constexpr const char* installedCatalog = "/etc/VLM_Available_Signals_Catalog_20210311.json";
+
+const std::map<std::string, Kind> kindNames = {{"application", Kind::Application},
+                                               {"catalog", Kind::Catalog},
+                                               {"collector", Kind::Collector},
+                                               {"manifest", Kind::Manifest}};
+
+struct Result {
+    std::string file;
+    std::string kind;
+    std::vector<Finding> findings;
+
+    std::size_t count(Severity severity) const {
+        std::size_t number = 0;
+        for (const auto& finding : findings) {
+            number += finding.severity == severity ? 1 : 0;
+        }
+        return number;
+    }
+};
+
+void print(const Result& result) {
+    for (const auto& finding : result.findings) {
+        std::cout << result.file;
+        if (finding.line != 0) {
+            std::cout << ':' << finding.line;
+        }
+        std::cout << ": " << (finding.severity == Severity::Error ? "error" : "warning") << ": ";
+        if (!finding.path.empty()) {
+            std::cout << finding.path << ": ";
+        }
+        std::cout << finding.reason << '\n';
+        if (!finding.suggestion.empty()) {
+            std::cout << "    " << finding.suggestion << '\n';
+        }
+    }
+    const auto errors = result.count(Severity::Error);
+    const auto warnings = result.count(Severity::Warning);
+    std::cout << result.file << ": " << (errors == 0 ? "good" : "not good");
+    if (!result.kind.empty()) {
+        std::cout << " (" << result.kind << ")";
+    }
+    if (errors != 0 || warnings != 0) {
+        std::cout << ", " << errors << (errors == 1 ? " error, " : " errors, ") << warnings
+                  << (warnings == 1 ? " warning" : " warnings");
+    }
+    std::cout << '\n';
+}
+
+kyo::Json::Value toJson(const Result& result) {
+    kyo::Json::Value out(kyo::Json::objectValue);
+    out["file"] = result.file;
+    out["kind"] = result.kind;
+    out["good"] = result.count(Severity::Error) == 0;
+    out["findings"] = kyo::Json::Value(kyo::Json::arrayValue);
+    for (const auto& finding : result.findings) {
+        kyo::Json::Value entry;
+        entry["severity"] = finding.severity == Severity::Error ? "error" : "warning";
+        entry["line"] = static_cast<kyo::Json::UInt64>(finding.line);
+        entry["path"] = finding.path;
+        entry["reason"] = finding.reason;
+        entry["suggestion"] = finding.suggestion;
+        out["findings"].append(std::move(entry));
+    }
+    return out;
+}
+
+/// The catalog that names are held against. Nothing, with a reason, when there is none that can be used.
+std::optional<Document> openCatalog(const std::string& path, std::string& problem) {
+    Document document;
+    std::vector<Finding> findings;
+    if (!readDocument(path, document, findings)) {
+        problem = path + " " + findings.front().reason;
+        return std::nullopt;
+    }
+    return document;
+}
+
+int run(int argc, char** argv) {
+    cxxopts::Options options(
+        "vlm-check",
+        "Tells whether collector configurations, application configurations, signal catalogs "
+        "and machine manifests are good.\nExit status: 0 when all are (warnings allowed), else 1.");
+    options.add_options()("catalog", "signal catalog that names are held against",
+                          cxxopts::value<std::string>(), "FILE")(
+        "kind", "collector, application, catalog or manifest; guessed from the content without it",
+        cxxopts::value<std::string>(), "KIND")("json", "findings as a JSON array")("h,help", "this text")(
+        "files", "files to check", cxxopts::value<std::vector<std::string>>());
+    options.parse_positional("files");
+    options.positional_help("FILE...");
+    const auto arguments = options.parse(argc, argv);
+    if (arguments.count("help") != 0) {
+        std::cout << options.help() << '\n';
+        return 0;
+    }
+    if (arguments.count("files") == 0) {
+        std::cerr << "vlm-check: no file given\n" << options.help() << '\n';
+        return 1;
+    }
+    std::optional<Kind> wanted;
+    if (arguments.count("kind") != 0) {
+        const auto name = arguments["kind"].as<std::string>();
+        const auto found = kindNames.find(name);
+        if (found == kindNames.end()) {
+            std::cerr << "vlm-check: unknown kind \"" << name
+                      << "\": collector, application, catalog or manifest\n";
+            return 1;
+        }
+        wanted = found->second;
+    }
+
+    std::string problem;
+    const bool catalogGiven = arguments.count("catalog") != 0;
+    const auto catalogPath =
+        catalogGiven ? arguments["catalog"].as<std::string>() : std::string(installedCatalog);
+    const auto catalogDocument = openCatalog(catalogPath, problem);
+    if (catalogGiven && !catalogDocument) {
+        std::cerr << "vlm-check: " << problem << '\n';
+        return 1;
+    }
+    std::optional<CatalogView> catalog;
+    if (catalogDocument) {
+        catalog.emplace(*catalogDocument);
+    }
+
+    bool allGood = true;
+    kyo::Json::Value all(kyo::Json::arrayValue);
+    for (const auto& file : arguments["files"].as<std::vector<std::string>>()) {
+        Result result{file, "", {}};
+        Document document;
+        if (readDocument(file, document, result.findings)) {
+            const auto kind = wanted ? wanted : guessKind(document);
+            if (!kind) {
+                result.findings.push_back(
+                    {Severity::Error, 1, "$", "looks like none of the known files",
+                     "say what it is with --kind collector|application|catalog|manifest"});
+            } else {
+                result.kind = nameOf(*kind);
+                const auto found = checkDocument(document, *kind, catalog ? &*catalog : nullptr);
+                result.findings.insert(result.findings.end(), found.begin(), found.end());
+                if (*kind == Kind::Collector && !catalog) {
+                    result.findings.push_back({Severity::Warning, 0, "",
+                                               "services, resources and indexes were not checked: " + problem,
+                                               "name a catalog with --catalog"});
+                }
+            }
+        }
+        allGood = allGood && result.count(Severity::Error) == 0;
+        if (arguments.count("json") != 0) {
+            all.append(toJson(result));
+        } else {
+            print(result);
+        }
+    }
+    if (arguments.count("json") != 0) {
+        std::cout << all.toStyledString();
+    }
+    return allGood ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {  // cxxopts' own, and what nobody expects
+        std::cerr << "vlm-check: " << error.what() << '\n';
+        return 1;
+    }
+}
