@@ -1,0 +1,117 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "config/CollectorOnEventType.h"
+#include "kyo/Json.h"
+
+namespace vlmProd {
+
+/// Outcome of the parser's operations; the numbers are fixed, the missing ones are reserved.
+enum class ConfigErrorCode : std::int32_t {
+    Ok = 0,
+    EmptyInput = 1,            ///< no document, no path, or a file that cannot be opened
+    InvalidConfiguration = 2,  ///< not JSON, or refused by the validation
+    ConfigBlockMissing = 6,
+    ServiceNotFound = 7,
+    ResourceNotFound = 8,
+    ReportBlockMissing = 11,
+    CollectorNotFound = 12,
+    BlockOrFieldMissing = 14,
+    OnEventTypeNotFound = 15,
+};
+
+/// Reads, validates and answers questions about one collector configuration: a JSON object with the arrays
+/// "CONFIG", "CLOCK", "REPORT", "COLLECT" and "COMPARE" (docs/collector-configuration.md).
+///
+/// One parse per object: a new configuration gets a new parser. Nothing throws on bad content; a member of
+/// the wrong type is refused by the parse and named with its place ("COLLECT[2].index"). No lock: one
+/// operation at a time, as the lookups that remember their last result change the object.
+class ConfigParser {
+  public:
+    ConfigParser();
+
+    /// True when the document was accepted and the getters may be used. On false `code` tells why, the
+    /// refused document stays held and all fields stay empty.
+    bool parseFromLocalFile(std::string& path, ConfigErrorCode& code);
+    bool parseFromJson(kyo::Json::Value& json, ConfigErrorCode& code);
+
+    /// Parts of the validation of the held document. The codes they leave on a failure differ by check.
+    bool ValidateCollectBlock(ConfigErrorCode& code);
+    bool ValidateClockName(ConfigErrorCode& code);
+    bool ValidateReport(ConfigErrorCode& code);
+    bool ValidateConfiguration(ConfigErrorCode& code);
+
+    /// Parts of the extraction into the fields.
+    void populateConfig(ConfigErrorCode& code);
+    void populateClock(ConfigErrorCode& code);
+    void populateReport(ConfigErrorCode& code);
+    void populateCollect(ConfigErrorCode& code);
+    void populateOnEventType();
+
+    std::string getConfigName() { return m_configName; }
+    std::string getConfigVersion() { return m_configVersion; }
+    std::string getClockName() { return m_clockName; }
+    /// Milliseconds, never below one minute.
+    std::int32_t getClockDuration() { return m_clockDuration; }
+    std::string getReportName() { return m_reportName; }
+    std::string getApplicationName() { return m_applicationName; }
+
+    /// The "REPORT" array; null with a code when there is none.
+    kyo::Json::Value configReportBlock(ConfigErrorCode& code);
+    /// The "COLLECT" array, or null.
+    kyo::Json::Value getAllCollectorBlock();
+
+    /// Which collector a record belongs to: "<serv>Proxy|<res>|<index>" to the collector's name. The first
+    /// of two collectors with one key wins. Adds to `out`.
+    void getAllCollects(std::map<std::string, std::string>& out);
+    /// Collector name to history duration in milliseconds.
+    void getAllCollectorNames(ConfigErrorCode& code, std::map<std::string, long long>& out);
+    /// Distinct service names in order of first appearance.
+    std::vector<std::string> getAllConfiguredServices(ConfigErrorCode& code);
+    int getCollectorObjCount(ConfigErrorCode& code);
+    /// Distinct indexes configured for a service and resource. Adds to `out`.
+    void getAllIndexes(std::string serv, std::string res, std::vector<int>& out);
+    /// Service name to its distinct resource names in order of first appearance. Adds to `out`.
+    void populateAllServicesAndResources(std::map<std::string, std::vector<std::string>>& out);
+    /// The index of the last collector of a service and resource, or -1.
+    int getResourceIndexValue(std::string serv, std::string res);
+
+    /// Lookups that remember their result, and answer the remembered one where the name is not known.
+    std::string getResources(std::string serv, ConfigErrorCode& code);
+    std::string getServiceName(std::string collectName, ConfigErrorCode& code);
+    /// Any collector with that resource name counts, whatever its service; the last one wins.
+    int getIndexNumber(std::string collectName, std::string serv, std::string res, ConfigErrorCode& code);
+    /// The collector's service and resource; before it stands the pair remembered from the lookup before,
+    /// unless the collector is the configuration's first.
+    std::map<std::string, std::string> getServiceAndResource(std::string collectName, ConfigErrorCode& code);
+
+    /// `Clock` with OnEventTypeNotFound for a name that no clock and no compare block has.
+    CollectorOnEventType getOnEventType(std::string name, ConfigErrorCode& code);
+
+  private:
+    bool everyFieldConverts() const;
+    const kyo::Json::Value& block(const char* name) const;
+
+    kyo::Json::Value m_document;
+    std::string m_configFilePath;
+    std::string m_configName;
+    std::string m_configVersion;
+    std::string m_clockName;
+    std::int32_t m_clockDuration = 0;
+    std::string m_reportName;
+    std::string m_applicationName;
+    std::int32_t m_rememberedIndex = 0;
+    std::string m_rememberedService;
+    std::string m_rememberedResource;
+    // One entry per collect clause, in document order.
+    std::vector<std::string> m_listOfCollectorNames;
+    std::vector<std::string> m_listOfServiceNames;
+    std::vector<std::string> m_listOfResourceNames;
+    std::vector<std::int32_t> m_listOfIndexes;
+    std::map<std::string, CollectorOnEventType> m_onEventTypes;
+};
+
+}  // namespace vlmProd
