@@ -1,7 +1,8 @@
 #pragma once
+#include <rttr/variant.h>
 #include <atomic>
 #include <map>
-#include <rttr/variant.h>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -59,7 +60,7 @@ class Resource {
         kyo::Json::StaticString collector;
     };
 
-    const kyo::Json::StaticString* findCollector(int index, std::string_view service) const;
+    std::optional<kyo::Json::StaticString> findCollector(int index, std::string_view service) const;
     void addTo(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
     void insertEnum(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
 
