@@ -1,0 +1,127 @@
+#include "qdr/services/DescribedBinding.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string_view>
+
+namespace qdr::services {
+
+namespace {
+
+/// The whole number that a value stands for: true as 1, a number without a fraction, an enumerator's name.
+struct WholeNumber {
+    bool valid = false;
+    bool negative = false;
+    std::uint64_t magnitude = 0;
+};
+
+WholeNumber wholeNumber(const FieldInfo& field, const FieldValue& value) {
+    WholeNumber result;
+    const auto set = [&result](auto number) {
+        result.valid = true;
+        result.negative = number < 0;
+        result.magnitude =
+            result.negative ? 0 - static_cast<std::uint64_t>(number) : static_cast<std::uint64_t>(number);
+    };
+    if (const auto* flag = std::get_if<bool>(&value)) {
+        set(*flag ? std::int64_t{1} : std::int64_t{0});
+    } else if (const auto* number = std::get_if<std::int64_t>(&value)) {
+        set(*number);
+    } else if (const auto* count = std::get_if<std::uint64_t>(&value)) {
+        result.valid = true;
+        result.magnitude = *count;
+    } else if (const auto* real = std::get_if<double>(&value)) {
+        constexpr double beyond = 9223372036854775808.0;  // 2^63
+        if (std::trunc(*real) == *real && *real >= -beyond && *real < beyond) {
+            set(static_cast<std::int64_t>(*real));
+        }
+    } else {
+        const std::string_view name = std::get<std::string>(value);
+        const auto found =
+            std::find_if(field.enumerators.begin(), field.enumerators.end(),
+                         [name](const EnumeratorInfo& enumerator) { return name == enumerator.name; });
+        if (found != field.enumerators.end()) {
+            set(found->value);
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+const FieldValue* SampleSource::find(std::size_t field) {
+    const auto found = m_values.find(m_event.fields[field].name);
+    if (found == m_values.end()) {
+        return nullptr;
+    }
+    ++m_found;
+    return &found->second;
+}
+
+void SampleSource::refuse(std::size_t field) {
+    if (m_error.empty()) {
+        const FieldInfo& info = m_event.fields[field];
+        m_error = m_event.name + ": the value of " + info.name + " does not fit " + info.type;
+    }
+}
+
+std::optional<std::int64_t> SampleSource::signedInteger(std::size_t field, const FieldValue& value,
+                                                        std::int64_t minimum, std::int64_t maximum) {
+    const WholeNumber number = wholeNumber(m_event.fields[field], value);
+    const std::uint64_t limit =
+        number.negative ? 0 - static_cast<std::uint64_t>(minimum) : static_cast<std::uint64_t>(maximum);
+    if (!number.valid || number.magnitude > limit) {
+        refuse(field);
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(number.negative ? 0 - number.magnitude : number.magnitude);
+}
+
+std::optional<std::uint64_t> SampleSource::unsignedInteger(std::size_t field, const FieldValue& value,
+                                                           std::uint64_t maximum) {
+    const WholeNumber number = wholeNumber(m_event.fields[field], value);
+    if (!number.valid || number.negative || number.magnitude > maximum) {
+        refuse(field);
+        return std::nullopt;
+    }
+    return number.magnitude;
+}
+
+std::optional<double> SampleSource::real(std::size_t field, const FieldValue& value) {
+    if (const auto* number = std::get_if<double>(&value)) {
+        return *number;
+    }
+    if (const auto* number = std::get_if<std::int64_t>(&value)) {
+        return static_cast<double>(*number);
+    }
+    if (const auto* number = std::get_if<std::uint64_t>(&value)) {
+        return static_cast<double>(*number);
+    }
+    refuse(field);
+    return std::nullopt;
+}
+
+std::optional<std::string> SampleSource::text(std::size_t field, const FieldValue& value) {
+    if (const auto* text = std::get_if<std::string>(&value)) {
+        return *text;
+    }
+    refuse(field);
+    return std::nullopt;
+}
+
+std::string SampleSource::error() {
+    if (m_error.empty() && m_found != m_values.size()) {
+        for (const auto& [name, value] : m_values) {
+            const bool known =
+                std::any_of(m_event.fields.begin(), m_event.fields.end(),
+                            [&name = name](const FieldInfo& field) { return name == field.name; });
+            if (!known) {
+                m_error = m_event.name + " has no field " + name;
+                break;
+            }
+        }
+    }
+    return m_error;
+}
+
+}  // namespace qdr::services

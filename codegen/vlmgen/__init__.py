@@ -1,0 +1,1 @@
+"""Generates the communication bindings, adapters, catalog and documentation from service descriptions."""

@@ -1,0 +1,67 @@
+"""The tables by which Wireshark's SOME/IP dissector decodes the payloads (4.0; a folder for WIRESHARK_CONFIG_DIR)."""
+
+TABLES = ("SOMEIP_service_identifiers", "SOMEIP_method_event_identifiers", "SOMEIP_eventgroup_identifiers",
+          "SOMEIP_parameter_list", "SOMEIP_parameter_arrays", "SOMEIP_parameter_structs", "SOMEIP_parameter_enums",
+          "SOMEIP_parameter_strings", "SOMEIP_parameter_base_types")
+
+_BASE_TYPES = {
+    "bool": ("uint8", 8), "uint8": ("uint8", 8), "uint16": ("uint16", 16), "uint32": ("uint32", 32),
+    "uint64": ("uint64", 64), "int8": ("int8", 8), "int16": ("int16", 16), "int32": ("int32", 32),
+    "int64": ("int64", 64), "float": ("float32", 32), "double": ("float64", 64),
+}
+_BASE_TYPE_IDS = {name: number for number, name in enumerate(_BASE_TYPES, start=1)}
+_STRING_ID = 1
+_NOTIFICATION = 2
+
+
+def tables(services):
+    rows = {table: [] for table in TABLES}
+    for name, number in _BASE_TYPE_IDS.items():
+        kind, bits = _BASE_TYPES[name]
+        rows["SOMEIP_parameter_base_types"].append((_hex(number, 8), name, kind, "TRUE", bits, bits))
+    rows["SOMEIP_parameter_strings"].append((_hex(_STRING_ID, 8), "string", "utf-8", "TRUE", 0, 32, "TRUE", 0))
+    struct_id = enum_id = 0
+    for service in services:
+        sid = _hex(service.service_id, 4)
+        rows["SOMEIP_service_identifiers"].append((sid, service.name))
+        enum_ids = {}
+        for enumeration in service.enumerations:
+            # The dissector keeps enumerators as unsigned numbers: signed ones show as their number only.
+            if min(enumerator.value for enumerator in enumeration.enumerators) < 0:
+                continue
+            enum_id += 1
+            enum_ids[enumeration.name] = enum_id
+            for enumerator in enumeration.enumerators:
+                rows["SOMEIP_parameter_enums"].append((
+                    _hex(enum_id, 8), f"{service.name}.{enumeration.name}", "basic",
+                    _hex(_BASE_TYPE_IDS[enumeration.base], 8), len(enumeration.enumerators),
+                    _hex(enumerator.value, 1), enumerator.name))
+        for event in service.events:
+            struct_id += 1
+            eid = _hex(event.event_id, 4)
+            name = f"{service.name}.{event.name}"
+            rows["SOMEIP_method_event_identifiers"].append((sid, eid, event.name))
+            rows["SOMEIP_eventgroup_identifiers"].append((sid, _hex(event.eventgroup, 4), event.name))
+            rows["SOMEIP_parameter_list"].append((
+                sid, eid, service.major_version, _hex(_NOTIFICATION, 1), "FALSE", 1, 0, "samples", "array",
+                _hex(struct_id, 8), f"{service.ns}.{event.name.lower()}"))
+            rows["SOMEIP_parameter_arrays"].append((
+                _hex(struct_id, 8), f"{name} samples", "struct", _hex(struct_id, 8), 1, 0, 0, 65535, 32, 0,
+                f"{service.ns}.{event.name.lower()}.samples"))
+            for field in event.fields:
+                rows["SOMEIP_parameter_structs"].append((
+                    _hex(struct_id, 8), event.data_type, 32, 0, "TRUE", len(event.fields), field.data_id, field.name,
+                    *_data_type(field, enum_ids), f"{service.ns}.{event.name.lower()}.{field.name.lower()}"))
+    return {table: "".join(",".join(f'"{cell}"' for cell in row) + "\n" for row in rows[table]) for table in TABLES}
+
+
+def _data_type(field, enum_ids):
+    if field.type in enum_ids:
+        return "enum", _hex(enum_ids[field.type], 8)
+    if field.scalar == "string":
+        return "string", _hex(_STRING_ID, 8)
+    return "basic", _hex(_BASE_TYPE_IDS[field.scalar], 8)
+
+
+def _hex(number, digits):
+    return f"{number:0{digits}x}"
