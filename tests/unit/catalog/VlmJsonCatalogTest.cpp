@@ -1,0 +1,197 @@
+// The signal catalog: what it answers, what it says about faults in the file, and which of them end the
+// process.
+#include "catalog/VlmJsonCatalog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using vlmProd::FilesReturnCode;
+using vlmProd::VlmJsonCatalog;
+using vlmTest::LogCapture;
+using vlmTest::TemporaryFolder;
+
+constexpr char kCatalog[] = R"({
+  "meta": {"vlmVersion": "7.1"},
+  "services": {
+    "GNSS": {
+      "positions": {"loadFactor": 10, "serviceId": "0x1101", "someipKeyProperty": "type",
+        "instances": {"2": [{"property": "b", "signal": "S.b", "privacy_group": 1},
+                            {"property": "a", "signal": "S.a", "privacy_group": 1}],
+                      "1": [{"property": "z", "signal": "S.z", "privacy_group": 2},
+                            {"property": "a", "signal": "S.a", "privacy_group": 2}],
+                      "01": [{"property": "first", "signal": "S", "privacy_group": 0}],
+                      "3": "skipped"}},
+      "bare": {"loadFactor": 1, "serviceId": "0x1101"}
+    },
+    "Empty": {}
+  }
+})";
+
+class VlmJsonCatalogTest : public testing::Test {
+  protected:
+    VlmJsonCatalogTest() : m_path(m_folder.write("catalog.json", kCatalog)) {}
+
+    std::string write(const std::string& content) { return m_folder.write("other.json", content); }
+
+    TemporaryFolder m_folder;
+    std::string m_path;
+    LogCapture m_log;
+    FilesReturnCode m_code = FilesReturnCode::PathNotValid;
+};
+
+TEST_F(VlmJsonCatalogTest, answers_from_the_file) {
+    VlmJsonCatalog catalog(m_path);
+    EXPECT_EQ(catalog.getNumberOfServices(), 2);
+    EXPECT_EQ(catalog.getCatalogVersion(), "7.1");
+    EXPECT_THAT(catalog.getServicesNames(m_code), ElementsAre("Empty", "GNSS"));
+    EXPECT_EQ(catalog.getSomeIPKey("GNSS", "positions", m_code), "type");
+    EXPECT_EQ(m_code, FilesReturnCode::Ok);
+    EXPECT_EQ(catalog.getSomeIPKey("GNSS", "bare", m_code), "");
+    EXPECT_EQ(m_code, FilesReturnCode::Ok);
+    EXPECT_THAT(catalog.getAllInstancesOfAService("GNSS", m_code),
+                ElementsAre(Pair("bare", IsEmpty()), Pair("positions", ElementsAre(1, 2))));
+    EXPECT_EQ(m_code, FilesReturnCode::Ok);
+    EXPECT_THAT(catalog.getAllInstancesOfAService("Empty", m_code), IsEmpty());
+}
+
+TEST_F(VlmJsonCatalogTest, properties_come_in_file_order_and_each_is_logged) {
+    VlmJsonCatalog catalog(m_path);
+    m_log.clear();
+    EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 2), ElementsAre("b", "a"));
+    EXPECT_THAT(m_log.messages(5), ElementsAre("Populating for the INSTANCE 2 and property = b",
+                                               "Populating for the INSTANCE 2 and property = a"));
+    // "01" is instance 1 too, and comes first in the order of the names.
+    EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 1), ElementsAre("first"));
+}
+
+TEST_F(VlmJsonCatalogTest, what_is_not_in_the_catalog_is_told_by_message_and_code) {
+    VlmJsonCatalog catalog(m_path);
+    m_log.clear();
+    EXPECT_THAT(catalog.getAllProperties("None", "r", 1), IsEmpty());
+    EXPECT_THAT(catalog.getAllProperties("GNSS", "r", 1), IsEmpty());
+    EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 9), IsEmpty()) << "without a message";
+    EXPECT_EQ(catalog.getSomeIPKey("None", "r", m_code), "");
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
+    EXPECT_EQ(catalog.getSomeIPKey("GNSS", "r", m_code), "");
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
+    EXPECT_THAT(catalog.getAllInstancesOfAService("None", m_code), IsEmpty());
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceNotFound);
+    EXPECT_THAT(m_log.messages(3),
+                ElementsAre("Service None  not found in json catalog",
+                            "Service GNSS and resource r not found in json catalog",
+                            "Failed to get the services info from Json Catalog file for the service None",
+                            "Failed to get the resource info from Json Catalog file for the service GNSS and "
+                            "resource r",
+                            "Service name not found"));
+}
+
+TEST_F(VlmJsonCatalogTest, a_file_without_its_blocks_is_an_empty_catalog) {
+    VlmJsonCatalog catalog(write("[]"));
+    EXPECT_EQ(catalog.getNumberOfServices(), 0);
+    EXPECT_EQ(catalog.getCatalogVersion(), "");
+    EXPECT_THAT(catalog.getServicesNames(m_code), IsEmpty());
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
+    EXPECT_EQ(catalog.getSomeIPKey("a", "b", m_code), "");
+    EXPECT_EQ(m_log.count(3, "Failed to get the services info from Json Catalog file"), 4u);
+}
+
+TEST_F(VlmJsonCatalogTest, wrong_types_are_named_and_the_rest_is_loaded) {
+    VlmJsonCatalog catalog(write(R"({"meta":{"vlmVersion":["7"]}, "services":{
+        "A":{"r":{"loadFactor":"x","serviceId":[],"someipKeyProperty":{},
+                  "instances":{"1":[5,{"property":[],"signal":7,"privacy_group":4294967296},{"property":"p"}]}},
+             "s":[], "t":{"instances":[]}},
+        "B":3, "C":null}})"));
+    EXPECT_EQ(catalog.getCatalogVersion(), "");
+    EXPECT_THAT(
+        m_log.messages(3),
+        ElementsAre("services.A.r.loadFactor: a 32-bit number is expected, found a text",
+                    "services.A.r.serviceId: a text is expected, found an array",
+                    "services.A.r.someipKeyProperty: a text is expected, found an object",
+                    "services.A.r.instances.1[0]: an object is expected, found a number",
+                    "services.A.r.instances.1[1].property: a text is expected, found an array",
+                    "services.A.r.instances.1[1].privacy_group: a 32-bit number is expected, found a number",
+                    "services.A.s: an object is expected, found an array",
+                    "Couldnot find the JSON value for the resource s",
+                    "services.A.t.instances: an object is expected, found an array",
+                    "Couldnot find the instances JSON value for the resource ",
+                    "services.B: an object is expected, found a number",
+                    "Couldnot find the JSON value for the service B",
+                    "Couldnot find the JSON value for the service C",
+                    "meta.vlmVersion: a text is expected, found an array"));
+    EXPECT_THAT(catalog.getAllProperties("A", "r", 1), ElementsAre("", "p"));
+    EXPECT_EQ(catalog.getSomeIPKey("A", "r", m_code), "");
+    EXPECT_THAT(catalog.getAllInstancesOfAService("B", m_code), IsEmpty());
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceNotFound);
+}
+
+TEST_F(VlmJsonCatalogTest, an_instance_id_that_is_no_int_is_named_and_thrown) {
+    const auto with = [this](const std::string& id) {
+        return write(R"({"services":{"S":{"r":{"instances":{")" + id + R"(":[]}}}}})");
+    };
+    EXPECT_THROW(VlmJsonCatalog{with("front")}, std::invalid_argument);
+    EXPECT_TRUE(m_log.has(3, "services.S.r.instances.front: an instance id is a decimal number of 32 bits"));
+    EXPECT_THROW(VlmJsonCatalog{with("2147483648")}, std::out_of_range);
+}
+
+class StandardErrorLogger : public kyo::ProductLogger {
+  public:
+    void logData(std::string message, kyo::LogLevel level) override {
+        std::cerr << level << ' ' << message << '\n';
+    }
+};
+
+// In a process of its own, whose log goes to standard error.
+FilesReturnCode createWithLogOnStandardError(const std::string& path) {
+    kyo::Log::setProductLogger(new StandardErrorLogger);
+    FilesReturnCode code = FilesReturnCode::Ok;
+    VlmJsonCatalog::createSingleton(path, code);
+    return code;
+}
+
+TEST(VlmJsonCatalogSingleton, a_missing_or_malformed_file_ends_the_process) {
+    const TemporaryFolder folder;
+    LogCapture log;
+    EXPECT_EXIT(createWithLogOnStandardError(""), testing::ExitedWithCode(1),
+                "3 .* Catalog file path not provided!\n");
+    EXPECT_EXIT(createWithLogOnStandardError(folder.file("absent.json")), testing::ExitedWithCode(1),
+                "3 .* Catalog file path not valid\\.\n");
+    EXPECT_EXIT(createWithLogOnStandardError(folder.write("broken.json", "{\"services\"")),
+                testing::ExitedWithCode(250), "3 .* catalog file parsing not successful, check format\n");
+}
+
+TEST(VlmJsonCatalogSingleton, is_created_once_and_not_used_before) {
+    const TemporaryFolder folder;
+    LogCapture log;
+    const auto thrownBy = [](auto&& call) -> std::string {
+        try {
+            call();
+        } catch (const std::string& text) {
+            return text;
+        }
+        return "nothing was thrown";
+    };
+    FilesReturnCode code = FilesReturnCode::PathNotValid;
+    EXPECT_EQ(thrownBy([] { VlmJsonCatalog::getInstance(); }),
+              "VlmJsonCatalog::getInstance() ERROR: JsonCatalog not created yet!");
+    EXPECT_EQ(thrownBy([] { VlmJsonCatalog(""); }), "Catalog file path not provided!");
+    EXPECT_EQ(thrownBy([&] { VlmJsonCatalog(folder.file("absent")); }), "Catalog file path not valid");
+    const std::string path = folder.write("catalog.json", kCatalog);
+    VlmJsonCatalog* const created = VlmJsonCatalog::createSingleton(path, code);
+    EXPECT_EQ(code, FilesReturnCode::Ok);
+    EXPECT_EQ(VlmJsonCatalog::getInstance(), created);
+    EXPECT_EQ(thrownBy([&] { VlmJsonCatalog::createSingleton(path, code); }),
+              "VlmJsonCatalog::create() ERROR: Catalog already created!");
+}
+
+}  // namespace
