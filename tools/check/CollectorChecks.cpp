@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <set>
 #include <string>
@@ -117,7 +118,7 @@ void checkReports(const Place& root, Findings& findings) {
     }
     for (const auto& collector : root.member("COLLECT").elements()) {
         const std::string name = collector.member("name").text();
-        if (!name.empty() && gathered.count(name) == 0) {
+        if (!name.empty() && gathered.insert(name).second) {  // once for a name given twice
             findings.warning(
                 collector,
                 "no report gathers collector " + inQuotes(name) + ": what it collects is never sent",
@@ -205,7 +206,7 @@ void checkCollectors(const Place& root, const CatalogView* catalog, Findings& fi
                 suggestion.empty() ? "known: " + listed(drivers) : suggestion);
         }
         const Place history = collector.member("history");
-        if (history.value->isNumeric() && !history.value->isInt64() && !history.value->isDouble()) {
+        if (history.value->isNumeric() && std::abs(history.value->asDouble()) >= 9223372036854775808.0) {
             findings.error(history, "is out of range", "write a period in milliseconds");
         } else if (history.value->isNumeric() && history.value->asDouble() < 0) {
             findings.warning(history, "is negative: nothing older than the newest record is kept",

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "machine/Manifest.h"
 #include "tools/check/Checks.h"
@@ -23,12 +24,14 @@ void checkInstances(const Place& resource, Findings& findings) {
     std::map<int, std::string> seen;
     for (const auto& id : instances.value->getMemberNames()) {
         const Place instance = instances.member(id);
+        if (id.find_first_not_of("-0123456789") != std::string::npos) {
+            continue;  // the schema has said so
+        }
         int number = 0;
         if (!readInstanceId(id, number)) {
-            findings.error(
-                instance,
-                "instance id " + inQuotes(id) + " is no number that an int holds: vlmmaster does not start",
-                "write a decimal number");
+            findings.error(instance,
+                           "instance id " + inQuotes(id) + " does not fit: vlmmaster does not start with it",
+                           "write a number from -2147483648 to 2147483647");
             continue;
         }
         if (const auto [first, isNew] = seen.emplace(number, id); !isNew) {
@@ -118,14 +121,20 @@ void checkCatalog(const Document& document, Findings& findings) {
 }
 
 void checkManifest(const Document& document, Findings& findings) {
+    const auto& said = findings.list();
+    const bool refused =
+        std::any_of(said.begin(), said.end(), [](const Finding& f) { return f.severity == Severity::Error; });
     machine::Manifest manifest;
     std::string error;
     if (!machine::readManifest(document.root, manifest, error)) {
-        const auto& list = findings.list();
-        const bool said = std::any_of(list.begin(), list.end(),
-                                      [](const Finding& f) { return f.severity == Severity::Error; });
-        if (!said) {
-            findings.error(Place::rootOf(document), error, "");
+        if (!refused) {  // "someip.discovery.port: a number is expected"
+            Place place = Place::rootOf(document);
+            const auto colon = error.find(": ");
+            std::istringstream keys(error.substr(0, colon));
+            for (std::string key; colon != std::string::npos && std::getline(keys, key, '.');) {
+                place = place.member(key);
+            }
+            findings.error(place, colon == std::string::npos ? error : error.substr(colon + 2));
         }
         return;
     }
@@ -134,39 +143,23 @@ void checkManifest(const Document& document, Findings& findings) {
     const auto& tls = manifest.backend.mqtt;
     for (const auto& [key, file] :
          {std::pair{"caFile", tls.caFile}, {"certFile", tls.certFile}, {"keyFile", tls.keyFile}}) {
-        if (file.empty()) {
-            continue;
-        }
         std::error_code ignored;
-        if (!tls.tls) {
-            findings.warning(mqtt.member(key), "is not used while \"tls\" is false", "set \"tls\": true");
-        } else if (!std::filesystem::exists(file, ignored)) {
-            findings.warning(mqtt.member(key), inQuotes(file) + " does not exist on this machine", "");
+        if (!file.empty() && !std::filesystem::exists(file, ignored)) {
+            findings.warning(mqtt.member(key), inQuotes(file) + " does not exist on this machine");
         }
-    }
-    if (tls.certFile.empty() != tls.keyFile.empty()) {
-        findings.error(mqtt, "\"certFile\" and \"keyFile\" go together", "give both or none");
     }
     if (!tls.password.empty() && tls.user.empty()) {
         findings.warning(mqtt.member("password"), "is not used without a user", "add \"user\"");
     }
-    if (tls.reconnectMinSeconds > tls.reconnectMaxSeconds) {
-        findings.warning(mqtt, "\"reconnectMinSeconds\" is above \"reconnectMaxSeconds\"", "");
-    }
     const auto& discovery = manifest.someip.discovery;
-    if (discovery.initialDelayMinMs > discovery.initialDelayMaxMs) {
-        findings.warning(root.member("someip").member("discovery"),
-                         "\"initialDelayMinMs\" is above \"initialDelayMaxMs\"", "");
-    }
     if (discovery.cyclicOfferMs >= discovery.ttlSeconds * std::uint64_t{1000}) {
         findings.warning(root.member("someip").member("discovery"),
                          "offers are repeated no sooner than they expire",
                          "keep \"cyclicOfferMs\" below a third of \"ttlSeconds\"");
     }
     const Place backend = root.member("backend");
-    const bool isMqtt = manifest.backend.transport == "mqtt";
-    if (backend.has(isMqtt ? "directory" : "mqtt") && !backend.has("transport")) {
-        findings.warning(backend, "\"transport\" is not given, so \"directory\" is used",
+    if (backend.has("mqtt") && !backend.has("transport")) {
+        findings.warning(backend, "\"transport\" is not given, so \"directory\" is used and \"mqtt\" is not",
                          "add \"transport\": \"mqtt\"");
     }
 }

@@ -65,6 +65,9 @@ std::string number(const Value& value) {
 std::string range(const Value& schema) {
     const Value& minimum = get(schema, "minimum");
     const Value& maximum = get(schema, "maximum");
+    if (minimum.isInt() && minimum.asInt() == kyo::Json::Value::minInt) {
+        return "";  // any number that the system's integers hold
+    }
     if (!minimum.isNull() && !maximum.isNull()) {
         return " from " + number(minimum) + " to " + number(maximum);
     }
@@ -175,7 +178,8 @@ void checkMemberNames(const Place& place, const Value& schema, Findings& finding
             suggestion = "known here: " + listed(get(schema, "properties").getMemberNames());
         }
         if (refused && !get(schema, "patternProperties").empty()) {
-            findings.error(child, inQuotes(key) + " is no instance id", "write a decimal number");
+            findings.error(child, inQuotes(key) + " is no instance id: vlmmaster may not start with it",
+                           "write a decimal number");
         } else if (refused) {
             findings.error(child, inQuotes(key) + " is not known", suggestion);
         } else {

@@ -48,7 +48,7 @@ std::string nearest(const std::string& text, const std::vector<std::string>& kno
     std::size_t bestDistance = 1 + std::max<std::size_t>(1, text.size() / 3);
     for (const auto& candidate : known) {
         const std::size_t distance = candidate.size() > longest ? longest : editDistance(text, candidate);
-        if (distance < bestDistance) {
+        if (distance < bestDistance && distance < text.size()) {
             bestDistance = distance;
             best = candidate;
         }
