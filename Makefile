@@ -1,0 +1,80 @@
+# The front door. Each target is a few lines over the CMake presets; `make help` lists them.
+SHELL := /bin/bash
+PRESET ?= dev
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+
+# make run
+BACKEND ?= directory
+CONFIG ?= examples/collector.json
+SCENARIO ?=
+DURATION ?=
+SPEED ?=
+
+.DEFAULT_GOAL := help
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs install format lint clean
+
+help:
+	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
+	@echo '                 BACKEND=mqtt      a real broker and vlm-backend instead of a folder'
+	@echo '                 CONFIG=FILE       collector configuration (examples/collector.json)'
+	@echo '                 SCENARIO=FILE     what the vehicle does (a plain drive without it)'
+	@echo '                 DURATION=SECONDS  end after that time'
+	@echo '                 SPEED=FACTOR      faster clock for vlmmaster, by libfaketime'
+	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
+	@echo 'make bench     benchmarks, as a table'
+	@echo 'make docs      a reference page per vehicle service in docs/services/'
+	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
+	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (DESTDIR is honoured)'
+	@echo 'make format    clang-format on all sources; make lint: the same as a check, and clang-tidy'
+	@echo 'make deps      Debian packages that are missing; run and test do it themselves'
+	@echo 'make clean     removes build/ and run/'
+
+deps:
+	@tools/run/deps.sh
+
+deps-lint:
+	@tools/run/deps.sh lint
+
+# Configuring again costs little, and notices new files.
+configure: deps
+	@cmake --preset $(PRESET) --log-level=WARNING >/dev/null
+
+build: configure
+	cmake --build --preset $(PRESET) -j $(JOBS)
+
+run: configure
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-status vlm-check vlm_catalog
+	@tools/run/vlm-run --build build/$(PRESET) --backend '$(BACKEND)' --config '$(CONFIG)' \
+	  $(if $(SCENARIO),--scenario '$(SCENARIO)') $(if $(DURATION),--duration '$(DURATION)') $(if $(SPEED),--speed '$(SPEED)')
+
+test: build
+	ctest --preset $(PRESET) -j $(JOBS)
+
+test-asan test-tsan: test-%:
+	$(MAKE) --no-print-directory test PRESET=$*
+
+bench:
+	@$(MAKE) --no-print-directory configure PRESET=release
+	cmake --build --preset release -j $(JOBS) --target bench
+
+docs: configure
+	cmake --build --preset $(PRESET) --target vlm_docs
+
+install:
+	@$(MAKE) --no-print-directory build PRESET=release
+	DESTDIR='$(DESTDIR)' cmake --install build/release --prefix '$(PREFIX)'
+
+sources = git ls-files -z '*.cpp' '*.h'
+
+format: deps-lint
+	$(sources) | xargs -0 clang-format -i
+
+# Warnings of clang-tidy are told, errors of clang-format fail.
+lint: deps-lint configure
+	$(sources) | xargs -0 clang-format --dry-run --Werror
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vlm_generate
+	run-clang-tidy -quiet -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services|platform|tools)/'
+
+clean:
+	rm -rf build run

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Installs the Debian packages of packages.txt that are missing; with the argument "lint" also those of
+# packages-lint.txt. Silent when none is missing.
+set -euo pipefail
+folder="$(dirname "${BASH_SOURCE[0]}")"
+mapfile -t wanted < <(cat "$folder/packages.txt" ${1:+"$folder/packages-$1.txt"} | grep -v '^#')
+
+if ! command -v dpkg-query >/dev/null; then
+  echo "make deps: this is no Debian. Needed are (by their Debian 12 names): ${wanted[*]}" >&2
+  exit 0 # what is really missing is named by the configuring
+fi
+
+installed=" $(dpkg-query -W -f '${Package}=${db:Status-Abbrev} ' "${wanted[@]}" 2>/dev/null || true)"
+missing=()
+for package in "${wanted[@]}"; do
+  [[ "$installed" == *" $package=ii "* ]] || missing+=("$package")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+as_root=()
+if [[ $EUID -ne 0 ]]; then
+  if ! command -v sudo >/dev/null; then
+    echo "make deps: missing packages, and neither root nor sudo is there to install them. As root:" >&2
+    echo "    apt-get install ${missing[*]}" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+echo "make deps: installing with apt: ${missing[*]}"
+# tshark asks whether users may capture; the tests read files and capture as root, so the default does.
+install=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}")
+log="$(mktemp)"
+trap 'rm -f "$log"' EXIT
+if ! { "${as_root[@]}" apt-get update -q && "${install[@]}"; } >"$log" 2>&1; then
+  cat "$log" >&2
+  echo "make deps: apt failed; the output is above" >&2
+  exit 1
+fi
+echo "make deps: done"
