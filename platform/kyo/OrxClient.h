@@ -8,6 +8,10 @@
 
 #include "kyo/Json.h"
 
+namespace kyo::orx {
+class Transport;
+}
+
 namespace kyo {
 
 /// One connection to the backend.
@@ -44,10 +48,7 @@ class OrxClient {
     std::int32_t RequestConfiguration();
 
   private:
-    class Transport;
-    class DirectoryTransport;
-    class MqttTransport;
-    std::unique_ptr<Transport> m_transport;
+    std::unique_ptr<orx::Transport> m_transport;
 };
 
 }  // namespace kyo

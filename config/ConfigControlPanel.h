@@ -1,0 +1,49 @@
+#pragma once
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "bus/Timer.h"
+#include "kyo/Json.h"
+#include "kyo/Mutex.h"
+
+namespace vlmProd {
+
+/// Asks the backend for the collector configuration until any answer has come, and hands what the answer
+/// holds to the base setup. Must be owned by a shared_ptr: the retry timer's thread looks whether it still
+/// lives.
+///
+/// An answer comes on the backend client's thread, the retry on the timer's thread.
+class ConfigControlPanel : public std::enable_shared_from_this<ConfigControlPanel> {
+  public:
+    /// Takes a parsed configuration and the record identifier that it came under.
+    using ConfigurationHandler = std::function<void(kyo::Json::Value configuration, std::string recordId)>;
+
+    /// Configurations go to ConfigResponseHandler, which then subscribes the resources on a thread of its
+    /// own.
+    ConfigControlPanel();
+    explicit ConfigControlPanel(ConfigurationHandler handler);
+
+    /// What issues one request; an empty function asks nothing.
+    void setRequestFunction(std::function<void()> request);
+
+    /// Asks again every eleven minutes. Only the first call does something.
+    void startConfigRequestRetry();
+    void stopConfigRequestRetry();
+    void executeConfigRetry();
+
+    /// One answer: an array whose first element has "recordId" and "recordBody", a configuration in base64.
+    /// One that cannot be used is logged and configures nothing.
+    void ConfigResponseCallback(kyo::Json::Value response);
+
+  private:
+    std::atomic<bool> m_retryStarted{false};
+    const std::shared_ptr<Timer> m_retryTimer;
+    const ConfigurationHandler m_handler;
+
+    kyo::Mutex m_mutex;
+    std::function<void()> m_requestFunction;  ///< guarded by m_mutex
+};
+
+}  // namespace vlmProd

@@ -1,0 +1,81 @@
+#pragma once
+/// A connection to an MQTT broker that is kept up: libmosquitto with a network thread of its own.
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "machine/Manifest.h"
+
+namespace kyo::orx {
+
+/// Publishes and subscribes with QoS 1. MQTT 5 is spoken, as it tells limits and refusals; a broker that does
+/// not know it gets 3.1.1.
+///
+/// A lost connection is made again after a pause that doubles from reconnectMinSeconds to
+/// reconnectMaxSeconds. Changes of the connection are told once each. Sessions are clean: what the broker
+/// had for us while we were away is void; what we published meanwhile is kept here and sent.
+class MqttConnection {
+  public:
+    /// What a published message was, for settled().
+    using Kind = int;
+
+    /// All called on the network thread; none after stop() returned. They must not block, and may publish.
+    struct Handlers {
+        /// The connection stands and the subscriptions are asked for.
+        std::function<void()> connected;
+        std::function<void(const std::string& topic, std::string payload, bool retained)> message;
+        /// The broker answered a published message: an MQTT 5 reason code, see taken().
+        std::function<void(Kind kind, int reason)> settled;
+        /// A line for the log: level 3 for troubles, 5 for progress.
+        std::function<void(int level, const std::string& text)> say;
+    };
+
+    struct Will {
+        std::string topic;
+        std::string payload;  ///< published retained, by the broker, when the connection is lost
+    };
+
+    /// What published messages that the broker has not confirmed may amount to.
+    static constexpr std::size_t kMaxUnconfirmed = 100;
+    static constexpr std::size_t kMaxUnconfirmedBytes = 64u << 20;
+
+    /// Results of publish() below 0: the message went nowhere.
+    static constexpr std::int32_t kTooLarge = -1001;   ///< beyond what the broker takes
+    static constexpr std::int32_t kQueueFull = -1002;  ///< too much is unconfirmed already
+    static constexpr std::int32_t kFailed = -1003;     ///< libmosquitto refused it
+
+    /// `will` may have an empty topic: none. Nothing happens before start().
+    MqttConnection(machine::MqttBackend settings, std::string clientId,
+                   std::vector<std::string> subscriptions, Will will, Handlers handlers);
+    /// As stop().
+    ~MqttConnection();
+    MqttConnection(const MqttConnection&) = delete;
+    MqttConnection& operator=(const MqttConnection&) = delete;
+
+    void start();
+
+    /// Gives what was published a moment to leave, says good-bye to the broker (the will is then not
+    /// published) and ends the network thread, in two seconds at most: a thread that hangs in the system's
+    /// connect is left behind.
+    void stop();
+
+    /// 0 when the message was sent or is kept for the broker's return. `error` gets the cause otherwise.
+    /// Any thread; does not block on the network.
+    std::int32_t publish(const std::string& topic, const std::string& payload, bool retain, Kind kind,
+                         std::string& error);
+
+    /// True when a message of that kind waits for the broker's confirmation.
+    bool unconfirmed(Kind kind) const;
+
+    /// Whether a reason given to settled() means that somebody got the message.
+    static bool taken(int reason);
+
+  private:
+    struct State;
+    const std::shared_ptr<State> m_state;  ///< shared with the network thread, which may be left behind
+};
+
+}  // namespace kyo::orx

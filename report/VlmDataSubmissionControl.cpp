@@ -1,0 +1,204 @@
+#include "report/VlmDataSubmissionControl.h"
+
+#include <mutex>
+#include <utility>
+
+#include "app/JsonFields.h"
+#include "app/VlmLog.h"
+#include "kyo/Status.h"
+
+namespace vlmProd {
+
+namespace {
+
+bool canSend(const VlmServer& link) {
+    return !link.isBlocked() && link.isAnythingPermitted();
+}
+
+}  // namespace
+
+VlmDataSubmissionControl* VlmDataSubmissionControl::getInstance() {
+    static auto* const instance = [] {
+        auto* const made = new VlmDataSubmissionControl;
+        kyo::Status::gauge("reports.waiting",
+                           [made] { return kyo::Json::Value(kyo::Json::UInt64(made->waitingReports())); });
+        return made;
+    }();
+    return instance;
+}
+
+VlmDataSubmissionControl::VlmDataSubmissionControl()
+    : m_shippingQueue(&kyo::Status::counter("queue.shipping.dropped")) {}
+
+VlmDataSubmissionControl::~VlmDataSubmissionControl() = default;
+
+void VlmDataSubmissionControl::initializeServer(std::string serverName,
+                                                std::vector<std::string> offeredDataTypes) {
+    m_link = std::make_shared<VlmServer>(std::move(serverName), std::move(offeredDataTypes));
+    kyo::Status::gauge("backend.open", [link = std::weak_ptr<VlmServer>(m_link)] {
+        const std::shared_ptr<VlmServer> held = link.lock();
+        return kyo::Json::Value(held && canSend(*held));
+    });
+}
+
+void VlmDataSubmissionControl::startServer() {
+    if (m_link) {
+        m_link->registerDataDeliveryCallback(
+            [this](orxStatus status) { processReportBasedOnDataDelivery(status); });
+        m_link->startServer();
+    }
+}
+
+bool VlmDataSubmissionControl::addReportToShippingQueue(kyo::Json::Value& report) {
+    static kyo::Counter& queued = kyo::Status::counter("reports.queued");
+    const std::lock_guard<kyo::Mutex> lock(m_addMutex);
+    std::string text = compactText(report);
+    const auto length = static_cast<unsigned int>(text.size());
+    VLM_LOG_PLAIN(5, "ZEPH-49288 VLM sending the Report to ShippingBuffer: " << text);
+    VLM_LOG_PLAIN(5, "Size of SHIP QUEUE BEFORE INSERT = " << m_shippingQueue.size());
+    // Counted before it can be taken, so that the count never falls below zero.
+    m_waiting.fetch_add(1);
+    if (m_shippingQueue.put(std::move(text), length)) {
+        queued.add();
+    } else {
+        m_waiting.fetch_sub(1);
+    }
+    m_bytesAdded += length;
+    VLM_LOG_PLAIN(5, "Size of SHIP QUEUE AFTER INSERT = " << m_shippingQueue.size());
+    SendWakeupSignal();
+    return true;
+}
+
+void VlmDataSubmissionControl::run() {
+    VLM_LOG(7, "VlmDataSubmissionControl thread starting up");
+    VLM_LOG(7, "Starting to read from Shipping queue");
+    startServer();
+    while (!m_stop) {
+        if (m_shippingQueue.size() > 0 && !m_sendNextData) {
+            // Set first: a quick result 0 clears it while the call below still runs.
+            m_sendNextData = true;
+            processReportFromQueue();
+        }
+        const std::lock_guard<kyo::Mutex> lock(m_wakeupMutex);
+        if (m_stop) {
+            break;
+        }
+        VLM_LOG(7, "Conditional wait because There is no report in shipping queue");
+        m_wakeupCondition.wait(m_wakeupMutex);
+        VLM_LOG(7, "Awaken VlmDataSubmissionControl thread to process shipping queue");
+    }
+    VLM_LOG_PLAIN(5, "Exiting VlmDataSubmissionControl thread");
+}
+
+void VlmDataSubmissionControl::processReportFromQueue() {
+    static kyo::Counter& discarded = kyo::Status::counter("reports.discarded");
+    static kyo::Counter& sent = kyo::Status::counter("reports.sent");
+    const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+    std::string text;
+    if (!m_shippingQueue.take(&text)) {
+        VLM_LOG_PLAIN(5,
+                      "Since shipping queue is empty and send next data is true. Enabling to send data when "
+                      "inserted.");
+        becomeIdle();
+        return;
+    }
+    m_waiting.fetch_sub(1);
+    VLM_LOG_PLAIN(5, "Processing the shipping queue = " << text);
+    kyo::Json::Value report;
+    if (!kyo::Json::Reader().parse(text, report, false)) {
+        VLM_LOG(3, "Can not parse from string to json report.");
+        discarded.add();
+        return;
+    }
+    if (!m_link) {
+        VLM_LOG(3, "ORx Server is null.");
+        discarded.add();
+        return;
+    }
+    if (!canSend(*m_link)) {
+        VLM_LOG(3, "Could not sent the orx data = " << text);
+        discarded.add();
+        return;
+    }
+    VLM_LOG_PLAIN(5, "GOING to SEND the ORX Data " << text);
+    if (send(report) == 0) {
+        sent.add();
+        m_lastReport = std::move(report);
+    }
+}
+
+void VlmDataSubmissionControl::processLastReport() {
+    static kyo::Counter& resent = kyo::Status::counter("reports.resent");
+    const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+    if (!m_link) {
+        VLM_LOG(3, "ORx Server is null.");
+        return;
+    }
+    if (!canSend(*m_link)) {
+        return;
+    }
+    if (m_lastReport.isNull()) {
+        // The very first send failed. Idle again, as no result will come that starts the next one.
+        VLM_LOG_PLAIN(5, "No report was sent yet, so there is none to send again");
+        becomeIdle();
+        return;
+    }
+    if (send(m_lastReport) == 0) {
+        resent.add();
+    }
+}
+
+void VlmDataSubmissionControl::processReportBasedOnDataDelivery(orxStatus status) {
+    switch (status) {
+        case orxStatus::SendNext:
+            processReportFromQueue();
+            break;
+        case orxStatus::SendLast:
+            processLastReport();
+            break;
+        case orxStatus::Stop:
+            VLM_LOG(3, "orx status is to stop sending data");
+            break;
+        default:
+            VLM_LOG(3, "Do not know the status of last report sent");
+            break;
+    }
+    VLM_LOG_PLAIN(5, "ZEPH-49769 VLM handling ShippingBuffer according to data delivery result");
+}
+
+void VlmDataSubmissionControl::SendWakeupSignal() {
+    const std::lock_guard<kyo::Mutex> lock(m_wakeupMutex);
+    m_wakeupCondition.broadcast();
+}
+
+void VlmDataSubmissionControl::stopVlmDataSubmissionControl() {
+    m_stop = true;
+    const std::lock_guard<kyo::Mutex> lock(m_wakeupMutex);
+    VLM_LOG_PLAIN(5, "Waking up Vlm Data Submission Control Thread to process the shipping queue");
+    m_wakeupCondition.broadcast();
+}
+
+/// The link takes the catalog id out of what it sends; it is put back, so that the report sent again gets the
+/// same message identifier.
+std::int32_t VlmDataSubmissionControl::send(kyo::Json::Value& report) {
+    static kyo::Counter& failed = kyo::Status::counter("reports.failed");
+    const kyo::Json::Value catalogId = member(report, "catalogId");
+    const std::int32_t result = m_link->sendToOrx(report);
+    if (!catalogId.isNull()) {
+        report["catalogId"] = catalogId;
+    }
+    if (result != 0) {
+        failed.add();
+    }
+    return result;
+}
+
+void VlmDataSubmissionControl::becomeIdle() {
+    m_sendNextData = false;
+    // A report that was added while the flag was still set woke the thread for nothing.
+    if (m_shippingQueue.size() > 0) {
+        SendWakeupSignal();
+    }
+}
+
+}  // namespace vlmProd

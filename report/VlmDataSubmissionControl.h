@@ -1,0 +1,74 @@
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bus/ConcurrentQueue.h"
+#include "kyo/Json.h"
+#include "kyo/Mutex.h"
+#include "kyo/Thread.h"
+#include "kyo/ThreadCondition.h"
+#include "report/VlmServer.h"
+#include "report/orxStatus.h"
+
+namespace vlmProd {
+
+/// The shipping stage: keeps finished reports in order and sends them one at a time, each after the backend's
+/// delivery result for the one before. Reports are never put back: what cannot be sent is dropped and logged.
+///
+/// Its thread makes the first send of each burst, the backend link's callback thread the others. In local
+/// mode there is no link and no thread, and nothing empties the queue.
+class VlmDataSubmissionControl : public kyo::Thread {
+  public:
+    /// Created on first use and never destroyed: its thread sleeps on the condition until the process ends.
+    static VlmDataSubmissionControl* getInstance();
+
+    VlmDataSubmissionControl();
+    ~VlmDataSubmissionControl() override;
+
+    /// Creates the backend link. Before start().
+    void initializeServer(std::string serverName, std::vector<std::string> offeredDataTypes);
+    /// Connects the link with this object and starts it; does nothing without a link.
+    void startServer();
+
+    /// Queues a report; always true. Any thread. The queue has no limit of length.
+    bool addReportToShippingQueue(kyo::Json::Value& report);
+
+    /// Sends the oldest queued report, or returns to idle when there is none.
+    void processReportFromQueue();
+    /// Sends the last sent report again, with the same message identifier.
+    void processLastReport();
+    /// What the backend said of the last report; on the link's thread.
+    void processReportBasedOnDataDelivery(orxStatus status);
+
+    void SendWakeupSignal();
+    void stopVlmDataSubmissionControl();
+
+    /// Number of reports in the shipping queue.
+    std::uint64_t waitingReports() const { return m_waiting; }
+
+    void run() override;
+
+  private:
+    std::int32_t send(kyo::Json::Value& report);
+    void becomeIdle();
+
+    kyo::Mutex m_addMutex;  ///< one report at a time is added, so that the logged sizes belong to it
+    ConcurrentQueue<std::string> m_shippingQueue;  ///< reports as compact text, weighted with their length
+    std::uint64_t m_bytesAdded = 0;                ///< guarded by m_addMutex
+    std::atomic<bool> m_stop{false};
+    kyo::Mutex m_wakeupMutex;
+    kyo::ThreadCondition m_wakeupCondition;
+    kyo::Json::Value m_lastReport;            ///< guarded by m_sendMutex; with its catalog id
+    std::atomic<bool> m_sendNextData{false};  ///< a report was handed to the link and its result is awaited
+    std::shared_ptr<VlmServer> m_link;        ///< set once, before the thread starts
+
+    std::atomic<std::uint64_t> m_waiting{0};
+    /// Held while a report is taken, sent and kept as the last one: the result of a quick backend, which
+    /// comes on another thread, finds that done.
+    kyo::Mutex m_sendMutex;
+};
+
+}  // namespace vlmProd

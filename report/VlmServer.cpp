@@ -1,0 +1,331 @@
+#include "report/VlmServer.h"
+
+#include <botan/hash.h>
+#include <botan/hex.h>
+
+#include <boost/uuid/string_generator.hpp>
+#include <boost/uuid/uuid.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <cstdint>
+#include <exception>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "app/JsonFields.h"
+#include "app/VlmLog.h"
+#include "kyo/DateTime.h"
+#include "kyo/Status.h"
+
+namespace vlmProd {
+
+namespace {
+
+constexpr std::int32_t kNoClient = -1;
+constexpr int kElementId = 1;
+constexpr const char* kVersion = "1.0.0";
+constexpr int kTimezone = 20;
+constexpr const char* kCorrelationTag = "VLMCorrelTag";
+constexpr int kDeliveryMode = 0;
+constexpr int kTimeToLiveSeconds = 7200;
+
+/// What a master-control message says.
+struct MasterControl {
+    std::vector<std::string> permittedDataTypes;
+    std::string eventTicket;
+    int backendChannelControl = 0;
+    int dataDeliveryResult = 0;
+};
+
+/// Checks the whole message, so that one with a fault changes nothing. False with what is wrong in `fault`.
+bool readMasterControl(const kyo::Json::Value& message, MasterControl& out, std::string& fault) {
+    const auto wrong = [&fault](const std::string& what, const char* expected,
+                                const kyo::Json::Value& found) {
+        fault = what + ": " + expected + " is expected, not " +
+                (found.isNumeric() ? compactText(found) : kindOf(found));
+        return false;
+    };
+    if (!message.isObject()) {
+        return wrong("the message", "an object", message);
+    }
+    const kyo::Json::Value& types = member(message, "permittedDataType");
+    if (!types.isArray() && !types.isNull()) {
+        return wrong("\"permittedDataType\"", "an array of texts", types);
+    }
+    out.permittedDataTypes.resize(types.size());
+    for (kyo::Json::ArrayIndex i = 0; i < types.size(); ++i) {
+        if (!toText(types[i], out.permittedDataTypes[i])) {
+            return wrong("\"permittedDataType\"[" + std::to_string(i) + "]", "a text", types[i]);
+        }
+    }
+    if (const auto& value = member(message, "dataDeliveryResult"); !toInt(value, out.dataDeliveryResult)) {
+        return wrong("\"dataDeliveryResult\"", "a 32-bit number", value);
+    }
+    if (const auto& value = member(message, "backendChannelControl");
+        !toInt(value, out.backendChannelControl)) {
+        return wrong("\"backendChannelControl\"", "a 32-bit number", value);
+    }
+    if (const auto& value = member(message, "eventTicket"); !toText(value, out.eventTicket)) {
+        return wrong("\"eventTicket\"", "a text", value);
+    }
+    return true;
+}
+
+/// A client, or none when the platform cannot make one.
+std::unique_ptr<kyo::OrxClient> makeClient(const std::string& serverName,
+                                           const std::vector<std::string>& types) {
+    try {
+        return std::make_unique<kyo::OrxClient>(serverName, types);
+    } catch (const std::exception& error) {
+        VLM_LOG(3, "The backend client could not be created: " << error.what());
+        return nullptr;
+    }
+}
+
+/// Keeps message identifiers apart from digests that others make of the same texts.
+std::string makeSalt() {
+    std::string salt = "VLM";
+    for (const char* part : {"report", "message", "id"}) {
+        salt += '/';
+        salt += part;
+    }
+    return salt;
+}
+
+/// Which event an envelope tells of: one identifier per configured report.
+std::string makeEventId(const kyo::Json::Value& report) {
+    std::string id = "VLM";
+    for (const char* key : {"applicationName", "reportName"}) {
+        const std::string part = textOf(member(report, key));
+        if (!part.empty()) {
+            id += '.' + part;
+        }
+    }
+    return id;
+}
+
+}  // namespace
+
+VlmServer::VlmServer(std::string serverName, std::vector<std::string> offeredDataTypes)
+    : m_serverName(std::move(serverName)),
+      m_offeredDataTypes(std::move(offeredDataTypes)),
+      m_configControlPanel(std::make_shared<ConfigControlPanel>()),
+      m_client(makeClient(m_serverName, m_offeredDataTypes)) {
+    m_configControlPanel->setRequestFunction([this] { generateNewConfigRequest(); });
+    if (!m_client) {
+        return;
+    }
+    m_client->registerMasterControlCallback(
+        [this](kyo::Json::Value message) { handleMasterControlCallBack(std::move(message)); });
+    m_client->registerConfigResponseCallback([panel = m_configControlPanel](kyo::Json::Value response) {
+        panel->ConfigResponseCallback(std::move(response));
+    });
+}
+
+VlmServer::~VlmServer() {
+    m_configControlPanel->stopConfigRequestRetry();
+    m_configControlPanel->setRequestFunction(nullptr);
+}
+
+void VlmServer::registerDataDeliveryCallback(DataDeliveryCallback callback) {
+    m_dataDeliveryCallback = std::move(callback);
+}
+
+void VlmServer::startServer() {
+    if (!m_client) {
+        VLM_LOG(3, "Server is not yet created, can not start server");
+        return;
+    }
+    m_client->start();
+}
+
+void VlmServer::handleMasterControlCallBack(kyo::Json::Value message) {
+    static kyo::Counter& refused = kyo::Status::counter("control.refused");
+    VLM_LOG(5, "ZEPH-49767 Received master control callback json = " << message);
+    VLM_LOG(5, "Data Delivery result = " << member(message, "dataDeliveryResult"));
+    VLM_LOG(5, "Backend Channel Control result = " << member(message, "backendChannelControl"));
+    VLM_LOG(5, "Size of Supported Data Types = " << member(message, "permittedDataType").size());
+    MasterControl control;
+    std::string fault;
+    if (!readMasterControl(message, control, fault)) {
+        refused.add();
+        VLM_LOG(3, "Master control refused, " << fault);
+        return;
+    }
+    for (const std::string& type : control.permittedDataTypes) {
+        VLM_LOG(5, "Supported data type = " << type);
+    }
+    VLM_LOG(5, "ZEPH-48392 VLM received an event ticket from ORX master control to send data: "
+                   << control.eventTicket);
+    VLM_LOG(5, "ZEPH-49348: VLM wants to control VLM Data Submission according to BackendChannelControl: "
+                   << control.backendChannelControl);
+    {
+        const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
+        m_permittedDataTypes = std::move(control.permittedDataTypes);
+        m_eventTicket = std::move(control.eventTicket);
+    }
+    m_dataDeliveryResult = control.dataDeliveryResult;
+    m_backendChannelControl = control.backendChannelControl;
+
+    if (!isBlocked() && isAnythingPermitted()) {
+        actOnOpenChannel();
+    } else {
+        actOnClosedChannel();
+    }
+}
+
+void VlmServer::actOnOpenChannel() {
+    static kyo::Counter& acknowledged = kyo::Status::counter("reports.acknowledged");
+    std::int32_t state = NothingSent;
+    {
+        const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+        state = m_sendState;
+    }
+    if (state == NothingSent) {
+        try {
+            // The thread keeps its own copy of the callback and so does not depend on this object.
+            std::thread([callback = m_dataDeliveryCallback] {
+                if (callback) {
+                    callback(orxStatus::SendNext);
+                }
+            }).detach();
+        } catch (const std::system_error& error) {
+            VLM_LOG(3, "No thread for the first send could be started: " << error.what());
+            deliver(orxStatus::SendNext);
+        }
+    } else if (state == Sent) {
+        if (m_resultAwaited.exchange(false)) {
+            acknowledged.add();
+        }
+        deliver(orxStatus::SendNext);
+    } else if (state == Failed) {
+        deliver(orxStatus::SendLast);
+    }
+
+    if (!m_configurationRequested) {
+        m_configurationRequested = true;
+        generateNewConfigRequest();
+        m_configControlPanel->startConfigRequestRetry();
+    }
+}
+
+void VlmServer::actOnClosedChannel() {
+    {
+        const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+        if (m_sendState == Sent) {
+            m_sendState = Failed;
+        }
+    }
+    if (m_dataDeliveryResult == 2) {
+        deliver(orxStatus::Stop);
+    }
+}
+
+void VlmServer::deliver(orxStatus status) {
+    if (m_dataDeliveryCallback) {
+        m_dataDeliveryCallback(status);
+    }
+}
+
+bool VlmServer::isAnythingPermitted() const {
+    const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
+    return !m_permittedDataTypes.empty();
+}
+
+std::int32_t VlmServer::sendToOrx(kyo::Json::Value& report) {
+    if (!isAnythingPermitted()) {
+        return kNothingPermitted;
+    }
+    kyo::Json::Value envelope(kyo::Json::objectValue);
+    {
+        const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
+        envelope["eventTicket"] = m_eventTicket;
+    }
+    envelope["elementId"] = kElementId;
+    envelope["version"] = kVersion;
+    envelope["timezone"] = kTimezone;
+    envelope["correlationTag"] = kCorrelationTag;
+    envelope["deliveryMode"] = kDeliveryMode;
+    VLM_LOG(5, "ZEPH-51422 VLM sets CorrelationTag and DeliveryMode to default values: "
+                   << kCorrelationTag << ", " << kDeliveryMode);
+    const std::string eventId = makeEventId(report);
+    envelope["eventId"] = eventId;
+    VLM_LOG(5, "ZEPH-48397 EventId is defined for VLM as: " << eventId);
+    envelope["isCallbackAbilityRequested"] = true;
+    VLM_LOG(5, "ZEPH-48831 VLM setting Callback Ability to: " << true);
+
+    const std::string catalogId = textOf(member(report, "catalogId"));
+    VLM_LOG(5, "ZEPH-50057 Using OrxConfig recordId as CatalogId: " << catalogId);
+    if (report.isObject()) {
+        report.removeMember("catalogId");
+    }
+    // Reports of one tick have the same creation time; name and number tell them apart, also when sent again.
+    const std::string messageId = getUniqueMessageId(
+        catalogId, textOf(member(report, "createDatetime")),
+        textOf(member(report, "reportName")) + '#' + textOf(member(report, "sequenceNumber")));
+    envelope["messageId"] = messageId;
+    VLM_LOG(5, "ZEPH-51421 VLM using catlogId and createDateTime to create UniqueMessageId: " << messageId);
+    envelope["timeToLive"] = kTimeToLiveSeconds;
+    VLM_LOG(5, "ZEPH-49271 VLM sets TimeToLive as default 2 hours: " << kTimeToLiveSeconds);
+    const auto seconds = static_cast<kyo::Json::UInt64>(kyo::DateTime::getCurrentTimeMs() / 1000);
+    envelope["timestamp"] = seconds;
+    VLM_LOG(5, "ZEPH-48804 VLM Send data timestamp: " << seconds);
+    envelope["orxClientDataReport"] = compactText(report);
+    VLM_LOG(5, "ZEPH-48865 VLM sends Report as ORX DATA = " << envelope);
+
+    const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+    const std::int32_t result = m_client ? m_client->SendOrxData(envelope) : kNoClient;
+    if (result != 0) {
+        VLM_LOG(3, "Error in Sending orx data to orxmaster, error code =  " << result);
+        VLM_LOG(3, "Send vlm Data State: FAILED ");
+        m_sendState = Failed;
+    } else {
+        VLM_LOG(5, "Send vlm Data State: SUCCESS ");
+        m_sendState = Sent;
+        m_resultAwaited = true;
+    }
+    return result;
+}
+
+std::string VlmServer::getUniqueMessageId(const std::string& catalogId, const std::string& createDatetime,
+                                          const std::string& adjustment) {
+    const std::string salt = makeSalt();
+    const std::string adjusted = createDatetime + '+' + adjustment;
+    VLM_LOG(7, "CATA = " << catalogId);
+    VLM_LOG(7, "CDT = " << createDatetime);
+    VLM_LOG(7, "SALT = " << salt);
+    VLM_LOG(7, "ACDT = " << adjusted);
+    try {
+        const auto hash = Botan::HashFunction::create_or_throw("SHA-256");
+        for (const std::string* part : {&catalogId, &createDatetime, &salt, &adjusted}) {
+            hash->update(*part);
+            hash->update(0);  // so that where one text ends matters
+        }
+        const std::string digest = Botan::hex_encode(hash->final());
+        VLM_LOG(7, "Generated HASH SIZE = " << digest.size());
+        // The first half of the digest, marked as a UUID of a maker's own kind (version 8, variant 1).
+        boost::uuids::uuid id = boost::uuids::string_generator()(digest.substr(0, 32));
+        id.data[6] = static_cast<std::uint8_t>((id.data[6] & 0x0Fu) | 0x80u);
+        id.data[8] = static_cast<std::uint8_t>((id.data[8] & 0x3Fu) | 0x80u);
+        const std::string text = boost::uuids::to_string(id);
+        VLM_LOG(7, "STRING UUID SUCCESS");
+        VLM_LOG(7, "UUIDSTR = " << text);
+        return text;
+    } catch (const std::exception& error) {
+        VLM_LOG(3, "No message identifier could be made: " << error.what());
+        return {};
+    }
+}
+
+void VlmServer::generateNewConfigRequest() {
+    static kyo::Counter& requests = kyo::Status::counter("config.requests");
+    const std::int32_t result = m_client ? m_client->RequestConfiguration() : kNoClient;
+    if (result != 0) {
+        VLM_LOG(3, "The configuration request could not be sent, error code = " << result);
+        return;
+    }
+    requests.add();
+}
+
+}  // namespace vlmProd
