@@ -31,7 +31,7 @@ def main():
         parser.error("one of --output, --docs, --check and --list is needed")
 
     if arguments.list:
-        print("\n".join(outputs.file_names(declared_services(arguments.interfaces))))
+        print("\n".join(outputs.file_names(list(declared_services(arguments.interfaces)))))
         return 0
 
     problems = source.Problems()
