@@ -1,12 +1,208 @@
 #include "kyo/Json.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
+#include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <iterator>
 #include <memory>
+#include <string_view>
 
 namespace kyo::Json {
+
+namespace {
+
+/// What the reader allows too (its "stackLimit").
+constexpr int kDeepestNesting = 1000;
+
+void appendEscape(std::string& out, unsigned unit) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    const char text[] = {'\\',
+                         'u',
+                         kDigits[(unit >> 12) & 15],
+                         kDigits[(unit >> 8) & 15],
+                         kDigits[(unit >> 4) & 15],
+                         kDigits[unit & 15]};
+    out.append(text, sizeof text);
+}
+
+/// Reads one UTF-8 character at `at`, which is moved behind it; U+FFFD for bytes that are none.
+unsigned decodeUtf8(const char*& at, const char* end) {
+    constexpr unsigned kReplacement = 0xFFFD;
+    const auto first = static_cast<unsigned char>(*at++);
+    int more = 0;
+    unsigned code = 0;
+    unsigned least = 0;
+    if (first >= 0xC2 && first < 0xE0) {
+        more = 1, code = first & 0x1Fu, least = 0x80;
+    } else if (first >= 0xE0 && first < 0xF0) {
+        more = 2, code = first & 0x0Fu, least = 0x800;
+    } else if (first >= 0xF0 && first < 0xF5) {
+        more = 3, code = first & 0x07u, least = 0x10000;
+    } else {
+        return kReplacement;
+    }
+    const char* next = at;
+    for (int i = 0; i < more; ++i, ++next) {
+        if (next == end || (static_cast<unsigned char>(*next) & 0xC0u) != 0x80u) {
+            return kReplacement;
+        }
+        code = code << 6 | (static_cast<unsigned char>(*next) & 0x3Fu);
+    }
+    if (code < least || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) {
+        return kReplacement;
+    }
+    at = next;
+    return code;
+}
+
+bool isPlain(char c) {
+    return c >= 0x20 && c < 0x7F && c != '"' && c != '\\';
+}
+
+void appendQuoted(std::string& out, std::string_view text) {
+    out.push_back('"');
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    while (at != end) {
+        const char* run = at;
+        while (run != end && isPlain(*run)) {
+            ++run;
+        }
+        out.append(at, run);
+        at = run;
+        if (at == end) {
+            break;
+        }
+        const char c = *at;
+        switch (c) {
+            case '"':
+                out.append("\\\"");
+                break;
+            case '\\':
+                out.append("\\\\");
+                break;
+            case '\b':
+                out.append("\\b");
+                break;
+            case '\f':
+                out.append("\\f");
+                break;
+            case '\n':
+                out.append("\\n");
+                break;
+            case '\r':
+                out.append("\\r");
+                break;
+            case '\t':
+                out.append("\\t");
+                break;
+            default: {
+                if (static_cast<unsigned char>(c) < 0x80) {
+                    appendEscape(out, static_cast<unsigned char>(c));
+                    break;
+                }
+                const unsigned code = decodeUtf8(at, end);
+                if (code < 0x10000) {
+                    appendEscape(out, code);
+                } else {
+                    appendEscape(out, 0xD800 + ((code - 0x10000) >> 10));
+                    appendEscape(out, 0xDC00 + ((code - 0x10000) & 0x3FF));
+                }
+                continue;  // the decoder has moved on
+            }
+        }
+        ++at;
+    }
+    out.push_back('"');
+}
+
+template <typename Number>
+void appendNumber(std::string& out, Number number) {
+    char digits[32];
+    const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    out.append(digits, end);
+}
+
+void appendReal(std::string& out, double number) {
+    if (!std::isfinite(number)) {
+        out.append("null");
+        return;
+    }
+    const std::size_t before = out.size();
+    appendNumber(out, number);
+    if (std::string_view(out).substr(before).find_first_of(".e") == std::string_view::npos) {
+        out.append(".0");  // read back, it is a real number again
+    }
+}
+
+bool appendValue(std::string& out, const Value& value, int depth) {
+    if (depth > kDeepestNesting) {
+        return false;
+    }
+    switch (value.type()) {
+        case nullValue:
+            out.append("null");
+            break;
+        case intValue:
+            appendNumber(out, value.asLargestInt());
+            break;
+        case uintValue:
+            appendNumber(out, value.asLargestUInt());
+            break;
+        case realValue:
+            appendReal(out, value.asDouble());
+            break;
+        case stringValue: {
+            const char* begin = nullptr;
+            const char* end = nullptr;
+            const bool any = value.getString(&begin, &end);
+            appendQuoted(out, any ? std::string_view(begin, static_cast<std::size_t>(end - begin)) : "");
+            break;
+        }
+        case booleanValue:
+            out.append(value.asBool() ? "true" : "false");
+            break;
+        case arrayValue: {
+            out.push_back('[');
+            bool first = true;
+            for (const Value& element : value) {
+                if (!first) {
+                    out.push_back(',');
+                }
+                first = false;
+                if (!appendValue(out, element, depth + 1)) {
+                    return false;
+                }
+            }
+            out.push_back(']');
+            break;
+        }
+        case objectValue: {
+            out.push_back('{');
+            bool first = true;
+            for (auto member = value.begin(); member != value.end(); ++member) {
+                if (!first) {
+                    out.push_back(',');
+                }
+                first = false;
+                const char* end = nullptr;
+                const char* const name = member.memberName(&end);
+                appendQuoted(out, std::string_view(name, static_cast<std::size_t>(end - name)));
+                out.push_back(':');
+                if (!appendValue(out, *member, depth + 1)) {
+                    return false;
+                }
+            }
+            out.push_back('}');
+            break;
+        }
+    }
+    return true;
+}
+
+}  // namespace
 
 bool Reader::parse(const std::string& text, Value& root, bool collectComments) {
     ::Json::CharReaderBuilder builder;
@@ -36,18 +232,20 @@ bool Reader::parse(std::istream& stream, Value& root, bool collectComments) {
     return parse(text, root, collectComments);
 }
 
-std::string FastWriter::write(const Value& value) const {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    // The library calls this writer old, yet it is several times faster than its stream writers.
-    ::Json::FastWriter writer;
-#pragma GCC diagnostic pop
-    writer.omitEndingLineFeed();
-    try {
-        return writer.write(value);
-    } catch (const ::Json::Exception&) {  // nesting beyond the library's limit
-        return "null";
+bool appendCompact(std::string& out, const Value& value) {
+    const std::size_t before = out.size();
+    if (appendValue(out, value, 1)) {
+        return true;
     }
+    out.resize(before);
+    out.append("null");
+    return false;
+}
+
+std::string FastWriter::write(const Value& value) const {
+    std::string text;
+    appendCompact(text, value);
+    return text;
 }
 
 }  // namespace kyo::Json

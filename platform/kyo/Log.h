@@ -5,6 +5,7 @@
 #include <atomic>
 #include <charconv>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -46,8 +47,7 @@ class LogStream {
         return *this;
     }
     template <typename T>
-        requires std::is_enum_v<T>
-    LogStream& operator<<(T value) {
+    requires std::is_enum_v<T> LogStream& operator<<(T value) {
         return *this << static_cast<std::underlying_type_t<T>>(value);
     }
     LogStream& operator<<(double value);
@@ -55,7 +55,16 @@ class LogStream {
 
     std::string& text() { return m_text; }
 
+    /// One allocation for a line of usual length; the text is moved on from here to the sinks.
+    void prepare() {
+        if (m_text.capacity() < kUsualLength) {
+            m_text.reserve(kUsualLength);
+        }
+    }
+
   private:
+    static constexpr std::size_t kUsualLength = 240;
+
     std::string m_text;
 };
 
@@ -70,6 +79,7 @@ class Log {
     /// The stream to compose a line of that level in.
     LogStream& get(LogLevel level) {
         m_level = level;
+        m_stream.prepare();
         return m_stream;
     }
 
@@ -89,6 +99,7 @@ class Log {
   private:
     static std::atomic<LogLevel> s_reportingLevel;
     static std::atomic<LogLevel> s_fileLevel;
+    static std::atomic<ProductLogger*> s_productLogger;
 
     LogStream m_stream;
     LogLevel m_level = 0;

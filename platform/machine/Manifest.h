@@ -10,11 +10,12 @@
 namespace machine {
 
 struct LogSettings {
-    int maxLevel = 7;      ///< cap on the kyo reporting level
-    bool console = true;   ///< lines to standard output
-    bool dlt = true;       ///< messages to the DLT daemon
-    std::string file;      ///< path of a log file; empty: none
-    int fileLevel = 7;     ///< highest kyo level in that file
+    int maxLevel = 7;                        ///< cap on the kyo reporting level
+    bool console = true;                     ///< lines to standard output
+    bool dlt = true;                         ///< messages to the DLT daemon
+    std::string file;                        ///< path of a log file; empty: none
+    int fileLevel = 7;                       ///< highest kyo level in that file
+    std::uint64_t fileMaxBytes = 64u << 20;  ///< at that size the file is kept as "<file>.1" and begun anew
 };
 
 struct DiscoverySettings {
@@ -29,12 +30,12 @@ struct DiscoverySettings {
 };
 
 struct SomeIpSettings {
-    std::string address = "127.0.0.1";      ///< IPv4 address of the interface that this process speaks from
-    std::uint16_t eventPort = 0;            ///< UDP port for event data; 0: any free one
-    std::string network = "127.0.0.0/8";    ///< peers outside it are not heard
+    std::string address = "127.0.0.1";    ///< IPv4 address of the interface that this process speaks from
+    std::uint16_t eventPort = 0;          ///< UDP port for event data; 0: any free one
+    std::string network = "127.0.0.0/8";  ///< peers outside it are not heard
     DiscoverySettings discovery;
     std::uint32_t receiveBufferBytes = 8u << 20;
-    std::uint32_t maxSampleBytes = 1u << 20;        ///< largest reassembled message
+    std::uint32_t maxSampleBytes = 1u << 20;  ///< largest reassembled message
     std::uint32_t reassemblyTimeoutMs = 500;
     std::uint32_t maxOpenReassemblies = 64;
 };
@@ -44,8 +45,9 @@ struct StateSettings {
 };
 
 struct DirectoryBackend {
-    std::string path = "vlm-backend";              ///< folder for envelopes.jsonl; made when missing
-    std::string configuration = "collector.json";  ///< collector configuration, relative to `path` or absolute
+    std::string path = "vlm-backend";  ///< folder for envelopes.jsonl; made when missing
+    std::string configuration =
+        "collector.json";  ///< collector configuration, relative to `path` or absolute
 };
 
 struct MqttBackend {
@@ -79,6 +81,10 @@ struct Manifest {
 /// Reads a manifest document into `out`, keeping the defaults of absent members. False with `error` naming
 /// the key ("someip.discovery.port: a number from 1 to 65535 is expected") when it is not good.
 bool readManifest(const kyo::Json::Value& document, Manifest& out, std::string& error);
+
+/// The same for the "someip" section alone. `out` keeps its values for absent members and is untouched on
+/// failure.
+bool readSomeIpSettings(const kyo::Json::Value& section, SomeIpSettings& out, std::string& error);
 
 /// The manifest of this process: loaded on first use from VLM_MACHINE_MANIFEST, defaults without it.
 /// A manifest that cannot be read or is wrong ends the process with status 1 and a message on standard

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace ara::log {
 
@@ -16,7 +17,7 @@ enum class LogLevel : std::uint8_t {
     kVerbose = 6,
 };
 
-/// Bit mask of sinks.
+/// Bit mask of sinks. The machine manifest can switch remote and console off; a file is its choice alone.
 enum class LogMode : std::uint8_t {
     kRemote = 0x01,
     kFile = 0x02,
@@ -30,7 +31,9 @@ constexpr LogMode operator|(LogMode a, LogMode b) {
 class LogStream {
   public:
     explicit LogStream(LogLevel level) : m_level(level) {}
-    LogStream(LogStream&& other) noexcept = default;
+    LogStream(LogStream&& other) noexcept : m_level(other.m_level), m_text(std::move(other.m_text)) {
+        other.m_level = LogLevel::kOff;  // what was moved from sends nothing
+    }
     LogStream& operator=(LogStream&&) = delete;
     ~LogStream();
 
@@ -53,8 +56,11 @@ class LogStream {
     std::string m_text;
 };
 
-/// Starts the sinks named by `mode`. A second call changes nothing. Messages sent before go nowhere.
-/// At exit what waits is flushed, for a bounded time.
+/// Starts the sinks named by `mode`. A second call changes nothing. Messages sent before go nowhere, nor do
+/// those above `defaultLevel`. At exit what waits is flushed, for a bounded time.
+///
+/// No message ever waits for a sink: one that the DLT daemon or the console's reader cannot keep up with is
+/// dropped and counted (log.dropped.dlt, log.dropped.console), which is told once a minute.
 void InitLogging(std::string appId, std::string appDescription, LogLevel defaultLevel, LogMode mode,
                  std::string directoryPath);
 

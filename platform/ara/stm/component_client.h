@@ -16,12 +16,14 @@ class ComponentClient {
   public:
     virtual ~ComponentClient() = default;
     /// Answers one request: same id, same state. kGeneralError when the requester is gone.
-    virtual ComponentClientReturnType ConfirmComponentState(std::uint32_t requestId, const ComponentState& state,
+    virtual ComponentClientReturnType ConfirmComponentState(std::uint32_t requestId,
+                                                            const ComponentState& state,
                                                             ComponentClientReturnType result) const = 0;
 };
 
 /// Called on the platform's thread for each requested state.
-using ComponentStateCallback = std::function<void(const ComponentClient&, std::uint32_t, const ComponentState&)>;
+using ComponentStateCallback =
+    std::function<void(const ComponentClient&, std::uint32_t, const ComponentState&)>;
 
 /// Throws std::system_error when the state manager cannot be reached.
 std::unique_ptr<ComponentClient> createComponentClient(const std::string& componentName,

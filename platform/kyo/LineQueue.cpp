@@ -1,0 +1,94 @@
+#include "kyo/LineQueue.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <system_error>
+#include <utility>
+
+namespace kyo {
+
+namespace {
+
+/// Set while this thread is inside push(). A handler of a signal that abort() raised runs on a thread that
+/// may hold the lock; to wait for it would hang the process instead of ending it.
+thread_local volatile bool t_inPush = false;
+
+}  // namespace
+
+LineQueue::LineQueue(std::size_t maxLines, std::size_t maxBytes)
+    : m_maxLines(maxLines), m_maxBytes(maxBytes), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (m_wake < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+}
+
+LineQueue::~LineQueue() {
+    ::close(m_wake);
+}
+
+bool LineQueue::push(std::string text, std::uint8_t level) noexcept {
+    if (t_inPush) {
+        return false;
+    }
+    t_inPush = true;
+    LogEntry entry;
+    timespec wall{};
+    timespec uptime{};
+    ::clock_gettime(CLOCK_REALTIME, &wall);
+    ::clock_gettime(CLOCK_MONOTONIC, &uptime);
+    entry.wallNs = static_cast<std::int64_t>(wall.tv_sec) * 1'000'000'000 + wall.tv_nsec;
+    entry.uptimeTicks = static_cast<std::uint32_t>(uptime.tv_sec * 10'000 + uptime.tv_nsec / 100'000);
+    entry.level = level;
+    entry.text = std::move(text);
+    bool taken = false;
+    try {
+        const std::lock_guard<std::mutex> lock(m_guard);
+        const std::size_t weight = entry.weight();
+        if (m_lines.size() < m_maxLines && m_bytes + weight <= m_maxBytes) {
+            m_lines.push_back(std::move(entry));
+            m_bytes += weight;
+            m_pushed.fetch_add(1, std::memory_order_release);
+            taken = true;
+        }
+    } catch (...) {  // no memory: the line is lost like one for which there is no room
+        taken = false;
+    }
+    if (taken && m_sleeping.load(std::memory_order_seq_cst) && m_sleeping.exchange(false)) {
+        wake();
+    }
+    t_inPush = false;
+    return taken;
+}
+
+void LineQueue::drain(std::vector<LogEntry>& out) {
+    out.clear();
+    const std::lock_guard<std::mutex> lock(m_guard);
+    m_lines.swap(out);
+    m_bytes = 0;
+}
+
+bool LineQueue::prepareSleep() {
+    m_sleeping.store(true, std::memory_order_seq_cst);
+    const std::lock_guard<std::mutex> lock(m_guard);
+    if (m_lines.empty()) {
+        return true;
+    }
+    m_sleeping.store(false, std::memory_order_relaxed);
+    return false;
+}
+
+void LineQueue::finishSleep() {
+    m_sleeping.store(false, std::memory_order_relaxed);
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto got = ::read(m_wake, &count, sizeof count);
+}
+
+void LineQueue::wake() noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto put = ::write(m_wake, &one, sizeof one);
+}
+
+}  // namespace kyo

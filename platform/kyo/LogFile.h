@@ -1,0 +1,18 @@
+#pragma once
+/// The log file that the machine manifest names: written by a thread of its own, so that a slow disk holds
+/// up nobody.
+#include <cstdint>
+#include <string>
+
+namespace kyo {
+
+class LogFile {
+  public:
+    /// Opens the file for appending and starts its thread. False, with a line on standard error, when the
+    /// file cannot be opened. Once per process.
+    static bool open(const std::string& path, std::uint64_t maxBytes) noexcept;
+    /// Queues one line; drops and counts it (log.dropped.file) when the disk cannot keep up.
+    static void write(std::string text, int level) noexcept;
+};
+
+}  // namespace kyo

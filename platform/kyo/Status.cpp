@@ -1,0 +1,100 @@
+#include "kyo/Status.h"
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace kyo {
+
+namespace {
+
+using Gauge = std::function<Json::Value()>;
+
+struct Registry {
+    std::mutex guard;  ///< guards both maps; never held while a gauge is read
+    std::map<std::string, std::unique_ptr<Counter>> counters;
+    std::map<std::string, std::shared_ptr<const Gauge>> gauges;
+};
+
+Registry& registry() {
+    // Never destroyed: counters are touched by threads that live until the process ends.
+    static auto* const instance = new Registry;
+    return *instance;
+}
+
+/// Puts a value at its dotted name. Where another value stands in the way ("a" beside "a.b"), it goes under
+/// its whole name at the top.
+void place(Json::Value& root, const std::string& name, Json::Value value) {
+    Json::Value* node = &root;
+    std::size_t from = 0;
+    for (auto dot = name.find('.'); dot != std::string::npos; dot = name.find('.', from)) {
+        Json::Value& next = (*node)[name.substr(from, dot - from)];
+        if (!next.isNull() && !next.isObject()) {
+            root[name] = std::move(value);
+            return;
+        }
+        node = &next;
+        from = dot + 1;
+    }
+    Json::Value& leaf = (*node)[name.substr(from)];
+    if (leaf.isObject()) {
+        root[name] = std::move(value);
+        return;
+    }
+    leaf = std::move(value);
+}
+
+Json::Value readGauge(const Gauge& gauge) {
+    try {
+        return gauge();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+}  // namespace
+
+Counter& Status::counter(const std::string& name) {
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.guard);
+    auto& slot = all.counters[name];
+    if (slot == nullptr) {
+        slot = std::make_unique<Counter>();
+    }
+    return *slot;
+}
+
+void Status::gauge(const std::string& name, std::function<Json::Value()> read) {
+    auto entry = std::make_shared<const Gauge>(std::move(read));
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.guard);
+    all.gauges[name].swap(entry);
+}
+
+Json::Value Status::snapshot() {
+    std::vector<std::pair<std::string, std::uint64_t>> counts;
+    std::vector<std::pair<std::string, std::shared_ptr<const Gauge>>> gauges;
+    {
+        Registry& all = registry();
+        const std::lock_guard<std::mutex> lock(all.guard);
+        counts.reserve(all.counters.size());
+        for (const auto& [name, counter] : all.counters) {
+            counts.emplace_back(name, counter->value());
+        }
+        gauges.assign(all.gauges.begin(), all.gauges.end());
+    }
+    // The gauges are read without the lock: they may take locks of their own.
+    Json::Value root(Json::objectValue);
+    for (const auto& [name, count] : counts) {
+        place(root, name, Json::Value(static_cast<Json::UInt64>(count)));
+    }
+    for (const auto& [name, gauge] : gauges) {
+        place(root, name, readGauge(*gauge));
+    }
+    return root;
+}
+
+}  // namespace kyo
