@@ -72,6 +72,7 @@ TEST(Timer, IsReplacedByASecondSettingEvenDuringATick) {
     static std::atomic<bool> gone{false};
     static std::atomic<bool> ticking{false};
     static std::atomic<bool> release{false};
+    gone = ticking = release = false;
     const auto second = std::make_shared<std::atomic<int>>(0);
     auto timer = std::make_shared<Timer>();
     {
