@@ -1,0 +1,239 @@
+// The process: wires the system together in a fixed order, keeps the health supervision fed until a signal
+// asks for the end, and takes leave. All work happens on threads and callbacks that start-up creates.
+#include <stdlib.h>
+
+#include <chrono>
+#include <cxxopts.hpp>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "ac/com/runtime/component.h"
+#include "app/JsonFields.h"
+#include "app/RunningState.h"
+#include "app/StopSignals.h"
+#include "app/VLMConfig.h"
+#include "app/VlmAraLogger.h"
+#include "app/VlmLog.h"
+#include "app/vlmHeartBeat.h"
+#include "ara/exec/application_client.h"
+#include "ara/stm/component_client.h"
+#include "catalog/VlmJsonCatalog.h"
+#include "config/ConfigResponseHandler.h"
+#include "kyo/Log.h"
+#include "report/VlmDataSubmissionControl.h"
+
+namespace {
+
+using namespace vlmProd;
+
+constexpr char kApplicationName[] = "vlmmaster";
+constexpr char kCatalogPath[] = "/etc/VLM_Available_Signals_Catalog_20210311.json";
+constexpr kyo::LogLevel kReportingLevel = 7;
+constexpr std::chrono::seconds kAlivePeriod{30};
+
+// The prefixes of this file's lines, whichever helper writes them.
+constexpr char kMain[] = "int main(int, char**)";
+constexpr char kStateCallback[] =
+    "main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)>";
+
+struct CommandLine {
+    std::string helpText;  ///< empty unless help was asked for
+    bool hasConfigFile = false;
+    std::string configFile;
+    std::string localFile;  ///< empty: backend mode
+};
+
+void installLogger() {
+    // Never destroyed: detached threads log until the process has ended.
+    kyo::Log::setProductLogger(new VlmAraLogger);
+    kyo::Log::setReportingLevel(kReportingLevel);
+}
+
+CommandLine parseCommandLine(int argc, char** argv) {
+    cxxopts::Options options(kApplicationName, "This is a vlmmaster program.");
+    options.positional_help("[OPTION...]").custom_help("positional parameters");
+    options.add_options()                                                                //
+        ("c,configfile", "vlmmaster configuration file", cxxopts::value<std::string>())  //
+        ("l,localFile", "Local Collector config file", cxxopts::value<std::string>())    //
+        ("h,help", "help", cxxopts::value<bool>());
+    const cxxopts::ParseResult given = options.parse(argc, argv);
+    CommandLine commandLine;
+    if (given.count("help") > 0) {
+        commandLine.helpText = options.help({""});
+        return commandLine;
+    }
+    commandLine.hasConfigFile = given.count("configfile") > 0;
+    if (commandLine.hasConfigFile) {
+        commandLine.configFile = given["configfile"].as<std::string>();
+    }
+    if (given.count("localFile") > 0) {
+        commandLine.localFile = given["localFile"].as<std::string>();
+    }
+    return commandLine;
+}
+
+void showHelp(const std::string& text) {
+    VLM_LOG_PLAIN_AS(5, kMain, text);
+    std::cout << text << std::endl;
+}
+
+void loadApplicationConfiguration(const CommandLine& commandLine) {
+    if (commandLine.hasConfigFile) {
+        VLMConfig::createSingleton(commandLine.configFile);
+        VLM_LOG_PLAIN_AS(5, kMain, "VLM Config Object is created");
+    } else {
+        VLM_LOG_PLAIN_AS(3, kMain, "No application configuration is named: start with -c FILE");
+    }
+    if (!commandLine.localFile.empty()) {
+        VLM_LOG_PLAIN_AS(5, kMain, "VLM Will start with local configuration " << commandLine.localFile);
+    }
+}
+
+std::vector<std::string> readOfferedDataTypes() {
+    std::vector<std::string> offered;
+    const kyo::Json::Value& types = VLMConfig::getInstance()->getJsonValue("OfferedDataTypes");
+    if (!types.isArray() && !types.isNull()) {
+        VLM_LOG_PLAIN_AS(3, kMain,
+                         "OfferedDataTypes: an array of texts is expected, found " << kindOf(types));
+    }
+    for (kyo::Json::ArrayIndex i = 0; types.isArray() && i < types.size(); ++i) {
+        std::string type;
+        if (toText(types[i], type)) {
+            offered.push_back(type);
+        } else {
+            VLM_LOG_PLAIN_AS(3, kMain,
+                             "OfferedDataTypes[" << i << "]: a text is expected, found " << kindOf(types[i])
+                                                 << "; it is left out");
+        }
+    }
+    VLM_LOG_PLAIN_AS(5, kMain, "Offered Data Types Size = " << offered.size());
+    return offered;
+}
+
+void onComponentState(const ara::stm::ComponentClient& client, std::uint32_t requestId,
+                      const ara::stm::ComponentState& state) {
+    VLM_LOG_PLAIN_AS(5, kStateCallback, "STATE = " << state);
+    if (state == "kPrepSD") {
+        VLM_LOG_PLAIN_AS(5, kStateCallback, "VLM Application is in kPrepSD state ");
+        setApplicationRunning(false);
+    } else if (state == "kOn") {
+        VLM_LOG_PLAIN_AS(5, kStateCallback, "VLM Application is in kOn state ");
+        if (!isApplicationRunning()) {
+            setApplicationRunning(true);
+        }
+    } else {
+        VLM_LOG_PLAIN_AS(5, kStateCallback, "VLM Application does not know the process state.");
+    }
+    using Result = ara::stm::ComponentClientReturnType;
+    if (client.ConfirmComponentState(requestId, state, Result::kSuccess) == Result::kSuccess) {
+        VLM_LOG_PLAIN_AS(5, kStateCallback, "Sent successful confirmation of change of state");
+    }
+}
+
+/// Without a state manager the process goes on.
+std::unique_ptr<ara::stm::ComponentClient> createStateClient() {
+    std::unique_ptr<ara::stm::ComponentClient> client;
+    try {
+        client = ara::stm::createComponentClient(kApplicationName, onComponentState);
+    } catch (const std::system_error& error) {
+        VLM_LOG_PLAIN_AS(5, kMain,
+                         "VLM Component client creation failed, ERR = " << error.code().category().name()
+                                                                        << ':' << error.code().value());
+    }
+    VLM_LOG_PLAIN_AS(5, kMain, "after creating component_client");
+    return client;
+}
+
+/// The catalog's version is the name under which the backend knows this collection function.
+std::string loadCatalog() {
+    FilesReturnCode code = FilesReturnCode::Ok;
+    VlmJsonCatalog::createSingleton(kCatalogPath, code);
+    VLM_LOG_PLAIN_AS(5, kMain, "Successfully created the catalog file parser");
+    const std::string serverName = VlmJsonCatalog::getInstance()->getCatalogVersion();
+    if (serverName.empty()) {
+        // A bare text: start-up then ends as an unknown exception, which is how operators know this fault.
+        throw "Server name from JSON catalog is empty";
+    }
+    VLM_LOG_PLAIN_AS(5, kMain, "Server name = " << serverName);
+    return serverName;
+}
+
+void startCollection(const std::string& localFile, const std::string& serverName,
+                     const std::vector<std::string>& offeredDataTypes) {
+    if (!localFile.empty()) {
+        ConfigResponseHandler* const handler = ConfigResponseHandler::getInstance();
+        handler->doBaseSetupFromLocalConfig(localFile);
+        std::thread(&ConfigResponseHandler::subscribeResources, handler).detach();
+    } else {
+        VlmDataSubmissionControl::getInstance()->initializeServer(serverName, offeredDataTypes);
+        VlmDataSubmissionControl::getInstance()->start();
+    }
+}
+
+void keepAlive(vlmHeartBeat& heartBeat) {
+    while (!exitRequested()) {
+        heartBeat.sendAliveSignal();
+        VLM_LOG_PLAIN_AS(5, kMain, "Sleeping for 30 secs");
+        waitForStopSignal(kAlivePeriod);
+    }
+}
+
+/// What the exception that is being handled says.
+std::string reason() {
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (const std::string& text) {
+        return text;
+    } catch (const char* text) {
+        return text;
+    } catch (...) {
+        return "an exception without a text";
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    blockStopSignals();
+    std::unique_ptr<ara::stm::ComponentClient> componentClient;  // declared first, as it is the last to end
+    ::setenv("APP_INSTANCE_ID", kApplicationName, 1);
+    ara::exec::ApplicationClient applicationClient;
+    applicationClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
+    installLogger();
+    setApplicationRunning(true);
+    ac::com::runtime::Component_singleton middleware(false, "");
+    std::shared_ptr<vlmHeartBeat> heartBeat;
+    try {
+        const CommandLine commandLine = parseCommandLine(argc, argv);
+        if (!commandLine.helpText.empty()) {
+            showHelp(commandLine.helpText);
+            return 0;
+        }
+        loadApplicationConfiguration(commandLine);
+        const std::vector<std::string> offeredDataTypes = readOfferedDataTypes();
+        installSignalHandlers();
+        componentClient = createStateClient();
+        heartBeat = std::make_shared<vlmHeartBeat>();
+        const std::string serverName = loadCatalog();
+        startCollection(commandLine.localFile, serverName, offeredDataTypes);
+        keepAlive(*heartBeat);
+    } catch (const std::runtime_error& error) {
+        VLM_LOG_PLAIN_AS(5, kMain, "Runtime error: " << error.what());
+    } catch (...) {
+        VLM_LOG_PLAIN_AS(3, kMain, "Start-up ends: " << reason());
+        VLM_LOG_PLAIN_AS(5, kMain, "Unknown exception");
+    }
+    VLM_LOG_PLAIN_AS(5, kMain, "Exiting from main");
+    heartBeat.reset();
+    applicationClient.ReportApplicationState(ara::exec::ApplicationState::kTerminating);
+    // The middleware ends now, then the application client. Threads of the singletons may still be at work
+    // until the process is gone: all that they use is left to the operating system.
+    return 0;
+}
