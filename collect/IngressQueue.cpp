@@ -39,7 +39,7 @@ IngressQueue* IngressQueue::getInstance() {
 
 IngressQueue::IngressQueue()
     : IngressQueue([](TextedRecord record) {
-          ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record.value));
+          ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record));
       }) {}
 
 IngressQueue::IngressQueue(Dispatch dispatch)
@@ -117,9 +117,13 @@ void IngressQueue::run() {
     m_ended = true;  // the last touch: releaseIngressQueue() may destroy this object now
 }
 
+bool IngressQueue::takeRecord(TextedRecord* record) {
+    return m_records.take(record);
+}
+
 bool IngressQueue::drainOnce() {
     TextedRecord record;
-    while (m_records.take(&record)) {
+    while (takeRecord(&record)) {
         if (m_stop) {
             return false;
         }

@@ -46,6 +46,8 @@ class IngressQueue : public kyo::Thread {
 
     /// Dispatches what is queued now: one round of the thread. False when the stop flag ended it.
     bool drainOnce();
+    /// Takes the oldest record out. False when there is none.
+    bool takeRecord(TextedRecord* record);
     /// Bytes of compact JSON text waiting.
     unsigned int queuedBytes() { return m_records.size(); }
     bool isRunning() const { return m_running; }
