@@ -18,6 +18,9 @@ constexpr std::size_t kMaxWaitingBytes = 4u << 20;
 constexpr std::size_t kMessagesAtATime = 512;
 constexpr int kPipeBytes = 1 << 20;
 constexpr auto kProbePeriod = std::chrono::milliseconds(500);
+/// A daemon that has come gives each context its own default level, a second or so later. Within that time
+/// the level is set right again; what changes it afterwards is somebody's wish.
+constexpr auto kLevelSettles = std::chrono::seconds(5);
 /// libdlt's own flush at exit waits in vain for 10 s where no daemon runs.
 constexpr std::uint32_t kExitFlushMs = 200;
 
@@ -99,6 +102,7 @@ bool DltSink::probe(Clock::time_point now) {
     ::fcntl(m_pipe, F_SETPIPE_SZ, kPipeBytes);
     m_blocked = false;
     m_libraryFull = false;
+    m_levelOursUntil = now + kLevelSettles;
     return true;
 }
 
@@ -118,9 +122,18 @@ void DltSink::put(kyo::LogEntry&& entry) {
 
 DltSink::Sent DltSink::send(std::string_view piece, const kyo::LogEntry& entry) {
     DltContextData data{};
-    if (::dlt_user_log_write_start(&m_context, &data, static_cast<DltLogLevelType>(entry.level)) !=
-        DLT_RETURN_TRUE) {
-        return Sent::Hidden;  // somebody has lowered the context's level from outside
+    const auto start = [&] {
+        return ::dlt_user_log_write_start(&m_context, &data, static_cast<DltLogLevelType>(entry.level)) ==
+               DLT_RETURN_TRUE;
+    };
+    if (!start()) {
+        if (Clock::now() > m_levelOursUntil) {
+            return Sent::Hidden;  // somebody has lowered the context's level from outside
+        }
+        registerContext();
+        if (!start()) {
+            return Sent::Hidden;
+        }
     }
     data.use_timestamp = DLT_USER_TIMESTAMP;
     data.user_timestamp = entry.uptimeTicks;

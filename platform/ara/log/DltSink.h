@@ -60,6 +60,7 @@ class DltSink {
 
     int m_pipe = -1;  ///< held open to see room in it, and the daemon's end
     Clock::time_point m_nextProbe{};
+    Clock::time_point m_levelOursUntil{};
     bool m_blocked = false;
     bool m_libraryFull = false;  ///< nobody reads, and the library keeps no more for one who comes later
     std::deque<kyo::LogEntry> m_waiting;
