@@ -1,0 +1,258 @@
+#include "tools/vehicle/SampleMaker.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+
+namespace vlmVehicle {
+
+using qdr::services::DescribedEvent;
+using qdr::services::FieldInfo;
+using qdr::services::FieldValue;
+using qdr::services::FieldValues;
+
+namespace {
+
+constexpr const char* companionSuffix = "ValueType";
+
+bool endsWith(const std::string& text, const std::string& suffix) {
+    return text.size() > suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+const FieldInfo* findField(const DescribedEvent& event, const std::string& name) {
+    for (const auto& field : event.fields()) {
+        if (field.name == name) {
+            return &field;
+        }
+    }
+    return nullptr;
+}
+
+/// The field whose quality a "...ValueType" field tells; null for any other field.
+const FieldInfo* companionOf(const DescribedEvent& event, const std::string& name) {
+    if (!endsWith(name, companionSuffix)) {
+        return nullptr;
+    }
+    const std::string base = name.substr(0, name.size() - std::string(companionSuffix).size());
+    const FieldInfo* field = findField(event, base + "PhysicalValue");
+    return field != nullptr ? field : findField(event, base);
+}
+
+/// Slow and smooth inside the middle of the field's range, different for each field.
+Reading plausible(const std::string& path, const FieldInfo& field, double time) {
+    if (!field.enumerators.empty()) {
+        return field.enumerators.front().name;
+    }
+    const std::string type = field.type;
+    if (type == "bool") {
+        return false;
+    }
+    if (type == "string") {
+        return path;
+    }
+    const double low = field.hasRange ? std::max(field.minimum, -1000.0) : 0;
+    const double high = field.hasRange ? std::min(field.maximum, 1000.0) : 100;
+    const double phase = static_cast<double>(std::hash<std::string>()(path) % 1000);
+    return low + (high - low) * (0.5 + 0.2 * std::sin((time + phase) / 60));
+}
+
+struct IntegerLimits {
+    double low, high;
+};
+
+IntegerLimits limitsOf(const std::string& type) {
+    if (type == "uint8") {
+        return {0, 255};
+    }
+    if (type == "uint16") {
+        return {0, 65535};
+    }
+    if (type == "uint32") {
+        return {0, 4294967295.0};
+    }
+    if (type == "int8") {
+        return {-128, 127};
+    }
+    if (type == "int16") {
+        return {-32768, 32767};
+    }
+    if (type == "int32") {
+        return {-2147483648.0, 2147483647};
+    }
+    return {type == "uint64" ? 0.0 : -9.007199254740992e15, 9.007199254740992e15};
+}
+
+/// What an override says. False for null: the field is left out.
+bool overridden(const kyo::Json::Value& value, const FieldInfo& field, FieldValue& out) {
+    if (value.isNull()) {
+        return false;
+    }
+    if (value.isString()) {
+        out = value.asString();
+    } else if (value.isBool()) {
+        out = value.asBool();
+    } else if (field.enumerators.empty() &&
+               (std::string(field.type) == "double" || std::string(field.type) == "float")) {
+        out = value.asDouble();
+    } else {
+        out = static_cast<std::int64_t>(value.asDouble());
+    }
+    return true;
+}
+
+}  // namespace
+
+FieldValue fit(const Reading& reading, const FieldInfo& field) {
+    if (!field.enumerators.empty()) {
+        const auto has = [&](const std::string& name) {
+            return std::any_of(field.enumerators.begin(), field.enumerators.end(),
+                               [&](const auto& e) { return name == e.name; });
+        };
+        if (const auto* name = std::get_if<std::string>(&reading.value); name != nullptr && has(*name)) {
+            return *name;
+        }
+        return std::string(field.enumerators.front().name);
+    }
+    const std::string type = field.type;
+    if (type == "string") {
+        const auto* text = std::get_if<std::string>(&reading.value);
+        return text != nullptr ? *text : std::string();
+    }
+    if (const auto* whole = std::get_if<std::uint64_t>(&reading.value);
+        whole != nullptr && type != "double" && type != "float") {
+        const auto high = type == "uint64" || type == "int64"
+                              ? std::numeric_limits<std::int64_t>::max()
+                              : static_cast<std::int64_t>(limitsOf(type).high);
+        return *whole % (static_cast<std::uint64_t>(high) + 1);  // counters wrap
+    }
+    double number = std::visit(
+        [](const auto& value) -> double {
+            using T = std::decay_t<decltype(value)>;
+            if constexpr (std::is_same_v<T, std::string>) {
+                return 0;
+            } else {
+                return static_cast<double>(value);
+            }
+        },
+        reading.value);
+    if (type == "bool") {
+        return number != 0;
+    }
+    if (!std::isfinite(number)) {
+        number = 0;
+    }
+    if (field.hasRange) {
+        number = std::clamp(number, field.minimum, field.maximum);
+    }
+    if (type == "double" || type == "float") {
+        return number;
+    }
+    const auto limits = limitsOf(type);
+    number = std::clamp(std::round(number), limits.low, limits.high);
+    return static_cast<std::int64_t>(number);
+}
+
+std::vector<FieldValues> SampleMaker::make(const std::string& service, const DescribedEvent& event,
+                                           const VehicleState& state, std::uint64_t wallMs,
+                                           const std::vector<const FieldOverride*>& overrides) {
+    const std::string path = service + "." + event.name();
+    const bool keyed = !event.key().empty();
+    const std::string keyField = keyed                     ? event.key()
+                                 : event.members().empty() ? std::string()
+                                                           : event.members().front();
+    const FieldInfo* key = findField(event, keyField);
+    if (key == nullptr) {
+        return {};
+    }
+    const auto nameOf = [&](std::int64_t value) -> std::string {
+        for (const auto& enumerator : key->enumerators) {
+            if (enumerator.value == value) {
+                return enumerator.name;
+            }
+        }
+        return {};
+    };
+
+    std::vector<int> keys;
+    if (const KeysRule* rule = m_rules.keysRule(path)) {
+        for (const auto& name : (*rule)(state)) {
+            for (const auto& enumerator : key->enumerators) {
+                if (name == enumerator.name) {
+                    keys.push_back(static_cast<int>(enumerator.value));
+                }
+            }
+        }
+    } else if (keyed) {
+        for (const auto& [value, fields] : event.writers()) {
+            keys.push_back(value);
+        }
+    } else if (event.members().size() > 1 && !key->enumerators.empty()) {
+        // Every kind with its value; an enumerator that stands for none of them has none.
+        for (const auto& enumerator : key->enumerators) {
+            const std::string name = enumerator.name;
+            if (name != "none" && name != "unknown" && name != "noNotification") {
+                keys.push_back(static_cast<int>(enumerator.value));
+            }
+        }
+    } else {
+        keys.push_back(key->enumerators.empty() ? static_cast<int>(key->minimum)
+                                                : static_cast<int>(key->enumerators.front().value));
+    }
+
+    std::vector<FieldValues> samples;
+    for (const int value : keys) {
+        FieldValues sample;
+        sample[keyField] = static_cast<std::int64_t>(value);
+        const std::uint64_t count = m_counts[{&event, value}]++;
+        std::vector<std::string> names = event.members();
+        if (keyed) {
+            const auto writer = event.writers().find(value);
+            if (writer != event.writers().end()) {
+                names = writer->second;
+            } else {
+                names.clear();
+                for (const auto& field : event.fields()) {
+                    names.emplace_back(field.name);
+                }
+            }
+        }
+        const auto read = [&](const FieldInfo& field) {
+            const Moment moment{state, state.controls, field, value, nameOf(value), wallMs, count};
+            const Rule* rule = m_rules.rule(path, field.name);
+            return rule != nullptr ? (*rule)(moment) : plausible(path + "." + field.name, field, state.time);
+        };
+        for (const auto& name : names) {
+            const FieldInfo* field = findField(event, name);
+            if (field == nullptr || name == keyField) {
+                continue;
+            }
+            const FieldInfo* physical = companionOf(event, name);
+            if (physical != nullptr && m_rules.rule(path, name) == nullptr) {
+                sample[name] = fit(Reading(read(*physical).quality), *field);
+            } else {
+                sample[name] = fit(read(*field), *field);
+            }
+        }
+        for (const auto* forced : overrides) {
+            const FieldInfo* field = findField(event, forced->field);
+            const bool concerned = forced->service == service && forced->event == event.name() &&
+                                   (!forced->key || *forced->key == value);
+            if (field == nullptr || !concerned) {
+                continue;
+            }
+            FieldValue replacement;
+            if (overridden(forced->value, *field, replacement)) {
+                sample[forced->field] = replacement;
+            } else {
+                sample.erase(forced->field);
+            }
+        }
+        samples.push_back(std::move(sample));
+    }
+    return samples;
+}
+
+}  // namespace vlmVehicle
