@@ -6,6 +6,7 @@
 /// apart from the state of the subscription: a service that dies and comes back delivers again by itself.
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <utility>
@@ -75,7 +76,8 @@ class EventSubscription {
     const ServiceHandle m_handle;
     const EventInterface m_event;
     someip::Runtime& m_runtime;
-    std::shared_ptr<someip::EventReceiver> m_receiver;  ///< guarded by the runtime
+    std::mutex m_guard;  ///< guards m_receiver; never held while a handler is waited for
+    std::shared_ptr<someip::EventReceiver> m_receiver;
 };
 
 /// An event of a service. Subscribe() and Unsubscribe() may be called by any thread.

@@ -90,6 +90,7 @@ class EventPublication {
 
   private:
     someip::Runtime& m_runtime;
+    const std::shared_ptr<someip::ServiceProvider> m_provider;
     const std::shared_ptr<someip::EventSender> m_sender;
 };
 

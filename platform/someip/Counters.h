@@ -1,0 +1,33 @@
+#pragma once
+/// What the stack counts. All of the process: middlewares that tests make add to the same numbers.
+#include "kyo/Status.h"
+
+namespace someip {
+
+struct Counters {
+    kyo::Counter& datagrams = kyo::Status::counter("someip.datagrams");          ///< received for events
+    kyo::Counter& notifications = kyo::Status::counter("someip.notifications");  ///< handed to a receiver
+    kyo::Counter& malformed = kyo::Status::counter("someip.malformed");          ///< contradict themselves
+    kyo::Counter& truncated = kyo::Status::counter("someip.truncated");  ///< a structure ends too early
+    kyo::Counter& doubledMembers = kyo::Status::counter("someip.doubledMembers");
+    kyo::Counter& wrongVersion = kyo::Status::counter("someip.wrongVersion");    ///< of protocol or interface
+    kyo::Counter& notSubscribed = kyo::Status::counter("someip.notSubscribed");  ///< events nobody wants
+    kyo::Counter& wrongPeer = kyo::Status::counter("someip.wrongPeer");  ///< not from who offers the service
+    kyo::Counter& kernelDropped = kyo::Status::counter("someip.kernelDropped");  ///< full socket buffers
+    kyo::Counter& sessionGaps = kyo::Status::counter("someip.sessionGaps");      ///< numbers that never came
+    kyo::Counter& sessionRepeats = kyo::Status::counter("someip.sessionRepeats");
+    kyo::Counter& handlerFailures = kyo::Status::counter("someip.handlerFailures");  ///< exceptions
+    kyo::Counter& sent = kyo::Status::counter("someip.sent");  ///< datagrams with events
+    kyo::Counter& sendFailed = kyo::Status::counter("someip.sendFailed");
+    kyo::Counter& tpDropped = kyo::Status::counter("someip.tp.dropped");      ///< segmented messages
+    kyo::Counter& sdReceived = kyo::Status::counter("someip.sd.received");    ///< datagrams
+    kyo::Counter& sdSent = kyo::Status::counter("someip.sd.sent");            ///< messages
+    kyo::Counter& sdMalformed = kyo::Status::counter("someip.sd.malformed");  ///< datagrams
+    kyo::Counter& sdForeign = kyo::Status::counter("someip.sd.foreign");      ///< from outside the network
+    kyo::Counter& sdReboots = kyo::Status::counter("someip.sd.reboots");
+};
+
+/// Lives until the process ends.
+Counters& counters();
+
+}  // namespace someip

@@ -1,0 +1,45 @@
+#pragma once
+/// IPv4 addresses and UDP endpoints in host byte order.
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace someip {
+
+using Address = std::uint32_t;
+
+struct Endpoint {
+    Address address = 0;
+    std::uint16_t port = 0;
+
+    auto operator<=>(const Endpoint&) const = default;
+};
+
+/// A part of the address space ("127.0.0.0/8").
+struct Network {
+    Address base = 0;
+    Address mask = 0;
+
+    bool contains(Address address) const noexcept { return (address & mask) == base; }
+};
+
+std::string toText(Address address);
+std::string toText(const Endpoint& endpoint);
+/// Dotted decimal with four numbers and nothing else.
+bool parseAddress(const std::string& text, Address& out);
+/// "address/bits"; bits of the address behind the prefix are cleared.
+bool parseNetwork(const std::string& text, Network& out);
+
+constexpr bool isMulticast(Address address) noexcept {
+    return (address >> 28) == 0xE;
+}
+
+}  // namespace someip
+
+template <>
+struct std::hash<someip::Endpoint> {
+    std::size_t operator()(const someip::Endpoint& endpoint) const noexcept {
+        return std::hash<std::uint64_t>()((std::uint64_t{endpoint.address} << 16) | endpoint.port);
+    }
+};

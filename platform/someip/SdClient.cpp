@@ -1,0 +1,347 @@
+#include <algorithm>
+
+#include "someip/ServiceDiscovery.h"
+
+namespace someip {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Between two find messages that repeated questions for a missing service cause.
+constexpr auto kSearchAgain = 10s;
+/// Waiting time after a refusal or a missing acknowledgement, doubled each time.
+constexpr auto kBackOffFirst = 1s;
+constexpr auto kBackOffMost = 8s;
+/// A failed subscription is tried again at an offer. When none comes that long after the back-off, it is
+/// tried without: a server with a long offer cycle may be one.
+constexpr auto kRetryWithoutOffer = 2s;
+
+Clock::time_point after(std::uint32_t ttlSeconds, Clock::time_point now) {
+    return ttlSeconds == kTtlUntilReboot ? Clock::time_point::max() : now + std::chrono::seconds(ttlSeconds);
+}
+
+}  // namespace
+
+bool SdClient::matches(const ServiceKey& wanted, const ServiceKey& offered) {
+    return wanted.service == offered.service && wanted.major == offered.major &&
+           (wanted.instance == kAnyInstance || wanted.instance == offered.instance);
+}
+
+bool SdClient::isWanted(const ServiceKey& service) const {
+    const auto wanted = [&](const ServiceKey& key) { return m_searches.contains(key); };
+    if (wanted(service) || wanted({service.service, kAnyInstance, service.major})) {
+        return true;
+    }
+    const auto first = m_subscriptions.lower_bound({service, 0});
+    return first != m_subscriptions.end() && first->first.service == service;
+}
+
+bool SdClient::isOffered(const ServiceKey& wanted) const {
+    return std::ranges::any_of(m_offers, [&](const auto& one) { return matches(wanted, one.first); });
+}
+
+std::vector<RemoteService> SdClient::offered(const ServiceKey& service) const {
+    std::vector<RemoteService> found;
+    for (const auto& [key, offer] : m_offers) {
+        if (matches(service, key)) {
+            found.push_back(offer.service);
+        }
+    }
+    return found;
+}
+
+const RemoteService* SdClient::find(const ServiceKey& service) const {
+    const auto found = m_offers.find(service);
+    return found == m_offers.end() ? nullptr : &found->second.service;
+}
+
+SubscriptionState SdClient::state(const EventgroupKey& eventgroup) const {
+    const auto found = m_subscriptions.find(eventgroup);
+    return found == m_subscriptions.end() ? SubscriptionState::Idle : found->second.state;
+}
+
+std::pair<SdClient::Subscriptions::iterator, SdClient::Subscriptions::iterator> SdClient::subscriptionsOf(
+    const ServiceKey& service) {
+    return {m_subscriptions.lower_bound({service, 0}), m_subscriptions.upper_bound({service, 0xFFFF})};
+}
+
+void SdClient::want(const ServiceKey& service, Clock::time_point now) {
+    const auto [search, added] = m_searches.try_emplace(service);
+    if (isOffered(service)) {
+        return;
+    }
+    if (added) {
+        startSearch(search->second, now);
+    } else if (search->second.next == Clock::time_point::max() &&
+               search->second.lastSent + kSearchAgain <= now) {
+        search->second.next = now;
+    }
+}
+
+void SdClient::startSearch(Search& search, Clock::time_point now) {
+    // Searches that wait for their first message share its time, and so the message.
+    for (const auto& [key, other] : m_searches) {
+        if (&other != &search && other.sent == 0 && other.next != Clock::time_point::max() &&
+            other.next > now) {
+            search.sent = 0;
+            search.next = other.next;
+            return;
+        }
+    }
+    const auto least = std::min(m_times.initialDelayMin, m_times.initialDelayMax).count();
+    const auto most = std::max(m_times.initialDelayMin, m_times.initialDelayMax).count();
+    search.sent = 0;
+    search.next = now + std::chrono::milliseconds(std::uniform_int_distribution<long>(least, most)(m_random));
+}
+
+void SdClient::wantEventgroup(const EventgroupKey& eventgroup, Clock::time_point now) {
+    Subscription& subscription = m_subscriptions[eventgroup];
+    if (subscription.wishes++ != 0) {
+        return;
+    }
+    want(eventgroup.service, now);
+    if (const auto* service = find(eventgroup.service)) {
+        request(eventgroup, subscription, *service, now);
+    }
+}
+
+void SdClient::dropEventgroup(const EventgroupKey& eventgroup) {
+    const auto found = m_subscriptions.find(eventgroup);
+    if (found == m_subscriptions.end() || --found->second.wishes != 0) {
+        return;
+    }
+    const auto* service = find(eventgroup.service);
+    if (service != nullptr && found->second.state != SubscriptionState::Idle) {
+        m_outbox.to(service->peer).add(subscribeEntry(eventgroup, 0));
+    }
+    set(eventgroup, found->second, SubscriptionState::Idle);
+    m_subscriptions.erase(found);
+}
+
+SdEntry SdClient::subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) const {
+    SdEntry entry;
+    entry.type = SdEntryType::Subscribe;
+    entry.service = key.service.service;
+    entry.instance = key.service.instance;
+    entry.major = key.service.major;
+    entry.eventgroup = key.eventgroup;
+    entry.ttl = ttl;
+    entry.unicast = {m_receiver};
+    return entry;
+}
+
+void SdClient::request(const EventgroupKey& key, Subscription& subscription, const RemoteService& service,
+                       Clock::time_point now) {
+    m_outbox.to(service.peer).add(subscribeEntry(key, m_times.ttlSeconds));
+    subscription.answered = false;
+    // What lives shorter than the offers' cycle is renewed in time without them.
+    subscription.renewAt =
+        m_times.ttlSeconds == kTtlUntilReboot
+            ? Clock::time_point::max()
+            : now + std::chrono::milliseconds(std::uint64_t{m_times.ttlSeconds} * 1000 * 2 / 3);
+    if (subscription.state != SubscriptionState::Acknowledged) {
+        set(key, subscription, SubscriptionState::Requested);
+    }
+}
+
+void SdClient::failed(Subscription& subscription, Clock::time_point now) {
+    const auto wait =
+        std::min<Clock::duration>(kBackOffFirst * (1u << std::min(subscription.failures, 10u)), kBackOffMost);
+    ++subscription.failures;
+    subscription.notBefore = now + wait;
+    subscription.renewAt = subscription.notBefore + kRetryWithoutOffer;
+}
+
+void SdClient::set(const EventgroupKey& key, Subscription& subscription, SubscriptionState state) {
+    if (subscription.state != state) {
+        subscription.state = state;
+        m_observer.subscriptionChanged(key, state);
+    }
+}
+
+void SdClient::subscribeAll(const RemoteService& service, Clock::time_point now) {
+    const auto [first, last] = subscriptionsOf(service.key);
+    for (auto one = first; one != last; ++one) {
+        Subscription& subscription = one->second;
+        if (now < subscription.notBefore) {
+            continue;
+        }
+        // The first retry is at the first offer after a request that nobody answered; then it gets rarer.
+        const bool unanswered = subscription.state == SubscriptionState::Requested && !subscription.answered;
+        request(one->first, subscription, service, now);
+        if (unanswered) {
+            failed(subscription, now);
+        }
+    }
+}
+
+void SdClient::onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {
+    const ServiceKey key{entry.service, entry.instance, entry.major};
+    const auto known = m_offers.find(key);
+    if (entry.ttl == 0) {
+        // Only who offers a service may take it away.
+        if (known != m_offers.end() && known->second.service.peer == peer) {
+            lose(known, "its offer was stopped", now);
+        }
+        return;
+    }
+    if (key.instance == kAnyInstance || key.major == kAnyMajor || entry.unicast.empty() ||
+        !m_network.contains(entry.unicast.front().address) || entry.unicast.front().port == 0) {
+        return;
+    }
+    const Endpoint endpoint = entry.unicast.front();
+    if (known != m_offers.end()) {
+        if (known->second.service.peer != peer) {
+            // An instance is one instance: it stays where it is until its own offer ends.
+            return;
+        }
+        if (known->second.service.endpoint == endpoint) {
+            known->second.expiry = after(entry.ttl, now);
+            subscribeAll(known->second.service, now);
+            return;
+        }
+        lose(known, "its endpoint changed", now);
+    }
+    if (m_offers.size() >= (isWanted(key) ? 2 * kMaxOffers : kMaxOffers)) {
+        return;
+    }
+    const auto added =
+        m_offers.insert_or_assign(key, Offer{{key, entry.minor, endpoint, peer}, after(entry.ttl, now)})
+            .first;
+    for (auto& [wanted, search] : m_searches) {
+        if (matches(wanted, key)) {
+            search.next = Clock::time_point::max();
+        }
+    }
+    const auto [first, last] = subscriptionsOf(key);
+    for (auto one = first; one != last; ++one) {
+        one->second.failures = 0;
+        one->second.notBefore = Clock::time_point::min();
+    }
+    m_observer.serviceUp(added->second.service);
+    subscribeAll(added->second.service, now);
+}
+
+void SdClient::onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {
+    const EventgroupKey key{{entry.service, entry.instance, entry.major}, entry.eventgroup};
+    const auto found = m_subscriptions.find(key);
+    const auto* service = find(key.service);
+    if (found == m_subscriptions.end() || service == nullptr || service->peer != peer || entry.counter != 0) {
+        return;
+    }
+    Subscription& subscription = found->second;
+    if (subscription.state == SubscriptionState::Idle) {
+        return;
+    }
+    subscription.answered = true;
+    if (entry.ttl == 0) {
+        failed(subscription, now);
+        set(key, subscription, SubscriptionState::Refused);
+        return;
+    }
+    subscription.failures = 0;
+    subscription.notBefore = Clock::time_point::min();
+    subscription.acknowledgedUntil = after(entry.ttl, now);
+    set(key, subscription, SubscriptionState::Acknowledged);
+    if (!entry.multicast.empty() && isMulticast(entry.multicast.front().address)) {
+        m_observer.multicastGiven(key, entry.multicast.front());
+    }
+}
+
+SdClient::Offers::iterator SdClient::lose(Offers::iterator offer, const char* reason, Clock::time_point now) {
+    const RemoteService service = offer->second.service;
+    const auto next = m_offers.erase(offer);
+    const auto [first, last] = subscriptionsOf(service.key);
+    for (auto one = first; one != last; ++one) {
+        one->second.renewAt = Clock::time_point::max();
+        set(one->first, one->second, SubscriptionState::Idle);
+    }
+    m_observer.serviceDown(service, reason);
+    for (auto& [wanted, search] : m_searches) {
+        if (matches(wanted, service.key) && !isOffered(wanted)) {
+            startSearch(search, now);
+        }
+    }
+    return next;
+}
+
+void SdClient::onReboot(const Endpoint& peer, Clock::time_point now) {
+    for (auto offer = m_offers.begin(); offer != m_offers.end();) {
+        offer =
+            offer->second.service.peer == peer ? lose(offer, "its peer has rebooted", now) : std::next(offer);
+    }
+}
+
+void SdClient::onTime(Clock::time_point now) {
+    for (auto offer = m_offers.begin(); offer != m_offers.end();) {
+        offer =
+            offer->second.expiry <= now ? lose(offer, "its offer was not renewed", now) : std::next(offer);
+    }
+    for (auto& [key, subscription] : m_subscriptions) {
+        if (subscription.state == SubscriptionState::Acknowledged && subscription.acknowledgedUntil <= now) {
+            set(key, subscription, SubscriptionState::Requested);
+        }
+        if (subscription.renewAt <= now) {
+            if (const auto* service = find(key.service)) {
+                const bool unanswered =
+                    subscription.state == SubscriptionState::Requested && !subscription.answered;
+                request(key, subscription, *service, now);
+                if (unanswered) {
+                    failed(subscription, now);
+                }
+            } else {
+                subscription.renewAt = Clock::time_point::max();
+            }
+        }
+    }
+    for (auto& [key, search] : m_searches) {
+        if (search.next > now) {
+            continue;
+        }
+        SdEntry entry;
+        entry.type = SdEntryType::Find;
+        entry.service = key.service;
+        entry.instance = key.instance;
+        entry.major = key.major;
+        entry.minor = kAnyMinor;
+        entry.ttl = m_times.ttlSeconds;
+        m_outbox.multicast().add(entry);
+        search.lastSent = now;
+        search.next = search.sent < m_times.repetitions
+                          ? now + m_times.repetitionBase * (1u << std::min(search.sent, 16u))
+                          : Clock::time_point::max();
+        ++search.sent;
+    }
+}
+
+Clock::time_point SdClient::nextDeadline() const {
+    auto next = Clock::time_point::max();
+    for (const auto& [key, offer] : m_offers) {
+        next = std::min(next, offer.expiry);
+    }
+    for (const auto& [key, subscription] : m_subscriptions) {
+        next = std::min(next, subscription.renewAt);
+        if (subscription.state == SubscriptionState::Acknowledged) {
+            next = std::min(next, subscription.acknowledgedUntil);
+        }
+    }
+    for (const auto& [key, search] : m_searches) {
+        next = std::min(next, search.next);
+    }
+    return next;
+}
+
+void SdClient::shutdown() {
+    for (auto& [key, subscription] : m_subscriptions) {
+        const auto* service = find(key.service);
+        if (service != nullptr && subscription.state != SubscriptionState::Idle) {
+            m_outbox.to(service->peer).add(subscribeEntry(key, 0));
+        }
+    }
+    m_subscriptions.clear();
+    m_searches.clear();
+    m_offers.clear();
+}
+
+}  // namespace someip

@@ -1,0 +1,231 @@
+#include "someip/SdMessage.h"
+
+#include <algorithm>
+
+namespace someip {
+
+namespace {
+
+constexpr std::size_t kEntrySize = 16;
+constexpr std::size_t kSdFixedSize = 12;  // flags, length of entries, length of options
+constexpr std::uint8_t kFlagReboot = 0x80;
+constexpr std::uint8_t kFlagUnicast = 0x40;
+constexpr std::uint16_t kIpv4OptionLength = 9;
+constexpr std::uint16_t kIpv6OptionLength = 0x15;
+constexpr std::size_t kOptionHeaderSize = 3;  // length and type
+constexpr std::size_t kMaxRun = 15;           // options of one run: 4 bits
+
+/// What is kept of an option. Others keep their place with neither.
+struct Option {
+    enum Kind : std::uint8_t { Other, Unicast, Multicast } kind = Other;
+    Endpoint endpoint;
+
+    bool operator==(const Option&) const = default;
+};
+
+bool parseOptions(std::span<const std::uint8_t> bytes, std::vector<Option>& out, std::string& error) {
+    while (!bytes.empty()) {
+        if (bytes.size() < kOptionHeaderSize) {
+            error = "option " + std::to_string(out.size()) + " is cut off";
+            return false;
+        }
+        const std::size_t length = loadBig<std::uint16_t>(bytes.data());
+        if (length == 0 || length > bytes.size() - kOptionHeaderSize) {
+            error = "option " + std::to_string(out.size()) + " has length " + std::to_string(length) +
+                    " where " + std::to_string(bytes.size() - kOptionHeaderSize) + " bytes are left";
+            return false;
+        }
+        Option option;
+        const auto type = static_cast<SdOptionType>(bytes[2]);
+        switch (type) {
+            case SdOptionType::Ipv4Endpoint:
+            case SdOptionType::Ipv4Multicast:
+            case SdOptionType::Ipv4SdEndpoint:
+                if (length != kIpv4OptionLength) {
+                    error =
+                        "IPv4 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
+                    return false;
+                }
+                if (type != SdOptionType::Ipv4SdEndpoint && bytes[9] == kProtocolUdp) {
+                    option.kind = type == SdOptionType::Ipv4Endpoint ? Option::Unicast : Option::Multicast;
+                    option.endpoint = {loadBig<std::uint32_t>(bytes.data() + 4),
+                                       loadBig<std::uint16_t>(bytes.data() + 10)};
+                }
+                break;
+            case SdOptionType::Ipv6Endpoint:
+            case SdOptionType::Ipv6Multicast:
+            case SdOptionType::Ipv6SdEndpoint:
+                if (length != kIpv6OptionLength) {
+                    error =
+                        "IPv6 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
+                    return false;
+                }
+                break;
+            default:
+                break;
+        }
+        out.push_back(option);
+        bytes = bytes.subspan(kOptionHeaderSize + length);
+    }
+    return true;
+}
+
+bool collect(const std::vector<Option>& options, std::size_t first, std::size_t count, SdEntry& entry) {
+    if (count == 0) {
+        return true;
+    }
+    if (first + count > options.size()) {
+        return false;
+    }
+    for (std::size_t i = first; i < first + count; ++i) {
+        if (options[i].kind == Option::Unicast) {
+            entry.unicast.push_back(options[i].endpoint);
+        } else if (options[i].kind == Option::Multicast) {
+            entry.multicast.push_back(options[i].endpoint);
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, SdMessage& out,
+                    std::string& error) {
+    if (header.service != kSdService || header.method != kSdMethod ||
+        header.type != static_cast<std::uint8_t>(MessageType::Notification) || header.returnCode != 0 ||
+        header.protocolVersion != kProtocolVersion || header.interfaceVersion != 1 || header.session == 0) {
+        error = "the header is not one of service discovery";
+        return false;
+    }
+    if (body.size() < kSdFixedSize) {
+        error = "the message ends before its entries";
+        return false;
+    }
+    out.session = header.session;
+    out.reboot = (body[0] & kFlagReboot) != 0;
+    out.unicast = (body[0] & kFlagUnicast) != 0;
+    out.entries.clear();
+    const std::size_t entriesSize = loadBig<std::uint32_t>(body.data() + 4);
+    if (entriesSize % kEntrySize != 0 || entriesSize > body.size() - kSdFixedSize) {
+        error = "the length of the entries is " + std::to_string(entriesSize);
+        return false;
+    }
+    const auto entries = body.subspan(8, entriesSize);
+    const std::size_t optionsSize = loadBig<std::uint32_t>(body.data() + 8 + entriesSize);
+    if (optionsSize > body.size() - kSdFixedSize - entriesSize) {
+        error = "the length of the options is " + std::to_string(optionsSize);
+        return false;
+    }
+    std::vector<Option> options;
+    if (!parseOptions(body.subspan(kSdFixedSize + entriesSize, optionsSize), options, error)) {
+        return false;
+    }
+    for (std::size_t at = 0; at < entries.size(); at += kEntrySize) {
+        const std::uint8_t* bytes = entries.data() + at;
+        SdEntry entry;
+        entry.type = static_cast<SdEntryType>(bytes[0]);
+        const bool serviceEntry = entry.type == SdEntryType::Find || entry.type == SdEntryType::Offer;
+        if (!serviceEntry && !entry.isEventgroupEntry()) {
+            continue;
+        }
+        entry.service = loadBig<std::uint16_t>(bytes + 4);
+        entry.instance = loadBig<std::uint16_t>(bytes + 6);
+        entry.major = bytes[8];
+        entry.ttl = loadBig<std::uint32_t>(bytes + 8) & 0xFFFFFFu;
+        if (serviceEntry) {
+            entry.minor = loadBig<std::uint32_t>(bytes + 12);
+        } else {
+            entry.counter = bytes[13] & 0x0F;
+            entry.eventgroup = loadBig<std::uint16_t>(bytes + 14);
+        }
+        if (!collect(options, bytes[1], bytes[3] >> 4, entry) ||
+            !collect(options, bytes[2], bytes[3] & 0x0Fu, entry)) {
+            error = "entry " + std::to_string(at / kEntrySize) + " names an option that is not there";
+            return false;
+        }
+        out.entries.push_back(std::move(entry));
+    }
+    return true;
+}
+
+void SdMessageBuilder::addOnce(SdEntry entry) {
+    const bool waits = std::ranges::any_of(m_entries, [&](const SdEntry& one) {
+        return one.type == entry.type && one.service == entry.service && one.instance == entry.instance &&
+               one.major == entry.major && one.ttl == entry.ttl;
+    });
+    if (!waits) {
+        add(std::move(entry));
+    }
+}
+
+std::size_t SdMessageBuilder::write(std::size_t first, Session session,
+                                    std::vector<std::uint8_t>& out) const {
+    constexpr std::size_t kOptionSize = kOptionHeaderSize + kIpv4OptionLength;
+    std::vector<Option> options;
+    std::vector<std::uint8_t> entryBytes;
+    std::size_t taken = 0;
+    while (first + taken < m_entries.size()) {
+        const SdEntry& entry = m_entries[first + taken];
+        std::vector<Option> wanted;
+        for (const Endpoint& endpoint : entry.unicast) {
+            wanted.push_back({Option::Unicast, endpoint});
+        }
+        for (const Endpoint& endpoint : entry.multicast) {
+            wanted.push_back({Option::Multicast, endpoint});
+        }
+        wanted.resize(std::min(wanted.size(), kMaxRun));
+        const auto found = std::search(options.begin(), options.end(), wanted.begin(), wanted.end());
+        const auto index = static_cast<std::size_t>(found - options.begin());
+        const std::size_t added = found == options.end() ? wanted.size() : 0;
+        const std::size_t size = kHeaderSize + kSdFixedSize + entryBytes.size() + kEntrySize +
+                                 (options.size() + added) * kOptionSize;
+        // Option indexes are 8 bits wide; the size ends a message long before.
+        if (taken != 0 && size > kMaxSdMessage) {
+            break;
+        }
+        if (added != 0) {
+            options.insert(options.end(), wanted.begin(), wanted.end());
+        }
+        entryBytes.push_back(static_cast<std::uint8_t>(entry.type));
+        entryBytes.push_back(wanted.empty() ? 0 : static_cast<std::uint8_t>(index));
+        entryBytes.push_back(0);
+        entryBytes.push_back(static_cast<std::uint8_t>(wanted.size() << 4));
+        appendBig(entryBytes, entry.service);
+        appendBig(entryBytes, entry.instance);
+        appendBig(entryBytes, (std::uint32_t{entry.major} << 24) | (entry.ttl & 0xFFFFFFu));
+        appendBig(entryBytes, entry.isEventgroupEntry()
+                                  ? (std::uint32_t{entry.counter & 0x0Fu} << 16) | entry.eventgroup
+                                  : entry.minor);
+        ++taken;
+    }
+
+    const std::size_t optionBytes = options.size() * kOptionSize;
+    const std::size_t bodySize = kSdFixedSize + entryBytes.size() + optionBytes;
+    Header header;
+    header.service = kSdService;
+    header.method = kSdMethod;
+    header.length = static_cast<std::uint32_t>(kLengthCovers + bodySize);
+    header.session = session.number;
+    header.interfaceVersion = 1;
+    out.reserve(kHeaderSize + bodySize);
+    out.resize(kHeaderSize);
+    writeHeader(header, out.data());
+    const std::uint32_t flags = session.reboot ? kFlagReboot | kFlagUnicast : kFlagUnicast;
+    appendBig(out, flags << 24);
+    appendBig(out, static_cast<std::uint32_t>(entryBytes.size()));
+    out.insert(out.end(), entryBytes.begin(), entryBytes.end());
+    appendBig(out, static_cast<std::uint32_t>(optionBytes));
+    for (const Option& option : options) {
+        appendBig(out, kIpv4OptionLength);
+        out.push_back(static_cast<std::uint8_t>(
+            option.kind == Option::Unicast ? SdOptionType::Ipv4Endpoint : SdOptionType::Ipv4Multicast));
+        out.push_back(0);
+        appendBig(out, option.endpoint.address);
+        out.push_back(0);
+        out.push_back(kProtocolUdp);
+        appendBig(out, option.endpoint.port);
+    }
+    return taken;
+}
+
+}  // namespace someip

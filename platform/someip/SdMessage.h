@@ -1,0 +1,107 @@
+#pragma once
+/// Service discovery messages: entries, options, and the bytes that carry them.
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "someip/Endpoint.h"
+#include "someip/Message.h"
+
+namespace someip {
+
+inline constexpr std::uint16_t kSdService = 0xFFFF;
+inline constexpr std::uint16_t kSdMethod = 0x8100;
+inline constexpr std::uint16_t kAnyInstance = 0xFFFF;
+inline constexpr std::uint8_t kAnyMajor = 0xFF;
+inline constexpr std::uint32_t kAnyMinor = 0xFFFFFFFF;
+inline constexpr std::uint32_t kTtlUntilReboot = 0xFFFFFF;
+/// Bytes of one discovery message behind the UDP header, at most.
+inline constexpr std::size_t kMaxSdMessage = 1380;
+
+enum class SdEntryType : std::uint8_t {
+    Find = 0x00,
+    Offer = 0x01,         ///< TTL 0: stop offer
+    Subscribe = 0x06,     ///< TTL 0: stop subscribe
+    SubscribeAck = 0x07,  ///< TTL 0: refusal
+};
+
+enum class SdOptionType : std::uint8_t {
+    Configuration = 0x01,
+    LoadBalancing = 0x02,
+    Ipv4Endpoint = 0x04,
+    Ipv6Endpoint = 0x06,
+    Ipv4Multicast = 0x14,
+    Ipv6Multicast = 0x16,
+    Ipv4SdEndpoint = 0x24,
+    Ipv6SdEndpoint = 0x26,
+};
+
+inline constexpr std::uint8_t kProtocolTcp = 0x06;
+inline constexpr std::uint8_t kProtocolUdp = 0x11;
+
+/// One entry with the UDP endpoints that its options name.
+struct SdEntry {
+    SdEntryType type = SdEntryType::Find;
+    std::uint16_t service = 0;
+    std::uint16_t instance = 0;
+    std::uint8_t major = 0;
+    std::uint32_t ttl = 0;            ///< seconds, 24 bits
+    std::uint32_t minor = 0;          ///< service entries
+    std::uint8_t counter = 0;         ///< eventgroup entries, 4 bits
+    std::uint16_t eventgroup = 0;     ///< eventgroup entries
+    std::vector<Endpoint> unicast;    ///< IPv4 endpoint options for UDP, in order
+    std::vector<Endpoint> multicast;  ///< IPv4 multicast options for UDP, in order
+
+    bool isEventgroupEntry() const noexcept {
+        return type == SdEntryType::Subscribe || type == SdEntryType::SubscribeAck;
+    }
+};
+
+struct SdMessage {
+    std::uint16_t session = 0;
+    bool reboot = false;
+    bool unicast = false;
+    std::vector<SdEntry> entries;
+};
+
+/// Reads one discovery message. False with `error` when the header, a length or an option index is wrong.
+/// Entries of unknown type are left out; unknown options, and endpoints that are not IPv4 with UDP, are
+/// passed over.
+bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, SdMessage& out,
+                    std::string& error);
+
+/// Collects entries for one receiver and turns them into as few messages as fit. Equal options are written
+/// once per message.
+class SdMessageBuilder {
+  public:
+    void add(SdEntry entry) { m_entries.push_back(std::move(entry)); }
+    /// Leaves out what waits already for the same instance: a message full of equal questions gets one
+    /// answer.
+    void addOnce(SdEntry entry);
+    bool empty() const noexcept { return m_entries.empty(); }
+
+    /// Writes all entries and forgets them. `nextSession` is asked once per message for session and reboot
+    /// flag.
+    struct Session {
+        std::uint16_t number;
+        bool reboot;
+    };
+    template <typename NextSession>
+    std::vector<std::vector<std::uint8_t>> take(NextSession&& nextSession) {
+        std::vector<std::vector<std::uint8_t>> messages;
+        for (std::size_t first = 0; first < m_entries.size();) {
+            messages.emplace_back();
+            first += write(first, nextSession(), messages.back());
+        }
+        m_entries.clear();
+        return messages;
+    }
+
+  private:
+    std::size_t write(std::size_t first, Session session, std::vector<std::uint8_t>& out) const;
+
+    std::vector<SdEntry> m_entries;
+};
+
+}  // namespace someip

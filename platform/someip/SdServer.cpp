@@ -1,0 +1,201 @@
+#include <algorithm>
+
+#include "someip/ServiceDiscovery.h"
+
+namespace someip {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Offers that are due within this time go into the same message.
+constexpr auto kTogether = 5ms;
+
+}  // namespace
+
+SdEntry SdServer::offerEntry(const ServiceKey& key, const Offered& offered, std::uint32_t ttl) const {
+    SdEntry entry;
+    entry.type = SdEntryType::Offer;
+    entry.service = key.service;
+    entry.instance = key.instance;
+    entry.major = key.major;
+    entry.minor = offered.minor;
+    entry.ttl = ttl;
+    entry.unicast = {m_endpoint};
+    return entry;
+}
+
+void SdServer::offer(const ServiceKey& service, std::uint32_t minor, std::vector<std::uint16_t> eventgroups,
+                     Clock::time_point now) {
+    const auto [place, added] = m_offered.try_emplace(service);
+    Offered& offered = place->second;
+    offered.minor = minor;
+    offered.eventgroups = std::move(eventgroups);
+    if (!added) {
+        return;
+    }
+    // Services that wait for their first offer share its time, and so the message.
+    for (const auto& [key, other] : m_offered) {
+        if (&other != &offered && !other.announced && other.next > now) {
+            offered.next = other.next;
+            return;
+        }
+    }
+    const auto least = std::min(m_times.initialDelayMin, m_times.initialDelayMax).count();
+    const auto most = std::max(m_times.initialDelayMin, m_times.initialDelayMax).count();
+    offered.next =
+        now + std::chrono::milliseconds(std::uniform_int_distribution<long>(least, most)(m_random));
+}
+
+template <typename Condition>
+void SdServer::removeSubscribers(Condition&& condition) {
+    for (auto group = m_subscribers.begin(); group != m_subscribers.end();) {
+        auto& list = group->second;
+        for (std::size_t i = 0; i < list.size();) {
+            if (condition(group->first, list[i])) {
+                const Endpoint receiver = list[i].receiver;
+                list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
+                m_observer.subscriberRemoved(group->first, receiver);
+            } else {
+                ++i;
+            }
+        }
+        group = list.empty() ? m_subscribers.erase(group) : std::next(group);
+    }
+}
+
+void SdServer::withdraw(const ServiceKey& service) {
+    const auto found = m_offered.find(service);
+    if (found == m_offered.end()) {
+        return;
+    }
+    if (found->second.announced) {
+        m_outbox.multicast().add(offerEntry(service, found->second, 0));
+    }
+    m_offered.erase(found);
+    removeSubscribers([&](const EventgroupKey& key, const Subscriber&) { return key.service == service; });
+}
+
+void SdServer::onFind(const SdEntry& entry, const Endpoint& peer) {
+    for (const auto& [key, offered] : m_offered) {
+        if (offered.announced && key.service == entry.service &&
+            (entry.instance == kAnyInstance || entry.instance == key.instance) &&
+            (entry.major == kAnyMajor || entry.major == key.major) &&
+            (entry.minor == kAnyMinor || entry.minor == offered.minor)) {
+            m_outbox.to(peer).addOnce(offerEntry(key, offered, m_times.ttlSeconds));
+        }
+    }
+}
+
+bool SdServer::admit(const EventgroupKey& key, const SdEntry& entry, const Endpoint& receiver) {
+    const auto service = m_offered.find(key.service);
+    return service != m_offered.end() && !entry.unicast.empty() &&
+           std::ranges::count(service->second.eventgroups, key.eventgroup) != 0 && receiver.port != 0 &&
+           m_network.contains(receiver.address) && m_observer.admitSubscriber(key, receiver);
+}
+
+void SdServer::onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {
+    const EventgroupKey key{{entry.service, entry.instance, entry.major}, entry.eventgroup};
+    const Endpoint receiver = entry.unicast.empty() ? Endpoint{} : entry.unicast.front();
+    const auto same = [&](const Subscriber& one) {
+        return one.peer == peer && one.receiver == receiver && one.counter == entry.counter;
+    };
+    if (entry.ttl == 0) {
+        removeSubscribers(
+            [&](const EventgroupKey& group, const Subscriber& one) { return group == key && same(one); });
+        return;
+    }
+    SdEntry answer;
+    answer.type = SdEntryType::SubscribeAck;
+    answer.service = entry.service;
+    answer.instance = entry.instance;
+    answer.major = entry.major;
+    answer.eventgroup = entry.eventgroup;
+    answer.counter = entry.counter;
+    answer.ttl = 0;
+    if (admit(key, entry, receiver)) {
+        auto& list = m_subscribers[key];
+        const auto expiry =
+            entry.ttl == kTtlUntilReboot ? Clock::time_point::max() : now + std::chrono::seconds(entry.ttl);
+        const auto known = std::ranges::find_if(list, same);
+        if (known != list.end()) {
+            known->expiry = expiry;
+            answer.ttl = entry.ttl;
+        } else if (list.size() < kMaxSubscribers) {
+            list.push_back({receiver, peer, entry.counter, expiry});
+            answer.ttl = entry.ttl;
+            m_observer.subscriberAdded(key, receiver);
+        }
+    } else {
+        removeSubscribers(
+            [&](const EventgroupKey& group, const Subscriber& one) { return group == key && same(one); });
+    }
+    m_outbox.to(peer).add(answer);
+}
+
+void SdServer::onReboot(const Endpoint& peer) {
+    removeSubscribers([&](const EventgroupKey&, const Subscriber& one) { return one.peer == peer; });
+}
+
+void SdServer::onTime(Clock::time_point now) {
+    removeSubscribers([&](const EventgroupKey&, const Subscriber& one) { return one.expiry <= now; });
+
+    const bool cycle = m_nextCycle <= now;
+    bool cyclic = false;
+    for (auto& [key, offered] : m_offered) {
+        if (offered.next == Clock::time_point::max()) {
+            cyclic = true;
+            if (cycle) {
+                m_outbox.multicast().add(offerEntry(key, offered, m_times.ttlSeconds));
+            }
+            continue;
+        }
+        if (offered.next > now + kTogether) {
+            continue;
+        }
+        m_outbox.multicast().add(offerEntry(key, offered, m_times.ttlSeconds));
+        if (!offered.announced) {
+            offered.announced = true;
+            offered.repetitions = 0;
+        } else {
+            ++offered.repetitions;
+        }
+        if (offered.repetitions < m_times.repetitions) {
+            offered.next = now + m_times.repetitionBase * (1u << std::min(offered.repetitions, 16u));
+        } else {
+            offered.next = Clock::time_point::max();
+            cyclic = true;
+        }
+    }
+    if (!cyclic) {
+        m_nextCycle = Clock::time_point::max();
+    } else if (cycle || m_nextCycle == Clock::time_point::max()) {
+        m_nextCycle = m_times.cyclicOffer.count() > 0 ? now + m_times.cyclicOffer : Clock::time_point::max();
+    }
+}
+
+Clock::time_point SdServer::nextDeadline() const {
+    auto next = m_nextCycle;
+    for (const auto& [key, offered] : m_offered) {
+        next = std::min(next, offered.next);
+    }
+    for (const auto& [key, list] : m_subscribers) {
+        for (const auto& one : list) {
+            next = std::min(next, one.expiry);
+        }
+    }
+    return next;
+}
+
+void SdServer::shutdown() {
+    for (const auto& [key, offered] : m_offered) {
+        if (offered.announced) {
+            m_outbox.multicast().add(offerEntry(key, offered, 0));
+        }
+    }
+    m_offered.clear();
+    removeSubscribers([](const EventgroupKey&, const Subscriber&) { return true; });
+    m_nextCycle = Clock::time_point::max();
+}
+
+}  // namespace someip

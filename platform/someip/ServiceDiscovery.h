@@ -1,0 +1,267 @@
+#pragma once
+/// Service discovery without a thread, a clock or a socket: what is wanted and offered goes in, messages and
+/// the time go in, messages and news come out. Whoever drives it holds one lock around every call.
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "someip/Endpoint.h"
+#include "someip/SdMessage.h"
+#include "someip/SdSessions.h"
+#include "someip/Segmentation.h"
+
+namespace someip {
+
+struct SdTimes {
+    std::chrono::milliseconds initialDelayMin{10};
+    std::chrono::milliseconds initialDelayMax{30};
+    std::chrono::milliseconds repetitionBase{30};  ///< doubled at each repetition
+    std::uint32_t repetitions = 3;
+    std::chrono::milliseconds cyclicOffer{1000};
+    std::uint32_t ttlSeconds = 3;  ///< of our offers and subscriptions; kTtlUntilReboot: for ever
+};
+
+/// One instance of a service.
+struct ServiceKey {
+    std::uint16_t service = 0;
+    std::uint16_t instance = 0;
+    std::uint8_t major = 0;
+
+    auto operator<=>(const ServiceKey&) const = default;
+};
+
+struct EventgroupKey {
+    ServiceKey service;
+    std::uint16_t eventgroup = 0;
+
+    auto operator<=>(const EventgroupKey&) const = default;
+};
+
+/// An instance that a peer offers.
+struct RemoteService {
+    ServiceKey key;
+    std::uint32_t minor = 0;
+    Endpoint endpoint;  ///< where its events come from
+    Endpoint peer;      ///< its service discovery
+};
+
+enum class SubscriptionState : std::uint8_t {
+    Idle,       ///< the service is not offered
+    Requested,  ///< sent, no answer yet
+    Acknowledged,
+    Refused,
+};
+
+/// Told what changes. Called inside the calls of ServiceDiscovery, so it must not call back into it.
+class SdObserver {
+  public:
+    virtual ~SdObserver() = default;
+    virtual void serviceUp(const RemoteService& service) = 0;
+    virtual void serviceDown(const RemoteService& service, const char* reason) = 0;
+    virtual void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) = 0;
+    /// The acknowledgement names a multicast group that carries the events.
+    virtual void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) = 0;
+    virtual bool admitSubscriber(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
+    virtual void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
+    virtual void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
+    virtual void peerRebooted(const Endpoint& peer) = 0;
+};
+
+/// Entries that wait for being sent, by receiver.
+class SdOutbox {
+  public:
+    SdMessageBuilder& multicast() { return m_multicast; }
+    SdMessageBuilder& to(const Endpoint& peer) { return m_unicast[peer]; }
+
+    struct Datagram {
+        std::optional<Endpoint> to;  ///< none: the multicast or broadcast group
+        std::vector<std::uint8_t> bytes;
+    };
+    /// All that waits, numbered, in as few messages as fit.
+    std::vector<Datagram> take();
+
+    /// Relations to more peers than that are not numbered apart: the numbers of an unused one are forgotten.
+    static constexpr std::size_t kMaxRelations = 1024;
+
+  private:
+    SdMessageBuilder m_multicast;
+    std::map<Endpoint, SdMessageBuilder> m_unicast;
+    SdSessionCounter m_multicastSession;
+    std::map<Endpoint, SdSessionCounter> m_unicastSessions;
+};
+
+/// The client side: searches services, keeps what is offered, and keeps subscriptions alive.
+class SdClient {
+  public:
+    SdClient(const SdTimes& times, const Endpoint& receiver, const Network& network, SdOutbox& outbox,
+             SdObserver& observer, std::minstd_rand& random)
+        : m_times(times),
+          m_receiver(receiver),
+          m_network(network),
+          m_outbox(outbox),
+          m_observer(observer),
+          m_random(random) {}
+
+    /// Searches a service; the instance may be kAnyInstance. Asking again for one that is not there sends
+    /// another find message, not more often than every ten seconds.
+    void want(const ServiceKey& service, Clock::time_point now);
+    /// Subscribes now or as soon as the service is offered. Counted: each want needs its drop.
+    void wantEventgroup(const EventgroupKey& eventgroup, Clock::time_point now);
+    void dropEventgroup(const EventgroupKey& eventgroup);
+
+    /// What is offered now and matches; the instance may be kAnyInstance.
+    std::vector<RemoteService> offered(const ServiceKey& service) const;
+    const RemoteService* find(const ServiceKey& service) const;
+    SubscriptionState state(const EventgroupKey& eventgroup) const;
+
+    void onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
+    void onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
+    void onReboot(const Endpoint& peer, Clock::time_point now);
+    void onTime(Clock::time_point now);
+    Clock::time_point nextDeadline() const;
+    /// Says stop-subscribe for all that is subscribed.
+    void shutdown();
+
+    /// Instances that nobody wants are remembered up to this number in all, wanted ones up to twice of it.
+    static constexpr std::size_t kMaxOffers = 1024;
+
+  private:
+    struct Search {
+        std::uint32_t sent = 0;
+        Clock::time_point next = Clock::time_point::max();
+        Clock::time_point lastSent = Clock::time_point::min();
+    };
+    struct Offer {
+        RemoteService service;
+        Clock::time_point expiry;
+    };
+    struct Subscription {
+        std::uint32_t wishes = 0;
+        SubscriptionState state = SubscriptionState::Idle;
+        bool answered = false;
+        std::uint32_t failures = 0;
+        Clock::time_point notBefore = Clock::time_point::min();
+        Clock::time_point renewAt = Clock::time_point::max();
+        Clock::time_point acknowledgedUntil = Clock::time_point::max();
+    };
+    using Offers = std::map<ServiceKey, Offer>;
+    using Subscriptions = std::map<EventgroupKey, Subscription>;
+
+    static bool matches(const ServiceKey& wanted, const ServiceKey& offered);
+    bool isWanted(const ServiceKey& service) const;
+    bool isOffered(const ServiceKey& wanted) const;
+    void startSearch(Search& search, Clock::time_point now);
+    Offers::iterator lose(Offers::iterator offer, const char* reason, Clock::time_point now);
+    void subscribeAll(const RemoteService& service, Clock::time_point now);
+    void request(const EventgroupKey& key, Subscription& subscription, const RemoteService& service,
+                 Clock::time_point now);
+    void failed(Subscription& subscription, Clock::time_point now);
+    void set(const EventgroupKey& key, Subscription& subscription, SubscriptionState state);
+    SdEntry subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) const;
+    std::pair<Subscriptions::iterator, Subscriptions::iterator> subscriptionsOf(const ServiceKey& service);
+
+    const SdTimes m_times;
+    const Endpoint m_receiver;
+    const Network m_network;
+    SdOutbox& m_outbox;
+    SdObserver& m_observer;
+    std::minstd_rand& m_random;
+    std::map<ServiceKey, Search> m_searches;
+    Offers m_offers;
+    Subscriptions m_subscriptions;
+};
+
+/// The server side: offers services and keeps their subscribers.
+class SdServer {
+  public:
+    SdServer(const SdTimes& times, const Endpoint& endpoint, const Network& network, SdOutbox& outbox,
+             SdObserver& observer, std::minstd_rand& random)
+        : m_times(times),
+          m_endpoint(endpoint),
+          m_network(network),
+          m_outbox(outbox),
+          m_observer(observer),
+          m_random(random) {}
+
+    void offer(const ServiceKey& service, std::uint32_t minor, std::vector<std::uint16_t> eventgroups,
+               Clock::time_point now);
+    /// Says stop-offer and drops the subscribers.
+    void withdraw(const ServiceKey& service);
+
+    void onFind(const SdEntry& entry, const Endpoint& peer);
+    void onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
+    void onReboot(const Endpoint& peer);
+    void onTime(Clock::time_point now);
+    Clock::time_point nextDeadline() const;
+    /// Says stop-offer for all that is offered.
+    void shutdown();
+
+    /// Subscribers of one eventgroup, at most; more are refused.
+    static constexpr std::size_t kMaxSubscribers = 64;
+
+  private:
+    struct Offered {
+        std::uint32_t minor = 0;
+        std::vector<std::uint16_t> eventgroups;
+        bool announced = false;         ///< the first offer has gone out
+        std::uint32_t repetitions = 0;  ///< of those that follow it
+        Clock::time_point next;         ///< the next offer; max() in the cyclic phase
+    };
+    struct Subscriber {
+        Endpoint receiver;
+        Endpoint peer;
+        std::uint8_t counter = 0;
+        Clock::time_point expiry;
+    };
+    using Subscribers = std::map<EventgroupKey, std::vector<Subscriber>>;
+
+    SdEntry offerEntry(const ServiceKey& key, const Offered& offered, std::uint32_t ttl) const;
+    template <typename Condition>
+    void removeSubscribers(Condition&& condition);
+    bool admit(const EventgroupKey& key, const SdEntry& entry, const Endpoint& receiver);
+
+    const SdTimes m_times;
+    const Endpoint m_endpoint;
+    const Network m_network;
+    SdOutbox& m_outbox;
+    SdObserver& m_observer;
+    std::minstd_rand& m_random;
+    std::map<ServiceKey, Offered> m_offered;
+    Clock::time_point m_nextCycle =
+        Clock::time_point::max();  ///< one for all services, so that they share messages
+    Subscribers m_subscribers;
+};
+
+/// Both sides, and what they have in common.
+class ServiceDiscovery {
+  public:
+    /// `events` is the endpoint of this process for event data, `network` what may be heard.
+    ServiceDiscovery(const SdTimes& times, const Endpoint& events, const Network& network,
+                     SdObserver& observer, std::uint32_t seed);
+
+    SdClient& client() noexcept { return m_client; }
+    SdServer& server() noexcept { return m_server; }
+    SdOutbox& outbox() noexcept { return m_outbox; }
+
+    /// Takes a datagram of the discovery port. False with `error` when some of it was malformed.
+    bool onDatagram(const Endpoint& from, bool multicast, std::span<const std::uint8_t> datagram,
+                    Clock::time_point now, std::string& error);
+    void onTime(Clock::time_point now);
+    Clock::time_point nextDeadline() const;
+    void shutdown();
+
+  private:
+    SdObserver& m_observer;
+    SdOutbox m_outbox;
+    std::minstd_rand m_random;
+    SdPeerSessions m_peers;
+    SdClient m_client;
+    SdServer m_server;
+};
+
+}  // namespace someip

@@ -1,0 +1,153 @@
+#include "someip/UdpSocket.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace someip {
+
+namespace {
+
+sockaddr_in toSystem(const Endpoint& endpoint) noexcept {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(endpoint.address);
+    address.sin_port = htons(endpoint.port);
+    return address;
+}
+
+Endpoint fromSystem(const sockaddr_in& address) noexcept {
+    return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
+}
+
+bool set(int fd, int level, int option, int value) noexcept {
+    return ::setsockopt(fd, level, option, &value, sizeof value) == 0;
+}
+
+}  // namespace
+
+std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Options& options,
+                                           std::string& error) {
+    const auto failed = [&](const char* step, int fd) {
+        error = std::string(step) + " " + toText(endpoint) + ": " + std::strerror(errno);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return nullptr;
+    };
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return failed("cannot make a socket for", fd);
+    }
+    if (options.shared && !set(fd, SOL_SOCKET, SO_REUSEADDR, 1)) {
+        return failed("cannot share", fd);
+    }
+    if (options.broadcast && !set(fd, SOL_SOCKET, SO_BROADCAST, 1)) {
+        return failed("cannot broadcast from", fd);
+    }
+    if (options.receiveBufferBytes != 0) {
+        // The first is for privileged processes; the second is capped by net.core.rmem_max.
+        const int bytes = static_cast<int>(std::min<std::uint32_t>(options.receiveBufferBytes, 1u << 30));
+        if (!set(fd, SOL_SOCKET, SO_RCVBUFFORCE, bytes)) {
+            set(fd, SOL_SOCKET, SO_RCVBUF, bytes);
+        }
+    }
+    set(fd, SOL_SOCKET, SO_RXQ_OVFL, 1);
+    if (options.interfaceAddress != 0) {
+        in_addr interface {};
+        interface.s_addr = htonl(options.interfaceAddress);
+        if (::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0) {
+            return failed("cannot choose the multicast interface for", fd);
+        }
+    }
+    const sockaddr_in address = toSystem(endpoint);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return failed("cannot bind", fd);
+    }
+    if (options.join) {
+        ip_mreqn membership{};
+        membership.imr_multiaddr.s_addr = htonl(endpoint.address);
+        membership.imr_address.s_addr = htonl(options.interfaceAddress);
+        if (::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) {
+            return failed("cannot join", fd);
+        }
+    }
+    sockaddr_in bound{};
+    socklen_t size = sizeof bound;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
+        return failed("cannot ask for the endpoint of", fd);
+    }
+    return std::unique_ptr<UdpSocket>(new UdpSocket(fd, fromSystem(bound)));
+}
+
+UdpSocket::~UdpSocket() {
+    ::close(m_fd);
+}
+
+std::uint32_t UdpSocket::receiveBufferBytes() const {
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    ::getsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &bytes, &size);
+    return static_cast<std::uint32_t>(bytes) / 2;  // the system doubles it for its own book-keeping
+}
+
+int UdpSocket::sendTo(const Endpoint& to, std::span<const std::uint8_t> bytes, bool wait) const noexcept {
+    const sockaddr_in address = toSystem(to);
+    for (;;) {
+        if (::sendto(m_fd, bytes.data(), bytes.size(), wait ? MSG_NOSIGNAL : MSG_NOSIGNAL | MSG_DONTWAIT,
+                     reinterpret_cast<const sockaddr*>(&address), sizeof address) >= 0) {
+            return 0;
+        }
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+}
+
+DatagramBatch::DatagramBatch()
+    : m_buffers(std::make_unique_for_overwrite<std::uint8_t[]>(kDatagrams * kSize)) {
+    for (std::size_t i = 0; i < kDatagrams; ++i) {
+        m_vectors[i] = {m_buffers.get() + i * kSize, kSize};
+    }
+}
+
+std::size_t DatagramBatch::receive(const UdpSocket& socket) {
+    for (std::size_t i = 0; i < kDatagrams; ++i) {
+        msghdr& header = m_headers[i].msg_hdr;
+        header.msg_name = &m_senders[i];
+        header.msg_namelen = sizeof m_senders[i];
+        header.msg_iov = &m_vectors[i];
+        header.msg_iovlen = 1;
+        header.msg_control = &m_controls[i];
+        header.msg_controllen = sizeof m_controls[i];
+        header.msg_flags = 0;
+    }
+    const int count = ::recvmmsg(socket.fd(), m_headers.data(), kDatagrams, MSG_DONTWAIT, nullptr);
+    m_count = count > 0 ? static_cast<std::size_t>(count) : 0;
+    return m_count;
+}
+
+Endpoint DatagramBatch::from(std::size_t index) const noexcept {
+    return fromSystem(m_senders[index]);
+}
+
+std::span<const std::uint8_t> DatagramBatch::bytes(std::size_t index) const noexcept {
+    return {m_buffers.get() + index * kSize, m_headers[index].msg_len};
+}
+
+bool DatagramBatch::droppedBySystem(std::uint32_t& total) const noexcept {
+    for (std::size_t i = m_count; i-- > 0;) {
+        const msghdr& header = m_headers[i].msg_hdr;
+        for (const cmsghdr* one = CMSG_FIRSTHDR(&header); one != nullptr;
+             one = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(one))) {
+            if (one->cmsg_level == SOL_SOCKET && one->cmsg_type == SO_RXQ_OVFL) {
+                std::memcpy(&total, CMSG_DATA(one), sizeof total);
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace someip
