@@ -1,0 +1,140 @@
+#include "tools/state/StatusText.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+namespace tools {
+
+namespace {
+
+using kyo::Json::Value;
+using Values = std::map<std::string, Value>;
+
+void flattenInto(const Value& value, const std::string& name, Values& out) {
+    if (!value.isObject() || value.empty()) {
+        out[name] = value;
+        return;
+    }
+    for (auto member = value.begin(); member != value.end(); ++member) {
+        flattenInto(*member, name.empty() ? member.name() : name + "." + member.name(), out);
+    }
+}
+
+double numberOf(const Values& values, const std::string& name) {
+    const auto found = values.find(name);
+    return found != values.end() && found->second.isNumeric() ? found->second.asDouble() : 0.0;
+}
+
+std::string whole(double number) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.0f", number);
+    return text;
+}
+
+std::string textOf(const Value& value) {
+    if (value.isString()) {
+        return value.asString();
+    }
+    return value.isBool() ? (value.asBool() ? "yes" : "no") : kyo::Json::FastWriter().write(value);
+}
+
+bool startsWith(std::string_view text, std::string_view with) {
+    return text.substr(0, with.size()) == with;
+}
+
+/// Lost log lines are told apart from lost data.
+bool countsLostLogLines(std::string_view name) {
+    return startsWith(name, "log.dropped.");
+}
+
+double sumOf(const Values& values, bool (*counts)(const std::string&)) {
+    double sum = 0;
+    for (const auto& [name, value] : values) {
+        sum += counts(name) && value.isNumeric() ? value.asDouble() : 0.0;
+    }
+    return sum;
+}
+
+}  // namespace
+
+Values flatten(const Value& snapshot) {
+    Values values;
+    if (snapshot.isObject() && !snapshot.empty()) {
+        flattenInto(snapshot, "", values);
+    }
+    return values;
+}
+
+bool countsLoss(const std::string& name) {
+    constexpr std::array<std::string_view, 8> kOthers{
+        "someip.kernelDropped", "someip.malformed", "someip.truncated",  "someip.sd.malformed",
+        "threads.failed",       "reports.failed",   "reports.discarded", "orx.failed"};
+    if (countsLostLogLines(name)) {
+        return false;
+    }
+    const bool dropped = name.find(".dropped.") != std::string::npos || name.ends_with(".dropped");
+    return dropped || std::find(kOthers.begin(), kOthers.end(), name) != kOthers.end();
+}
+
+std::string statusTable(const Value& snapshot) {
+    const Values values = flatten(snapshot);
+    std::size_t width = 0;
+    for (const auto& [name, value] : values) {
+        width = std::max(width, name.size());
+    }
+    std::string table;
+    std::string lost;
+    std::string group;
+    for (const auto& [name, value] : values) {
+        const bool loss = countsLoss(name) || countsLostLogLines(name);
+        const std::string line = name + std::string(width + 2 - name.size(), ' ') + textOf(value) + "\n";
+        if (loss && value.isNumeric()) {
+            lost += value.asDouble() > 0 ? line : "";
+            continue;
+        }
+        const std::string mine = name.substr(0, name.find('.'));
+        if (!group.empty() && mine != group) {
+            table += "\n";
+        }
+        group = mine;
+        table += line;
+    }
+    return table + "\n" + (lost.empty() ? "Nothing was lost.\n" : "Lost, or not usable:\n" + lost);
+}
+
+std::string LiveLine::next(const Value& snapshot, std::chrono::steady_clock::time_point now) {
+    const Values values = flatten(snapshot);
+    const auto number = [&values](const char* name) { return whole(numberOf(values, name)); };
+    const auto known = [&values](const char* name) { return values.count(name) != 0; };
+
+    const double samples = numberOf(values, "samples.received");
+    const double seconds = std::chrono::duration<double>(now - m_when).count();
+    const bool rateKnown = m_any && seconds > 0 && samples >= m_samples;
+    const double rate = rateKnown ? (samples - m_samples) / seconds : 0;
+    m_any = true;
+    m_samples = samples;
+    m_when = now;
+
+    std::string line = "services " + number("services.found") + "/" + number("services.configured");
+    line += ", events " + number("events.subscribed");
+    line += " | samples " + whole(samples) + (rateKnown ? " (" + whole(rate) + "/s)" : "");
+    line += ", waiting " + number("records.waiting");
+    if (known("clock.nextTickMs") && numberOf(values, "clock.nextTickMs") >= 0) {
+        line += " | tick in " + whole(numberOf(values, "clock.nextTickMs") / 1000) + " s";
+    }
+    line += " | reports " + number("reports.built") + ", sent " + number("reports.sent") + ", waiting " +
+            number("reports.waiting");
+    if (const auto open = values.find("backend.open"); open != values.end() && open->second.isBool()) {
+        line += open->second.asBool() ? ", backend open" : ", backend closed";
+    }
+    line += " | lost " + whole(sumOf(values, countsLoss));
+    const double lines = sumOf(values, [](const std::string& name) { return countsLostLogLines(name); });
+    if (lines > 0) {
+        line += ", log lines dropped " + whole(lines);
+    }
+    return line;
+}
+
+}  // namespace tools

@@ -1,0 +1,33 @@
+#pragma once
+/// How a status snapshot reads for a person.
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kyo/Json.h"
+
+namespace tools {
+
+/// The snapshot's values by their dotted names.
+std::map<std::string, kyo::Json::Value> flatten(const kyo::Json::Value& snapshot);
+
+/// True for a counter of samples, records or reports that got lost, or messages that could not be used.
+bool countsLoss(const std::string& name);
+
+/// A table with one line per value, in groups, and what was lost at the end.
+std::string statusTable(const kyo::Json::Value& snapshot);
+
+/// One line that tells the essentials; rates are taken between calls.
+class LiveLine {
+  public:
+    std::string next(const kyo::Json::Value& snapshot, std::chrono::steady_clock::time_point now);
+
+  private:
+    bool m_any = false;
+    double m_samples = 0;
+    std::chrono::steady_clock::time_point m_when;
+};
+
+}  // namespace tools

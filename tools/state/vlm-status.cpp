@@ -1,0 +1,121 @@
+// vlm-status: prints vlmmaster's status once, or follows it as one live line.
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cxxopts.hpp>
+#include <exception>
+#include <string>
+#include <thread>
+
+#include "machine/Manifest.h"
+#include "tools/state/StateSocket.h"
+#include "tools/state/StatusText.h"
+
+namespace {
+
+bool read(tools::StateSocket& socket, const std::string& path, kyo::Json::Value& snapshot,
+          std::string& error) {
+    kyo::Json::Value request(kyo::Json::objectValue);
+    request["request"] = "status";
+    return (socket.connected() || socket.connect(path, error)) && socket.ask(request, snapshot, error);
+}
+
+int printOnce(const std::string& path, bool json) {
+    tools::StateSocket socket;
+    kyo::Json::Value snapshot;
+    std::string error;
+    if (!read(socket, path, snapshot, error)) {
+        std::fprintf(stderr, "vlm-status: %s\n", error.c_str());
+        return 1;
+    }
+    const std::string text =
+        json ? kyo::Json::FastWriter().write(snapshot) + "\n" : tools::statusTable(snapshot);
+    std::fputs(text.c_str(), stdout);
+    return 0;
+}
+
+/// On a terminal the line replaces the one before; elsewhere each is a line of its own.
+bool show(std::string line, bool terminal) {
+    if (terminal) {
+        winsize size{};
+        if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 && line.size() >= size.ws_col) {
+            line.resize(size.ws_col - 1u);
+        }
+        line = "\r\033[K" + line;
+    } else {
+        line += "\n";
+    }
+    return std::fputs(line.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+}
+
+/// Until the reader of our output is gone or the user ends it; outlives restarts of vlmmaster.
+int follow(const std::string& path, bool json, std::chrono::milliseconds period) {
+    const bool terminal = ::isatty(STDOUT_FILENO) != 0 && !json;
+    tools::StateSocket socket;
+    tools::LiveLine line;
+    bool away = false;
+    for (auto next = std::chrono::steady_clock::now();; next += period) {
+        kyo::Json::Value snapshot;
+        std::string error;
+        bool shown = true;
+        if (read(socket, path, snapshot, error)) {
+            away = false;
+            shown = show(json ? kyo::Json::FastWriter().write(snapshot)
+                              : line.next(snapshot, std::chrono::steady_clock::now()),
+                         terminal);
+        } else if (json) {
+            if (!away) {
+                std::fprintf(stderr, "vlm-status: %s\n", error.c_str());
+            }
+            away = true;
+        } else if (terminal || !away) {
+            away = true;
+            shown = show("waiting for vlmmaster at " + path, terminal);
+        }
+        if (!shown) {
+            return 0;
+        }
+        std::this_thread::sleep_until(next + period);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        cxxopts::Options options("vlm-status", "Prints vlmmaster's status, or follows it as one live line.");
+        options.positional_help("[seconds]");
+        options.add_options()("follow", "go on, every second or as many seconds as given")(
+            "json", "the status as JSON")("socket",
+                                          "path of the state socket; default: the machine manifest's",
+                                          cxxopts::value<std::string>())(
+            "seconds", "", cxxopts::value<std::string>()->default_value("1"))("h,help", "this help");
+        options.parse_positional({"seconds"});
+        const auto given = options.parse(argc, argv);
+        if (given.count("help") != 0 || !given.unmatched().empty()) {
+            std::fputs(options.help().c_str(), given.count("help") != 0 ? stdout : stderr);
+            return given.count("help") != 0 ? 0 : 1;
+        }
+        const std::string seconds = given["seconds"].as<std::string>();
+        char* end = nullptr;
+        const double period = std::strtod(seconds.c_str(), &end);
+        if (*end != '\0' || !std::isfinite(period) || period < 0.05 || period > 86'400) {
+            std::fprintf(stderr, "vlm-status: from 0.05 to 86400 seconds are expected, not \"%s\"\n",
+                         seconds.c_str());
+            return 1;
+        }
+        const std::string path =
+            given.count("socket") != 0 ? given["socket"].as<std::string>() : machine::stateSocketPath();
+        const bool json = given.count("json") != 0;
+        return given.count("follow") != 0
+                   ? follow(path, json, std::chrono::milliseconds(static_cast<long>(period * 1000)))
+                   : printOnce(path, json);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vlm-status: %s\n", error.what());
+        return 1;
+    }
+}
