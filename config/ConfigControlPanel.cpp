@@ -20,9 +20,10 @@ namespace {
 
 constexpr int kRetryMs = 660000;
 
-void handToBaseSetup(kyo::Json::Value configuration, std::string recordId) {
+void handToBaseSetup(kyo::Json::Value configuration, std::string recordId, std::string recordBody) {
     ConfigResponseHandler* const handler = ConfigResponseHandler::getInstance();
-    handler->doBaseSetupFromOrxConfigResponse(std::move(configuration), std::move(recordId), std::string());
+    handler->doBaseSetupFromOrxConfigResponse(std::move(configuration), std::move(recordId),
+                                              std::move(recordBody));
     try {
         // For the whole life of the process, on an object that is never destroyed.
         std::thread(&ConfigResponseHandler::subscribeResources, handler).detach();
@@ -129,7 +130,7 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
         VLM_LOG(3, "Can not parse from string to json to get config.");
         return;
     }
-    m_handler(std::move(configuration), std::move(recordId));
+    m_handler(std::move(configuration), std::move(recordId), std::move(recordBody));
 }
 
 }  // namespace vlmProd

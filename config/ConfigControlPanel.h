@@ -17,8 +17,9 @@ namespace vlmProd {
 /// An answer comes on the backend client's thread, the retry on the timer's thread.
 class ConfigControlPanel : public std::enable_shared_from_this<ConfigControlPanel> {
   public:
-    /// Takes a parsed configuration and the record identifier that it came under.
-    using ConfigurationHandler = std::function<void(kyo::Json::Value configuration, std::string recordId)>;
+    /// Takes a parsed configuration, with identifier and text of the record that it came in.
+    using ConfigurationHandler =
+        std::function<void(kyo::Json::Value configuration, std::string recordId, std::string recordBody)>;
 
     /// Configurations go to ConfigResponseHandler, which then subscribes the resources on a thread of its
     /// own.
@@ -32,6 +33,7 @@ class ConfigControlPanel : public std::enable_shared_from_this<ConfigControlPane
     void startConfigRequestRetry();
     void stopConfigRequestRetry();
     void executeConfigRetry();
+    bool isRetrying() const { return m_retryTimer->millisecondsToNextTick() > 0; }
 
     /// One answer: an array whose first element has "recordId" and "recordBody", a configuration in base64.
     /// One that cannot be used is logged and configures nothing.

@@ -1,0 +1,114 @@
+/// What becomes of the backend's configuration answers, and when it is asked again.
+#include <botan/base64.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "config/ConfigControlPanel.h"
+#include "report/VlmReportControl.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using vlmProd::ConfigControlPanel;
+using vlmTest::LogCapture;
+
+std::string base64(const std::string& text) {
+    return Botan::base64_encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+}
+
+class ConfigAnswer : public testing::Test {
+  protected:
+    kyo::Json::Value answer(const std::string& json) {
+        kyo::Json::Value value;
+        EXPECT_TRUE(kyo::Json::Reader().parse(json, value)) << json;
+        return value;
+    }
+    kyo::Json::Value record(const std::string& id, const std::string& body) {
+        kyo::Json::Value value(kyo::Json::arrayValue);
+        value[0]["recordId"] = id;
+        value[0]["recordBody"] = body;
+        return value;
+    }
+
+    LogCapture m_log;
+    std::vector<std::pair<kyo::Json::Value, std::string>> m_handedOver;
+    std::shared_ptr<ConfigControlPanel> m_panel = std::make_shared<ConfigControlPanel>(
+        [this](kyo::Json::Value configuration, std::string recordId, std::string) {
+            m_handedOver.emplace_back(std::move(configuration), std::move(recordId));
+        });
+};
+
+TEST_F(ConfigAnswer, hands_the_decoded_configuration_on_and_names_reports_after_the_record) {
+    const std::string text = "{\"CONFIG\":{\"name\":\"n\"}}";
+    std::string body = base64(text);
+    body.insert(body.size() / 2, "\r\n ");  // backends break base64 into lines
+    m_panel->ConfigResponseCallback(record("record-7", body));
+    ASSERT_EQ(m_handedOver.size(), 1u);
+    EXPECT_EQ(m_handedOver[0].first["CONFIG"]["name"], "n");
+    EXPECT_EQ(m_handedOver[0].second, "record-7");
+    std::string catalogId;
+    vlmProd::VlmReportControl::getInstance().getCatalogId(catalogId);
+    EXPECT_EQ(catalogId, "record-7");
+    EXPECT_THAT(m_log.messages(5), ElementsAre("Received Config response size = 1",
+                                               "ZEPH-50057 Using OrxConfig recordId as CatalogId: record-7",
+                                               "Encoded string = " + body, "De-coded string = " + text));
+}
+
+TEST_F(ConfigAnswer, configures_nothing_from_what_cannot_be_used) {
+    const struct {
+        kyo::Json::Value answer;
+        const char* complaint;
+    } cases[] = {
+        {answer("{\"recordId\":\"a\"}"), "Configuration answer refused: an array is expected, not an object"},
+        {answer("17"), "Configuration answer refused: an array is expected, not a number"},
+        {answer("[]"), "The configuration answer holds no record; the request goes on"},
+        {answer("[\"text\"]"), "Configuration answer refused, [0]: an object is expected, not a text"},
+        {answer("[{\"recordId\":[],\"recordBody\":\"\"}]"),
+         "Configuration answer refused, [0].recordId: a text is expected, not an array"},
+        {answer("[{\"recordId\":\"a\",\"recordBody\":{}}]"),
+         "Configuration answer refused, [0].recordBody: a text is expected, not an object"},
+        {record("a", "no base64!"), "Can not parse from string to json to get config."},
+        {record("a", base64("{\"half\":")), "Can not parse from string to json to get config."},
+        {record("a", base64(std::string(5000, '['))), "Can not parse from string to json to get config."},
+    };
+    for (const auto& wrong : cases) {
+        m_log.clear();
+        m_panel->ConfigResponseCallback(wrong.answer);
+        EXPECT_EQ(m_log.count(3, wrong.complaint), 1u) << wrong.complaint;
+    }
+    EXPECT_TRUE(m_handedOver.empty());
+}
+
+TEST_F(ConfigAnswer, ends_the_retry_with_any_answer_but_an_empty_one) {
+    m_panel->ConfigResponseCallback(answer("[]"));  // nothing runs yet
+    m_panel->startConfigRequestRetry();
+    m_panel->startConfigRequestRetry();
+    EXPECT_TRUE(m_panel->isRetrying());
+    int armed = 0;
+    for (const auto& line : m_log.lines()) {
+        armed += line.signature.find("Timer::setInterval") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(armed, 1);
+    m_panel->ConfigResponseCallback(answer("[]"));
+    EXPECT_TRUE(m_panel->isRetrying());
+    m_panel->ConfigResponseCallback(record("a", "no base64!"));
+    EXPECT_FALSE(m_panel->isRetrying());
+}
+
+TEST_F(ConfigAnswer, asks_through_the_function_that_was_given) {
+    m_panel->executeConfigRetry();  // none yet: nothing happens
+    int asked = 0;
+    m_panel->setRequestFunction([&] { ++asked; });
+    m_panel->executeConfigRetry();
+    EXPECT_EQ(asked, 1);
+    m_panel->setRequestFunction(nullptr);
+    m_panel->executeConfigRetry();
+    EXPECT_EQ(asked, 1);
+}
+
+}  // namespace

@@ -1,0 +1,256 @@
+/// A folder as the backend: what stands in it after good and bad days.
+#include <botan/base64.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kyo/Status.h"
+#include "kyo/orx/DirectoryTransport.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using kyo::orx::CallbackThread;
+using kyo::orx::DirectoryTransport;
+using testing::ElementsAre;
+using vlmTest::eventually;
+using vlmTest::LogCapture;
+using vlmTest::TemporaryFolder;
+
+std::string contentOf(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+kyo::Json::Value envelope(const std::string& id, std::size_t size = 0) {
+    kyo::Json::Value value(kyo::Json::objectValue);
+    value["messageId"] = id;
+    value["orxClientDataReport"] = std::string(size, 'x');
+    return value;
+}
+
+std::string lineOf(const kyo::Json::Value& value) {
+    return kyo::Json::FastWriter().write(value) + '\n';
+}
+
+/// A transport with what its callbacks got.
+class Backend {
+  public:
+    Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"},
+            const std::string& configuration = "collector.json")
+        : transport({folder, configuration}, {"Catalog 1", std::move(offered)}) {
+        transport.setMasterControlCallback([this](const kyo::Json::Value& message) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            EXPECT_NE(std::this_thread::get_id(), m_maker);
+            m_controls.push_back(message);
+        });
+        transport.setConfigResponseCallback([this](const kyo::Json::Value& answer) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_answers.push_back(answer);
+        });
+        transport.start();
+    }
+    std::vector<kyo::Json::Value> controls() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_controls;
+    }
+    std::vector<kyo::Json::Value> answers() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_answers;
+    }
+    bool awaitControls(std::size_t count) {
+        return eventually([&] { return controls().size() >= count; });
+    }
+
+  private:
+    const std::thread::id m_maker = std::this_thread::get_id();
+    std::mutex m_mutex;
+    std::vector<kyo::Json::Value> m_controls;
+    std::vector<kyo::Json::Value> m_answers;
+
+  public:
+    DirectoryTransport transport;
+};
+
+class DirectoryBackend : public testing::Test {
+  protected:
+    TemporaryFolder m_folder;
+    const std::string m_file = m_folder.file("envelopes.jsonl");
+    LogCapture m_log;
+};
+
+TEST_F(DirectoryBackend, opens_the_channel_stores_each_envelope_and_answers_it_with_whole_messages) {
+    const std::string deep = m_folder.file("made/when/missing");
+    Backend backend(deep, {"TypeA", "TypeB"});
+    ASSERT_TRUE(backend.awaitControls(1));
+    EXPECT_EQ(backend.transport.send(envelope("1")), 0);
+    EXPECT_EQ(contentOf(deep + "/envelopes.jsonl"), lineOf(envelope("1"))) << "there when the send returns";
+    EXPECT_EQ(backend.transport.send(envelope("2")), 0);
+    ASSERT_TRUE(backend.awaitControls(3));
+    EXPECT_EQ(contentOf(deep + "/envelopes.jsonl"), lineOf(envelope("1")) + lineOf(envelope("2")));
+    for (const auto& message : backend.controls()) {
+        EXPECT_EQ(message["backendChannelControl"], 0);
+        EXPECT_EQ(message["dataDeliveryResult"], 0);
+        EXPECT_TRUE(message["eventTicket"].isString());
+        EXPECT_EQ(kyo::Json::FastWriter().write(message["permittedDataType"]), "[\"TypeA\",\"TypeB\"]");
+    }
+}
+
+TEST_F(DirectoryBackend, permits_a_type_of_its_own_when_none_is_offered) {
+    Backend backend(m_folder.path(), {});
+    ASSERT_TRUE(backend.awaitControls(1));
+    EXPECT_EQ(backend.controls()[0]["permittedDataType"].size(), 1u);
+}
+
+TEST_F(DirectoryBackend, answers_with_the_configuration_file_named_after_its_content) {
+    const std::string text = "{\"CONFIG\": \xE2\x82\xAC}";
+    m_folder.write("collector.json", text);
+    Backend backend(m_folder.path());
+    EXPECT_EQ(backend.transport.requestConfiguration(), 0);
+    ASSERT_TRUE(eventually([&] { return backend.answers().size() == 1; }));
+    const kyo::Json::Value record = backend.answers()[0][0];
+    const auto body = Botan::base64_decode(record["recordBody"].asString());
+    EXPECT_EQ(std::string(body.begin(), body.end()), text);
+
+    m_folder.write("collector.json", text + " ");
+    backend.transport.requestConfiguration();
+    ASSERT_TRUE(eventually([&] { return backend.answers().size() == 2; }));
+    EXPECT_NE(backend.answers()[1][0]["recordId"], record["recordId"]);
+
+    std::filesystem::remove(m_folder.file("collector.json"));
+    backend.transport.requestConfiguration();
+    ASSERT_TRUE(eventually([&] { return backend.answers().size() == 3; }));
+    EXPECT_EQ(backend.answers()[2], kyo::Json::Value(kyo::Json::arrayValue));
+    EXPECT_TRUE(m_log.hasPart(3, "collector.json cannot be read: No such file"));
+}
+
+TEST_F(DirectoryBackend, cuts_off_what_a_crash_left_of_a_line) {
+    const std::string whole = lineOf(envelope("old", 9000));
+    m_folder.write("envelopes.jsonl", whole + "{\"messageId\":\"half" + std::string(9000, 'y'));
+    Backend backend(m_folder.path());
+    EXPECT_EQ(backend.transport.send(envelope("new")), 0);
+    EXPECT_EQ(contentOf(m_file), whole + lineOf(envelope("new")));
+
+    m_folder.write("envelopes.jsonl", "no line end at all");
+    EXPECT_EQ(backend.transport.send(envelope("new")), 0);
+    EXPECT_EQ(contentOf(m_file), lineOf(envelope("new")));
+}
+
+/// A limit of file size stands for a full disk: the write ends in the middle, with an error.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limit{bytes, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { lift(); }
+    void lift() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
+
+  private:
+    rlimit m_before{};
+};
+
+TEST_F(DirectoryBackend,
+       leaves_no_part_of_a_line_on_a_full_disk_tells_once_and_opens_the_channel_when_there_is_room) {
+    Backend backend(m_folder.path());
+    ASSERT_TRUE(backend.awaitControls(1));
+    ASSERT_EQ(backend.transport.send(envelope("kept", 100)), 0);
+    ASSERT_TRUE(backend.awaitControls(2));
+    const std::string before = contentOf(m_file);
+
+    FileSizeLimit limit(1000);
+    EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
+    EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
+    EXPECT_EQ(contentOf(m_file), before);
+    // A probe in the meantime must not mistake room for a small line for room for this one.
+    const auto touched = std::filesystem::last_write_time(m_folder.path());
+    ASSERT_TRUE(eventually([&] { return std::filesystem::last_write_time(m_folder.path()) != touched; }));
+    EXPECT_EQ(backend.controls().size(), 2u);
+
+    limit.lift();
+    ASSERT_TRUE(backend.awaitControls(3));
+    EXPECT_EQ(backend.transport.send(envelope("big", 5000)), 0);
+    EXPECT_EQ(contentOf(m_file), before + lineOf(envelope("big", 5000)));
+    EXPECT_FALSE(std::filesystem::exists(m_file + ".probe"));
+    const auto troubles = m_log.messages(3);
+    EXPECT_EQ(troubles.size(), 1u);
+    EXPECT_TRUE(m_log.hasPart(3, "File too large"));
+    EXPECT_EQ(m_log.count(5, m_file + " can be written again"), 1u);
+}
+
+TEST_F(DirectoryBackend, waits_for_a_folder_that_cannot_be_made_at_the_start) {
+    const std::string blocked = m_folder.write("folder", "a file stands where the folder should be");
+    Backend backend(blocked);
+    ASSERT_TRUE(m_log.waitFor("cannot be written: Not a directory"));
+    EXPECT_LT(backend.transport.send(envelope("1")), 0);
+    EXPECT_TRUE(backend.controls().empty());
+    std::filesystem::remove(blocked);
+    ASSERT_TRUE(backend.awaitControls(1));
+    EXPECT_EQ(m_log.messages(3).size(), 1u);
+    EXPECT_EQ(backend.transport.send(envelope("1")), 0);
+}
+
+TEST_F(DirectoryBackend, does_not_write_into_what_is_no_plain_file) {
+    std::filesystem::create_directory(m_file);
+    Backend backend(m_folder.path());
+    EXPECT_EQ(backend.transport.send(envelope("1")), -EISDIR);
+    EXPECT_TRUE(backend.controls().empty());
+}
+
+TEST(CallbackThreadTest, keeps_order_survives_exceptions_and_forgets_what_waits_when_stopped) {
+    LogCapture log;
+    CallbackThread callbacks;
+    std::mutex mutex;
+    std::vector<int> done;
+    const auto note = [&](int value) {
+        return [&, value] {
+            const std::lock_guard<std::mutex> lock(mutex);
+            done.push_back(value);
+        };
+    };
+    callbacks.post(note(4), std::chrono::milliseconds(50));
+    callbacks.post(note(1));
+    callbacks.post([] { throw std::runtime_error("deliberate"); });
+    callbacks.post(note(2));
+    callbacks.post(note(3));
+    callbacks.post(note(99), std::chrono::hours(1));
+    ASSERT_TRUE(eventually([&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return done.size() == 4;
+    }));
+    EXPECT_THAT(done, ElementsAre(1, 2, 3, 4));
+    EXPECT_TRUE(log.has(3, "A callback failed: deliberate"));
+    callbacks.stop();
+    EXPECT_FALSE(callbacks.post(note(5)));
+    EXPECT_EQ(done.size(), 4u);
+}
+
+TEST(CallbackThreadTest, refuses_work_beyond_its_limit) {
+    CallbackThread callbacks;
+    std::mutex gate;
+    std::unique_lock<std::mutex> closed(gate);
+    callbacks.post([&] { const std::lock_guard<std::mutex> wait(gate); });
+    const auto dropped = kyo::Status::counter("orx.callbacks.dropped").value();
+    std::size_t taken = 0;
+    while (callbacks.post([] {})) {
+        ASSERT_LE(++taken, CallbackThread::kLimit + 1);
+    }
+    EXPECT_GE(taken, CallbackThread::kLimit - 1);
+    EXPECT_EQ(kyo::Status::counter("orx.callbacks.dropped").value(), dropped + 1);
+    closed.unlock();
+}
+
+}  // namespace
