@@ -1,5 +1,7 @@
 #include "app/VlmLog.h"
 
+#include <cctype>
+
 namespace vlmProd {
 
 namespace {
@@ -7,6 +9,20 @@ namespace {
 void replaceAll(std::string& text, std::string_view what, std::string_view with) {
     for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size())) {
         text.replace(at, what.size(), with);
+    }
+}
+
+/// "T &, U &name" becomes "T&, U& name".
+void moveBlankBehind(std::string& text, char sign) {
+    for (auto at = text.find(sign); at != std::string::npos; at = text.find(sign, at + 1)) {
+        if (at == 0 || text[at - 1] != ' ') {
+            continue;
+        }
+        text.erase(--at, 1);
+        const char next = at + 1 < text.size() ? text[at + 1] : '\0';
+        if (std::isalnum(static_cast<unsigned char>(next)) != 0 || next == '_') {
+            text.insert(at + 1, 1, ' ');
+        }
     }
 }
 
@@ -23,8 +39,8 @@ std::string logSignature(std::string_view prettyFunction) {
     replaceAll(text, "std::string", "string");
     replaceAll(text, "kyo::Json::Value", "Json::Value");
     replaceAll(text, "Json::Value", "kyo::Json::Value");
-    replaceAll(text, " &", "&");
-    replaceAll(text, " *", "*");
+    moveBlankBehind(text, '&');
+    moveBlankBehind(text, '*');
     return text;
 }
 

@@ -1,0 +1,114 @@
+// How a stop reaches the main loop. Each test runs in a process of its own, as signals are the process's.
+#include "app/StopSignals.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <thread>
+
+#include "kyo/Log.h"
+
+namespace {
+
+using std::chrono::seconds;
+using vlmProd::exitRequested;
+
+class StandardErrorLogger : public kyo::ProductLogger {
+  public:
+    void logData(std::string message, kyo::LogLevel level) override {
+        std::cerr << level << ' ' << message << '\n';
+    }
+};
+
+void prepare() {
+    vlmProd::blockStopSignals();
+    kyo::Log::setProductLogger(new StandardErrorLogger);
+    kyo::Log::setReportingLevel(7);
+    vlmProd::installSignalHandlers();
+}
+
+class StopSignals : public testing::Test {
+  protected:
+    StopSignals() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(StopSignals, that_came_before_the_wait_end_it_and_are_logged) {
+    for (const int number : {SIGINT, SIGTERM, SIGABRT}) {
+        EXPECT_EXIT(
+            {
+                prepare();
+                ::kill(::getpid(), number);
+                if (exitRequested()) {
+                    std::_Exit(1);  // not before the wait
+                }
+                vlmProd::waitForStopSignal(seconds(600));
+                std::_Exit(exitRequested() ? 0 : 2);
+            },
+            testing::ExitedWithCode(0),
+            "^5 void signal_handler\\(int32_t\\) SIGNAL HANDLER HAPPENED= " + std::to_string(number) + "\n$");
+    }
+}
+
+TEST_F(StopSignals, sent_to_a_busy_process_reach_the_waiting_main_thread) {
+    EXPECT_EXIT(
+        {
+            prepare();
+            std::thread([] {
+                for (;;) {
+                    ::kill(::getpid(), SIGTERM);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+            }).detach();
+            vlmProd::waitForStopSignal(seconds(600));
+            std::_Exit(exitRequested() ? 0 : 2);
+        },
+        testing::ExitedWithCode(0), "SIGNAL HANDLER HAPPENED= 15\n");
+}
+
+TEST_F(StopSignals, are_the_only_ones_that_end_the_wait_early) {
+    EXPECT_EXIT(
+        {
+            prepare();
+            ::signal(SIGALRM, [](int) {});
+            ::ualarm(50000, 50000);
+            const auto begin = std::chrono::steady_clock::now();
+            vlmProd::waitForStopSignal(seconds(1));
+            const bool whole = std::chrono::steady_clock::now() - begin >= seconds(1);
+            std::_Exit(whole && !exitRequested() ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "^$");
+}
+
+class AbortingLogger : public kyo::ProductLogger {
+  public:
+    void logData(std::string /*message*/, kyo::LogLevel /*level*/) override { std::abort(); }
+};
+
+// The aborting thread is inside the log: a handler that logs would wait for ever, or come here again.
+TEST_F(StopSignals, raised_by_an_abort_inside_the_log_neither_hang_nor_log) {
+    EXPECT_EXIT(
+        {
+            prepare();
+            kyo::Log::setProductLogger(new AbortingLogger);
+            std::thread([] { kyo::Log().get(5) << "the last line"; }).detach();
+            vlmProd::waitForStopSignal(seconds(600));
+            std::_Exit(1);
+        },
+        testing::KilledBySignal(SIGABRT), "^void signal_handler\\(int32_t\\) SIGNAL HANDLER HAPPENED= 6\n$");
+}
+
+TEST_F(StopSignals, with_another_number_are_only_logged) {
+    EXPECT_EXIT(
+        {
+            prepare();
+            signal_handler(SIGHUP);
+            std::_Exit(exitRequested() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "SIGNAL HANDLER HAPPENED= 1\n");
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+// The application configuration: the key paths, what their failures say at which line number, the typed
+// look-ups, the digest, and the faults that end or stop the start-up.
+#include "app/VLMConfig.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::ElementsAre;
+using vlmProd::VLMConfig;
+using vlmTest::LogCapture;
+using vlmTest::TemporaryFolder;
+
+constexpr char kDocument[] = R"({
+  "Services": [{"Name": "a"}, {"Name": "b"}, {"Name": "c", "Ports": [[1, 2], [3]]}],
+  "Top": {"Inner": {"Leaf": 5}, "Null": null},
+  "Text": "t", "Int": -3, "Long": 5000000000, "Huge": 18446744073709551615, "Real": 1234567.5, "Whole": 3.0,
+  "Flag": true, "Dotted": "x"
+})";
+
+class VLMConfigTest : public testing::Test {
+  protected:
+    TemporaryFolder m_folder;
+    LogCapture m_log;
+    VLMConfig m_config{m_folder.write("vlm.json", kDocument)};
+};
+
+TEST_F(VLMConfigTest, keys_lead_through_members_and_elements) {
+    EXPECT_EQ(m_config.getJsonValue("").size(), 10u) << "the whole document";
+    EXPECT_EQ(m_config.getString("Services[2].Name"), "c");
+    EXPECT_EQ(m_config.getString("Services[%].Name", "", 1), "b");
+    EXPECT_EQ(m_config.getString("Services[]Name"), "a") << "an empty run counts as 0";
+    EXPECT_EQ(m_config.getString("..Services[0]..Name."), "a") << "further dots are skipped";
+    EXPECT_EQ(m_config.getInt("Services[2].Ports[0][1]"), 2);
+    EXPECT_EQ(m_config.getInt("Services[002].Ports[%][0]", 0, 1), 3);
+    EXPECT_EQ(m_config.getInt("Top.Inner.Leaf"), 5);
+    EXPECT_EQ(m_config.getArraySize("Services"), 3u);
+    EXPECT_EQ(m_config.getArraySize("Top"), 0u);
+    EXPECT_EQ(m_config.getArraySize("None"), 0u);
+}
+
+TEST_F(VLMConfigTest, a_key_that_cannot_be_resolved_says_why_at_its_known_line) {
+    struct Case {
+        const char* key;
+        int index;
+        int line;
+        const char* message;
+    };
+    const char* const absent = "Config::getJsonValue() - Key not present in JSON! ";
+    const Case cases[] = {
+        {"Top[0]", 0, 226, "VLMConfig::getJsonValue() - FAIL: Not Array Type, key=Top[0]"},
+        {"Text[", 0, 226, "VLMConfig::getJsonValue() - FAIL: Not Array Type, key=Text["},
+        {"Services[", 0, 247,
+         "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=Services["},
+        {"Services[12", 0, 247,
+         "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=Services[12"},
+        {"Services[%1]", 0, 247,
+         "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=Services[%1]"},
+        {"Services[x]", 0, 247,
+         "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=Services[x]"},
+        {"Services[3]", 0, 255,
+         "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=3, key=Services[3]"},
+        {"Services[%]", -1, 255,
+         "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=-1, key=Services[%]"},
+        {"Services[99999999999999999999]", 0, 255,
+         "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=4294967295, "
+         "key=Services[99999999999999999999]"},
+        {"Text.Sub.Leaf", 0, 281,
+         "VLMConfig::getJsonValue() - Unable to resolve.  Object expected at Sub, key=Text.Sub.Leaf"},
+        {"Services.Name", 0, 281,
+         "VLMConfig::getJsonValue() - Unable to resolve.  Object expected at Name, key=Services.Name"},
+        {"Top.None", 0, 292, absent},
+        {"Top.Null", 0, 292, absent},
+        {"services", 0, 292, absent},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.key);
+        m_log.clear();
+        EXPECT_TRUE(m_config.getJsonValue(c.key, c.index).isNull());
+        const auto lines = m_log.lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].level, 7);
+        EXPECT_EQ(lines[0].text,
+                  "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int):" +
+                      std::to_string(c.line) + " " + c.message);
+    }
+}
+
+TEST_F(VLMConfigTest, typed_look_ups_answer_the_default_for_another_type) {
+    EXPECT_EQ(m_config.getInt("Int"), -3);
+    EXPECT_EQ(m_config.getInt("Whole"), 3);
+    EXPECT_EQ(m_config.getInt("Text", 9), 9);
+    EXPECT_EQ(m_config.getInt("Real", 9), 9);
+    EXPECT_EQ(m_config.getInt("Long", 9), 9) << "out of the range of int";
+    EXPECT_TRUE(m_log.has(3, "Long: 5000000000 is out of the range of a 32-bit number"));
+    EXPECT_EQ(m_config.getLong("Long"), 5000000000LL);
+    EXPECT_EQ(m_config.getLong("Huge", 9), 9);
+    EXPECT_EQ(m_config.getLong("Flag", 9), 9);
+    EXPECT_TRUE(m_config.getBool("Flag"));
+    EXPECT_TRUE(m_config.getBool("Int", true));
+    EXPECT_DOUBLE_EQ(m_config.getDouble("Int"), -3.0);
+    EXPECT_DOUBLE_EQ(m_config.getDouble("Real"), 1234567.5);
+    EXPECT_DOUBLE_EQ(m_config.getDouble("Text", 0.5), 0.5);
+    EXPECT_EQ(m_config.getString("Int", "d"), "d");
+    EXPECT_EQ(m_config.getString("None", "d"), "d");
+
+    EXPECT_EQ(m_config.getAsString("Int"), "-3");
+    EXPECT_EQ(m_config.getAsString("Huge"), "18446744073709551615");
+    EXPECT_EQ(m_config.getAsString("Real"), "1.23457e+06");
+    EXPECT_EQ(m_config.getAsString("Text"), "t");
+    EXPECT_EQ(m_config.getAsString("Flag", "d"), "d");
+    EXPECT_EQ(m_config.getAsString("Top", "d"), "d");
+}
+
+TEST_F(VLMConfigTest, the_version_is_the_digest_of_the_file) {
+    EXPECT_EQ(m_config.getFileHash(m_folder.write("abc", "abc")),
+              "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
+    EXPECT_EQ(m_config.getFileHash(m_folder.write("long", std::string(1000000, 'a'))),
+              "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0");
+    EXPECT_EQ(m_config.getFileHash(m_folder.file("absent")), "");
+    EXPECT_EQ(m_config.getConfigVersion(), m_config.getFileHash(m_folder.file("vlm.json")));
+    EXPECT_EQ(m_config.getConfigVersion().size(), 64u);
+}
+
+template <typename Call>
+std::string thrownBy(Call&& call) {
+    try {
+        call();
+    } catch (const std::string& text) {
+        return text;
+    }
+    return "nothing was thrown";
+}
+
+TEST_F(VLMConfigTest, loading_throws_a_text_and_the_singleton_is_created_once) {
+    EXPECT_EQ(thrownBy([] { VLMConfig::getInstance(); }),
+              "VLM Config::getInstance() ERROR: VLM Config not created yet!");
+    EXPECT_EQ(thrownBy([] { VLMConfig::createSingleton(""); }), "VLM Config file path not provided!");
+    EXPECT_EQ(thrownBy([&] { VLMConfig::createSingleton(m_folder.file("absent")); }),
+              "VLM Config file path not valid");
+    EXPECT_EQ(thrownBy([&] { VLMConfig::createSingleton(m_folder.path()); }),
+              "VLM Config file path not valid");
+    const std::string path = m_folder.file("vlm.json");
+    m_log.clear();
+    VLMConfig* const created = VLMConfig::createSingleton(path);
+    EXPECT_THAT(m_log.messages(7), ElementsAre(" VLM configfile=" + path));
+    EXPECT_EQ(VLMConfig::getInstance(), created);
+    EXPECT_EQ(thrownBy([&] { VLMConfig::createSingleton(path); }),
+              "VLM Config::create() ERROR: VLM Config already created!");
+}
+
+class StandardErrorLogger : public kyo::ProductLogger {
+  public:
+    void logData(std::string message, kyo::LogLevel level) override {
+        std::cerr << level << ' ' << message << '\n';
+    }
+};
+
+TEST_F(VLMConfigTest, a_malformed_file_ends_the_process_after_one_line_of_level_1) {
+    const std::string path = m_folder.write("broken.json", "{\"OfferedDataTypes\": [}");
+    EXPECT_EXIT(
+        {
+            kyo::Log::setProductLogger(new StandardErrorLogger);
+            VLMConfig broken(path);
+        },
+        testing::ExitedWithCode(250), "1 .* VLM config file parsing not successful, check format\n$");
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+// The form of log lines, and that a message nobody wants costs nothing.
+#include "app/VlmLog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/LogCapture.h"
+
+namespace vlmProd {
+
+// With the signatures of real operations.
+struct SampleSpeaker {
+    void say(const std::string& text, kyo::Json::Value& value) {
+        VLM_LOG(5, "said " << text << ' ' << value);
+        VLM_LOG_PLAIN(3, "plain");
+        VLM_LOG_AT(7, 226, "fixed");
+        VLM_TRACE(7);
+    }
+};
+
+}  // namespace vlmProd
+
+namespace {
+
+using vlmProd::logSignature;
+using vlmTest::LogCapture;
+using vlmTest::LoggedLine;
+
+TEST(LogSignature, is_written_the_same_whatever_compiler_printed_it) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"int main(int, char**)", "int main(int, char**)"},
+        {"const Json::Value& vlmProd::VLMConfig::getJsonValue(const std::string&, int)",
+         "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int)"},
+        {"const kyo::Json::Value &vlmProd::VLMConfig::getJsonValue(const std::basic_string<char> &, int)",
+         "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int)"},
+        {"void f(std::__cxx11::basic_string<char>, char **)", "void f(string, char**)"},
+        {"void vlmProd::A<T>::put(T) [with T = int; std::string = x]", "void vlmProd::A<T>::put(T)"},
+    };
+    for (const auto& [printed, expected] : cases) {
+        EXPECT_EQ(logSignature(printed), expected);
+    }
+}
+
+TEST(LogLines, begin_with_signature_and_line_where_the_form_has_one) {
+    LogCapture log;
+    kyo::Json::Value value(kyo::Json::arrayValue);
+    value.append(1.5);
+    vlmProd::SampleSpeaker().say("it", value);
+    const std::vector<LoggedLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), 4u);
+    const std::string signature = "void vlmProd::SampleSpeaker::say(const string&, kyo::Json::Value&)";
+    for (const LoggedLine& line : lines) {
+        EXPECT_EQ(line.signature, signature);
+    }
+    EXPECT_EQ(lines[0].text, signature + ":" + std::to_string(lines[0].line) + " said it [1.5]");
+    EXPECT_EQ(lines[1].text, signature + " plain");
+    EXPECT_EQ(lines[2].text, signature + ":226 fixed");
+    EXPECT_EQ(lines[3].text, signature + ":" + std::to_string(lines[0].line + 3)) << "a trace has no message";
+    EXPECT_EQ(lines[0].level, 5);
+    EXPECT_EQ(lines[1].level, 3);
+    EXPECT_EQ(lines[2].level, 7);
+}
+
+TEST(LogLines, of_a_level_that_is_off_evaluate_nothing) {
+    LogCapture log(3);
+    int evaluated = 0;
+    const auto expensive = [&evaluated] { return ++evaluated; };
+    VLM_LOG(5, expensive());
+    VLM_LOG_PLAIN(4, expensive());
+    VLM_LOG_AT(7, 1, expensive());
+    VLM_LOG_AS(5, expensive(), expensive());
+    VLM_LOG_PLAIN_AS(5, expensive(), expensive());
+    EXPECT_EQ(evaluated, 0);
+    VLM_LOG(3, expensive());
+    EXPECT_EQ(evaluated, 1);
+    EXPECT_EQ(log.lines().size(), 1u);
+}
+
+// Threads that race: eight writers whose first line composes the shared prefix of one call site.
+TEST(LogLines, of_many_threads_do_not_interleave) {
+    LogCapture log;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 100; ++i) {
+                VLM_LOG_PLAIN_AS(5, "void writer()", "thread " << t << " line " << i);
+                VLM_LOG(7, t);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::vector<std::string> messages = log.messages(5);
+    ASSERT_EQ(messages.size(), 800u);
+    EXPECT_THAT(messages, testing::Each(testing::MatchesRegex("thread [0-7] line [0-9]+")));
+}
+
+}  // namespace
