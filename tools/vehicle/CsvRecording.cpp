@@ -1,0 +1,247 @@
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "tools/check/Suggest.h"
+#include "tools/vehicle/Replay.h"
+
+namespace vlmVehicle {
+
+using qdr::services::DescribedEvent;
+using qdr::services::FieldInfo;
+using qdr::services::FieldValue;
+using qdr::services::FieldValues;
+
+namespace {
+
+struct Cell {
+    std::string text;
+    bool quoted = false;
+};
+
+struct Row {
+    std::size_t line;
+    std::vector<Cell> cells;
+};
+
+/// RFC 4180: quotes around cells, doubled quotes inside, line ends inside quotes. False with the line of an
+/// opening quote that nothing closes.
+bool split(const std::string& text, std::vector<Row>& rows, std::size_t& badLine) {
+    std::size_t line = 1;
+    Row row{1, {}};
+    Cell cell;
+    bool inside = false;
+    std::size_t opened = 0;
+    const auto endCell = [&] {
+        row.cells.push_back(std::move(cell));
+        cell = {};
+    };
+    const auto endRow = [&] {
+        endCell();
+        const bool empty = row.cells.size() == 1 && row.cells[0].text.empty() && !row.cells[0].quoted;
+        if (!empty) {
+            rows.push_back(std::move(row));
+        }
+        row = {line, {}};
+    };
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        line += c == '\n' ? 1 : 0;
+        if (inside) {
+            if (c != '"') {
+                cell.text += c;
+            } else if (i + 1 < text.size() && text[i + 1] == '"') {
+                cell.text += text[++i];
+            } else {
+                inside = false;
+            }
+        } else if (c == '"' && cell.text.empty()) {
+            inside = cell.quoted = true;
+            opened = line;
+        } else if (c == ',') {
+            endCell();
+        } else if (c == '\n') {
+            endRow();
+        } else if (c != '\r') {
+            cell.text += c;
+        }
+    }
+    badLine = opened;
+    if (!inside) {
+        endRow();
+    }
+    return !inside;
+}
+
+std::string trimmed(const std::string& text) {
+    const auto first = text.find_first_not_of(" \t");
+    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+template <typename Number>
+bool wholeNumber(const std::string& text, Number& out) {
+    const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), out);
+    return fault == std::errc() && end == text.data() + text.size();
+}
+
+}  // namespace
+
+bool parseField(const std::string& text, const FieldInfo& field, FieldValue& out, std::string& error) {
+    const std::string type = field.type;
+    if (type == "string") {
+        out = text;
+        return true;
+    }
+    if (!field.enumerators.empty()) {
+        std::vector<std::string> names;
+        for (const auto& enumerator : field.enumerators) {
+            names.emplace_back(enumerator.name);
+            if (text == enumerator.name) {
+                out = text;
+                return true;
+            }
+        }
+        std::int64_t number = 0;
+        if (wholeNumber(text, number)) {
+            out = number;
+            return true;
+        }
+        const std::string hint = vlmCheck::didYouMean(text, names);
+        error = "\"" + text + "\" is none of " + vlmCheck::listed(names) + (hint.empty() ? "" : "; " + hint);
+        return false;
+    }
+    if (type == "bool") {
+        out = text == "true" || text == "1";
+        error = "\"" + text + "\" is neither true nor false";
+        return text == "true" || text == "false" || text == "1" || text == "0";
+    }
+    double real = 0;
+    if (type == "double" || type == "float") {
+        out = 0.0;
+        if (!wholeNumber(text, real) || !std::isfinite(real)) {
+            error = "\"" + text + "\" is no number";
+            return false;
+        }
+        out = real;
+        return true;
+    }
+    std::uint64_t positive = 0;
+    std::int64_t number = 0;
+    if (type[0] == 'u' && wholeNumber(text, positive)) {
+        out = positive;
+        return true;
+    }
+    if (type[0] == 'i' && wholeNumber(text, number)) {
+        out = number;
+        return true;
+    }
+    error = "\"" + text + "\" is no whole number of type " + type;
+    return false;
+}
+
+bool CsvRecording::readFile(const std::string& path, const DescribedEvent& event, CsvRecording& out,
+                            std::string& error) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    if (!file) {
+        error = path + ": cannot be read: " + std::strerror(errno);
+        return false;
+    }
+    return read(text, path, event, out, error);
+}
+
+bool CsvRecording::read(const std::string& text, const std::string& name, const DescribedEvent& event,
+                        CsvRecording& out, std::string& error) {
+    const auto refuse = [&](std::size_t line, const std::string& reason) {
+        error = name + ":" + std::to_string(line) + ": " + reason;
+        return false;
+    };
+    std::vector<Row> rows;
+    std::size_t badLine = 0;
+    if (!split(text.rfind("\xEF\xBB\xBF", 0) == 0 ? text.substr(3) : text, rows, badLine)) {
+        return refuse(badLine, "nothing closes this quotation mark");
+    }
+    if (rows.empty()) {
+        return refuse(1, "a first line with the names of the columns is expected");
+    }
+    std::vector<const FieldInfo*> columns;
+    std::vector<std::string> known = {"time", "timestamp"};
+    for (const auto& field : event.fields()) {
+        known.emplace_back(field.name);
+    }
+    std::size_t timeColumn = rows[0].cells.size();
+    double timeUnit = 1;
+    for (std::size_t i = 0; i < rows[0].cells.size(); ++i) {
+        const std::string column = trimmed(rows[0].cells[i].text);
+        const FieldInfo* found = nullptr;
+        for (const auto& field : event.fields()) {
+            found = field.name == column ? &field : found;
+        }
+        columns.push_back(found);
+        if (found != nullptr) {
+            continue;
+        }
+        if ((column != "time" && column != "timestamp") || timeColumn != rows[0].cells.size()) {
+            const std::string hint = vlmCheck::didYouMean(column, known);
+            return refuse(rows[0].line,
+                          "column \"" + column + "\" is no field of " + event.name() +
+                              (hint.empty() ? "; known are " + vlmCheck::listed(known) : "; " + hint));
+        }
+        timeColumn = i;
+        timeUnit = column == "time" ? 1 : 0.001;
+    }
+    if (timeColumn == rows[0].cells.size()) {
+        return refuse(rows[0].line,
+                      "a column \"time\" (seconds) or \"timestamp\" (milliseconds) is expected");
+    }
+
+    std::vector<Notification> notifications;
+    double first = 0;
+    for (std::size_t r = 1; r < rows.size(); ++r) {
+        const auto& row = rows[r];
+        if (row.cells.size() != columns.size()) {
+            return refuse(row.line, std::to_string(row.cells.size()) + " cells where " +
+                                        std::to_string(columns.size()) + " are expected");
+        }
+        double time = 0;
+        if (const std::string cell = trimmed(row.cells[timeColumn].text);
+            !wholeNumber(cell, time) || !std::isfinite(time)) {
+            return refuse(row.line, "column \"" + trimmed(rows[0].cells[timeColumn].text) + "\": \"" + cell +
+                                        "\" is no number");
+        }
+        time *= timeUnit;
+        if (r == 1) {
+            first = time;
+        }
+        time -= first;
+        FieldValues sample;
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            const std::string cell = row.cells[i].quoted ? row.cells[i].text : trimmed(row.cells[i].text);
+            if (i == timeColumn || (cell.empty() && !row.cells[i].quoted)) {
+                continue;
+            }
+            std::string reason;
+            if (!parseField(cell, *columns[i], sample[columns[i]->name], reason)) {
+                return refuse(row.line, "column \"" + std::string(columns[i]->name) + "\": " + reason);
+            }
+        }
+        if (!notifications.empty() && time < notifications.back().time) {
+            return refuse(row.line, "time goes back");
+        }
+        if (notifications.empty() || time != notifications.back().time) {
+            notifications.push_back({time, {}});
+        }
+        notifications.back().samples.push_back(std::move(sample));
+    }
+    if (notifications.empty()) {
+        return refuse(rows[0].line, "no row with a sample follows");
+    }
+    out.m_notifications = std::move(notifications);
+    return true;
+}
+
+}  // namespace vlmVehicle

@@ -1,0 +1,214 @@
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <pugixml.hpp>
+
+#include "tools/vehicle/Replay.h"
+
+namespace vlmVehicle {
+
+namespace {
+
+constexpr double degree = 3.14159265358979323846 / 180;
+constexpr double earthRadius = 6371000;  // m
+
+bool toNumber(const char* text, double& out) {
+    char* end = nullptr;
+    out = std::strtod(text, &end);
+    while (*end == ' ' || *end == '\n' || *end == '\r' || *end == '\t') {
+        ++end;
+    }
+    return end != text && *end == '\0' && std::isfinite(out);
+}
+
+/// "2024-03-01T07:15:20Z", with fractions of a second and a zone as "+01:00" also.
+bool toSeconds(const char* text, double& out) {
+    std::tm parts{};
+    const char* rest = strptime(text, "%Y-%m-%dT%H:%M:%S", &parts);
+    if (rest == nullptr) {
+        return false;
+    }
+    out = static_cast<double>(timegm(&parts));
+    if (*rest == '.') {
+        char* end = nullptr;
+        out += std::strtod(rest, &end);
+        rest = end;
+    }
+    if (*rest == '+' || *rest == '-') {
+        const double sign = *rest == '+' ? -1 : 1;
+        int hours = 0;
+        int minutes = 0;
+        if (std::sscanf(rest + 1, "%2d:%2d", &hours, &minutes) != 2) {
+            return false;
+        }
+        out += sign * (hours * 3600 + minutes * 60);
+        return true;
+    }
+    return *rest == 'Z' || *rest == '\0';
+}
+
+double wayBetween(const GpxTrack::Point& a, const GpxTrack::Point& b) {
+    const double north = (b.latitude - a.latitude) * degree;
+    const double east =
+        (b.longitude - a.longitude) * degree * std::cos((a.latitude + b.latitude) / 2 * degree);
+    return earthRadius * std::hypot(north, east);
+}
+
+double courseBetween(const GpxTrack::Point& a, const GpxTrack::Point& b) {
+    const double north = b.latitude - a.latitude;
+    const double east = (b.longitude - a.longitude) * std::cos((a.latitude + b.latitude) / 2 * degree);
+    const double angle = std::atan2(east, north) / degree;
+    return angle < 0 ? angle + 360 : angle;
+}
+
+std::size_t lineAt(const std::string& text, std::ptrdiff_t offset) {
+    const auto end =
+        text.begin() + std::clamp<std::ptrdiff_t>(offset, 0, static_cast<std::ptrdiff_t>(text.size()));
+    return 1 + static_cast<std::size_t>(std::count(text.begin(), end, '\n'));
+}
+
+/// Tags may carry a name space ("gpx:trkpt").
+bool isTag(const pugi::xml_node& node, const char* tag) {
+    const char* name = node.name();
+    const char* colon = std::strchr(name, ':');
+    return std::strcmp(colon != nullptr ? colon + 1 : name, tag) == 0;
+}
+
+pugi::xml_node childOf(const pugi::xml_node& node, const char* tag) {
+    for (const auto& child : node.children()) {
+        if (isTag(child, tag)) {
+            return child;
+        }
+    }
+    return {};
+}
+
+/// Speed and course stand directly in the point (GPX 1.0) or in its extensions.
+bool extension(const pugi::xml_node& point, const char* tag, double& out) {
+    const auto found = point.find_node([&](const pugi::xml_node& node) { return isTag(node, tag); });
+    return !found.empty() && toNumber(found.text().get(), out);
+}
+
+}  // namespace
+
+bool GpxTrack::readFile(const std::string& path, GpxTrack& out, std::string& error) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    if (!file) {
+        error = path + ": cannot be read: " + std::strerror(errno);
+        return false;
+    }
+    return read(text, path, out, error);
+}
+
+bool GpxTrack::read(const std::string& text, const std::string& name, GpxTrack& out, std::string& error) {
+    pugi::xml_document document;
+    const auto parsed = document.load_buffer(text.data(), text.size());
+    if (!parsed) {
+        error = name + ":" + std::to_string(lineAt(text, parsed.offset)) +
+                ": is not XML: " + parsed.description();
+        return false;
+    }
+    std::vector<Point> points;
+    double first = 0;
+    std::string fault;
+    std::vector<bool> hasSpeed;
+    std::vector<bool> hasHeading;
+    const auto visit = [&](const pugi::xml_node& node) {
+        const auto refuse = [&](const std::string& reason) {
+            fault = name + ":" + std::to_string(lineAt(text, node.offset_debug())) + ": " + reason;
+            return true;
+        };
+        if (!isTag(node, "trkpt")) {
+            return false;
+        }
+        Point point{};
+        if (!toNumber(node.attribute("lat").value(), point.latitude) || std::abs(point.latitude) > 90) {
+            return refuse("track point without a latitude from -90 to 90 (\"" +
+                          std::string(node.attribute("lat").value()) + "\")");
+        }
+        if (!toNumber(node.attribute("lon").value(), point.longitude) || std::abs(point.longitude) > 180) {
+            return refuse("track point without a longitude from -180 to 180 (\"" +
+                          std::string(node.attribute("lon").value()) + "\")");
+        }
+        const auto time = childOf(node, "time");
+        if (time.empty() || !toSeconds(time.text().get(), point.time)) {
+            return refuse("track point without a time such as 2024-03-01T07:15:20Z (\"" +
+                          std::string(time.text().get()) + "\")");
+        }
+        if (const auto ele = childOf(node, "ele");
+            !ele.empty() && !toNumber(ele.text().get(), point.altitude)) {
+            return refuse("elevation \"" + std::string(ele.text().get()) + "\" is no number");
+        }
+        if (points.empty()) {
+            first = point.time;
+        }
+        point.time -= first;
+        if (!points.empty() && point.time <= points.back().time) {
+            if (point.time == points.back().time) {
+                return false;  // receivers write some points twice
+            }
+            return refuse("time goes back");
+        }
+        hasSpeed.push_back(extension(node, "speed", point.speed));
+        hasHeading.push_back(extension(node, "course", point.heading));
+        points.push_back(point);
+        return false;
+    };
+    document.find_node(visit);
+    if (!fault.empty()) {
+        error = fault;
+        return false;
+    }
+    if (points.size() < 2) {
+        error = name + ": a track (trkpt) of at least two points is expected";
+        return false;
+    }
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const Point& a = points[i == 0 ? 0 : i - 1];
+        const Point& b = points[i == 0 ? 1 : i];
+        const double way = wayBetween(a, b);
+        if (!hasSpeed[i]) {
+            points[i].speed = way / (b.time - a.time);
+        }
+        if (!hasHeading[i]) {  // noise of a standing receiver is no course
+            points[i].heading = way > 0.5 ? courseBetween(a, b) : i == 0 ? 0 : points[i - 1].heading;
+        }
+    }
+    out.m_points = std::move(points);
+    return true;
+}
+
+GpxTrack::Point GpxTrack::at(double time) const {
+    const auto after = std::upper_bound(m_points.begin(), m_points.end(), time,
+                                        [](double t, const Point& point) { return t < point.time; });
+    if (after == m_points.begin()) {
+        return m_points.front();
+    }
+    if (after == m_points.end()) {
+        Point last = m_points.back();
+        last.speed = time > last.time ? 0 : last.speed;  // parked where the record ends
+        return last;
+    }
+    const Point& a = *(after - 1);
+    const Point& b = *after;
+    const double share = (time - a.time) / (b.time - a.time);
+    const auto between = [&](double from, double to) { return from + share * (to - from); };
+    double turn = b.heading - a.heading;
+    turn = turn > 180 ? turn - 360 : turn < -180 ? turn + 360 : turn;
+    double east = b.longitude - a.longitude;
+    east = east > 180 ? east - 360 : east < -180 ? east + 360 : east;
+    return {time,
+            between(a.latitude, b.latitude),
+            a.longitude + share * east,
+            between(a.altitude, b.altitude),
+            between(a.speed, b.speed),
+            a.heading + share * turn};
+}
+
+}  // namespace vlmVehicle
