@@ -1,0 +1,301 @@
+// The base setup: its order, what a further configuration changes and what it leaves, how records find their
+// collector, and the passes that subscribe.
+#include "config/ConfigResponseHandler.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "bus/PubSubService.h"
+#include "catalog/VlmJsonCatalog.h"
+#include "collect/IngressQueue.h"
+#include "kyo/Status.h"
+#include "report/VlmReportControl.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using kyo::Json::Value;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using namespace vlmProd;
+using vlmTest::LogCapture;
+using vlmTest::TemporaryFolder;
+
+constexpr char kCatalog[] = R"({"meta":{"vlmVersion":"7"},"services":{
+  "GNSS":{"positions":{"someipKeyProperty":"type","instances":{
+            "1":[{"property":"latitude"},{"property":"longitude"}],"2":[{"property":"speed"}]}},
+          "times":{"someipKeyProperty":"source","instances":{"0":[{"property":"utc"}]}}},
+  "Airbag":{"crashes":{"someipKeyProperty":"type","instances":{"1":[]}}}}})";
+
+constexpr char kFirst[] = R"({
+  "CONFIG":[{"name":"first","version":"1"}], "CLOCK":[{"name":"tick","duration":90000}],
+  "REPORT":[{"name":"r1","application":"app","from":["c1","c2"]}],
+  "COLLECT":[{"name":"c1","serv":"GNSS","res":"positions","index":1,"on":"tick","history":500},
+             {"name":"c2","serv":"Airbag","res":"crashes","index":1}]})";
+
+// c1 differs, c3 is new on a new index, c4 wants the records that c1 has.
+constexpr char kSecond[] = R"({
+  "CONFIG":[{"name":"second","version":"2"}], "CLOCK":[{"name":"tock"}],
+  "REPORT":[{"name":"r2","from":["c3"]}],
+  "COLLECT":[{"name":"c1","serv":"GNSS","res":"times","index":0},
+             {"name":"c3","serv":"GNSS","res":"positions","index":2},
+             {"name":"c4","serv":"GNSS","res":"positions","index":1}]})";
+
+/// An adapter that writes down what it is asked.
+class FakeAdapter : public BaseServiceObject {
+  public:
+    void createResourceObject(std::vector<std::string> resources) override {
+        note("create " + resources.at(0) + (resources.size() == 1 ? "" : " and more"));
+    }
+    void setSomeIPKey(std::string resource, std::string key) override { note("key " + resource + " " + key); }
+    void setSomeIPIndexAttribute(std::string resource, int index, std::vector<std::string>& names) override {
+        std::string text = "index " + resource + " " + std::to_string(index);
+        for (const std::string& name : names) {
+            text += " " + name;
+        }
+        note(text);
+    }
+    void setCollectorName(std::string service, std::string resource, int index, std::string name) override {
+        note("collector " + service + " " + resource + " " + std::to_string(index) + " " + name);
+    }
+    bool isSubscribed(std::string resource) override { return m_subscribed.count(resource) > 0; }
+    bool SubscribeResource(std::string resource) override {
+        note("subscribe " + resource);
+        if (m_offered) {
+            m_subscribed.insert(resource);
+        }
+        return m_offered;
+    }
+
+    std::vector<std::string> calls() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return std::exchange(m_calls, {});
+    }
+    std::atomic<bool> m_offered{true};
+
+  private:
+    void note(const std::string& call) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_calls.push_back(call);
+    }
+    std::mutex m_mutex;
+    std::vector<std::string> m_calls;  ///< guarded by m_mutex
+    std::set<std::string> m_subscribed;
+};
+
+class ConfigResponseHandlerTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        const TemporaryFolder folder;
+        FilesReturnCode code = FilesReturnCode::Ok;
+        VlmJsonCatalog::createSingleton(folder.write("catalog.json", kCatalog), code);
+    }
+
+    static Value json(const std::string& text) {
+        Value value;
+        EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;
+        return value;
+    }
+
+    bool setUp(const char* configuration) {
+        return m_handler.doBaseSetupFromOrxConfigResponse(json(configuration), "record");
+    }
+
+    void send(const std::string& collector) {
+        Value record(kyo::Json::objectValue);
+        record["collectorName"] = collector;
+        record["timestamp"] = 1;
+        m_handler.sendRecordsToCollectorObject(record);
+    }
+
+    std::shared_ptr<FakeAdapter> m_gnss = std::make_shared<FakeAdapter>();
+    std::shared_ptr<FakeAdapter> m_airbag = std::make_shared<FakeAdapter>();
+    ServiceMapObjectHandler m_services{
+        ServiceMapObjectHandler::Adapters{{"GNSSProxy", m_gnss}, {"AirbagProxy", m_airbag}}};
+    // Both are used by threads that wait for ever, hence left behind.
+    ServiceDiscovery& m_discovery =
+        *new ServiceDiscovery([](const std::string&) { return true; }, [](std::chrono::seconds) {});
+    ConfigResponseHandler& m_handler = *new ConfigResponseHandler(m_services, m_discovery);
+    LogCapture m_log;
+};
+
+/// The positions of these messages in the log, in which each must stand after the one before.
+void expectInOrder(const LogCapture& log, const std::vector<std::pair<int, std::string>>& expected) {
+    const auto lines = log.lines();
+    std::size_t at = 0;
+    for (const auto& [level, message] : expected) {
+        while (at < lines.size() && (lines[at].level != level || lines[at].message != message)) {
+            ++at;
+        }
+        ASSERT_LT(at, lines.size()) << "not after the one before: " << message;
+    }
+}
+
+TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_clock) {
+    const TemporaryFolder folder;
+    ASSERT_TRUE(m_handler.doBaseSetupFromLocalConfig(folder.write("collector.json", kFirst)));
+    expectInOrder(m_log, {{3, "Valid configuration file"},
+                          {5, "Collector from 'From' block: c1"},
+                          {5, "ApplicationName, ConfigName, ConfigVersion: app, first, 1"},
+                          {5, "Creating collector object for c1"},
+                          {5, "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0"},
+                          {5, "Creating collector object for c2"},
+                          {4, "Didn't find the OnEvent type for . Hence defaulting to Clock."},
+                          {5, "historyDuration: 0 , Lag:  0 , Collector name: c2 And OnEvent Type: 0"},
+                          {5, "Size of collect names = 2"},
+                          {5, "Size of All services and Resources = 2"},
+                          {5, "Configured list of indexes size = 1"},
+                          {5, "Size of list of properties for resource crashes = 0"},
+                          {5, "COLLECT MAP FOUND, collectName = c2"},
+                          {5, "Configured list of indexes size = 1"},
+                          {5, "Size of list of properties for resource positions = 2"},
+                          {5, "COLLECT MAP FOUND, collectName = c1"},
+                          {5, "Pushing the service GNSSProxy  to queue to discover it"},
+                          {5, "Pushing the service AirbagProxy  to queue to discover it"},
+                          {5, "CLOCK NAME = tick  And DURATION = 90000"},
+                          {5, "ZEPH-43022: VLM implements a timer object"}});
+    EXPECT_TRUE(VlmReportControl::getInstance().started());
+    EXPECT_TRUE(m_discovery.started());
+    EXPECT_TRUE(IngressQueue::getInstance()->started());
+    EXPECT_TRUE(PubSubService::getInstance().started());
+    EXPECT_THAT(m_gnss->calls(),
+                ElementsAre("create positions", "key positions type", "index positions 1 latitude longitude",
+                            "collector GNSSProxy positions 1 c1"));
+    EXPECT_THAT(m_airbag->calls(), ElementsAre("create crashes", "key crashes type", "index crashes 1",
+                                               "collector AirbagProxy crashes 1 c2"));
+    ASSERT_TRUE(m_log.waitFor("Successfully discovered the service AirbagProxy"));
+}
+
+TEST_F(ConfigResponseHandlerTest, a_further_configuration_adds_to_what_is_there_and_replaces_the_clock) {
+    ASSERT_TRUE(setUp(kFirst));
+    ASSERT_TRUE(m_log.waitFor("Successfully discovered the service"));
+    m_gnss->calls();
+    m_airbag->calls();
+    m_log.clear();
+    ASSERT_TRUE(setUp(kSecond));
+    EXPECT_TRUE(m_log.has(5, "Collector c1 exists and stays as it is"));
+    EXPECT_TRUE(m_log.has(5, "CLOCK NAME = tock  And DURATION = 60000"));
+    EXPECT_TRUE(m_log.has(3, "Collector c4 stays empty: the records of GNSSProxy|positions|1 go to c1"));
+    EXPECT_FALSE(m_log.hasPart(5, "Pushing the service")) << "GNSS is in discovery already";
+    EXPECT_THAT(m_gnss->calls(),
+                ElementsAre("index positions 2 speed", "collector GNSSProxy positions 2 c3", "create times",
+                            "key times source", "index times 0 utc", "collector GNSSProxy times 0 c1"));
+    EXPECT_THAT(m_airbag->calls(), IsEmpty());
+    EXPECT_THAT(m_handler.configuredResources(),
+                ElementsAre(testing::Pair("Airbag", ElementsAre("crashes")),
+                            testing::Pair("GNSS", ElementsAre("positions", "times"))));
+    for (const char* collector : {"c1", "c2", "c3", "c4"}) {
+        m_log.clear();
+        send(collector);
+        EXPECT_TRUE(m_log.has(5, "Inserting record into collector object")) << collector;
+    }
+}
+
+TEST_F(ConfigResponseHandlerTest, a_configuration_that_is_refused_changes_nothing_and_says_so) {
+    EXPECT_FALSE(m_handler.doBaseSetupFromLocalConfig("/absent.json"));
+    EXPECT_THAT(
+        m_log.messages(3),
+        ElementsAre("Config file parsing failed",
+                    "Nothing is collected from the collector configuration /absent.json: it is empty or "
+                    "cannot be opened",
+                    "Create Config parser from failed FAILED"));
+    EXPECT_FALSE(m_discovery.started());
+    ASSERT_TRUE(setUp(kFirst));
+    m_log.clear();
+    EXPECT_FALSE(setUp(R"({"COLLECT":[{"name":"c9","serv":"Airbag","res":"crashes","index":"1"}]})"));
+    EXPECT_FALSE(setUp("[]"));
+    EXPECT_FALSE(setUp(R"({"CLOCK":[{"name":"t"}],"REPORT":[],"COLLECT":[]})"));
+    EXPECT_TRUE(m_log.has(3, "Didn't get the list of the services to discover"));
+    EXPECT_FALSE(m_log.hasPart(5, "CLOCK NAME = "));
+    EXPECT_EQ(m_handler.configuredResources().size(), 2u);
+    m_log.clear();
+    send("c1");
+    EXPECT_TRUE(m_log.has(5, "Inserting record into collector object"));
+}
+
+TEST_F(ConfigResponseHandlerTest, a_record_without_a_collector_is_dropped_and_counted) {
+    ASSERT_TRUE(setUp(kFirst));
+    const auto& counter = kyo::Status::counter("records.withoutCollector");
+    const std::uint64_t before = counter.value();
+    m_log.clear();
+    send("");
+    send("c9");
+    m_handler.sendRecordsToCollectorObject(json(R"({"collectorName":{"c1":1}})"));
+    m_handler.sendRecordsToCollectorObject(json(R"(["collectorName"])"));
+    EXPECT_EQ(m_log.count(3, "Collector name is not found, dropping the record"), 4u);
+    EXPECT_EQ(counter.value() - before, 4u);
+    EXPECT_FALSE(m_log.hasPart(5, "Inserting record"));
+}
+
+TEST_F(ConfigResponseHandlerTest, a_pass_tries_what_is_not_subscribed_and_rests_between_services) {
+    const ConfigResponseHandler::ServicesAndResources configured{
+        {"Airbag", {"crashes"}}, {"GNSS", {"positions", "times"}}, {"Unknown", {"events"}}};
+    int pauses = 0;
+    const auto pass = [&] {
+        m_log.clear();
+        m_handler.subscribeOnce(configured, [&] { ++pauses; });
+    };
+    m_airbag->m_offered = false;
+    pass();
+    EXPECT_EQ(pauses, 2);
+    EXPECT_THAT(m_gnss->calls(), ElementsAre("subscribe positions", "subscribe times"));
+    EXPECT_TRUE(m_log.has(5, "Successfully subscribed for the resource positions"));
+    EXPECT_TRUE(m_log.hasPart(3, "Failed to subscribe for service = Airbag"));
+    EXPECT_TRUE(m_log.hasPart(3, "Failed to subscribe for service = Unknown"));
+    m_airbag->m_offered = true;
+    pass();
+    EXPECT_THAT(m_gnss->calls(), IsEmpty()) << "both are subscribed";
+    EXPECT_THAT(m_airbag->calls(), ElementsAre("subscribe crashes", "subscribe crashes"));
+    pass();
+    EXPECT_THAT(m_airbag->calls(), IsEmpty());
+}
+
+TEST_F(ConfigResponseHandlerTest, one_thread_subscribes_and_it_may_have_nothing_to_do) {
+    EXPECT_FALSE(m_handler.doBaseSetupFromLocalConfig(""));
+    std::thread([this] { m_handler.subscribeResources(); }).detach();
+    ASSERT_TRUE(m_log.waitFor("Size of All services and Resources = 0"));
+    ASSERT_TRUE(m_log.waitFor("Sleeping for 10 secs before retry"));
+    m_handler.subscribeResources();  // returns
+    EXPECT_TRUE(m_log.has(5, "A thread subscribes the resources already"));
+}
+
+// Threads that race: two that hand over configurations, two that dispatch records, one that subscribes and
+// one that reads the status.
+TEST_F(ConfigResponseHandlerTest, configurations_records_and_passes_do_not_disturb_each_other) {
+    ASSERT_TRUE(setUp(kFirst));
+    kyo::Log::setReportingLevel(0);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    const auto repeat = [&](std::function<void()> step) {
+        threads.emplace_back([&stop, step] {
+            while (!stop) {
+                step();
+            }
+        });
+    };
+    repeat([this] { send("c1"); });
+    repeat([this] { send("c3"); });
+    repeat([this] { m_handler.subscribeOnce(m_handler.configuredResources(), [] {}); });
+    repeat([] { kyo::Status::snapshot(); });
+    std::thread other([this] {
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_TRUE(setUp(kFirst));
+        }
+    });
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(setUp(kSecond));
+    }
+    other.join();
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(m_handler.configuredResources().size(), 2u);
+}
+
+}  // namespace
