@@ -48,10 +48,10 @@ def contents(services, catalog_version):
     for pattern, template in PER_SERVICE:
         for service in services:
             yield (pattern.format(ns=service.ns, adapter=service.adapter),
-                   environment.get_template(template).render(service=service))
+                   layout.fit(environment.get_template(template).render(service=service)))
     registered = sorted((service for service in services if service.registry_key), key=lambda s: s.registry_order)
     for name, template in ONCE:
-        yield name, environment.get_template(template).render(services=services, registered=registered)
+        yield name, layout.fit(environment.get_template(template).render(services=services, registered=registered))
     yield CATALOG, json.dumps(catalog.document(services, catalog_version), indent=2, ensure_ascii=False) + "\n"
     for name, text in wireshark.tables(services).items():
         yield f"wireshark/{name}", text
@@ -69,7 +69,8 @@ def _environment():
     environment = jinja2.Environment(loader=jinja2.FileSystemLoader(TEMPLATES), trim_blocks=True, lstrip_blocks=True,
                                      keep_trailing_newline=True, undefined=jinja2.StrictUndefined)
     environment.filters.update(cpp_string=layout.cpp_string, comment=layout.comment, described=layout.described,
-                               listed=layout.listed, meaning=layout.field_meaning,
+                               field_declarations=layout.field_declarations,
+                               enumerator_declarations=layout.enumerator_declarations,
                                hex4="0x{:04X}".format, cell=reference.cell)
     environment.globals.update(names=names)
     return environment

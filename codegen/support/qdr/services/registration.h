@@ -8,8 +8,8 @@ namespace qdr::services {
 ///
 /// A structure has one property per field, named as the field, of type eb::com::optional<T>. Where T is an
 /// enumeration, the optional's type has T as its template argument (rttr::type::get_template_arguments), and
-/// a variant that holds the optional converts to T and to std::int64_t, the numeric value; the conversion
-/// fails when the optional is empty.
+/// a variant that holds the optional converts to std::int64_t, the numeric value; the conversion fails when
+/// the optional is empty.
 void registerAllTypes();
 
 }  // namespace qdr::services
