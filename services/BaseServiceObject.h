@@ -15,9 +15,15 @@ class BaseServiceObject {
     /// Subscribes the resource's event. True when it is subscribed.
     virtual bool SubscribeResource(std::string /*resource*/) { return false; }
     virtual void createResourceObject(std::vector<std::string> /*resources*/) {}
+// The adapters hide this operation on purpose; compilers differ in which of the two places they blame.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
     /// No adapter overrides this one: theirs takes the names by reference.
     virtual void addProperties(std::string /*resource*/, std::vector<std::string> /*names*/) {}
-    virtual bool isSubscribed(std::string /*resource*/) { return false; }
+#pragma GCC diagnostic pop
+    virtual bool isSubscribed(std::string /*resource*/) {
+        return false;
+    }
     /// `key` is the name of the member whose value selects a sample's index.
     virtual void setSomeIPKey(std::string /*resource*/, std::string /*key*/) {}
     virtual void setSomeIPIndexAttribute(std::string /*resource*/, int /*index*/,

@@ -1,5 +1,4 @@
 #pragma once
-#include <rttr/variant.h>
 #include <atomic>
 #include <map>
 #include <optional>
@@ -10,6 +9,11 @@
 
 #include "kyo/Event.h"
 #include "kyo/Json.h"
+
+// Only the generic conversion needs the reflection library: the adapters compile without it.
+namespace rttr {
+class variant;
+}
 
 namespace vlmProd {
 
@@ -75,7 +79,7 @@ class Resource {
     std::vector<std::string> m_attributes;
 
     mutable kyo::Mutex m_workMutex;  ///< guards m_work
-    kyo::Json::Value m_work;
+    kyo::Json::Value m_work{kyo::Json::objectValue};
     kyo::Event m_event;
 };
 

@@ -31,17 +31,23 @@ class ServiceAdapterBase : public BaseServiceObject {
     void setCollectorName(std::string service, std::string resource, int index,
                           std::string collector) override;
 
-    // The by-value operation of the base class stays what it is there: it does nothing.
-    using BaseServiceObject::addProperties;
-    /// Appends the names to the resource's attribute list.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
+    /// Appends the names to the resource's attribute list. It hides, and does not override, the operation of
+    /// the base class that takes the names by value, which does nothing in every adapter.
     virtual void addProperties(std::string resource, std::vector<std::string>& names);
+#pragma GCC diagnostic pop
 
     /// The name under which the registry knows the service; every record carries it.
-    const std::string& serviceName() const { return m_serviceName; }
+    const std::string& serviceName() const {
+        return m_serviceName;
+    }
     /// The resource of that event, or nothing.
     std::shared_ptr<Resource> findResource(const std::string& resource) const;
     /// How long initProxy() pauses after each attempt that finds nothing (1 s unless a test says otherwise).
-    void setAttemptPause(std::chrono::milliseconds pause) { m_attemptPause = pause; }
+    void setAttemptPause(std::chrono::milliseconds pause) {
+        m_attemptPause = pause;
+    }
 
   protected:
     enum class Subscription { Done, Refused, NoSuchEvent };

@@ -1,0 +1,152 @@
+#include "services/Resource.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/JsonFields.h"
+#include "collect/IngressQueue.h"
+#include "tests/support/LogCapture.h"
+
+namespace vlmProd {
+namespace {
+
+using kyo::Json::Value;
+using testing::ElementsAre;
+using vlmTest::LogCapture;
+
+Value recordOf(const Value& type) {
+    Value record;
+    record["timestamp"] = 1234U;
+    record["serviceName"] = "GNSSProxy";
+    record["resName"] = "positions";
+    if (!type.isNull()) {
+        record["type"] = type;
+    }
+    record["zeta"] = 1.5;
+    return record;
+}
+
+/// The process's ingress queue has no thread here: what a resource puts in is taken out by hand.
+class ResourceTest : public testing::Test {
+  protected:
+    ResourceTest() {
+        TextedRecord old;
+        while (IngressQueue::getInstance()->takeRecord(&old)) {
+        }
+        resource.setSomeIPKey("type");
+    }
+
+    Value through(Value record) {
+        resource.processData(std::move(record));
+        TextedRecord taken;
+        EXPECT_TRUE(IngressQueue::getInstance()->takeRecord(&taken));
+        if (taken.text) {
+            EXPECT_EQ(*taken.text, compactText(taken.value));
+        }
+        return taken.value;
+    }
+
+    Resource resource{"positions"};
+};
+
+TEST_F(ResourceTest, NamesTheCollectorOfServiceResourceAndIndex) {
+    resource.setCollectorName("GNSSProxy", "positions", 2, "dead reckoning");
+    resource.setCollectorName("GNSSProxy", "positions", 1, "fused");
+    resource.setCollectorName("OtherProxy", "positions", 3, "another service");
+    resource.setCollectorName("GNSSProxy", "positionsQuality", 4, "another resource");
+    const Value fused = through(recordOf(1U));
+    EXPECT_EQ(fused["collectorName"].asString(), "fused");
+    EXPECT_EQ(fused["index"], Value(1));
+    EXPECT_EQ(through(recordOf(2U))["collectorName"].asString(), "dead reckoning");
+    for (const unsigned int type : {0U, 3U, 4U}) {
+        EXPECT_EQ(through(recordOf(type)), recordOf(type)) << "forwarded as it came";
+    }
+}
+
+TEST_F(ResourceTest, LetsALaterCollectorReplaceTheFirst) {
+    resource.setCollectorName("GNSSProxy", "positions", 1, "first");
+    const Value before = through(recordOf(1U));
+    resource.setCollectorName("GNSSProxy", "positions", 1, "second");
+    EXPECT_EQ(before["collectorName"].asString(), "first");
+    EXPECT_EQ(through(recordOf(1U))["collectorName"].asString(), "second");
+}
+
+TEST_F(ResourceTest, GivesNoCollectorToARecordWithoutAUsableKey) {
+    resource.setCollectorName("GNSSProxy", "positions", 0, "zero");
+    resource.setCollectorName("GNSSProxy", "positions", -1, "minus");
+    EXPECT_EQ(through(recordOf(0U))["collectorName"].asString(), "zero");
+    for (const Value& type : {Value(), Value(kyo::Json::UInt64{4294967295U}),
+                              Value(kyo::Json::UInt64{1} << 63), Value("0"), Value(kyo::Json::arrayValue)}) {
+        EXPECT_EQ(through(recordOf(type)), recordOf(type)) << "no member is added, not even by looking";
+    }
+    Value nullKey = recordOf(1U);
+    nullKey["type"] = Value();
+    EXPECT_EQ(through(nullKey), nullKey);
+    EXPECT_EQ(through(Value("no object")), Value("no object"));
+
+    Resource unkeyed("positions");
+    unkeyed.setCollectorName("GNSSProxy", "positions", 0, "zero");
+    unkeyed.processData(recordOf(0U));
+    TextedRecord taken;
+    ASSERT_TRUE(IngressQueue::getInstance()->takeRecord(&taken));
+    EXPECT_EQ(taken.value, recordOf(0U));
+}
+
+TEST_F(ResourceTest, TellsARecordInItsOrder) {
+    resource.setCollectorName("GNSSProxy", "positions", 1, "fused");
+    resource.setSomeIPIndexAttribute(1, {"zeta"});
+    resource.addAttributes({"a", "b", "a"});
+    LogCapture log;
+    const Value record = through(recordOf(1U));
+    const std::string whole = compactText(record);
+    EXPECT_THAT(log.messages(5),
+                ElementsAre("jsonData: " + compactText(recordOf(1U)), "Size of someip index map = 1",
+                            "Size of attributes = 3", "JSON VALUES MEMBER SIZE = 5",
+                            "COLLECT NAME FOUND = fusedfor key = GNSSProxy|positions|1",
+                            "[collectorName]:\"fused\"", "[index]:1", "[resName]:\"positions\"",
+                            "[serviceName]:\"GNSSProxy\"", "[timestamp]:1234", "[type]:1", "[zeta]:1.5",
+                            "FAST WRITER = " + whole, "record len~" + std::to_string(whole.size()),
+                            "Record Json = " + whole, "collectorname :: insertrecordfused"));
+    EXPECT_EQ(log.lines().front().signature, "void vlmProd::Resource::processData(kyo::Json::Value)");
+}
+
+TEST_F(ResourceTest, TellsWhatIsConfigured) {
+    LogCapture log;
+    resource.setCollectorName("GNSSProxy", "positions", 1, "fused");
+    resource.addAttribute("one");
+    resource.addAttributes({"one", "two"});
+    EXPECT_FALSE(resource.isSubscribed());
+    resource.setSubscribed();
+    EXPECT_TRUE(resource.isSubscribed());
+    EXPECT_THAT(
+        log.messages(5),
+        ElementsAre("setCollectorName ::servName,resrName,index,collectNameGNSSProxy,positions,1,fused",
+                    "Size of Attributes = 3", "Resource = positions subscription status = 0",
+                    "Resource = positions subscription status = 1"));
+}
+
+// A middleware thread delivers while the configuration thread adds and replaces collectors.
+TEST_F(ResourceTest, StaysWholeWhileItIsConfiguredUnderSamples) {
+    resource.setCollectorName("GNSSProxy", "positions", 1, "c");
+    std::atomic<bool> done{false};
+    std::thread configuration([&] {
+        for (int i = 0; i < 2000; ++i) {
+            resource.setCollectorName("GNSSProxy", "positions", i, "c" + std::to_string(i % 10));
+            resource.setSomeIPIndexAttribute(i, {"zeta"});
+            resource.setSomeIPKey("type");
+        }
+        done = true;
+    });
+    while (!done) {
+        EXPECT_EQ(through(recordOf(1U))["collectorName"].asString().front(), 'c');
+    }
+    configuration.join();
+    EXPECT_EQ(through(recordOf(1999U))["collectorName"].asString(), "c9");
+}
+
+}  // namespace
+}  // namespace vlmProd
