@@ -68,26 +68,42 @@ def read(path: Path, shown_as: str, problems: Problems):
     if node is None:
         problems.add(Place(shown_as, 1), "the file is empty")
         return None
-    return _convert(node, shown_as, problems)
+    return _Converter(shown_as, problems).convert(node)
 
 
-def _convert(node, file, problems):
-    place = Place(file, node.start_mark.line + 1)
-    if isinstance(node, yaml.SequenceNode):
-        return Located([_convert(item, file, problems) for item in node.value], place)
-    if isinstance(node, yaml.MappingNode):
+class _Converter:
+    def __init__(self, file, problems):
+        self._file = file
+        self._problems = problems
+        self._open = []
+
+    def convert(self, node):
+        place = Place(self._file, node.start_mark.line + 1)
+        if isinstance(node, yaml.ScalarNode):
+            return Located(_scalar(node), place)
+        if node in self._open:
+            self._problems.add(place, "an alias stands inside what it repeats")
+            return Located(None, place)
+        self._open.append(node)
+        result = self._sequence(node, place) if isinstance(node, yaml.SequenceNode) else self._mapping(node, place)
+        self._open.pop()
+        return result
+
+    def _sequence(self, node, place):
+        return Located([self.convert(item) for item in node.value], place)
+
+    def _mapping(self, node, place):
         members, key_places = {}, {}
         for key_node, value_node in node.value:
-            key = _convert(key_node, file, problems)
+            key = self.convert(key_node)
             if isinstance(key.value, (dict, list)) or key.value is None:
-                problems.add(key.place, "a key must be a text or a number")
+                self._problems.add(key.place, "a key must be a text or a number")
             elif key.value in members:
-                problems.add(key.place, f"'{key.value}' is given twice; first in line {key_places[key.value].line}")
+                self._problems.add(key.place, f"'{key.value}' is given twice; first in line {key_places[key.value].line}")
             else:
-                members[key.value] = _convert(value_node, file, problems)
+                members[key.value] = self.convert(value_node)
                 key_places[key.value] = key.place
         return Located(members, place, key_places)
-    return Located(_scalar(node), place)
 
 
 def _scalar(node):

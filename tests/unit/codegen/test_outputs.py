@@ -1,0 +1,108 @@
+"""What the generator makes, where the build itself does not show a fault."""
+
+import json
+import unittest
+
+from support import SOURCE, Folder, generate
+from test_refusals import GOOD, WRONG
+from vlmgen import layout, model, names, outputs, source
+
+
+class Files(unittest.TestCase):
+    def test_exactly_the_listed_files_are_written_and_unchanged_ones_are_left_alone(self):
+        with Folder() as folder:
+            folder.write("spring.yaml", GOOD)
+            output = folder.path.parent / "out"
+            self.assertEqual(generate(folder.path, "--output", output).returncode, 0)
+            times = {path: path.stat().st_mtime_ns for path in output.rglob("*") if path.is_file()}
+            listed = generate(folder.path, "--list").stdout.split()
+            self.assertCountEqual([str(path.relative_to(output)) for path in times], listed)
+
+            folder.write("spring.yaml", GOOD.replace("meaning: Amount.", "meaning: How much."))
+            generate(folder.path, "--output", output)
+            changed = {path.name for path, time in times.items() if path.stat().st_mtime_ns != time}
+            self.assertEqual(changed, {"datatypes.h", "described.cpp"})
+
+    def test_a_wrong_description_still_lets_the_build_be_configured(self):
+        with Folder() as folder:
+            folder.write("spring.yaml", GOOD.replace("events:", "evnts:"))
+            folder.write("noservice.yaml", "[")
+            result = generate(folder.path, "--list")
+            self.assertEqual(result.returncode, 0)
+            self.assertIn("services/adapters/VLMSpring.cpp", result.stdout)
+
+    def test_no_generated_line_is_too_long(self):
+        problems = source.Problems()
+        services = model.load(SOURCE / "interfaces", problems)
+        for name, text in outputs.contents(services, "1"):
+            if name.endswith((".h", ".cpp")):
+                longest = max(text.splitlines(), key=len)
+                self.assertLessEqual(len(longest), layout.WIDTH, f"{name}: {longest}")
+
+
+class ReferencePages(unittest.TestCase):
+    def test_a_page_tells_members_key_values_catalog_names_and_ids(self):
+        with Folder() as folder:
+            folder.write("spring.yaml", GOOD.replace("meaning: Amount.", "meaning: Amount., signal: Tap.Flow"))
+            docs = folder.path.parent / "docs"
+            self.assertEqual(generate(folder.path, "--docs", docs).returncode, 0)
+            page = (docs / "spring.md").read_text(encoding="utf-8")
+            index = (docs / "README.md").read_text(encoding="utf-8")
+        for part in ("| SOME/IP service id | 0x1101, version 1.0, instance 1 |",
+                     "| [flows](#flows) | 0x8001 | 0x0001 | 100 ms | kind | 1, 2 |",
+                     "| 1 | flow | double | l/min | 0 to 10 | Amount. | all |",
+                     "| 2 | age | uint16 |  |  | Days under ground. | 2 |",
+                     "| 2 | spring | Spring. |",
+                     "- `flow`: signal `Tap.Flow`",
+                     '| Name in catalog and collector configurations | "Spring" |'):
+            self.assertIn(part, page)
+        self.assertIn("| [Spring](spring.md) | 0x1101 | SpringProxy | flows, alarms | Water of a spring. |", index)
+
+
+class Schema(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.schema = json.loads((SOURCE / "interfaces" / "schema.json").read_text(encoding="utf-8"))
+
+    def test_it_knows_the_same_keys_as_the_generator(self):
+        parts = self.schema["definitions"]
+        event = parts["event"]["properties"]
+        keys = {
+            "service": self.schema, "registry": self.schema["properties"]["registry"],
+            "someip of the service": self.schema["properties"]["someip"], "enumeration": parts["enumeration"],
+            "enumerator": parts["enumerator"], "event": parts["event"], "someip of the event": event["someip"],
+            "field": parts["field"], "writer": parts["writer"],
+        }
+        self.assertEqual({name: set(part["properties"]) for name, part in keys.items()}, model.SCHEMA_KEYS)
+        self.assertEqual(set(parts["field"]["properties"]["type"]["anyOf"][0]["enum"]), set(names.SCALARS))
+        self.assertEqual(set(parts["enumeration"]["properties"]["base"]["enum"]), set(names.INTEGER_LIMITS))
+        self.assertEqual(set(event["fields"]["propertyNames"]["allOf"][1]["not"]["enum"]), names.RECORD_MEMBERS)
+
+    def test_it_accepts_every_description_and_refuses_what_a_schema_can_see(self):
+        try:
+            import jsonschema
+        except ImportError:
+            self.skipTest("python3-jsonschema is not installed")
+        validator = jsonschema.Draft7Validator(self.schema)
+        for path in (SOURCE / "interfaces").glob("*.yaml"):
+            errors = [error.message for error in validator.iter_errors(plain(source.read(path, path.name, None)))]
+            self.assertEqual(errors, [], path.name)
+        with Folder() as folder:
+            for what in ("an unknown key", "a missing key", "a text for a number", "a number out of range",
+                         "a member of every record", "a key without writers", "a field written twice"):
+                _, good, wrong, _, _ = next(row for row in WRONG if row[0] == what)
+                folder.write("spring.yaml", GOOD.replace(good, wrong, 1))
+                document = plain(source.read(folder.path / "spring.yaml", "spring.yaml", None))
+                self.assertTrue(list(validator.iter_errors(document)), what)
+
+
+def plain(located):
+    if isinstance(located.value, dict):
+        return {str(key): plain(value) for key, value in located.value.items()}
+    if isinstance(located.value, list):
+        return [plain(value) for value in located.value]
+    return located.value
+
+
+if __name__ == "__main__":
+    unittest.main()
