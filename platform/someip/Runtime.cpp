@@ -465,6 +465,8 @@ void Runtime::openNetwork(Clock::time_point now) {
         if (error != m_openFailure) {
             KYO_LOG(3, "SOME/IP is not up, trying again: " << error);
             m_openFailure = error;
+        } else {
+            KYO_LOG(7, "SOME/IP is still not up: " << error);
         }
         return;
     }

@@ -1,0 +1,56 @@
+/// The middleware of the process, as programs use it.
+#include <chrono>
+
+#include "Bench.h"
+#include "ac/com/runtime/component.h"
+
+using namespace vlmTest;
+using namespace std::chrono_literals;
+using ac::com::runtime::Component_singleton;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+std::string configuration(const std::string& more = "") {
+    return "{\"address\": \"" + addressText(5) +
+           "\", \"discovery\": {\"port\": " + std::to_string(discoveryPort()) + "}" + more + "}";
+}
+
+}  // namespace
+
+TEST(Component, ServesProxiesAndSkeletonsThatWereMadeBeforeItAndOutliveIt) {
+    const LogCapture log{5};
+    ac::com::SkeletonBase skeleton(kMeter);
+    ac::com::SkeletonEvent<Reading> out(skeleton, kReadings);
+    ac::com::ProxyBase proxy(kMeter, {kMeter.serviceId, 1, kMeter.majorVersion});
+    ac::com::ProxyEvent<Reading> in(proxy, kReadings);
+    std::atomic<int> received{0};
+    in.Subscribe([&](std::vector<Reading>) { ++received; });
+    EXPECT_TRUE(skeleton.OfferService());
+    for (int life = 0; life < 2; ++life) {
+        const int before = received;
+        const Component_singleton component(true, configuration());
+        EXPECT_TRUE(eventually([&] { return received > before; }, [&] { out.Send({numbered(1)}); }));
+        EXPECT_THAT(ac::com::findService(kMeter, "*"), ::testing::SizeIs(1));
+        EXPECT_THAT(ac::com::findService(kMeter, "1"), ::testing::SizeIs(1));
+        EXPECT_THAT(ac::com::findService(kMeter, "2"), ::testing::IsEmpty());
+        EXPECT_THAT(ac::com::findService(kMeter, "first"), ::testing::IsEmpty());
+        const Component_singleton second(true, configuration());  // neither starts nor ends anything
+    }
+    EXPECT_FALSE(in.subscribed());
+    EXPECT_TRUE(out.Send({numbered(2)}));
+}
+
+TEST(Component, AWrongConfigurationIsToldAndStartsNothing) {
+    const LogCapture log{5};
+    {
+        const Component_singleton component(false, "{\"address\": 5}");
+        EXPECT_THAT(log.messages(3), ElementsAre(HasSubstr("someip.address")));
+    }
+    {
+        const Component_singleton component(false, "no JSON");
+        EXPECT_EQ(log.messages(3).size(), 2u);
+    }
+    EXPECT_FALSE(someip::Runtime::process().networkIsUp());
+}

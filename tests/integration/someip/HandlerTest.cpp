@@ -1,0 +1,208 @@
+/// What receive handlers may do, and what ends while they are at work.
+#include <condition_variable>
+
+#include "Bench.h"
+
+using namespace vlmTest;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+namespace {
+
+/// Lets a handler in, and holds it until it is let out.
+class Lock {
+  public:
+    void passThrough() {
+        std::unique_lock guard(m_guard);
+        m_inside = true;
+        m_changed.notify_all();
+        m_changed.wait(guard, [&] { return m_open; });
+        m_inside = false;
+    }
+    bool waitForVisitor() {
+        std::unique_lock guard(m_guard);
+        return m_changed.wait_for(guard, 20s, [&] { return m_inside; });
+    }
+    void open() {
+        const std::lock_guard guard(m_guard);
+        m_open = true;
+        m_changed.notify_all();
+    }
+
+  private:
+    std::mutex m_guard;
+    std::condition_variable m_changed;
+    bool m_inside = false;
+    bool m_open = false;
+};
+
+struct Handlers : ::testing::Test {
+    void SetUp() override {
+        ASSERT_TRUE(runtime.start(settingsFor(1), true));
+        server.base.OfferService();
+        ASSERT_TRUE(client.find());
+        proxy = std::make_unique<ac::com::ProxyBase>(kMeter, client.handles.front(), runtime);
+        readings = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kReadings);
+    }
+    bool subscribe(std::function<void(std::vector<Reading>)> handler) {
+        readings->Subscribe(std::move(handler));
+        return eventually([&] { return server.readings.subscribers() == 1; });
+    }
+
+    LogCapture log{5};
+    someip::Runtime runtime;
+    MeterServer server{runtime};
+    MeterClient client{runtime};
+    std::unique_ptr<ac::com::ProxyBase> proxy;
+    std::unique_ptr<ac::com::ProxyEvent<Reading>> readings;
+};
+
+}  // namespace
+
+TEST_F(Handlers, UnsubscribeWaitsForTheOneUnderWay) {
+    Lock lock;
+    std::atomic<bool> finished{false};
+    std::atomic<int> calls{0};
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
+        ++calls;
+        lock.passThrough();
+        finished = true;
+    }));
+    server.readings.Send({numbered(1)});
+    server.readings.Send({numbered(2)});
+    ASSERT_TRUE(lock.waitForVisitor());
+    std::thread release([&] {
+        std::this_thread::sleep_for(20ms);
+        lock.open();
+    });
+    readings->Unsubscribe();
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(calls, 1) << "the second message came too late";
+    release.join();
+}
+
+TEST_F(Handlers, MayUnsubscribeOrDestroyTheirOwnProxy) {
+    std::atomic<int> calls{0};
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
+        readings->Unsubscribe();
+        ++calls;
+    }));
+    server.readings.Send({numbered(1)});
+    ASSERT_TRUE(eventually([&] { return calls == 1; }));
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
+        readings.reset();
+        proxy.reset();
+        ++calls;
+    }));
+    server.readings.Send({numbered(2)});
+    ASSERT_TRUE(eventually([&] { return calls == 2; }));
+    EXPECT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
+}
+
+TEST_F(Handlers, MaySubscribeAnotherEventAndSend) {
+    std::unique_ptr<ac::com::ProxyEvent<Reading>> alarms;
+    std::atomic<int> alarmed{0};
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
+        if (alarms == nullptr) {
+            alarms = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kAlarms);
+            alarms->Subscribe([&](std::vector<Reading>) { ++alarmed; });
+        }
+        server.alarms.Send({numbered(1)});
+    }));
+    EXPECT_TRUE(eventually([&] { return alarmed > 0; }, [&] { server.readings.Send({numbered(1)}); }));
+    readings->Unsubscribe();
+}
+
+TEST_F(Handlers, ASecondSubscribeReplacesTheHandler) {
+    std::atomic<int> first{0};
+    std::atomic<int> second{0};
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) { ++first; }));
+    server.readings.Send({numbered(1)});
+    ASSERT_TRUE(eventually([&] { return first == 1; }));
+    readings->Subscribe([&](std::vector<Reading>) { ++second; });
+    EXPECT_TRUE(eventually([&] { return second > 0; }, [&] { server.readings.Send({numbered(2)}); }));
+    EXPECT_EQ(first, 1);
+    EXPECT_FALSE(readings->Subscribe(nullptr));
+}
+
+TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
+    Lock lock;
+    std::atomic<int> calls{0};
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
+        ++calls;
+        lock.passThrough();
+    }));
+    server.readings.Send({numbered(1)});
+    server.readings.Send({numbered(2)});
+    ASSERT_TRUE(lock.waitForVisitor());
+    runtime.stop(50ms);
+    EXPECT_TRUE(log.hasPart(3, "A receive handler does not return"));
+    // The next life has a thread of its own, and the thread left behind ends with its handler.
+    ASSERT_TRUE(runtime.start(settingsFor(1), true));
+    lock.open();
+    EXPECT_TRUE(eventually([&] { return calls >= 2; }, [&] { server.readings.Send({numbered(3)}); }));
+}
+
+TEST_F(Handlers, MayEndTheMiddleware) {
+    std::atomic<bool> ended{false};
+    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
+        runtime.stop();
+        ended = true;
+    }));
+    server.readings.Send({numbered(1)});
+    EXPECT_TRUE(eventually([&] { return ended.load(); }));
+    EXPECT_FALSE(runtime.networkIsUp());
+}
+
+// Racing: two threads that subscribe and unsubscribe, one that sends, one that stops and starts the
+// middleware, and the middleware's own thread.
+TEST(HandlersUnderStress, NoneIsCalledAfterItsEnd) {
+    const LogCapture log{3};
+    someip::Runtime runtime;
+    ASSERT_TRUE(runtime.start(settingsFor(1), true));
+    MeterServer server(runtime);
+    server.base.OfferService();
+    const ac::com::ServiceHandle handle{kMeter.serviceId, 1, kMeter.majorVersion};
+    std::atomic<bool> over{false};
+    std::atomic<int> received{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            ac::com::ProxyBase proxy(kMeter, handle, runtime);
+            while (!over) {
+                auto alive = std::make_shared<std::atomic<bool>>(true);
+                ac::com::ProxyEvent<Reading> readings(proxy, kReadings);
+                readings.Subscribe([&received, alive](std::vector<Reading>) {
+                    EXPECT_TRUE(alive->load());
+                    ++received;
+                });
+                const auto before = received.load();
+                for (int wait = 0; wait < 200 && received == before; ++wait) {
+                    std::this_thread::sleep_for(100us);
+                }
+                readings.Unsubscribe();
+                *alive = false;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        while (!over) {
+            server.readings.Send({fullReading()});
+            std::this_thread::sleep_for(50us);
+        }
+    });
+    threads.emplace_back([&] {
+        for (int life = 0; life < 5; ++life) {
+            const auto before = received.load();
+            EXPECT_TRUE(eventually([&] { return received > before + 20; }));
+            life % 2 == 0 ? runtime.stop(20s) : runtime.abandon();
+            runtime.start(settingsFor(1), true);
+        }
+        over = true;
+    });
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GE(received, 100);
+}

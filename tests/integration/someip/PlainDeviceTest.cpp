@@ -1,0 +1,127 @@
+/// The client against a device that is made of plain sockets, honest or not.
+#include "Bench.h"
+
+using namespace vlmTest;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+namespace {
+
+struct DeviceTalk : ::testing::Test {
+    void SetUp() override {
+        ASSERT_TRUE(runtime.start(settingsFor(1), false));
+        client.proxy = std::make_unique<ac::com::ProxyBase>(
+            kMeter, ac::com::ServiceHandle{kMeter.serviceId, 1, kMeter.majorVersion}, runtime);
+        client.readings = std::make_unique<ac::com::ProxyEvent<Reading>>(*client.proxy, kReadings);
+        client.readings->Subscribe([this](std::vector<Reading> samples) { client.take(std::move(samples)); });
+        device = std::make_unique<PlainDevice>(2);
+    }
+    /// Offered, subscribed and acknowledged.
+    void settle() {
+        device->sendDiscovery(device->offer());
+        ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+        device->answer(subscription, from, 3);
+        ASSERT_TRUE(client.subscribed());
+        receiver = subscription.unicast.at(0);
+    }
+    void sendEvent(int number, std::uint16_t session) {
+        device->events->sendTo(receiver, device->notification(number, session), true);
+    }
+
+    LogCapture log{7};
+    someip::Runtime runtime;
+    MeterClient client{runtime};
+    std::unique_ptr<PlainDevice> device;
+    someip::SdEntry subscription;
+    someip::Endpoint from;
+    someip::Endpoint receiver;
+};
+
+}  // namespace
+
+TEST_F(DeviceTalk, AFindAnOfferASubscriptionAndItsEvents) {
+    someip::SdEntry find;
+    ASSERT_TRUE(device->await(someip::SdEntryType::Find, find, from));
+    EXPECT_EQ(find.instance, 1);
+    EXPECT_EQ(from, (someip::Endpoint{addressOf(1), discoveryPort()})) << "sent from the unicast socket";
+    settle();
+    EXPECT_EQ(subscription.eventgroup, kReadings.eventgroupId);
+    EXPECT_EQ(receiver, runtime.eventEndpoint());
+    sendEvent(1, 1);
+    sendEvent(2, 2);
+    ASSERT_TRUE(eventually([&] { return client.count() == 2; }));
+    EXPECT_THAT(client.numbers(), ElementsAre(1, 2));
+    runtime.stop();
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    EXPECT_EQ(subscription.ttl, 0u) << "says that it goes";
+}
+
+TEST_F(DeviceTalk, ANotificationFromAnyOtherEndpointIsNotTaken) {
+    settle();
+    PlainDevice stranger(3);
+    auto& wrongPeer = someip::counters().wrongPeer;
+    const auto before = wrongPeer.value();
+    stranger.events->sendTo(receiver, device->notification(66, 1), true);
+    device->discovery->sendTo(receiver, device->notification(67, 1), true);  // right address, wrong port
+    ASSERT_TRUE(eventually([&] { return wrongPeer.value() == before + 2; }));
+    sendEvent(1, 1);
+    ASSERT_TRUE(eventually([&] { return client.count() == 1; }));
+    EXPECT_THAT(client.numbers(), ElementsAre(1));
+}
+
+TEST_F(DeviceTalk, ServiceDiscoveryFromOutsideTheNetworkIsNotHeard) {
+    runtime.stop();
+    auto settings = settingsFor(1);
+    settings.network = addressText(1) + "/32";
+    ASSERT_TRUE(runtime.start(settings, false));
+    auto& foreign = someip::counters().sdForeign;
+    const auto before = foreign.value();
+    device->sendDiscovery(device->offer());
+    device->sendDiscovery(device->offer());
+    ASSERT_TRUE(eventually([&] { return foreign.value() >= before + 2; }));
+    EXPECT_TRUE(ac::com::findService(kMeter, "*", runtime).empty());
+    EXPECT_EQ(log.count(3, log.messages(3).at(0)), 1u);
+}
+
+TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
+    settle();
+    const auto good = device->notification(5, 1);
+    const auto broken = someip::counters().malformed.value();
+    const auto brokenDiscovery = someip::counters().sdMalformed.value();
+    for (std::size_t size = 0; size < good.size(); ++size) {
+        device->events->sendTo(receiver, {good.data(), size}, true);
+        device->discovery->sendTo(from, {good.data(), size}, true);
+    }
+    const std::vector<std::uint8_t> garbage(65507, 0xFF);
+    device->events->sendTo(receiver, garbage, true);
+    device->discovery->sendTo(from, garbage, true);
+    ASSERT_TRUE(eventually([&] {
+        return someip::counters().malformed.value() == broken + good.size() + 1 &&
+               someip::counters().sdMalformed.value() >= brokenDiscovery + good.size();
+    }));
+    EXPECT_TRUE(client.readings->subscribed());
+    sendEvent(1, 1);
+    ASSERT_TRUE(eventually([&] { return client.count() == 1; }));
+    EXPECT_LE(log.messages(3).size(), 1u) << "malformed discovery is told once";
+}
+
+TEST_F(DeviceTalk, ADeviceThatRestartsWithoutAWordIsSubscribedAnewAtItsFirstOffer) {
+    settle();
+    device->sendDiscovery(device->offer());
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from)) << "the renewal";
+    device = std::make_unique<PlainDevice>(4);  // occupies another endpoint, so that the next one differs
+    device = std::make_unique<PlainDevice>(2);
+    device->sendDiscovery(device->offer());
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    receiver = subscription.unicast.at(0);
+    sendEvent(1, 1);
+    ASSERT_TRUE(eventually([&] { return client.count() == 1; }));
+}
+
+TEST_F(DeviceTalk, EventsMayOvertakeTheAcknowledgement) {
+    device->sendDiscovery(device->offer());
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    receiver = subscription.unicast.at(0);
+    sendEvent(1, 1);
+    EXPECT_TRUE(eventually([&] { return client.count() == 1; }));
+}

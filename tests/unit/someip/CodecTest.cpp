@@ -1,0 +1,212 @@
+#include <gmock/gmock.h>
+
+#include "Reading.h"
+
+using namespace vlmTest;
+using ac::com::DecodeReport;
+using ac::com::DecodeResult;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+const std::string kTruncated =
+    "Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is possibly due to a "
+    "mismatch between the data models of sender and receiver.";
+
+Bytes lengthAnd(const Bytes& content) {
+    Bytes bytes;
+    someip::appendBig(bytes, static_cast<std::uint32_t>(content.size()));
+    bytes.insert(bytes.end(), content.begin(), content.end());
+    return bytes;
+}
+
+/// A payload with one structure.
+Bytes payloadOf(const Bytes& members) {
+    return lengthAnd(lengthAnd(members));
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+struct Decoded {
+    bool good;
+    std::vector<Reading> samples;
+    DecodeReport report;
+};
+
+Decoded decode(const Bytes& payload) {
+    // A buffer of exactly this size, so that the address sanitizer sees one byte too far.
+    const auto exact = std::make_unique<std::uint8_t[]>(payload.size());
+    std::copy(payload.begin(), payload.end(), exact.get());
+    Decoded out;
+    out.good = ac::com::decodeSamples(std::span<const std::uint8_t>(exact.get(), payload.size()), out.samples,
+                                      out.report);
+    return out;
+}
+
+const Bytes kU8 = {0x00, 0x01, 0x2A};
+const Bytes kU16 = {0x10, 0x02, 0x12, 0x34};
+const Bytes kU32 = {0x20, 0x03, 0x00, 0x00, 0x00, 0x01};
+const Bytes kF64 = {0x30, 0x04, 0x3F, 0xF0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+const Bytes kText = {0x50, 0x07, 0x06, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00};
+
+}  // namespace
+
+TEST(Codec, WritesTheBytesThatTheProtocolGives) {
+    Reading reading;
+    reading.small = 0x2A;
+    reading.medium = 0x1234;
+    reading.large = 1;
+    reading.precise = 1.0;
+    Bytes payload;
+    ac::com::encodeSamples(std::vector{reading}, payload);
+    EXPECT_EQ(payload, payloadOf(kU8 + kU16 + kU32 + kF64));
+
+    reading = {};
+    reading.text = "ab";
+    reading.quality = Quality::bad;
+    ac::com::encodeSamples(std::vector{reading}, payload);
+    EXPECT_EQ(payload, payloadOf(Bytes{0x10, 0x06, 0xFF, 0xFF} +
+                                 Bytes{0x70, 0x07, 0, 0, 0, 6, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00}));
+
+    ac::com::encodeSamples(std::vector<Reading>{{}, {}}, payload);
+    EXPECT_EQ(payload, (Bytes{0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0})) << "absent members have no tag";
+}
+
+TEST(Codec, ReadsWhatItWrites) {
+    Reading sparse;
+    sparse.flag = false;
+    sparse.text = "";
+    const std::vector samples{fullReading(), Reading{}, sparse};
+    Bytes payload;
+    ac::com::encodeSamples(samples, payload);
+    const auto decoded = decode(payload);
+    EXPECT_TRUE(decoded.good) << decoded.report.error;
+    EXPECT_EQ(decoded.samples, samples);
+    EXPECT_EQ(decoded.report.doubledMembers, 0u);
+}
+
+TEST(Codec, TakesMembersInAnyOrderAndTextsWithEveryWidthOfLength) {
+    const Bytes text1 = kText;
+    const Bytes text2 = {0x60, 0x07, 0, 6, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00};
+    const Bytes text4 = {0x70, 0x07, 0, 0, 0, 6, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00};
+    const Bytes textByConfiguration = {0x40, 0x07, 0, 0, 0, 6, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00};
+    for (const auto& text : {text1, text2, text4, textByConfiguration}) {
+        const auto decoded = decode(payloadOf(kF64 + text + kU8));
+        ASSERT_TRUE(decoded.good) << decoded.report.error;
+        ASSERT_THAT(decoded.samples, SizeIs(1));
+        EXPECT_EQ(decoded.samples[0].text, "ab");
+        EXPECT_EQ(decoded.samples[0].small, 0x2A);
+        EXPECT_EQ(decoded.samples[0].precise, 1.0);
+    }
+}
+
+TEST(Codec, SkipsUnknownMembersByTheirWireType) {
+    const std::vector<Bytes> skippable = {
+        {0x07, 0xFF, 0xAA},
+        {0x17, 0xFF, 0xAA, 0xBB},
+        {0x27, 0xFF, 1, 2, 3, 4},
+        {0x37, 0xFF, 1, 2, 3, 4, 5, 6, 7, 8},
+        {0x57, 0xFF, 2, 1, 2},
+        {0x67, 0xFF, 0, 2, 1, 2},
+        {0x77, 0xFF, 0, 0, 0, 2, 1, 2},
+        {0x57, 0xFF, 0},
+    };
+    for (const auto& unknown : skippable) {
+        const auto decoded = decode(payloadOf(kU8 + unknown + kU16));
+        ASSERT_TRUE(decoded.good) << decoded.report.error;
+        EXPECT_EQ(decoded.samples.at(0).medium, 0x1234);
+    }
+    const auto undecodable = decode(payloadOf(kU8 + Bytes{0x47, 0xFF, 0, 0, 0, 1, 1} + kU16));
+    EXPECT_FALSE(undecodable.good) << "the width of its length field is not known";
+    EXPECT_EQ(undecodable.report.result, DecodeResult::Malformed);
+    EXPECT_THAT(undecodable.report.error, HasSubstr("member 2047"));
+}
+
+TEST(Codec, TheFirstOfADoubledMemberCountsAndTheOthersAreCounted) {
+    const auto decoded = decode(payloadOf(kU8 + Bytes{0x00, 0x01, 0x2B} + kText +
+                                          Bytes{0x50, 0x07, 0x04, 0xEF, 0xBB, 0xBF, 0x00} + kU16));
+    ASSERT_TRUE(decoded.good) << decoded.report.error;
+    EXPECT_EQ(decoded.samples.at(0).small, 0x2A);
+    EXPECT_EQ(decoded.samples.at(0).text, "ab");
+    EXPECT_EQ(decoded.samples.at(0).medium, 0x1234);
+    EXPECT_EQ(decoded.report.doubledMembers, 2u);
+}
+
+TEST(Codec, AStructureThatEndsBeforeItsMembersDoIsTold) {
+    const Bytes whole = kU8 + kU16 + kU32 + kF64 + kText + Bytes{0x77, 0xFF, 0, 0, 0, 2, 1, 2};
+    // Where a member ends, the structure may end as well.
+    const std::set<std::size_t> ends = {0, 3, 7, 13, 23, 32};
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+        const auto decoded =
+            decode(payloadOf({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}));
+        EXPECT_EQ(decoded.good, ends.contains(size)) << size << " bytes";
+        if (!decoded.good) {
+            EXPECT_EQ(decoded.report.result, DecodeResult::Truncated) << size << " bytes";
+            EXPECT_EQ(decoded.report.error, kTruncated);
+            EXPECT_THAT(decoded.samples, IsEmpty());
+        }
+    }
+    // A structure in front that is good does not save the one behind it.
+    EXPECT_EQ(decode(lengthAnd(lengthAnd(kU8) + lengthAnd({0x00, 0x01}))).report.result,
+              DecodeResult::Truncated);
+}
+
+TEST(Codec, ADatagramCutAnywhereIsRefusedWithoutReadingBeyond) {
+    Bytes payload;
+    ac::com::encodeSamples(std::vector{fullReading(), fullReading()}, payload);
+    for (std::size_t size = 0; size < payload.size(); ++size) {
+        const auto decoded = decode({payload.begin(), payload.begin() + static_cast<std::ptrdiff_t>(size)});
+        EXPECT_FALSE(decoded.good) << size << " bytes";
+        EXPECT_THAT(decoded.samples, IsEmpty());
+    }
+    EXPECT_TRUE(decode(payload + Bytes{1, 2, 3}).good) << "what follows the array is ignored";
+}
+
+TEST(Codec, RefusesContradictions) {
+    struct Case {
+        const char* what;
+        Bytes payload;
+        DecodeResult result;
+    };
+    const Bytes twelve = {0x60, 0x05, 0x00, 0x17, 1, 2, 3};  // says 23, has 3
+    const std::vector<Case> cases = {
+        {"array longer than the message", {0, 0, 0, 5, 0, 0, 0, 0}, DecodeResult::Malformed},
+        {"array of 4 GiB", {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}, DecodeResult::Malformed},
+        {"structure of 4 GiB", lengthAnd({0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 2}), DecodeResult::Malformed},
+        {"structure longer than the array", lengthAnd({0, 0, 0, 4, 0, 1, 2}), DecodeResult::Malformed},
+        {"three bytes left in the array", lengthAnd(lengthAnd(kU8) + Bytes{0, 0, 0}),
+         DecodeResult::Malformed},
+        {"inner length", payloadOf(twelve), DecodeResult::Truncated},
+        {"inner length of 4 GiB", payloadOf({0x70, 0x07, 0xFF, 0xFF, 0xFF, 0xFF, 1}),
+         DecodeResult::Truncated},
+        {"one byte left over", payloadOf(kU8 + Bytes{0}), DecodeResult::Truncated},
+        {"reserved bit", payloadOf({0x80, 0x01, 0x2A}), DecodeResult::Malformed},
+        {"wrong wire type", payloadOf({0x10, 0x01, 0x00, 0x2A}), DecodeResult::Malformed},
+        {"scalar as complex", payloadOf({0x50, 0x01, 0x01, 0x2A}), DecodeResult::Malformed},
+        {"text as scalar", payloadOf({0x00, 0x07, 0x2A}), DecodeResult::Malformed},
+        {"text without mark", payloadOf({0x50, 0x07, 0x03, 'a', 'b', 0}), DecodeResult::Malformed},
+        {"text without end", payloadOf({0x50, 0x07, 0x05, 0xEF, 0xBB, 0xBF, 'a', 'b'}),
+         DecodeResult::Malformed},
+        {"text of nothing", payloadOf({0x50, 0x07, 0x00}), DecodeResult::Malformed},
+        {"doubled member of another type", payloadOf(kU8 + Bytes{0x10, 0x01, 0, 1}), DecodeResult::Malformed},
+    };
+    for (const auto& one : cases) {
+        const auto decoded = decode(one.payload);
+        EXPECT_FALSE(decoded.good) << one.what;
+        EXPECT_EQ(decoded.report.result, one.result) << one.what << ": " << decoded.report.error;
+        EXPECT_FALSE(decoded.report.error.empty()) << one.what;
+    }
+}
+
+TEST(Codec, AMessageFullOfEmptyStructuresIsBounded) {
+    const Bytes most(4 * ac::com::kMaxSamplesPerMessage, 0);
+    EXPECT_THAT(decode(lengthAnd(most)).samples, SizeIs(ac::com::kMaxSamplesPerMessage));
+    EXPECT_EQ(decode(lengthAnd(most + Bytes{0, 0, 0, 0})).report.result, DecodeResult::Malformed);
+}

@@ -1,0 +1,241 @@
+#include <gmock/gmock.h>
+
+#include "Reading.h"
+#include "someip/Counters.h"
+#include "someip/EventDispatcher.h"
+#include "tests/support/LogCapture.h"
+
+using namespace someip;
+using namespace vlmTest;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+const Endpoint kServer{0x7F000002, 40000};
+const Endpoint kStranger{0x7F000002, 40001};
+
+Bytes messageOf(const Bytes& payload, std::uint16_t session = 1) {
+    Header header;
+    header.service = kMeter.serviceId;
+    header.method = kReadings.eventId;
+    header.session = session;
+    header.interfaceVersion = kMeter.majorVersion;
+    header.length = static_cast<std::uint32_t>(8 + payload.size());
+    Bytes bytes(kHeaderSize);
+    writeHeader(header, bytes.data());
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
+
+Bytes payloadOf(std::uint8_t small) {
+    Reading reading;
+    reading.small = small;
+    Bytes payload;
+    ac::com::encodeSamples(std::vector{reading}, payload);
+    return payload;
+}
+
+struct Dispatching : ::testing::Test {
+    Dispatching() { dispatcher.setRoutes({{kServer, receiver(kReadings)}, {kServer, receiver(kReadings)}}); }
+
+    std::shared_ptr<EventReceiver> receiver(const ac::com::EventInterface& event) {
+        return std::make_shared<EventReceiver>(
+            kMeter, 1, event, [this](std::span<const std::uint8_t> payload, ac::com::DecodeReport& report) {
+                std::vector<Reading> samples;
+                if (ac::com::decodeSamples(payload, samples, report)) {
+                    for (const auto& sample : samples) {
+                        got.push_back(sample.small.value_or(0));
+                    }
+                }
+            });
+    }
+    void hear(const Bytes& datagram, const Endpoint& from = kServer) {
+        const auto exact = std::make_unique<std::uint8_t[]>(datagram.size());
+        std::copy(datagram.begin(), datagram.end(), exact.get());
+        dispatcher.onDatagram(from, {exact.get(), datagram.size()}, now);
+    }
+    /// How much a counter grows by hearing that.
+    std::uint64_t counted(kyo::Counter& counter, const Bytes& datagram, const Endpoint& from = kServer) {
+        const auto before = counter.value();
+        hear(datagram, from);
+        return counter.value() - before;
+    }
+
+    LogCapture log;
+    std::atomic<bool> stop{false};
+    EventDispatcher dispatcher{ReassemblyLimits{}, stop};
+    Clock::time_point now{1h};
+    std::vector<int> got;
+};
+
+}  // namespace
+
+TEST_F(Dispatching, HandsANotificationToEachReceiver) {
+    hear(messageOf(payloadOf(5)));
+    EXPECT_THAT(got, ElementsAre(5, 5));
+    stop = true;
+    hear(messageOf(payloadOf(6)));
+    EXPECT_THAT(got, ElementsAre(5, 5)) << "nothing is handed over after the end";
+}
+
+TEST_F(Dispatching, OneDatagramMayHoldSeveralMessages) {
+    dispatcher.setRoutes({{kServer, receiver(kReadings)}});
+    auto datagram = messageOf(payloadOf(1), 1);
+    for (std::uint8_t i = 2; i <= 3; ++i) {
+        const auto more = messageOf(payloadOf(i), i);
+        datagram.insert(datagram.end(), more.begin(), more.end());
+    }
+    EXPECT_EQ(counted(counters().malformed, datagram), 0u);
+    EXPECT_THAT(got, ElementsAre(1, 2, 3));
+    datagram.push_back(0);
+    EXPECT_EQ(counted(counters().malformed, datagram), 1u);
+    EXPECT_THAT(got, ElementsAre(1, 2, 3, 1, 2, 3)) << "what came before the broken end counts";
+}
+
+TEST_F(Dispatching, RefusesAndCountsWhatIsNotForIt) {
+    const auto good = messageOf(payloadOf(5));
+    const auto with = [&](std::size_t at, std::uint8_t value) {
+        auto changed = good;
+        changed.at(at) = value;
+        return changed;
+    };
+    EXPECT_EQ(counted(counters().wrongPeer, good, kStranger), 1u);
+    EXPECT_EQ(counted(counters().notSubscribed, with(3, 0x02)), 1u);
+    EXPECT_EQ(counted(counters().wrongVersion, with(12, 2)), 1u);
+    EXPECT_EQ(counted(counters().wrongVersion, with(13, 2)), 1u);
+    EXPECT_EQ(counted(counters().malformed, with(14, 0x00)), 1u);
+    EXPECT_EQ(counted(counters().malformed, with(14, 0x80)), 1u);
+    EXPECT_EQ(counted(counters().malformed, with(15, 1)), 1u);
+    EXPECT_EQ(counted(counters().malformed, with(7, 7)), 1u) << "a length below 8";
+    EXPECT_EQ(counted(counters().malformed, with(4, 0xFF)), 1u) << "a length of 4 GiB";
+    EXPECT_EQ(counted(counters().malformed, {}), 1u);
+    EXPECT_TRUE(got.empty());
+    EXPECT_TRUE(log.messages(3).empty()) << "a stranger cannot fill the log";
+}
+
+TEST_F(Dispatching, CutAnywhereADatagramIsCountedOnce) {
+    const auto good = messageOf(payloadOf(5));
+    for (std::size_t size = 1; size < good.size(); ++size) {
+        EXPECT_EQ(
+            counted(counters().malformed, {good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)}),
+            1u)
+            << size;
+    }
+    EXPECT_TRUE(got.empty());
+}
+
+TEST_F(Dispatching, ATruncatedStructureIsToldOnceWithItsEventAndTheSubscriptionLivesOn) {
+    dispatcher.setRoutes({{kServer, receiver(kReadings)}});
+    const Bytes truncated = {0, 0, 0, 6, 0, 0, 0, 2, 0x00, 0x01};
+    EXPECT_EQ(counted(counters().truncated, messageOf(truncated)), 1u);
+    EXPECT_EQ(counted(counters().truncated, messageOf(truncated)), 1u);
+    EXPECT_THAT(
+        log.messages(3),
+        ElementsAre("Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is "
+                    "possibly due to a mismatch between the data models of sender and receiver. (service "
+                    "Meter, event readings, from 127.0.0.2:40000)"));
+    hear(messageOf(payloadOf(5)));
+    EXPECT_THAT(got, ElementsAre(5));
+    EXPECT_EQ(counted(counters().malformed, messageOf({0, 0, 0, 9})), 1u);
+}
+
+TEST_F(Dispatching, AHandlerThatThrowsIsToldAndTheNextMessageComes) {
+    dispatcher.setRoutes(
+        {{kServer, std::make_shared<EventReceiver>(
+                       kMeter, 1, kReadings, [this](std::span<const std::uint8_t>, ac::com::DecodeReport&) {
+                           got.push_back(1);
+                           throw std::runtime_error("no room");
+                       })}});
+    EXPECT_EQ(counted(counters().handlerFailures, messageOf(payloadOf(5), 1)), 1u);
+    EXPECT_EQ(counted(counters().handlerFailures, messageOf(payloadOf(5), 2)), 1u);
+    EXPECT_THAT(got, ElementsAre(1, 1));
+    EXPECT_THAT(log.messages(3), ElementsAre(HasSubstr("no room (service Meter, event readings")));
+}
+
+TEST_F(Dispatching, CountsNumbersThatNeverCameAndThoseThatCameAgain) {
+    dispatcher.setRoutes({{kServer, receiver(kReadings)}});
+    const auto payload = payloadOf(1);
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 7)), 0u);
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 8)), 0u);
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 11)), 2u);
+    EXPECT_EQ(counted(counters().sessionRepeats, messageOf(payload, 11)), 1u);
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 10)), 0u) << "late, not lost twice";
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 0xFFFF)), 0u) << "older still";
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 1)), 0u) << "the sender has started anew";
+    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 0)), 0u) << "a sender that does not count";
+    EXPECT_EQ(got.size(), 8u) << "none is kept back";
+}
+
+TEST_F(Dispatching, JoinsSegmentsOfTheRightPeerOnly) {
+    dispatcher.setRoutes({{kServer, receiver(kReadings)}});
+    std::vector<Reading> samples(400);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        samples[i].small = static_cast<std::uint8_t>(i);
+    }
+    Bytes payload;
+    ac::com::encodeSamples(samples, payload);
+    Header header;
+    header.service = kMeter.serviceId;
+    header.method = kReadings.eventId;
+    header.session = 3;
+    header.interfaceVersion = kMeter.majorVersion;
+    std::vector<Bytes> datagrams;
+    segment(header, payload, [&](std::span<const std::uint8_t> datagram) {
+        datagrams.emplace_back(datagram.begin(), datagram.end());
+        return true;
+    });
+    ASSERT_EQ(datagrams.size(), 3u);
+    for (const auto& datagram : datagrams) {
+        EXPECT_EQ(counted(counters().wrongPeer, datagram, kStranger), 1u);
+    }
+    hear(datagrams[2]);
+    hear(datagrams[0]);
+    EXPECT_TRUE(got.empty());
+    hear(datagrams[1]);
+    EXPECT_EQ(got.size(), 400u);
+
+    header.session = 4;
+    datagrams.clear();
+    segment(header, payload, [&](std::span<const std::uint8_t> datagram) {
+        datagrams.emplace_back(datagram.begin(), datagram.end());
+        return true;
+    });
+    hear(datagrams[0]);
+    const auto before = counters().tpDropped.value();
+    now += 1s;
+    dispatcher.onTime(now);
+    EXPECT_EQ(counters().tpDropped.value(), before + 1);
+}
+
+TEST(RateLimits, TellTheFirstAndThenOncePerInterval) {
+    RateLimit limit(60s);
+    Clock::time_point now{1h};
+    EXPECT_EQ(limit.note(now), 0u);
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(limit.note(now + 59s), std::nullopt);
+    }
+    EXPECT_EQ(limit.note(now + 60s), 1000u);
+    EXPECT_EQ(limit.note(now + 120s), 0u);
+}
+
+TEST(Addresses, AreReadStrictly) {
+    Address address = 0;
+    Network network;
+    EXPECT_TRUE(parseAddress("127.0.0.1", address));
+    EXPECT_EQ(address, 0x7F000001u);
+    EXPECT_FALSE(parseAddress("127.0.1", address));
+    EXPECT_FALSE(parseAddress("localhost", address));
+    EXPECT_TRUE(parseNetwork("192.168.7.9/24", network));
+    EXPECT_TRUE(network.contains(0xC0A80701));
+    EXPECT_FALSE(network.contains(0xC0A80801));
+    EXPECT_TRUE(parseNetwork("10.0.0.1/0", network));
+    EXPECT_TRUE(network.contains(0x08080808));
+    for (const char* const wrong : {"10.0.0.0", "10.0.0.0/33", "10.0.0.0/", "10.0.0.0/8x", "/8"}) {
+        EXPECT_FALSE(parseNetwork(wrong, network)) << wrong;
+    }
+    EXPECT_EQ(toText(Endpoint{0xC0A80107, 80}), "192.168.1.7:80");
+}

@@ -1,0 +1,165 @@
+#include "someip/SdMessage.h"
+
+#include <gmock/gmock.h>
+
+#include "SdBench.h"
+
+using namespace someip;
+using namespace vlmTest;
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// An offer with two options, as an independent device writes it: configuration (unknown here) and endpoint.
+const Bytes kOffer = {
+    0xFF, 0xFF, 0x81, 0x00, 0x00, 0x00, 0x00, 0x3E, 0x00, 0x00, 0x00, 0x05, 0x01, 0x01,
+    0x02, 0x00,                                      // header
+    0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x10,  // flags, entries
+    0x01, 0x00, 0x00, 0x20, 0x11, 0x01, 0x00, 0x01, 0x01, 0x00, 0x00, 0x03, 0x00, 0x00,
+    0x00, 0x00,                                                                          // the offer
+    0x00, 0x00, 0x00, 0x1A,                                                              // options
+    0x00, 0x0B, 0x01, 0x00, 0x05, 'a',  '=',  'b',  'c',  'd',  0x00, 0x00, 0x00, 0x00,  // configuration
+    0x00, 0x09, 0x04, 0x00, 0x7F, 0x00, 0x00, 0x02, 0x00, 0x11, 0x9C, 0x40,              // endpoint
+};
+
+bool parse(const Bytes& bytes, SdMessage& message) {
+    MessageReader messages(bytes);
+    Header header;
+    std::span<const std::uint8_t> body;
+    std::string error;
+    return messages.next(header, body) && parseSdMessage(header, body, message, error);
+}
+
+Bytes with(std::size_t at, std::uint8_t value) {
+    Bytes bytes = kOffer;
+    bytes.at(at) = value;
+    return bytes;
+}
+
+}  // namespace
+
+TEST(SdMessages, ReadAnOfferOfAnIndependentDevice) {
+    SdMessage message;
+    ASSERT_TRUE(parse(kOffer, message));
+    EXPECT_EQ(message.session, 5);
+    EXPECT_TRUE(message.reboot);
+    EXPECT_TRUE(message.unicast);
+    ASSERT_THAT(message.entries, SizeIs(1));
+    const auto& entry = message.entries[0];
+    EXPECT_EQ(entry.type, SdEntryType::Offer);
+    EXPECT_EQ(entry.service, 0x1101);
+    EXPECT_EQ(entry.instance, 1);
+    EXPECT_EQ(entry.major, 1);
+    EXPECT_EQ(entry.ttl, 3u);
+    EXPECT_THAT(entry.unicast, ElementsAre(Endpoint{0x7F000002, 40000}));
+}
+
+TEST(SdMessages, CutAnywhereTheyAreRefused) {
+    for (std::size_t size = 0; size < kOffer.size(); ++size) {
+        Bytes cut(kOffer.begin(), kOffer.begin() + static_cast<std::ptrdiff_t>(size));
+        SdMessage message;
+        EXPECT_FALSE(parse(cut, message)) << size;
+        if (size >= 16) {
+            // The same with a header that agrees, so that the lengths inside are what is wrong.
+            storeBig(&cut[4], static_cast<std::uint32_t>(size - 8));
+            EXPECT_FALSE(parse(cut, message)) << size;
+        }
+    }
+}
+
+TEST(SdMessages, ContradictionsAreRefused) {
+    SdMessage message;
+    EXPECT_FALSE(parse(with(2, 0x80), message)) << "another method";
+    EXPECT_FALSE(parse(with(11, 0x00), message)) << "session 0";
+    EXPECT_FALSE(parse(with(12, 0x02), message)) << "protocol version";
+    EXPECT_FALSE(parse(with(13, 0x02), message)) << "interface version";
+    EXPECT_FALSE(parse(with(14, 0x00), message)) << "message type";
+    EXPECT_FALSE(parse(with(23, 0x0F), message)) << "length of entries is no multiple of 16";
+    EXPECT_FALSE(parse(with(23, 0x20), message)) << "entries longer than the message";
+    EXPECT_FALSE(parse(with(20, 0xFF), message)) << "entries of 4 GiB";
+    EXPECT_FALSE(parse(with(43, 0x1B), message)) << "options longer than the message";
+    EXPECT_FALSE(parse(with(43, 0x19), message)) << "options that cut their last one";
+    EXPECT_FALSE(parse(with(45, 0xFF), message)) << "an option longer than the options";
+    EXPECT_FALSE(parse(with(45, 0x00), message)) << "an option of nothing";
+    EXPECT_FALSE(parse(with(59, 0x08), message)) << "an IPv4 endpoint of eight bytes";
+    EXPECT_FALSE(parse(with(60, 0x06), message)) << "an IPv6 endpoint of nine bytes";
+    EXPECT_FALSE(parse(with(27, 0x30), message)) << "a run of options that ends behind them";
+    EXPECT_FALSE(parse(with(25, 0x02), message)) << "a run of options that starts behind them";
+}
+
+TEST(SdMessages, UnknownEntriesAndOptionsArePassedOver) {
+    SdMessage message;
+    EXPECT_TRUE(parse(with(24, 0x04), message)) << "an entry type that is not known";
+    EXPECT_THAT(message.entries, SizeIs(0));
+    EXPECT_TRUE(parse(with(46, 0x77), message)) << "an option type that is not known";
+    EXPECT_TRUE(parse(with(67, 0x06), message)) << "a TCP endpoint";
+    ASSERT_THAT(message.entries, SizeIs(1));
+    EXPECT_THAT(message.entries[0].unicast, SizeIs(0));
+}
+
+TEST(SdMessages, ManyEntriesAreSplitAndShareTheirOptions) {
+    SdOutbox outbox;
+    SdPeer peer({0x7F000002, 30490});
+    for (std::uint16_t group = 1; group <= 200; ++group) {
+        outbox.to(peer.endpoint).add(peer.subscribe(1, group));
+    }
+    const auto sent = readAgain(outbox.take());
+    ASSERT_THAT(sent, SizeIs(3));
+    std::uint16_t group = 0;
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_EQ(sent[i].message.session, i + 1);
+        for (const auto& entry : sent[i].message.entries) {
+            EXPECT_EQ(entry.eventgroup, ++group);
+            EXPECT_THAT(entry.unicast, ElementsAre(Endpoint{0x7F000002, 50000}));
+        }
+        EXPECT_EQ(sent[i].bytes.size(), 16 + 12 + 16 * sent[i].message.entries.size() + 12) << "one option";
+    }
+    EXPECT_EQ(group, 200);
+}
+
+TEST(SdMessages, AnEntryReadsAsItWasWritten) {
+    SdEntry entry;
+    entry.type = SdEntryType::SubscribeAck;
+    entry.service = 0xFEDC;
+    entry.instance = 0xBA98;
+    entry.major = 0x76;
+    entry.ttl = kTtlUntilReboot;
+    entry.counter = 0xF;
+    entry.eventgroup = 0xFFFE;
+    entry.multicast = {{0xEF000001, 12345}};
+    SdOutbox outbox;
+    outbox.multicast().add(entry);
+    const auto sent = readAgain(outbox.take());
+    const auto& read = sent.at(0).message.entries.at(0);
+    EXPECT_EQ(read.service, entry.service);
+    EXPECT_EQ(read.instance, entry.instance);
+    EXPECT_EQ(read.major, entry.major);
+    EXPECT_EQ(read.ttl, entry.ttl);
+    EXPECT_EQ(read.counter, entry.counter);
+    EXPECT_EQ(read.eventgroup, entry.eventgroup);
+    EXPECT_EQ(read.multicast, entry.multicast);
+    EXPECT_THAT(read.unicast, SizeIs(0));
+}
+
+TEST(SdMessages, AreNumberedPerRelationFrom1WithoutZero) {
+    SdOutbox outbox;
+    const Endpoint a{1, 1};
+    const Endpoint b{2, 1};
+    const auto next = [&](const Endpoint* to) {
+        (to != nullptr ? outbox.to(*to) : outbox.multicast()).add(SdEntry{});
+        return readAgain(outbox.take()).at(0).message;
+    };
+    EXPECT_EQ(next(nullptr).session, 1);
+    EXPECT_EQ(next(nullptr).session, 2);
+    EXPECT_EQ(next(&a).session, 1);
+    EXPECT_EQ(next(&b).session, 1);
+    for (unsigned i = 3; i <= 0xFFFF; ++i) {
+        ASSERT_TRUE(next(nullptr).reboot);
+    }
+    EXPECT_EQ(next(nullptr).session, 1);
+    EXPECT_FALSE(next(nullptr).reboot) << "the numbers have wrapped";
+    EXPECT_TRUE(next(&a).reboot) << "another relation";
+}

@@ -1,0 +1,212 @@
+#include "someip/Segmentation.h"
+
+#include <gmock/gmock.h>
+
+#include <numeric>
+
+using namespace someip;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::SizeIs;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes pattern(std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<std::uint8_t>(i * 7 + i / 256);
+    }
+    return bytes;
+}
+
+/// The contents of segments: what follows the 16 header bytes.
+std::vector<Bytes> contentsOf(const Bytes& payload) {
+    std::vector<Bytes> contents;
+    segment(Header{}, payload, [&](std::span<const std::uint8_t> datagram) {
+        contents.emplace_back(datagram.begin() + kHeaderSize, datagram.end());
+        return true;
+    });
+    return contents;
+}
+
+Bytes content(std::uint32_t offset, bool more, const Bytes& bytes) {
+    Bytes out(4);
+    SegmentHeader{offset, more}.write(out.data());
+    out.insert(out.end(), bytes.begin(), bytes.end());
+    return out;
+}
+
+struct Joining : ::testing::Test {
+    SegmentKey key(std::uint16_t session) const { return {{0x7F000002, 40000}, 0x4101, 0x8001, 0, session}; }
+    bool add(const Bytes& bytes, std::uint16_t session = 1) {
+        return reassembler.add(key(session), bytes, now, message);
+    }
+
+    ReassemblyLimits limits{1u << 20, 4u << 20, 8, 500ms};
+    Reassembler reassembler{limits};
+    Clock::time_point now{1h};
+    Bytes message;
+};
+
+}  // namespace
+
+TEST(Segmentation, CutsIntoMultiplesOf16AndARest) {
+    Header header;
+    header.service = 0x4101;
+    header.method = 0x8001;
+    header.session = 9;
+    std::vector<std::size_t> offsets;
+    std::vector<std::size_t> sizes;
+    const auto payload = pattern(5571);
+    segment(header, payload, [&](std::span<const std::uint8_t> datagram) {
+        MessageReader messages(datagram);
+        Header read;
+        std::span<const std::uint8_t> rest;
+        EXPECT_TRUE(messages.next(read, rest));
+        EXPECT_EQ(read.type, 0x22);
+        EXPECT_EQ(read.length, 8 + 4 + rest.size() - 4);
+        EXPECT_EQ(read.session, 9);
+        const auto word = SegmentHeader::read(rest.data());
+        EXPECT_EQ(word.more, word.offset != 348 * 16);
+        offsets.push_back(word.offset / 16);
+        sizes.push_back(rest.size() - 4);
+        return true;
+    });
+    EXPECT_THAT(offsets, ElementsAre(0, 87, 174, 261, 348));
+    EXPECT_THAT(sizes, ElementsAre(1392, 1392, 1392, 1392, 3));
+}
+
+TEST_F(Joining, TakesSegmentsInAnyOrder) {
+    const auto payload = pattern(5571);
+    auto contents = contentsOf(payload);
+    std::vector<std::size_t> order(contents.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::uint16_t session = 0;
+    do {
+        ++session;
+        for (std::size_t i = 0; i < order.size(); ++i) {
+            EXPECT_EQ(add(contents[order[i]], session), i + 1 == order.size());
+        }
+        EXPECT_EQ(message, payload);
+    } while (std::next_permutation(order.begin(), order.end()));
+    EXPECT_EQ(session, 120);
+    EXPECT_EQ(reassembler.openSets(), 0u);
+    EXPECT_EQ(reassembler.heldBytes(), 0u);
+    EXPECT_EQ(reassembler.dropped(), 0u);
+}
+
+TEST_F(Joining, PassesOverDoubledSegments) {
+    const auto payload = pattern(3000);
+    const auto contents = contentsOf(payload);
+    EXPECT_FALSE(add(contents[1]));
+    EXPECT_FALSE(add(contents[1]));
+    EXPECT_FALSE(add(contents[0]));
+    EXPECT_FALSE(add(contents[0]));
+    EXPECT_TRUE(add(contents[2]));
+    EXPECT_EQ(message, payload);
+    EXPECT_FALSE(add(contents[2])) << "late, and opens no new set";
+    EXPECT_EQ(reassembler.openSets(), 0u);
+    EXPECT_EQ(reassembler.dropped(), 0u);
+}
+
+TEST_F(Joining, AnOverlapOrAContradictionDropsTheSet) {
+    const Bytes a(32, 1);
+    const Bytes b(32, 2);
+    const std::vector<std::vector<Bytes>> cases = {
+        {content(0, true, a), content(0, true, b)},                          // other bytes
+        {content(0, true, a), content(16, true, a)},                         // half over the front
+        {content(64, true, a), content(48, true, a)},                        // half over the next
+        {content(64, true, a), content(80, true, a)},                        // half over the one before
+        {content(0, true, a), content(64, false, a), content(96, true, a)},  // behind the end
+        {content(64, true, a), content(32, false, a)},                       // an end before what is there
+        {content(64, false, a), content(128, false, a)},                     // two ends
+        {content(64, false, a), content(64, true, a)},                       // an end that is none
+        {content(0, true, Bytes(17, 1))},                                    // no multiple of 16
+    };
+    std::uint16_t session = 0;
+    for (const auto& one : cases) {
+        ++session;
+        const auto before = reassembler.dropped();
+        for (const auto& bytes : one) {
+            EXPECT_FALSE(add(bytes, session)) << "case " << session;
+        }
+        EXPECT_EQ(reassembler.dropped(), before + 1) << "case " << session;
+        EXPECT_EQ(reassembler.heldBytes(), 0u);
+        EXPECT_FALSE(add(content(0, true, a), session)) << "what still comes of it opens no new set";
+        EXPECT_EQ(reassembler.heldBytes(), 0u);
+        now += 1s;
+        reassembler.expire(now);
+        EXPECT_EQ(reassembler.dropped(), before + 1) << "dropped once";
+    }
+}
+
+TEST_F(Joining, AGapAtTheTimeOutDropsTheSet) {
+    const auto contents = contentsOf(pattern(5000));
+    add(contents[0]);
+    add(contents[2]);
+    EXPECT_EQ(reassembler.nextDeadline(), now + 500ms);
+    now += 499ms;
+    reassembler.expire(now);
+    EXPECT_EQ(reassembler.openSets(), 1u);
+    now += 1ms;
+    reassembler.expire(now);
+    EXPECT_EQ(reassembler.openSets(), 0u);
+    EXPECT_EQ(reassembler.heldBytes(), 0u);
+    EXPECT_EQ(reassembler.dropped(), 1u);
+    EXPECT_EQ(reassembler.nextDeadline(), Clock::time_point::max());
+}
+
+TEST_F(Joining, HoldsNoMoreThanItsCaps) {
+    // Sets: the oldest makes room.
+    for (std::uint16_t session = 1; session <= 9; ++session) {
+        add(content(0, true, Bytes(16, 1)), session);
+    }
+    EXPECT_EQ(reassembler.openSets(), 8u);
+    EXPECT_EQ(reassembler.dropped(), 1u);
+    EXPECT_TRUE(add(content(16, false, Bytes(1, 1)), 9));
+
+    // One message: an offset alone costs nothing, and is refused where it passes the cap.
+    reassembler.clear();
+    add(content((1u << 20) - 16, true, Bytes(16, 1)), 20);
+    EXPECT_LT(reassembler.heldBytes(), 1000u);
+    add(content(1u << 20, false, Bytes(1, 1)), 20);
+    EXPECT_EQ(reassembler.heldBytes(), 0u);
+
+    // All together.
+    Reassembler small({1u << 20, 4096, 8, 500ms});
+    for (std::uint16_t session = 1; session <= 8; ++session) {
+        small.add(key(session), content(0, true, Bytes(1392, 1)), now, message);
+        EXPECT_LE(small.heldBytes(), 4096u);
+    }
+    EXPECT_GE(small.dropped(), 1u);
+}
+
+TEST_F(Joining, KeepsSendersEventsAndSessionsApart) {
+    const auto payload = pattern(1500);
+    const auto contents = contentsOf(payload);
+    auto other = key(1);
+    ++other.sender.port;
+    EXPECT_FALSE(add(contents[0], 1));
+    EXPECT_FALSE(add(contents[1], 2));
+    EXPECT_FALSE(reassembler.add(other, contents[1], now, message));
+    EXPECT_TRUE(add(contents[1], 1));
+    EXPECT_EQ(message, payload);
+}
+
+TEST_F(Joining, ASenderThatDoesNotCountSessionsIsJoinedAgainAndAgain) {
+    const auto contents = contentsOf(pattern(1500));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(add(contents[0], 0));
+        EXPECT_TRUE(add(contents[1], 0));
+    }
+}
+
+TEST_F(Joining, NothingThatIsTooShortIsASegment) {
+    EXPECT_FALSE(add({}));
+    EXPECT_FALSE(add({0, 0, 0}));
+    EXPECT_FALSE(add({0, 0, 0, 0}));
+    EXPECT_EQ(reassembler.openSets(), 0u);
+    EXPECT_EQ(reassembler.dropped(), 3u);
+}
