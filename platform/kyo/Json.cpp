@@ -5,8 +5,8 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string_view>
 
 namespace kyo::Json {
@@ -228,8 +228,17 @@ bool Reader::parse(const std::string& text, Value& root, bool collectComments) {
 }
 
 bool Reader::parse(std::istream& stream, Value& root, bool collectComments) {
-    const std::string text(std::istreambuf_iterator<char>(stream), {});
-    return parse(text, root, collectComments);
+    // Not by istreambuf_iterator, which lets an exception through where the stream cannot be read (a folder).
+    std::ostringstream text;
+    if (stream.peek() != std::istream::traits_type::eof()) {
+        text << stream.rdbuf();
+    }
+    if (stream.bad() || text.bad()) {
+        root = Value();
+        m_errors = "it cannot be read";
+        return false;
+    }
+    return parse(text.str(), root, collectComments);
 }
 
 bool appendCompact(std::string& out, const Value& value) {

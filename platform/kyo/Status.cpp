@@ -1,5 +1,6 @@
 #include "kyo/Status.h"
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <memory>
@@ -25,26 +26,29 @@ Registry& registry() {
     return *instance;
 }
 
-/// Puts a value at its dotted name. Where another value stands in the way ("a" beside "a.b"), it goes under
-/// its whole name at the top.
+/// Puts a value at its dotted name. A name that is both a value and a group ("a" beside "a.b") keeps its
+/// value as the group's member "value".
 void place(Json::Value& root, const std::string& name, Json::Value value) {
     Json::Value* node = &root;
-    std::size_t from = 0;
-    for (auto dot = name.find('.'); dot != std::string::npos; dot = name.find('.', from)) {
-        Json::Value& next = (*node)[name.substr(from, dot - from)];
-        if (!next.isNull() && !next.isObject()) {
-            root[name] = std::move(value);
-            return;
+    for (std::size_t from = 0; from <= name.size();) {
+        const auto dot = std::min(name.find('.', from), name.size());
+        if (!node->isNull() && !node->isObject()) {
+            Json::Value group(Json::objectValue);
+            group["value"].swap(*node);
+            node->swap(group);
         }
-        node = &next;
+        node = &(*node)[name.substr(from, dot - from)];
         from = dot + 1;
     }
-    Json::Value& leaf = (*node)[name.substr(from)];
-    if (leaf.isObject()) {
-        root[name] = std::move(value);
-        return;
+    if (!node->isObject()) {
+        node->swap(value);
+    } else if (value.isObject()) {
+        for (auto member = value.begin(); member != value.end(); ++member) {
+            (*node)[member.name()] = *member;
+        }
+    } else {
+        (*node)["value"].swap(value);
     }
-    leaf = std::move(value);
 }
 
 Json::Value readGauge(const Gauge& gauge) {

@@ -256,13 +256,9 @@ Manifest load() {
     if (!stream) {
         refuse(file, std::strerror(errno));
     }
-    const std::string text(std::istreambuf_iterator<char>(stream), {});
-    if (stream.bad() || (text.empty() && !stream.eof())) {
-        refuse(file, "it cannot be read");
-    }
     Value document;
     kyo::Json::Reader reader;
-    if (!reader.parse(text, document, false)) {
+    if (!reader.parse(stream, document, false)) {
         refuse(file, reader.getFormattedErrorMessages());
     }
     std::string error;

@@ -1,0 +1,131 @@
+#include "kyo/LineQueue.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+#include "tests/support/Eventually.h"
+
+using kyo::LineQueue;
+using kyo::LogEntry;
+
+TEST(LineQueue, IsFullByLinesAndByBytesAndHasRoomAgainOnceDrained) {
+    LineQueue byLines(2, 1u << 20);
+    EXPECT_TRUE(byLines.push("a", 1));
+    EXPECT_TRUE(byLines.push("b", 2));
+    EXPECT_FALSE(byLines.push("c", 3));
+    std::vector<LogEntry> out;
+    byLines.drain(out);
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(out[1].text, "b");
+    EXPECT_EQ(out[1].level, 2);
+    EXPECT_GE(out[1].wallNs, out[0].wallNs - 3'600'000'000'000);
+    EXPECT_TRUE(byLines.push("d", 4));
+    byLines.drain(out);
+    ASSERT_EQ(out.size(), 1u);
+
+    LineQueue byBytes(1000, 2000);
+    EXPECT_TRUE(byBytes.push(std::string(1500, 'x'), 5));
+    EXPECT_FALSE(byBytes.push(std::string(1500, 'y'), 5));
+    EXPECT_TRUE(byBytes.push("z", 5));
+}
+
+TEST(LineQueue, WakesASleepingConsumerAndNoOther) {
+    LineQueue queue(10, 1u << 20);
+    pollfd wait{queue.wakeDescriptor(), POLLIN, 0};
+    EXPECT_TRUE(queue.push("nobody sleeps", 5));
+    EXPECT_EQ(::poll(&wait, 1, 0), 0);
+    EXPECT_FALSE(queue.prepareSleep());  // something waits: no sleep
+
+    std::vector<LogEntry> out;
+    queue.drain(out);
+    ASSERT_TRUE(queue.prepareSleep());
+    std::thread producer([&] { queue.push("wake up", 5); });
+    EXPECT_EQ(::poll(&wait, 1, 20'000), 1);
+    producer.join();
+    queue.finishSleep();
+    EXPECT_EQ(::poll(&wait, 1, 0), 0);
+}
+
+TEST(LineQueue, NothingIsLostOrDoubledBetweenManyProducersAndASleepyConsumer) {
+    constexpr int kProducers = 4;
+    constexpr int kEach = 3000;
+    LineQueue queue(kProducers * kEach, 64u << 20);
+    std::atomic<int> finished{0};
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_TRUE(queue.push(std::to_string(i), static_cast<std::uint8_t>(p)));
+            }
+            finished.fetch_add(1);
+            queue.wake();
+        });
+    }
+    std::vector<int> next(kProducers, 0);
+    std::vector<LogEntry> out;
+    const auto take = [&] {
+        queue.drain(out);
+        for (const LogEntry& entry : out) {
+            EXPECT_EQ(entry.text, std::to_string(next.at(entry.level)++));
+        }
+        return !out.empty();
+    };
+    while (finished.load() < kProducers) {
+        if (!take() && queue.prepareSleep()) {
+            pollfd wait{queue.wakeDescriptor(), POLLIN, 0};
+            ASSERT_EQ(::poll(&wait, 1, 20'000), 1) << "a wake-up was lost";
+            queue.finishSleep();
+        }
+    }
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    take();
+    EXPECT_EQ(next, std::vector<int>(kProducers, kEach));
+}
+
+namespace {
+
+LineQueue* g_interrupted = nullptr;
+std::atomic<int> g_handled{0};
+
+void logFromHandler(int) {
+    g_interrupted->push({}, 1);  // without a text: a handler must not allocate one
+    g_handled.fetch_add(1);
+}
+
+}  // namespace
+
+// The handler interrupts a thread that may hold the queue's lock; were it to wait for it, this test would
+// hang.
+TEST(LineQueue, AHandlerThatInterruptsALoggingThreadGivesUpItsLineRatherThanWait) {
+    LineQueue queue(1u << 20, 512u << 20);
+    g_interrupted = &queue;
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = logFromHandler;
+    ::sigaction(SIGUSR1, &action, &before);
+    std::atomic<bool> stop{false};
+    std::thread worker([&] {
+        while (!stop.load(std::memory_order_relaxed)) {
+            queue.push({}, 5);
+        }
+    });
+    std::vector<LogEntry> out;
+    int sent = 0;
+    const bool answered = vlmTest::eventually([&] { return g_handled.load() >= 300; },
+                                              [&] {
+                                                  ::pthread_kill(worker.native_handle(), SIGUSR1);
+                                                  ++sent;
+                                                  queue.drain(out);
+                                              });
+    stop.store(true);
+    worker.join();
+    ::sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_TRUE(answered) << g_handled.load() << " of " << sent;
+}

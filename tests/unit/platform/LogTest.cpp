@@ -1,0 +1,170 @@
+// Composing a line, and who gets it.
+#include "kyo/Log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kyo/LineText.h"
+
+using testing::ElementsAre;
+using testing::Pair;
+
+namespace {
+
+class Recorder : public kyo::ProductLogger {
+  public:
+    Recorder() { kyo::Log::setProductLogger(this); }
+    ~Recorder() override {
+        kyo::Log::setProductLogger(nullptr);
+        kyo::Log::setReportingLevel(0);
+    }
+    void logData(std::string message, kyo::LogLevel level) override {
+        const std::lock_guard<std::mutex> lock(m_guard);
+        lines.emplace_back(std::move(message), level);
+    }
+    std::vector<std::pair<std::string, int>> lines;
+
+  private:
+    std::mutex m_guard;
+};
+
+template <typename T>
+void expectAsStreams(T value) {
+    std::ostringstream expected;
+    expected << value;
+    kyo::LogStream stream;
+    stream << value;
+    EXPECT_EQ(stream.text(), expected.str());
+}
+
+void say(int level, const char* text) {
+    if (kyo::Log::enabled(level)) {
+        kyo::Log line;
+        line.get(level) << text;
+    }
+}
+
+}  // namespace
+
+TEST(Log, WritesValuesAsTheStandardStreamsDo) {
+    for (const double value :
+         {0.0, -0.0, 1.0, 0.1, 1.0 / 3, 123456.0, 1234567.0, 1e-5, 0.0001, 1e100, -2.5, HUGE_VAL}) {
+        expectAsStreams(value);
+    }
+    expectAsStreams(std::nan(""));
+    expectAsStreams(std::numeric_limits<std::int64_t>::min());
+    expectAsStreams(std::numeric_limits<std::uint64_t>::max());
+    expectAsStreams(true);
+    expectAsStreams('c');
+    expectAsStreams(1.5f);
+
+    kyo::LogStream stream;
+    enum class Kind : std::uint8_t { A = 7 };
+    kyo::Json::Value value(kyo::Json::objectValue);
+    value["a"] = 1.5;
+    stream << Kind::A << ' ' << std::string("s") << ' ' << value;
+    EXPECT_EQ(stream.text(), R"(7 s {"a":1.5})");
+}
+
+TEST(Log, ALineGoesToTheLoggerUpToTheReportingLevelAndNowhereBeforeOneIsSet) {
+    say(1, "before");
+    Recorder recorder;
+    say(3, "level still 0");
+    kyo::Log::setReportingLevel(5);
+    say(5, "five");
+    say(7, "seven");
+    {  // composed although its level is off: still goes nowhere
+        kyo::Log line;
+        line.get(6) << "six";
+    }
+    kyo::Log::setReportingLevel(9);
+    EXPECT_EQ(kyo::Log::getReportingLevel(), 7);  // the manifest's default cap
+    say(7, "seven");
+    EXPECT_THAT(recorder.lines, ElementsAre(Pair("five", 5), Pair("seven", 7)));
+    EXPECT_EQ(kyo::Log::getFileOutputLevel(), -1);
+}
+
+TEST(Log, ALineOfUsualLengthIsAllocatedOnceAndHandedOverWithoutACopy) {
+    struct Keeper : kyo::ProductLogger {
+        void logData(std::string message, kyo::LogLevel) override {
+            data = message.data();
+            text = std::move(message);
+        }
+        const char* data = nullptr;
+        std::string text;
+    } keeper;
+    kyo::Log::setProductLogger(&keeper);
+    kyo::Log::setReportingLevel(7);
+    const char* composed = nullptr;
+    {
+        kyo::Log line;
+        kyo::LogStream& stream = line.get(7);
+        composed = stream.text().data();
+        stream << "void vlmProd::Collector::update():88 " << 12 << " records, value " << 0.25
+               << std::string(150, '.');
+    }
+    kyo::Log::setProductLogger(nullptr);
+    EXPECT_EQ(keeper.data, composed);
+}
+
+TEST(Log, LinesOfManyThreadsStayWholeAndInOrderPerThread) {
+    Recorder recorder;
+    kyo::Log::setReportingLevel(7);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < 400; ++i) {
+                kyo::Log line;
+                line.get(5) << "thread " << t << " line " << i << " end";
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    ASSERT_EQ(recorder.lines.size(), 2400u);
+    std::vector<int> next(6, 0);
+    for (const auto& [line, level] : recorder.lines) {
+        int t = -1;
+        int i = -1;
+        char end[4] = {};
+        ASSERT_EQ(std::sscanf(line.c_str(), "thread %d line %d %3s", &t, &i, end), 3) << line;
+        ASSERT_STREQ(end, "end");
+        EXPECT_EQ(i, next.at(static_cast<std::size_t>(t))++) << line;
+    }
+}
+
+TEST(Log, AThrowingLoggerCostsItsLineOnly) {
+    struct Thrower : kyo::ProductLogger {
+        void logData(std::string, kyo::LogLevel) override { throw std::runtime_error("no"); }
+    } thrower;
+    kyo::Log::setProductLogger(&thrower);
+    kyo::Log::setReportingLevel(5);
+    EXPECT_NO_THROW(say(5, "text"));
+    kyo::Log::setProductLogger(nullptr);
+}
+
+TEST(LineText, ContentCanNeitherPassForALineOfItsOwnNorSteerATerminal) {
+    std::string out;
+    kyo::appendLine(out, "T", "INFO", "one\n2026-03-11 00:00:00.000 FATAL forged\n\x1B[2Jred\ttab\x7F\r");
+    EXPECT_EQ(out, "T INFO one\n    2026-03-11 00:00:00.000 FATAL forged\n    .[2Jred\ttab..\n");
+    out.clear();
+    kyo::appendLine(out, "T", "INFO", "M\xC3\xBCnchen\n\n");
+    EXPECT_EQ(out, "T INFO M\xC3\xBCnchen\n");
+}
+
+TEST(LineText, TheTimeHasMillisecondsAndMovesOn) {
+    kyo::ClockText clock;
+    const std::string first(clock.text(1'700'000'000'007'999'999));
+    EXPECT_EQ(first.substr(16), ":20.007") << first;
+    EXPECT_EQ(std::string(clock.text(1'700'000'000'999'000'000)).substr(16), ":20.999");
+    EXPECT_EQ(std::string(clock.text(1'700'000'001'000'000'000)).substr(16), ":21.000");
+}

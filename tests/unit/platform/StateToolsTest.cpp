@@ -1,0 +1,140 @@
+// vlm-state and vlm-status against a served socket.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+
+#include "ara/stm/StateServer.h"
+#include "kyo/Status.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/unit/platform/ChildProcess.h"
+#include "tools/state/StatusText.h"
+
+using testing::HasSubstr;
+using testing::Not;
+using vlmTest::readFile;
+
+namespace {
+
+class StateTools : public testing::Test {
+  protected:
+    void serve() {
+        m_server = std::make_unique<ara::stm::StateServer>(
+            m_folder.file("s"), [this](std::uint32_t id, const std::string& state) {
+                while (m_self.load() == nullptr) {
+                }
+                m_self.load()->confirm(id, state, state == "kBad" ? "generalError" : "success");
+            });
+        m_self = m_server.get();
+    }
+
+    int run(std::vector<std::string> command) {
+        const vlmTest::Descriptor out(vlmTest::openForWriting(m_folder.file("out")));
+        const vlmTest::Descriptor err(vlmTest::openForWriting(m_folder.file("err")));
+        command.insert(command.end(), {"--socket", m_folder.file("s")});
+        vlmTest::ChildProcess tool(command, {{"VLM_MACHINE_MANIFEST", ""}}, out, err);
+        return tool.wait();
+    }
+    std::string out() const { return readFile(m_folder.file("out")); }
+    std::string err() const { return readFile(m_folder.file("err")); }
+
+    vlmTest::TemporaryFolder m_folder;
+    std::unique_ptr<ara::stm::StateServer> m_server;
+    std::atomic<ara::stm::StateServer*> m_self{nullptr};
+};
+
+kyo::Json::Value snapshotOf(const std::string& text) {
+    kyo::Json::Value value;
+    kyo::Json::Reader reader;
+    EXPECT_TRUE(reader.parse(text, value)) << text;
+    return value;
+}
+
+}  // namespace
+
+TEST_F(StateTools, VlmStatePrintsTheConfirmationAndItsExitStatusTellsSuccess) {
+    serve();
+    EXPECT_EQ(run({VLM_STATE, "kPrepSD"}), 0) << err();
+    EXPECT_EQ(out(), "kPrepSD confirmed: success\n");
+    EXPECT_EQ(run({VLM_STATE, "kBad"}), 1);
+    EXPECT_EQ(out(), "kBad confirmed: generalError\n");
+    EXPECT_EQ(run({VLM_STATE, std::string(500, 'k')}), 1);
+    EXPECT_THAT(err(), HasSubstr("\"state\" must be a text"));
+    EXPECT_EQ(run({VLM_STATE}), 1);
+    EXPECT_THAT(err(), HasSubstr("Usage"));
+}
+
+TEST_F(StateTools, WhereNobodyServesBothSaySoWithAHintAndFail) {
+    for (const char* const tool : {VLM_STATE, VLM_STATUS}) {
+        EXPECT_EQ(run({tool, std::string(tool) == VLM_STATE ? "kOn" : "1"}), 1);
+        EXPECT_THAT(err(), HasSubstr("nobody answers at " + m_folder.file("s")));
+        EXPECT_THAT(err(), HasSubstr("Is vlmmaster running"));
+        EXPECT_EQ(out(), "");
+    }
+    EXPECT_EQ(run({VLM_STATUS, "soon"}), 1);
+    EXPECT_THAT(err(), HasSubstr("seconds are expected"));
+}
+
+TEST_F(StateTools, VlmStatusPrintsATableOrTheJsonAsItIs) {
+    serve();
+    kyo::Status::counter("tools.test.dropped").add(3);
+    ASSERT_EQ(run({VLM_STATUS}), 0) << err();
+    EXPECT_THAT(out(), HasSubstr("Lost, or not usable:\ntools.test.dropped  3\n"));
+    ASSERT_EQ(run({VLM_STATUS, "--json"}), 0) << err();
+    EXPECT_EQ(snapshotOf(out())["tools"]["test"]["dropped"].asInt(), 3);
+}
+
+TEST_F(StateTools, VlmStatusFollowsThroughARestart) {
+    const vlmTest::Descriptor out(vlmTest::openForWriting(m_folder.file("live")));
+    const vlmTest::ChildProcess tool({VLM_STATUS, "--follow", "0.05", "--socket", m_folder.file("s")}, {},
+                                     out);
+    const auto lines = [&](const std::string& start) {
+        int count = 0;
+        for (const std::string& line : vlmTest::linesOf(readFile(m_folder.file("live")))) {
+            count += line.rfind(start, 0) == 0 ? 1 : 0;
+        }
+        return count;
+    };
+    EXPECT_TRUE(vlmTest::eventually([&] { return lines("waiting for vlmmaster") == 1; }));
+    serve();
+    EXPECT_TRUE(vlmTest::eventually([&] { return lines("services 0/0") >= 2; }));
+    m_server.reset();
+    EXPECT_TRUE(vlmTest::eventually([&] { return lines("waiting for vlmmaster") == 2; }));
+    const int before = lines("services 0/0");
+    serve();
+    EXPECT_TRUE(vlmTest::eventually([&] { return lines("services 0/0") > before; }));
+}
+
+TEST(StatusText, TheLiveLineTellsTheEssentialsAndTheRateBetweenTwoLooks) {
+    const char* const kText = R"({"services":{"found":4,"configured":5},"events":{"subscribed":9},
+        "samples":{"received":%s},"records":{"waiting":12},"clock":{"nextTickMs":31400},
+        "reports":{"built":3,"sent":2,"waiting":1},"backend":{"open":true},
+        "queue":{"bus":{"dropped":1},"collector":{"input":{"dropped":2}}},"someip":{"tp":{"dropped":4}},
+        "records.expired":7,"log":{"dropped":{"console":0,"dlt":%s}}})";
+    const auto snapshot = [&](const char* samples, const char* dlt) {
+        char text[1000];
+        std::snprintf(text, sizeof text, kText, samples, dlt);
+        return snapshotOf(text);
+    };
+    tools::LiveLine line;
+    const std::chrono::steady_clock::time_point start{};
+    EXPECT_EQ(
+        line.next(snapshot("100", "0"), start),
+        "services 4/5, events 9 | samples 100, waiting 12 | tick in 31 s | reports 3, sent 2, waiting 1, "
+        "backend open | lost 7");
+    const std::string second = line.next(snapshot("350", "6"), start + std::chrono::seconds(2));
+    EXPECT_THAT(second, HasSubstr("samples 350 (125/s)"));
+    EXPECT_THAT(second, HasSubstr("lost 7, log lines dropped 6"));
+    EXPECT_THAT(line.next(snapshot("5", "6"), start + std::chrono::seconds(3)), HasSubstr("samples 5, "))
+        << "a restarted process has no rate yet";
+}
+
+TEST(StatusText, OddSnapshotsAreShownAndNeverThrow) {
+    for (const char* const text :
+         {"{}", R"({"samples":[1,2],"log":null,"backend":{"open":"x"},"a":{"b":{}}})", "[1]", "null"}) {
+        const kyo::Json::Value snapshot = snapshotOf(text);
+        EXPECT_THAT(tools::statusTable(snapshot), HasSubstr("Nothing was lost"));
+        EXPECT_THAT(tools::LiveLine().next(snapshot, {}), Not(testing::IsEmpty()));
+    }
+}

@@ -1,0 +1,85 @@
+#include "kyo/Status.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+using kyo::Status;
+using kyo::Json::Value;
+
+TEST(Status, TheSnapshotNestsDottedNamesAndReadsGaugesAsTheyAreNow) {
+    Status::counter("test.one.dropped").add(3);
+    Status::counter("test.one.dropped").add();
+    EXPECT_EQ(&Status::counter("test.one.dropped"), &Status::counter("test.one.dropped"));
+    std::atomic<int> level{7};
+    Status::gauge("test.level", [&] { return Value(0); });
+    Status::gauge("test.level", [&level] { return Value(level.load()); });
+    const Value first = Status::snapshot();
+    level = 8;
+    const Value second = Status::snapshot();
+    EXPECT_EQ(first["test"]["one"]["dropped"].asUInt64(), 4u);
+    EXPECT_EQ(first["test"]["level"].asInt(), 7);
+    EXPECT_EQ(second["test"]["level"].asInt(), 8);
+    Status::gauge("test.level", [] { return Value(); });  // no reference to this function's locals stays
+}
+
+TEST(Status, NamesThatMeetKeepBothValues) {
+    Status::counter("meet").add(1);
+    Status::counter("meet.inner").add(2);
+    Status::counter("other.inner").add(3);
+    Status::gauge("other", [] { return Value("text"); });
+    Status::counter("group.counted").add(4);
+    Status::gauge("group", [] {
+        Value members;
+        members["read"] = 5;
+        return members;
+    });
+    const Value snapshot = Status::snapshot();
+    EXPECT_EQ(snapshot["meet"]["value"].asInt(), 1);
+    EXPECT_EQ(snapshot["meet"]["inner"].asInt(), 2);
+    EXPECT_EQ(snapshot["other"]["value"].asString(), "text");
+    EXPECT_EQ(snapshot["other"]["inner"].asInt(), 3);
+    EXPECT_EQ(snapshot["group"]["counted"].asInt(), 4);
+    EXPECT_EQ(snapshot["group"]["read"].asInt(), 5);
+}
+
+TEST(Status, AGaugeMayThrowAndMayUseTheStatusItself) {
+    Status::gauge("bad.gauge", []() -> Value { throw std::runtime_error("no"); });
+    Status::gauge("self.gauge", [] {
+        return Value(static_cast<kyo::Json::UInt64>(Status::counter("self.count").value()));
+    });
+    const Value snapshot = Status::snapshot();
+    EXPECT_TRUE(snapshot["bad"]["gauge"].isNull());
+    EXPECT_EQ(snapshot["self"]["gauge"].asInt(), 0);
+}
+
+// Threads that count and register race with one that takes snapshots.
+TEST(Status, CountsAreExactWhileSnapshotsAreTaken) {
+    std::atomic<bool> stop{false};
+    std::thread watcher([&] {
+        while (!stop.load()) {
+            Status::snapshot();
+        }
+    });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t] {
+            kyo::Counter& shared = Status::counter("race.shared");
+            for (int i = 0; i < 2000; ++i) {
+                shared.add();
+                if (i % 100 == 0) {
+                    Status::counter("race.own" + std::to_string(t * 1000 + i)).add();
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    stop = true;
+    watcher.join();
+    EXPECT_EQ(Status::snapshot()["race"]["shared"].asInt(), 8000);
+}
