@@ -4,21 +4,23 @@ TABLES = ("SOMEIP_service_identifiers", "SOMEIP_method_event_identifiers", "SOME
           "SOMEIP_parameter_list", "SOMEIP_parameter_arrays", "SOMEIP_parameter_structs", "SOMEIP_parameter_enums",
           "SOMEIP_parameter_strings", "SOMEIP_parameter_base_types")
 
-_BASE_TYPES = {
-    "bool": ("uint8", 8), "uint8": ("uint8", 8), "uint16": ("uint16", 16), "uint32": ("uint32", 32),
-    "uint64": ("uint64", 64), "int8": ("int8", 8), "int16": ("int16", 16), "int32": ("int32", 32),
-    "int64": ("int64", 64), "float": ("float32", 32), "double": ("float64", 64),
-}
+# The dissector knows its types by name; others it leaves undecoded.
+_BASE_TYPES = ("uint8", "uint16", "uint32", "uint64", "int8", "int16", "int32", "int64", "float32", "float64")
 _BASE_TYPE_IDS = {name: number for number, name in enumerate(_BASE_TYPES, start=1)}
+_BASE_TYPE_IDS |= {"bool": _BASE_TYPE_IDS["uint8"], "float": _BASE_TYPE_IDS["float32"],
+                   "double": _BASE_TYPE_IDS["float64"]}
 _STRING_ID = 1
+# How the dissector numbers the kinds of data types.
+_BASIC, _STRING, _ARRAY, _STRUCT, _ENUM = 1, 2, 3, 4, 7
 _NOTIFICATION = 2
+_MOST_SAMPLES = 65535
 
 
 def tables(services):
     rows = {table: [] for table in TABLES}
-    for name, number in _BASE_TYPE_IDS.items():
-        kind, bits = _BASE_TYPES[name]
-        rows["SOMEIP_parameter_base_types"].append((_hex(number, 8), name, kind, "TRUE", bits, bits))
+    for name in _BASE_TYPES:
+        bits = name.lstrip("uintfloa")
+        rows["SOMEIP_parameter_base_types"].append((_hex(_BASE_TYPE_IDS[name], 8), name, name, "TRUE", bits, bits))
     rows["SOMEIP_parameter_strings"].append((_hex(_STRING_ID, 8), "string", "utf-8", "TRUE", 0, 32, "TRUE", 0))
     struct_id = enum_id = 0
     for service in services:
@@ -26,14 +28,14 @@ def tables(services):
         rows["SOMEIP_service_identifiers"].append((sid, service.name))
         enum_ids = {}
         for enumeration in service.enumerations:
-            # The dissector keeps enumerators as unsigned numbers: signed ones show as their number only.
-            if min(enumerator.value for enumerator in enumeration.enumerators) < 0:
+            # The dissector keeps enumerators as unsigned 32-bit numbers: others show as their number only.
+            if not all(0 <= enumerator.value <= 0xFFFFFFFF for enumerator in enumeration.enumerators):
                 continue
             enum_id += 1
             enum_ids[enumeration.name] = enum_id
             for enumerator in enumeration.enumerators:
                 rows["SOMEIP_parameter_enums"].append((
-                    _hex(enum_id, 8), f"{service.name}.{enumeration.name}", "basic",
+                    _hex(enum_id, 8), f"{service.name}.{enumeration.name}", _BASIC,
                     _hex(_BASE_TYPE_IDS[enumeration.base], 8), len(enumeration.enumerators),
                     _hex(enumerator.value, 1), enumerator.name))
         for event in service.events:
@@ -43,11 +45,11 @@ def tables(services):
             rows["SOMEIP_method_event_identifiers"].append((sid, eid, event.name))
             rows["SOMEIP_eventgroup_identifiers"].append((sid, _hex(event.eventgroup, 4), event.name))
             rows["SOMEIP_parameter_list"].append((
-                sid, eid, service.major_version, _hex(_NOTIFICATION, 1), "FALSE", 1, 0, "samples", "array",
+                sid, eid, service.major_version, _hex(_NOTIFICATION, 1), "FALSE", 1, 0, "samples", _ARRAY,
                 _hex(struct_id, 8), f"{service.ns}.{event.name.lower()}"))
             rows["SOMEIP_parameter_arrays"].append((
-                _hex(struct_id, 8), f"{name} samples", "struct", _hex(struct_id, 8), 1, 0, 0, 65535, 32, 0,
-                f"{service.ns}.{event.name.lower()}.samples"))
+                _hex(struct_id, 8), f"{name} samples", _STRUCT, _hex(struct_id, 8), 1,
+                f"{service.ns}.{event.name.lower()}.samples", 0, 0, _MOST_SAMPLES, 32, 0))
             for field in event.fields:
                 rows["SOMEIP_parameter_structs"].append((
                     _hex(struct_id, 8), event.data_type, 32, 0, "TRUE", len(event.fields), field.data_id, field.name,
@@ -57,10 +59,10 @@ def tables(services):
 
 def _data_type(field, enum_ids):
     if field.type in enum_ids:
-        return "enum", _hex(enum_ids[field.type], 8)
+        return _ENUM, _hex(enum_ids[field.type], 8)
     if field.scalar == "string":
-        return "string", _hex(_STRING_ID, 8)
-    return "basic", _hex(_BASE_TYPE_IDS[field.scalar], 8)
+        return _STRING, _hex(_STRING_ID, 8)
+    return _BASIC, _hex(_BASE_TYPE_IDS[field.scalar], 8)
 
 
 def _hex(number, digits):
