@@ -1,0 +1,174 @@
+// From a sample's record to the shipping queue in one process, over the real threads of the ingress queue,
+// the bus and report control. No middleware and no backend: the records come from resources, the reports are
+// taken out of the shipping queue.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <barrier>
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/JsonFields.h"
+#include "bus/PubSubService.h"
+#include "bus/Publisher.h"
+#include "collect/IngressQueue.h"
+#include "config/ConfigResponseHandler.h"
+#include "kyo/DateTime.h"
+#include "kyo/Status.h"
+#include "report/VlmDataSubmissionControl.h"
+#include "report/VlmReportControl.h"
+#include "services/Resource.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TestCatalog.h"
+
+namespace vlmProd {
+namespace {
+
+using kyo::Json::Value;
+using testing::SizeIs;
+using vlmTest::eventually;
+using vlmTest::LogCapture;
+
+const char* const kConfiguration = R"({
+    "CONFIG": [{"name": "bench", "version": "7"}],
+    "CLOCK": [{"name": "minute", "duration": 60000}],
+    "REPORT": [{"name": "trip", "application": "fleet", "from": ["fused", "latest"]},
+               {"name": "idle", "application": "fleet", "from": ["silent"]}],
+    "COLLECT": [
+        {"name": "fused", "serv": "GNSS", "res": "positions", "index": 1, "history": 60000, "on": "minute"},
+        {"name": "latest", "serv": "GNSS", "res": "positions", "index": 2, "on": "minute"},
+        {"name": "silent", "serv": "GNSS", "res": "positionsQuality", "index": 1, "on": "minute"}]})";
+
+Value recordOf(int type, int number) {
+    Value record;
+    record["timestamp"] = static_cast<kyo::Json::UInt64>(kyo::DateTime::getCurrentTimeMs());
+    record["serviceName"] = "GNSSProxy";
+    record["resName"] = "positions";
+    record["type"] = type;
+    record["number"] = number;
+    return record;
+}
+
+std::uint64_t count(const char* name) {
+    return kyo::Status::counter(name).value();
+}
+
+/// Empties the shipping queue and gives all reports that have passed through it so far, oldest first. Without
+/// a link a report that is taken out only shows in the log.
+std::vector<Value> takeReports(LogCapture& log) {
+    auto& shipping = *VlmDataSubmissionControl::getInstance();
+    std::vector<Value> reports;
+    while (shipping.waitingReports() > 0) {
+        shipping.processReportFromQueue();
+    }
+    const std::string prefix = "Processing the shipping queue = ";
+    for (const auto& message : log.messages(5)) {
+        if (message.starts_with(prefix)) {
+            reports.emplace_back();
+            kyo::Json::Reader().parse(message.substr(prefix.size()), reports.back());
+        }
+    }
+    return reports;
+}
+
+/// A tick of the clock, once the bus's and report control's threads sleep for the given time.
+void tick(LogCapture& log, std::size_t times) {
+    ASSERT_TRUE(log.waitFor("Going to wait mode in vlm pubsub service thread.", times));
+    ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Report queue.", times));
+    Message message;
+    EventPublisher().publishMessage(message);
+}
+
+TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
+    LogCapture log;
+    vlmTest::haveCatalog();
+    const std::string path = "/tmp/vlm-pipeline-" + std::to_string(getpid()) + ".json";
+    std::ofstream(path) << kConfiguration;
+    auto& setup = *ConfigResponseHandler::getInstance();
+    ASSERT_TRUE(setup.createConfigParserFromFile(path));
+    std::remove(path.c_str());
+    IngressQueue::getInstance()->start();
+    setup.createCollectorObjects();
+    PubSubService::getInstance().start();
+
+    Resource positions("positions");
+    positions.setSomeIPKey("type");
+    positions.setCollectorName("GNSSProxy", "positions", 1, "fused");
+    positions.setCollectorName("GNSSProxy", "positions", 2, "latest");
+
+    // Three middleware threads deliver at once; type 3 belongs to no collector.
+    constexpr int kThreads = 3;
+    constexpr int kRecords = 100;
+    std::barrier start(kThreads);
+    std::vector<std::thread> middleware;
+    for (int t = 0; t < kThreads; ++t) {
+        middleware.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (int i = 0; i < kRecords; ++i) {
+                positions.processData(recordOf(1, t * kRecords + i));
+            }
+            positions.processData(recordOf(2, t));
+            positions.processData(recordOf(3, t));
+        });
+    }
+    for (auto& thread : middleware) {
+        thread.join();
+    }
+    ASSERT_EQ(count("queue.ingress.dropped"), 0U);
+    constexpr std::uint64_t kKept = kThreads * (kRecords + 1);
+    const auto arrived = [] { return count("records.collected") + count("records.expired"); };
+    ASSERT_TRUE(
+        eventually([&] { return arrived() == kKept && count("records.withoutCollector") == kThreads; },
+                   [] { IngressQueue::getInstance()->SendWakeupSignal(); }));
+    EXPECT_EQ(log.count(3, "Collector name is not found, dropping the record"),
+              static_cast<std::size_t>(kThreads));
+
+    tick(log, 1);
+    ASSERT_TRUE(eventually([] { return VlmDataSubmissionControl::getInstance()->waitingReports() == 2; }));
+    std::vector<Value> reports = takeReports(log);
+    ASSERT_THAT(reports, SizeIs(2));
+    const Value& idle = reports[0];
+    EXPECT_EQ(idle["reportName"].asString(), "idle");
+    ASSERT_THAT(idle["signalCollections"], SizeIs(1));
+    EXPECT_TRUE(idle["signalCollections"][0]["samples"].isNull());
+    EXPECT_TRUE(idle["signalCollections"][0]["endOfHistory"].isInt64());
+    EXPECT_EQ(idle["signalCollections"][0]["serviceName"].asString(), "GNSS");
+
+    const Value& trip = reports[1];
+    EXPECT_EQ(trip["reportName"].asString(), "trip");
+    EXPECT_EQ(trip["configName"].asString(), "bench");
+    EXPECT_EQ(trip["functionId"].asString(), "TestCatalog");
+    EXPECT_EQ(trip["sequenceNumber"].asInt(), 1);
+    ASSERT_THAT(trip["signalCollections"], SizeIs(2)) << "one report holds the collections of the whole tick";
+    for (const Value& collection : trip["signalCollections"]) {
+        EXPECT_TRUE(collection["endOfHistory"].isString());
+        EXPECT_EQ(collection["serviceName"].asString(), "GNSSProxy");
+        EXPECT_EQ(collection["resourceName"].asString(), "positions");
+        EXPECT_EQ(collection["historyLength"].asUInt(), collection["samples"].size());
+        std::set<int> numbers;
+        for (const Value& sample : collection["samples"]) {
+            numbers.insert(sample["propertyValuePairs"]["number"].asInt());
+            EXPECT_THAT(sample["propertyValuePairs"], SizeIs(2)) << "type and number";
+        }
+        EXPECT_THAT(numbers,
+                    SizeIs(collection["collectName"].asString() == "fused" ? kThreads * kRecords : 1));
+    }
+
+    tick(log, 2);
+    ASSERT_TRUE(eventually([] { return VlmDataSubmissionControl::getInstance()->waitingReports() == 2; }));
+    reports = takeReports(log);
+    ASSERT_THAT(reports, SizeIs(4));
+    EXPECT_EQ(reports[3]["sequenceNumber"].asInt(), 2);
+    for (const Value& collection : reports[3]["signalCollections"]) {
+        EXPECT_TRUE(collection["samples"].isNull()) << "what a report has is not in the next one";
+    }
+    EXPECT_EQ(kyo::Status::snapshot()["records"]["waiting"].asInt64(), 0);
+}
+
+}  // namespace
+}  // namespace vlmProd
