@@ -78,7 +78,8 @@ void DriveModel::shortStep(double dt) {
         s.crashTime = 0;
         ++s.crashCounter;
         // What is left of the speed after the crush zone, and how long that takes.
-        const double change = std::max(std::abs(s.speed), s.impact == Impact::Rear ? 8.0 : 4.0) * 0.9;
+        const double byOther = s.impact == Impact::Rear ? 8.0 : s.impact == Impact::Front ? 0.0 : 4.0;
+        const double change = std::max(std::abs(s.speed), byOther) * 0.9;
         s.deltaVelocity = 3.6 * (s.impact == Impact::Front ? -change : change);
         s.crashSeverity = change < 3 ? 1 : change < 5 ? 2 : change < 12 ? 3 : 4;
         m_strike = 0.12;
@@ -242,8 +243,12 @@ void DriveModel::energy(double dt) {
     double force = 0;
     if (s.moving() && m_strike <= 0) {
         const double sign = s.speed < 0 ? -1 : 1;
-        force = Car::mass * (s.acceleration + gravity * slope + sign * gravity * Car::rollingResistance) +
-                sign * 0.5 * 1.2 * Car::airDrag * s.speed * s.speed;
+        // Cold air is denser and cold tyres are stiffer.
+        const double airDensity = 353 / (273 + std::clamp(c.outsideTemperature, -60.0, 60.0));
+        const double rolling =
+            Car::rollingResistance * std::clamp(1 + 0.006 * (20 - c.outsideTemperature), 0.9, 1.4);
+        force = Car::mass * (s.acceleration + gravity * slope + sign * gravity * rolling) +
+                sign * 0.5 * airDensity * Car::airDrag * s.speed * s.speed;
     }
     double mechanical = force * s.speed / 1000;  // kW at the wheels
     const double most = s.availablePower();
@@ -325,9 +330,10 @@ void DriveModel::temperatures(double dt) {
     // Cabin: heat pump against what the body loses.
     const bool climate = c.climate && s.highVoltageOn && (c.ignition || c.plugged);
     const double error = climate ? c.climateTarget - s.interiorTemperature : 0;
-    const double lost = 0.07 * (s.interiorTemperature - outside);  // kW
+    const double lost = 0.1 * (s.interiorTemperature - outside);  // kW
     const double heat = climate ? std::clamp(1.2 * error + lost, -7.0, 7.0) : 0;
-    s.climatePower = std::abs(heat) / 2.2 + (climate ? 0.12 : 0);
+    const double yield = std::clamp(2.0 + 0.035 * outside, 1.3, 2.3);  // of the heat pump
+    s.climatePower = std::abs(heat) / yield + (climate ? 0.12 : 0);
     double openings = 0;
     for (const bool open : c.doorOpen) {
         openings += open ? 0.4 : 0;
