@@ -1,8 +1,5 @@
 #include "kyo/orx/DirectoryTransport.h"
 
-#include <botan/base64.h>
-#include <botan/hash.h>
-#include <botan/hex.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,23 +7,19 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <cstring>
-#include <exception>
-#include <fstream>
-#include <iterator>
 #include <utility>
 #include <vector>
 
 #include "kyo/PlatformLog.h"
 #include "kyo/Status.h"
+#include "kyo/orx/ConfigurationFile.h"
 
 namespace kyo::orx {
 
 namespace {
 
 constexpr std::chrono::milliseconds kProbePeriod{1000};
-constexpr std::uintmax_t kLargestConfiguration = 64u << 20;
 
 class FileHandle {
   public:
@@ -251,28 +244,11 @@ void DirectoryTransport::noteSuccess() {
 }
 
 Json::Value DirectoryTransport::readConfiguration() const {
-    Json::Value answer(Json::arrayValue);
-    std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(m_configuration, error);
-    if (error || size > kLargestConfiguration) {
-        KYO_LOG(3, "Collector configuration " << m_configuration.string() << " cannot be read: "
-                                              << (error ? error.message() : "it is larger than 64 MiB"));
-        return answer;
+    std::string error;
+    Json::Value answer = readConfigurationAnswer(m_configuration, error);
+    if (!error.empty()) {
+        KYO_LOG(3, "Collector configuration " << error);
     }
-    std::ifstream file(m_configuration, std::ios::binary);
-    const std::string text(std::istreambuf_iterator<char>(file), {});
-    if (!file) {
-        KYO_LOG(3, "Collector configuration " << m_configuration.string() << " cannot be read");
-        return answer;
-    }
-    const std::vector<std::uint8_t> bytes(text.begin(), text.end());
-    const auto hash = Botan::HashFunction::create_or_throw("SHA-256");
-    const std::string digest = Botan::hex_encode(hash->process(bytes));
-    Json::Value record(Json::objectValue);
-    // Named after file and content, so that a report tells which version of the file it was made from.
-    record["recordId"] = m_configuration.filename().string() + '-' + digest.substr(0, 16);
-    record["recordBody"] = Botan::base64_encode(bytes);
-    answer.append(std::move(record));
     return answer;
 }
 

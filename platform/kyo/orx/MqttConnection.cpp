@@ -13,7 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <map>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -50,9 +50,17 @@ void initialiseLibrary() {
     });
 }
 
+/// A message from publish() until the broker confirms it. Kept here and not in the library, which aborts the
+/// process when a returning broker takes only packets smaller than one that it kept.
 struct Unconfirmed {
+    std::string topic;
+    std::string payload;
+    bool retain;
     MqttConnection::Kind kind;
-    std::size_t bytes;
+    int messageId;  ///< of the current connection; 0 before it was sent there
+
+    /// The largest that its packet can be: fixed header, lengths, identifier and properties beside the texts.
+    std::size_t bytes() const { return topic.size() + payload.size() + 16; }
 };
 
 struct ClientDeleter {
@@ -84,7 +92,10 @@ struct MqttConnection::State {
     int serve();
     void waitBeforeReconnect();
     void tellDown(const std::string& cause);
-    void giveUpUnconfirmed();
+    void giveUpLargest();
+    void sendUnconfirmed();
+    int hand(Unconfirmed& message);
+    void settle(const std::vector<Unconfirmed>& messages, int reason);
     std::string causeOf(int code, int systemError) const;
 
     // libmosquitto's callbacks, on the network thread.
@@ -105,10 +116,11 @@ struct MqttConnection::State {
 
     mutable std::mutex mutex;
     // Guarded by the mutex; the client is replaced by the network thread only, which may use it without.
-    Client client;
-    std::map<int, Unconfirmed> unconfirmed;
+    Client client;  ///< one for each connection
+    std::list<Unconfirmed> unconfirmed;
     std::size_t unconfirmedBytes = 0;
     std::size_t largestPacket = 0;  ///< the broker's limit; 0: none known
+    bool connected = false;
     bool running = false;
     std::condition_variable ended;
 
@@ -116,7 +128,6 @@ struct MqttConnection::State {
 
     // Network thread only.
     bool everConnected = false;
-    bool connected = false;
     bool tooLarge = false;  ///< the broker ended the connection because of a message's size
     int protocol = MQTT_PROTOCOL_V5;
     std::string libraryError;  ///< the library's own words about the last trouble
@@ -131,10 +142,6 @@ MqttConnection::MqttConnection(machine::MqttBackend settings, std::string client
     : m_state(std::make_shared<State>(std::move(settings), std::move(clientId), std::move(subscriptions),
                                       std::move(will), std::move(handlers))) {
     initialiseLibrary();
-    std::string error;
-    if (!m_state->makeClient(error)) {
-        m_state->tellDown(error);
-    }
 }
 
 MqttConnection::~MqttConnection() {
@@ -164,42 +171,36 @@ void MqttConnection::stop() {
 std::int32_t MqttConnection::publish(const std::string& topic, const std::string& payload, bool retain,
                                      Kind kind, std::string& error) {
     State& state = *m_state;
+    Unconfirmed message{topic, payload, retain, kind, 0};
     const std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.client) {
-        error = "the connection is not set up";
-        return kFailed;
-    }
-    if (state.unconfirmed.size() >= kMaxUnconfirmed ||
-        state.unconfirmedBytes + payload.size() > kMaxUnconfirmedBytes) {
-        error = std::to_string(state.unconfirmed.size()) + " messages with " +
-                std::to_string(state.unconfirmedBytes) + " bytes wait for the broker already";
-        return kQueueFull;
-    }
-    int messageId = 0;
-    const int result = mosquitto_publish(state.client.get(), &messageId, topic.c_str(),
-                                         static_cast<int>(payload.size()), payload.data(), kQos, retain);
-    if (result == MOSQ_ERR_OVERSIZE_PACKET) {
+    if (state.largestPacket != 0 && message.bytes() > state.largestPacket) {
         error = std::to_string(payload.size()) + " bytes do not fit into the broker's largest packet of " +
                 std::to_string(state.largestPacket);
         return kTooLarge;
     }
-    // Without a connection the library keeps the message, and sends it when there is one.
-    if (result != MOSQ_ERR_SUCCESS && result != MOSQ_ERR_NO_CONN) {
-        error = mosquitto_strerror(result);
-        return kFailed;
+    if (state.unconfirmed.size() >= kMaxUnconfirmed ||
+        state.unconfirmedBytes + message.bytes() > kMaxUnconfirmedBytes) {
+        error = std::to_string(state.unconfirmed.size()) + " messages with " +
+                std::to_string(state.unconfirmedBytes) + " bytes wait for the broker already";
+        return kQueueFull;
     }
-    constexpr std::size_t headers = 16;  // about what the packet has beside topic and payload
-    const std::size_t bytes = payload.size() + topic.size() + headers;
-    state.unconfirmed[messageId] = {kind, bytes};
-    state.unconfirmedBytes += bytes;
-    state.wake();
+    if (state.connected) {
+        const int result = state.hand(message);
+        if (result != MOSQ_ERR_SUCCESS) {
+            error = mosquitto_strerror(result);
+            return kFailed;
+        }
+        state.wake();
+    }
+    state.unconfirmedBytes += message.bytes();
+    state.unconfirmed.push_back(std::move(message));
     return 0;
 }
 
 bool MqttConnection::unconfirmed(Kind kind) const {
     const std::lock_guard<std::mutex> lock(m_state->mutex);
     return std::any_of(m_state->unconfirmed.begin(), m_state->unconfirmed.end(),
-                       [kind](const auto& entry) { return entry.second.kind == kind; });
+                       [kind](const Unconfirmed& message) { return message.kind == kind; });
 }
 
 bool MqttConnection::taken(int reason) {
@@ -310,21 +311,10 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     }
     std::uint32_t limit = 0;
     mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &limit, false);
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        largestPacket = limit;
-        tooLarge =
-            limit != 0 && std::any_of(unconfirmed.begin(), unconfirmed.end(),
-                                      [limit](const auto& entry) { return entry.second.bytes > limit; });
-    }
-    if (tooLarge || stopping) {
-        return;  // what waits would end this connection too: see giveUpUnconfirmed()
-    }
     if (everConnected) {
         reconnects.add();
     }
     everConnected = true;
-    connected = true;
     pause = {};
     toldCause.clear();
     libraryError.clear();
@@ -333,23 +323,72 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     for (const std::string& topic : subscriptions) {
         mosquitto_subscribe(client.get(), nullptr, topic.c_str(), kQos);
     }
-    handlers.connected();
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        largestPacket = limit;
+        connected = true;
+    }
+    sendUnconfirmed();
+    if (!stopping) {
+        handlers.connected();
+    }
+}
+
+/// Gives the library one message. Its code; a connection that is going down is no trouble, as what is
+/// unconfirmed is sent on the next one. The mutex must be held.
+int MqttConnection::State::hand(Unconfirmed& message) {
+    message.messageId = 0;
+    const int result = mosquitto_publish(client.get(), &message.messageId, message.topic.c_str(),
+                                         static_cast<int>(message.payload.size()), message.payload.data(),
+                                         kQos, message.retain);
+    return result == MOSQ_ERR_NO_CONN ? MOSQ_ERR_SUCCESS : result;
+}
+
+/// On a new connection: sends again, in order, what no earlier one got confirmed.
+void MqttConnection::State::sendUnconfirmed() {
+    std::vector<Unconfirmed> unfit;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (auto at = unconfirmed.begin(); at != unconfirmed.end();) {
+            const bool fits = largestPacket == 0 || at->bytes() <= largestPacket;
+            if (fits && hand(*at) == MOSQ_ERR_SUCCESS) {
+                ++at;
+                continue;
+            }
+            unconfirmedBytes -= at->bytes();
+            unfit.push_back(std::move(*at));
+            at = unconfirmed.erase(at);
+        }
+    }
+    if (!unfit.empty()) {
+        handlers.say(3, std::to_string(unfit.size()) + " unsent messages are given up, as " + broker() +
+                            " takes none of their size");
+        settle(unfit, MQTT_RC_PACKET_TOO_LARGE);
+    }
+}
+
+void MqttConnection::State::settle(const std::vector<Unconfirmed>& messages, int reason) {
+    for (const Unconfirmed& message : messages) {
+        if (!stopping) {
+            handlers.settled(message.kind, reason);
+        }
+    }
 }
 
 void MqttConnection::State::onPublish(int messageId, int reason) {
-    std::optional<Kind> kind;
+    std::vector<Unconfirmed> confirmed;
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        const auto found = unconfirmed.find(messageId);
+        const auto found =
+            std::find_if(unconfirmed.begin(), unconfirmed.end(),
+                         [messageId](const Unconfirmed& message) { return message.messageId == messageId; });
         if (found != unconfirmed.end()) {
-            kind = found->second.kind;
-            unconfirmedBytes -= found->second.bytes;
+            unconfirmedBytes -= found->bytes();
+            confirmed.push_back(std::move(*found));
             unconfirmed.erase(found);
         }
     }
-    if (kind && !stopping) {
-        handlers.settled(*kind, reason);
-    }
+    settle(confirmed, reason);
 }
 
 void MqttConnection::State::tellDown(const std::string& cause) {
@@ -371,29 +410,33 @@ std::string MqttConnection::State::causeOf(int code, int systemError) const {
     return cause;
 }
 
-/// What waits is larger than the broker takes: sending it would end every connection. A new client is the
-/// library's only way to forget it.
-void MqttConnection::State::giveUpUnconfirmed() {
-    std::map<int, Unconfirmed> given;
+/// The broker ended the connection because of a packet's size, without having told its limit before: sent
+/// again, the packet would end every connection.
+void MqttConnection::State::giveUpLargest() {
+    std::vector<Unconfirmed> unfit;
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        given.swap(unconfirmed);
-        unconfirmedBytes = 0;
-        client.reset();
+        const auto largest = std::max_element(
+            unconfirmed.begin(), unconfirmed.end(),
+            [](const Unconfirmed& a, const Unconfirmed& b) { return a.bytes() < b.bytes(); });
+        if (largest != unconfirmed.end()) {
+            unconfirmedBytes -= largest->bytes();
+            unfit.push_back(std::move(*largest));
+            unconfirmed.erase(largest);
+        }
     }
     tooLarge = false;
-    handlers.say(3, std::to_string(given.size()) + " unsent messages are given up, as " + broker() +
-                        " takes none of their size");
-    for (const auto& entry : given) {
-        handlers.settled(entry.second.kind, MQTT_RC_PACKET_TOO_LARGE);
+    for (const Unconfirmed& message : unfit) {
+        handlers.say(3, "a message of " + std::to_string(message.payload.size()) + " bytes is given up, as " +
+                            broker() + " refuses its size");
     }
+    settle(unfit, MQTT_RC_PACKET_TOO_LARGE);
 }
 
 int MqttConnection::State::connectOnce() {
     libraryError.clear();
     refusal.clear();
     errno = 0;
-    mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, protocol);
     return mosquitto_connect(client.get(), settings.host.c_str(), settings.port,
                              static_cast<int>(settings.keepAliveSeconds));
 }
@@ -407,10 +450,10 @@ int MqttConnection::State::serve() {
             if (!leaveAt) {
                 leaveAt = SteadyClock::now() + kDrainLimit;
             }
-            bool done = !connected || SteadyClock::now() >= *leaveAt;
-            if (!done) {
+            bool done = SteadyClock::now() >= *leaveAt;
+            {
                 const std::lock_guard<std::mutex> lock(mutex);
-                done = unconfirmed.empty();
+                done = done || !connected || unconfirmed.empty();
             }
             if (done) {
                 mosquitto_disconnect(client.get());
@@ -451,9 +494,6 @@ int MqttConnection::State::serve() {
             errno = 0;
             result = mosquitto_loop_misc(client.get());
         }
-        if (tooLarge) {
-            return MOSQ_ERR_OVERSIZE_PACKET;
-        }
     }
     return result;
 }
@@ -483,7 +523,7 @@ void MqttConnection::State::waitBeforeReconnect() {
 void MqttConnection::State::run() {
     while (!stopping) {
         std::string error;
-        if (!client && !makeClient(error)) {
+        if (!makeClient(error)) {
             tellDown(error);
             waitBeforeReconnect();
             continue;
@@ -495,21 +535,24 @@ void MqttConnection::State::run() {
             result = serve();
             systemError = errno;
         }
-        connected = false;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            connected = false;
+            client.reset();
+        }
         if (stopping) {
             break;
         }
-        if (tooLarge || result == MOSQ_ERR_OVERSIZE_PACKET) {
-            giveUpUnconfirmed();
-        } else if (protocol == triedProtocol) {
-            tellDown(causeOf(result, systemError));
-        } else {
+        if (protocol != triedProtocol) {
             continue;  // at once, with the older protocol
+        }
+        tellDown(causeOf(result, systemError));
+        if (tooLarge) {
+            giveUpLargest();
         }
         waitBeforeReconnect();
     }
     const std::lock_guard<std::mutex> lock(mutex);
-    client.reset();
     running = false;
     ended.notify_all();
 }

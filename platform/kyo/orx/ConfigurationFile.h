@@ -1,0 +1,14 @@
+#pragma once
+#include <filesystem>
+#include <string>
+
+#include "kyo/Json.h"
+
+namespace kyo::orx {
+
+/// The answer to a configuration request: an array with one record, {"recordId", "recordBody" as base64},
+/// made from a file. The record is named after file and content, so that a report tells from which version of
+/// the file it was made. An empty array with a cause in `error` when the file cannot be read.
+Json::Value readConfigurationAnswer(const std::filesystem::path& file, std::string& error);
+
+}  // namespace kyo::orx

@@ -1,0 +1,112 @@
+/// Brokers that no package offers: one that knows MQTT 3.1.1 only, and one that never answers.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kyo/orx/MqttTransport.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using kyo::orx::MqttTransport;
+using vlmTest::LogCapture;
+
+/// A socket that listens on a free port of the loopback, and what a test reads from who connects.
+class Listener {
+  public:
+    Listener() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        ::bind(m_socket, reinterpret_cast<sockaddr*>(&address), size);
+        ::listen(m_socket, 4);
+        ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
+        m_port = ntohs(address.sin_port);
+    }
+    ~Listener() { ::close(m_socket); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    std::uint16_t port() const { return m_port; }
+    /// The next connection, or -1 when none comes in time.
+    int accept() const { return readable(m_socket) ? ::accept(m_socket, nullptr, nullptr) : -1; }
+    /// What comes in one piece; empty when nothing comes in time.
+    static std::string receive(int connection) {
+        char buffer[4096];
+        const ssize_t got = readable(connection) ? ::recv(connection, buffer, sizeof buffer, 0) : 0;
+        return {buffer, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+    }
+
+  private:
+    static bool readable(int handle) {
+        pollfd wait{handle, POLLIN, 0};
+        return ::poll(&wait, 1, 20000) > 0;
+    }
+    const int m_socket;
+    std::uint16_t m_port = 0;
+};
+
+machine::MqttBackend settingsFor(const Listener& listener) {
+    machine::MqttBackend settings;
+    settings.port = listener.port();
+    settings.prefix = "test/old";
+    settings.reconnectMaxSeconds = 1;
+    return settings;
+}
+
+/// The protocol level in a CONNECT packet: behind the name "MQTT".
+int protocolLevel(const std::string& packet) {
+    const auto at = packet.find("MQTT");
+    return at == std::string::npos || packet[0] != 0x10 ? -1 : packet.at(at + 4);
+}
+
+TEST(OldBroker, gets_the_older_protocol_at_once_when_it_refuses_the_newer_one) {
+    LogCapture log;
+    const Listener listener;
+    MqttTransport transport(settingsFor(listener), {"Catalog 1", {}});
+    transport.start();
+
+    const int first = listener.accept();
+    ASSERT_GE(first, 0);
+    EXPECT_EQ(protocolLevel(Listener::receive(first)), 5);
+    const char refusal[] = {0x20, 2, 0, 1};
+    ASSERT_EQ(::send(first, refusal, sizeof refusal, 0), 4);
+
+    const int second = listener.accept();
+    ::close(first);
+    ASSERT_GE(second, 0);
+    EXPECT_EQ(protocolLevel(Listener::receive(second)), 4);
+    const char welcome[] = {0x20, 2, 0, 0};
+    ASSERT_EQ(::send(second, welcome, sizeof welcome, 0), 4);
+    EXPECT_TRUE(log.waitFor("connected to the broker"));
+    EXPECT_TRUE(log.hasPart(5, "does not speak MQTT 5; trying 3.1.1"));
+    std::string received;
+    while (received.find("\"state\":\"online\"") == std::string::npos) {
+        const std::string more = Listener::receive(second);
+        ASSERT_FALSE(more.empty());
+        received += more;
+    }
+    ::close(second);
+}
+
+TEST(SilentBroker, does_not_hold_up_the_end) {
+    const Listener listener;
+    auto transport =
+        std::make_unique<MqttTransport>(settingsFor(listener), kyo::orx::Presence{"Catalog 1", {}});
+    transport->start();
+    const int connection = listener.accept();
+    ASSERT_GE(connection, 0);
+    ASSERT_EQ(protocolLevel(Listener::receive(connection)), 5);
+    transport.reset();  // a time-out of the test program tells when this waits for the broker
+    ::close(connection);
+}
+
+}  // namespace

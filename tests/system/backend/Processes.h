@@ -1,0 +1,74 @@
+#pragma once
+/// Processes that a test starts and ends, each by its own id: a broker, the bench's backend, openssl.
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/TemporaryFolder.h"
+
+namespace vlmTest {
+
+/// A child process whose output goes to a file. Killed, if it still runs, when this object ends.
+class ChildProcess {
+  public:
+    /// `output` empty: to nowhere. Throws when the program cannot be started.
+    ChildProcess(const std::vector<std::string>& command, const std::string& output);
+    ~ChildProcess();
+    ChildProcess(ChildProcess&& other) noexcept : m_pid(std::exchange(other.m_pid, -1)) {}
+    ChildProcess& operator=(ChildProcess&&) = delete;
+
+    pid_t pid() const { return m_pid; }
+    void signal(int number) const;
+    /// Waits for its end. The exit status, or 128 and the signal's number.
+    int wait();
+
+  private:
+    pid_t m_pid;
+};
+
+/// Runs a program to its end; throws when it fails.
+void runProgram(const std::vector<std::string>& command);
+
+/// A TCP port of 127.0.0.1 that nobody had when this was called.
+std::uint16_t freePort();
+/// Waits until somebody listens there, or nobody does; false at the deadline.
+bool waitForListener(std::uint16_t port, bool listening = true);
+
+/// mosquitto on a port of its own, with further lines of configuration.
+class Broker {
+  public:
+    explicit Broker(std::uint16_t port, std::string configuration = "allow_anonymous true\n");
+    ~Broker() { stop(); }
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    void start();
+    /// Ends it at once, as a crash would.
+    void stop();
+    void restart(std::string configuration);
+    std::uint16_t port() const { return m_port; }
+
+  private:
+    const std::uint16_t m_port;
+    std::string m_configuration;
+    TemporaryFolder m_folder;
+    std::vector<ChildProcess> m_process;  ///< one, or none while it is stopped
+};
+
+/// Certificates made by openssl in a folder: authorities "ca" and "other-ca"; of the first "server" (for
+/// 127.0.0.1), "expired", "elsewhere" (for another host) and "client". Each has a .crt and a .key file.
+class Certificates {
+  public:
+    Certificates();
+    std::string file(const std::string& name) const { return m_folder.file(name); }
+    /// Broker lines for TLS with that certificate.
+    std::string brokerLines(const std::string& certificate) const;
+
+  private:
+    TemporaryFolder m_folder;
+};
+
+}  // namespace vlmTest

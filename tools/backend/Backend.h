@@ -1,0 +1,85 @@
+#pragma once
+/// What the bench's backend knows and decides. It owns no thread, no clock and no connection.
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kyo/Json.h"
+
+namespace vlmBackend {
+
+/// A "result" that is no answer at all.
+inline constexpr int kSilence = -1;
+
+struct Settings {
+    std::vector<std::string> permitted;  ///< data types; empty: those that a vehicle offers
+    std::vector<int> results{0};         ///< one for each envelope; the last one for all further ones
+    std::chrono::milliseconds answerAfter{0};
+    std::chrono::milliseconds reopenAfter{1000};  ///< from a result that is not 0 to the opening message
+    bool open = true;                             ///< whether the channel is open at the start
+    std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
+    std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
+};
+
+struct Outgoing {
+    std::string topic;
+    std::string payload;
+    std::chrono::milliseconds after{0};
+    std::optional<bool>
+        channel;  ///< a master-control message's channel state: void when that changed meanwhile
+};
+
+struct Totals {
+    std::uint64_t envelopes = 0;
+    std::uint64_t repeated = 0;
+    std::uint64_t samples = 0;
+    std::uint64_t bytes = 0;
+};
+
+/// Serves every vehicle whose topics it is given, each with a script of its own.
+class Backend {
+  public:
+    using Print = std::function<void(const std::string& line)>;
+
+    Backend(Settings settings, Print print);
+
+    /// A message on <prefix>/status, <prefix>/config/request or <prefix>/data. What is to be sent in answer.
+    std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload);
+    /// Opens or closes the channel to all vehicles that are online.
+    std::vector<Outgoing> setOpen(bool open);
+
+    bool isOpen() const { return m_settings.open; }
+    const Totals& totals() const { return m_totals; }
+
+  private:
+    struct Vehicle {
+        bool online = false;
+        std::vector<std::string> offered;
+        std::size_t answered = 0;  ///< envelopes so far: the place in the script
+        std::deque<std::string> recentIds;
+    };
+
+    Outgoing masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket);
+    std::vector<Outgoing> onStatus(const std::string& prefix, const kyo::Json::Value& status);
+    std::vector<Outgoing> onRequest(const std::string& prefix);
+    std::vector<Outgoing> onEnvelope(const std::string& prefix, const kyo::Json::Value& envelope,
+                                     std::size_t bytes);
+    bool storeEnvelope(const kyo::Json::Value& envelope);
+
+    Settings m_settings;
+    const Print m_print;
+    std::map<std::string, Vehicle> m_vehicles;  ///< by topic prefix
+    Totals m_totals;
+    int m_ticket = 0;
+};
+
+/// "0,0,1,2,0", with "-" for no answer. False when it is not such a list.
+bool readResults(const std::string& text, std::vector<int>& results);
+
+}  // namespace vlmBackend
