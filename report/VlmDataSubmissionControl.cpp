@@ -75,7 +75,9 @@ void VlmDataSubmissionControl::run() {
     startServer();
     while (!m_stop) {
         if (m_shippingQueue.size() > 0 && !m_sendNextData) {
-            // Set first: a quick result 0 clears it while the call below still runs.
+            // Set before the send, as a quick result 0 may clear it at once; and with the lock, so that a
+            // result that found the queue empty a moment ago does not clear it after this.
+            const std::lock_guard<std::recursive_mutex> sending(m_sendMutex);
             m_sendNextData = true;
             processReportFromQueue();
         }
@@ -93,7 +95,7 @@ void VlmDataSubmissionControl::run() {
 void VlmDataSubmissionControl::processReportFromQueue() {
     static kyo::Counter& discarded = kyo::Status::counter("reports.discarded");
     static kyo::Counter& sent = kyo::Status::counter("reports.sent");
-    const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+    const std::lock_guard<std::recursive_mutex> lock(m_sendMutex);
     std::string text;
     if (!m_shippingQueue.take(&text)) {
         VLM_LOG_PLAIN(5,
@@ -129,7 +131,7 @@ void VlmDataSubmissionControl::processReportFromQueue() {
 
 void VlmDataSubmissionControl::processLastReport() {
     static kyo::Counter& resent = kyo::Status::counter("reports.resent");
-    const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
+    const std::lock_guard<std::recursive_mutex> lock(m_sendMutex);
     if (!m_link) {
         VLM_LOG(3, "ORx Server is null.");
         return;

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -66,9 +67,9 @@ class VlmDataSubmissionControl : public kyo::Thread {
     std::shared_ptr<VlmServer> m_link;        ///< set once, before the thread starts
 
     std::atomic<std::uint64_t> m_waiting{0};
-    /// Held while a report is taken, sent and kept as the last one: the result of a quick backend, which
-    /// comes on another thread, finds that done.
-    kyo::Mutex m_sendMutex;
+    /// Held from deciding on a send until the report is kept as the last one: the result of a quick backend,
+    /// which comes on another thread, finds all that done. Recursive, as the thread decides before it sends.
+    std::recursive_mutex m_sendMutex;
 };
 
 }  // namespace vlmProd

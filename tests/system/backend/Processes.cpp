@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "tests/support/Eventually.h"
@@ -120,6 +122,14 @@ void Broker::restart(std::string configuration) {
     stop();
     m_configuration = std::move(configuration);
     start();
+}
+
+bool Broker::says(const std::string& part) const {
+    return eventually([&] {
+        std::ifstream file(m_folder.file("log"));
+        const std::string text((std::istreambuf_iterator<char>(file)), {});
+        return text.find(part) != std::string::npos;
+    });
 }
 
 Certificates::Certificates() {

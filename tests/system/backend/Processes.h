@@ -49,6 +49,8 @@ class Broker {
     /// Ends it at once, as a crash would.
     void stop();
     void restart(std::string configuration);
+    /// Waits until its log has that text; false at the deadline.
+    bool says(const std::string& part) const;
     std::uint16_t port() const { return m_port; }
 
   private:

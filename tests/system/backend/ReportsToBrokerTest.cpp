@@ -192,7 +192,9 @@ TEST_F(ReportsToBroker, loses_nothing_when_the_backend_was_killed_and_returns) {
     add("before");
     ASSERT_TRUE(awaitStored(1));
     ASSERT_TRUE(m_log.waitFor("Enabling to send data when inserted.", 2));
+    const std::string backendName = "vlm-backend-" + std::to_string(m_backend->pid());
     m_backend.reset();
+    ASSERT_TRUE(broker.says("Client " + backendName + " closed its connection"));
     for (int i = 0; i < 5; ++i) {
         add("alone " + std::to_string(i));
     }

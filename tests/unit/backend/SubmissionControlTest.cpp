@@ -282,8 +282,11 @@ TEST_F(SubmissionControl, loses_and_reorders_nothing_when_all_its_callers_race) 
     open();
     std::atomic<int> unanswered{0};
     std::atomic<bool> done{false};
+    std::atomic<bool> impatient{false};
     backend().answerSends([&](const kyo::Json::Value&) {
-        ++unanswered;
+        if (++unanswered > 1) {
+            impatient = true;
+        }
         return 0;
     });
     std::thread answers([&] {
@@ -311,6 +314,7 @@ TEST_F(SubmissionControl, loses_and_reorders_nothing_when_all_its_callers_race) 
     EXPECT_TRUE(sent(expected));
     done = true;
     answers.join();
+    EXPECT_FALSE(impatient) << "a report was sent before the result of the one before";
     std::map<std::string, int> last;
     for (const auto& envelope : backend().envelopes()) {
         const auto value = reportIn(envelope);
