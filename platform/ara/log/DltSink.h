@@ -3,6 +3,7 @@
 /// thread alone.
 #include <dlt/dlt.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -30,8 +31,9 @@ class DltSink {
 
     /// Queues the message; drops and counts it when the daemon is too far behind.
     void put(kyo::LogEntry&& entry);
-    /// Hands over what the daemon takes now, but no more than some hundred messages at a time.
-    void pump();
+    /// Hands over what the daemon takes now, but no more than some hundred messages at a time, and none once
+    /// `givingUp` is set.
+    void pump(const std::atomic<bool>& givingUp);
 
     bool pending() const { return !m_waiting.empty(); }
     /// True when the last pump() stopped for want of room: poll descriptor() for POLLOUT before the next.

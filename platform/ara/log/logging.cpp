@@ -35,6 +35,7 @@ constexpr std::size_t kQueueBytes = 8u << 20;
 constexpr std::size_t kBigBatch = 256;
 constexpr auto kGatherTime = milliseconds(1);
 constexpr auto kFlushLimit = milliseconds(600);
+constexpr auto kLetGoLimit = milliseconds(3000);
 constexpr auto kTellPeriod = std::chrono::minutes(1);
 constexpr auto kFirstTellDelay = std::chrono::seconds(1);
 
@@ -98,14 +99,14 @@ class Backend {
             std::this_thread::sleep_for(milliseconds(1));
         }
         m_running.store(false);
-        if (!m_ended.load()) {
-            // What the sinks have not taken by now is given up; the thread must let go of libdlt first.
-            m_givingUp.store(true);
-            m_queue.wake();
-            const auto last = Clock::now() + milliseconds(100);
-            while (!m_ended.load() && Clock::now() < last) {
-                std::this_thread::sleep_for(milliseconds(1));
-            }
+        // What the sinks have not taken by now is given up. The thread notices that at its next line, and
+        // must be out of libdlt before that library's own exit handler runs; only a starved machine takes
+        // this long.
+        m_givingUp.store(true);
+        m_queue.wake();
+        const auto last = Clock::now() + kLetGoLimit;
+        while (!m_ended.load() && Clock::now() < last) {
+            std::this_thread::sleep_for(milliseconds(1));
         }
     }
 
@@ -117,6 +118,9 @@ class Backend {
             const bool ending = m_ending.load();
             m_queue.drain(batch);
             for (kyo::LogEntry& entry : batch) {
+                if (m_givingUp.load(std::memory_order_relaxed)) {
+                    break;
+                }
                 if (m_console != nullptr) {
                     m_console->put(entry);
                 }
@@ -129,7 +133,7 @@ class Backend {
             }
             if (m_dlt != nullptr) {
                 watchDaemon();
-                m_dlt->pump();
+                m_dlt->pump(m_givingUp);
             }
             const bool pending =
                 (m_console != nullptr && m_console->pending()) || (m_dlt != nullptr && m_dlt->pending());

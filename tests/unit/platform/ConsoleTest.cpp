@@ -69,7 +69,7 @@ TEST(Console, LinesOfManyThreadsArriveWholeWithTimeAndLevelAlsoWhenTheProcessExi
         const Descriptor out(openForWriting(folder.file("out")));
         const Descriptor err(openForWriting(folder.file("err")));
         ChildProcess probe({LOG_PROBE, "lines", "6", "300"}, folder.environment(), out, err);
-        ASSERT_EQ(probe.wait(), 0);
+        ASSERT_EQ(probe.wait(), 0) << readFile(folder.file("err"));
     }
     EXPECT_EQ(countLines(readFile(folder.file("out"))), 1800);
     EXPECT_EQ(dropped(folder.status()), 0u);
@@ -81,7 +81,7 @@ TEST(Console, WithoutADaemonNothingIsSaidOnStandardErrorAndLevelsAreNamed) {
     const Descriptor err(openForWriting(folder.file("err")));
     ChildProcess probe({LOG_PROBE, "say", "detail", "@3", "an error\nof two lines"}, folder.environment(),
                        out, err);
-    ASSERT_EQ(probe.wait(), 0);
+    ASSERT_EQ(probe.wait(), 0) << readFile(folder.file("err"));
     const auto lines = linesOf(readFile(folder.file("out")));
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_THAT(lines[0], HasSubstr(" DEBUG   detail"));
@@ -99,7 +99,7 @@ TEST(Console, AReaderThatStallsCostsLinesWhichAreCountedButHoldsUpNobody) {
     Descriptor writer(ends[1]);
     const Descriptor err(openForWriting(folder.file("err")));
     ChildProcess probe({LOG_PROBE, "lines", "2", "30000", "120"}, folder.environment(), writer, err);
-    ASSERT_EQ(probe.wait(), 0);  // although nobody has read a byte
+    ASSERT_EQ(probe.wait(), 0) << readFile(folder.file("err"));  // although nobody has read a byte
     EXPECT_EQ(::fcntl(writer, F_GETFL) & O_NONBLOCK, 0)
         << "the pipe is shared: its flags are not ours to change";
     const auto lost = dropped(folder.status());

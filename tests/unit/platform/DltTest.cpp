@@ -210,7 +210,7 @@ TEST_F(Dlt, ADaemonThatStallsCostsMessagesWhichAreCountedWithoutALineOnStandardE
     const Descriptor err(openForWriting(m_folder.file("err")));
     m_daemon->send(SIGSTOP);
     ChildProcess probe({LOG_PROBE, "lines", "2", "40000", "200"}, environment(), out, err);
-    ASSERT_EQ(probe.wait(), 0);
+    ASSERT_EQ(probe.wait(), 0) << readFile(m_folder.file("err"));
     m_daemon->send(SIGCONT);
     kyo::Json::Value status;
     kyo::Json::Reader reader;
