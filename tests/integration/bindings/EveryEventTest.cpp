@@ -1,0 +1,336 @@
+/// Every event of every described service, from a skeleton through real sockets and the service's adapter to
+/// the record that enters the pipeline. Driven by the descriptions; the law table counts the result.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ac/com/runtime/component.h"
+#include "collect/IngressQueue.h"
+#include "kyo/Status.h"
+#include "qdr/services/described.h"
+#include "services/adapters/RegisteredAdapters.h"
+#include "services/adapters/ServiceAdapterBase.h"
+#include "tests/support/Eventually.h"
+#include "tests/unit/bindings/Law.h"
+
+namespace vlmProd {
+
+// The registry makes no adapter of these.
+std::shared_ptr<BaseServiceObject> makeVLMDisplaySpeed(std::string name);
+std::shared_ptr<BaseServiceObject> makeVLMParkAssist(std::string name);
+std::shared_ptr<BaseServiceObject> makeVLMPowertrain(std::string name);
+
+namespace {
+
+using kyo::Json::Value;
+using qdr::services::DescribedEvent;
+using qdr::services::DescribedService;
+using qdr::services::FieldInfo;
+using qdr::services::FieldValue;
+using qdr::services::FieldValues;
+using vlmTest::eventually;
+
+/// One sample and the record that must come of it, but for its time.
+struct Case {
+    std::string what;
+    FieldValues sample;
+    Value record;
+};
+
+/// A value that the field can have; a different one for each field of an event.
+FieldValue valueFor(const FieldInfo& field, std::size_t place) {
+    const std::string type = field.type;
+    if (!field.enumerators.empty()) {
+        return field.enumerators[place % field.enumerators.size()].value;
+    }
+    if (type == "bool") {
+        return place % 2 == 0;
+    }
+    if (type == "string") {
+        return "text " + std::to_string(place);
+    }
+    if (type == "float" || type == "double") {
+        return (field.hasRange ? field.minimum : 0) + 0.25 * static_cast<double>(place);
+    }
+    return static_cast<std::int64_t>(field.hasRange ? field.minimum : 0) +
+           static_cast<std::int64_t>(place % 2);
+}
+
+/// The form in which a record holds the value.
+Value inRecord(const FieldInfo& field, const FieldValue& value) {
+    const std::string type = field.type;
+    if (const auto* flag = std::get_if<bool>(&value)) {
+        return Value(*flag);
+    }
+    if (const auto* text = std::get_if<std::string>(&value)) {
+        return Value(*text);
+    }
+    if (const auto* real = std::get_if<double>(&value)) {
+        return Value(*real);
+    }
+    const std::int64_t number = std::get<std::int64_t>(value);
+    const bool isUnsigned = type[0] == 'u' || (!field.enumerators.empty() && number >= 0);
+    return isUnsigned ? Value(static_cast<kyo::Json::UInt64>(number))
+                      : Value(static_cast<kyo::Json::Int64>(number));
+}
+
+/// An event under test: what is sent and what must arrive.
+class EventUnderTest {
+  public:
+    EventUnderTest(DescribedEvent& event, std::string serviceName)
+        : m_event(event), m_serviceName(std::move(serviceName)) {
+        for (std::size_t place = 0; place < event.fields().size(); ++place) {
+            m_all[event.fields()[place].name] = valueFor(event.fields()[place], place);
+        }
+        for (const std::int64_t instance : instances()) {
+            const std::string text = std::to_string(instance);
+            add("all fields, " + keyName() + " " + text, with(instance), written(instance), instance);
+            add("nothing but " + keyName() + " " + text, {{keyName(), instance}}, {keyName()}, instance);
+        }
+        if (!event.key().empty()) {
+            add("a key without a writer", with(keyWithoutWriter()), {keyName()}, std::nullopt);
+        }
+        FieldValues keyless = m_all;
+        keyless.erase(keyName());
+        add("no key", keyless, event.key().empty() ? event.members() : std::vector<std::string>(),
+            std::nullopt);
+        add("nothing", {}, {}, std::nullopt);
+    }
+
+    DescribedEvent& event() const { return m_event; }
+    const std::string& serviceName() const { return m_serviceName; }
+    const std::vector<Case>& cases() const { return m_cases; }
+    std::vector<Value>& arrived() { return m_arrived; }
+
+    /// The member whose value a resource takes for the index.
+    std::string keyName() const {
+        return m_event.key().empty() ? m_event.fields().front().name : m_event.key();
+    }
+
+    /// The values of the key that a collector can ask for.
+    std::vector<std::int64_t> instances() const {
+        std::vector<std::int64_t> values;
+        for (const auto& [value, fields] : m_event.writers()) {
+            values.push_back(value);
+        }
+        if (m_event.key().empty()) {
+            const FieldInfo& first = m_event.fields().front();
+            for (const auto& enumerator : first.enumerators) {
+                values.push_back(enumerator.value);
+            }
+            for (double value = first.minimum; first.hasRange && value <= first.maximum; ++value) {
+                values.push_back(static_cast<std::int64_t>(value));
+            }
+        }
+        return values;
+    }
+
+    std::string collector(std::int64_t instance) const {
+        return "collector of " + m_event.name() + " " + std::to_string(instance);
+    }
+
+    bool send() {
+        std::vector<FieldValues> samples;
+        for (const Case& one : m_cases) {
+            samples.push_back(one.sample);
+        }
+        return m_event.send(samples);
+    }
+
+  private:
+    FieldValues with(std::int64_t keyValue) const {
+        FieldValues sample = m_all;
+        sample[keyName()] = keyValue;
+        return sample;
+    }
+
+    std::int64_t keyWithoutWriter() const {
+        std::int64_t value = 200;
+        while (m_event.writers().count(static_cast<int>(value)) != 0) {
+            --value;
+        }
+        return value;
+    }
+
+    std::vector<std::string> written(std::int64_t instance) const {
+        if (m_event.key().empty()) {
+            return m_event.members();
+        }
+        auto fields = m_event.writers().at(static_cast<int>(instance));
+        fields.push_back(m_event.key());
+        return fields;
+    }
+
+    void add(std::string what, FieldValues sample, const std::vector<std::string>& members,
+             std::optional<std::int64_t> instance) {
+        Value record(kyo::Json::objectValue);
+        record["serviceName"] = m_serviceName;
+        record["resName"] = m_event.name();
+        for (const FieldInfo& field : m_event.fields()) {
+            const auto value = sample.find(field.name);
+            const bool isWritten = std::find(members.begin(), members.end(), field.name) != members.end();
+            if (isWritten && value != sample.end()) {
+                record[field.name] = inRecord(field, value->second);
+            }
+        }
+        if (instance) {
+            record["collectorName"] = collector(*instance);
+            record["index"] = static_cast<kyo::Json::Int64>(*instance);
+        }
+        m_cases.push_back({std::move(what), std::move(sample), std::move(record)});
+    }
+
+    DescribedEvent& m_event;
+    const std::string m_serviceName;
+    FieldValues m_all;
+    std::vector<Case> m_cases;
+    std::vector<Value> m_arrived;
+};
+
+/// All services offered, all adapters connected and subscribed, everything sent once.
+class EveryEvent : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        // Never ended: the adapters' proxies live as long as the process.
+        new ac::com::runtime::Component_singleton(
+            true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
+        auto made = makeRegisteredAdapters();
+        made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
+        made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
+        made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));
+        for (auto& [name, adapter] : made) {
+            s_adapters[name] = std::dynamic_pointer_cast<ServiceAdapterBase>(adapter);
+            s_adapters[name]->setAttemptPause(std::chrono::milliseconds(20));
+        }
+        for (const std::string& name : qdr::services::describedServiceNames()) {
+            auto service = qdr::services::makeDescribedService(name);
+            const std::string key = service->registryKey().empty() ? name + "Proxy" : service->registryKey();
+            for (DescribedEvent* event : service->events()) {
+                s_events.push_back(std::make_unique<EventUnderTest>(*event, key));
+            }
+            ASSERT_TRUE(service->offer()) << name;
+            s_services.push_back(std::move(service));
+        }
+        connect();
+        sendAndCollect();
+    }
+
+    static void connect() {
+        for (auto& [name, adapter] : s_adapters) {
+            ASSERT_TRUE(eventually([adapter = adapter] { return adapter->initProxy(); })) << name;
+        }
+        for (const auto& one : s_events) {
+            const auto& adapter = s_adapters.at(one->serviceName());
+            const std::string& event = one->event().name();
+            adapter->createResourceObject({event});
+            adapter->setSomeIPKey(event, one->keyName());
+            for (const std::int64_t instance : one->instances()) {
+                adapter->setCollectorName(one->serviceName(), event, static_cast<int>(instance),
+                                          one->collector(instance));
+            }
+            ASSERT_TRUE(adapter->SubscribeResource(event)) << one->serviceName() << event;
+        }
+        for (const auto& one : s_events) {
+            ASSERT_TRUE(eventually([&] { return one->event().subscribers() == 1; }))
+                << one->serviceName() << " " << one->event().name();
+        }
+    }
+
+    /// One event after the other, so that no socket buffer has to hold all of them. The queue is read only
+    /// when all of an event's records are in it: a reader could make a producer give up.
+    static void sendAndCollect() {
+        auto& converted = kyo::Status::counter("samples.converted");
+        for (const auto& one : s_events) {
+            const auto goal = converted.value() + one->cases().size();
+            ASSERT_TRUE(one->send()) << one->event().error();
+            ASSERT_TRUE(eventually([&] { return converted.value() >= goal; }))
+                << one->serviceName() << " " << one->event().name();
+            TextedRecord record;
+            while (IngressQueue::getInstance()->takeRecord(&record)) {
+                one->arrived().push_back(record.value);
+            }
+        }
+    }
+
+    static std::map<std::string, std::shared_ptr<ServiceAdapterBase>> s_adapters;
+    static std::vector<std::unique_ptr<DescribedService>> s_services;
+    static std::vector<std::unique_ptr<EventUnderTest>> s_events;
+};
+
+std::map<std::string, std::shared_ptr<ServiceAdapterBase>> EveryEvent::s_adapters;
+std::vector<std::unique_ptr<DescribedService>> EveryEvent::s_services;
+std::vector<std::unique_ptr<EventUnderTest>> EveryEvent::s_events;
+
+TEST_F(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKey) {
+    for (const auto& one : s_events) {
+        SCOPED_TRACE(one->serviceName() + " " + one->event().name());
+        ASSERT_EQ(one->arrived().size(), one->cases().size());
+        for (std::size_t i = 0; i < one->cases().size(); ++i) {
+            Value record = one->arrived()[i];
+            EXPECT_EQ(record["timestamp"].type(), kyo::Json::uintValue);
+            EXPECT_GT(record["timestamp"].asUInt64(), 1'000'000'000'000u) << "milliseconds since 1970";
+            record.removeMember("timestamp");
+            EXPECT_EQ(record, one->cases()[i].record) << one->cases()[i].what;
+        }
+    }
+}
+
+TEST_F(EveryEvent, AddsTheMembersThatTheLawCounts) {
+    const auto law = vlmTest::lawfulEvents();
+    EXPECT_EQ(s_events.size(), law.size());
+    const std::set<std::string> common{"timestamp", "serviceName", "resName", "collectorName", "index"};
+    for (const auto& lawful : law) {
+        SCOPED_TRACE(lawful.adapter + " " + lawful.event);
+        const std::string serviceName =
+            lawful.registryKey == "-" ? lawful.adapter.substr(3) + "Proxy" : lawful.registryKey;
+        const auto found = std::find_if(s_events.begin(), s_events.end(), [&](const auto& one) {
+            return one->serviceName() == serviceName && one->event().name() == lawful.event;
+        });
+        ASSERT_NE(found, s_events.end());
+        std::set<std::string> added;
+        std::set<int> withFields;
+        for (const Value& record : (*found)->arrived()) {
+            for (const std::string& name : record.getMemberNames()) {
+                if (common.count(name) == 0 && name != lawful.key) {
+                    added.insert(name);
+                    withFields.insert(record.get("index", -1).asInt());
+                }
+            }
+        }
+        if (lawful.key == "-") {
+            EXPECT_EQ(added, std::set<std::string>(lawful.members.begin(), lawful.members.end()));
+        } else {
+            EXPECT_EQ(added.size(), lawful.memberCount);
+            EXPECT_EQ(withFields, std::set<int>(lawful.writers.begin(), lawful.writers.end()));
+        }
+    }
+}
+
+TEST_F(EveryEvent, ThreeSamplesOfOneNotificationKeepTheirOrder) {
+    const auto found = std::find_if(s_events.begin(), s_events.end(), [](const auto& one) {
+        return one->serviceName() == "GNSSProxy" && one->event().name() == "positions";
+    });
+    ASSERT_NE(found, s_events.end());
+    auto& converted = kyo::Status::counter("samples.converted");
+    const auto goal = converted.value() + 3;
+    std::vector<FieldValues> samples;
+    for (const std::int64_t counter : {7, 8, 9}) {
+        samples.push_back({{"type", std::string("fused")}, {"messageCounter", counter}});
+    }
+    ASSERT_TRUE((*found)->event().send(samples));
+    ASSERT_TRUE(eventually([&] { return converted.value() >= goal; }));
+    for (const unsigned int counter : {7u, 8u, 9u}) {
+        TextedRecord record;
+        ASSERT_TRUE(IngressQueue::getInstance()->takeRecord(&record));
+        EXPECT_EQ(record.value["messageCounter"].asUInt(), counter);
+    }
+}
+
+}  // namespace
+}  // namespace vlmProd
