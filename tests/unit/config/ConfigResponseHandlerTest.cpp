@@ -182,9 +182,9 @@ TEST_F(ConfigResponseHandlerTest, a_further_configuration_adds_to_what_is_there_
     EXPECT_TRUE(m_log.has(5, "CLOCK NAME = tock  And DURATION = 60000"));
     EXPECT_TRUE(m_log.has(3, "Collector c4 stays empty: the records of GNSSProxy|positions|1 go to c1"));
     EXPECT_FALSE(m_log.hasPart(5, "Pushing the service")) << "GNSS is in discovery already";
-    EXPECT_THAT(m_gnss->calls(),
-                ElementsAre("index positions 2 speed", "collector GNSSProxy positions 2 c3", "create times",
-                            "key times source", "index times 0 utc", "collector GNSSProxy times 0 c1"));
+    EXPECT_THAT(m_gnss->calls(), ElementsAre("create times", "key times source", "index times 0 utc",
+                                             "collector GNSSProxy times 0 c1", "index positions 2 speed",
+                                             "collector GNSSProxy positions 2 c3"));
     EXPECT_THAT(m_airbag->calls(), IsEmpty());
     EXPECT_THAT(m_handler.configuredResources(),
                 ElementsAre(testing::Pair("Airbag", ElementsAre("crashes")),

@@ -1,0 +1,313 @@
+#!/usr/bin/env python3
+"""Real vlmmaster processes: how they end, what they say first, and how they are stopped.
+
+VLMMASTER, VLM_CATALOG and WITH_CATALOG name the program, the generated catalog and tests/support/with-catalog;
+VLM_VEHICLE names vlm-vehicle, which gives them something to do.
+Each process has a folder, a state socket and a discovery port of its own.
+"""
+import json
+import os
+import queue
+import random
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+VLMMASTER = os.environ["VLMMASTER"]
+CATALOG = os.environ["VLM_CATALOG"]
+WITH_CATALOG = os.environ["WITH_CATALOG"]
+VLM_VEHICLE = os.environ.get("VLM_VEHICLE")
+
+MAIN = " int main(int, char**) "
+STATE = (" main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)> ")
+DEADLINE = 60  # for what must come; never reached on the good path
+STOP_LIMIT = 10  # a stop takes 2 s at most; a wait of the main loop that is not ended takes 30 s
+
+
+def free_udp_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Vlmmaster:
+    """A process with its output, line by line."""
+
+    def __init__(self, arguments, folder, catalog=CATALOG, before=None, address="127.0.0.1", port=None):
+        self.socket = os.path.join(folder, "state.sock")
+        manifest = os.path.join(folder, "manifest.json")
+        with open(manifest, "w") as file:
+            json.dump({"log": {"dlt": False},
+                       "state": {"socket": self.socket},
+                       "someip": {"address": address, "discovery": {"port": port or free_udp_port()}},
+                       "backend": {"directory": {"path": os.path.join(folder, "backend")}}}, file)
+        self.lines = []
+        self._incoming = queue.Queue()
+        self.process = subprocess.Popen(
+            [WITH_CATALOG, catalog, VLMMASTER, *arguments], cwd=folder, text=True, errors="replace",
+            env=dict(os.environ, VLM_MACHINE_MANIFEST=manifest), stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, preexec_fn=before)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            self._incoming.put(line.rstrip("\n"))
+        self._incoming.put(None)
+
+    def _next(self, deadline):
+        line = self._incoming.get(timeout=max(0.0, deadline - time.monotonic()))
+        if line is not None:
+            self.lines.append(line)
+        return line
+
+    def wait_for(self, text):
+        """The first line, among those not read yet, that contains the text."""
+        deadline = time.monotonic() + DEADLINE
+        try:
+            while (line := self._next(deadline)) is not None:
+                if text in line:
+                    return line
+        except queue.Empty:
+            pass
+        raise AssertionError(f"no line with {text!r} in:\n" + "\n".join(self.lines[-40:]))
+
+    def see(self, text):
+        """As wait_for(), among all lines."""
+        if not any(text in line for line in self.lines):
+            self.wait_for(text)
+
+    def end(self, limit=DEADLINE):
+        """The exit status, after all output was read."""
+        try:
+            status = self.process.wait(timeout=limit)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            raise AssertionError("does not end:\n" + "\n".join(self.lines[-40:]))
+        self._reader.join()
+        while self._next(time.monotonic() + DEADLINE) is not None:
+            pass
+        self.process.stdout.close()
+        return status
+
+    def stop(self, number=signal.SIGTERM):
+        self.process.send_signal(number)
+        return self.end(STOP_LIMIT)
+
+    def ask(self, request):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as channel:
+            channel.settimeout(DEADLINE)
+            channel.connect(self.socket)
+            channel.sendall((json.dumps(request) + "\n").encode())
+            with channel.makefile() as answers:
+                return json.loads(answers.readline())
+
+    def text(self):
+        return "\n".join(self.lines)
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.end()
+
+
+class ProcessTest(unittest.TestCase):
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory(prefix="vlm-process-")
+        self.addCleanup(temporary.cleanup)
+        self.folder = temporary.name
+        self.application = self.write("vlm.json", '{"OfferedDataTypes": ["a", "b"]}')
+        self.collector = self.write("collector.json", json.dumps({
+            "CONFIG": [{"name": "process", "version": "1"}],
+            "CLOCK": [{"name": "tick", "duration": 60000}],
+            "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
+            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
+
+    def write(self, name, content):
+        path = os.path.join(self.folder, name)
+        with open(path, "w") as file:
+            file.write(content)
+        return path
+
+    def start(self, *arguments, **options):
+        folder = tempfile.mkdtemp(dir=self.folder)
+        master = Vlmmaster(arguments, folder, **options)
+        self.addCleanup(master.kill)
+        return master
+
+    def assert_in_order(self, lines, expected):
+        remaining = iter(lines)
+        for text in expected:
+            self.assertTrue(any(text in line for line in remaining),
+                            f"{text!r} is missing, or out of order, in:\n" + "\n".join(lines[-60:]))
+
+
+class EndsOfStartUp(ProcessTest):
+    """Command lines and files that do not lead to the main loop."""
+
+    def check(self, arguments, status, expected, **options):
+        master = self.start(*arguments, **options)
+        self.assertEqual(master.end(), status, master.text())
+        self.assert_in_order(master.lines, expected)
+        return master
+
+    def test_help_is_printed_before_any_file_is_read(self):
+        master = self.check(["-h", "-c", "/absent.json"], 0, ["vlmmaster configuration file"], catalog="none")
+        for text in ("This is a vlmmaster program.", "-c, --configfile", "-l, --localFile", "Local Collector config file"):
+            self.assertIn(text, master.text())
+        self.assertNotIn("absent", master.text())
+
+    def test_without_an_application_configuration(self):
+        self.check(["-l", self.collector], 0, [
+            MAIN + "VLM Will start with local configuration " + self.collector,
+            "VLM Config::getInstance() ERROR: VLM Config not created yet!",
+            MAIN + "Unknown exception", MAIN + "Exiting from main"])
+
+    def test_with_an_option_that_does_not_exist(self):
+        self.check(["--none"], 0, ["none", MAIN + "Unknown exception", MAIN + "Exiting from main"])
+
+    def test_with_an_application_configuration_that_cannot_be_read(self):
+        for path in ("/absent.json", self.folder):
+            self.check(["-c", path], 0, ["VLM Config file path not valid", MAIN + "Unknown exception"])
+
+    def test_with_a_malformed_application_configuration(self):
+        broken = self.write("broken.json", '{\n"OfferedDataTypes": [')
+        self.check(["-c", broken], 250, [broken, "VLM config file parsing not successful, check format"])
+
+    def test_without_a_catalog(self):
+        self.check(["-c", self.application], 1, [MAIN + "VLM Config Object is created",
+                                                 MAIN + "Offered Data Types Size = 2",
+                                                 MAIN + "after creating component_client",
+                                                 "Catalog file path not valid."], catalog="none")
+
+    def test_with_a_malformed_catalog(self):
+        self.check(["-c", self.application], 250, ["catalog file parsing not successful, check format"],
+                   catalog=self.write("catalog.json", '{"meta": '))
+
+    def test_with_a_catalog_that_has_no_version(self):
+        self.check(["-c", self.application], 0, [
+            MAIN + "Successfully created the catalog file parser", "Server name from JSON catalog is empty",
+            MAIN + "Unknown exception", MAIN + "Exiting from main"], catalog=self.write("catalog.json", "{}"))
+
+    def test_with_an_instance_id_in_the_catalog_that_is_no_number(self):
+        catalog = self.write("catalog.json", json.dumps({
+            "meta": {"vlmVersion": "1"}, "services": {"GNSS": {"positions": {"instances": {"front": []}}}}}))
+        self.check(["-c", self.application], 0, ["services.GNSS.positions.instances.front",
+                                                 MAIN + "Unknown exception", MAIN + "Exiting from main"],
+                   catalog=catalog)
+
+
+class MainLoop(ProcessTest):
+    def test_start_up_keeps_its_order_and_a_stop_ends_it_in_order(self):
+        master = self.start("-c", self.application, "-l", self.collector)
+        master.wait_for(MAIN + "Sleeping for 30 secs")
+        self.assertEqual(master.stop(), 0, master.text())
+        self.assert_in_order(master.lines, [
+            MAIN + "VLM Config Object is created",
+            MAIN + "VLM Will start with local configuration " + self.collector,
+            MAIN + "Offered Data Types Size = 2",
+            MAIN + "after creating component_client",
+            MAIN + "Successfully created the catalog file parser",
+            MAIN + "Server name = ",
+            "Valid configuration file",
+            "COLLECT MAP FOUND, collectName = position",
+            "CLOCK NAME = tick  And DURATION = 60000",
+            "IAmAlive, call CheckpointReached, supervision id=6521, checkpoint id=6521",
+            MAIN + "Sleeping for 30 secs",
+            " void signal_handler(int32_t) SIGNAL HANDLER HAPPENED= 15",
+            MAIN + "Exiting from main"])
+
+    def test_wrong_types_among_the_offered_data_types_are_named_and_left_out(self):
+        application = self.write("odd.json", '{"OfferedDataTypes": ["a", ["b"], 3]}')
+        master = self.start("-c", application, "-l", self.collector)
+        master.wait_for("OfferedDataTypes[1]: a text is expected, found an array")
+        master.wait_for(MAIN + "Offered Data Types Size = 2")
+        master.wait_for(MAIN + "Sleeping for 30 secs")
+        self.assertEqual(master.stop(signal.SIGINT), 0, master.text())
+
+    def test_a_local_configuration_that_is_refused_leaves_the_process_living(self):
+        for content, reason in ((None, "it is empty or cannot be opened"),
+                                ('{"COLLECT": [{"name": "a", "index": "1"}]}', "COLLECT[0].index"),
+                                ("[[", "it was refused")):
+            local = os.path.join(self.folder, "absent.json") if content is None else self.write("local.json", content)
+            master = self.start("-c", self.application, "-l", local)
+            master.wait_for(reason)
+            master.wait_for("Create Config parser from failed FAILED")
+            master.see("Size of All services and Resources = 0")
+            master.see(MAIN + "Sleeping for 30 secs")
+            self.assertEqual(master.stop(signal.SIGABRT), 0, master.text())
+
+    def test_component_states_are_confirmed_whatever_they_are(self):
+        master = self.start("-c", self.application, "-l", self.collector)
+        master.wait_for(MAIN + "Sleeping for 30 secs")
+        for state, text in (("kPrepSD", "VLM Application is in kPrepSD state "),
+                            ("kOn", "VLM Application is in kOn state "),
+                            ("kNew", "VLM Application does not know the process state.")):
+            answer = master.ask({"request": "state", "state": state})
+            self.assertEqual(answer["state"], state)
+            for line in ("STATE = " + state, text, "Sent successful confirmation of change of state"):
+                master.wait_for(STATE + line)
+        self.assertEqual(master.stop(), 0, master.text())
+
+    def test_backend_mode_starts_the_link_and_ends_on_a_stop(self):
+        master = self.start("-c", self.application)
+        master.wait_for(MAIN + "Sleeping for 30 secs")
+        self.assertEqual(master.stop(), 0, master.text())
+        self.assertNotIn("Size of All services and Resources", master.text())
+
+
+class Stops(ProcessTest):
+    """A stop at any moment ends the process with status 0, and soon."""
+
+    def test_that_came_before_the_program_began_is_kept_for_the_main_loop(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            blocked = lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [number])
+            master = self.start("-c", self.application, "-l", self.collector, before=blocked)
+            master.process.send_signal(number)
+            self.assertEqual(master.end(), 0, master.text())
+            self.assert_in_order(master.lines, [MAIN + "Sleeping for 30 secs",
+                                                f"SIGNAL HANDLER HAPPENED= {number.value}", MAIN + "Exiting from main"])
+
+    def test_at_random_moments_of_start_up_and_of_the_first_work(self):
+        chance = random.Random(7)
+        for turn in range(12):
+            mode = ["-l", self.collector] if turn % 2 else []
+            master = self.start("-c", self.application, *mode)
+            master.wait_for("VLM configfile=")
+            time.sleep(chance.uniform(0, 0.4))  # the moment is what varies; nothing is waited for
+            self.assertEqual(master.stop(), 0, master.text())
+            self.assertIn(MAIN + "Exiting from main", master.text())
+
+    def test_under_a_flood_of_further_stops(self):
+        master = self.start("-c", self.application, "-l", self.collector)
+        master.wait_for(MAIN + "Sleeping for 30 secs")
+        until = time.monotonic() + STOP_LIMIT
+        while master.process.poll() is None and time.monotonic() < until:
+            master.process.send_signal(signal.SIGTERM)
+            master.process.send_signal(signal.SIGINT)
+        self.assertEqual(master.end(STOP_LIMIT), 0, master.text())
+
+    # Middleware, ingress, dispatch, bus and subscription threads are all at work when main returns.
+    @unittest.skipUnless(VLM_VEHICLE, "no VLM_VEHICLE")
+    def test_while_samples_stream_in(self):
+        port = free_udp_port()
+        vehicle = subprocess.Popen([VLM_VEHICLE, "--services", "GNSS", "--period-ms", "2", "--discovery-port", str(port)],
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(vehicle.wait)
+        self.addCleanup(vehicle.kill)
+        masters = [self.start("-c", self.application, "-l", self.collector, address=f"127.0.0.{part}", port=port)
+                   for part in (21, 22, 23)]
+        for master in masters:
+            for _ in range(20):
+                master.wait_for("Inserting record into collector object")
+            self.assertEqual(master.stop(), 0, master.text()[-4000:])
+            self.assertIn(MAIN + "Exiting from main", master.text())
+
+
+if __name__ == "__main__":
+    unittest.main()
