@@ -115,6 +115,9 @@ void CollectorImpl::insertRecord(TextedRecord record) {
         record.asText();
         text = record.text;
     }
+    // One insertion at a time: in the History state every record passes at once. Two that met in the input
+    // queue would be held against each other's time stamps, and the older one trimmed.
+    const std::lock_guard<kyo::Mutex> inserting(m_insertMutex);
     if (m_input.put(std::move(record), kRecordWeight)) {
         recordsWaiting().fetch_add(1, std::memory_order_relaxed);
     }

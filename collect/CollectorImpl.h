@@ -61,7 +61,8 @@ class CollectorImpl : public ICollector {
     const std::string m_name;
     ConcurrentQueue<TextedRecord> m_input;
     ConcurrentQueue<kyo::Json::Value> m_output;
-    kyo::Mutex m_mutex;                ///< held while records are trimmed or pass between the queues
+    kyo::Mutex m_insertMutex;  ///< held by an insertion from the put to the move; taken before m_mutex
+    kyo::Mutex m_mutex;        ///< held while records are trimmed or pass between the queues
     kyo::ThreadCondition m_condition;  ///< nothing waits on it
     const std::int64_t m_lag = 0;
     std::atomic<long long> m_history;  ///< in the unit of the time stamps: milliseconds

@@ -241,6 +241,38 @@ TEST_F(CollectorImplTest, HoldsRecordsInTheLagStateToo) {
     EXPECT_EQ(collector.inputWeight(), 24U);
 }
 
+// Dispatch threads insert at once, each newer record trimming the older ones if they met while they wait.
+TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
+    const auto count = [](const char* name) { return kyo::Status::counter(name).value(); };
+    const auto dropped = [&] {
+        return count("queue.collector.input.dropped") + count("queue.collector.output.dropped");
+    };
+    const auto collectedBefore = count("records.collected");
+    const auto expiredBefore = count("records.expired");
+    const auto droppedBefore = dropped();
+    constexpr int kThreads = 4;
+    constexpr int kRecords = 1000;
+    CollectorImpl collector = make(0);
+    std::barrier start(kThreads);
+    std::atomic<unsigned long long> clock{1};
+    std::vector<std::thread> dispatchers;
+    for (int t = 0; t < kThreads; ++t) {
+        dispatchers.emplace_back([&] {
+            start.arrive_and_wait();
+            for (int i = 0; i < kRecords; ++i) {
+                insert(collector, recordAt(clock += 5));
+            }
+        });
+    }
+    for (auto& dispatcher : dispatchers) {
+        dispatcher.join();
+    }
+    EXPECT_EQ(count("records.expired"), expiredBefore);
+    EXPECT_EQ(count("records.collected") - collectedBefore + (dropped() - droppedBefore),
+              static_cast<std::uint64_t>(kThreads * kRecords));
+    EXPECT_EQ(collector.outputWeight(), 24U) << "only the last one is kept without a history";
+}
+
 // Dispatch threads insert while a tick's thread drains and others change the state: every record ends in a
 // collection or in a counter. (Time stamps far apart make the trimming remove records as well.)
 TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
