@@ -1,0 +1,96 @@
+// Processor time of one sample from its datagram to its collector's output queue, against the floor, with the
+// log capped at level 3. All threads of the process count.
+#include <benchmark/benchmark.h>
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kyo/Log.h"
+#include "support/Floor.h"
+#include "support/Pipeline.h"
+
+namespace {
+
+using namespace vlmBench;
+
+constexpr int kSamples = 512;  // of one iteration
+
+/// Runs what an iteration does, and tells how many samples that is.
+template <typename Iterate>
+void measure(benchmark::State& state, Iterate&& iterate) {
+    try {
+        for (auto _ : state) {
+            iterate();
+        }
+    } catch (const std::exception& failure) {
+        state.SkipWithError(failure.what());
+        return;
+    }
+    state.counters["samples"] = kSamples;
+}
+
+void positionFloor(benchmark::State& state) {
+    const auto datagram =
+        datagramWith(qdr::services::gnss::kInterface, qdr::services::gnss::kEvent_positions, fullPosition());
+    measure(state, [&] { Floor::run(datagram, Floor::buildPosition, kSamples); });
+}
+
+void airbagFloor(benchmark::State& state) {
+    const auto datagram = datagramWith(qdr::services::airbag::kInterface,
+                                       qdr::services::airbag::kEvent_notifications, airbagNotification());
+    measure(state, [&] { Floor::run(datagram, Floor::buildAirbag, kSamples); });
+}
+
+void pipeline(benchmark::State& state, const char* name, Kind kind, int collectors, long long historyMs) {
+    // Kept for the next repetition, as collectors are kept by the process.
+    static std::map<std::string, std::unique_ptr<Pipeline>> roads;
+    auto& road = roads[name];
+    if (!road) {
+        road = std::make_unique<Pipeline>(kind, collectors, historyMs);
+    }
+    road->run(kSamples);
+    const auto lost = Pipeline::lost();
+    measure(state, [&] { road->run(kSamples); });
+    state.counters["lost"] = static_cast<double>(Pipeline::lost() - lost);
+    Pipeline::drain();
+}
+
+[[maybe_unused]] const int registered = [] {
+    struct One {
+        const char* name;
+        Kind kind;
+        int collectors;
+        long long historyMs;
+    };
+    std::vector<benchmark::internal::Benchmark*> all{
+        benchmark::RegisterBenchmark("positions/floor", positionFloor),
+        benchmark::RegisterBenchmark("notification/floor", airbagFloor)};
+    for (const One& one : {One{"positions/collectors:1", Kind::FullPosition, 1, 0},
+                           One{"positions/collectors:10", Kind::FullPosition, 10, 0},
+                           One{"positions/collectors:100", Kind::FullPosition, 100, 0},
+                           One{"positions/history:1s", Kind::FullPosition, 1, 1'000},
+                           One{"positions/history:10min", Kind::FullPosition, 1, 600'000},
+                           One{"notification/collectors:1", Kind::Notification, 1, 0}}) {
+        all.push_back(benchmark::RegisterBenchmark(one.name, pipeline, one.name, one.kind, one.collectors,
+                                                   one.historyMs));
+    }
+    for (auto* one : all) {
+        one->Iterations(16)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMicrosecond);
+    }
+    return 0;
+}();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    kyo::Log::setReportingLevel(3);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

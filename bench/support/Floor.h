@@ -1,0 +1,28 @@
+#pragma once
+/// What the behaviour demands of a sample, and nothing else: decode the structure, build one record, write it
+/// as text once, start one thread. The benchmarks hold the pipeline against it.
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "kyo/Json.h"
+#include "support/Samples.h"
+
+namespace vlmBench {
+
+/// A record as the adapters build it, completed for one collector.
+kyo::Json::Value positionRecord(const Position& sample);
+kyo::Json::Value airbagRecord(const AirbagNotification& sample);
+
+class Floor {
+  public:
+    using Build = kyo::Json::Value (*)(std::span<const std::uint8_t> payload);
+
+    /// Does all of it for each of `samples` equal datagrams, in bursts, and waits for the threads.
+    static void run(const std::vector<std::uint8_t>& datagram, Build build, int samples);
+
+    static kyo::Json::Value buildPosition(std::span<const std::uint8_t> payload);
+    static kyo::Json::Value buildAirbag(std::span<const std::uint8_t> payload);
+};
+
+}  // namespace vlmBench

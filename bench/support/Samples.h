@@ -1,0 +1,41 @@
+#pragma once
+/// The samples that the benchmarks send, as structures and as the datagrams that carry them.
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "ac/com/codec.h"
+#include "ac/com/types.h"
+#include "qdr/services/airbag/datatypes.h"
+#include "qdr/services/airbag/interface.h"
+#include "qdr/services/gnss/datatypes.h"
+#include "qdr/services/gnss/interface.h"
+#include "someip/Message.h"
+
+namespace vlmBench {
+
+using Position = qdr::services::gnss::datatypes::DT_positions_struct;
+using AirbagNotification = qdr::services::airbag::datatypes::DT_notifications_struct;
+
+/// A fused position with all 37 fields of its writer, and values that are as long in text as real ones.
+Position fullPosition();
+/// A sample with one member, which is its kind.
+AirbagNotification airbagNotification();
+
+/// One notification with one sample, header and all.
+template <class DT>
+std::vector<std::uint8_t> datagramWith(const ac::com::ServiceInterface& service,
+                                       const ac::com::EventInterface& event, const DT& sample) {
+    std::vector<std::uint8_t> bytes(someip::kHeaderSize);
+    ac::com::appendSamples(std::vector<DT>{sample}, bytes);
+    someip::Header header;
+    header.service = service.serviceId;
+    header.method = event.eventId;
+    header.session = 1;
+    header.interfaceVersion = service.majorVersion;
+    header.length = static_cast<std::uint32_t>(someip::kLengthCovers + bytes.size() - someip::kHeaderSize);
+    someip::writeHeader(header, bytes.data());
+    return bytes;
+}
+
+}  // namespace vlmBench
