@@ -32,8 +32,11 @@ void EventDispatcher::onDatagram(const Endpoint& from, std::span<const std::uint
     }
     if (messages.malformed() || datagram.empty()) {
         counters().malformed.add();
-        KYO_LOG(7, "A datagram from " << toText(from) << " with " << datagram.size()
-                                      << " bytes is no sequence of messages");
+        if (const auto untold = m_broken.note(now)) {
+            KYO_LOG(5, "A datagram from " << toText(from) << " with " << datagram.size()
+                                          << " bytes is no sequence of messages (" << *untold
+                                          << " more since this was last told)");
+        }
     }
 }
 
@@ -67,8 +70,12 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
     }
     if (accepted == nullptr) {
         (rightPeer ? counters().wrongVersion : counters().wrongPeer).add();
-        KYO_LOG(7, "A notification of " << found->second.front().receiver->name() << " is not taken from "
-                                        << toText(from) << ", interface version " << header.interfaceVersion);
+        if (const auto untold = m_strange.note(now)) {
+            KYO_LOG(5, "A notification of " << found->second.front().receiver->name() << " is not taken from "
+                                            << toText(from) << " with interface version "
+                                            << header.interfaceVersion << " (" << *untold
+                                            << " more since this was last told)");
+        }
         return;
     }
     if (header.isSegment()) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "someip/EventReceiver.h"
+#include "someip/RateLimit.h"
 #include "someip/Segmentation.h"
 
 namespace someip {
@@ -41,6 +42,8 @@ class EventDispatcher {
     Reassembler m_reassembler;
     std::uint64_t m_droppedBefore = 0;
     std::vector<std::uint8_t> m_joined;
+    RateLimit m_broken;
+    RateLimit m_strange;
     const std::atomic<bool>& m_stop;
 };
 

@@ -5,7 +5,8 @@
 namespace someip {
 
 SdPeerSessions::Verdict SdPeerSessions::judge(const Endpoint& peer, bool multicast, std::uint16_t session,
-                                              bool rebootFlag, std::span<const std::uint8_t> message) {
+                                              bool rebootFlag, std::span<const std::uint8_t> message,
+                                              Clock::time_point now) {
     if (const auto known = m_index.find(peer); known != m_index.end()) {
         m_peers.splice(m_peers.begin(), m_peers, known->second);
     } else {
@@ -25,6 +26,10 @@ SdPeerSessions::Verdict SdPeerSessions::judge(const Endpoint& peer, bool multica
         if (relation.session == session && std::ranges::equal(relation.last, message)) {
             return Verdict::Duplicate;
         }
+        if (rebootFlag && relation.reboot && session > 1 && session < relation.session &&
+            relation.session - session < kMostLate && now - relation.heard <= kAtOnce) {
+            return Verdict::Fine;
+        }
         if (rebootFlag && (!relation.reboot || session <= relation.session)) {
             verdict = Verdict::Rebooted;
             (multicast ? entry.unicast : entry.multicast) = {};
@@ -33,6 +38,7 @@ SdPeerSessions::Verdict SdPeerSessions::judge(const Endpoint& peer, bool multica
     relation.known = true;
     relation.reboot = rebootFlag;
     relation.session = session;
+    relation.heard = now;
     relation.last.assign(message.begin(), message.end());
     return verdict;
 }

@@ -1,5 +1,6 @@
 #pragma once
 /// Session numbers of service discovery: those that we send, and what those of a peer tell about it.
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <span>
@@ -8,6 +9,7 @@
 
 #include "someip/Endpoint.h"
 #include "someip/SdMessage.h"
+#include "someip/Segmentation.h"
 
 namespace someip {
 
@@ -37,8 +39,15 @@ class SdPeerSessions {
 
     /// `message` is the whole message with its header. After a reboot the peer's other relation starts anew
     /// as well, so that one reboot is told once.
+    ///
+    /// A number that falls by less than kMostLate within kAtOnce, to another than 1, is a message that was
+    /// overtaken: nothing restarts that fast, and what restarts begins with 1. Two messages of one moment may
+    /// well arrive in the wrong order, and would cost all subscriptions as a reboot.
     Verdict judge(const Endpoint& peer, bool multicast, std::uint16_t session, bool rebootFlag,
-                  std::span<const std::uint8_t> message);
+                  std::span<const std::uint8_t> message, Clock::time_point now);
+
+    static constexpr std::uint16_t kMostLate = 4;
+    static constexpr std::chrono::milliseconds kAtOnce{50};
 
     std::size_t peers() const noexcept { return m_index.size(); }
 
@@ -50,6 +59,7 @@ class SdPeerSessions {
         bool known = false;
         bool reboot = false;
         std::uint16_t session = 0;
+        Clock::time_point heard;
         std::vector<std::uint8_t> last;
     };
     struct Peer {

@@ -41,7 +41,7 @@ bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
             continue;
         }
         const std::span<const std::uint8_t> whole(body.data() - kHeaderSize, kHeaderSize + body.size());
-        const auto verdict = m_peers.judge(from, multicast, message.session, message.reboot, whole);
+        const auto verdict = m_peers.judge(from, multicast, message.session, message.reboot, whole, now);
         if (verdict == SdPeerSessions::Verdict::Duplicate) {
             continue;
         }

@@ -32,6 +32,10 @@ inline std::uint16_t discoveryPort() {
     return static_cast<std::uint16_t>(20000 + ::getpid() % 10000);
 }
 
+inline std::string multicastText() {
+    return "239.255." + std::to_string(::getpid() % 250) + "." + std::to_string(1 + (::getpid() / 250) % 250);
+}
+
 inline machine::SomeIpSettings settingsFor(int host) {
     machine::SomeIpSettings settings;
     settings.address = addressText(host);
@@ -89,10 +93,11 @@ class MeterClient {
 
     someip::Runtime& runtime;
     ac::com::HandleContainer handles;
-    std::unique_ptr<ac::com::ProxyBase> proxy;
-    std::unique_ptr<ac::com::ProxyEvent<Reading>> readings;
     mutable std::mutex guard;
     std::vector<Reading> got;
+    // Last, so that they end before what their handler uses.
+    std::unique_ptr<ac::com::ProxyBase> proxy;
+    std::unique_ptr<ac::com::ProxyEvent<Reading>> readings;
 };
 
 /// A server of the service.
@@ -120,7 +125,8 @@ class PlainDevice {
         EXPECT_NE(discovery, nullptr) << error;
         group = someip::UdpSocket::open({0x7FFFFFFF, discoveryPort()}, {0, true, true, 0, false}, error);
         EXPECT_NE(group, nullptr) << error;
-        events = someip::UdpSocket::open({addressOf(host), 0}, {}, error);
+        events =
+            someip::UdpSocket::open({addressOf(host), 0}, {0, false, false, addressOf(host), false}, error);
         EXPECT_NE(events, nullptr) << error;
     }
 
@@ -141,11 +147,13 @@ class PlainDevice {
         entry.unicast = {events->endpoint()};
         return entry;
     }
-    void answer(const someip::SdEntry& subscription, const someip::Endpoint& to, std::uint32_t ttl) {
+    void answer(const someip::SdEntry& subscription, const someip::Endpoint& to, std::uint32_t ttl,
+                std::vector<someip::Endpoint> multicast = {}) {
         auto entry = subscription;
         entry.type = someip::SdEntryType::SubscribeAck;
         entry.ttl = ttl;
         entry.unicast.clear();
+        entry.multicast = std::move(multicast);
         sendDiscovery(entry, &to);
     }
     /// The next entry of that type that comes to a discovery socket, and who sent it; others are passed over.

@@ -21,11 +21,11 @@ std::string configuration(const std::string& more = "") {
 
 TEST(Component, ServesProxiesAndSkeletonsThatWereMadeBeforeItAndOutliveIt) {
     const LogCapture log{5};
+    std::atomic<int> received{0};
     ac::com::SkeletonBase skeleton(kMeter);
     ac::com::SkeletonEvent<Reading> out(skeleton, kReadings);
     ac::com::ProxyBase proxy(kMeter, {kMeter.serviceId, 1, kMeter.majorVersion});
     ac::com::ProxyEvent<Reading> in(proxy, kReadings);
-    std::atomic<int> received{0};
     in.Subscribe([&](std::vector<Reading>) { ++received; });
     EXPECT_TRUE(skeleton.OfferService());
     for (int life = 0; life < 2; ++life) {

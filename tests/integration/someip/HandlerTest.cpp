@@ -36,6 +36,7 @@ class Lock {
     bool m_open = false;
 };
 
+/// Each test ends its subscription itself: the handlers use what lives in the test's body.
 struct Handlers : ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(runtime.start(settingsFor(1), true));
@@ -79,6 +80,7 @@ TEST_F(Handlers, UnsubscribeWaitsForTheOneUnderWay) {
     EXPECT_TRUE(finished);
     EXPECT_EQ(calls, 1) << "the second message came too late";
     release.join();
+    readings.reset();
 }
 
 TEST_F(Handlers, MayUnsubscribeOrDestroyTheirOwnProxy) {
@@ -98,11 +100,12 @@ TEST_F(Handlers, MayUnsubscribeOrDestroyTheirOwnProxy) {
     server.readings.Send({numbered(2)});
     ASSERT_TRUE(eventually([&] { return calls == 2; }));
     EXPECT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
+    readings.reset();
 }
 
 TEST_F(Handlers, MaySubscribeAnotherEventAndSend) {
-    std::unique_ptr<ac::com::ProxyEvent<Reading>> alarms;
     std::atomic<int> alarmed{0};
+    std::unique_ptr<ac::com::ProxyEvent<Reading>> alarms;
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
         if (alarms == nullptr) {
             alarms = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kAlarms);
@@ -111,7 +114,7 @@ TEST_F(Handlers, MaySubscribeAnotherEventAndSend) {
         server.alarms.Send({numbered(1)});
     }));
     EXPECT_TRUE(eventually([&] { return alarmed > 0; }, [&] { server.readings.Send({numbered(1)}); }));
-    readings->Unsubscribe();
+    readings.reset();
 }
 
 TEST_F(Handlers, ASecondSubscribeReplacesTheHandler) {
@@ -124,6 +127,7 @@ TEST_F(Handlers, ASecondSubscribeReplacesTheHandler) {
     EXPECT_TRUE(eventually([&] { return second > 0; }, [&] { server.readings.Send({numbered(2)}); }));
     EXPECT_EQ(first, 1);
     EXPECT_FALSE(readings->Subscribe(nullptr));
+    readings.reset();
 }
 
 TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
@@ -142,6 +146,7 @@ TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
     ASSERT_TRUE(runtime.start(settingsFor(1), true));
     lock.open();
     EXPECT_TRUE(eventually([&] { return calls >= 2; }, [&] { server.readings.Send({numbered(3)}); }));
+    readings.reset();
 }
 
 TEST_F(Handlers, MayEndTheMiddleware) {
@@ -153,6 +158,7 @@ TEST_F(Handlers, MayEndTheMiddleware) {
     server.readings.Send({numbered(1)});
     EXPECT_TRUE(eventually([&] { return ended.load(); }));
     EXPECT_FALSE(runtime.networkIsUp());
+    readings.reset();
 }
 
 // Racing: two threads that subscribe and unsubscribe, one that sends, one that stops and starts the

@@ -125,3 +125,24 @@ TEST_F(DeviceTalk, EventsMayOvertakeTheAcknowledgement) {
     sendEvent(1, 1);
     EXPECT_TRUE(eventually([&] { return client.count() == 1; }));
 }
+
+// Multicast on the loopback interface: nothing leaves the machine.
+TEST_F(DeviceTalk, EventsMayComeByTheMulticastGroupOfTheAcknowledgement) {
+    device->sendDiscovery(device->offer());
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    someip::Endpoint group;
+    ASSERT_TRUE(someip::parseAddress(multicastText(), group.address));
+    group.port = static_cast<std::uint16_t>(discoveryPort() + 1);
+    device->answer(subscription, from, 3, {group});
+    ASSERT_TRUE(log.waitFor("Events come by multicast to " + someip::toText(group)));
+    device->events->sendTo(group, device->notification(1, 1), true);
+    device->events->sendTo(group, device->notification(2, 2), true);
+    ASSERT_TRUE(eventually([&] { return client.count() == 2; }));
+    PlainDevice stranger(3);
+    const auto before = someip::counters().wrongPeer.value();
+    stranger.events->sendTo(group, device->notification(66, 1), true);
+    EXPECT_TRUE(eventually([&] { return someip::counters().wrongPeer.value() == before + 1; }));
+    EXPECT_THAT(client.numbers(), ElementsAre(1, 2));
+    client.readings->Unsubscribe();
+    device->events->sendTo(group, device->notification(3, 3), true);
+}

@@ -138,15 +138,15 @@ TEST_F(ClientAndServer, AClientThatIsKilledIsForgottenAndServedAgain) {
 }
 
 TEST_F(ClientAndServer, ARefusedSubscriptionIsAcceptedLater) {
-    std::atomic<bool> admit{false};
-    server.readings.setSubscriptionPolicy([&](const std::string&) { return admit.load(); });
+    const auto admit = std::make_shared<std::atomic<bool>>(false);
+    server.readings.setSubscriptionPolicy([admit](const std::string&) { return admit->load(); });
     startBoth();
     server.base.OfferService();
     ASSERT_TRUE(client.connect());
     ASSERT_TRUE(log.waitFor("subscription refused by the service", 1));
     EXPECT_FALSE(client.readings->subscribed());
     EXPECT_EQ(server.readings.subscribers(), 0u);
-    admit = true;
+    *admit = true;
     EXPECT_TRUE(client.subscribed());
     EXPECT_TRUE(server.sendUntilReceived(client, 1));
     EXPECT_EQ(log.messages(3).size(), 1u) << "told once";
@@ -192,10 +192,10 @@ TEST_F(ClientAndServer, EverySampleIsReceivedOrCountedWhereTheSystemDroppedIt) {
     ASSERT_TRUE(serverSide.start(settingsFor(2), true));
     server.base.OfferService();
     ASSERT_TRUE(client.find());
-    ac::com::ProxyBase proxy(kMeter, client.handles.front(), clientSide);
-    ac::com::ProxyEvent<Reading> readings(proxy, kReadings);
     std::atomic<bool> hold{true};
     std::atomic<std::uint64_t> received{0};
+    ac::com::ProxyBase proxy(kMeter, client.handles.front(), clientSide);
+    ac::com::ProxyEvent<Reading> readings(proxy, kReadings);
     readings.Subscribe([&](std::vector<Reading>) {
         while (hold) {
             std::this_thread::sleep_for(1ms);
@@ -251,9 +251,9 @@ TEST_F(ClientAndServer, ASlowHandlerDoesNotLoseTheService) {
     ASSERT_TRUE(serverSide.start(settings, true));
     server.base.OfferService();
     ASSERT_TRUE(client.find());
+    std::atomic<int> calls{0};
     ac::com::ProxyBase proxy(kMeter, client.handles.front(), clientSide);
     ac::com::ProxyEvent<Reading> readings(proxy, kReadings);
-    std::atomic<int> calls{0};
     readings.Subscribe([&](std::vector<Reading>) {
         if (++calls == 1) {
             std::this_thread::sleep_for(1300ms);
@@ -307,4 +307,17 @@ TEST_F(ClientAndServer, AnAddressOfAnotherMachineIsToldAndTheEndIsQuick) {
     ASSERT_TRUE(clientSide.start(settings, false));
     EXPECT_THAT(log.messages(3), ElementsAre(HasSubstr("someip.address")));
     EXPECT_FALSE(clientSide.start(settings, false)) << "runs already";
+}
+
+// Multicast on the loopback interface: nothing leaves the machine.
+TEST_F(ClientAndServer, DiscoveryWorksByAMulticastGroup) {
+    auto forClient = settingsFor(1);
+    auto forServer = settingsFor(2);
+    forClient.discovery.group = forServer.discovery.group = multicastText();
+    ASSERT_TRUE(clientSide.start(forClient, false));
+    ASSERT_TRUE(serverSide.start(forServer, true));
+    ASSERT_TRUE(clientSide.networkIsUp());
+    server.base.OfferService();
+    ASSERT_TRUE(client.connect());
+    EXPECT_TRUE(server.sendUntilReceived(client, 1));
 }

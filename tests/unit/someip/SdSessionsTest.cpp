@@ -17,9 +17,10 @@ struct PeerSessions : ::testing::Test {
         const std::uint8_t message[] = {static_cast<std::uint8_t>(session),
                                         static_cast<std::uint8_t>(session >> 8),
                                         static_cast<std::uint8_t>(reboot), content};
-        return sessions.judge(peer, multicast, session, reboot, message);
+        return sessions.judge(peer, multicast, session, reboot, message, now);
     }
     SdPeerSessions sessions;
+    Clock::time_point now{std::chrono::hours(1)};
 };
 
 }  // namespace
@@ -39,6 +40,19 @@ TEST_F(PeerSessions, ARebootIsSeenByTheFlagOrByTheNumber) {
     EXPECT_EQ(judge(kMulticast, 11, true), Verdict::Fine);
     EXPECT_EQ(judge(kMulticast, 1, true), Verdict::Rebooted) << "the number fell";
     EXPECT_EQ(judge(kMulticast, 1, true, 1), Verdict::Rebooted) << "the same number, another message";
+}
+
+TEST_F(PeerSessions, AMessageThatWasOvertakenIsNoReboot) {
+    judge(kUnicast, 9, true);
+    EXPECT_EQ(judge(kUnicast, 8, true), Verdict::Fine);
+    EXPECT_EQ(judge(kUnicast, 6, true), Verdict::Fine);
+    EXPECT_EQ(judge(kUnicast, 5, true), Verdict::Rebooted) << "too far behind";
+    judge(kUnicast, 9, true);
+    now += std::chrono::milliseconds(51);
+    EXPECT_EQ(judge(kUnicast, 8, true), Verdict::Rebooted) << "too late";
+    judge(kUnicast, 9, true);
+    judge(kUnicast, 2, true);
+    EXPECT_EQ(judge(kUnicast, 1, true), Verdict::Rebooted) << "1 is where a new life begins";
 }
 
 TEST_F(PeerSessions, AnIdenticalRepeatIsADuplicate) {
