@@ -14,6 +14,11 @@ def cpp_string(text):
     return f'"{escaped}"'
 
 
+def literal(number):
+    """A whole number of 64 bits; C++ has no literal for the smallest one."""
+    return str(number) if number != -(2**63) else f"{number + 1} - 1"
+
+
 def comment(text, indent=0, mark="///"):
     """Whole comment lines."""
     prefix = " " * indent + mark + " "
@@ -53,7 +58,7 @@ def field_declarations(fields):
 
 
 def enumerator_declarations(enumerators):
-    return [(f"{enumerator.name} = {enumerator.value},", enumerator.summary) for enumerator in enumerators]
+    return [(f"{enumerator.name} = {literal(enumerator.value)},", enumerator.summary) for enumerator in enumerators]
 
 
 def field_meaning(field):

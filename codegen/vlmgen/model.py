@@ -333,7 +333,8 @@ class _Reader:
             if base:
                 self._refuse(node.value["base"], f"base '{base}' is no integer type")
             base = "int64"
-        lowest, highest = names.INTEGER_LIMITS[base]
+        lowest = max(names.INTEGER_LIMITS[base][0], names.ENUMERATOR_LIMITS[0])
+        highest = min(names.INTEGER_LIMITS[base][1], names.ENUMERATOR_LIMITS[1])
         values = self._member(node, "values", "a list", [])
         if not values.value and "values" in node.value:
             self._refuse(values, f"enumeration '{name}' has no enumerators")
@@ -357,7 +358,8 @@ class _Reader:
                 self._refuse(item, f"enumerators '{by_value[enumerator.value]}' and '{enumerator.name}' have the same "
                                    f"value {enumerator.value}")
             if not lowest <= enumerator.value <= highest:
-                self._refuse(item, f"enumerator '{enumerator.name}' = {enumerator.value} does not fit {base}")
+                self._refuse(item, f"enumerator '{enumerator.name}' = {enumerator.value} is not between {lowest} "
+                                   f"and {highest}")
             by_name[enumerator.name] = enumerator
             by_value.setdefault(enumerator.value, enumerator.name)
             enumerators.append(enumerator)

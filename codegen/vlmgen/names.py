@@ -37,6 +37,9 @@ INTEGER_LIMITS = {
     for sign in ("u", "") for bits in (8, 16, 32, 64)
 }
 
+# Enumerators travel as 64-bit numbers with a sign wherever they are data.
+ENUMERATOR_LIMITS = INTEGER_LIMITS["int64"]
+
 _UNIT_SYMBOLS = frozenset("""
     % ‰ m km cm mm µm s ms µs ns min h d g mg kg t N kN J kJ MJ W mW kW Wh kWh V mV kV A mA Ah mAh Ω mΩ kΩ MΩ F Hz kHz
     MHz Pa hPa kPa MPa bar mbar K degC deg rad mrad l ml cl lx lm cd dB dBm T mT ppm mol B kB MB px bit

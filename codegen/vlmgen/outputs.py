@@ -68,8 +68,8 @@ def pages(services):
 def _environment():
     environment = jinja2.Environment(loader=jinja2.FileSystemLoader(TEMPLATES), trim_blocks=True, lstrip_blocks=True,
                                      keep_trailing_newline=True, undefined=jinja2.StrictUndefined)
-    environment.filters.update(cpp_string=layout.cpp_string, comment=layout.comment, described=layout.described,
-                               field_declarations=layout.field_declarations,
+    environment.filters.update(cpp_string=layout.cpp_string, literal=layout.literal, comment=layout.comment,
+                               described=layout.described, field_declarations=layout.field_declarations,
                                enumerator_declarations=layout.enumerator_declarations,
                                hex4="0x{:04X}".format, cell=reference.cell)
     environment.globals.update(names=names)

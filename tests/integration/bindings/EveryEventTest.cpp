@@ -56,7 +56,8 @@ FieldValue valueFor(const FieldInfo& field, std::size_t place) {
         return "text " + std::to_string(place);
     }
     if (type == "float" || type == "double") {
-        return (field.hasRange ? field.minimum : 0) + 0.25 * static_cast<double>(place);
+        const double value = (field.hasRange ? field.minimum : 0) + 0.25 * static_cast<double>(place);
+        return type == "float" ? static_cast<double>(static_cast<float>(value)) : value;
     }
     return static_cast<std::int64_t>(field.hasRange ? field.minimum : 0) +
            static_cast<std::int64_t>(place % 2);

@@ -51,7 +51,7 @@ WRONG = [
     ("a doubled field", "      age: {", "      flow: {", 21, "'flow' is given twice"),
     ("a doubled enumerator", "name: spring}", "name: tap}", 11, "enumerator 'tap' is given twice"),
     ("two enumerators of one value", "value: 2,", "value: 1,", 11, "'tap' and 'spring' have the same value 1"),
-    ("an enumerator that does not fit", "value: 2,", "value: 256,", 11, "'spring' = 256 does not fit uint8"),
+    ("an enumerator that does not fit", "value: 2,", "value: 256,", 11, "'spring' = 256 is not between 0 and 255"),
     ("an enumeration over no integer", "base: uint8", "base: float", 7, "base 'float' is no integer type"),
     ("an unused enumeration", "enumerations:\n", "enumerations:\n  Idle: {base: uint8, summary: None., values: [{value: 0, "
      "name: a}]}\n", 6, "enumeration 'Idle' is the type of no field"),
