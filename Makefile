@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs install format lint clean
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -24,6 +24,7 @@ help:
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
+	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
 	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (DESTDIR is honoured)'
 	@echo 'make format    clang-format on all sources; make lint: the same as a check, and clang-tidy'
@@ -44,7 +45,7 @@ build: configure
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
 run: configure
-	@cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-status vlm-check vlm_catalog
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-status vlm-check vlm_catalog_file
 	@tools/run/vlm-run --build build/$(PRESET) --backend '$(BACKEND)' --config '$(CONFIG)' \
 	  $(if $(SCENARIO),--scenario '$(SCENARIO)') $(if $(DURATION),--duration '$(DURATION)') $(if $(SPEED),--speed '$(SPEED)')
 
@@ -60,6 +61,11 @@ bench:
 
 docs: configure
 	cmake --build --preset $(PRESET) --target vlm_docs
+
+# The configuration that collects all that the catalog names.
+everything: configure
+	cmake --build --preset $(PRESET) --target vlm_catalog_file
+	tools/run/collect-everything.py build/$(PRESET)/generated/VLM_Available_Signals_Catalog_20210311.json > examples/collector-everything.json
 
 install:
 	@$(MAKE) --no-print-directory build PRESET=release
