@@ -53,6 +53,18 @@ def described(declarations, indent=4):
     return "\n".join(lines)
 
 
+def assigned_names(fields, target, indent=4):
+    """The statement that gives `target` the names of fields, its text broken between names where it is long."""
+    names = " ".join(field.name for field in fields)
+    line = f"{' ' * indent}{target} = splitNames(\"{names}\");"
+    if len(line) <= WIDTH:
+        return line
+    deeper = " " * (indent + 4)
+    parts = textwrap.wrap(names, WIDTH - len(deeper) - 5)
+    texts = [f'{deeper}"{part} "' for part in parts[:-1]] + [f'{deeper}"{parts[-1]}");']
+    return "\n".join([f"{' ' * indent}{target} = splitNames(", *texts])
+
+
 def field_declarations(fields):
     return [(f"eb::com::optional<{field.cpp_type}> {field.name};", field_meaning(field)) for field in fields]
 

@@ -70,6 +70,7 @@ def _environment():
                                      keep_trailing_newline=True, undefined=jinja2.StrictUndefined)
     environment.filters.update(cpp_string=layout.cpp_string, literal=layout.literal, comment=layout.comment,
                                described=layout.described, field_declarations=layout.field_declarations,
+                               assigned_names=layout.assigned_names,
                                enumerator_declarations=layout.enumerator_declarations,
                                hex4="0x{:04X}".format, cell=reference.cell)
     environment.globals.update(names=names)

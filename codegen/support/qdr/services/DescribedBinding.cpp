@@ -49,6 +49,36 @@ WholeNumber wholeNumber(const FieldInfo& field, const FieldValue& value) {
 
 }  // namespace
 
+EventDescription describeEvent(const ac::com::EventInterface& event, std::span<const FieldRow> fields,
+                               unsigned int cycleMs) {
+    EventDescription description;
+    description.name = event.name;
+    description.eventId = event.eventId;
+    description.eventgroupId = event.eventgroupId;
+    description.cycleMs = cycleMs;
+    for (const FieldRow& row : fields) {
+        description.fields.push_back({row.name,
+                                      row.type,
+                                      row.unit,
+                                      row.meaning,
+                                      row.hasRange,
+                                      row.minimum,
+                                      row.maximum,
+                                      {row.enumerators.begin(), row.enumerators.end()}});
+    }
+    return description;
+}
+
+std::vector<std::string> splitNames(std::string_view names) {
+    std::vector<std::string> result;
+    while (!names.empty()) {
+        const std::size_t end = std::min(names.find(' '), names.size());
+        result.emplace_back(names.substr(0, end));
+        names.remove_prefix(std::min(end + 1, names.size()));
+    }
+    return result;
+}
+
 const FieldValue* SampleSource::find(std::size_t field) {
     const auto found = m_values.find(m_event.fields[field].name);
     if (found == m_values.end()) {

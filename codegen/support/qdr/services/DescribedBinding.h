@@ -2,7 +2,10 @@
 /// Joins the data-driven access of described.h to the generated skeletons and data types.
 #include <cstdint>
 #include <limits>
+#include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -12,6 +15,24 @@
 #include "qdr/services/described.h"
 
 namespace qdr::services {
+
+/// A field as generated code writes it down: constant data, which compiles fast.
+struct FieldRow {
+    const char* name;
+    const char* type;
+    const char* unit;
+    const char* meaning;
+    std::span<const EnumeratorInfo> enumerators = {};
+    bool hasRange = false;
+    double minimum = 0;
+    double maximum = 0;
+};
+
+/// An event's description without key, writers and members.
+EventDescription describeEvent(const ac::com::EventInterface& event, std::span<const FieldRow> fields,
+                               unsigned int cycleMs);
+/// The names in a text that separates them by single blanks.
+std::vector<std::string> splitNames(std::string_view names);
 
 /// Fills one sample from values by name. Keeps the first thing that is wrong.
 class SampleSource {
