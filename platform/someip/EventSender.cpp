@@ -23,8 +23,8 @@ void EventSender::change(const std::function<void(Target&)>& how) {
     how(*changed);
     changed->distinct = changed->receivers;
     std::ranges::sort(changed->distinct);
-    const auto doubled = std::ranges::unique(changed->distinct);
-    changed->distinct.erase(doubled.begin(), doubled.end());
+    changed->distinct.erase(std::unique(changed->distinct.begin(), changed->distinct.end()),
+                            changed->distinct.end());
     m_target = std::move(changed);
 }
 

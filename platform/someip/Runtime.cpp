@@ -1,5 +1,6 @@
 #include "someip/Runtime.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -507,6 +508,7 @@ void Runtime::closeNetwork(bool sayGoodBye) {
 // ---------------------------------------------------------------------------------------------- thread
 
 void Runtime::work(Worker& worker) {
+    ::pthread_setname_np(::pthread_self(), "someip");
     DatagramBatch batch;
     EventDispatcher dispatcher(worker.limits, worker.stop);
     std::shared_ptr<NetworkAccess> network;
