@@ -21,7 +21,11 @@ bool read(tools::StateSocket& socket, const std::string& path, kyo::Json::Value&
           std::string& error) {
     kyo::Json::Value request(kyo::Json::objectValue);
     request["request"] = "status";
-    return (socket.connected() || socket.connect(path, error)) && socket.ask(request, snapshot, error);
+    // An old connection may have been closed for its silence: that is no reason to call the process gone.
+    if (socket.connected() && socket.ask(request, snapshot, error)) {
+        return true;
+    }
+    return socket.connect(path, error) && socket.ask(request, snapshot, error);
 }
 
 int printOnce(const std::string& path, bool json) {

@@ -49,7 +49,8 @@ ConsoleSink::~ConsoleSink() {
 }
 
 void ConsoleSink::put(const kyo::LogEntry& entry) {
-    if (m_kind == Kind::Gone || m_buffer.size() - m_done + entry.text.size() > m_maxBytes) {
+    const bool full = pending() && m_buffer.size() - m_done + entry.text.size() > m_maxBytes;
+    if (m_kind == Kind::Gone || full) {
         m_dropped.add();
         return;
     }

@@ -1,5 +1,6 @@
 #include "ara/log/logging.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -270,7 +271,9 @@ void InitLogging(std::string appId, std::string appDescription, LogLevel default
             return (static_cast<std::uint8_t>(mode) & static_cast<std::uint8_t>(sink)) != 0;
         };
         const bool remote = settings.dlt && asked(LogMode::kRemote);
-        const bool console = settings.console && asked(LogMode::kConsole);
+        // Whoever started the process without a standard output wants no lines there.
+        const bool console =
+            settings.console && asked(LogMode::kConsole) && ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
         if (!remote && !console) {
             return;
         }

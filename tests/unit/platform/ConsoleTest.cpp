@@ -171,3 +171,12 @@ TEST(Console, AReaderThatIsGoneEndsTheConsoleAndNotTheProcess) {
     EXPECT_EQ(probe.wait(), 0);
     EXPECT_GE(dropped(folder.status()), 2u);
 }
+
+TEST(Console, WithoutAStandardOutputThereIsNoConsoleAndNothingIsCalledDropped) {
+    const Folder folder;
+    const Descriptor err(openForWriting(folder.file("err")));
+    ChildProcess probe({"bash", "-c", std::string("exec ") + LOG_PROBE + " say one two >&-"},
+                       folder.environment(), -1, err);
+    EXPECT_EQ(probe.wait(), 0);
+    EXPECT_EQ(dropped(folder.status()), 0u);
+}
