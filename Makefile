@@ -20,7 +20,7 @@ help:
 	@echo '                 CONFIG=FILE       collector configuration (examples/collector.json)'
 	@echo '                 SCENARIO=FILE     what the vehicle does (a plain drive without it)'
 	@echo '                 DURATION=SECONDS  end after that time'
-	@echo '                 SPEED=FACTOR      faster clock for vlmmaster, by libfaketime'
+	@echo '                 SPEED=FACTOR      faster clock for vehicle and vlmmaster, by libfaketime'
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
