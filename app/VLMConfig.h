@@ -8,7 +8,7 @@
 namespace vlmProd {
 
 /// The application configuration: one JSON file, loaded once, with look-ups by a textual path such as
-/// "Services[2].Name" (docs/application-configuration.md). "[%]" takes its number from the look-up's array
+/// "Services[2].Name" (docs/configuration.md). "[%]" takes its number from the look-up's array
 /// index; an empty key is the whole document; further dots are skipped.
 ///
 /// Created by start-up on the main thread before any other thread reads it, never changed and never

@@ -37,7 +37,7 @@ struct ServicesStruct {
 };
 
 /// The signal catalog: which services, resources, instances and properties can be collected
-/// (docs/signal-catalog.md). Loaded once by start-up on the main thread, before any reader exists, and never
+/// (docs/configuration.md). Loaded once by start-up on the main thread, before any reader exists, and never
 /// destroyed; afterwards it may be read from any thread.
 ///
 /// Names are those of the collector configuration ("GNSS", without "Proxy"). What has the wrong type in the

@@ -24,7 +24,7 @@ enum class ConfigErrorCode : std::int32_t {
 };
 
 /// Reads, validates and answers questions about one collector configuration: a JSON object with the arrays
-/// "CONFIG", "CLOCK", "REPORT", "COLLECT" and "COMPARE" (docs/collector-configuration.md).
+/// "CONFIG", "CLOCK", "REPORT", "COLLECT" and "COMPARE" (docs/configuration.md).
 ///
 /// One parse per object: a new configuration gets a new parser. Nothing throws on bad content; a member of
 /// the wrong type is refused by the parse and named with its place ("COLLECT[2].index"). No lock: one
