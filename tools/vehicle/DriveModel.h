@@ -136,7 +136,7 @@ struct VehicleState {
     bool doorsUnlockedByCrash = false;
     double lockTime = 100;    ///< s since locked or unlocked
     double gearTime = 100;    ///< s since the gear was changed
-    double startTime = 0;     ///< s since the ignition was switched
+    double startTime = 100;   ///< s since the ignition was switched
     double drivingTime = 0;   ///< s at the wheel without a break
     double timeSinceFix = 0;  ///< s without satellites
 

@@ -82,7 +82,7 @@ TEST(Vehicle, obeys_commands_and_refuses_others_with_a_reason) {
     std::string error;
     ASSERT_TRUE(vehicle.prepare(error)) << error;
     EXPECT_TRUE(vehicle.command("set rain 5", error));
-    EXPECT_FALSE(vehicle.command("set rane 5", error));
+    EXPECT_FALSE(vehicle.command("set rian 5", error));
     EXPECT_THAT(error, HasSubstr("did you mean \"rain\"?"));
     EXPECT_FALSE(vehicle.command("set rain", error));
     EXPECT_FALSE(vehicle.command("jump", error));

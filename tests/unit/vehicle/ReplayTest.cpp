@@ -48,7 +48,7 @@ TEST(GpxTrack, gives_place_speed_and_course_between_its_points) {
 
 TEST(GpxTrack, a_fault_is_named_with_its_line) {
     const std::pair<std::string, std::string> cases[] = {
-        {changed("</gpx>", ""), "t.gpx:11: is not XML"},
+        {changed("</gpx>", ""), "t.gpx:10: is not XML"},
         {changed("lat=\"50.001\"", "lat=\"north\""), "t.gpx:5: track point without a latitude"},
         {changed("lon=\"7.002\"", "lon=\"190\""), "t.gpx:8: track point without a longitude"},
         {changed("2024-03-01T08:15:40+01:00", "yesterday"), "t.gpx:8: track point without a time"},
@@ -107,7 +107,7 @@ TEST(CsvRecording, a_fault_is_named_with_line_and_column) {
     const std::pair<const char*, const char*> cases[] = {
         {"", "t.csv:1: a first line with the names"},
         {"type\n1\n", "t.csv:1: a column \"time\" (seconds) or \"timestamp\" (milliseconds)"},
-        {"time,tipe\n0,1\n", "t.csv:1: column \"tipe\" is no field of temperatures; did you mean \"type\"?"},
+        {"time,typ\n0,1\n", "t.csv:1: column \"typ\" is no field of temperatures; did you mean \"type\"?"},
         {"time,time\n0,1\n", "t.csv:1: column \"time\" is no field"},
         {"time,type\n", "no row with a sample follows"},
         {"time,type\n0,0\n1\n", "t.csv:3: 1 cells where 2 are expected"},
