@@ -399,7 +399,7 @@ std::string Vehicle::statusLine() const {
     const auto& s = m_model.state();
     std::string line = format(
         "%.0f s: %.0f km/h, %.1f %%, %.0f km range; %zu subscriptions, %llu samples in %llu notifications",
-        m_elapsed, s.speedKmh(), s.stateOfCharge, s.range(), subscriptions,
+        m_options.startTime + m_elapsed, s.speedKmh(), s.stateOfCharge, s.range(), subscriptions,
         static_cast<unsigned long long>(samples), static_cast<unsigned long long>(notifications));
     if (failures != 0) {
         line += format(", %llu not sent", static_cast<unsigned long long>(failures));
