@@ -68,7 +68,9 @@ everything: configure
 	tools/run/collect-everything.py build/$(PRESET)/generated/VLM_Available_Signals_Catalog_20210311.json > examples/collector-everything.json
 
 install:
-	@$(MAKE) --no-print-directory build PRESET=release
+	@$(MAKE) --no-print-directory configure PRESET=release
+	cmake build/release -DCMAKE_INSTALL_PREFIX='$(PREFIX)' >/dev/null
+	cmake --build --preset release -j $(JOBS)
 	DESTDIR='$(DESTDIR)' cmake --install build/release --prefix '$(PREFIX)'
 
 sources = git ls-files -z '*.cpp' '*.h'
