@@ -64,6 +64,27 @@ class Bench:
                 pass  # is being written
         return result
 
+    def status(self):
+        """What vlmmaster says about itself; empty while it does not answer."""
+        try:
+            with socket.socket(socket.AF_UNIX) as peer:
+                peer.settimeout(5)
+                peer.connect(str(self.folder / "vlmmaster.sock"))
+                peer.sendall(b'{"request":"status"}\n')
+                answer = b""
+                while not answer.endswith(b"\n"):
+                    answer += peer.recv(65536) or b"\n"
+            answer = json.loads(answer)
+            return answer.get("status", answer)
+        except (OSError, ValueError):
+            return {}
+
+    def count(self, name):
+        value = self.status()
+        for key in name.split("."):
+            value = value.get(key, {})
+        return value or 0
+
     def wait_until(self, condition, what):
         end = time.monotonic() + DEADLINE
         while not condition():
@@ -129,6 +150,23 @@ class Run(unittest.TestCase):
             self.fail(f"no records of {sorted(wanted - seen)}:\n{bench.text()[-2000:]}")
         status, left = bench.end()
         self.assertEqual((status, left), (0, []), bench.text()[-2000:])
+
+    def test_faults_of_the_vehicle_are_counted_and_survived(self):
+        scenario = Path(self.folder.name) / "faults.json"
+        scenario.write_text(json.dumps({
+            "phases": [{"duration": 600, "set": {"targetSpeed": 50}}],
+            "faults": ["60:truncated GNSS.positions 2", "62:wrong-version Chassis.axes", "64:doubled-member GNSS.positions",
+                       "66:silence Airbag 3", "70:restart", "90:stop Temperature", "94:offer Temperature"]}))
+        bench = self.start("--speed", "8", "--scenario", str(scenario))
+        for name, least in (("someip.truncated", 2), ("someip.wrongVersion", 1), ("someip.doubledMembers", 1),
+                            ("someip.sd.reboots", 1)):
+            bench.wait_until(lambda: bench.count(name) >= least, name)
+        before = bench.count("samples.received")
+        bench.wait_until(lambda: bench.count("samples.received") > before + 200, "samples after the restart")
+        bench.wait_until(lambda: services_with_samples(bench.reports()) >= FIVE, "samples of all five services")
+        self.assertIn("Violation of [PRS_SOMEIP_00900]", (bench.folder / "logs/vlmmaster.txt").read_text(errors="replace"))
+        status, left = bench.end()
+        self.assertEqual((status, left), (0, []), bench.text())
 
     def test_it_ends_by_itself_and_a_second_run_in_the_same_folder_works(self):
         for _ in range(2):
