@@ -13,6 +13,7 @@
 #include "app/JsonFields.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/unit/collect/Records.h"
 
@@ -241,36 +242,43 @@ TEST_F(CollectorImplTest, HoldsRecordsInTheLagStateToo) {
     EXPECT_EQ(collector.inputWeight(), 24U);
 }
 
-// Dispatch threads insert at once, each newer record trimming the older ones if they met while they wait.
+/// Holds the thread that has just put the record stamped 1 until `release` is set, or for a while.
+class HoldingLogger : public kyo::ProductLogger {
+  public:
+    void logData(std::string message, kyo::LogLevel) override {
+        if (message.find("Record inserted to Input queue") != std::string::npos &&
+            message.find("\"timestamp\":1,") != std::string::npos) {
+            holding = true;
+            vlmTest::eventually([this] { return release.load(); }, [] {}, std::chrono::milliseconds(300));
+        }
+    }
+    std::atomic<bool> holding{false};
+    std::atomic<bool> release{false};
+};
+
+// Two dispatch threads meet between putting and moving: the newer record must not trim the older one.
 TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
-    const auto count = [](const char* name) { return kyo::Status::counter(name).value(); };
-    const auto dropped = [&] {
-        return count("queue.collector.input.dropped") + count("queue.collector.output.dropped");
-    };
-    const auto collectedBefore = count("records.collected");
-    const auto expiredBefore = count("records.expired");
-    const auto droppedBefore = dropped();
-    constexpr int kThreads = 4;
-    constexpr int kRecords = 1000;
+    static HoldingLogger logger;  // the log keeps the address
+    logger.holding = logger.release = false;
+    const auto expired = kyo::Status::counter("records.expired").value();
+    const auto replaced = kyo::Status::counter("records.replaced").value();
     CollectorImpl collector = make(0);
-    std::barrier start(kThreads);
-    std::atomic<unsigned long long> clock{1};
-    std::vector<std::thread> dispatchers;
-    for (int t = 0; t < kThreads; ++t) {
-        dispatchers.emplace_back([&] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRecords; ++i) {
-                insert(collector, recordAt(clock += 5));
-            }
-        });
-    }
-    for (auto& dispatcher : dispatchers) {
-        dispatcher.join();
-    }
-    EXPECT_EQ(count("records.expired"), expiredBefore);
-    EXPECT_EQ(count("records.collected") - collectedBefore + (dropped() - droppedBefore),
-              static_cast<std::uint64_t>(kThreads * kRecords));
-    EXPECT_EQ(collector.outputWeight(), 24U) << "only the last one is kept without a history";
+    kyo::Log::setProductLogger(&logger);
+    kyo::Log::setReportingLevel(5);
+    std::thread older([&] { insert(collector, recordAt(1)); });
+    std::thread newer([&] {
+        vlmTest::eventually([] { return logger.holding.load(); });
+        insert(collector, recordAt(2));
+        logger.release = true;
+    });
+    older.join();
+    newer.join();
+    kyo::Log::setReportingLevel(0);
+    kyo::Log::setProductLogger(nullptr);
+    EXPECT_EQ(kyo::Status::counter("records.expired").value(), expired);
+    EXPECT_EQ(kyo::Status::counter("records.replaced").value(), replaced + 1)
+        << "both have been in the output queue";
+    EXPECT_THAT(timestampsIn(collector.buildCollection()), ElementsAre("2"));
 }
 
 // Dispatch threads insert while a tick's thread drains and others change the state: every record ends in a
