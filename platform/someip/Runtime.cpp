@@ -542,6 +542,7 @@ void Runtime::work(Worker& worker) {
         }
         if (discovery || Clock::now() >= deadline) {
             deadline = step(worker, batch, network);
+            refreshRoutes(dispatcher, routesSeen);
         }
         if (network == nullptr) {
             continue;
@@ -642,13 +643,24 @@ void Runtime::receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, Datagram
     }
 }
 
-void Runtime::receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
-                            EventDispatcher& dispatcher, std::uint64_t& routesSeen) {
-    if (m_routesVersion.load() != routesSeen) {
+void Runtime::refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSeen) {
+    if (m_routesVersion.load() == routesSeen) {
+        return;
+    }
+    std::vector<EventDispatcher::Route> fresh;
+    {
         const std::lock_guard lock(m_guard);
         routesSeen = m_routesVersion.load();
-        dispatcher.setRoutes(routes());
+        fresh = routes();
     }
+    // Outside of the lock: the last route of a receiver that was released ends its handler, and with it what
+    // the handler owns.
+    dispatcher.setRoutes(fresh);
+}
+
+void Runtime::receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
+                            EventDispatcher& dispatcher, std::uint64_t& routesSeen) {
+    refreshRoutes(dispatcher, routesSeen);
     const std::size_t count = batch.receive(*inlet.socket);
     const auto now = Clock::now();
     for (std::size_t i = 0; i < count; ++i) {

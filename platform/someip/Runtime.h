@@ -111,6 +111,7 @@ class Runtime final : private SdObserver {
     Clock::time_point step(Worker& worker, DatagramBatch& batch, std::shared_ptr<NetworkAccess>& network);
     void receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, DatagramBatch& batch,
                           Clock::time_point now);
+    void refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSeen);
     void receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
                        EventDispatcher& dispatcher, std::uint64_t& routesSeen);
     static void joinGroups(NetworkAccess& network, const Worker& worker);

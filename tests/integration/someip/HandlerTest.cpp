@@ -117,6 +117,19 @@ TEST_F(Handlers, MaySubscribeAnotherEventAndSend) {
     readings.reset();
 }
 
+TEST_F(Handlers, WhatAHandlerOwnsEndsWithItsSubscription) {
+    struct Owned {
+        explicit Owned(someip::Runtime& middleware) : runtime(middleware) {}
+        ~Owned() { runtime.findService(kMeter, 1); }  // takes the middleware's lock
+        someip::Runtime& runtime;
+    };
+    auto owned = std::make_shared<Owned>(runtime);
+    const std::weak_ptr<Owned> watched = owned;
+    ASSERT_TRUE(subscribe([owned = std::move(owned)](std::vector<Reading>) {}));
+    readings.reset();
+    EXPECT_TRUE(eventually([&] { return watched.expired(); }));
+}
+
 TEST_F(Handlers, ASecondSubscribeReplacesTheHandler) {
     std::atomic<int> first{0};
     std::atomic<int> second{0};
