@@ -8,20 +8,20 @@
 namespace kyo::Json {
 
 using ::Json::ArrayIndex;
-using ::Json::Int64;
-using ::Json::StaticString;
-using ::Json::UInt;
-using ::Json::UInt64;
-using ::Json::Value;
-using ::Json::ValueType;
 using ::Json::arrayValue;
 using ::Json::booleanValue;
+using ::Json::Int64;
 using ::Json::intValue;
 using ::Json::nullValue;
 using ::Json::objectValue;
 using ::Json::realValue;
+using ::Json::StaticString;
 using ::Json::stringValue;
+using ::Json::UInt;
+using ::Json::UInt64;
 using ::Json::uintValue;
+using ::Json::Value;
+using ::Json::ValueType;
 
 /// Reads one JSON document. Comments are accepted; text behind the document is an error, as is nesting
 /// deeper than the library allows. On failure the value is left null and the reason can be asked for.

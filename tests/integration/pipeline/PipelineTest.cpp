@@ -84,6 +84,7 @@ void tick(LogCapture& log, std::size_t times) {
     EventPublisher().publishMessage(message);
 }
 
+// Once per process: the singletons keep what the setup made.
 TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
     LogCapture log;
     vlmTest::haveCatalog();

@@ -55,7 +55,7 @@ TEST(JsonText, NumbersThatJsonCannotHoldBecomeNull) {
 
 TEST(JsonText, IsAsciiWithoutWhiteSpaceAndReadsBackAsTheSameText) {
     Value value(kyo::Json::objectValue);
-    const std::string odd("\"\\/\b\f\n\r\t\x01 \x7F M\xC3\xBCnchen \xE2\x82\xAC \xF0\x9F\x9A\x97", 34);
+    const std::string odd("\"\\/\b\f\n\r\t\x01 \x7F M\xC3\xBCnchen \xE2\x82\xAC \xF0\x9F\x9A\x97");
     value["k\xC3\xA4y"] = odd;
     value["zero"] = std::string("a\0b", 3);
     value["empty"] = Value(kyo::Json::objectValue);
