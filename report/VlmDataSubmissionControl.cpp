@@ -3,7 +3,6 @@
 #include <mutex>
 #include <utility>
 
-#include "app/JsonFields.h"
 #include "app/VlmLog.h"
 #include "kyo/Status.h"
 
@@ -52,13 +51,15 @@ void VlmDataSubmissionControl::startServer() {
 bool VlmDataSubmissionControl::addReportToShippingQueue(kyo::Json::Value& report) {
     static kyo::Counter& queued = kyo::Status::counter("reports.queued");
     const std::lock_guard<kyo::Mutex> lock(m_addMutex);
-    std::string text = compactText(report);
-    const auto length = static_cast<unsigned int>(text.size());
-    VLM_LOG_PLAIN(5, "ZEPH-49288 VLM sending the Report to ShippingBuffer: " << text);
+    // Reports of one configuration are about as long as each other.
+    ShippedReport shipped(report, m_lastLength + m_lastLength / 16);
+    const auto length = static_cast<unsigned int>(shipped.text().size());
+    m_lastLength = length;
+    VLM_LOG_PLAIN(5, "ZEPH-49288 VLM sending the Report to ShippingBuffer: " << shipped.text());
     VLM_LOG_PLAIN(5, "Size of SHIP QUEUE BEFORE INSERT = " << m_shippingQueue.size());
     // Counted before it can be taken, so that the count never falls below zero.
     m_waiting.fetch_add(1);
-    if (m_shippingQueue.put(std::move(text), length)) {
+    if (m_shippingQueue.put(std::move(shipped), length)) {
         queued.add();
     } else {
         m_waiting.fetch_sub(1);
@@ -96,8 +97,8 @@ void VlmDataSubmissionControl::processReportFromQueue() {
     static kyo::Counter& discarded = kyo::Status::counter("reports.discarded");
     static kyo::Counter& sent = kyo::Status::counter("reports.sent");
     const std::lock_guard<std::recursive_mutex> lock(m_sendMutex);
-    std::string text;
-    if (!m_shippingQueue.take(&text)) {
+    ShippedReport report;
+    if (!m_shippingQueue.take(&report)) {
         VLM_LOG_PLAIN(5,
                       "Since shipping queue is empty and send next data is true. Enabling to send data when "
                       "inserted.");
@@ -105,9 +106,8 @@ void VlmDataSubmissionControl::processReportFromQueue() {
         return;
     }
     m_waiting.fetch_sub(1);
-    VLM_LOG_PLAIN(5, "Processing the shipping queue = " << text);
-    kyo::Json::Value report;
-    if (!kyo::Json::Reader().parse(text, report, false)) {
+    VLM_LOG_PLAIN(5, "Processing the shipping queue = " << report.text());
+    if (!report.isReadable()) {
         VLM_LOG(3, "Can not parse from string to json report.");
         discarded.add();
         return;
@@ -118,11 +118,11 @@ void VlmDataSubmissionControl::processReportFromQueue() {
         return;
     }
     if (!canSend(*m_link)) {
-        VLM_LOG(3, "Could not sent the orx data = " << text);
+        VLM_LOG(3, "Could not sent the orx data = " << report.text());
         discarded.add();
         return;
     }
-    VLM_LOG_PLAIN(5, "GOING to SEND the ORX Data " << text);
+    VLM_LOG_PLAIN(5, "GOING to SEND the ORX Data " << report.text());
     if (send(report) == 0) {
         sent.add();
         m_lastReport = std::move(report);
@@ -139,7 +139,7 @@ void VlmDataSubmissionControl::processLastReport() {
     if (!canSend(*m_link)) {
         return;
     }
-    if (m_lastReport.isNull()) {
+    if (!m_lastReport.isReadable()) {
         // The very first send failed. Idle again, as no result will come that starts the next one.
         VLM_LOG_PLAIN(5, "No report was sent yet, so there is none to send again");
         becomeIdle();
@@ -180,15 +180,9 @@ void VlmDataSubmissionControl::stopVlmDataSubmissionControl() {
     m_wakeupCondition.broadcast();
 }
 
-/// The link takes the catalog id out of what it sends; it is put back, so that the report sent again gets the
-/// same message identifier.
-std::int32_t VlmDataSubmissionControl::send(kyo::Json::Value& report) {
+std::int32_t VlmDataSubmissionControl::send(ShippedReport& report) {
     static kyo::Counter& failed = kyo::Status::counter("reports.failed");
-    const kyo::Json::Value catalogId = member(report, "catalogId");
     const std::int32_t result = m_link->sendToOrx(report);
-    if (!catalogId.isNull()) {
-        report["catalogId"] = catalogId;
-    }
     if (result != 0) {
         failed.add();
     }

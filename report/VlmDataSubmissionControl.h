@@ -11,6 +11,7 @@
 #include "kyo/Mutex.h"
 #include "kyo/Thread.h"
 #include "kyo/ThreadCondition.h"
+#include "report/ShippedReport.h"
 #include "report/VlmServer.h"
 #include "report/orxStatus.h"
 
@@ -53,16 +54,17 @@ class VlmDataSubmissionControl : public kyo::Thread {
     void run() override;
 
   private:
-    std::int32_t send(kyo::Json::Value& report);
+    std::int32_t send(ShippedReport& report);
     void becomeIdle();
 
     kyo::Mutex m_addMutex;  ///< one report at a time is added, so that the logged sizes belong to it
-    ConcurrentQueue<std::string> m_shippingQueue;  ///< reports as compact text, weighted with their length
-    std::uint64_t m_bytesAdded = 0;                ///< guarded by m_addMutex
+    ConcurrentQueue<ShippedReport> m_shippingQueue;  ///< weighted with the lengths of their texts
+    std::uint64_t m_bytesAdded = 0;                  ///< guarded by m_addMutex
+    std::size_t m_lastLength = 0;                    ///< guarded by m_addMutex
     std::atomic<bool> m_stop{false};
     kyo::Mutex m_wakeupMutex;
     kyo::ThreadCondition m_wakeupCondition;
-    kyo::Json::Value m_lastReport;            ///< guarded by m_sendMutex; with its catalog id
+    ShippedReport m_lastReport;               ///< guarded by m_sendMutex; with its catalog id
     std::atomic<bool> m_sendNextData{false};  ///< a report was handed to the link and its result is awaited
     std::shared_ptr<VlmServer> m_link;        ///< set once, before the thread starts
 

@@ -94,10 +94,10 @@ std::string makeSalt() {
 }
 
 /// Which event an envelope tells of: one identifier per configured report.
-std::string makeEventId(const kyo::Json::Value& report) {
+std::string makeEventId(const ShippedReport& report) {
     std::string id = "VLM";
     for (const char* key : {"applicationName", "reportName"}) {
-        const std::string part = textOf(member(report, key));
+        const std::string part = textOf(report.member(key));
         if (!part.empty()) {
             id += '.' + part;
         }
@@ -237,6 +237,17 @@ std::int32_t VlmServer::sendToOrx(kyo::Json::Value& report) {
     if (!isAnythingPermitted()) {
         return kNothingPermitted;
     }
+    ShippedReport shipped(report);
+    if (report.isObject()) {
+        report.removeMember("catalogId");
+    }
+    return sendToOrx(shipped);
+}
+
+std::int32_t VlmServer::sendToOrx(ShippedReport& report) {
+    if (!isAnythingPermitted()) {
+        return kNothingPermitted;
+    }
     kyo::Json::Value envelope(kyo::Json::objectValue);
     {
         const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
@@ -255,15 +266,12 @@ std::int32_t VlmServer::sendToOrx(kyo::Json::Value& report) {
     envelope["isCallbackAbilityRequested"] = true;
     VLM_LOG(5, "ZEPH-48831 VLM setting Callback Ability to: " << true);
 
-    const std::string catalogId = textOf(member(report, "catalogId"));
+    const std::string catalogId = textOf(report.member("catalogId"));
     VLM_LOG(5, "ZEPH-50057 Using OrxConfig recordId as CatalogId: " << catalogId);
-    if (report.isObject()) {
-        report.removeMember("catalogId");
-    }
     // Reports of one tick have the same creation time; name and number tell them apart, also when sent again.
     const std::string messageId = getUniqueMessageId(
-        catalogId, textOf(member(report, "createDatetime")),
-        textOf(member(report, "reportName")) + '#' + textOf(member(report, "sequenceNumber")));
+        catalogId, textOf(report.member("createDatetime")),
+        textOf(report.member("reportName")) + '#' + textOf(report.member("sequenceNumber")));
     envelope["messageId"] = messageId;
     VLM_LOG(5, "ZEPH-51421 VLM using catlogId and createDateTime to create UniqueMessageId: " << messageId);
     envelope["timeToLive"] = kTimeToLiveSeconds;
@@ -271,7 +279,7 @@ std::int32_t VlmServer::sendToOrx(kyo::Json::Value& report) {
     const auto seconds = static_cast<kyo::Json::UInt64>(kyo::DateTime::getCurrentTimeMs() / 1000);
     envelope["timestamp"] = seconds;
     VLM_LOG(5, "ZEPH-48804 VLM Send data timestamp: " << seconds);
-    envelope["orxClientDataReport"] = compactText(report);
+    envelope["orxClientDataReport"] = report.withoutCatalogId();
     VLM_LOG(5, "ZEPH-48865 VLM sends Report as ORX DATA = " << envelope);
 
     const std::lock_guard<kyo::Mutex> lock(m_sendMutex);

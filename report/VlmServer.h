@@ -10,6 +10,7 @@
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
 #include "kyo/OrxClient.h"
+#include "report/ShippedReport.h"
 #include "report/orxStatus.h"
 
 namespace vlmProd {
@@ -44,6 +45,8 @@ class VlmServer {
     /// Sends one report in an envelope. Takes the member "catalogId" out of `report`. 0: sent;
     /// kNothingPermitted; otherwise the client's code. Blocks for at most the client's flush to disk.
     std::int32_t sendToOrx(kyo::Json::Value& report);
+    /// The same for a report that is text already. It keeps its catalog id, but no longer in its text.
+    std::int32_t sendToOrx(ShippedReport& report);
 
     /// The identifier of a message, a UUID in text form. The same inputs give the same identifier, so that
     /// the backend knows a repeated report. Reports of one millisecond differ in `adjustment`.

@@ -33,43 +33,89 @@ std::string_view textIn(const Value& record, std::string_view name) {
                                                               : std::string_view();
 }
 
-/// The texts of a record's members, each written once: the trace shows every member and the whole record,
-/// before and after it is completed.
-class MemberTexts {
+/// A record's compact text, written once, in which the members can be told apart: the trace shows every
+/// member and the whole record, before and after it is completed.
+class RecordText {
   public:
-    explicit MemberTexts(const Value& record) {
-        for (auto item = record.begin(); record.isObject() && item != record.end(); ++item) {
-            m_members.emplace_back(item.name(), compactText(*item));
+    explicit RecordText(const Value& record) {
+        if (!record.isObject()) {
+            kyo::Json::appendCompact(m_text, record);
+            return;
+        }
+        m_text.reserve(40 * record.size());
+        m_spans.reserve(record.size() + 2);  // the two that a collector brings
+        m_text.push_back('{');
+        for (auto item = record.begin(); item != record.end(); ++item) {
+            m_spans.push_back(append(nameOf(item), *item));
+            m_text.push_back(',');
+        }
+        m_text.back() = m_spans.empty() ? '{' : '}';
+        if (m_spans.empty()) {
+            m_text.push_back('}');
         }
     }
 
-    /// Keeps the order in which the writer puts members.
-    void set(const std::string& name, std::string text) {
+    /// Puts the member, which is new, where the writer would.
+    void insert(std::string_view name, const Value& value) {
         const auto at =
-            std::lower_bound(m_members.begin(), m_members.end(), name,
-                             [](const auto& item, const std::string& key) { return item.first < key; });
-        if (at != m_members.end() && at->first == name) {
-            at->second = std::move(text);
-        } else {
-            m_members.emplace(at, name, std::move(text));
+            std::lower_bound(m_spans.begin(), m_spans.end(), name,
+                             [](const Span& one, std::string_view key) { return one.name < key; });
+        // What is inserted brings one comma: behind it, or before it at the end of the record.
+        const bool isLast = at == m_spans.end();
+        const std::size_t before = isLast ? m_text.size() - 1 : at->begin;
+        const std::string rest = m_text.substr(before);
+        m_text.resize(before);
+        if (isLast && !m_spans.empty()) {
+            m_text.push_back(',');
         }
+        const Span added = append(name, value);
+        if (!isLast) {
+            m_text.push_back(',');
+        }
+        const std::size_t longer = m_text.size() - before;
+        m_text.append(rest);
+        for (auto later = at; later != m_spans.end(); ++later) {
+            later->begin += longer;
+            later->valueBegin += longer;
+            later->end += longer;
+        }
+        m_spans.insert(at, added);
     }
 
-    std::string whole() const {
-        std::string text = "{";
-        for (const auto& [name, value] : m_members) {
-            text.append(text.size() > 1 ? "," : "")
-                .append(compactText(Value(name)))
-                .append(":")
-                .append(value);
-        }
-        return text.append("}");
+    const std::string& whole() const { return m_text; }
+    std::size_t size() const { return m_spans.size(); }
+    std::string_view name(std::size_t i) const { return m_spans[i].name; }
+    std::string_view value(std::size_t i) const {
+        return std::string_view(m_text).substr(m_spans[i].valueBegin, m_spans[i].end - m_spans[i].valueBegin);
     }
-
-    const std::vector<std::pair<std::string, std::string>>& members() const { return m_members; }
 
   private:
-    std::vector<std::pair<std::string, std::string>> m_members;
+    struct Span {
+        std::string_view name;  ///< in the record
+        std::size_t begin;
+        std::size_t valueBegin;
+        std::size_t end;
+    };
+
+    static std::string_view nameOf(const Value::const_iterator& item) {
+        const char* end = nullptr;
+        const char* const begin = item.memberName(&end);
+        return {begin, static_cast<std::size_t>(end - begin)};
+    }
+
+    Span append(std::string_view name, const Value& value) {
+        Span span{name, m_text.size(), 0, 0};
+        // A view of a member's name ends with a zero byte, as do the literals that are inserted.
+        kyo::Json::appendCompact(m_text, Value(StaticString(name.data())));
+        m_text.push_back(':');
+        span.valueBegin = m_text.size();
+        kyo::Json::appendCompact(m_text, value);
+        span.end = m_text.size();
+        return span;
+    }
+
+    std::string m_text;
+    std::vector<Span> m_spans;
 };
 
 }  // namespace
@@ -148,9 +194,9 @@ bool Resource::isSubscribed() {
 void Resource::processData(Value record) {
     // Asked once, so that the trace is whole or absent.
     const bool told = kyo::Log::enabled(5);
-    std::optional<MemberTexts> texts;
+    std::optional<RecordText> text;
     if (told) {
-        texts.emplace(record);
+        text.emplace(record);
     }
     std::size_t indexes = 0;
     std::size_t attributes = 0;
@@ -170,7 +216,7 @@ void Resource::processData(Value record) {
         }
     }
     if (told) {
-        VLM_LOG_AS(5, kProcessData, "jsonData: " << texts->whole());
+        VLM_LOG_AS(5, kProcessData, "jsonData: " << text->whole());
         VLM_LOG_AS(5, kProcessData, "Size of someip index map = " << indexes);
         VLM_LOG_AS(5, kProcessData, "Size of attributes = " << attributes);
         VLM_LOG_AS(5, kProcessData, "JSON VALUES MEMBER SIZE = " << record.size());
@@ -180,23 +226,27 @@ void Resource::processData(Value record) {
             VLM_LOG_AS(5, kProcessData,
                        "COLLECT NAME FOUND = " << collector->c_str() << "for key = "
                                                << collectorKey(textIn(record, "serviceName"), m_name, index));
-            texts->set("collectorName", compactText(Value(*collector)));
-            texts->set("index", std::to_string(index));
         }
         record[StaticString("collectorName")] = Value(*collector);
         record[StaticString("index")] = Value(index);
     }
-    std::shared_ptr<const std::string> text;
+    std::shared_ptr<const std::string> whole;
     if (told) {
-        for (const auto& [name, value] : texts->members()) {
-            VLM_LOG_AS(5, kProcessData, "[" << name << "]:" << value);
+        if (record.size() == text->size() + 2) {
+            text->insert("collectorName", Value(*collector));
+            text->insert("index", Value(index));
+        } else if (collector) {
+            text.emplace(record);  // a record that brought one of them along
+        }
+        for (std::size_t i = 0; i < text->size(); ++i) {
+            VLM_LOG_AS(5, kProcessData, "[" << text->name(i) << "]:" << text->value(i));
         }
         if (record.isObject()) {
-            text = std::make_shared<const std::string>(texts->whole());
-            VLM_LOG_AS(5, kProcessData, "FAST WRITER = " << *text);
+            whole = std::make_shared<const std::string>(text->whole());
+            VLM_LOG_AS(5, kProcessData, "FAST WRITER = " << *whole);
         }
     }
-    IngressQueue::getInstance()->insertRecord(TextedRecord(std::move(record), std::move(text)));
+    IngressQueue::getInstance()->insertRecord(TextedRecord(std::move(record), std::move(whole)));
 }
 
 }  // namespace vlmProd

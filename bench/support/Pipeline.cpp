@@ -24,13 +24,35 @@ namespace {
 
 constexpr someip::Endpoint kVehicle{0x7F000002, 40000};
 constexpr auto kPatience = std::chrono::seconds(20);
+constexpr auto kNudgeAfter = std::chrono::milliseconds(5);
+
 /// Collected or lost: samples that are through.
 std::uint64_t ended() {
     static const auto& collected = kyo::Status::counter("records.collected");
     return collected.value() + Pipeline::lost();
 }
 
-constexpr auto kNudgeAfter = std::chrono::milliseconds(5);
+/// Until so many are through in this process.
+void settle(std::uint64_t expected) {
+    auto seen = ended();
+    auto changed = std::chrono::steady_clock::now();
+    const auto deadline = changed + kPatience;
+    while (ended() < expected) {
+        std::this_thread::sleep_for(kLook);
+        const auto now = std::chrono::steady_clock::now();
+        if (const auto value = ended(); value != seen) {
+            seen = value;
+            changed = now;
+        } else if (now - changed > kNudgeAfter) {
+            // The wake-up came between the thread's last look and its wait.
+            IngressQueue::getInstance()->SendWakeupSignal();
+            changed = now;
+        }
+        if (now > deadline) {
+            throw std::runtime_error("records do not arrive");
+        }
+    }
+}
 
 struct Names {
     const char* service;
@@ -146,41 +168,19 @@ Pipeline::Pipeline(Kind kind, int collectors, long long historyMs, Threads threa
     if (threads == Threads::Real) {
         IngressQueue::getInstance()->start();
     }
-    m_expected = ended();
 }
 
 void Pipeline::inject() {
     m_dispatcher.onDatagram(kVehicle, m_lanes[m_next].datagram, someip::Clock::now());
     m_next = (m_next + 1) % m_lanes.size();
-    ++m_expected;
-}
-
-void Pipeline::settle() {
-    auto seen = ended();
-    auto changed = std::chrono::steady_clock::now();
-    const auto deadline = changed + kPatience;
-    while (ended() < m_expected) {
-        std::this_thread::sleep_for(kLook);
-        const auto now = std::chrono::steady_clock::now();
-        if (const auto value = ended(); value != seen) {
-            seen = value;
-            changed = now;
-        } else if (now - changed > kNudgeAfter) {
-            // The wake-up came between the thread's last look and its wait.
-            IngressQueue::getInstance()->SendWakeupSignal();
-            changed = now;
-        }
-        if (now > deadline) {
-            throw std::runtime_error("records do not arrive");
-        }
-    }
 }
 
 void Pipeline::burst(int samples) {
+    const auto before = ended();
     for (int i = 0; i < samples; ++i) {
         inject();
     }
-    settle();
+    settle(before + static_cast<std::uint64_t>(samples));
 }
 
 void Pipeline::sampleByHand() {

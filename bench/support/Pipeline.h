@@ -42,7 +42,6 @@ class Pipeline {
 
   private:
     void inject();
-    void settle();
 
     struct Lane {
         std::vector<std::uint8_t> datagram;
@@ -52,7 +51,6 @@ class Pipeline {
     someip::EventDispatcher m_dispatcher;
     std::vector<Lane> m_lanes;
     std::size_t m_next = 0;
-    std::uint64_t m_expected = 0;  ///< collected and lost, once all is settled
 };
 
 /// The process's catalog, made once.

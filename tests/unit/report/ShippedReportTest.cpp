@@ -1,0 +1,56 @@
+// The text that waits in the shipping queue is the one that the writer makes of the whole report, and what
+// leaves is the one that it makes of the report without its catalog id.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "app/JsonFields.h"
+#include "report/ShippedReport.h"
+
+namespace {
+
+using kyo::Json::Value;
+using vlmProd::compactText;
+using vlmProd::ShippedReport;
+
+Value objectOf(const std::string& text) {
+    Value value;
+    EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;
+    return value;
+}
+
+}  // namespace
+
+TEST(ShippedReport, holds_the_writers_text_with_and_without_the_catalog_id_wherever_that_stands) {
+    for (const char* const text :
+         {R"({"catalogId":"c","signalCollections":[{"samples":[1.5,"\u00e9"]}],"zone":null})",
+          R"({"applicationName":"a","catalogId":"c","signalCollections":null})",
+          R"({"applicationName":"a","catalogId":{"odd":[1,2]}})", R"({"catalogId":""})",
+          R"({"applicationName":"no catalog id"})", "{}"}) {
+        SCOPED_TRACE(text);
+        Value report = objectOf(text);
+        ShippedReport shipped(report);
+        EXPECT_TRUE(shipped.isReadable());
+        EXPECT_EQ(shipped.text(), compactText(report));
+        const Value catalogId = report["catalogId"];
+        report.removeMember("catalogId");
+        EXPECT_EQ(shipped.withoutCatalogId(), compactText(report));
+        EXPECT_EQ(shipped.withoutCatalogId(), compactText(report)) << "sent again";
+        EXPECT_EQ(shipped.member("catalogId"), catalogId) << "the identifier of a repeated message needs it";
+        EXPECT_TRUE(shipped.member("signalCollections").isNull()) << "that is text alone";
+    }
+}
+
+TEST(ShippedReport, is_not_readable_when_it_is_no_report_or_nested_too_deep) {
+    EXPECT_FALSE(ShippedReport().isReadable());
+    EXPECT_FALSE(ShippedReport(Value("text")).isReadable());
+    EXPECT_EQ(ShippedReport(Value("text")).text(), "\"text\"");
+    Value report = objectOf(R"({"reportName":"r"})");
+    Value* at = &report["signalCollections"];
+    for (int i = 0; i < 1100; ++i) {
+        at = &at->append(Value(kyo::Json::arrayValue));
+    }
+    ShippedReport shipped(report);
+    EXPECT_FALSE(shipped.isReadable());
+    EXPECT_EQ(shipped.text(), R"({"reportName":"r","signalCollections":null})");
+}
