@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint clean
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -23,6 +23,7 @@ help:
 	@echo '                 SPEED=FACTOR      faster clock for vehicle and vlmmaster, by libfaketime'
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
 	@echo 'make bench     benchmarks, as a table'
+	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
@@ -54,6 +55,13 @@ test: build
 
 test-asan test-tsan: test-%:
 	$(MAKE) --no-print-directory test PRESET=$*
+
+# The kept seeds first, then new inputs; what was found stays in build/fuzz/corpus for the next time.
+fuzz:
+	@tools/run/deps.sh fuzz
+	@$(MAKE) --no-print-directory configure PRESET=fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	tests/fuzz/run.py --seconds $(or $(SECONDS),$(if $(MINUTES),$$(($(MINUTES) * 60)),60)) --jobs $(JOBS)
 
 bench:
 	@$(MAKE) --no-print-directory configure PRESET=release

@@ -1,0 +1,35 @@
+/// The application configuration with look-ups by path: the first lines are keys, an empty line ends them.
+#include <vector>
+
+#include "Fuzzing.h"
+#include "app/VLMConfig.h"
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
+    vlmFuzz::Input in({data, size});
+    std::vector<std::string> keys{"OfferedDataTypes", ""};
+    for (std::string key = in.line(); !key.empty(); key = in.line()) {
+        keys.push_back(key);
+    }
+    const std::string text = vlmFuzz::textOf(in.rest());
+    kyo::Json::Value document;
+    if (!vlmFuzz::parse(text, document)) {
+        return 0;  // the product ends with status 250
+    }
+    vlmProd::VLMConfig config(vlmFuzz::fileWith(text));
+    vlmFuzz::require(config.getConfigVersion().size() == 64, "the version is a digest");
+    vlmFuzz::require(config.getJsonValue("") == document, "the empty key is the document");
+    for (const auto& key : keys) {
+        for (const int index : {0, 3, -1}) {
+            config.getJsonValue(key, index);
+            config.getString(key, "", index);
+            config.getInt(key, 0, index);
+            config.getLong(key, 0, index);
+            config.getBool(key, false, index);
+            config.getDouble(key, 0, index);
+            config.getAsString(key, "", index);
+        }
+        config.getArraySize(key);
+    }
+    return 0;
+}

@@ -1,0 +1,48 @@
+/// Configuration answers of the backend. By the first byte: the answer itself; the text inside of a record,
+/// which is put into base64 here; or a file that the directory backend makes an answer of.
+#include <botan/base64.h>
+
+#include <memory>
+
+#include "Fuzzing.h"
+#include "config/ConfigControlPanel.h"
+#include "config/ConfigParser.h"
+#include "kyo/orx/ConfigurationFile.h"
+
+using kyo::Json::Value;
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
+    vlmFuzz::Input in({data, size});
+    const auto kind = in.byte();
+    const std::string text = vlmFuzz::textOf(in.rest());
+    int handled = 0;
+    const auto panel = std::make_shared<vlmProd::ConfigControlPanel>([&handled](Value configuration,
+                                                                                std::string, std::string) {
+        ++handled;
+        vlmProd::ConfigParser parser;
+        vlmProd::ConfigErrorCode code = vlmProd::ConfigErrorCode::Ok;
+        vlmFuzz::require(parser.parseFromJson(configuration, code) || code != vlmProd::ConfigErrorCode::Ok,
+                         "what is refused has a code");
+    });
+    Value document;
+    Value answer;
+    int least = 0;
+    if (kind == 'f') {
+        std::string error;
+        answer = kyo::orx::readConfigurationAnswer(vlmFuzz::fileWith(text), error);
+        least = vlmFuzz::parse(text, document) ? 1 : 0;
+    } else if (kind == 'b') {
+        Value record(kyo::Json::objectValue);
+        record["recordId"] = "record";
+        record["recordBody"] =
+            Botan::base64_encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+        answer.append(record);
+        least = vlmFuzz::parse(text, document) ? 1 : 0;
+    } else if (!vlmFuzz::parse(text, answer)) {
+        return 0;  // the transport passes on only what is JSON
+    }
+    panel->ConfigResponseCallback(answer);
+    vlmFuzz::require(handled >= least && handled <= 1, "a good answer is handled, once");
+    return 0;
+}

@@ -1,0 +1,37 @@
+/// The machine manifest. What is accepted must be usable: addresses that are some, times in order.
+#include "Fuzzing.h"
+#include "machine/Manifest.h"
+#include "someip/Endpoint.h"
+
+using vlmFuzz::require;
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    kyo::Json::Value document;
+    if (!vlmFuzz::parse(vlmFuzz::textOf({data, size}), document)) {
+        return 0;  // the product ends with status 1
+    }
+    machine::Manifest manifest;
+    std::string error;
+    if (!machine::readManifest(document, manifest, error)) {
+        require(!error.empty(), "what is refused has a reason");
+        return 0;
+    }
+    require(error.empty(), "what is accepted has none");
+    someip::Address address = 0;
+    someip::Network network;
+    require(someip::parseAddress(manifest.someip.address, address), "the address is one");
+    require(someip::parseAddress(manifest.someip.discovery.group, address), "the group is one");
+    require(someip::parseNetwork(manifest.someip.network, network), "the network is one");
+    require(manifest.someip.discovery.initialDelayMinMs <= manifest.someip.discovery.initialDelayMaxMs,
+            "the initial delay is a range");
+    require(manifest.backend.transport == "directory" || manifest.backend.transport == "mqtt",
+            "the transport is one");
+    require(manifest.backend.mqtt.reconnectMinSeconds <= manifest.backend.mqtt.reconnectMaxSeconds,
+            "the time to connect again is a range");
+    if (document.isObject() && document.isMember("someip")) {
+        machine::SomeIpSettings settings;
+        require(machine::readSomeIpSettings(document["someip"], settings, error),
+                "a section alone is read the same");
+    }
+    return 0;
+}

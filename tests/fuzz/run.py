@@ -1,0 +1,115 @@
+#!/usr/bin/env python3
+"""Runs the fuzz targets of a build: first what is kept in seeds/, then new inputs for the given time.
+
+What was found in earlier runs goes on from build/fuzz/corpus; an input that breaks something is left in
+build/fuzz/findings. Exit status 1 when there is one.
+"""
+import argparse
+import concurrent.futures
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
+# Files of the repository that are seeds as they are.
+EXAMPLES = {"collector_configuration": ["examples/collector*.json"],
+            "machine_manifest": ["examples/machine-manifest.json", "packaging/machine-manifest.json"]}
+LARGEST_EXAMPLE = 16384  # bytes; larger ones only slow it down
+DICTIONARIES = {"someip_discovery": "discovery", "someip_header": None, "someip_structure": None}
+LIMITS = ["-timeout=10", "-rss_limit_mb=1024", "-malloc_limit_mb=128", "-max_len=8192"]
+
+
+def seeds_of(target):
+    found = sorted((HERE / "seeds" / target).glob("*"))
+    for pattern in EXAMPLES.get(target, []):
+        found += [path for path in sorted(ROOT.glob(pattern)) if path.stat().st_size <= LARGEST_EXAMPLE]
+    return found
+
+
+class Result:
+    def __init__(self, target):
+        self.target, self.executions, self.coverage, self.added, self.fault = target, 0, 0, 0, None
+
+
+def run_target(target, options):
+    result = Result(target)
+    program = str(options.build / "tests/fuzz" / f"fuzz_{target}")
+    findings = options.work / "findings"
+    corpus = options.work / "corpus" / target
+    corpus.mkdir(parents=True, exist_ok=True)
+    log = options.work / f"{target}.log"
+    seeds = seeds_of(target)
+    # A small quarantine: the targets free what they take within one input.
+    environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=16:" + os.environ.get("ASAN_OPTIONS", "")}
+    common = [program, *LIMITS, f"-artifact_prefix={findings}/{target}-"]
+
+    def execute(arguments, limit):
+        with open(log, "ab") as out:
+            try:
+                return subprocess.run(common + arguments, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                      env=environment, timeout=limit).returncode
+            except subprocess.TimeoutExpired:
+                return "does not end"
+
+    log.write_bytes(b"")
+    if not seeds:
+        result.fault = "has no seeds"
+        return result
+    if execute([str(seed) for seed in seeds], 60 + 10 * len(seeds)) != 0:
+        result.fault = "a kept seed"
+        return result
+    for path in seeds:
+        shutil.copyfile(path, corpus / f"seed-{path.name}")
+    dictionary = DICTIONARIES.get(target, "json")
+    arguments = [f"-max_total_time={options.seconds}", "-print_final_stats=1"]
+    if dictionary:
+        arguments.append(f"-dict={HERE / 'dictionaries' / dictionary}.dict")
+    if execute([*arguments, str(corpus)], options.seconds + 120) != 0:
+        result.fault = "a new input"
+    text = log.read_text(errors="replace")
+    for name, pattern in (("executions", r"stat::number_of_executed_units:\s+(\d+)"), ("coverage", r" cov: (\d+)"),
+                          ("added", r"stat::new_units_added:\s+(\d+)")):
+        found = re.findall(pattern, text)
+        setattr(result, name, int(found[-1]) if found else 0)
+    return result
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", type=Path, default=ROOT / "build/fuzz", help="build folder of the preset fuzz")
+    parser.add_argument("--seconds", type=int, default=60, help="per target, behind the kept seeds")
+    parser.add_argument("--jobs", type=int, default=1, help="targets at once")
+    parser.add_argument("targets", nargs="*", help="all without one")
+    options = parser.parse_args()
+    options.build = options.build.resolve()
+    options.work = options.build
+    (options.work / "findings").mkdir(parents=True, exist_ok=True)
+    targets = options.targets or sorted(path.name for path in (HERE / "seeds").iterdir())
+
+    begin = time.monotonic()
+    with concurrent.futures.ThreadPoolExecutor(max(1, options.jobs)) as pool:
+        results = list(pool.map(lambda target: run_target(target, options), targets))
+
+    print(f"{'target':26} {'executions':>12} {'coverage':>9} {'new inputs':>11}  result")
+    for result in results:
+        print(f"{result.target:26} {result.executions:12,} {result.coverage:9,} {result.added:11,}  "
+              f"{'FAULT in ' + result.fault if result.fault else 'clean'}")
+    print(f"{options.seconds} s each, {time.monotonic() - begin:.0f} s in all")
+    bad = [result for result in results if result.fault]
+    for result in bad:
+        log = options.work / f"{result.target}.log"
+        tail = log.read_text(errors="replace").splitlines() if log.exists() else []
+        print(f"\n{result.target}: {log}\n" + "\n".join(tail[-60:]), file=sys.stderr)
+    if bad:
+        print(f"Inputs are in {options.work / 'findings'}; one of them again: build/fuzz/tests/fuzz/fuzz_TARGET FILE. "
+              "Keep it in tests/fuzz/seeds/TARGET when it is mended.", file=sys.stderr)
+    return 1 if bad else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,33 @@
+/// The signal catalog, from its file to every question that the base setup asks.
+#include "Fuzzing.h"
+#include "catalog/VlmJsonCatalog.h"
+
+using namespace vlmProd;
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
+    const std::string text = vlmFuzz::textOf({data, size});
+    kyo::Json::Value document;
+    if (!vlmFuzz::parse(text, document)) {
+        return 0;  // the product ends with status 250
+    }
+    try {
+        VlmJsonCatalog catalog(vlmFuzz::fileWith(text));
+        catalog.getCatalogVersion();
+        FilesReturnCode code = FilesReturnCode::Ok;
+        const auto services = catalog.getServicesNames(code);
+        vlmFuzz::require(static_cast<int>(services.size()) == catalog.getNumberOfServices(),
+                         "services are counted");
+        for (const auto& service : services) {
+            for (const auto& [resource, ids] : catalog.getAllInstancesOfAService(service, code)) {
+                catalog.getSomeIPKey(service, resource, code);
+                for (const int id : ids) {
+                    catalog.getAllProperties(service, resource, id);
+                }
+            }
+        }
+        catalog.getSomeIPKey("GNSS", "positions", code);
+    } catch (const std::exception&) {  // an instance id that is no number; ends the start-up
+    }
+    return 0;
+}

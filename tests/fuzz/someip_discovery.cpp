@@ -1,0 +1,127 @@
+/// Discovery datagrams and time, through parser, sessions, client and server. What is sent in answer is read
+/// again, and what the observer hears must make sense as a whole.
+#include <algorithm>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "Fuzzing.h"
+#include "someip/ServiceDiscovery.h"
+
+using namespace someip;
+using namespace std::chrono_literals;
+using vlmFuzz::Bytes;
+using vlmFuzz::Input;
+using vlmFuzz::require;
+
+namespace {
+
+constexpr Network kNetwork{0x7F000000, 0xFF000000};
+constexpr Endpoint kSelf{0x7F000001, 50000};
+constexpr Endpoint kPeers[] = {
+    {0x7F000002, 30490}, {0x7F000003, 30490}, {0x7F000002, 30491}, {0x7F000004, 30490}};
+constexpr ServiceKey kWanted[] = {{0x1001, 1, 1}, {0x1002, kAnyInstance, 1}};
+constexpr ServiceKey kOffered{0x2001, 1, 1};
+constexpr std::uint16_t kOfferedGroups[] = {1, 2};
+
+struct Witness : SdObserver {
+    void serviceUp(const RemoteService& service) override {
+        require(kNetwork.contains(service.endpoint.address), "events come from inside the network only");
+        require(service.endpoint.port != 0, "a service has a port");
+        require(up.insert(service.key).second, "a service comes up once");
+    }
+    void serviceDown(const RemoteService& service, const char*) override {
+        require(up.erase(service.key) == 1, "only a service that is up goes down");
+    }
+    void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) override {
+        require(state == SubscriptionState::Idle || up.contains(eventgroup.service),
+                "only what is offered is subscribed");
+    }
+    void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) override {
+        require(up.contains(eventgroup.service) && isMulticast(group.address), "a group is one");
+    }
+    bool admitSubscriber(const EventgroupKey&, const Endpoint&) override { return true; }
+    void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) override {
+        require(eventgroup.service == kOffered && eventgroup.eventgroup <= 2,
+                "only what is offered has subscribers");
+        require(kNetwork.contains(receiver.address), "subscribers are inside the network");
+        require(++subscribers[eventgroup] <= SdServer::kMaxSubscribers, "subscribers are bounded");
+    }
+    void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint&) override {
+        require(subscribers[eventgroup]-- > 0, "only a subscriber is removed");
+    }
+    void peerRebooted(const Endpoint&) override {}
+
+    std::set<ServiceKey> up;
+    std::map<EventgroupKey, std::size_t> subscribers;
+};
+
+void checkSent(ServiceDiscovery& discovery) {
+    for (const auto& datagram : discovery.outbox().take()) {
+        MessageReader messages(datagram.bytes);
+        Header header;
+        Bytes body;
+        require(datagram.bytes.size() <= kMaxSdMessage, "a message fits into a frame");
+        require(messages.next(header, body), "a sent datagram is a message");
+        SdMessage message;
+        std::string error;
+        require(parseSdMessage(header, body, message, error) && !message.entries.empty(),
+                "what is sent can be read");
+    }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input in({data, size});
+    Witness witness;
+    ServiceDiscovery discovery({}, kSelf, kNetwork, witness, 1);
+    Clock::time_point now{1h};
+    discovery.client().want(kWanted[0], now);
+    discovery.client().want(kWanted[1], now);
+    discovery.client().wantEventgroup({kWanted[0], 1}, now);
+    discovery.server().offer(kOffered, 0, {std::begin(kOfferedGroups), std::end(kOfferedGroups)}, now);
+    std::uint16_t session = 0;
+    while (!in.empty()) {
+        const auto op = in.byte();
+        const Endpoint& from = kPeers[(op >> 2) & 3];
+        const bool multicast = (op & 0x10) != 0;
+        std::string error;
+        switch (op & 3) {
+            case 0:
+                discovery.onDatagram(from, multicast, in.take(in.word() % 1500), now, error);
+                break;
+            case 1: {  // a body with the right header and the next session
+                const Bytes body = in.take(in.word() % 1500);
+                Header header;
+                header.service = kSdService;
+                header.method = kSdMethod;
+                header.session = ++session == 0 ? ++session : session;
+                header.interfaceVersion = 1;
+                header.length = static_cast<std::uint32_t>(kLengthCovers + body.size());
+                std::vector<std::uint8_t> bytes(kHeaderSize);
+                writeHeader(header, bytes.data());
+                bytes.insert(bytes.end(), body.begin(), body.end());
+                discovery.onDatagram(from, multicast, bytes, now, error);
+                break;
+            }
+            case 2:
+                now += std::chrono::milliseconds(in.word());
+                discovery.onTime(now);
+                break;
+            case 3:
+                if ((op & 0x20) != 0) {
+                    discovery.client().wantEventgroup({{0x1002, 1, 1}, op}, now);
+                } else {
+                    discovery.client().dropEventgroup({kWanted[0], 1});
+                    discovery.client().wantEventgroup({kWanted[0], 1}, now);
+                }
+                break;
+        }
+        checkSent(discovery);
+        require(witness.up.size() <= 2 * SdClient::kMaxOffers, "what is remembered is bounded");
+    }
+    discovery.shutdown();
+    checkSent(discovery);
+    return 0;
+}

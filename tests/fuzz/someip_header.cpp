@@ -1,0 +1,128 @@
+/// Datagrams from several peers with time between them, through the dispatcher: headers, routes, segments.
+/// And the other way round: what is cut into segments is joined again, in whatever order they come.
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "Fuzzing.h"
+#include "someip/EventDispatcher.h"
+
+using namespace someip;
+using namespace std::chrono_literals;
+using vlmFuzz::Bytes;
+using vlmFuzz::Input;
+using vlmFuzz::require;
+
+namespace {
+
+constexpr ac::com::ServiceInterface kService{"Fuzzed", 0x1234, 1, 0};
+constexpr ac::com::EventInterface kEvents[] = {{"first", 0x8001, 1}, {"second", 0x8002, 2}};
+constexpr Endpoint kPeers[] = {
+    {0x7F000002, 40000}, {0x7F000002, 40001}, {0x7F000003, 40000}, {0x0A000001, 1}};
+constexpr ReassemblyLimits kLimits{4096, 12288, 4, 500ms};
+
+std::vector<std::uint8_t> message(std::uint16_t event, std::uint16_t session, bool segmented, Bytes payload) {
+    Header header;
+    header.service = kService.serviceId;
+    header.method = event;
+    header.session = session;
+    header.interfaceVersion = kService.majorVersion;
+    header.length = static_cast<std::uint32_t>(kLengthCovers + payload.size());
+    header.type |= segmented ? kSegmentFlag : 0;
+    std::vector<std::uint8_t> bytes(kHeaderSize);
+    writeHeader(header, bytes.data());
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
+
+void hear(Input in) {
+    const std::atomic<bool> stop{false};
+    EventDispatcher dispatcher(kLimits, stop);
+    std::vector<EventDispatcher::Route> routes;
+    for (const auto& event : kEvents) {
+        // The second event comes from another peer.
+        routes.push_back(
+            {kPeers[routes.size()],
+             std::make_shared<EventReceiver>(kService, 1, event, [](Bytes payload, ac::com::DecodeReport&) {
+                 require(payload.size() <= kLimits.maxMessageBytes, "no payload is larger than allowed");
+             })});
+    }
+    dispatcher.setRoutes(routes);
+    Clock::time_point now{1h};
+    while (!in.empty()) {
+        const auto op = in.byte();
+        const Endpoint& from = kPeers[(op >> 2) & 3];
+        switch (op & 3) {
+            case 0: {
+                const Bytes datagram = in.take(std::min<std::size_t>(in.word(), kLimits.maxMessageBytes));
+                dispatcher.onDatagram(from, datagram, now);
+                break;
+            }
+            case 1:
+            case 2: {
+                const std::uint16_t event = kEvents[op >> 7].eventId;
+                const auto session = in.byte();
+                const auto bytes = message(event, session, (op & 3) == 2, in.take(in.byte()));
+                dispatcher.onDatagram(from, bytes, now);
+                break;
+            }
+            case 3:
+                now += std::chrono::milliseconds(in.word());
+                dispatcher.onTime(now);
+                break;
+        }
+    }
+    dispatcher.onTime(now + 1h);
+    require(dispatcher.nextDeadline() == Clock::time_point::max(), "nothing stays open for ever");
+}
+
+void cutAndJoin(Input in) {
+    Header header;
+    header.session = 1;
+    const std::size_t size = 1 + in.word() % 20000;
+    const std::size_t steps = in.byte() % 32;
+    const Bytes swaps = in.take(2 * steps);
+    const Bytes pattern = in.rest();
+    std::vector<std::uint8_t> payload(size);
+    for (std::size_t i = 0; i < size; ++i) {
+        payload[i] = static_cast<std::uint8_t>((pattern.empty() ? 0 : pattern[i % pattern.size()]) + i / 251);
+    }
+    std::vector<std::vector<std::uint8_t>> segments;
+    require(segment(header, payload,
+                    [&](Bytes datagram) {
+                        segments.emplace_back(datagram.begin() + kHeaderSize, datagram.end());
+                        return true;
+                    }),
+            "a payload is cut");
+    const std::size_t needed = segments.size();
+    for (std::size_t i = 0; i + 1 < swaps.size(); i += 2) {
+        std::swap(segments[swaps[i] % needed], segments[swaps[i + 1] % needed]);
+    }
+    Reassembler joiner({});
+    const SegmentKey key{kPeers[0], 1, 2, 0, header.session};
+    std::vector<std::uint8_t> joined;
+    for (std::size_t i = 0; i < needed; ++i) {
+        const bool complete = joiner.add(key, segments[i], Clock::time_point{1h}, joined);
+        require(complete == (i + 1 == needed), "the last segment, and no other, completes the message");
+        // Each comes twice, as networks with two paths have it.
+        std::vector<std::uint8_t> again;
+        require(!joiner.add(key, segments[i], Clock::time_point{1h}, again),
+                "a doubled segment completes nothing");
+    }
+    require(joined == payload, "what was cut is joined");
+    require(joiner.openSets() == 0 && joiner.heldBytes() == 0 && joiner.dropped() == 0,
+            "nothing is left over");
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input in({data, size});
+    if ((in.byte() & 7) == 7) {
+        cutAndJoin(in);
+    } else {
+        hear(in);
+    }
+    return 0;
+}

@@ -1,0 +1,61 @@
+/// Payloads through the generated readers of several services. What can be decoded is encoded, and both must
+/// mean the same.
+#include <array>
+#include <vector>
+
+#include "Fuzzing.h"
+#include "qdr/services/airbag/datatypes.h"
+#include "qdr/services/chassis/datatypes.h"
+#include "qdr/services/gnss/datatypes.h"
+#include "qdr/services/obdinformation/datatypes.h"
+#include "qdr/services/powertrain/datatypes.h"
+#include "qdr/services/temperature/datatypes.h"
+
+namespace {
+
+using namespace qdr::services;
+using vlmFuzz::Bytes;
+using vlmFuzz::require;
+
+template <typename DT>
+void decode(Bytes payload) {
+    std::vector<DT> samples;
+    ac::com::DecodeReport report;
+    const bool good = ac::com::decodeSamples(payload, samples, report);
+    require(good == (report.result == ac::com::DecodeResult::Good), "result and report agree");
+    require(good == report.error.empty(), "what is refused has a reason");
+    if (!good) {
+        require(samples.empty(), "nothing is left of what was refused");
+        return;
+    }
+    require(samples.size() <= ac::com::kMaxSamplesPerMessage, "the number of samples is bounded");
+    std::vector<std::uint8_t> once;
+    ac::com::encodeSamples(samples, once);
+    std::vector<DT> again;
+    require(ac::com::decodeSamples(Bytes(once), again, report) && report.doubledMembers == 0,
+            "what was encoded can be decoded");
+    std::vector<std::uint8_t> twice;
+    ac::com::encodeSamples(again, twice);
+    require(once == twice, "encoding loses nothing");
+}
+
+constexpr std::array kDecoders{
+    &decode<gnss::datatypes::DT_positions_struct>,
+    &decode<gnss::datatypes::DT_positionsQuality_struct>,
+    &decode<chassis::datatypes::DT_axes_struct>,
+    &decode<chassis::datatypes::DT_velocityInfo_struct>,
+    &decode<airbag::datatypes::DT_crashInfo_struct>,
+    &decode<airbag::datatypes::DT_notifications_struct>,
+    &decode<temperature::datatypes::DT_temperatures_struct>,
+    &decode<powertrain::datatypes::DT_status_struct>,
+    &decode<obdinformation::datatypes::DT_settings_struct>,
+};
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size != 0) {
+        kDecoders[data[0] % kDecoders.size()](Bytes(data + 1, size - 1));
+    }
+    return 0;
+}
