@@ -41,14 +41,12 @@ void askEverything(ConfigParser& parser) {
     require(code == ConfigErrorCode::Ok, "what was accepted is accepted again");
 
     int shipped = 0;
-    VlmReportControl control([&shipped](kyo::Json::Value&) { ++shipped; });
+    VlmReportControl control([&shipped](const ShippedReport&) { ++shipped; });
     const kyo::Json::Value reports = parser.configReportBlock(code);
     control.initializeReportControl(reports, parser.getConfigName(), parser.getConfigVersion());
-    kyo::Json::Value collections(kyo::Json::arrayValue);
+    std::vector<SignalCollection> collections;
     for (const auto& [name, history] : names) {
-        kyo::Json::Value collection(kyo::Json::objectValue);
-        collection["collectName"] = name;
-        collections.append(collection);
+        collections.emplace_back(name, "{}");
     }
     control.processReportQueue(collections);
     require(shipped == static_cast<int>(reports.size()), "each report is made");
