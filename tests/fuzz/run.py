@@ -9,6 +9,7 @@ import concurrent.futures
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -31,6 +32,16 @@ def seeds_of(target):
     return found
 
 
+running = set()
+stopped = []
+
+
+def stop(*_):
+    stopped.append(True)
+    for process in list(running):
+        process.terminate()
+
+
 class Result:
     def __init__(self, target):
         self.target, self.executions, self.coverage, self.added, self.fault = target, 0, 0, 0, None
@@ -50,18 +61,26 @@ def run_target(target, options):
 
     def execute(arguments, limit):
         with open(log, "ab") as out:
+            if stopped:
+                return "stopped"
+            process = subprocess.Popen(common + arguments, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                       env=environment, start_new_session=True)
+            running.add(process)
             try:
-                return subprocess.run(common + arguments, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                      env=environment, timeout=limit).returncode
+                return process.wait(limit)
             except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
                 return "does not end"
+            finally:
+                running.discard(process)
 
     log.write_bytes(b"")
     if not seeds:
         result.fault = "has no seeds"
         return result
     if execute([str(seed) for seed in seeds], 60 + 10 * len(seeds)) != 0:
-        result.fault = "a kept seed"
+        result.fault = "stopped" if stopped else "FAULT in a kept seed"
         return result
     for path in seeds:
         shutil.copyfile(path, corpus / f"seed-{path.name}")
@@ -70,7 +89,7 @@ def run_target(target, options):
     if dictionary:
         arguments.append(f"-dict={HERE / 'dictionaries' / dictionary}.dict")
     if execute([*arguments, str(corpus)], options.seconds + 120) != 0:
-        result.fault = "a new input"
+        result.fault = "stopped" if stopped else "FAULT in a new input"
     text = log.read_text(errors="replace")
     for name, pattern in (("executions", r"stat::number_of_executed_units:\s+(\d+)"), ("coverage", r" cov: (\d+)"),
                           ("added", r"stat::new_units_added:\s+(\d+)")):
@@ -91,6 +110,8 @@ def main():
     (options.work / "findings").mkdir(parents=True, exist_ok=True)
     targets = options.targets or sorted(path.name for path in (HERE / "seeds").iterdir())
 
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, stop)
     begin = time.monotonic()
     with concurrent.futures.ThreadPoolExecutor(max(1, options.jobs)) as pool:
         results = list(pool.map(lambda target: run_target(target, options), targets))
@@ -98,12 +119,13 @@ def main():
     print(f"{'target':26} {'executions':>12} {'coverage':>9} {'new inputs':>11}  result")
     for result in results:
         print(f"{result.target:26} {result.executions:12,} {result.coverage:9,} {result.added:11,}  "
-              f"{'FAULT in ' + result.fault if result.fault else 'clean'}")
+              f"{result.fault or 'clean'}")
     print(f"{options.seconds} s each, {time.monotonic() - begin:.0f} s in all")
     bad = [result for result in results if result.fault]
     for result in bad:
         log = options.work / f"{result.target}.log"
-        tail = log.read_text(errors="replace").splitlines() if log.exists() else []
+        lines = log.read_text(errors="replace").splitlines() if log.exists() else []
+        tail = [line for line in lines if not line.startswith("#")]  # without its progress
         print(f"\n{result.target}: {log}\n" + "\n".join(tail[-60:]), file=sys.stderr)
     if bad:
         print(f"Inputs are in {options.work / 'findings'}; one of them again: build/fuzz/tests/fuzz/fuzz_TARGET FILE. "
