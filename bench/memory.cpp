@@ -5,8 +5,9 @@
 #include <string>
 
 #include "app/JsonFields.h"
-#include "bus/ConcurrentQueue.h"
-#include "collect/TextedRecord.h"
+#include "collect/CollectorImpl.h"
+#include "collect/IngressQueue.h"
+#include "kyo/Log.h"
 #include "support/Floor.h"
 
 namespace {
@@ -45,22 +46,25 @@ void measure(benchmark::State& state, Put&& put) {
 /// In a collector's output queue, where a record waits for its tick.
 void outputQueue(benchmark::State& state) {
     measure(state, [] {
-        vlmProd::ConcurrentQueue<kyo::Json::Value> queue;
+        vlmProd::CollectorImpl collector("bench", 1, "GNSS", "positions", 1, "clock",
+                                         vlmProd::CollectorOnEventType::Clock);
+        collector.insertRecord(vlmProd::TextedRecord(recordOf41()));  // what is allocated once
         const std::size_t before = heapInUse();
         for (int i = 0; i < kRecords; ++i) {
-            queue.put(recordOf41(), 24);
+            collector.insertRecord(vlmProd::TextedRecord(recordOf41()));
         }
         return static_cast<double>(heapInUse() - before) / kRecords;
     });
 }
 
-/// In the ingress queue, and in a collector's input queue during a tick.
+/// In the ingress queue.
 void ingressQueue(benchmark::State& state) {
     measure(state, [] {
-        vlmProd::ConcurrentQueue<vlmProd::TextedRecord> queue;
+        vlmProd::IngressQueue queue;
+        queue.insertRecord(vlmProd::TextedRecord(recordOf41()));
         const std::size_t before = heapInUse();
         for (int i = 0; i < kRecords; ++i) {
-            queue.put(vlmProd::TextedRecord(recordOf41()), 24);
+            queue.insertRecord(vlmProd::TextedRecord(recordOf41()));
         }
         return static_cast<double>(heapInUse() - before) / kRecords;
     });
@@ -71,4 +75,9 @@ BENCHMARK(ingressQueue)->Iterations(1);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    kyo::Log::setReportingLevel(3);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

@@ -79,7 +79,7 @@ vlmProd::VlmDataSubmissionControl& submission() {
 std::unique_ptr<vlmProd::VlmReportControl> reportControl(int collectors) {
     haveCatalog();
     auto control = std::make_unique<vlmProd::VlmReportControl>(
-        [](Value& report) { submission().addReportToShippingQueue(report); });
+        [](vlmProd::ShippedReport report) { submission().addReportToShippingQueue(std::move(report)); });
     Value reports(kyo::Json::arrayValue);
     reports[0]["name"] = "report";
     reports[0]["application"] = "bench";

@@ -18,7 +18,7 @@ class Collector : public ICollector {
 
     void onOnEventCallback(Message message) override;
     void insertRecord(kyo::Json::Value& record) override;
-    /// The same for a record that the caller gives away.
+    /// The same for a record that is written already.
     void insertRecord(TextedRecord record);
     void setHistoryDuration(long long duration) override;
 

@@ -1,14 +1,12 @@
 #include "collect/CollectorImpl.h"
 
 #include <algorithm>
-#include <cmath>
 #include <mutex>
 #include <string_view>
 #include <utility>
-#include <vector>
 
-#include "app/JsonFields.h"
 #include "app/VlmLog.h"
+#include "collect/CollectionWriter.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
@@ -21,6 +19,7 @@ using kyo::Json::Value;
 namespace {
 
 constexpr unsigned int kRecordWeight = 24;
+constexpr const char* kMoveToReport = "void vlmProd::CollectorImpl::moveRecordFromOutputqToReportBuffer()";
 constexpr const char* kInsertRecord = "virtual void vlmProd::CollectorImpl::insertRecord(kyo::Json::Value&)";
 
 /// Records in the queues of all collectors.
@@ -38,38 +37,6 @@ std::atomic<std::int64_t>& recordsWaiting() {
 void left(kyo::Counter& reason) {
     recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
     reason.add();
-}
-
-std::int64_t timestampOf(const Value& record) {
-    std::int64_t timestamp = 0;
-    toInt64(member(record, "timestamp"), timestamp);
-    return timestamp;
-}
-
-/// Moves the member out of the record. False when the record has no such member.
-bool extract(Value& record, std::string_view name, Value& out) {
-    return record.removeMember(name.data(), name.data() + name.size(), &out);
-}
-
-/// A report that holds a number that JSON cannot express could not be shipped: such members are left out.
-void dropNonFinite(Value& value, const std::string& collector) {
-    std::vector<std::string> unusable;
-    for (auto item = value.begin(); item != value.end(); ++item) {
-        if (item->type() == kyo::Json::realValue && !std::isfinite(item->asDouble())) {
-            if (value.isArray()) {
-                *item = Value();
-            } else {
-                unusable.push_back(item.name());
-            }
-        } else if (item->isObject() || item->isArray()) {
-            dropNonFinite(*item, collector);
-        }
-    }
-    for (const auto& name : unusable) {
-        value.removeMember(name);
-        VLM_LOG(3, "A record of the Collector: " << collector << " has no finite number in '" << name
-                                                 << "'; that member is left out");
-    }
 }
 
 }  // namespace
@@ -110,9 +77,9 @@ void CollectorImpl::insertRecord(Value& record) {
 
 void CollectorImpl::insertRecord(TextedRecord record) {
     VLM_LOG_AS(5, kInsertRecord, "Adding new record to InputQ for the Collector: " << m_name);
-    std::shared_ptr<const std::string> text;
-    if (kyo::Log::enabled(5)) {
-        record.asText();
+    std::string text;  // the queue takes the record's own
+    const bool told = kyo::Log::enabled(5);
+    if (told) {
         text = record.text;
     }
     // One insertion at a time: in the History state every record passes at once. Two that met in the input
@@ -121,9 +88,9 @@ void CollectorImpl::insertRecord(TextedRecord record) {
     if (m_input.put(std::move(record), kRecordWeight)) {
         recordsWaiting().fetch_add(1, std::memory_order_relaxed);
     }
-    if (text) {
+    if (told) {
         VLM_LOG_AS(5, kInsertRecord,
-                   "Record inserted to Input queue for the Collector " << m_name << " recordJson: " << *text);
+                   "Record inserted to Input queue for the Collector " << m_name << " recordJson: " << text);
     }
     moveRecFromInputqToOutputq();
 }
@@ -169,10 +136,10 @@ bool CollectorImpl::validateRecord() {
     for (;;) {
         std::int64_t front = 0;
         std::int64_t back = 0;
-        if (!m_input.withFront([&front](const TextedRecord& record) { front = timestampOf(record.value); })) {
+        if (!m_input.withFront([&front](const TextedRecord& record) { front = record.timestamp; })) {
             return false;
         }
-        m_input.withBack([&back](const TextedRecord& record) { back = timestampOf(record.value); });
+        m_input.withBack([&back](const TextedRecord& record) { back = record.timestamp; });
         // Time stamps are whatever a record says: the difference must not overflow.
         const auto difference =
             static_cast<std::int64_t>(static_cast<std::uint64_t>(front) - static_cast<std::uint64_t>(back));
@@ -218,26 +185,28 @@ void CollectorImpl::moveRecFromInputqToOutputq() {
         if (!m_input.take(&record)) {
             return;
         }
+        VLM_LOG(5,
+                "Taking data from input queue for the Collector: " << m_name << " jsonCopy: " << record.text);
+        std::string text;
         const bool told = kyo::Log::enabled(5);
         if (told) {
-            VLM_LOG(5, "Taking data from input queue for the Collector: " << m_name << " jsonCopy: "
-                                                                          << record.asText());
+            text = record.text;
         }
-        if (m_output.put(std::move(record.value), kRecordWeight)) {
+        if (m_output.put(std::move(record.text), kRecordWeight)) {
             collected.add();
         } else {
             recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
         }
         if (told) {
             VLM_LOG(5, "Moved data from input queue to output queue for the Collector: "
-                           << m_name << " jsonCopy: " << *record.text);
+                           << m_name << " jsonCopy: " << text);
         }
     }
 }
 
 void CollectorImpl::clearOutputQueue() {
     static auto& replaced = kyo::Status::counter("records.replaced");
-    Value record;
+    std::string record;
     while (m_output.take(&record)) {
         VLM_LOG(5, "Removing data from output queue, jsonCopy:" << record);
         left(replaced);
@@ -248,7 +217,7 @@ void CollectorImpl::moveRecordFromOutputqToReportBuffer() {
     VlmReportControl::getInstance().addToReport(buildCollection());
 }
 
-Value CollectorImpl::emptyCollection() const {
+SignalCollection CollectorImpl::emptyCollection() const {
     Value collection(kyo::Json::objectValue);
     collection[StaticString("collectName")] = m_name;
     collection[StaticString("serviceName")] = m_serviceName;
@@ -259,69 +228,34 @@ Value CollectorImpl::emptyCollection() const {
     collection[StaticString("endOfHistory")] = static_cast<kyo::Json::Int64>(m_lastOnEvent.load());
     collection[StaticString("causeOfSubmit")] = 0;
     collection[StaticString("samples")] = Value();
-    return collection;
+    return SignalCollection(collection);
 }
 
-Value CollectorImpl::buildCollection() {
+SignalCollection CollectorImpl::buildCollection() {
     if (m_output.size() == 0) {
-        VLM_LOG(5, "Output queue of Collector " << m_name << " is empty");
+        VLM_LOG_AS(5, kMoveToReport, "Output queue of Collector " << m_name << " is empty");
         return emptyCollection();
     }
-    Value samples(kyo::Json::arrayValue);
-    // A record that lacks one of these takes over that of the record before it.
-    std::string collectorName;
-    std::string serviceName;
-    std::string resourceName;
-    int index = 0;
-    std::string timestamp;
-    Value record;
+    CollectionWriter writer;
+    std::string record;
     while (m_output.take(&record)) {
         recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
-        VLM_LOG(
-            5, "moveRecordFromOutputqToReportBuffer for the Collector: " << m_name << " jsonCopy " << record);
-        if (!record.isObject()) {
-            record = Value(kyo::Json::objectValue);
-        }
-        Value found;
-        if (extract(record, "collectorName", found)) {
-            collectorName = textOf(found);
-        }
-        if (extract(record, "serviceName", found)) {
-            serviceName = textOf(found);
-        }
-        if (extract(record, "resName", found)) {
-            resourceName = textOf(found);
-        }
-        if (extract(record, "index", found)) {
-            toInt(found, index);
-        }
-        if (extract(record, "timestamp", found)) {
-            timestamp = textOf(found);
-        }
-        dropNonFinite(record, m_name);
-        Value& sample = samples.append(Value(kyo::Json::objectValue));
-        sample[StaticString("timestamp")] = timestamp;
-        sample[StaticString("propertyValuePairs")] = std::move(record);
-        VLM_LOG(5, "Sample: " << sample);
-        VLM_LOG(5,
-                "ZEPH-43126: Collector: " << m_name << " collects the last sample data and it´s timestamp");
+        VLM_LOG_AS(
+            5, kMoveToReport,
+            "moveRecordFromOutputqToReportBuffer for the Collector: " << m_name << " jsonCopy " << record);
+        const std::string_view sample = writer.add(record);
+        VLM_LOG_AS(5, kMoveToReport, "Sample: " << sample);
+        VLM_LOG_AS(
+            5, kMoveToReport,
+            "ZEPH-43126: Collector: " << m_name << " collects the last sample data and it´s timestamp");
     }
-    const auto count = samples.size();
-    Value collection(kyo::Json::objectValue);
-    collection[StaticString("collectName")] = collectorName;
-    collection[StaticString("serviceName")] = serviceName;
-    collection[StaticString("resourceName")] = resourceName;
-    collection[StaticString("historyLength")] = count;
-    collection[StaticString("lagLength")] = 0;
-    collection[StaticString("index")] = index;
-    // A text here, but the tick's time as a number in an empty collection: readers know both.
-    collection[StaticString("endOfHistory")] = timestamp;
-    collection[StaticString("causeOfSubmit")] = 0;
-    collection[StaticString("samples")] = std::move(samples);
-    VLM_LOG(5, "ZEPH-64284: Collector: " << m_name << " creating the end_of_history for the report");
-    VLM_LOG(5, "ZEPH-49277: Collector: "
+    SignalCollection collection = writer.finish();
+    VLM_LOG_AS(5, kMoveToReport,
+               "ZEPH-64284: Collector: " << m_name << " creating the end_of_history for the report");
+    VLM_LOG_AS(5, kMoveToReport,
+               "ZEPH-49277: Collector: "
                    << m_name << " creates a report with signalCollections data from VLM collectors");
-    VLM_LOG(5, "signalCollections data: " << collection);
+    VLM_LOG_AS(5, kMoveToReport, "signalCollections data: " << collection.text);
     return collection;
 }
 

@@ -9,6 +9,7 @@
 #include "config/CollectorOnEventType.h"
 #include "kyo/Mutex.h"
 #include "kyo/ThreadCondition.h"
+#include "report/SignalCollection.h"
 
 namespace vlmProd {
 
@@ -29,7 +30,7 @@ class CollectorImpl : public ICollector {
 
     void onOnEventCallback(Message message) override;
     void insertRecord(kyo::Json::Value& record) override;
-    /// The same for a record that the caller gives away.
+    /// The same for a record that is written already.
     void insertRecord(TextedRecord record);
     void setHistoryDuration(long long duration) override { m_history = duration; }
 
@@ -44,7 +45,7 @@ class CollectorImpl : public ICollector {
     /// Drains the output queue into a signal collection and hands that to report control.
     void moveRecordFromOutputqToReportBuffer();
     /// Drains the output queue into a signal collection.
-    kyo::Json::Value buildCollection();
+    SignalCollection buildCollection();
     void clearOutputQueue();
 
     const std::string& getName() const { return m_name; }
@@ -55,12 +56,12 @@ class CollectorImpl : public ICollector {
   private:
     /// Trims the input queue. True when its records may pass. Call with m_mutex held.
     bool validateRecord();
-    kyo::Json::Value emptyCollection() const;
+    SignalCollection emptyCollection() const;
 
     std::atomic<ICollector::State> m_state{ICollector::History};
     const std::string m_name;
     ConcurrentQueue<TextedRecord> m_input;
-    ConcurrentQueue<kyo::Json::Value> m_output;
+    ConcurrentQueue<std::string> m_output;  ///< texts of records
     kyo::Mutex m_insertMutex;  ///< held by an insertion from the put to the move; taken before m_mutex
     kyo::Mutex m_mutex;        ///< held while records are trimmed or pass between the queues
     kyo::ThreadCondition m_condition;  ///< nothing waits on it

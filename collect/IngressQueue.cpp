@@ -6,7 +6,6 @@
 #include <thread>
 #include <utility>
 
-#include "app/JsonFields.h"
 #include "app/VlmLog.h"
 #include "config/ConfigResponseHandler.h"
 #include "kyo/Status.h"
@@ -55,15 +54,10 @@ void IngressQueue::insertRecord(TextedRecord record) {
     if (kyo::Log::enabled(7)) {
         kyo::Log().get(7) << kInsertRecord << ':' << __LINE__;
     }
-    const auto length = static_cast<unsigned int>(record.asText().size());
+    const auto length = static_cast<unsigned int>(record.text.size());
     VLM_LOG_AS(5, kInsertRecord, "record len~" << length);
-    if (kyo::Log::enabled(5)) {
-        VLM_LOG_AS(5, kInsertRecord, "Record Json = " << record.asText());
-        VLM_LOG_AS(5, kInsertRecord,
-                   "collectorname :: insertrecord" << textOf(member(record.value, "collectorName")));
-    } else {
-        record.text.reset();  // nobody is going to read it again
-    }
+    VLM_LOG_AS(5, kInsertRecord, "Record Json = " << record.text);
+    VLM_LOG_AS(5, kInsertRecord, "collectorname :: insertrecord" << record.collectorName);
     static auto& converted = kyo::Status::counter("samples.converted");
     if (m_records.put(std::move(record), length)) {
         converted.add();

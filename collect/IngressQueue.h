@@ -33,10 +33,10 @@ class IngressQueue : public kyo::Thread {
 
     void run() override;
 
-    /// Queues a copy of the record and wakes the thread; returns quickly. Called on middleware threads. A
-    /// record whose queue could not be locked in ten tries is lost and counted.
+    /// Queues the record's text and wakes the thread; returns quickly. Called on middleware threads. A record
+    /// whose queue could not be locked in ten tries is lost and counted.
     void insertRecord(kyo::Json::Value& record);
-    /// The same for a record that the caller gives away; its text, if it has one, must be that of its value.
+    /// The same for a record that is written already.
     void insertRecord(TextedRecord record);
     void SendWakeupSignal();
     /// Ends the thread at its next check. A record that it takes then is dropped.

@@ -1,30 +1,25 @@
 #pragma once
-#include <memory>
+#include <cstdint>
 #include <string>
-#include <utility>
 
-#include "app/JsonFields.h"
 #include "kyo/Json.h"
 
 namespace vlmProd {
 
-/// A record on its way, with its compact text once somebody has needed it: with progress messages on, the
-/// same text stands in many of them, and writing it costs more than all else that happens to a record.
+/// A record on its way to the next report: its compact text, which is written once, and what the pipeline
+/// asks of it before that. A waiting record costs little more than its text, as nothing needs the values any
+/// more: a tick takes its samples out of the texts.
 struct TextedRecord {
     TextedRecord() = default;
-    explicit TextedRecord(kyo::Json::Value record, std::shared_ptr<const std::string> recordText = nullptr)
-        : value(std::move(record)), text(std::move(recordText)) {}
+    /// Writes the record. A number that JSON cannot hold would spoil the report: that member is left out,
+    /// with a message.
+    explicit TextedRecord(const kyo::Json::Value& record);
+    /// The same with the record's compact text, which the caller has written already.
+    TextedRecord(const kyo::Json::Value& record, std::string recordText);
 
-    /// The record's text, written at most once. The value must not change afterwards.
-    const std::string& asText() {
-        if (!text) {
-            text = std::make_shared<const std::string>(compactText(value));
-        }
-        return *text;
-    }
-
-    kyo::Json::Value value;
-    std::shared_ptr<const std::string> text;  ///< empty, or the compact text of `value`
+    std::string text;
+    std::string collectorName;   ///< empty for a record without one
+    std::int64_t timestamp = 0;  ///< milliseconds; 0 for a record without one
 };
 
 }  // namespace vlmProd

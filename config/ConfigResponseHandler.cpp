@@ -239,14 +239,14 @@ void ConfigResponseHandler::configureIndex(const std::string& service, const std
 }
 
 void ConfigResponseHandler::sendRecordsToCollectorObject(Value record) {
-    sendRecordsToCollectorObject(TextedRecord(std::move(record)));
+    sendRecordsToCollectorObject(TextedRecord(record));
 }
 
 void ConfigResponseHandler::sendRecordsToCollectorObject(TextedRecord record) {
     static auto& withoutCollector = kyo::Status::counter("records.withoutCollector");
     std::shared_ptr<Collector> collector;
     {
-        const std::string name = textOf(member(record.value, "collectorName"));
+        const std::string& name = record.collectorName;
         const std::shared_lock<std::shared_mutex> lock(m_tableMutex);
         if (const auto entry = m_collectorMap.find(name); !name.empty() && entry != m_collectorMap.end()) {
             collector = entry->second;

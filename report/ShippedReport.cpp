@@ -15,20 +15,30 @@ constexpr std::string_view kCatalogId = "catalogId";
 
 }  // namespace
 
-ShippedReport::ShippedReport(const Value& report, std::size_t expectedLength)
+ShippedReport::ShippedReport(const Value& report) : ShippedReport(report, {}) {}
+
+ShippedReport::ShippedReport(const Value& report, const std::vector<const SignalCollection*>& collections)
     : m_readable(report.isObject()) {
-    m_text.reserve(expectedLength);
     if (!m_readable) {
         kyo::Json::appendCompact(m_text, report);
         return;
     }
+    std::size_t length = 1024;  // for the other members
+    for (const auto* collection : collections) {
+        length += collection->text.size() + 1;
+    }
+    m_text.reserve(length);
     m_text.push_back('{');
     for (auto item = report.begin(); item != report.end(); ++item) {
         const std::string name = item.name();
         const std::size_t begin = m_text.size();
         kyo::Json::appendCompact(m_text, Value(name));
         m_text.push_back(':');
-        m_readable = kyo::Json::appendCompact(m_text, *item) && m_readable;
+        if (name == kCollections && !collections.empty()) {
+            appendArray(m_text, collections);
+        } else {
+            m_readable = kyo::Json::appendCompact(m_text, *item) && m_readable;
+        }
         m_text.push_back(',');
         if (name == kCatalogId) {
             m_catalogIdBegin = begin;

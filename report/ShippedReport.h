@@ -1,8 +1,10 @@
 #pragma once
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "kyo/Json.h"
+#include "report/SignalCollection.h"
 
 namespace vlmProd {
 
@@ -11,8 +13,10 @@ namespace vlmProd {
 class ShippedReport {
   public:
     ShippedReport() = default;
-    /// Writes the report. `expectedLength` spares a large report's text from growing in steps.
-    explicit ShippedReport(const kyo::Json::Value& report, std::size_t expectedLength = 0);
+    /// Writes the report.
+    explicit ShippedReport(const kyo::Json::Value& report);
+    /// Writes the report with `collections`, if there are any, for what its member "signalCollections" holds.
+    ShippedReport(const kyo::Json::Value& report, const std::vector<const SignalCollection*>& collections);
 
     /// True for the text of an object, which a report is, without a part that is nested too deep to be read.
     bool isReadable() const { return m_readable; }

@@ -10,6 +10,9 @@ namespace vlmProd {
 
 namespace {
 
+constexpr const char* kAddReport =
+    "bool vlmProd::VlmDataSubmissionControl::addReportToShippingQueue(kyo::Json::Value&)";
+
 bool canSend(const VlmServer& link) {
     return !link.isBlocked() && link.isAnythingPermitted();
 }
@@ -49,23 +52,24 @@ void VlmDataSubmissionControl::startServer() {
 }
 
 bool VlmDataSubmissionControl::addReportToShippingQueue(kyo::Json::Value& report) {
+    return addReportToShippingQueue(ShippedReport(report));
+}
+
+bool VlmDataSubmissionControl::addReportToShippingQueue(ShippedReport report) {
     static kyo::Counter& queued = kyo::Status::counter("reports.queued");
     const std::lock_guard<kyo::Mutex> lock(m_addMutex);
-    // Reports of one configuration are about as long as each other.
-    ShippedReport shipped(report, m_lastLength + m_lastLength / 16);
-    const auto length = static_cast<unsigned int>(shipped.text().size());
-    m_lastLength = length;
-    VLM_LOG_PLAIN(5, "ZEPH-49288 VLM sending the Report to ShippingBuffer: " << shipped.text());
-    VLM_LOG_PLAIN(5, "Size of SHIP QUEUE BEFORE INSERT = " << m_shippingQueue.size());
+    const auto length = static_cast<unsigned int>(report.text().size());
+    VLM_LOG_PLAIN_AS(5, kAddReport, "ZEPH-49288 VLM sending the Report to ShippingBuffer: " << report.text());
+    VLM_LOG_PLAIN_AS(5, kAddReport, "Size of SHIP QUEUE BEFORE INSERT = " << m_shippingQueue.size());
     // Counted before it can be taken, so that the count never falls below zero.
     m_waiting.fetch_add(1);
-    if (m_shippingQueue.put(std::move(shipped), length)) {
+    if (m_shippingQueue.put(std::move(report), length)) {
         queued.add();
     } else {
         m_waiting.fetch_sub(1);
     }
     m_bytesAdded += length;
-    VLM_LOG_PLAIN(5, "Size of SHIP QUEUE AFTER INSERT = " << m_shippingQueue.size());
+    VLM_LOG_PLAIN_AS(5, kAddReport, "Size of SHIP QUEUE AFTER INSERT = " << m_shippingQueue.size());
     SendWakeupSignal();
     return true;
 }

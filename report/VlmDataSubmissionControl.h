@@ -37,6 +37,7 @@ class VlmDataSubmissionControl : public kyo::Thread {
 
     /// Queues a report; always true. Any thread. The queue has no limit of length.
     bool addReportToShippingQueue(kyo::Json::Value& report);
+    bool addReportToShippingQueue(ShippedReport report);
 
     /// Sends the oldest queued report, or returns to idle when there is none.
     void processReportFromQueue();
@@ -60,7 +61,6 @@ class VlmDataSubmissionControl : public kyo::Thread {
     kyo::Mutex m_addMutex;  ///< one report at a time is added, so that the logged sizes belong to it
     ConcurrentQueue<ShippedReport> m_shippingQueue;  ///< weighted with the lengths of their texts
     std::uint64_t m_bytesAdded = 0;                  ///< guarded by m_addMutex
-    std::size_t m_lastLength = 0;                    ///< guarded by m_addMutex
     std::atomic<bool> m_stop{false};
     kyo::Mutex m_wakeupMutex;
     kyo::ThreadCondition m_wakeupCondition;

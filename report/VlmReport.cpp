@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "app/JsonFields.h"
 #include "app/VlmLog.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "kyo/DateTime.h"
@@ -22,10 +21,6 @@ constexpr const char* kCreateReport =
 
 }  // namespace
 
-std::string collectionName(const Value& collection) {
-    return textOf(member(collection, "collectName"));
-}
-
 VlmReport::VlmReport(std::string reportName)
     : m_reportName(std::move(reportName)), m_functionId(VlmJsonCatalog::getInstance()->getCatalogVersion()) {
     VLM_LOG(5, "ZEPH-46566: VLM wants to report all data only with privacy group anonymous");
@@ -42,15 +37,11 @@ void VlmReport::setCollectorsName(std::vector<std::string> names) {
     }
 }
 
-bool VlmReport::gathers(const std::string& collectorName) const {
-    return std::find(m_listOfCollectorNames.begin(), m_listOfCollectorNames.end(), collectorName) !=
-           m_listOfCollectorNames.end();
-}
-
 bool VlmReport::isCollectionPartOfReport(std::string collectorName) {
     VLM_LOG(5, "Inside isCollectionPartOfReport::CollectorName " << collectorName);
     VLM_LOG(5, "Size of m_listOfCollectorNames: " << m_listOfCollectorNames.size());
-    const bool found = gathers(collectorName);
+    const bool found = std::find(m_listOfCollectorNames.begin(), m_listOfCollectorNames.end(),
+                                 collectorName) != m_listOfCollectorNames.end();
     if (found) {
         VLM_LOG(5, "isCollectionPartOfReport::CollectorName " << collectorName << " found");
     } else {
@@ -59,18 +50,8 @@ bool VlmReport::isCollectionPartOfReport(std::string collectorName) {
     return found;
 }
 
-Value VlmReport::createReport(Value& collections, std::string catalogId) {
-    std::vector<std::string> names;
-    if (collections.isArray()) {
-        for (const auto& collection : collections) {
-            names.push_back(collectionName(collection));
-        }
-    }
-    return createReport(collections, names, std::vector<bool>(names.size(), false), catalogId);
-}
-
-Value VlmReport::createReport(Value& collections, const std::vector<std::string>& names,
-                              const std::vector<bool>& lastUse, const std::string& catalogId) {
+ShippedReport VlmReport::createReport(const std::vector<SignalCollection>& collections,
+                                      std::string catalogId) {
     VLM_LOG_AS(5, kCreateReport,
                "ZEPH-46511: VLM wants to create a report with following data from VLM configuration");
     VLM_LOG_AS(5, kCreateReport, "ZEPH-49289: VLM wants to create the datetime for the report");
@@ -88,28 +69,30 @@ Value VlmReport::createReport(Value& collections, const std::vector<std::string>
     report[StaticString("transactionTypeId")] = m_transactionTypeId;
     report[StaticString("createDatetime")] = createDatetime;
 
-    VLM_LOG_AS(5, kCreateReport, "Before report Filter, old Data = " << collections);
+    VLM_LOG_AS(5, kCreateReport, "Before report Filter, old Data = " << arrayText(pointersTo(collections)));
     // No collections at all leave null, collections that all belong elsewhere an empty array.
-    Value gathered(names.empty() ? kyo::Json::nullValue : kyo::Json::arrayValue);
-    for (kyo::Json::ArrayIndex i = 0; i < names.size(); ++i) {
-        if (!isCollectionPartOfReport(names[i])) {
-            VLM_LOG_AS(4, kCreateReport,
-                       "The collector " << names[i] << "Is not part of report " << m_reportName);
-        } else if (lastUse[i]) {
-            gathered.append(std::move(collections[i]));
+    report[StaticString("signalCollections")] =
+        Value(collections.empty() ? kyo::Json::nullValue : kyo::Json::arrayValue);
+    std::vector<const SignalCollection*> gathered;
+    for (const auto& collection : collections) {
+        if (isCollectionPartOfReport(collection.collectName)) {
+            gathered.push_back(&collection);
         } else {
-            gathered.append(collections[i]);
+            VLM_LOG_AS(
+                4, kCreateReport,
+                "The collector " << collection.collectName << "Is not part of report " << m_reportName);
         }
     }
-    VLM_LOG_AS(5, kCreateReport, "After report Filter, new Data = " << gathered);
-    report[StaticString("signalCollections")] = std::move(gathered);
+    VLM_LOG_AS(5, kCreateReport,
+               "After report Filter, new Data = " << (collections.empty() ? "null" : arrayText(gathered)));
+    ShippedReport shipped(report, gathered);
 
     VLM_LOG_AS(5, kCreateReport,
                "ZEPH-49280 VLM increasing SequenceNumber for each sent Report: " << m_sequenceNumber);
     ++m_sequenceNumber;
     static auto& built = kyo::Status::counter("reports.built");
     built.add();
-    return report;
+    return shipped;
 }
 
 }  // namespace vlmProd

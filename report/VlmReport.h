@@ -3,7 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "kyo/Json.h"
+#include "report/ShippedReport.h"
+#include "report/SignalCollection.h"
 
 namespace vlmProd {
 
@@ -20,16 +21,9 @@ class VlmReport {
 
     void setCollectorsName(std::vector<std::string> names);
     bool isCollectionPartOfReport(std::string collectorName);
-    /// The same without a line in the log.
-    bool gathers(const std::string& collectorName) const;
 
-    /// Builds the report from those of the signal collections that belong to it, and counts it. What cannot
-    /// be read as a collection is left out.
-    kyo::Json::Value createReport(kyo::Json::Value& collections, std::string catalogId);
-    /// The same, but takes collection i out of the array, instead of copying it, where `lastUse[i]` says
-    /// that nobody needs it any more; its name must be in `names[i]`.
-    kyo::Json::Value createReport(kyo::Json::Value& collections, const std::vector<std::string>& names,
-                                  const std::vector<bool>& lastUse, const std::string& catalogId);
+    /// Builds the report from those of the signal collections that belong to it, and counts it.
+    ShippedReport createReport(const std::vector<SignalCollection>& collections, std::string catalogId);
 
     std::string getReportName() const { return m_reportName; }
     void setPrivacyType(PrivacyGroup group) { m_privacyGroup = group; }
@@ -50,8 +44,5 @@ class VlmReport {
     PrivacyGroup m_privacyGroup = PrivacyGroup::Anonymous;
     std::vector<std::string> m_listOfCollectorNames;
 };
-
-/// The collector's name in a signal collection; empty when it has none.
-std::string collectionName(const kyo::Json::Value& collection);
 
 }  // namespace vlmProd

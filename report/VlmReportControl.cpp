@@ -20,6 +20,9 @@ using kyo::Json::Value;
 namespace {
 
 constexpr unsigned int kCollectionWeight = 24;
+constexpr const char* kAddToReport = "void vlmProd::VlmReportControl::addToReport(kyo::Json::Value)";
+constexpr const char* kProcessReportQueue =
+    "void vlmProd::VlmReportControl::processReportQueue(kyo::Json::Value)";
 
 std::atomic<VlmReportControl*> reportControlSingleton{nullptr};
 std::mutex reportControlSingletonGuard;
@@ -51,8 +54,9 @@ VlmReportControl& VlmReportControl::getInstance() {
 }
 
 VlmReportControl::VlmReportControl()
-    : VlmReportControl(
-          [](Value& report) { VlmDataSubmissionControl::getInstance()->addReportToShippingQueue(report); }) {}
+    : VlmReportControl([](ShippedReport report) {
+          VlmDataSubmissionControl::getInstance()->addReportToShippingQueue(std::move(report));
+      }) {}
 
 VlmReportControl::VlmReportControl(Ship ship)
     : m_ship(std::move(ship)), m_collections(&kyo::Status::counter("queue.report.dropped")) {}
@@ -118,44 +122,22 @@ std::map<std::string, std::shared_ptr<VlmReport>> VlmReportControl::reports() co
     return m_reportMap;
 }
 
-void VlmReportControl::addToReport(Value collection) {
-    VLM_LOG(5, "Inside VlmReportControl::addToReport\n\n\n");
+void VlmReportControl::addToReport(SignalCollection collection) {
+    VLM_LOG_AS(5, kAddToReport, "Inside VlmReportControl::addToReport\n\n\n");
     m_collections.put(std::move(collection), kCollectionWeight);
     const std::lock_guard<kyo::Mutex> lock(m_mutex);
     m_condition.broadcast();
 }
 
-void VlmReportControl::processReportQueue(Value aggregated) {
+void VlmReportControl::processReportQueue(const std::vector<SignalCollection>& aggregated) {
     const auto configured = reports();
-    VLM_LOG(5, "Size of m_reportMap: " << configured.size());
+    VLM_LOG_AS(5, kProcessReportQueue, "Size of m_reportMap: " << configured.size());
     std::string catalogId;
     getCatalogId(catalogId);
-
-    std::vector<std::string> names;
-    if (aggregated.isArray()) {
-        for (const auto& collection : aggregated) {
-            names.push_back(collectionName(collection));
-        }
-    }
-    // A collection moves into the last report that gathers it; the log shows the whole batch to each report.
-    std::vector<const VlmReport*> last(names.size(), nullptr);
-    if (!kyo::Log::enabled(5)) {
-        for (const auto& [name, report] : configured) {
-            for (std::size_t i = 0; i < names.size(); ++i) {
-                if (report->gathers(names[i])) {
-                    last[i] = report.get();
-                }
-            }
-        }
-    }
-    std::vector<bool> lastUse(names.size());
     for (const auto& [name, report] : configured) {
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            lastUse[i] = last[i] == report.get();
-        }
-        Value built = report->createReport(aggregated, names, lastUse, catalogId);
-        VLM_LOG(5, "ZEPH-49288: VLM wants to send the VLM Report to shipping buffer");
-        m_ship(built);
+        ShippedReport built = report->createReport(aggregated, catalogId);
+        VLM_LOG_AS(5, kProcessReportQueue, "ZEPH-49288: VLM wants to send the VLM Report to shipping buffer");
+        m_ship(std::move(built));
     }
 }
 
@@ -187,24 +169,22 @@ void VlmReportControl::releaseVlmReportControl() {
 }
 
 void VlmReportControl::drainOnce() {
-    Value aggregated(kyo::Json::arrayValue);
-    Value collection;
+    std::vector<SignalCollection> aggregated;
+    SignalCollection collection;
     while (m_collections.take(&collection)) {
         VLM_LOG(5, "From Report Q~");
-        aggregated.append(std::move(collection));
+        aggregated.push_back(std::move(collection));
     }
     VLM_LOG(5, "Size of Aggregated output data = " << aggregated.size());
-    if (kyo::Log::enabled(5)) {
-        for (kyo::Json::ArrayIndex i = 0; i < aggregated.size(); ++i) {
-            VLM_LOG(5, "AGGREGATED DATA I = " << i << "  and JSON = " << aggregated[i]);
-        }
-        VLM_LOG(5, "Aggreegated output data = " << aggregated);
+    for (std::size_t i = 0; i < aggregated.size() && kyo::Log::enabled(5); ++i) {
+        VLM_LOG(5, "AGGREGATED DATA I = " << i << "  and JSON = " << aggregated[i].text);
     }
+    VLM_LOG(5, "Aggreegated output data = " << arrayText(pointersTo(aggregated)));
     if (aggregated.empty()) {
         VLM_LOG(4, "The Report control thread does not have any aggregated data to report.");
         return;
     }
-    processReportQueue(std::move(aggregated));
+    processReportQueue(aggregated);
 }
 
 void VlmReportControl::run() {

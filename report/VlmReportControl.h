@@ -4,12 +4,15 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "bus/ConcurrentQueue.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
 #include "kyo/Thread.h"
 #include "kyo/ThreadCondition.h"
+#include "report/ShippedReport.h"
+#include "report/SignalCollection.h"
 #include "report/VlmReport.h"
 
 namespace vlmProd {
@@ -22,7 +25,7 @@ namespace vlmProd {
 /// may be called from any thread.
 class VlmReportControl : public kyo::Thread {
   public:
-    using Ship = std::function<void(kyo::Json::Value&)>;
+    using Ship = std::function<void(ShippedReport)>;
 
     /// Created on first use. Left to the operating system: its thread waits on the condition until the
     /// process ends.
@@ -44,9 +47,10 @@ class VlmReportControl : public kyo::Thread {
 
     /// Queues one signal collection and wakes the thread. Never blocks for long; a collection whose queue
     /// could not be locked in ten tries is lost and counted.
-    void addToReport(kyo::Json::Value collection);
-    /// Builds and ships every configured report, in the order of their names, from an array of collections.
-    void processReportQueue(kyo::Json::Value aggregated);
+    void addToReport(SignalCollection collection);
+    void addToReport(const kyo::Json::Value& collection) { addToReport(SignalCollection(collection)); }
+    /// Builds and ships every configured report, in the order of their names.
+    void processReportQueue(const std::vector<SignalCollection>& aggregated);
 
     void SendWakeupSignal();
     /// Ends the thread at its next check; does not wake it.
@@ -64,7 +68,7 @@ class VlmReportControl : public kyo::Thread {
     std::map<std::string, std::shared_ptr<VlmReport>> reports() const;
 
     const Ship m_ship;
-    ConcurrentQueue<kyo::Json::Value> m_collections;
+    ConcurrentQueue<SignalCollection> m_collections;
     kyo::Mutex m_mutex;  ///< for sleeping and waking only
     kyo::ThreadCondition m_condition;
     std::atomic<bool> m_stop{false};

@@ -230,9 +230,8 @@ void Resource::processData(Value record) {
         record[StaticString("collectorName")] = Value(*collector);
         record[StaticString("index")] = Value(index);
     }
-    std::shared_ptr<const std::string> whole;
     if (told) {
-        if (record.size() == text->size() + 2) {
+        if (collector && record.size() == text->size() + 2) {
             text->insert("collectorName", Value(*collector));
             text->insert("index", Value(index));
         } else if (collector) {
@@ -242,11 +241,11 @@ void Resource::processData(Value record) {
             VLM_LOG_AS(5, kProcessData, "[" << text->name(i) << "]:" << text->value(i));
         }
         if (record.isObject()) {
-            whole = std::make_shared<const std::string>(text->whole());
-            VLM_LOG_AS(5, kProcessData, "FAST WRITER = " << *whole);
+            VLM_LOG_AS(5, kProcessData, "FAST WRITER = " << text->whole());
         }
     }
-    IngressQueue::getInstance()->insertRecord(TextedRecord(std::move(record), std::move(whole)));
+    IngressQueue::getInstance()->insertRecord(told ? TextedRecord(record, text->whole())
+                                                   : TextedRecord(record));
 }
 
 }  // namespace vlmProd

@@ -11,12 +11,14 @@
 #include <vector>
 
 #include "ac/com/runtime/component.h"
+#include "app/JsonFields.h"
 #include "collect/IngressQueue.h"
 #include "kyo/Status.h"
 #include "qdr/services/described.h"
 #include "services/adapters/RegisteredAdapters.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/RecordValue.h"
 #include "tests/unit/bindings/Law.h"
 
 namespace vlmProd {
@@ -254,7 +256,7 @@ class EveryEvent : public testing::Test {
                 << one->serviceName() << " " << one->event().name();
             TextedRecord record;
             while (IngressQueue::getInstance()->takeRecord(&record)) {
-                one->arrived().push_back(record.value);
+                one->arrived().push_back(vlmTest::valueOf(record));
             }
         }
     }
@@ -274,10 +276,10 @@ TEST_F(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutIts
         ASSERT_EQ(one->arrived().size(), one->cases().size());
         for (std::size_t i = 0; i < one->cases().size(); ++i) {
             Value record = one->arrived()[i];
-            EXPECT_EQ(record["timestamp"].type(), kyo::Json::uintValue);
+            EXPECT_TRUE(record["timestamp"].isUInt64());
             EXPECT_GT(record["timestamp"].asUInt64(), 1'000'000'000'000u) << "milliseconds since 1970";
             record.removeMember("timestamp");
-            EXPECT_EQ(record, one->cases()[i].record) << one->cases()[i].what;
+            EXPECT_EQ(compactText(record), compactText(one->cases()[i].record)) << one->cases()[i].what;
         }
     }
 }
@@ -329,7 +331,7 @@ TEST_F(EveryEvent, ThreeSamplesOfOneNotificationKeepTheirOrder) {
     for (const unsigned int counter : {7u, 8u, 9u}) {
         TextedRecord record;
         ASSERT_TRUE(IngressQueue::getInstance()->takeRecord(&record));
-        EXPECT_EQ(record.value["messageCounter"].asUInt(), counter);
+        EXPECT_EQ(vlmTest::valueOf(record)["messageCounter"].asUInt(), counter);
     }
 }
 

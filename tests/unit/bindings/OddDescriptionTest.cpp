@@ -15,6 +15,7 @@
 #include "qdr/services/oddities/datatypes.h"
 #include "qdr/services/oddities/interface.h"
 #include "services/adapters/VLMOddities.h"
+#include "tests/support/RecordValue.h"
 
 namespace qdr::services::oddities {
 std::unique_ptr<DescribedService> makeDescribed();
@@ -62,11 +63,12 @@ class OddDescription : public testing::Test {
         if (!IngressQueue::getInstance()->takeRecord(&record)) {
             return "none";
         }
-        EXPECT_TRUE(record.value.isMember("timestamp"));
-        record.value.removeMember("timestamp");
-        EXPECT_EQ(record.value["serviceName"].asString(), "OdditiesProxy");
-        record.value.removeMember("serviceName");
-        return compactText(record.value);
+        kyo::Json::Value value = vlmTest::valueOf(record);
+        EXPECT_TRUE(value.isMember("timestamp"));
+        value.removeMember("timestamp");
+        EXPECT_EQ(value["serviceName"].asString(), "OdditiesProxy");
+        value.removeMember("serviceName");
+        return compactText(value);
     }
 
     VLMOddities adapter{"OdditiesProxy"};

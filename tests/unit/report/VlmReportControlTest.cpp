@@ -42,7 +42,8 @@ Value collectionOf(const std::string& collector, int samples = 0) {
 /// What was shipped, in short: name, sequence number and collectors.
 class Shipped {
   public:
-    void add(const Value& report) {
+    void add(const ShippedReport& shipped) {
+        const Value report = parsed(shipped.text());
         std::string text = report["reportName"].asString() + "#" + report["sequenceNumber"].asString() + ":";
         for (const auto& collection : report["signalCollections"]) {
             text += " " + collection["collectName"].asString() + "=" + collection["historyLength"].asString();
@@ -71,7 +72,7 @@ class VlmReportControlTest : public testing::Test {
     VlmReportControlTest() { vlmTest::haveCatalog(); }
 
     const std::shared_ptr<Shipped> shipped = std::make_shared<Shipped>();
-    VlmReportControl control{[to = shipped](Value& report) { to->add(report); }};
+    VlmReportControl control{[to = shipped](const ShippedReport& report) { to->add(report); }};
 };
 
 const char* const kTwoReports = R"([
@@ -92,22 +93,6 @@ TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheir
     EXPECT_EQ(last["applicationName"].asString(), "fleet");
     EXPECT_EQ(last["configName"].asString(), "basic");
     EXPECT_EQ(last["configVersion"].asString(), "3");
-}
-
-// With progress messages off a collection is moved into the last report that gathers it: the reports must be
-// the same.
-TEST_F(VlmReportControlTest, BuildsTheSameReportsWhetherOrNotItTells) {
-    control.initializeReportControl(parsed(kTwoReports), "basic", "3");
-    for (const int level : {3, 7}) {
-        LogCapture log(level);
-        control.addToReport(collectionOf("belts", 1));
-        control.addToReport(collectionOf("speed", 2));
-        control.addToReport(collectionOf("strange", 3));
-        control.addToReport(collectionOf("range", 4));
-        control.drainOnce();
-    }
-    EXPECT_THAT(shipped->reports(), ElementsAre("a-safety#1: belts=1 speed=2", "z-trip#1: speed=2 range=4",
-                                                "a-safety#2: belts=1 speed=2", "z-trip#2: speed=2 range=4"));
 }
 
 TEST_F(VlmReportControlTest, ShipsAReportThatGathersNothingOfTheBatch) {
@@ -186,7 +171,8 @@ TEST(VlmReportControlThread, MakesOneBatchOfACollectorsTick) {
     vlmTest::haveCatalog();
     LogCapture log;
     const auto shipped = std::make_shared<Shipped>();
-    auto* const control = new VlmReportControl([shipped](Value& report) { shipped->add(report); });
+    auto* const control =
+        new VlmReportControl([shipped](const ShippedReport& report) { shipped->add(report); });
     control->initializeReportControl(parsed(R"([{"name": "r", "application": "a", "from": ["x", "y"]}])"), "",
                                      "");
     control->start();

@@ -15,6 +15,7 @@
 #include "kyo/DateTime.h"
 #include "services/Resource.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordValue.h"
 
 namespace vlmProd {
 
@@ -132,9 +133,10 @@ class ServiceAdapterTest : public testing::Test {
         std::vector<std::string> texts;
         TextedRecord record;
         while (IngressQueue::getInstance()->takeRecord(&record)) {
-            EXPECT_TRUE(record.value["timestamp"].isUInt64());
-            record.value.removeMember("timestamp");
-            texts.push_back(compactText(record.value));
+            Value value = vlmTest::valueOf(record);
+            EXPECT_TRUE(value["timestamp"].isUInt64());
+            value.removeMember("timestamp");
+            texts.push_back(compactText(value));
         }
         return texts;
     }
@@ -214,12 +216,13 @@ TEST_F(ServiceAdapterTest, WritesTheFieldsOfAnEventWithoutWriters) {
     adapter.createResourceObject({"alarms"});
     const auto before = kyo::DateTime::getCurrentTimeMs();
     adapter.callback_alarms({DT_alarms_struct{4294967295U, false, "dry"}, DT_alarms_struct{}});
-    TextedRecord first;
-    ASSERT_TRUE(IngressQueue::getInstance()->takeRecord(&first));
-    EXPECT_GE(first.value["timestamp"].asUInt64(), before);
-    EXPECT_EQ(first.value["type"].asUInt(), 4294967295U);
-    EXPECT_EQ(first.value["isActive"], Value(false));
-    EXPECT_EQ(first.value["text"], Value("dry"));
+    TextedRecord taken;
+    ASSERT_TRUE(IngressQueue::getInstance()->takeRecord(&taken));
+    const Value first = vlmTest::valueOf(taken);
+    EXPECT_GE(first["timestamp"].asUInt64(), before);
+    EXPECT_EQ(first["type"].asUInt(), 4294967295U);
+    EXPECT_EQ(first["isActive"], Value(false));
+    EXPECT_EQ(first["text"], Value("dry"));
     EXPECT_THAT(records(), ElementsAre(R"({"resName":"alarms","serviceName":"SpringProxy"})"));
 }
 

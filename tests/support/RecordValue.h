@@ -1,0 +1,21 @@
+#pragma once
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "collect/TextedRecord.h"
+#include "kyo/Json.h"
+
+namespace vlmTest {
+
+/// What the text says.
+inline kyo::Json::Value valueOf(const std::string& text) {
+    kyo::Json::Value value;
+    EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;
+    return value;
+}
+inline kyo::Json::Value valueOf(const vlmProd::TextedRecord& record) {
+    return valueOf(record.text);
+}
+
+}  // namespace vlmTest
