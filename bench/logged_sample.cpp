@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -172,7 +173,11 @@ int main(int argc, char** argv) {
     static const Case position = learn(Kind::FullPosition, lengths);
     static const Case notification = learn(Kind::Notification, lengths);
     kyo::Log::setProductLogger(new vlmProd::VlmAraLogger);
-    if (!kyo::Status::snapshot()["log"]["dlt"]["connected"].asBool()) {
+    const auto isConnected = [] { return kyo::Status::snapshot()["log"]["dlt"]["connected"].asBool(); };
+    for (int looks = 0; !isConnected() && looks < 100; ++looks) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a daemon that has just been started
+    }
+    if (!isConnected()) {
         std::fprintf(stderr, "no DLT daemon answers; start one, or name its folder in DLT_PIPE_DIR\n");
         return 1;
     }

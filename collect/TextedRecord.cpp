@@ -1,7 +1,5 @@
 #include "collect/TextedRecord.h"
 
-#include <string.h>
-
 #include <cmath>
 #include <utility>
 #include <vector>
@@ -66,7 +64,7 @@ TextedRecord::TextedRecord(const Value& record, std::string recordText)
     : text(std::move(recordText)), collectorName(textOf(vlmProd::member(record, "collectorName"))) {
     toInt64(member(record, "timestamp"), timestamp);
     // Such a number is written as null, which hardly any record has.
-    if (::memmem(text.data(), text.size(), "null", 4) != nullptr && hasNonFinite(record)) {
+    if (text.find("null") != std::string::npos && hasNonFinite(record)) {
         Value usable(record);
         dropNonFinite(usable, collectorName);
         text = written(usable);

@@ -15,7 +15,7 @@ namespace vlmBench {
 /// How many samples arrive together: what one system call of the receive thread takes at most.
 inline constexpr int kBurst = 32;
 /// How often it is looked whether a burst is through.
-inline constexpr std::chrono::microseconds kLook{100};
+inline constexpr std::chrono::microseconds kLook{1000};
 
 enum class Kind { FullPosition, Notification };
 enum class Threads { Real, None };
