@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz clean
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -24,6 +24,7 @@ help:
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
+	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
@@ -62,6 +63,14 @@ fuzz:
 	@$(MAKE) --no-print-directory configure PRESET=fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 	tests/fuzz/run.py --seconds $(or $(SECONDS),$(if $(MINUTES),$$(($(MINUTES) * 60)),60)) --jobs $(JOBS)
+
+ROUNDS ?= 20
+SEED ?= 0
+
+# Apart from each other, as they measure times too.
+faults: configure
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm_catalog_file
+	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
 
 bench:
 	@$(MAKE) --no-print-directory configure PRESET=release

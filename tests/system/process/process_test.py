@@ -1,119 +1,22 @@
 #!/usr/bin/env python3
 """Real vlmmaster processes: how they end, what they say first, and how they are stopped.
 
-VLMMASTER, VLM_CATALOG and WITH_CATALOG name the program, the generated catalog and tests/support/with-catalog;
-VLM_VEHICLE names vlm-vehicle, which gives them something to do.
-Each process has a folder, a state socket and a discovery port of its own.
+The environment is that of tests/support/processes.py.
 """
 import json
 import os
-import queue
-import random
 import signal
-import socket
 import subprocess
+import sys
 import tempfile
-import threading
 import time
 import unittest
 
-VLMMASTER = os.environ["VLMMASTER"]
-CATALOG = os.environ["VLM_CATALOG"]
-WITH_CATALOG = os.environ["WITH_CATALOG"]
-VLM_VEHICLE = os.environ.get("VLM_VEHICLE")
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
+from processes import STOP_LIMIT, VLM_VEHICLE, Vlmmaster, free_udp_port  # noqa: E402
 
 MAIN = " int main(int, char**) "
 STATE = (" main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)> ")
-DEADLINE = 60  # for what must come; never reached on the good path
-STOP_LIMIT = 10  # a stop takes 2 s at most; a wait of the main loop that is not ended takes 30 s
-
-
-def free_udp_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-class Vlmmaster:
-    """A process with its output, line by line."""
-
-    def __init__(self, arguments, folder, catalog=CATALOG, before=None, address="127.0.0.1", port=None):
-        self.socket = os.path.join(folder, "state.sock")
-        manifest = os.path.join(folder, "manifest.json")
-        with open(manifest, "w") as file:
-            json.dump({"log": {"dlt": False},
-                       "state": {"socket": self.socket},
-                       "someip": {"address": address, "discovery": {"port": port or free_udp_port()}},
-                       "backend": {"directory": {"path": os.path.join(folder, "backend")}}}, file)
-        self.lines = []
-        self._incoming = queue.Queue()
-        self.process = subprocess.Popen(
-            [WITH_CATALOG, catalog, VLMMASTER, *arguments], cwd=folder, text=True, errors="replace",
-            env=dict(os.environ, VLM_MACHINE_MANIFEST=manifest), stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, preexec_fn=before)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for line in self.process.stdout:
-            self._incoming.put(line.rstrip("\n"))
-        self._incoming.put(None)
-
-    def _next(self, deadline):
-        line = self._incoming.get(timeout=max(0.0, deadline - time.monotonic()))
-        if line is not None:
-            self.lines.append(line)
-        return line
-
-    def wait_for(self, text):
-        """The first line, among those not read yet, that contains the text."""
-        deadline = time.monotonic() + DEADLINE
-        try:
-            while (line := self._next(deadline)) is not None:
-                if text in line:
-                    return line
-        except queue.Empty:
-            pass
-        raise AssertionError(f"no line with {text!r} in:\n" + "\n".join(self.lines[-40:]))
-
-    def see(self, text):
-        """As wait_for(), among all lines."""
-        if not any(text in line for line in self.lines):
-            self.wait_for(text)
-
-    def end(self, limit=DEADLINE):
-        """The exit status, after all output was read."""
-        try:
-            status = self.process.wait(timeout=limit)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-            raise AssertionError("does not end:\n" + "\n".join(self.lines[-40:]))
-        self._reader.join()
-        while self._next(time.monotonic() + DEADLINE) is not None:
-            pass
-        self.process.stdout.close()
-        return status
-
-    def stop(self, number=signal.SIGTERM):
-        self.process.send_signal(number)
-        return self.end(STOP_LIMIT)
-
-    def ask(self, request):
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as channel:
-            channel.settimeout(DEADLINE)
-            channel.connect(self.socket)
-            channel.sendall((json.dumps(request) + "\n").encode())
-            with channel.makefile() as answers:
-                return json.loads(answers.readline())
-
-    def text(self):
-        return "\n".join(self.lines)
-
-    def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.end()
 
 
 class ProcessTest(unittest.TestCase):
@@ -272,16 +175,6 @@ class Stops(ProcessTest):
             self.assertEqual(master.end(), 0, master.text())
             self.assert_in_order(master.lines, [MAIN + "Sleeping for 30 secs",
                                                 f"SIGNAL HANDLER HAPPENED= {number.value}", MAIN + "Exiting from main"])
-
-    def test_at_random_moments_of_start_up_and_of_the_first_work(self):
-        chance = random.Random(7)
-        for turn in range(12):
-            mode = ["-l", self.collector] if turn % 2 else []
-            master = self.start("-c", self.application, *mode)
-            master.wait_for("VLM configfile=")
-            time.sleep(chance.uniform(0, 0.4))  # the moment is what varies; nothing is waited for
-            self.assertEqual(master.stop(), 0, master.text())
-            self.assertIn(MAIN + "Exiting from main", master.text())
 
     def test_under_a_flood_of_further_stops(self):
         master = self.start("-c", self.application, "-l", self.collector)

@@ -1,0 +1,126 @@
+"""A network between a vehicle and vlmmaster that loses, doubles and reorders datagrams.
+
+Each side has a discovery port of its own and sees the other side at an address of the relay: what the vehicle
+offers at its event port, vlmmaster finds at the relay's, and the other way round. So all that passes, discovery
+and events, goes through here.
+"""
+import random
+import selectors
+import socket
+import struct
+import threading
+import time
+from collections import Counter
+
+BROADCAST = "127.255.255.255"
+FOR_MASTER, FOR_VEHICLE = "127.0.0.9", "127.0.0.8"  # where each side sees the other
+ENDPOINT_OPTION = 0x04
+HOLD_SECONDS = 0.03  # a datagram that is overtaken waits that long at most
+
+
+class Relay:
+    """`share` of all datagrams are lost, as many doubled, as many overtaken by the next one."""
+
+    def __init__(self, vehicle_port, master_port, seed, share=0.05):
+        self.share = share
+        self.counted = Counter()  # by "<events|discovery> <lost|doubled|overtaken|forwarded>"
+        self._chance = random.Random(seed)
+        self._vehicle_port, self._master_port = vehicle_port, master_port
+        self._selector = selectors.DefaultSelector()
+        self._held = {}  # per way: the datagram that waits to be overtaken
+        self._events = {"vehicle": None, "master": None}  # where each side really sends and receives events
+        self._to_master = self._socket(FOR_MASTER, master_port)
+        self._to_vehicle = self._socket(FOR_VEHICLE, vehicle_port)
+        self._events_to_master = self._socket(FOR_MASTER, 0)
+        self._events_to_vehicle = self._socket(FOR_VEHICLE, 0)
+        ways = ((self._to_master, self._from_master), (self._to_vehicle, self._from_vehicle),
+                (self._socket(BROADCAST, vehicle_port), self._from_vehicle),
+                (self._socket(BROADCAST, master_port), self._from_master),
+                (self._events_to_vehicle, self._event))
+        for channel, handler in ways:
+            self._selector.register(channel, selectors.EVENT_READ, handler)
+        self._sockets = [channel for channel, _ in ways] + [self._events_to_master]
+        self._ended = threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def end(self):
+        self._ended.set()
+        self._thread.join()
+        for channel in self._sockets:
+            channel.close()
+
+    @staticmethod
+    def _socket(address, port):
+        channel = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        channel.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        channel.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        channel.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        channel.setblocking(False)
+        channel.bind((address, port))
+        return channel
+
+    def _run(self):
+        while not self._ended.is_set():
+            for key, _ in self._selector.select(0.01):
+                for _ in range(64):
+                    try:
+                        data, sender = key.fileobj.recvfrom(65536)
+                    except BlockingIOError:
+                        break
+                    if sender[0] not in (FOR_MASTER, FOR_VEHICLE):  # not what the relay itself says to all
+                        key.data(key.fileobj, data, sender)
+            now = time.monotonic()
+            for way, (due, send) in list(self._held.items()):
+                if due <= now:
+                    del self._held[way]
+                    send()
+
+    def _from_vehicle(self, channel, data, _):
+        told = self._translate(data, "vehicle", self._events_to_master.getsockname())
+        to = (BROADCAST if channel.getsockname()[0] == BROADCAST else "127.0.0.1", self._master_port)
+        self._pass("discovery", channel, lambda: self._to_master.sendto(told, to))
+
+    def _from_master(self, channel, data, _):
+        told = self._translate(data, "master", self._events_to_vehicle.getsockname())
+        to = (BROADCAST if channel.getsockname()[0] == BROADCAST else "127.0.0.2", self._vehicle_port)
+        self._pass("discovery", channel, lambda: self._to_vehicle.sendto(told, to))
+
+    def _event(self, channel, data, _):
+        to = self._events["master"]
+        if to:
+            self._pass("events", channel, lambda: self._events_to_master.sendto(data, to))
+
+    def _translate(self, data, side, replacement):
+        """Puts the relay's event endpoint in the place of the sender's, and remembers that one."""
+        data = bytearray(data)
+        at = 28 + struct.unpack_from(">I", data, 20)[0]  # header, flags, length of the entries, entries, length
+        while at + 3 <= len(data):
+            length, kind = struct.unpack_from(">HB", data, at)
+            if kind == ENDPOINT_OPTION:
+                address, port = socket.inet_ntoa(bytes(data[at + 4:at + 8])), struct.unpack_from(">H", data, at + 10)[0]
+                self._events[side] = (address, port)
+                data[at + 4:at + 8] = socket.inet_aton(replacement[0])
+                struct.pack_into(">H", data, at + 10, replacement[1])
+            at += 3 + length
+        return bytes(data)
+
+    def _pass(self, what, way, send):
+        def counted():
+            self.counted[f"{what} forwarded"] += 1
+            send()
+
+        dice = self._chance.random()
+        if dice < self.share:
+            self.counted[f"{what} lost"] += 1
+            return
+        if dice < 2 * self.share and way not in self._held:
+            self.counted[f"{what} overtaken"] += 1
+            self._held[way] = (time.monotonic() + HOLD_SECONDS, counted)
+            return
+        counted()
+        if 2 * self.share <= dice < 3 * self.share:
+            self.counted[f"{what} doubled"] += 1
+            counted()
+        if way in self._held:
+            self._held.pop(way)[1]()
