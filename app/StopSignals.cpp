@@ -48,8 +48,12 @@ void setOfStopSignals(sigset_t& set) {
 }  // namespace
 
 void signal_handler(std::int32_t number) {
-    if (t_isWaiting.load(std::memory_order_relaxed)) {
+    // Closed while the line is written: what interrupts that, an abort, must not log the usual way.
+    if (t_isWaiting.exchange(false, std::memory_order_relaxed)) {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         VLM_LOG_PLAIN_AS(5, kHandlerSignature, kHandlerText << number);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        t_isWaiting.store(true, std::memory_order_relaxed);
     } else {
         writeHandlerLine(number);
     }
@@ -67,8 +71,12 @@ void blockStopSignals() {
 }
 
 void installSignalHandlers() {
+    struct sigaction action {};
+    action.sa_handler = signal_handler;
+    action.sa_flags = SA_RESTART;
+    setOfStopSignals(action.sa_mask);  // one at a time, also where the wait's open mask is in force
     for (const int number : {SIGINT, SIGTERM, SIGABRT, SIGKILL}) {
-        std::signal(number, signal_handler);
+        ::sigaction(number, &action, nullptr);
     }
 }
 

@@ -116,7 +116,7 @@ const Value& VLMConfig::getJsonValue(const std::string& key, int arrayIndex) {
             if (!current->isObject()) {
                 VLM_LOG_AT(7, 281,
                            "VLMConfig::getJsonValue() - Unable to resolve.  Object expected at "
-                               << name << ", key=" << key);
+                               << key.substr(at) << ", key=" << key);
                 return Value::nullSingleton();
             }
             current = &member(*current, name);

@@ -45,6 +45,7 @@ struct CommandLine {
     std::string helpText;  ///< empty unless help was asked for
     bool hasConfigFile = false;
     std::string configFile;
+    bool hasLocalFile = false;
     std::string localFile;  ///< empty: backend mode
 };
 
@@ -71,7 +72,8 @@ CommandLine parseCommandLine(int argc, char** argv) {
     if (commandLine.hasConfigFile) {
         commandLine.configFile = given["configfile"].as<std::string>();
     }
-    if (given.count("localFile") > 0) {
+    commandLine.hasLocalFile = given.count("localFile") > 0;
+    if (commandLine.hasLocalFile) {
         commandLine.localFile = given["localFile"].as<std::string>();
     }
     return commandLine;
@@ -89,7 +91,7 @@ void loadApplicationConfiguration(const CommandLine& commandLine) {
     } else {
         VLM_LOG_PLAIN_AS(3, kMain, "No application configuration is named: start with -c FILE");
     }
-    if (!commandLine.localFile.empty()) {
+    if (commandLine.hasLocalFile) {
         VLM_LOG_PLAIN_AS(5, kMain, "VLM Will start with local configuration " << commandLine.localFile);
     }
 }

@@ -35,7 +35,7 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
 
 /// What the fields must convert to, so that everything behind the validation may read them. What is not
 /// listed is ignored, whatever it holds.
-enum class FieldType { Text, Integer, Integer64, ListOfTexts };
+enum class FieldType { Text, Integer, Index, Integer64, ListOfTexts };
 
 struct Field {
     const char* key;
@@ -63,7 +63,7 @@ const std::vector<Block>& blocks() {
          {{"name", FieldType::Text, false},
           {"serv", FieldType::Text, false},
           {"res", FieldType::Text, false},
-          {"index", FieldType::Integer, false},
+          {"index", FieldType::Index, false},
           {"history", FieldType::Integer64, false},
           {"on", FieldType::Text, false}}},
         {"COMPARE", false, {{"name", FieldType::Text, false}}},
@@ -89,9 +89,14 @@ std::string mismatch(const Value& value, FieldType type) {
     switch (type) {
         case FieldType::Text:
             return toText(value, asText) ? "" : "a text is expected" + found(value);
-        case FieldType::Integer:
+        case FieldType::Index:
             // An empty text is an absent index to the validation, which has its own message for it.
-            return toInt(value, asInteger) || (value.isString() && textOf(value).empty())
+            if (value.isString() && textOf(value).empty()) {
+                return "";
+            }
+            [[fallthrough]];
+        case FieldType::Integer:
+            return toInt(value, asInteger)
                        ? ""
                        : "a number from -2147483648 to 2147483647 is expected" + found(value);
         case FieldType::Integer64:

@@ -17,6 +17,8 @@ using kyo::Json::Value;
 
 namespace {
 
+constexpr const char* kSendRecords =
+    "void vlmProd::ConfigResponseHandler::sendRecordsToCollectorObject(kyo::Json::Value)";
 constexpr std::chrono::seconds kPauseBetweenServices{4};
 constexpr std::chrono::seconds kPauseBetweenPasses{10};
 
@@ -178,7 +180,7 @@ void ConfigResponseHandler::createCollectorObjects() {
         toInt64(member(block, "history"), history);
         CollectorOnEventType type = m_configParser->getOnEventType(on, code);
         if (code != ConfigErrorCode::Ok) {
-            VLM_LOG(4, "Didn't find the OnEvent type for " << on << ". Hence defaulting to Clock.");
+            VLM_LOG(4, "Didn't find the OnEvent type for " << name << ". Hence defaulting to Clock.");
             type = CollectorOnEventType::Clock;
         }
         auto collector = std::make_shared<Collector>(name, history, serv, res, index, on, type);
@@ -253,7 +255,7 @@ void ConfigResponseHandler::sendRecordsToCollectorObject(TextedRecord record) {
         }
     }
     if (!collector) {
-        VLM_LOG(3, "Collector name is not found, dropping the record");
+        VLM_LOG_AS(3, kSendRecords, "Collector name is not found, dropping the record");
         withoutCollector.add();
         return;
     }

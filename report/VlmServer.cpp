@@ -22,6 +22,8 @@ namespace vlmProd {
 
 namespace {
 
+constexpr const char* kSendToOrx = "int32_t vlmProd::VlmServer::sendToOrx(kyo::Json::Value&)";
+
 constexpr std::int32_t kNoClient = -1;
 constexpr int kElementId = 1;
 constexpr const char* kVersion = "1.0.0";
@@ -258,38 +260,40 @@ std::int32_t VlmServer::sendToOrx(ShippedReport& report) {
     envelope["timezone"] = kTimezone;
     envelope["correlationTag"] = kCorrelationTag;
     envelope["deliveryMode"] = kDeliveryMode;
-    VLM_LOG(5, "ZEPH-51422 VLM sets CorrelationTag and DeliveryMode to default values: "
+    VLM_LOG_AS(5, kSendToOrx,
+               "ZEPH-51422 VLM sets CorrelationTag and DeliveryMode to default values: "
                    << kCorrelationTag << ", " << kDeliveryMode);
     const std::string eventId = makeEventId(report);
     envelope["eventId"] = eventId;
-    VLM_LOG(5, "ZEPH-48397 EventId is defined for VLM as: " << eventId);
+    VLM_LOG_AS(5, kSendToOrx, "ZEPH-48397 EventId is defined for VLM as: " << eventId);
     envelope["isCallbackAbilityRequested"] = true;
-    VLM_LOG(5, "ZEPH-48831 VLM setting Callback Ability to: " << true);
+    VLM_LOG_AS(5, kSendToOrx, "ZEPH-48831 VLM setting Callback Ability to: " << true);
 
     const std::string catalogId = textOf(report.member("catalogId"));
-    VLM_LOG(5, "ZEPH-50057 Using OrxConfig recordId as CatalogId: " << catalogId);
+    VLM_LOG_AS(5, kSendToOrx, "ZEPH-50057 Using OrxConfig recordId as CatalogId: " << catalogId);
     // Reports of one tick have the same creation time; name and number tell them apart, also when sent again.
     const std::string messageId = getUniqueMessageId(
         catalogId, textOf(report.member("createDatetime")),
         textOf(report.member("reportName")) + '#' + textOf(report.member("sequenceNumber")));
     envelope["messageId"] = messageId;
-    VLM_LOG(5, "ZEPH-51421 VLM using catlogId and createDateTime to create UniqueMessageId: " << messageId);
+    VLM_LOG_AS(5, kSendToOrx,
+               "ZEPH-51421 VLM using catlogId and createDateTime to create UniqueMessageId: " << messageId);
     envelope["timeToLive"] = kTimeToLiveSeconds;
-    VLM_LOG(5, "ZEPH-49271 VLM sets TimeToLive as default 2 hours: " << kTimeToLiveSeconds);
+    VLM_LOG_AS(5, kSendToOrx, "ZEPH-49271 VLM sets TimeToLive as default 2 hours: " << kTimeToLiveSeconds);
     const auto seconds = static_cast<kyo::Json::UInt64>(kyo::DateTime::getCurrentTimeMs() / 1000);
     envelope["timestamp"] = seconds;
-    VLM_LOG(5, "ZEPH-48804 VLM Send data timestamp: " << seconds);
+    VLM_LOG_AS(5, kSendToOrx, "ZEPH-48804 VLM Send data timestamp: " << seconds);
     envelope["orxClientDataReport"] = report.withoutCatalogId();
-    VLM_LOG(5, "ZEPH-48865 VLM sends Report as ORX DATA = " << envelope);
+    VLM_LOG_AS(5, kSendToOrx, "ZEPH-48865 VLM sends Report as ORX DATA = " << envelope);
 
     const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
     const std::int32_t result = m_client ? m_client->SendOrxData(envelope) : kNoClient;
     if (result != 0) {
-        VLM_LOG(3, "Error in Sending orx data to orxmaster, error code =  " << result);
-        VLM_LOG(3, "Send vlm Data State: FAILED ");
+        VLM_LOG_AS(3, kSendToOrx, "Error in Sending orx data to orxmaster, error code =  " << result);
+        VLM_LOG_AS(3, kSendToOrx, "Send vlm Data State: FAILED ");
         m_sendState = Failed;
     } else {
-        VLM_LOG(5, "Send vlm Data State: SUCCESS ");
+        VLM_LOG_AS(5, kSendToOrx, "Send vlm Data State: SUCCESS ");
         m_sendState = Sent;
         m_resultAwaited = true;
     }

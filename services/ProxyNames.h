@@ -1,6 +1,6 @@
 #pragma once
-/// The names of the vehicle services' proxies: the keys of the service registry. Shared by start-up and the
-/// registry.
+/// The names of the vehicle services' proxies. The registry is made from the service descriptions, whose keys
+/// are held against these names by a test; a service that is described later needs none here.
 #include <array>
 #include <string_view>
 

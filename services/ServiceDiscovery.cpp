@@ -12,6 +12,7 @@ namespace vlmProd {
 
 namespace {
 
+constexpr const char* kProcessServiceNames = "void vlmProd::ServiceDiscovery::processServiceNames()";
 constexpr unsigned int kNameWeight = 1;
 constexpr std::chrono::seconds kPause{2};
 
@@ -87,9 +88,9 @@ bool ServiceDiscovery::processNextName() {
     if (!m_names.take(&name)) {
         return false;
     }
-    VLM_LOG(5, "Processing the service name " << name);
+    VLM_LOG_AS(5, kProcessServiceNames, "Processing the service name " << name);
     if (m_findService(name)) {
-        VLM_LOG(5, "Successfully discovered the service " << name);
+        VLM_LOG_AS(5, kProcessServiceNames, "Successfully discovered the service " << name);
     } else {
         push(name);
     }

@@ -72,7 +72,7 @@ TEST_F(VLMConfigTest, a_key_that_cannot_be_resolved_says_why_at_its_known_line) 
          "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=4294967295, "
          "key=Services[99999999999999999999]"},
         {"Text.Sub.Leaf", 0, 281,
-         "VLMConfig::getJsonValue() - Unable to resolve.  Object expected at Sub, key=Text.Sub.Leaf"},
+         "VLMConfig::getJsonValue() - Unable to resolve.  Object expected at Sub.Leaf, key=Text.Sub.Leaf"},
         {"Services.Name", 0, 281,
          "VLMConfig::getJsonValue() - Unable to resolve.  Object expected at Name, key=Services.Name"},
         {"Top.None", 0, 292, absent},

@@ -243,6 +243,8 @@ TEST_F(ConfigParserTest, a_member_of_the_wrong_type_is_named_with_its_place_and_
         {R"({"COLLECT":[{"on":{}}]})", "COLLECT[0].on: a text is expected, found an object"},
         {R"({"COLLECT":[{"history":1e19}]})",
          "COLLECT[0].history: a 64-bit number is expected, found a number (1e+19)"},
+        {R"({"CLOCK":[{"duration":""}]})",
+         "CLOCK[0].duration: a number from -2147483648 to 2147483647 is expected, found a text (\"\")"},
         {R"({"CLOCK":[{"duration":"60000"}]})",
          "CLOCK[0].duration: a number from -2147483648 to 2147483647 is expected, found a text (\"60000\")"},
         {R"({"CLOCK":[{"name":"a"},{"name":[]}]})", "CLOCK[1].name: a text is expected, found an array"},

@@ -88,6 +88,14 @@ class FakeAdapter : public BaseServiceObject {
     std::set<std::string> m_subscribed;
 };
 
+/// Makes what threads use that wait for ever: never destroyed, but in sight of a leak checker.
+template <typename T, typename... Arguments>
+T& leftBehind(Arguments&&... arguments) {
+    static auto* const all = new std::vector<T*>;
+    all->push_back(new T(std::forward<Arguments>(arguments)...));
+    return *all->back();
+}
+
 class ConfigResponseHandlerTest : public testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -117,10 +125,9 @@ class ConfigResponseHandlerTest : public testing::Test {
     std::shared_ptr<FakeAdapter> m_airbag = std::make_shared<FakeAdapter>();
     ServiceMapObjectHandler m_services{
         ServiceMapObjectHandler::Adapters{{"GNSSProxy", m_gnss}, {"AirbagProxy", m_airbag}}};
-    // Both are used by threads that wait for ever, hence left behind.
     ServiceDiscovery& m_discovery =
-        *new ServiceDiscovery([](const std::string&) { return true; }, [](std::chrono::seconds) {});
-    ConfigResponseHandler& m_handler = *new ConfigResponseHandler(m_services, m_discovery);
+        leftBehind<ServiceDiscovery>([](const std::string&) { return true; }, [](std::chrono::seconds) {});
+    ConfigResponseHandler& m_handler = leftBehind<ConfigResponseHandler>(m_services, m_discovery);
     LogCapture m_log;
 };
 
@@ -145,7 +152,7 @@ TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_cl
                           {5, "Creating collector object for c1"},
                           {5, "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0"},
                           {5, "Creating collector object for c2"},
-                          {4, "Didn't find the OnEvent type for . Hence defaulting to Clock."},
+                          {4, "Didn't find the OnEvent type for c2. Hence defaulting to Clock."},
                           {5, "historyDuration: 0 , Lag:  0 , Collector name: c2 And OnEvent Type: 0"},
                           {5, "Size of collect names = 2"},
                           {5, "Size of All services and Resources = 2"},
