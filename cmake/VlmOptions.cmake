@@ -14,6 +14,7 @@ target_compile_options(vlm_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(vlm_options INTERFACE -Wno-error=unknown-warning-option -Wno-unknown-warning-option)
 endif()
+string(REPLACE "," ";" VLM_SANITIZERS "${VLM_SANITIZE}")
 if(VLM_SANITIZE)
   add_compile_options(-fsanitize=${VLM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VLM_SANITIZE})
@@ -38,6 +39,9 @@ function(vlm_library name)
   target_link_libraries(vlm_${name} PUBLIC ${ARG_DEPS} PRIVATE vlm::options)
 endfunction()
 
+# All that the labels unit and integration need; the sanitizer presets build no more.
+add_custom_target(vlm_unit_and_integration_tests)
+
 # vlm_test(NAME LABEL unit SOURCES... DEPS... [TIMEOUT s]): one GoogleTest program, registered whole with ctest.
 function(vlm_test name)
   cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;DEPS" ${ARGN})
@@ -47,6 +51,9 @@ function(vlm_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}")
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} vlm::options GTest::gmock GTest::gtest GTest::gtest_main)
+  if(ARG_LABEL MATCHES "unit|integration")
+    add_dependencies(vlm_unit_and_integration_tests ${name})
+  endif()
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABEL}" TIMEOUT ${ARG_TIMEOUT})
 endfunction()
