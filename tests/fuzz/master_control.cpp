@@ -5,14 +5,40 @@
 #include "tests/unit/backend/ScriptedOrxClient.h"
 
 using vlmFuzz::require;
+using vlmTest::ScriptedClient;
+
+namespace {
+
+/// One for all inputs, as each leaves a timer's thread behind that sleeps for eleven minutes.
+vlmProd::VlmServer& server() {
+    static auto* const instance = [] {
+        vlmFuzz::logToNowhere();
+        auto* const created = new vlmProd::VlmServer("Catalog 1", {"TypeA"});
+        created->registerDataDeliveryCallback([](vlmProd::orxStatus) {});
+        created->startServer();
+        return created;
+    }();
+    return *instance;
+}
+
+/// Brings the server into one state: open, and its last report sent and delivered.
+void startAnew() {
+    server();
+    auto& client = ScriptedClient::current();
+    client.reset();
+    client.masterControl(vlmTest::control());
+    kyo::Json::Value report = vlmTest::report("first");
+    require(server().sendToOrx(report) == 0, "a report is sent");
+    client.masterControl(vlmTest::control());
+    require(!server().isBlocked() && server().isAnythingPermitted(), "the channel is open");
+}
+
+}  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
     vlmFuzz::Input in({data, size});
-    vlmProd::VlmServer server("Catalog 1", {"TypeA"});
-    server.registerDataDeliveryCallback([](vlmProd::orxStatus) {});
-    server.startServer();
-    auto& client = vlmTest::ScriptedClient::current();
+    startAnew();
+    auto& client = ScriptedClient::current();
     while (!in.empty()) {
         const std::string line = in.line();
         if (line.starts_with("!")) {
@@ -20,10 +46,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             client.answerSends([answer](const kyo::Json::Value&) { return answer; });
             kyo::Json::Value report = vlmTest::report(line);
             const std::size_t before = client.sends();
-            const std::int32_t result = server.sendToOrx(report);
-            require(client.sends() == before + (server.isAnythingPermitted() ? 1 : 0),
-                    "permitted, and so sent");
-            require(result == (server.isAnythingPermitted() ? answer : vlmProd::VlmServer::kNothingPermitted),
+            const bool permitted = server().isAnythingPermitted();
+            const std::int32_t result = server().sendToOrx(report);
+            require(client.sends() == before + (permitted ? 1 : 0), "permitted, and so sent");
+            require(result == (permitted ? answer : vlmProd::VlmServer::kNothingPermitted),
                     "the client's answer is told");
             continue;
         }

@@ -55,8 +55,10 @@ def run_target(target, options):
     corpus.mkdir(parents=True, exist_ok=True)
     log = options.work / f"{target}.log"
     seeds = seeds_of(target)
-    # A small quarantine: the targets free what they take within one input.
-    environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=16:" + os.environ.get("ASAN_OPTIONS", "")}
+    # A small quarantine: the targets free what they take within one input. Short stacks of allocations: the
+    # sanitizer keeps each different one for ever, and a parser that calls itself makes ever new ones.
+    sanitizer = "quarantine_size_mb=16:malloc_context_size=6:" + os.environ.get("ASAN_OPTIONS", "")
+    environment = {**os.environ, "ASAN_OPTIONS": sanitizer}
     common = [program, *LIMITS, f"-artifact_prefix={findings}/{target}-"]
 
     def execute(arguments, limit):
@@ -76,8 +78,8 @@ def run_target(target, options):
                 running.discard(process)
 
     log.write_bytes(b"")
-    if not seeds:
-        result.fault = "has no seeds"
+    if not seeds or not os.access(program, os.X_OK):
+        result.fault = "is not built" if seeds else "has no seeds"
         return result
     if execute([str(seed) for seed in seeds], 60 + 10 * len(seeds)) != 0:
         result.fault = "stopped" if stopped else "FAULT in a kept seed"
