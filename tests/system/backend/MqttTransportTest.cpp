@@ -357,6 +357,16 @@ TEST_F(MqttBackendTest, does_not_connect_to_a_certificate_of_another_host) {
     EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
 }
 
+TEST_F(MqttBackendTest, says_nothing_in_the_clear_to_a_broker_without_tls) {
+    const Certificates certificates;
+    m_settings.tls = true;
+    m_settings.caFile = certificates.file("ca.crt");
+    Broker broker(m_port);  // would let anybody in who speaks its protocol
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
+    EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
+}
+
 TEST_F(MqttBackendTest, shows_its_own_certificate_to_a_broker_that_wants_one) {
     const Certificates certificates;
     m_settings.tls = true;
@@ -366,6 +376,14 @@ TEST_F(MqttBackendTest, shows_its_own_certificate_to_a_broker_that_wants_one) {
     {
         Vehicle stranger(m_settings);
         ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
+    }
+    m_log.clear();
+    m_settings.certFile = certificates.file("other-ca.crt");  // of an authority that the broker does not know
+    m_settings.keyFile = certificates.file("other-ca.key");
+    {
+        Vehicle stranger(m_settings);
+        ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
+        EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
     }
     m_settings.certFile = certificates.file("client.crt");
     m_settings.keyFile = certificates.file("client.key");
