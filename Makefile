@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults clean
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults soak coverage clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -22,9 +22,11 @@ help:
 	@echo '                 DURATION=SECONDS  end after that time'
 	@echo '                 SPEED=FACTOR      faster clock for vehicle and vlmmaster, by libfaketime'
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
+	@echo 'make coverage  the same two, and a table of what they reach'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
 	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run'
+	@echo 'make soak      everything at its natural rate for HOURS=n (1), memory and losses as a plot'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
@@ -54,6 +56,13 @@ run: configure
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
 
+# A table of lines and branches per file, from the unit and integration tests.
+coverage:
+	@tools/run/deps.sh coverage
+	$(MAKE) --no-print-directory test PRESET=coverage
+	gcovr --root . --object-directory build/coverage --exclude-unreachable-branches --exclude-throw-branches \
+	  $(parts:%=--filter '%/') --sort-percentage -j $(JOBS)
+
 test-asan test-tsan: test-%:
 	$(MAKE) --no-print-directory test PRESET=$*
 
@@ -71,6 +80,13 @@ SEED ?= 0
 faults: configure
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm_catalog_file
 	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
+
+HOURS ?= 1
+
+soak: configure
+	@tools/run/deps.sh soak
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-check vlm_catalog_file
+	tools/run/vlm-soak --build build/$(PRESET) --hours $(HOURS)
 
 bench:
 	@$(MAKE) --no-print-directory configure PRESET=release
@@ -95,10 +111,15 @@ sources = git ls-files -z '*.cpp' '*.h'
 format: deps-lint
 	$(sources) | xargs -0 clang-format -i
 
-# Warnings of clang-tidy are told, errors of clang-format fail.
+parts = app catalog config bus collect report services platform tools
+
+# cppcheck: parameters by value are what the interfaces ask for.
 lint: deps-lint configure
 	$(sources) | xargs -0 clang-format --dry-run --Werror
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlm_generate
+	cppcheck -q -j $(JOBS) --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
+	  --suppress=missingIncludeSystem --suppress=passedByValue --error-exitcode=1 \
+	  -I . -I platform -I build/$(PRESET)/generated -I codegen/support $(parts) codegen/support
 	run-clang-tidy -quiet -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services|platform|tools)/'
 
 clean:

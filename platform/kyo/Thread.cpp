@@ -7,7 +7,7 @@
 namespace kyo {
 
 Thread::~Thread() {
-    detach();
+    Thread::detach();
 }
 
 void Thread::start() {
