@@ -55,9 +55,9 @@ def run_target(target, options):
     corpus.mkdir(parents=True, exist_ok=True)
     log = options.work / f"{target}.log"
     seeds = seeds_of(target)
-    # A small quarantine: the targets free what they take within one input. Short stacks of allocations: the
-    # sanitizer keeps each different one for ever, and a parser that calls itself makes ever new ones.
-    sanitizer = "quarantine_size_mb=16:malloc_context_size=6:" + os.environ.get("ASAN_OPTIONS", "")
+    # A small quarantine: the targets free what they take within one input. No stacks of allocations: the sanitizer
+    # keeps each different one for ever. Whoever runs a finding again gets them.
+    sanitizer = "quarantine_size_mb=16:malloc_context_size=1:" + os.environ.get("ASAN_OPTIONS", "")
     environment = {**os.environ, "ASAN_OPTIONS": sanitizer}
     common = [program, *LIMITS, f"-artifact_prefix={findings}/{target}-"]
 

@@ -473,11 +473,14 @@ class DltFaults(FaultTest):
 
 
 class Stops(FaultTest):
-    """At random moments, under load, in both modes: the end comes within 5 s, with status 0, and as an end."""
+    """At random moments, under load, in both modes: the end comes within 5 s, with status 0, and as an end.
+
+    In real time: libfaketime's own end takes away what other threads still use.
+    """
 
     def test_at_random_moments_under_load(self):
-        self.need()
-        self.start_vehicle(period=40)
+        self.clock = None
+        self.start_vehicle(period=4)
         longest = 0.0
         turns = ROUNDS * 10 or 12
         for turn in range(turns):
@@ -485,8 +488,8 @@ class Stops(FaultTest):
             # Blocked until the program itself takes care of it: what comes before would end the loader.
             master = self.start_master(*mode, log={"maxLevel": 7, "console": turn % 4 < 2},
                                        before=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM]))
-            # The moment is what varies: in start-up, while services are found, at a tick, in full flow.
-            time.sleep(self.chance.uniform(0.05, 0.5 if turn % 3 else 5))
+            # The moment is what varies: in start-up, while services are found and subscribed, in full flow.
+            time.sleep(self.chance.uniform(0.05, 0.5 if turn % 3 else 8))
             began = time.monotonic()
             self.assertEqual(master.stop(limit=5), 0, f"turn {turn}:\n{master.text()[-3000:]}")
             longest = max(longest, time.monotonic() - began)
