@@ -194,6 +194,21 @@ double processSeconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
+/// Of all processes of the machine, by all its processors.
+double machineSeconds() {
+    std::ifstream file("/proc/stat");
+    std::string name;
+    double user = 0;
+    double nice = 0;
+    double system = 0;
+    double idle = 0;
+    double waiting = 0;
+    double interrupts = 0;
+    double softInterrupts = 0;
+    file >> name >> user >> nice >> system >> idle >> waiting >> interrupts >> softInterrupts;
+    return (user + nice + system + interrupts + softInterrupts) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 constexpr const char* kCounters[] = {"samples.received",
                                      "samples.converted",
                                      "records.dispatched",
@@ -240,9 +255,11 @@ void throughput(benchmark::State& state, VehicleProcess* vehicle, int rate) {
             settle();
             const Counts before = counts();
             const double busyBefore = processSeconds();
+            const double machineBefore = machineSeconds();
             std::istringstream answer(
                 vehicle->ask("send " + std::to_string(rate) + " " + std::to_string(kSeconds)));
             const double busy = processSeconds() - busyBefore;
+            const double machineBusy = machineSeconds() - machineBefore;
             std::uint64_t sent = 0;
             double took = 0;
             answer >> sent >> took;
@@ -251,6 +268,7 @@ void throughput(benchmark::State& state, VehicleProcess* vehicle, int rate) {
             state.counters["sent"] = static_cast<double>(sent);
             state.counters["rate"] = static_cast<double>(sent) / took;
             state.counters["cores"] = busy / took;
+            state.counters["machineCores"] = machineBusy / took;
             const Counts after = counts();
             const auto grown = [&](const std::string& name) {
                 return static_cast<double>(after.at(name) - before.at(name));
