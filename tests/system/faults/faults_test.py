@@ -488,6 +488,7 @@ class Stops(FaultTest):
             # Blocked until the program itself takes care of it: what comes before would end the loader.
             master = self.start_master(*mode, log={"maxLevel": 7, "console": turn % 4 < 2},
                                        before=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM]))
+            wait_until(lambda: Path(f"/proc/{master.process.pid}/comm").read_text() == "vlmmaster\n", "its start")
             # The moment is what varies: in start-up, while services are found and subscribed, in full flow.
             time.sleep(self.chance.uniform(0.05, 0.5 if turn % 3 else 8))
             began = time.monotonic()
