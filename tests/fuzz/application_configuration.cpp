@@ -1,4 +1,5 @@
-/// The application configuration with look-ups by path: the first lines are keys, an empty line ends them.
+/// The application configuration with look-ups by path: the first lines, a few at most, are keys; an empty
+/// line ends them.
 #include <vector>
 
 #include "Fuzzing.h"
@@ -8,7 +9,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
     vlmFuzz::Input in({data, size});
     std::vector<std::string> keys{"OfferedDataTypes", ""};
-    for (std::string key = in.line(); !key.empty(); key = in.line()) {
+    for (std::string key = in.line(); !key.empty() && keys.size() < 8; key = in.line()) {
         keys.push_back(key);
     }
     const std::string text = vlmFuzz::textOf(in.rest());

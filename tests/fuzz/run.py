@@ -20,9 +20,9 @@ ROOT = HERE.parents[1]
 # Files of the repository that are seeds as they are.
 EXAMPLES = {"collector_configuration": ["examples/collector*.json"],
             "machine_manifest": ["examples/machine-manifest.json", "packaging/machine-manifest.json"]}
-LARGEST_EXAMPLE = 16384  # bytes; larger ones only slow it down
+LARGEST_EXAMPLE = 4096  # bytes; larger ones are cut by the limit below
 DICTIONARIES = {"someip_discovery": "discovery", "someip_header": None, "someip_structure": None}
-LIMITS = ["-timeout=10", "-rss_limit_mb=1024", "-malloc_limit_mb=128", "-max_len=8192"]
+LIMITS = ["-timeout=10", "-rss_limit_mb=1024", "-malloc_limit_mb=128", "-max_len=4096"]
 
 
 def seeds_of(target):
