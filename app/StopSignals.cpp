@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstring>
@@ -36,6 +37,7 @@ void writeHandlerLine(std::int32_t number) {
         static_cast<std::size_t>(std::to_chars(line + length, line + sizeof line - 1, number).ptr - line);
     append("\n", 1);
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line, length);
+    errno = before;
 }
 
 void setOfStopSignals(sigset_t& set) {
@@ -48,6 +50,7 @@ void setOfStopSignals(sigset_t& set) {
 }  // namespace
 
 void signal_handler(std::int32_t number) {
+    const int before = errno;  // may be about to be read where this interrupts
     // Closed while the line is written: what interrupts that, an abort, must not log the usual way.
     if (t_isWaiting.exchange(false, std::memory_order_relaxed)) {
         std::atomic_signal_fence(std::memory_order_seq_cst);

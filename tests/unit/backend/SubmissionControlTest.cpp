@@ -137,7 +137,7 @@ TEST_F(SubmissionControl, stops_on_result_two_and_keeps_the_queue) {
     m_log.clear();
     backend().masterControl(control(2));
     EXPECT_EQ(m_log.count(3, "orx status is to stop sending data"), 1u);
-    EXPECT_EQ(m_log.messages().back(), kHandled);
+    EXPECT_EQ(m_log.count(5, kHandled), 1u);
     m_control.SendWakeupSignal();
     EXPECT_EQ(backend().sends(), 1u);
     EXPECT_EQ(m_control.waitingReports(), 1u);
