@@ -37,7 +37,6 @@ void writeHandlerLine(std::int32_t number) {
         static_cast<std::size_t>(std::to_chars(line + length, line + sizeof line - 1, number).ptr - line);
     append("\n", 1);
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line, length);
-    errno = before;
 }
 
 void setOfStopSignals(sigset_t& set) {
@@ -63,6 +62,7 @@ void signal_handler(std::int32_t number) {
     if (number == SIGINT || number == SIGABRT || number == SIGTERM || number == SIGKILL) {
         g_exitRequested.store(true, std::memory_order_seq_cst);
     }
+    errno = before;
 }
 
 namespace vlmProd {
