@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ac/com/runtime/component.h"
+#include "app/CounterLog.h"
 #include "app/JsonFields.h"
 #include "app/RunningState.h"
 #include "app/StopSignals.h"
@@ -178,10 +179,12 @@ void startCollection(const std::string& localFile, const std::string& serverName
 }
 
 void keepAlive(vlmHeartBeat& heartBeat) {
+    CounterLog counterLog;
     while (!exitRequested()) {
         heartBeat.sendAliveSignal();
         VLM_LOG_PLAIN_AS(5, kMain, "Sleeping for 30 secs");
         waitForStopSignal(kAlivePeriod);
+        counterLog.look(CounterLog::Clock::now());
     }
 }
 

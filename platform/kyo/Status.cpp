@@ -78,16 +78,22 @@ void Status::gauge(const std::string& name, std::function<Json::Value()> read) {
     all.gauges[name].swap(entry);
 }
 
+std::map<std::string, std::uint64_t> Status::counters() {
+    std::map<std::string, std::uint64_t> counts;
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.guard);
+    for (const auto& [name, counter] : all.counters) {
+        counts.emplace_hint(counts.end(), name, counter->value());
+    }
+    return counts;
+}
+
 Json::Value Status::snapshot() {
-    std::vector<std::pair<std::string, std::uint64_t>> counts;
+    const auto counts = counters();
     std::vector<std::pair<std::string, std::shared_ptr<const Gauge>>> gauges;
     {
         Registry& all = registry();
         const std::lock_guard<std::mutex> lock(all.guard);
-        counts.reserve(all.counters.size());
-        for (const auto& [name, counter] : all.counters) {
-            counts.emplace_back(name, counter->value());
-        }
         gauges.assign(all.gauges.begin(), all.gauges.end());
     }
     // The gauges are read without the lock: they may take locks of their own.

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 
 #include "kyo/Json.h"
@@ -27,6 +28,8 @@ class Status {
     /// Registers or replaces a value that is read at each snapshot. `read` is called on the thread that
     /// takes the snapshot, must not throw, and must be safe at any time until the process ends.
     static void gauge(const std::string& name, std::function<Json::Value()> read);
+    /// All counters by their dotted names.
+    static std::map<std::string, std::uint64_t> counters();
     /// All counters and gauges as one nested object.
     static Json::Value snapshot();
 };
