@@ -8,12 +8,13 @@ constexpr std::size_t kNone = std::string_view::npos;
 
 /// The place behind the string whose opening quote is at `at`.
 std::size_t behindString(std::string_view text, std::size_t at) {
-    for (++at; at < text.size(); ++at) {
-        if (text[at] == '"') {
-            return at + 1;
+    for (std::size_t end = text.find('"', at + 1); end != kNone; end = text.find('"', end + 1)) {
+        std::size_t backslashes = 0;
+        while (text[end - 1 - backslashes] == '\\') {  // stops at the opening quote
+            ++backslashes;
         }
-        if (text[at] == '\\') {
-            ++at;
+        if (backslashes % 2 == 0) {
+            return end + 1;
         }
     }
     return kNone;
@@ -58,10 +59,12 @@ std::size_t behindValue(std::string_view text, std::size_t at) {
         default:
             break;
     }
-    while (at < text.size() && text[at] != ',' && text[at] != '}') {
-        ++at;
+    const char* next = text.data() + at;
+    const char* const end = text.data() + text.size();
+    while (next != end && *next != ',' && *next != '}') {
+        ++next;
     }
-    return at;
+    return static_cast<std::size_t>(next - text.data());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "app/JsonFields.h"
 #include "app/VlmLog.h"
+#include "collect/CompactObject.h"
 #include "collect/IngressQueue.h"
 #include "services/StableText.h"
 
@@ -17,8 +18,6 @@ using kyo::Json::StaticString;
 using kyo::Json::Value;
 
 namespace {
-
-constexpr const char* kProcessData = "void vlmProd::Resource::processData(kyo::Json::Value)";
 
 std::string collectorKey(std::string_view service, std::string_view resource, int index) {
     std::string key(service);
@@ -33,90 +32,27 @@ std::string_view textIn(const Value& record, std::string_view name) {
                                                               : std::string_view();
 }
 
-/// A record's compact text, written once, in which the members can be told apart: the trace shows every
-/// member and the whole record, before and after it is completed.
-class RecordText {
-  public:
-    explicit RecordText(const Value& record) {
-        if (!record.isObject()) {
-            kyo::Json::appendCompact(m_text, record);
-            return;
+/// Puts the member into the compact text of an object, where the writer would. False when it is there
+/// already.
+bool insertMember(std::string& object, std::string_view name, const Value& value) {
+    std::size_t at = object.size() - 1;  // before the closing brace
+    bool first = true;
+    bool last = true;
+    for (CompactObject members(object); last && members.next(); first = false) {
+        if (members.name() == name) {
+            return false;
         }
-        m_text.reserve(40 * record.size());
-        m_spans.reserve(record.size() + 2);  // the two that a collector brings
-        m_text.push_back('{');
-        for (auto item = record.begin(); item != record.end(); ++item) {
-            m_spans.push_back(append(nameOf(item), *item));
-            m_text.push_back(',');
-        }
-        m_text.back() = m_spans.empty() ? '{' : '}';
-        if (m_spans.empty()) {
-            m_text.push_back('}');
+        if (members.name() > name) {
+            at = static_cast<std::size_t>(members.whole().data() - object.data());
+            last = false;
         }
     }
-
-    /// Puts the member, which is new, where the writer would.
-    void insert(std::string_view name, const Value& value) {
-        const auto at =
-            std::lower_bound(m_spans.begin(), m_spans.end(), name,
-                             [](const Span& one, std::string_view key) { return one.name < key; });
-        // What is inserted brings one comma: behind it, or before it at the end of the record.
-        const bool isLast = at == m_spans.end();
-        const std::size_t before = isLast ? m_text.size() - 1 : at->begin;
-        const std::string rest = m_text.substr(before);
-        m_text.resize(before);
-        if (isLast && !m_spans.empty()) {
-            m_text.push_back(',');
-        }
-        const Span added = append(name, value);
-        if (!isLast) {
-            m_text.push_back(',');
-        }
-        const std::size_t longer = m_text.size() - before;
-        m_text.append(rest);
-        for (auto later = at; later != m_spans.end(); ++later) {
-            later->begin += longer;
-            later->valueBegin += longer;
-            later->end += longer;
-        }
-        m_spans.insert(at, added);
-    }
-
-    const std::string& whole() const { return m_text; }
-    std::size_t size() const { return m_spans.size(); }
-    std::string_view name(std::size_t i) const { return m_spans[i].name; }
-    std::string_view value(std::size_t i) const {
-        return std::string_view(m_text).substr(m_spans[i].valueBegin, m_spans[i].end - m_spans[i].valueBegin);
-    }
-
-  private:
-    struct Span {
-        std::string_view name;  ///< in the record
-        std::size_t begin;
-        std::size_t valueBegin;
-        std::size_t end;
-    };
-
-    static std::string_view nameOf(const Value::const_iterator& item) {
-        const char* end = nullptr;
-        const char* const begin = item.memberName(&end);
-        return {begin, static_cast<std::size_t>(end - begin)};
-    }
-
-    Span append(std::string_view name, const Value& value) {
-        Span span{name, m_text.size(), 0, 0};
-        // A view of a member's name ends with a zero byte, as do the literals that are inserted.
-        kyo::Json::appendCompact(m_text, Value(StaticString(name.data())));
-        m_text.push_back(':');
-        span.valueBegin = m_text.size();
-        kyo::Json::appendCompact(m_text, value);
-        span.end = m_text.size();
-        return span;
-    }
-
-    std::string m_text;
-    std::vector<Span> m_spans;
-};
+    std::string member(last && !first ? "," : "");
+    member.append(1, '"').append(name).append("\":");
+    kyo::Json::appendCompact(member, value);
+    object.insert(at, member.append(last ? "" : ","));
+    return true;
+}
 
 }  // namespace
 
@@ -194,9 +130,10 @@ bool Resource::isSubscribed() {
 void Resource::processData(Value record) {
     // Asked once, so that the trace is whole or absent.
     const bool told = kyo::Log::enabled(5);
-    std::optional<RecordText> text;
+    std::string text;  // written once; the trace shows it before and after it is completed, and by members
     if (told) {
-        text.emplace(record);
+        text.reserve(40 * record.size());
+        kyo::Json::appendCompact(text, record);
     }
     std::size_t indexes = 0;
     std::size_t attributes = 0;
@@ -216,35 +153,32 @@ void Resource::processData(Value record) {
         }
     }
     if (told) {
-        VLM_LOG_AS(5, kProcessData, "jsonData: " << text->whole());
-        VLM_LOG_AS(5, kProcessData, "Size of someip index map = " << indexes);
-        VLM_LOG_AS(5, kProcessData, "Size of attributes = " << attributes);
-        VLM_LOG_AS(5, kProcessData, "JSON VALUES MEMBER SIZE = " << record.size());
+        VLM_LOG(5, "jsonData: " << text);
+        VLM_LOG(5, "Size of someip index map = " << indexes);
+        VLM_LOG(5, "Size of attributes = " << attributes);
+        VLM_LOG(5, "JSON VALUES MEMBER SIZE = " << record.size());
     }
     if (collector) {
         if (told) {
-            VLM_LOG_AS(5, kProcessData,
-                       "COLLECT NAME FOUND = " << collector->c_str() << "for key = "
+            VLM_LOG(5, "COLLECT NAME FOUND = " << collector->c_str() << "for key = "
                                                << collectorKey(textIn(record, "serviceName"), m_name, index));
         }
         record[StaticString("collectorName")] = Value(*collector);
         record[StaticString("index")] = Value(index);
     }
     if (told) {
-        if (collector && record.size() == text->size() + 2) {
-            text->insert("collectorName", Value(*collector));
-            text->insert("index", Value(index));
-        } else if (collector) {
-            text.emplace(record);  // a record that brought one of them along
+        if (collector && !(insertMember(text, "collectorName", Value(*collector)) &&
+                           insertMember(text, "index", Value(index)))) {
+            text = compactText(record);  // it has brought one of them along
         }
-        for (std::size_t i = 0; i < text->size(); ++i) {
-            VLM_LOG_AS(5, kProcessData, "[" << text->name(i) << "]:" << text->value(i));
+        for (CompactObject members(text); members.next();) {
+            VLM_LOG(5, "[" << members.name() << "]:" << members.value());
         }
         if (record.isObject()) {
-            VLM_LOG_AS(5, kProcessData, "FAST WRITER = " << text->whole());
+            VLM_LOG(5, "FAST WRITER = " << text);
         }
     }
-    IngressQueue::getInstance()->insertRecord(told ? TextedRecord(record, text->whole())
+    IngressQueue::getInstance()->insertRecord(told ? TextedRecord(record, std::move(text))
                                                    : TextedRecord(record));
 }
 

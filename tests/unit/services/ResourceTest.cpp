@@ -115,6 +115,21 @@ TEST_F(ResourceTest, TellsARecordInItsOrder) {
     EXPECT_EQ(log.lines().front().signature, "void vlmProd::Resource::processData(kyo::Json::Value)");
 }
 
+TEST_F(ResourceTest, TellsTheCompletedRecordAsTheWriterWouldWhereverTheNewMembersBelong) {
+    resource.setCollectorName("", "positions", 1, "fu\"sed");
+    for (const char* const text :
+         {R"({"type":1})", R"({"aaa":"}{","type":1,"zz":[{"index":5}]})", R"({"index":9,"type":1})",
+          R"({"collectorName":"brought along","type":1})", R"({"collectorName":"","index":0,"type":1})"}) {
+        Value completed = vlmTest::valueOf(std::string(text));
+        LogCapture log;
+        EXPECT_EQ(through(completed)["collectorName"].asString(), "fu\"sed");
+        completed["collectorName"] = "fu\"sed";
+        completed["index"] = 1;
+        EXPECT_TRUE(log.has(5, "FAST WRITER = " + compactText(completed))) << text;
+        EXPECT_TRUE(log.has(5, "[index]:1")) << text;
+    }
+}
+
 TEST_F(ResourceTest, TellsWhatIsConfigured) {
     LogCapture log;
     resource.setCollectorName("GNSSProxy", "positions", 1, "fused");
