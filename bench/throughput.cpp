@@ -19,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ac/com/runtime/component.h"
@@ -96,13 +97,17 @@ class VehicleProcess {
         m_out = ::fdopen(toChild[1], "w");
         m_in = ::fdopen(fromChild[0], "r");
     }
-    ~VehicleProcess() {
-        std::fclose(m_out);  // the end of its input ends it
-        std::fclose(m_in);
-        ::waitpid(m_pid, nullptr, 0);
-    }
+    ~VehicleProcess() { end(); }
     VehicleProcess(const VehicleProcess&) = delete;
     VehicleProcess& operator=(const VehicleProcess&) = delete;
+
+    void end() {
+        if (m_pid > 0) {
+            std::fclose(m_out);  // the end of its input ends it
+            std::fclose(m_in);
+            ::waitpid(std::exchange(m_pid, -1), nullptr, 0);
+        }
+    }
 
     std::string ask(const std::string& what) {
         std::fprintf(m_out, "%s\n", what.c_str());
@@ -331,11 +336,12 @@ int main(int argc, char** argv) {
                 ->Unit(benchmark::kSecond);
         }
         benchmark::RunSpecifiedBenchmarks();
+        vehicle.end();
+        std::cout.flush();
+        // The threads of the process's singletons are still at work, with the middleware too.
+        std::_Exit(0);
     } catch (const std::exception& failure) {
         std::cerr << failure.what() << '\n';
         return 1;
     }
-    std::cout.flush();
-    // The threads of the process's singletons are still at work.
-    std::_Exit(0);
 }
