@@ -113,14 +113,15 @@ format: deps-lint
 
 parts = app catalog config bus collect report services platform tools
 
-# cppcheck: parameters by value are what the interfaces ask for.
+# cppcheck: parameters by value are what the interfaces ask for. clang-tidy: the reflection library's headers, which
+# one source includes, are not understood by clang's C++20.
 lint: deps-lint configure
 	$(sources) | xargs -0 clang-format --dry-run --Werror
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlm_generate
 	cppcheck -q -j $(JOBS) --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
 	  --suppress=missingIncludeSystem --suppress=passedByValue --error-exitcode=1 \
 	  -I . -I platform -I build/$(PRESET)/generated -I codegen/support $(parts) codegen/support
-	run-clang-tidy -quiet -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services|platform|tools)/'
+	run-clang-tidy -quiet -extra-arg=-Wno-unknown-warning-option -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services(?!/ResourceConversion)|platform|tools)/'
 
 clean:
 	rm -rf build run

@@ -157,7 +157,7 @@ std::string loadCatalog() {
     FilesReturnCode code = FilesReturnCode::Ok;
     VlmJsonCatalog::createSingleton(kCatalogPath, code);
     VLM_LOG_PLAIN_AS(5, kMain, "Successfully created the catalog file parser");
-    const std::string serverName = VlmJsonCatalog::getInstance()->getCatalogVersion();
+    std::string serverName = VlmJsonCatalog::getInstance()->getCatalogVersion();
     if (serverName.empty()) {
         // A bare text: start-up then ends as an unknown exception, which is how operators know this fault.
         throw "Server name from JSON catalog is empty";

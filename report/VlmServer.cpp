@@ -320,7 +320,7 @@ std::string VlmServer::getUniqueMessageId(const std::string& catalogId, const st
         boost::uuids::uuid id = boost::uuids::string_generator()(digest.substr(0, 32));
         id.data[6] = static_cast<std::uint8_t>((id.data[6] & 0x0Fu) | 0x80u);
         id.data[8] = static_cast<std::uint8_t>((id.data[8] & 0x3Fu) | 0x80u);
-        const std::string text = boost::uuids::to_string(id);
+        std::string text = boost::uuids::to_string(id);
         VLM_LOG(7, "STRING UUID SUCCESS");
         VLM_LOG(7, "UUIDSTR = " << text);
         return text;

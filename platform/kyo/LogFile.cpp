@@ -27,9 +27,8 @@ namespace kyo {
 
 namespace {
 
-/// At a tick each report's trace repeats all that was collected: tens of megabytes with everything configured.
-constexpr std::size_t kMaxLines = 131'072;
-constexpr std::size_t kMaxBytes = 32u << 20;
+constexpr std::size_t kMaxLines = 16'384;
+constexpr std::size_t kMaxBytes = 4u << 20;
 constexpr auto kFlushLimit = std::chrono::milliseconds(500);
 
 class Writer {

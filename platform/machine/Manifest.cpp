@@ -36,7 +36,7 @@ bool isIpv4Network(const std::string& text) {
     if (length.empty() || length.size() > 2 || length.find_first_not_of("0123456789") != std::string::npos) {
         return false;
     }
-    return std::atoi(length.c_str()) <= 32;
+    return std::stoi(length) <= 32;
 }
 
 /// Reads one JSON object member by member. The first fault is kept with its dotted path; what follows it

@@ -11,10 +11,7 @@ class CallGate {
   public:
     class Pass {
       public:
-        explicit Pass(CallGate& gate) noexcept : m_gate(gate), m_below(s_top) {
-            // Either this sees the gate closed, or close() sees this pass.
-            m_gate.m_inside.fetch_add(1);
-            m_granted = m_gate.m_open.load();
+        explicit Pass(CallGate& gate) noexcept : m_gate(gate), m_below(s_top), m_granted(enter(gate)) {
             s_top = this;
         }
         ~Pass() {
@@ -30,9 +27,15 @@ class CallGate {
         friend class CallGate;
         static thread_local const Pass* s_top;
 
+        /// In this order: either the pass sees the gate closed, or close() sees the pass.
+        static bool enter(CallGate& gate) noexcept {
+            gate.m_inside.fetch_add(1);
+            return gate.m_open.load();
+        }
+
         CallGate& m_gate;
         const Pass* const m_below;
-        bool m_granted;
+        const bool m_granted;
     };
 
     void close() noexcept {

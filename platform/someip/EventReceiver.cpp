@@ -27,7 +27,7 @@ void EventReceiver::judgeSession(std::uint16_t session) noexcept {
     }
     const auto last = m_lastSession.load(std::memory_order_relaxed);
     const auto ahead = static_cast<std::uint16_t>(session - last);
-    if (last == 0) {
+    if (last == 0) {  // NOLINT(bugprone-branch-clone): the cases are told apart by what they count
         m_lastSession.store(session, std::memory_order_relaxed);
     } else if (ahead == 0) {
         counters().sessionRepeats.add();

@@ -521,7 +521,7 @@ void Runtime::work(Worker& worker) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()).count();
             timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, 60000));
         }
-        std::array<epoll_event, 16> ready;
+        std::array<epoll_event, 16> ready{};
         const int count = ::epoll_wait(worker.epoll, ready.data(), static_cast<int>(ready.size()), timeout);
 
         // Discovery before events: it tells who may send them, and must not wait for slow handlers.

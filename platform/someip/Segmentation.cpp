@@ -16,7 +16,7 @@ constexpr std::size_t kPieceOverhead = 96;
 bool segment(Header header, std::span<const std::uint8_t> payload,
              const std::function<bool(std::span<const std::uint8_t>)>& sink) {
     header.type |= kSegmentFlag;
-    std::array<std::uint8_t, kHeaderSize + kSegmentHeaderSize + kMaxSegment> datagram;
+    std::array<std::uint8_t, kHeaderSize + kSegmentHeaderSize + kMaxSegment> datagram{};
     for (std::size_t offset = 0; offset < payload.size();) {
         const std::size_t size = std::min(kMaxSegment, payload.size() - offset);
         const bool more = offset + size < payload.size();

@@ -140,6 +140,7 @@ bool DatagramBatch::droppedBySystem(std::uint32_t& total) const noexcept {
     for (std::size_t i = m_count; i-- > 0;) {
         const msghdr& header = m_headers[i].msg_hdr;
         for (const cmsghdr* one = CMSG_FIRSTHDR(&header); one != nullptr;
+             // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): the macro takes no constant
              one = CMSG_NXTHDR(const_cast<msghdr*>(&header), const_cast<cmsghdr*>(one))) {
             if (one->cmsg_level == SOL_SOCKET && one->cmsg_type == SO_RXQ_OVFL) {
                 std::memcpy(&total, CMSG_DATA(one), sizeof total);

@@ -264,7 +264,7 @@ class Program {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     int status = 0;
     const auto options = readOptions(argc, argv, status);
     if (!options) {
@@ -283,4 +283,7 @@ int main(int argc, char** argv) {
     Program(*options).run(handle);
     ::close(handle);
     return 0;
+} catch (const std::exception& error) {
+    std::cerr << "vlm-backend: " << error.what() << '\n';
+    return 1;
 }

@@ -52,9 +52,7 @@ double VehicleState::availablePower() const {
     return 220 * cold * empty;
 }
 
-DriveModel::DriveModel(unsigned seed) : m_random(seed) {
-    m_previous = m_state.controls;
-}
+DriveModel::DriveModel(unsigned seed) : m_previous(m_state.controls), m_random(seed) {}
 
 void DriveModel::follow(double latitude, double longitude, double altitude, double speed, double heading) {
     m_fix = {latitude, longitude, altitude, speed, heading};

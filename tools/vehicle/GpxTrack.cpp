@@ -43,6 +43,7 @@ bool toSeconds(const char* text, double& out) {
         const double sign = *rest == '+' ? -1 : 1;
         int hours = 0;
         int minutes = 0;
+        // NOLINTNEXTLINE(cert-err34-c): two digits fit
         if (std::sscanf(rest + 1, "%2d:%2d", &hours, &minutes) != 2) {
             return false;
         }

@@ -1,5 +1,6 @@
 // Battery, charge, range and consumption.
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 
@@ -24,7 +25,8 @@ constexpr double thresholds[] = {10, 20, 30, 50, 60, 70, 80, 100, 120, 130};
 /// The number at the end of an enumerator ("learntPoint7"), counted from 0.
 std::size_t place(const std::string& name) {
     const auto digits = name.find_last_not_of("0123456789") + 1;
-    const int number = std::atoi(name.c_str() + digits);
+    int number = 0;
+    std::from_chars(name.data() + digits, name.data() + name.size(), number);
     return static_cast<std::size_t>(std::clamp(number, 1, 10) - 1);
 }
 

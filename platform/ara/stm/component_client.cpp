@@ -61,6 +61,7 @@ kyo::Json::Value processStatus() {
     if (std::FILE* const file = std::fopen("/proc/self/statm", "re"); file != nullptr) {
         long size = 0;
         long resident = 0;
+        // NOLINTNEXTLINE(cert-err34-c): the kernel's numbers fit
         if (std::fscanf(file, "%ld %ld", &size, &resident) == 2) {
             status["memoryKiB"] = static_cast<kyo::Json::Int64>(resident * (::sysconf(_SC_PAGESIZE) / 1024));
         }
