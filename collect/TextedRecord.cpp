@@ -13,7 +13,7 @@ using kyo::Json::Value;
 
 namespace {
 
-constexpr std::size_t kKeptRoom = 64 * 1024;  // more than that is given back
+constexpr std::size_t kKeptRoom = std::size_t{64} * 1024;  // more than that is given back
 
 /// The text without room to spare, however it grew.
 std::string written(const Value& record) {

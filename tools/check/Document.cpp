@@ -84,7 +84,7 @@ bool readDocument(const std::string& path, Document& out, std::vector<Finding>& 
     if (!reader.parse(out.text, out.root, false)) {
         // The library's text spans lines ("* Line 3, Column 5\n  Missing ',' ..."); the first fault is
         // enough.
-        std::string message = reader.getFormattedErrorMessages();
+        const std::string& message = reader.getFormattedErrorMessages();
         std::size_t line = 0;
         if (const auto at = message.find("Line "); at != std::string::npos) {
             line = std::strtoul(message.c_str() + at + 5, nullptr, 10);

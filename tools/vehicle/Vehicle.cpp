@@ -139,7 +139,8 @@ bool Vehicle::prepare(std::string& error) {
                      [](const auto& a, const auto& b) { return a.at < b.at; });
     m_player.emplace(std::move(scenario));
     m_player->begin(m_model);
-    for (double driven = 0; driven < m_options.startTime * m_options.timeFactor; driven += modelStep) {
+    const auto steps = static_cast<long>(std::ceil(m_options.startTime * m_options.timeFactor / modelStep));
+    for (long step = 0; step < steps; ++step) {
         m_player->advance(m_model, modelStep);
         m_model.step(modelStep);
     }
