@@ -1,0 +1,39 @@
+"""vlm-soak tells growth from the coming and going of ticks, and from the filling of queues at the start."""
+import contextlib
+import importlib.machinery
+import importlib.util
+import io
+import random
+import sys
+import unittest
+
+loader = importlib.machinery.SourceFileLoader("vlm_soak", sys.argv.pop())
+soak = importlib.util.module_from_spec(importlib.util.spec_from_loader("vlm_soak", loader))
+loader.exec_module(soak)
+
+
+def is_level(memory):
+    """Of an hour's rows, with what `memory` gives for a second."""
+    rows = [{"seconds": s, "memoryKiB": memory(s), "threads": 17 + (s % 60 < 5) * 9, "descriptors": 21}
+            for s in range(0, 3600, 5)]
+    with contextlib.redirect_stdout(io.StringIO()):
+        return soak.judge(rows)
+
+
+class SoakJudgement(unittest.TestCase):
+    def setUp(self):
+        chance = random.Random(1)
+        self.noise = lambda: chance.randint(0, 300)
+
+    def test_what_comes_and_goes_with_each_tick_is_level(self):
+        self.assertTrue(is_level(lambda s: 40000 + (s % 60) * 100 + self.noise()))
+
+    def test_a_start_that_fills_up_is_level(self):
+        self.assertTrue(is_level(lambda s: 24000 + min(s, 500) * 40 + self.noise()))
+
+    def test_a_leak_of_a_megabyte_an_hour_is_found_in_the_noise(self):
+        self.assertFalse(is_level(lambda s: 40000 + s * 1024 // 3600 + (s % 60) * 100 + self.noise()))
+
+
+if __name__ == "__main__":
+    unittest.main()
