@@ -17,6 +17,7 @@ namespace {
 std::atomic<IngressQueue*> ingressSingleton{nullptr};
 std::mutex ingressSingletonGuard;
 
+constexpr const char* kRun = "virtual void vlmProd::IngressQueue::run()";
 constexpr const char* kInsertRecord = "void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&)";
 
 }  // namespace
@@ -121,7 +122,7 @@ bool IngressQueue::drainOnce() {
         if (m_stop) {
             return false;
         }
-        VLM_LOG(5, "From ingress Q~");
+        VLM_LOG_AS(5, kRun, "From ingress Q~");
         dispatch(std::move(record));
     }
     return true;

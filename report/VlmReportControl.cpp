@@ -20,6 +20,7 @@ using kyo::Json::Value;
 namespace {
 
 constexpr unsigned int kCollectionWeight = 24;
+constexpr const char* kRun = "virtual void vlmProd::VlmReportControl::run()";
 constexpr const char* kAddToReport = "void vlmProd::VlmReportControl::addToReport(kyo::Json::Value)";
 constexpr const char* kProcessReportQueue =
     "void vlmProd::VlmReportControl::processReportQueue(kyo::Json::Value)";
@@ -172,16 +173,16 @@ void VlmReportControl::drainOnce() {
     std::vector<SignalCollection> aggregated;
     SignalCollection collection;
     while (m_collections.take(&collection)) {
-        VLM_LOG(5, "From Report Q~");
+        VLM_LOG_AS(5, kRun, "From Report Q~");
         aggregated.push_back(std::move(collection));
     }
-    VLM_LOG(5, "Size of Aggregated output data = " << aggregated.size());
+    VLM_LOG_AS(5, kRun, "Size of Aggregated output data = " << aggregated.size());
     for (std::size_t i = 0; i < aggregated.size() && kyo::Log::enabled(5); ++i) {
-        VLM_LOG(5, "AGGREGATED DATA I = " << i << "  and JSON = " << aggregated[i].text);
+        VLM_LOG_AS(5, kRun, "AGGREGATED DATA I = " << i << "  and JSON = " << aggregated[i].text);
     }
-    VLM_LOG(5, "Aggreegated output data = " << arrayText(pointersTo(aggregated)));
+    VLM_LOG_AS(5, kRun, "Aggreegated output data = " << arrayText(pointersTo(aggregated)));
     if (aggregated.empty()) {
-        VLM_LOG(4, "The Report control thread does not have any aggregated data to report.");
+        VLM_LOG_AS(4, kRun, "The Report control thread does not have any aggregated data to report.");
         return;
     }
     processReportQueue(aggregated);
