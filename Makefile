@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults soak coverage clean
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load soak coverage clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -26,6 +26,7 @@ help:
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
 	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run'
+	@echo 'make load      5,000 and 20,000 samples a second over all services, for MINUTES=n each (10)'
 	@echo 'make soak      everything at its natural rate for HOURS=n (1), memory and losses as a plot'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
@@ -81,6 +82,11 @@ faults: configure
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm_catalog_file
 	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
 
+load:
+	@$(MAKE) --no-print-directory configure PRESET=release
+	cmake --build --preset release -j $(JOBS) --target bench_throughput
+	bench/run --build build/release --load $(or $(MINUTES),10)
+
 HOURS ?= 1
 
 soak: configure
@@ -121,7 +127,8 @@ lint: deps-lint configure
 	cppcheck -q -j $(JOBS) --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
 	  --suppress=missingIncludeSystem --suppress=passedByValue --error-exitcode=1 \
 	  -I . -I platform -I build/$(PRESET)/generated -I codegen/support $(parts) codegen/support
-	run-clang-tidy -quiet -extra-arg=-Wno-unknown-warning-option -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services(?!/ResourceConversion)|platform|tools)/'
+	set -o pipefail; run-clang-tidy -quiet -extra-arg=-Wno-unknown-warning-option -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services(?!/ResourceConversion)|platform|tools)/' 2>&1 \
+	  | sed -E '/^clang-tidy|^[0-9]+ warnings generated/d'
 
 clean:
 	rm -rf build run

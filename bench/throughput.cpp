@@ -1,7 +1,8 @@
 // How many samples a second go through the whole process without a loss: a vehicle in a process of its own
 // sends all events of all services over loopback sockets; this process is wired as vlmmaster is. Losses are
 // told by place. With VLM_BENCH_LEVEL=7 all messages go to a DLT daemon (bench/run starts one), else those of
-// level 3 and below.
+// level 3 and below. VLM_BENCH_LOAD names a rate and minutes to hold it for ("5000 10") in place of the
+// rising rates.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -37,7 +38,8 @@ namespace {
 using namespace vlmBench;
 using kyo::Json::Value;
 
-constexpr double kSeconds = 4;  // of each rate
+constexpr double kSeconds = 4;  // of each rising rate
+constexpr double kMinute = 60;
 constexpr std::chrono::seconds kRest{20};
 constexpr int kRates[] = {1000, 2000, 5000, 7500, 10'000, 15'000, 20'000, 25'000, 30'000, 40'000};
 
@@ -254,7 +256,20 @@ void settle() {
     }
 }
 
-void throughput(benchmark::State& state, VehicleProcess* vehicle, int rate) {
+void tellMemory(benchmark::State& state) {
+    std::ifstream file("/proc/self/smaps_rollup");
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::string name;
+        double kib = 0;
+        words >> name >> kib;
+        if (name == "Rss:" || name == "Pss:" || name == "Anonymous:") {
+            state.counters[name.substr(0, name.size() - 1) + "KiB"] = kib;
+        }
+    }
+}
+
+void throughput(benchmark::State& state, VehicleProcess* vehicle, int rate, double seconds) {
     try {
         for (auto _ : state) {
             settle();
@@ -262,7 +277,7 @@ void throughput(benchmark::State& state, VehicleProcess* vehicle, int rate) {
             const double busyBefore = processSeconds();
             const double machineBefore = machineSeconds();
             std::istringstream answer(
-                vehicle->ask("send " + std::to_string(rate) + " " + std::to_string(kSeconds)));
+                vehicle->ask("send " + std::to_string(rate) + " " + std::to_string(seconds)));
             const double busy = processSeconds() - busyBefore;
             const double machineBusy = machineSeconds() - machineBefore;
             std::uint64_t sent = 0;
@@ -283,6 +298,7 @@ void throughput(benchmark::State& state, VehicleProcess* vehicle, int rate) {
                     state.counters[name] = grown(name);
                 }
             }
+            tellMemory(state);
             state.counters["lost"] = static_cast<double>(sent) - grown("records.collected");
         }
     } catch (const std::exception& failure) {
@@ -296,16 +312,30 @@ void atRest(benchmark::State& state) {
         const double before = processSeconds();
         std::this_thread::sleep_for(kRest);
         state.counters["cores"] = (processSeconds() - before) / std::chrono::duration<double>(kRest).count();
-        std::ifstream file("/proc/self/smaps_rollup");
-        for (std::string line; std::getline(file, line);) {
-            std::istringstream words(line);
-            std::string name;
-            double kib = 0;
-            words >> name >> kib;
-            if (name == "Rss:" || name == "Pss:" || name == "Anonymous:") {
-                state.counters[name.substr(0, name.size() - 1) + "KiB"] = kib;
-            }
+        tellMemory(state);
+    }
+}
+
+void registerAll(VehicleProcess& vehicle) {
+    const auto add = [&](const std::string& name, int rate, double seconds) {
+        benchmark::RegisterBenchmark(name.c_str(), throughput, &vehicle, rate, seconds)
+            ->Iterations(1)
+            ->UseManualTime()
+            ->Unit(benchmark::kSecond);
+    };
+    if (const char* const load = std::getenv("VLM_BENCH_LOAD"); load != nullptr) {
+        std::istringstream words(load);
+        int rate = 0;
+        int minutes = 0;
+        words >> rate >> minutes;
+        for (int minute = 1; minute <= minutes; ++minute) {
+            add("load/" + std::to_string(rate) + "/" + std::to_string(minute), rate, kMinute);
         }
+        return;
+    }
+    benchmark::RegisterBenchmark("atRest", atRest)->Iterations(1);
+    for (const int rate : kRates) {
+        add("throughput/" + std::to_string(rate), rate, kSeconds);
     }
 }
 
@@ -327,14 +357,7 @@ int main(int argc, char** argv) {
         const ac::com::runtime::Component_singleton middleware(false, networkOf("127.0.97.1"));
         haveCatalog();
         connect(allStreams(), vehicle);
-        benchmark::RegisterBenchmark("atRest", atRest)->Iterations(1);
-        for (const int rate : kRates) {
-            benchmark::RegisterBenchmark(("throughput/" + std::to_string(rate)).c_str(), throughput, &vehicle,
-                                         rate)
-                ->Iterations(1)
-                ->UseManualTime()
-                ->Unit(benchmark::kSecond);
-        }
+        registerAll(vehicle);
         benchmark::RunSpecifiedBenchmarks();
         vehicle.end();
         std::cout.flush();
