@@ -77,8 +77,8 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
     static kyo::Counter& refused = kyo::Status::counter("config.refused");
     answers.add();
     VLM_LOG(5, "Received Config response size = " << response.size());
-    if (response.size() >
-        0) {  // NOLINT(readability-container-size-empty): a text has no size and is not empty
+    // A text has no size, but is not empty.
+    if (response.size() > 0) {  // NOLINT(readability-container-size-empty)
         m_retryTimer->stopTimer();
     }
     if (!response.isArray()) {

@@ -132,7 +132,7 @@ void Resource::processData(Value record) {
     const bool told = kyo::Log::enabled(5);
     std::string text;  // written once; the trace shows it before and after it is completed, and by members
     if (told) {
-        text.reserve(40 * record.size());
+        text.reserve(std::size_t{40} * record.size());
         kyo::Json::appendCompact(text, record);
     }
     std::size_t indexes = 0;
