@@ -15,6 +15,7 @@
 namespace {
 
 using namespace vlmBench;
+using kyo::Json::Value;
 
 constexpr int kSamples = 512;  // of one iteration
 
@@ -42,6 +43,14 @@ void airbagFloor(benchmark::State& state) {
     const auto datagram = datagramWith(qdr::services::airbag::kInterface,
                                        qdr::services::airbag::kEvent_notifications, airbagNotification());
     measure(state, [&] { Floor::run(datagram, Floor::buildAirbag, kSamples); });
+}
+
+/// Converting alone: a record is made of the structure, and ends.
+template <typename Sample>
+void conversion(benchmark::State& state, const Sample& sample, Value (*record)(const Sample&)) {
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(record(sample));
+    }
 }
 
 void pipeline(benchmark::State& state, const char* name, Kind kind, int collectors, long long historyMs) {
@@ -80,6 +89,12 @@ void pipeline(benchmark::State& state, const char* name, Kind kind, int collecto
     for (auto* one : all) {
         one->Iterations(16)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMicrosecond);
     }
+    benchmark::RegisterBenchmark("conversion/positions", conversion<Position>, fullPosition(),
+                                 positionRecord);
+    benchmark::RegisterBenchmark("conversion/consumptionValues", conversion<Consumption>, consumption(),
+                                 consumptionRecord);
+    benchmark::RegisterBenchmark("conversion/notification", conversion<AirbagNotification>,
+                                 airbagNotification(), airbagRecord);
     return 0;
 }();
 

@@ -9,6 +9,7 @@
 #include "kyo/DateTime.h"
 #include "services/adapters/RecordWriter.h"
 #include "services/adapters/VLMGNSS.h"
+#include "services/adapters/VLMRouteBasedConsumption.h"
 #include "support/Pipeline.h"
 
 namespace vlmBench {
@@ -49,6 +50,15 @@ Value positionRecord(const Position& sample) {
     Value record = commonMembers("GNSSProxy", "positions");
     const auto key = vlmProd::putKey(record, StaticString("type"), sample.type);
     adapter.callback_positions_idx_1(sample, record);
+    addCollector(record, static_cast<int>(key.value_or(0)));
+    return record;
+}
+
+Value consumptionRecord(const Consumption& sample) {
+    static vlmProd::VLMRouteBasedConsumption adapter("RouterBasedConsumptionProxy");
+    Value record = commonMembers("RouterBasedConsumptionProxy", "consumptionValues");
+    const auto key = vlmProd::putKey(record, StaticString("elementId"), sample.elementId);
+    adapter.callback_consumptionValues_idx_1(sample, record);
     addCollector(record, static_cast<int>(key.value_or(0)));
     return record;
 }

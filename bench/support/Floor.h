@@ -13,6 +13,7 @@ namespace vlmBench {
 /// A record as the adapters build it, completed for one collector.
 kyo::Json::Value positionRecord(const Position& sample);
 kyo::Json::Value airbagRecord(const AirbagNotification& sample);
+kyo::Json::Value consumptionRecord(const Consumption& sample);
 
 class Floor {
   public:

@@ -43,4 +43,15 @@ AirbagNotification airbagNotification() {
     return notification;
 }
 
+Consumption consumption() {
+    using namespace qdr::services::routebasedconsumption::datatypes;
+    Consumption point;
+    point.elementId = ConsumptionElement::learntPoint1;
+    point.consumptionPhysicalValue = 17.3125F;
+    point.consumptionValueType = ValueType::valid;
+    point.learningProgressPhysicalValue = 62.5F;
+    point.learningProgressValueType = ValueType::valid;
+    return point;
+}
+
 }  // namespace vlmBench

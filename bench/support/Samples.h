@@ -10,17 +10,21 @@
 #include "qdr/services/airbag/interface.h"
 #include "qdr/services/gnss/datatypes.h"
 #include "qdr/services/gnss/interface.h"
+#include "qdr/services/routebasedconsumption/datatypes.h"
 #include "someip/Message.h"
 
 namespace vlmBench {
 
 using Position = qdr::services::gnss::datatypes::DT_positions_struct;
 using AirbagNotification = qdr::services::airbag::datatypes::DT_notifications_struct;
+using Consumption = qdr::services::routebasedconsumption::datatypes::DT_consumptionValues_struct;
 
 /// A fused position with all 37 fields of its writer, and values that are as long in text as real ones.
 Position fullPosition();
 /// A sample with one member, which is its kind.
 AirbagNotification airbagNotification();
+/// One point of a learnt consumption curve.
+Consumption consumption();
 
 /// One notification with one sample, header and all.
 template <class DT>
