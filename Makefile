@@ -61,7 +61,7 @@ test: build
 coverage:
 	@tools/run/deps.sh coverage
 	$(MAKE) --no-print-directory test PRESET=coverage
-	gcovr --root . --object-directory build/coverage --exclude-unreachable-branches --exclude-throw-branches \
+	gcovr --root . --object-directory build/coverage --exclude-unreachable-branches --exclude-throw-branches --gcov-ignore-parse-errors \
 	  $(parts:%=--filter '%/') --sort-percentage -j $(JOBS)
 
 test-asan test-tsan: test-%:
