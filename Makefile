@@ -82,10 +82,12 @@ faults: configure
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm_catalog_file
 	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
 
+LOAD_PRESET ?= release
+
 load:
-	@$(MAKE) --no-print-directory configure PRESET=release
-	cmake --build --preset release -j $(JOBS) --target bench_throughput
-	bench/run --build build/release --load $(or $(MINUTES),10)
+	@$(MAKE) --no-print-directory configure PRESET=$(LOAD_PRESET)
+	cmake --build --preset $(LOAD_PRESET) -j $(JOBS) --target bench_throughput
+	bench/run --build build/$(LOAD_PRESET) --load $(or $(MINUTES),10)
 
 HOURS ?= 1
 
