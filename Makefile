@@ -61,8 +61,8 @@ test: build
 coverage:
 	@tools/run/deps.sh coverage
 	$(MAKE) --no-print-directory test PRESET=coverage
-	gcovr --root . --object-directory build/coverage --exclude-unreachable-branches --exclude-throw-branches --gcov-ignore-parse-errors \
-	  $(parts:%=--filter '%/') --sort-percentage -j $(JOBS)
+	set -o pipefail; gcovr --root . --object-directory build/coverage --exclude-unreachable-branches --exclude-throw-branches --gcov-ignore-parse-errors \
+	  $(parts:%=--filter '%/') --sort-percentage -j $(JOBS) | cut -c1-70
 
 test-asan test-tsan: test-%:
 	$(MAKE) --no-print-directory test PRESET=$*

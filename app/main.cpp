@@ -23,6 +23,7 @@
 #include "app/vlmHeartBeat.h"
 #include "ara/exec/application_client.h"
 #include "ara/stm/component_client.h"
+#include "bus/DetachedThread.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "config/ConfigResponseHandler.h"
 #include "kyo/Log.h"
@@ -171,7 +172,7 @@ void startCollection(const std::string& localFile, const std::string& serverName
     if (!localFile.empty()) {
         ConfigResponseHandler* const handler = ConfigResponseHandler::getInstance();
         handler->doBaseSetupFromLocalConfig(localFile);
-        std::thread(&ConfigResponseHandler::subscribeResources, handler).detach();
+        startDetached([handler] { handler->subscribeResources(); });
     } else {
         VlmDataSubmissionControl::getInstance()->initializeServer(serverName, offeredDataTypes);
         VlmDataSubmissionControl::getInstance()->start();

@@ -2,10 +2,10 @@
 
 #include <mutex>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "app/VlmLog.h"
+#include "bus/DetachedThread.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {
@@ -108,7 +108,7 @@ void PubSubService::processMessage(Message& message) {
     }
     for (const auto& receiver : receivers) {
         try {
-            std::thread([receiver, copy = message]() mutable { receiver->sendMessage(copy); }).detach();
+            startDetached([receiver, copy = message]() mutable { receiver->sendMessage(copy); });
         } catch (const std::system_error& error) {
             static auto& failed = kyo::Status::counter("threads.failed");
             failed.add();

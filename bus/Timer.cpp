@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <chrono>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "app/VlmLog.h"
+#include "bus/DetachedThread.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {
@@ -42,9 +42,7 @@ void Timer::setInterval(timerCallback callback, int interval) {
     }
     loop->nextTickMs = steadyMs() + std::max(interval, 0);
     try {
-        std::thread([loop, callback = std::move(callback), interval] {
-            tick(loop, callback, interval);
-        }).detach();
+        startDetached([loop, callback = std::move(callback), interval] { tick(loop, callback, interval); });
     } catch (const std::system_error& error) {
         loop->clear = true;
         static auto& failed = kyo::Status::counter("threads.failed");

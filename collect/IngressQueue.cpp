@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "app/VlmLog.h"
+#include "bus/DetachedThread.h"
 #include "config/ConfigResponseHandler.h"
 #include "kyo/Status.h"
 
@@ -133,9 +134,7 @@ void IngressQueue::dispatch(TextedRecord record) {
     static auto& failed = kyo::Status::counter("threads.failed");
     // The function is copied: the thread may outlive this object.
     try {
-        std::thread([target = m_dispatch, mine = std::move(record)]() mutable {
-            target(std::move(mine));
-        }).detach();
+        startDetached([target = m_dispatch, mine = std::move(record)]() mutable { target(std::move(mine)); });
         dispatched.add();
     } catch (const std::system_error& error) {
         failed.add();

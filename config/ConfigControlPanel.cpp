@@ -10,6 +10,7 @@
 
 #include "app/JsonFields.h"
 #include "app/VlmLog.h"
+#include "bus/DetachedThread.h"
 #include "config/ConfigResponseHandler.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
@@ -26,7 +27,7 @@ void handToBaseSetup(kyo::Json::Value configuration, std::string recordId, std::
                                               std::move(recordBody));
     try {
         // For the whole life of the process, on an object that is never destroyed.
-        std::thread(&ConfigResponseHandler::subscribeResources, handler).detach();
+        startDetached([handler] { handler->subscribeResources(); });
     } catch (const std::system_error& error) {
         static kyo::Counter& failed = kyo::Status::counter("threads.failed");
         failed.add();

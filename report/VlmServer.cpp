@@ -10,11 +10,11 @@
 #include <exception>
 #include <mutex>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "app/JsonFields.h"
 #include "app/VlmLog.h"
+#include "bus/DetachedThread.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
 
@@ -187,11 +187,11 @@ void VlmServer::actOnOpenChannel() {
     if (state == NothingSent) {
         try {
             // The thread keeps its own copy of the callback and so does not depend on this object.
-            std::thread([callback = m_dataDeliveryCallback] {
+            startDetached([callback = m_dataDeliveryCallback] {
                 if (callback) {
                     callback(orxStatus::SendNext);
                 }
-            }).detach();
+            });
         } catch (const std::system_error& error) {
             VLM_LOG(3, "No thread for the first send could be started: " << error.what());
             deliver(orxStatus::SendNext);

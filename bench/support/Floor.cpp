@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "bus/DetachedThread.h"
 #include "kyo/DateTime.h"
 #include "services/adapters/RecordWriter.h"
 #include "services/adapters/VLMGNSS.h"
@@ -87,7 +88,7 @@ void Floor::run(const std::vector<std::uint8_t>& datagram, Build build, int samp
             Value record = build(std::span(datagram).subspan(someip::kHeaderSize));
             written += kyo::Json::FastWriter().write(record).size();
             // The record ends on its thread, as one that a newer one replaces.
-            std::thread([mine = std::move(record)] { finished.fetch_add(1); }).detach();
+            vlmProd::startDetached([mine = std::move(record)] { finished.fetch_add(1); });
         }
         while (finished.load() < started) {
             std::this_thread::sleep_for(kLook);
