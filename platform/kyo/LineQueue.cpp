@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <ctime>
 #include <system_error>
-#include <utility>
 
 namespace kyo {
 
@@ -16,7 +15,17 @@ namespace {
 /// may hold the lock; to wait for it would hang the process instead of ending it.
 thread_local volatile bool t_inPush = false;
 
+std::int64_t now(clockid_t clock) noexcept {
+    timespec time{};
+    ::clock_gettime(clock, &time);
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
 }  // namespace
+
+std::int64_t wallClockAheadNs() noexcept {
+    return now(CLOCK_REALTIME) - now(CLOCK_MONOTONIC);
+}
 
 LineQueue::LineQueue(std::size_t maxLines, std::size_t maxBytes)
     : m_maxLines(maxLines), m_maxBytes(maxBytes), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -29,27 +38,18 @@ LineQueue::~LineQueue() {
     ::close(m_wake);
 }
 
-bool LineQueue::push(std::string text, std::uint8_t level) noexcept {
+bool LineQueue::push(std::string_view text, std::uint8_t level) noexcept {
     if (t_inPush) {
         return false;
     }
     t_inPush = true;
-    LogEntry entry;
-    timespec wall{};
-    timespec uptime{};
-    ::clock_gettime(CLOCK_REALTIME, &wall);
-    ::clock_gettime(CLOCK_MONOTONIC, &uptime);
-    entry.wallNs = static_cast<std::int64_t>(wall.tv_sec) * 1'000'000'000 + wall.tv_nsec;
-    entry.uptimeTicks = static_cast<std::uint32_t>(uptime.tv_sec * 10'000 + uptime.tv_nsec / 100'000);
-    entry.level = level;
-    entry.text = std::move(text);
+    // One clock: the consumer knows how far the other is ahead.
+    const LogLine line{text, now(CLOCK_MONOTONIC), level};
     bool taken = false;
     try {
         const std::lock_guard<std::mutex> lock(m_guard);
-        const std::size_t weight = entry.weight();
-        if (m_lines.size() < m_maxLines && m_bytes + weight <= m_maxBytes) {
-            m_lines.push_back(std::move(entry));
-            m_bytes += weight;
+        if (m_lines.lines() < m_maxLines && m_lines.bytes() + LineBuffer::weight(text.size()) <= m_maxBytes) {
+            m_lines.append(line);
             m_pushed.fetch_add(1, std::memory_order_release);
             taken = true;
         }
@@ -63,11 +63,12 @@ bool LineQueue::push(std::string text, std::uint8_t level) noexcept {
     return taken;
 }
 
-void LineQueue::drain(std::vector<LogEntry>& out) {
-    out.clear();
+void LineQueue::drain(LineBuffer& out) {
+    while (!out.empty()) {
+        out.pop();
+    }
     const std::lock_guard<std::mutex> lock(m_guard);
     m_lines.swap(out);
-    m_bytes = 0;
 }
 
 bool LineQueue::prepareSleep() {

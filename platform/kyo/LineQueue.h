@@ -1,23 +1,17 @@
 #pragma once
 /// The way from the threads that log to the one thread that writes: bounded, and never a wait for the writer.
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <string>
-#include <vector>
+#include <string_view>
+
+#include "kyo/LineBuffer.h"
 
 namespace kyo {
 
-struct LogEntry {
-    std::string text;
-    std::int64_t wallNs = 0;        ///< wall clock, nanoseconds since 1970
-    std::uint32_t uptimeTicks = 0;  ///< monotonic clock, units of 0.1 ms
-    std::uint8_t level = 0;
-
-    std::size_t weight() const { return text.capacity() + sizeof(LogEntry); }
-};
+/// How far the wall clock, in nanoseconds since 1970, is ahead of the monotonic one now.
+std::int64_t wallClockAheadNs() noexcept;
 
 /// Many producers, one consumer. The consumer sleeps in poll() on wakeDescriptor().
 class LineQueue {
@@ -28,12 +22,13 @@ class LineQueue {
     LineQueue(const LineQueue&) = delete;
     LineQueue& operator=(const LineQueue&) = delete;
 
-    /// Stamps the entry with the time and queues it. False when the queue is full, or when the calling
-    /// thread is inside push() already (a signal handler that interrupted it): the entry is then lost.
-    bool push(std::string text, std::uint8_t level) noexcept;
+    /// Stamps the line with the time and queues a copy. False when the queue is full, or when the calling
+    /// thread is inside push() already (a signal handler that interrupted it): the line is then lost.
+    bool push(std::string_view text, std::uint8_t level) noexcept;
 
-    /// Consumer: replaces `out` by all that waits.
-    void drain(std::vector<LogEntry>& out);
+    /// Consumer: replaces `out` by all that waits. The two exchange their memory, so keep `out` for the next
+    /// time.
+    void drain(LineBuffer& out);
     /// Consumer: announces that it is about to sleep. False when something waits already.
     bool prepareSleep();
     /// Consumer: back from its sleep; takes the wake-ups off the descriptor.
@@ -53,8 +48,7 @@ class LineQueue {
     std::atomic<std::uint64_t> m_pushed{0};
 
     std::mutex m_guard;
-    std::vector<LogEntry> m_lines;  ///< guarded by m_guard
-    std::size_t m_bytes = 0;        ///< guarded by m_guard
+    LineBuffer m_lines;  ///< guarded by m_guard
 };
 
 }  // namespace kyo

@@ -37,7 +37,7 @@ Log::~Log() {
     lines.add();
     try {
         if (toFile) {
-            LogFile::write(logger == nullptr ? std::move(m_stream.text()) : m_stream.text(), m_level);
+            LogFile::write(m_stream.text(), m_level);
         }
         if (logger != nullptr) {
             logger->logData(std::move(m_stream.text()), m_level);

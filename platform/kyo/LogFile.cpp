@@ -67,17 +67,20 @@ class Writer {
   private:
     void run() {
         ::pthread_setname_np(::pthread_self(), "log-file");
-        std::vector<LogEntry> batch;
+        LineBuffer batch;
         std::string text;
         for (;;) {
             m_queue.drain(batch);
+            const std::size_t lines = batch.lines();
+            const std::int64_t ahead = wallClockAheadNs();
             text.clear();
-            for (const LogEntry& entry : batch) {
-                appendLine(text, m_clock.text(entry.wallNs), std::to_string(entry.level), entry.text);
+            for (; !batch.empty(); batch.pop()) {
+                const LogLine line = batch.front();
+                appendLine(text, m_clock.text(line.uptimeNs + ahead), std::to_string(line.level), line.text);
             }
-            writeWhole(text, batch.size());
-            m_written.fetch_add(batch.size(), std::memory_order_release);
-            if (batch.empty() && m_queue.prepareSleep()) {
+            writeWhole(text, lines);
+            m_written.fetch_add(lines, std::memory_order_release);
+            if (lines == 0 && m_queue.prepareSleep()) {
                 pollfd wait{m_queue.wakeDescriptor(), POLLIN, 0};
                 ::poll(&wait, 1, -1);
                 m_queue.finishSleep();
@@ -161,10 +164,10 @@ bool LogFile::open(const std::string& path, std::uint64_t maxBytes) noexcept {
     }
 }
 
-void LogFile::write(std::string text, int level) noexcept {
+void LogFile::write(std::string_view text, int level) noexcept {
     Writer* const writer = g_writer.load(std::memory_order_acquire);
     if (writer != nullptr &&
-        !writer->queue().push(std::move(text), static_cast<std::uint8_t>(std::clamp(level, 0, 255)))) {
+        !writer->queue().push(text, static_cast<std::uint8_t>(std::clamp(level, 0, 255)))) {
         writer->countDropped();
     }
 }

@@ -3,6 +3,7 @@
 /// up nobody.
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace kyo {
 
@@ -12,7 +13,7 @@ class LogFile {
     /// file cannot be opened. Once per process.
     static bool open(const std::string& path, std::uint64_t maxBytes) noexcept;
     /// Queues one line; drops and counts it (log.dropped.file) when the disk cannot keep up.
-    static void write(std::string text, int level) noexcept;
+    static void write(std::string_view text, int level) noexcept;
 };
 
 }  // namespace kyo

@@ -48,13 +48,13 @@ ConsoleSink::~ConsoleSink() {
     }
 }
 
-void ConsoleSink::put(const kyo::LogEntry& entry) {
-    const bool full = pending() && m_buffer.size() - m_done + entry.text.size() > m_maxBytes;
+void ConsoleSink::put(const kyo::LogLine& line, std::int64_t wallNs) {
+    const bool full = pending() && m_buffer.size() - m_done + line.text.size() > m_maxBytes;
     if (m_kind == Kind::Gone || full) {
         m_dropped.add();
         return;
     }
-    kyo::appendLine(m_buffer, m_clock.text(entry.wallNs), levelName(entry.level), entry.text);
+    kyo::appendLine(m_buffer, m_clock.text(wallNs), levelName(line.level), line.text);
     ++m_lines;
 }
 

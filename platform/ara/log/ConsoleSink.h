@@ -1,10 +1,11 @@
 #pragma once
 /// Lines to standard output, without ever waiting for its reader. Used by the log's thread alone.
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "kyo/LineQueue.h"
+#include "kyo/LineBuffer.h"
 #include "kyo/LineText.h"
 #include "kyo/Status.h"
 
@@ -20,7 +21,7 @@ class ConsoleSink {
     ConsoleSink& operator=(const ConsoleSink&) = delete;
 
     /// Formats the line into the buffer; drops and counts it when the reader is too far behind.
-    void put(const kyo::LogEntry& entry);
+    void put(const kyo::LogLine& line, std::int64_t wallNs);
     /// Writes what the reader takes now.
     void pump();
 

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <utility>
+#include <new>
 
 #ifdef __SANITIZE_THREAD__
 /// libdlt ends its threads at exit by cancelling them inside a condition's wait, which the thread sanitizer,
@@ -31,6 +31,9 @@ constexpr auto kProbePeriod = std::chrono::milliseconds(500);
 constexpr auto kLevelSettles = std::chrono::seconds(5);
 /// libdlt's own flush at exit waits in vain for 10 s where no daemon runs.
 constexpr std::uint32_t kExitFlushMs = 200;
+
+/// DLT's time stamps count 0.1 ms.
+constexpr std::int64_t kNsPerTick = 100'000;
 
 /// A string argument costs its type (4), its length (2) and a zero byte besides its text.
 constexpr std::size_t kStringArgumentBytes = 7;
@@ -118,20 +121,23 @@ void DltSink::prepareExit() {
     ::dlt_set_resend_timeout_atexit(connected() ? kExitFlushMs : 0);
 }
 
-void DltSink::put(kyo::LogEntry&& entry) {
-    const std::size_t weight = entry.weight();
-    if (m_waiting.size() >= kMaxWaiting || m_waitingBytes + weight > kMaxWaitingBytes) {
+void DltSink::put(const kyo::LogLine& line) {
+    if (m_waiting.lines() >= kMaxWaiting ||
+        m_waiting.bytes() + kyo::LineBuffer::weight(line.text.size()) > kMaxWaitingBytes) {
         m_dropped.add();
         return;
     }
-    m_waitingBytes += weight;
-    m_waiting.push_back(std::move(entry));
+    try {
+        m_waiting.append(line);
+    } catch (const std::bad_alloc&) {
+        m_dropped.add();
+    }
 }
 
-DltSink::Sent DltSink::send(std::string_view piece, const kyo::LogEntry& entry) {
+DltSink::Sent DltSink::send(std::string_view piece, const kyo::LogLine& line) {
     DltContextData data{};
     const auto start = [&] {
-        return ::dlt_user_log_write_start(&m_context, &data, static_cast<DltLogLevelType>(entry.level)) ==
+        return ::dlt_user_log_write_start(&m_context, &data, static_cast<DltLogLevelType>(line.level)) ==
                DLT_RETURN_TRUE;
     };
     if (!start()) {
@@ -144,7 +150,7 @@ DltSink::Sent DltSink::send(std::string_view piece, const kyo::LogEntry& entry) 
         }
     }
     data.use_timestamp = DLT_USER_TIMESTAMP;
-    data.user_timestamp = entry.uptimeTicks;
+    data.user_timestamp = static_cast<std::uint32_t>(line.uptimeNs / kNsPerTick);
     ::dlt_user_log_write_sized_utf8_string(&data, piece.data(), static_cast<std::uint16_t>(piece.size()));
     switch (::dlt_user_log_write_finish(&data)) {
         case DLT_RETURN_BUFFER_FULL:
@@ -162,28 +168,27 @@ void DltSink::pump(const std::atomic<bool>& givingUp) {
     m_blocked = false;
     for (std::size_t count = 0;
          !m_waiting.empty() && count < kMessagesAtATime && !m_blocked && !givingUp.load(); ++count) {
-        kyo::LogEntry& entry = m_waiting.front();
-        const std::string_view rest = std::string_view(entry.text).substr(m_frontDone);
+        const kyo::LogLine line = m_waiting.front();
+        const std::string_view rest = line.text.substr(m_frontDone);
         const std::size_t length = pieceLength(rest, m_pieceBytes);
         const bool offered = connected() || !m_libraryFull;
-        const Sent sent = offered ? send(rest.substr(0, length), entry) : Sent::NoRoom;
+        const Sent sent = offered ? send(rest.substr(0, length), line) : Sent::NoRoom;
         if (sent == Sent::Taken) {
             m_sent.add();
             m_frontDone += length;
         } else if (sent == Sent::Hidden) {
-            m_frontDone = entry.text.size();
+            m_frontDone = line.text.size();
         } else if (connected()) {
             m_blocked = true;  // kept, and tried again when there is room
             return;
         } else {
             m_libraryFull = true;
             m_unread.add();
-            m_frontDone = entry.text.size();
+            m_frontDone = line.text.size();
         }
-        if (m_frontDone >= entry.text.size()) {
-            m_waitingBytes -= entry.weight();
+        if (m_frontDone >= line.text.size()) {
             m_frontDone = 0;
-            m_waiting.pop_front();
+            m_waiting.pop();
         }
     }
 }

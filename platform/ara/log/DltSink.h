@@ -7,11 +7,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <string_view>
 
-#include "kyo/LineQueue.h"
+#include "kyo/LineBuffer.h"
 #include "kyo/Status.h"
 
 namespace ara::log {
@@ -30,7 +29,7 @@ class DltSink {
     DltSink& operator=(const DltSink&) = delete;
 
     /// Queues the message; drops and counts it when the daemon is too far behind.
-    void put(kyo::LogEntry&& entry);
+    void put(const kyo::LogLine& line);
     /// Hands over what the daemon takes now, but no more than some hundred messages at a time, and none once
     /// `givingUp` is set.
     void pump(const std::atomic<bool>& givingUp);
@@ -51,7 +50,7 @@ class DltSink {
     enum class Sent { Taken, NoRoom, Hidden };
 
     void registerContext();
-    Sent send(std::string_view piece, const kyo::LogEntry& entry);
+    Sent send(std::string_view piece, const kyo::LogLine& line);
 
     kyo::Counter& m_dropped;
     kyo::Counter& m_unread;
@@ -65,8 +64,7 @@ class DltSink {
     Clock::time_point m_levelOursUntil{};
     bool m_blocked = false;
     bool m_libraryFull = false;  ///< nobody reads, and the library keeps no more for one who comes later
-    std::deque<kyo::LogEntry> m_waiting;
-    std::size_t m_waitingBytes = 0;
+    kyo::LineBuffer m_waiting;
     std::size_t m_frontDone = 0;  ///< bytes of the first waiting message that are handed over
 };
 

@@ -15,7 +15,6 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 #include "ara/log/ConsoleSink.h"
 #include "ara/log/DltSink.h"
@@ -74,11 +73,11 @@ class Backend {
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
 
-    void push(LogLevel level, std::string&& text) noexcept {
+    void push(LogLevel level, std::string_view text) noexcept {
         if (level == LogLevel::kOff || level > m_level || !m_running.load(std::memory_order_relaxed)) {
             return;
         }
-        if (!m_queue.push(std::move(text), static_cast<std::uint8_t>(level))) {
+        if (!m_queue.push(text, static_cast<std::uint8_t>(level))) {
             if (m_console != nullptr) {
                 m_droppedConsole.add();
             }
@@ -114,19 +113,19 @@ class Backend {
   private:
     void run() {
         ::pthread_setname_np(::pthread_self(), "log");
-        std::vector<kyo::LogEntry> batch;
+        kyo::LineBuffer batch;
         for (;;) {
             const bool ending = m_ending.load();
             m_queue.drain(batch);
-            for (kyo::LogEntry& entry : batch) {
-                if (m_givingUp.load(std::memory_order_relaxed)) {
-                    break;
-                }
+            const std::size_t lines = batch.lines();
+            const std::int64_t wallClockAhead = kyo::wallClockAheadNs();
+            for (; !batch.empty() && !m_givingUp.load(std::memory_order_relaxed); batch.pop()) {
+                const kyo::LogLine line = batch.front();
                 if (m_console != nullptr) {
-                    m_console->put(entry);
+                    m_console->put(line, line.uptimeNs + wallClockAhead);
                 }
                 if (m_dlt != nullptr) {
-                    m_dlt->put(std::move(entry));
+                    m_dlt->put(line);
                 }
             }
             if (m_console != nullptr) {
@@ -138,11 +137,11 @@ class Backend {
             }
             const bool pending =
                 (m_console != nullptr && m_console->pending()) || (m_dlt != nullptr && m_dlt->pending());
-            if (m_givingUp.load() || (ending && batch.empty() && !pending)) {
+            if (m_givingUp.load() || (ending && lines == 0 && !pending)) {
                 break;
             }
             tellDropped();
-            sleep(batch.size());
+            sleep(lines);
         }
         if (m_dlt != nullptr) {
             m_dlt->prepareExit();
@@ -258,7 +257,7 @@ std::atomic<Backend*> g_backend{nullptr};
 
 LogStream::~LogStream() {
     if (Backend* const backend = g_backend.load(std::memory_order_acquire); backend != nullptr) {
-        backend->push(m_level, std::move(m_text));
+        backend->push(m_level, m_text);
     }
 }
 

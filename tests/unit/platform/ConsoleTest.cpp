@@ -128,7 +128,7 @@ TEST(Console, AReaderThatComesBackGetsEveryLineThatWasNotCountedAsDropped) {
     {
         ara::log::ConsoleSink sink(writer, 256u << 10);
         const auto put = [&sink](int i) {
-            sink.put({"thread 0 line " + std::to_string(i) + " " + std::string(60, 'x') + "end", 0, 0, 5});
+            sink.put({"thread 0 line " + std::to_string(i) + " " + std::string(60, 'x') + "end", 0, 5}, 0);
             sink.pump();
         };
         for (int i = 0; i < kLines; ++i) {

@@ -11,28 +11,61 @@
 
 #include "tests/support/Eventually.h"
 
+using kyo::LineBuffer;
 using kyo::LineQueue;
-using kyo::LogEntry;
 
 TEST(LineQueue, IsFullByLinesAndByBytesAndHasRoomAgainOnceDrained) {
     LineQueue byLines(2, 1u << 20);
     EXPECT_TRUE(byLines.push("a", 1));
     EXPECT_TRUE(byLines.push("b", 2));
     EXPECT_FALSE(byLines.push("c", 3));
-    std::vector<LogEntry> out;
+    LineBuffer out;
     byLines.drain(out);
-    ASSERT_EQ(out.size(), 2u);
-    EXPECT_EQ(out[1].text, "b");
-    EXPECT_EQ(out[1].level, 2);
-    EXPECT_GE(out[1].wallNs, out[0].wallNs - 3'600'000'000'000);
+    ASSERT_EQ(out.lines(), 2u);
+    const std::int64_t first = out.front().uptimeNs;
+    out.pop();
+    EXPECT_EQ(out.front().text, "b");
+    EXPECT_EQ(out.front().level, 2);
+    EXPECT_GE(out.front().uptimeNs, first);
     EXPECT_TRUE(byLines.push("d", 4));
     byLines.drain(out);
-    ASSERT_EQ(out.size(), 1u);
+    ASSERT_EQ(out.lines(), 1u);
+    EXPECT_EQ(out.front().text, "d");
 
     LineQueue byBytes(1000, 2000);
     EXPECT_TRUE(byBytes.push(std::string(1500, 'x'), 5));
     EXPECT_FALSE(byBytes.push(std::string(1500, 'y'), 5));
     EXPECT_TRUE(byBytes.push("z", 5));
+}
+
+// Short lines fill many blocks, a long one has a block of its own, and reading goes on in the middle of all.
+TEST(LineBuffer, KeepsTheOrderOfLinesOfAnyLengthWhileItIsReadAndFilledInTurn) {
+    LineBuffer buffer;
+    std::size_t written = 0;
+    std::size_t read = 0;
+    std::size_t bytes = 0;
+    const auto text = [](std::size_t number) {
+        return std::string(number % 97 == 0 ? 200'000 : number % 500, static_cast<char>('a' + number % 26));
+    };
+    for (std::size_t round = 0; round < 40; ++round) {
+        for (std::size_t i = 0; i < 100 + round * 10; ++i, ++written) {
+            buffer.append(
+                {text(written), static_cast<std::int64_t>(written), static_cast<std::uint8_t>(written % 7)});
+            bytes += LineBuffer::weight(text(written).size());
+        }
+        ASSERT_EQ(buffer.bytes(), bytes);
+        for (std::size_t i = 0; (i < 250 || round == 39) && !buffer.empty(); ++i, ++read) {
+            const kyo::LogLine line = buffer.front();
+            ASSERT_EQ(line.text, text(read));
+            ASSERT_EQ(line.uptimeNs, static_cast<std::int64_t>(read));
+            ASSERT_EQ(line.level, read % 7);
+            bytes -= LineBuffer::weight(line.text.size());
+            buffer.pop();
+        }
+        ASSERT_EQ(buffer.lines(), written - read);
+    }
+    EXPECT_EQ(read, written);
+    EXPECT_EQ(buffer.bytes(), 0u);
 }
 
 TEST(LineQueue, WakesASleepingConsumerAndNoOther) {
@@ -42,7 +75,7 @@ TEST(LineQueue, WakesASleepingConsumerAndNoOther) {
     EXPECT_EQ(::poll(&wait, 1, 0), 0);
     EXPECT_FALSE(queue.prepareSleep());  // something waits: no sleep
 
-    std::vector<LogEntry> out;
+    LineBuffer out;
     queue.drain(out);
     ASSERT_TRUE(queue.prepareSleep());
     std::thread producer([&] { queue.push("wake up", 5); });
@@ -68,13 +101,14 @@ TEST(LineQueue, NothingIsLostOrDoubledBetweenManyProducersAndASleepyConsumer) {
         });
     }
     std::vector<int> next(kProducers, 0);
-    std::vector<LogEntry> out;
+    LineBuffer out;
     const auto take = [&] {
         queue.drain(out);
-        for (const LogEntry& entry : out) {
-            EXPECT_EQ(entry.text, std::to_string(next.at(entry.level)++));
+        const bool any = !out.empty();
+        for (; !out.empty(); out.pop()) {
+            EXPECT_EQ(out.front().text, std::to_string(next.at(out.front().level)++));
         }
-        return !out.empty();
+        return any;
     };
     while (finished.load() < kProducers) {
         if (!take() && queue.prepareSleep()) {
@@ -125,7 +159,7 @@ TEST(LineQueue, AHandlerThatInterruptsALoggingThreadGivesUpItsLineRatherThanWait
             queue.push({}, 5);
         }
     });
-    std::vector<LogEntry> out;
+    LineBuffer out;
     int sent = 0;
     const bool answered = vlmTest::eventually([&] { return g_handled.load() >= 300; },
                                               [&] {
