@@ -5,12 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordValue.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -24,13 +21,6 @@ using vlmProd::ConfigErrorCode;
 using vlmProd::ConfigParser;
 using vlmTest::LogCapture;
 
-Value json(const std::string& text) {
-    Value value;
-    kyo::Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << reader.getFormattedErrorMessages();
-    return value;
-}
-
 /// A configuration that passes, from whose text tests take parts out or put others in.
 struct Document {
     std::string config = R"("CONFIG":[{"name":"bench","version":"1.2"}],)";
@@ -40,7 +30,7 @@ struct Document {
         R"("COLLECT":[{"name":"c1","serv":"Gnss","res":"position","index":2,"history":5000}])";
     std::string compare;
 
-    Value value() const { return json("{" + config + clock + report + compare + collect + "}"); }
+    Value value() const { return vlmTest::valueOf("{" + config + clock + report + compare + collect + "}"); }
 };
 
 Document withCollect(const std::string& elements) {
@@ -57,21 +47,20 @@ Document withClock(const std::string& elements) {
 
 class ConfigParserTest : public testing::Test {
   protected:
-    bool parse(const Document& document) {
-        Value value = document.value();
-        return m_parser.parseFromJson(value, m_code);
+    bool parse(Value document) {
+        m_log.clear();
+        m_parser = ConfigParser();
+        return m_parser.parseFromJson(document, m_code);
     }
-    bool parse(const std::string& text) {
-        Value value = json(text);
-        return m_parser.parseFromJson(value, m_code);
-    }
+    bool parse(const Document& document) { return parse(document.value()); }
+    bool parse(const char* text) { return parse(vlmTest::valueOf(text)); }
 
     LogCapture m_log;
     ConfigParser m_parser;
     ConfigErrorCode m_code = ConfigErrorCode::OnEventTypeNotFound;
 };
 
-TEST_F(ConfigParserTest, extracts_the_scalar_settings_of_the_first_elements) {
+TEST_F(ConfigParserTest, extracts_the_scalar_settings_of_the_first_elements_and_misses_optional_blocks) {
     Document document;
     document.report =
         R"("REPORT":[{"name":"r1","application":"a1","from":[]},{"name":"r2","application":"a2"}],)";
@@ -80,46 +69,42 @@ TEST_F(ConfigParserTest, extracts_the_scalar_settings_of_the_first_elements) {
     EXPECT_EQ(m_parser.getConfigName(), "bench");
     EXPECT_EQ(m_parser.getConfigVersion(), "1.2");
     EXPECT_EQ(m_parser.getClockName(), "tick");
-    EXPECT_EQ(m_parser.getClockDuration(), 60000);
     EXPECT_EQ(m_parser.getReportName(), "r1");
     EXPECT_EQ(m_parser.getApplicationName(), "a1");
     EXPECT_TRUE(m_log.has(5, "Valid configuration file"));
     EXPECT_TRUE(m_log.has(5,
                           "ZEPH-46143: VLM Configuration, Collect clause mandatory arguments = name, serv, "
                           "res, index: c1, Gnss, position, 2"));
-    EXPECT_EQ(m_parser.configReportBlock(m_code).size(), 2u);
-    EXPECT_EQ(m_parser.getAllCollectorBlock().size(), 1u);
-    EXPECT_EQ(m_parser.getCollectorObjCount(m_code), 1);
+    document.config.clear();
+    ASSERT_TRUE(parse(document));
+    EXPECT_EQ(m_code, ConfigErrorCode::Ok);
+    EXPECT_EQ(m_parser.getConfigName() + m_parser.getConfigVersion(), "");
+    EXPECT_THAT(m_log.messages(3),
+                ElementsAre("Failed to get the configuration from Json Configuration file",
+                            "Failed to get the compare block from Json Configuration file, can not set the "
+                            "compare on event name and type"));
 }
 
 TEST_F(ConfigParserTest, the_clock_never_goes_below_a_minute) {
-    struct Case {
+    const std::string tooShort = "ZEPH-43664: Field 'duration' is less than 1 minute so setting it to 60000";
+    const struct {
         const char* duration;
         int expected;
-        const char* message;
-    };
-    const char* const tooShort = "ZEPH-43664: Field 'duration' is less than 1 minute so setting it to 60000";
-    const Case cases[] = {
-        {R"(,"duration":60000)", 60000, nullptr},
-        {R"(,"duration":120000)", 120000, nullptr},
-        {R"(,"duration":2147483647)", 2147483647, nullptr},
+        std::string message;
+    } cases[] = {
+        {R"(,"duration":60001)", 60001, ""},
         {R"(,"duration":59999)", 60000, tooShort},
-        {R"(,"duration":0)", 60000, tooShort},
         {R"(,"duration":-5)", 60000, tooShort},
         {R"(,"duration":null)", 60000, tooShort},
         {"", 60000, "ZEPH-43664: Field 'duration' not present, setting it to 60000"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.duration);
-        m_log.clear();
-        m_parser = ConfigParser();
         ASSERT_TRUE(parse(withClock(R"({"name":"t")" + std::string(c.duration) + "}")));
         EXPECT_EQ(m_parser.getClockDuration(), c.expected);
         EXPECT_TRUE(m_log.has(5, "ZEPH-42903: VLM wants to configure the duration of the VLM Clock"));
-        EXPECT_EQ(m_log.hasPart(5, "ZEPH-43664"), c.message != nullptr);
-        if (c.message != nullptr) {
-            EXPECT_TRUE(m_log.has(5, c.message));
-        }
+        EXPECT_EQ(m_log.hasPart(5, "ZEPH-43664"), !c.message.empty());
+        EXPECT_TRUE(c.message.empty() || m_log.has(5, c.message));
     }
 }
 
@@ -142,68 +127,37 @@ TEST_F(ConfigParserTest, of_several_clocks_the_first_counts_and_all_names_drive_
     EXPECT_TRUE(m_log.has(3, "Didn't find the onEvent type for cold"));
 }
 
-TEST_F(ConfigParserTest, optional_blocks_are_only_missed_in_the_log) {
-    Document document;
-    document.config.clear();
-    ASSERT_TRUE(parse(document));
-    EXPECT_EQ(m_code, ConfigErrorCode::Ok);
-    EXPECT_EQ(m_parser.getConfigName() + m_parser.getConfigVersion(), "");
-    EXPECT_THAT(m_log.messages(3),
-                ElementsAre("Failed to get the configuration from Json Configuration file",
-                            "Failed to get the compare block from Json Configuration file, can not set the "
-                            "compare on event name and type"));
-}
-
-// Each validation leaves a code of its own; the parse turns all of them into InvalidConfiguration.
 TEST_F(ConfigParserTest, validation_names_what_is_missing_and_stops_at_the_first_fault) {
-    using Check = bool (ConfigParser::*)(ConfigErrorCode&);
-    const Check collect = &ConfigParser::ValidateCollectBlock;
-    const Check clock = &ConfigParser::ValidateClockName;
-    const Check report = &ConfigParser::ValidateReport;
-    struct Case {
-        Document document;
-        Check check;
-        int level;
-        const char* message;
-        ConfigErrorCode code;
-    };
-    const auto missing = ConfigErrorCode::BlockOrFieldMissing;
-    Document noCollect, noClock, noReport, emptyClock, namelessReport, twoReports;
+    const std::string clockless = "Invalid configuration: field 'Clock name' is not present";
+    Document noCollect, noClock, noReport, namelessReport, twoReports;
     noCollect.collect = R"("OTHER":1)";
     noClock.clock = R"("CLOCK":null,)";
     noReport.report.clear();
-    emptyClock.clock = R"("CLOCK":[],)";
     namelessReport.report = R"("REPORT":[{"name":"r"},{"application":"a"}],)";
     twoReports.report = R"("REPORT":[{"name":"r"},{"name":"s"},{"name":"r"}],)";
-    const Case cases[] = {
-        {noCollect, collect, 3, "Failed to get collector block from config file", missing},
-        {withCollect(R"({"serv":"s","res":"r","index":0})"), collect, 5, "Field 'name' not present", missing},
-        {withCollect(
-             R"({"name":"a","serv":"s","res":"r","index":0},{"name":"b","serv":"s","res":"r","index":0},
+    const struct {
+        Document document;
+        int level;
+        std::string message;
+    } cases[] = {
+        {noCollect, 3, "Failed to get collector block from config file"},
+        {withCollect(R"({"serv":"s","res":"r","index":0})"), 5, "Field 'name' not present"},
+        {withCollect(R"({"name":"a","serv":"s","res":"r","index":0},
+                        {"name":"b","serv":"s","res":"r","index":0},
                         {"name":"a","serv":"s","res":"r","index":0})"),
-         collect, 5, "Invalid configuration: duplicate collector name",
-         ConfigErrorCode::InvalidConfiguration},
-        {withCollect(R"({"name":"a","serv":"","res":"r","index":0})"), collect, 5,
-         "Field 'serv' is not present", ConfigErrorCode::Ok},
-        {withCollect(R"({"name":"a","serv":"s","index":0})"), collect, 5, "Field 'res' is not present",
-         ConfigErrorCode::Ok},
-        {withCollect(R"({"name":"a","serv":"s","res":"r"})"), collect, 5, "Field 'index' is not present",
-         ConfigErrorCode::Ok},
-        {withCollect(R"({"name":"a","serv":"s","res":"r","index":""})"), collect, 5,
-         "Field 'index' is not present", ConfigErrorCode::Ok},
-        {noClock, clock, 3, "Failed to get the clock from Json Configuration file", missing},
-        {emptyClock, clock, 3, "Invalid configuration: field 'Clock name' is not present", missing},
-        {withClock(R"({"duration":60000},{"name":"x"})"), clock, 3,
-         "Invalid configuration: field 'Clock name' is not present", missing},
-        {noReport, report, 3, "Failed to get the Report from Json Configuration file", missing},
-        {namelessReport, report, 5, "Field 'Report name' not present", ConfigErrorCode::Ok},
-        {twoReports, report, 5, "Invalid configuration file as report name already found",
-         ConfigErrorCode::InvalidConfiguration},
+         5, "Invalid configuration: duplicate collector name"},
+        {withCollect(R"({"name":"a","serv":"","res":"r","index":0})"), 5, "Field 'serv' is not present"},
+        {withCollect(R"({"name":"a","serv":"s","index":0})"), 5, "Field 'res' is not present"},
+        {withCollect(R"({"name":"a","serv":"s","res":"r","index":""})"), 5, "Field 'index' is not present"},
+        {noClock, 3, "Failed to get the clock from Json Configuration file"},
+        {withClock(""), 3, clockless},
+        {withClock(R"({"duration":60000},{"name":"x"})"), 3, clockless},
+        {noReport, 3, "Failed to get the Report from Json Configuration file"},
+        {namelessReport, 5, "Field 'Report name' not present"},
+        {twoReports, 5, "Invalid configuration file as report name already found"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
-        m_log.clear();
-        m_parser = ConfigParser();
         EXPECT_FALSE(parse(c.document));
         EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
         const auto lines = m_log.lines();
@@ -212,69 +166,42 @@ TEST_F(ConfigParserTest, validation_names_what_is_missing_and_stops_at_the_first
         EXPECT_EQ(lines[lines.size() - 2].level, c.level);
         EXPECT_EQ(lines.back().message, "Invalid configuration file");
         EXPECT_EQ(lines.back().level, 3);
-        // The refused document stays held, so the check can be repeated alone.
-        EXPECT_FALSE((m_parser.*c.check)(m_code));
-        EXPECT_EQ(m_code, c.code);
-        EXPECT_FALSE(m_parser.ValidateConfiguration(m_code));
+        EXPECT_FALSE(m_parser.ValidateConfiguration(m_code)) << "the refused document stays held";
         EXPECT_EQ(m_code, ConfigErrorCode::BlockOrFieldMissing);
         EXPECT_EQ(m_parser.getConfigName() + m_parser.getReportName(), "");
-        EXPECT_EQ(m_parser.getOnEventType("tick", m_code), CollectorOnEventType::Clock);
-        EXPECT_EQ(m_code, ConfigErrorCode::OnEventTypeNotFound);
     }
 }
 
 TEST_F(ConfigParserTest, a_member_of_the_wrong_type_is_named_with_its_place_and_refused) {
-    struct Case {
+    const struct {
         const char* document;
         const char* message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {R"([1])", "collector configuration: an object is expected, found an array"},
-        {R"(7)", "collector configuration: an object is expected, found a number (7)"},
-        {R"({"COLLECT":{"a":1}})", "COLLECT: an array of objects is expected, found an object"},
         {R"({"CLOCK":"tick"})", "CLOCK: an array of objects is expected, found a text (\"tick\")"},
         {R"({"COLLECT":[{}, 5]})", "COLLECT[1]: an object is expected, found a number (5)"},
+        {R"({"COMPARE":[null]})", "COMPARE[0]: an object is expected, found nothing"},
         {R"({"COLLECT":[{},{},{"index":"2"}]})",
          "COLLECT[2].index: a number from -2147483648 to 2147483647 is expected, found a text (\"2\")"},
-        {R"({"COLLECT":[{"index":2147483648}]})",
-         "COLLECT[0].index: a number from -2147483648 to 2147483647 is expected, found a number "
-         "(2147483648)"},
-        {R"({"COLLECT":[{"name":["c1"]}]})", "COLLECT[0].name: a text is expected, found an array"},
-        {R"({"COLLECT":[{"on":{}}]})", "COLLECT[0].on: a text is expected, found an object"},
         {R"({"COLLECT":[{"history":1e19}]})",
          "COLLECT[0].history: a 64-bit number is expected, found a number (1e+19)"},
-        {R"({"CLOCK":[{"duration":""}]})",
-         "CLOCK[0].duration: a number from -2147483648 to 2147483647 is expected, found a text (\"\")"},
-        {R"({"CLOCK":[{"duration":"60000"}]})",
-         "CLOCK[0].duration: a number from -2147483648 to 2147483647 is expected, found a text (\"60000\")"},
         {R"({"CLOCK":[{"name":"a"},{"name":[]}]})", "CLOCK[1].name: a text is expected, found an array"},
         {R"({"REPORT":[{"name":"r","from":"c1"}]})",
          "REPORT[0].from: an array of texts is expected, found a text (\"c1\")"},
         {R"({"REPORT":[{"name":"r","from":["a",{}]}]})",
          "REPORT[0].from[1]: a text is expected, found an object"},
-        {R"({"CONFIG":[{"version":{}}]})", "CONFIG[0].version: a text is expected, found an object"},
-        {R"({"COMPARE":[null]})", "COMPARE[0]: an object is expected, found nothing"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.document);
-        m_log.clear();
-        m_parser = ConfigParser();
-        EXPECT_FALSE(parse(std::string(c.document)));
+        EXPECT_FALSE(parse(c.document));
         EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
         EXPECT_THAT(m_log.messages(3), ElementsAre(c.message, "Invalid configuration file"));
         // Whatever is asked of the refused document, nothing throws.
         m_parser.ValidateConfiguration(m_code);
-        m_parser.ValidateReport(m_code);
-        m_parser.populateConfig(m_code);
         m_parser.populateClock(m_code);
         m_parser.populateReport(m_code);
         m_parser.populateCollect(m_code);
         m_parser.populateOnEventType();
-        std::map<std::string, std::string> collects;
-        m_parser.getAllCollects(collects);
-        std::map<std::string, long long> names;
-        m_parser.getAllCollectorNames(m_code, names);
-        m_parser.getAllConfiguredServices(m_code);
         m_parser.getServiceAndResource("c1", m_code);
     }
 }
@@ -300,7 +227,7 @@ TEST_F(ConfigParserTest, what_the_json_conversion_accepts_stays_accepted) {
 
 TEST_F(ConfigParserTest, an_empty_document_is_no_input_and_leaves_the_parser_as_it_was) {
     for (const char* text : {"{}", "[]", "null"}) {
-        EXPECT_FALSE(parse(std::string(text)));
+        EXPECT_FALSE(parse(text));
         EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
     }
     EXPECT_THAT(m_log.messages(), IsEmpty());
@@ -308,39 +235,25 @@ TEST_F(ConfigParserTest, an_empty_document_is_no_input_and_leaves_the_parser_as_
 }
 
 TEST_F(ConfigParserTest, a_file_is_refused_with_the_code_of_its_fault) {
-    const auto folder = std::filesystem::temp_directory_path() / ("vlm-parser-" + std::to_string(getpid()));
-    std::filesystem::create_directories(folder);
-    const auto write = [&](const std::string& content) {
-        std::string path = folder / "collector.json";
-        std::ofstream(path) << content;
-        return path;
-    };
-    std::string none;
-    EXPECT_FALSE(m_parser.parseFromLocalFile(none, m_code));
-    EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
-    std::string absent = folder / "absent.json";
-    EXPECT_FALSE(m_parser.parseFromLocalFile(absent, m_code));
-    EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
-    std::string directory = folder;
-    EXPECT_FALSE(m_parser.parseFromLocalFile(directory, m_code));
-    EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
+    const vlmTest::TemporaryFolder folder;
+    for (std::string path : {std::string(), folder.file("absent.json"), folder.path()}) {
+        EXPECT_FALSE(m_parser.parseFromLocalFile(path, m_code));
+        EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
+    }
     EXPECT_THAT(m_log.messages(3), IsEmpty());
-
-    std::string broken = write("{\"COLLECT\": [");
-    EXPECT_FALSE(m_parser.parseFromLocalFile(broken, m_code));
-    EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
-    EXPECT_TRUE(m_log.has(3, "Catalog file parsing not successful, check format"));
-    std::string deep = write(std::string(100000, '['));
-    EXPECT_FALSE(m_parser.parseFromLocalFile(deep, m_code));
-    EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
-
-    m_log.clear();
-    std::string good = write("// bench\n" + kyo::Json::FastWriter().write(Document().value()));
+    for (const std::string& content : {std::string("{\"COLLECT\": ["), std::string(100000, '[')}) {
+        m_log.clear();
+        std::string path = folder.write("broken.json", content);
+        EXPECT_FALSE(m_parser.parseFromLocalFile(path, m_code));
+        EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
+        EXPECT_TRUE(m_log.has(3, "Catalog file parsing not successful, check format"));
+    }
+    std::string good =
+        folder.write("good.json", "// bench\n" + kyo::Json::FastWriter().write(Document().value()));
     EXPECT_TRUE(m_parser.parseFromLocalFile(good, m_code));
     EXPECT_EQ(m_code, ConfigErrorCode::Ok);
     EXPECT_TRUE(m_log.has(3, "Valid configuration file")) << "on level 3 for a file";
     EXPECT_TRUE(m_log.has(7, " configfile=" + good));
-    std::filesystem::remove_all(folder);
 }
 
 /// Four collectors over two services that share a resource name.
@@ -364,15 +277,11 @@ TEST_F(ConfigParserTest, collectors_are_listed_and_the_first_of_two_with_one_key
     m_parser.getAllCollectorNames(m_code, histories);
     EXPECT_THAT(histories, ElementsAre(Pair("c1", 9000000000LL), Pair("c2", 0), Pair("c3", 0), Pair("c4", 0),
                                        Pair("c5", 0)));
-    EXPECT_THAT(m_log.messages(5),
-                testing::IsSupersetOf(
-                    {"ZEPH-46130: VLM Configuration, Collect clause optional arguments = history",
-                     "ZEPH-43134 VLM wants to define the VLM Collector default value for History as 0",
-                     "History Found for collector: c1", "History not Found for collector: c2"}));
     EXPECT_EQ(
         m_log.count(5, "ZEPH-43134 VLM wants to define the VLM Collector default value for History as 0"),
         5u);
-
+    EXPECT_TRUE(m_log.has(5, "History Found for collector: c1"));
+    EXPECT_TRUE(m_log.has(5, "History not Found for collector: c2"));
     EXPECT_THAT(m_parser.getAllConfiguredServices(m_code), ElementsAre("Gnss", "Chassis"));
     m_log.clear();
     std::map<std::string, std::vector<std::string>> resources;
@@ -394,10 +303,9 @@ TEST_F(ConfigParserTest, indexes_are_found_by_service_and_resource) {
     std::vector<int> indexes{5};
     m_log.clear();
     m_parser.getAllIndexes("Gnss", "position", indexes);
-    EXPECT_THAT(indexes, ElementsAre(5, 2, 3));
     EXPECT_EQ(m_log.count(5, "Service Gnss  and Resource position   match found"), 3u);
     m_parser.getAllIndexes("gnss", "position", indexes);
-    EXPECT_EQ(indexes.size(), 3u) << "names are case-sensitive";
+    EXPECT_THAT(indexes, ElementsAre(5, 2, 3)) << "names are case-sensitive";
 
     m_log.clear();
     EXPECT_EQ(m_parser.getResourceIndexValue("Gnss", "position"), 3) << "the last one wins";
@@ -410,31 +318,37 @@ TEST_F(ConfigParserTest, indexes_are_found_by_service_and_resource) {
 
 TEST_F(ConfigParserTest, lookups_by_name_remember_their_last_result_and_answer_it_when_they_fail) {
     ASSERT_TRUE(parse(fourCollectors()));
-    EXPECT_EQ(m_parser.getResources("none", m_code), "");
-    EXPECT_EQ(m_code, ConfigErrorCode::ServiceNotFound);
-    EXPECT_TRUE(m_log.has(3, "Service name doesn't exist"));
-    EXPECT_EQ(m_parser.getResources("Chassis", m_code), "speed");
-    EXPECT_EQ(m_parser.getResources("Gnss", m_code), "position") << "the last of the service";
-    EXPECT_EQ(m_parser.getResources("none", m_code), "position");
-
-    EXPECT_EQ(m_parser.getServiceName("none", m_code), "");
-    EXPECT_EQ(m_code, ConfigErrorCode::CollectorNotFound);
-    EXPECT_TRUE(m_log.has(3, "\nCollector name does not exist"));
-    EXPECT_EQ(m_parser.getServiceName("c4", m_code), "Chassis");
-    EXPECT_EQ(m_code, ConfigErrorCode::Ok);
-    EXPECT_EQ(m_parser.getServiceName("none", m_code), "Chassis");
-
-    EXPECT_EQ(m_parser.getIndexNumber("none", "Gnss", "position", m_code), 0);
-    EXPECT_EQ(m_code, ConfigErrorCode::CollectorNotFound);
-    EXPECT_EQ(m_parser.getIndexNumber("c2", "Gnss", "speed", m_code), 7) << "matched by the resource alone";
-    EXPECT_EQ(m_code, ConfigErrorCode::Ok);
-    EXPECT_EQ(m_parser.getIndexNumber("c2", "none", "speed", m_code), 7);
-    EXPECT_EQ(m_code, ConfigErrorCode::ServiceNotFound);
-    EXPECT_TRUE(m_log.has(3, "\nService name does not exist"));
     m_log.clear();
-    EXPECT_EQ(m_parser.getIndexNumber("c2", "Gnss", "none", m_code), 7);
-    EXPECT_EQ(m_code, ConfigErrorCode::ResourceNotFound);
-    EXPECT_EQ(m_log.count(3, "\nResource name does not exist"), 4u) << "once per element of the service";
+    const auto coded = [this](auto answer, ConfigErrorCode expected) {
+        EXPECT_EQ(m_code, expected);
+        return answer;
+    };
+    const auto resourceOf = [&](const char* service, ConfigErrorCode expected) {
+        return coded(m_parser.getResources(service, m_code), expected);
+    };
+    EXPECT_EQ(resourceOf("none", ConfigErrorCode::ServiceNotFound), "");
+    EXPECT_EQ(resourceOf("Gnss", ConfigErrorCode::Ok), "position") << "the last of the service";
+    EXPECT_EQ(resourceOf("none", ConfigErrorCode::ServiceNotFound), "position");
+    const auto serviceOf = [&](const char* collector, ConfigErrorCode expected) {
+        return coded(m_parser.getServiceName(collector, m_code), expected);
+    };
+    EXPECT_EQ(serviceOf("none", ConfigErrorCode::CollectorNotFound), "");
+    EXPECT_EQ(serviceOf("c4", ConfigErrorCode::Ok), "Chassis");
+    EXPECT_EQ(serviceOf("none", ConfigErrorCode::CollectorNotFound), "Chassis");
+    const auto indexOf = [&](const char* collector, const char* service, const char* resource,
+                             ConfigErrorCode expected) {
+        return coded(m_parser.getIndexNumber(collector, service, resource, m_code), expected);
+    };
+    EXPECT_EQ(indexOf("none", "Gnss", "position", ConfigErrorCode::CollectorNotFound), 0);
+    EXPECT_EQ(indexOf("c2", "Gnss", "speed", ConfigErrorCode::Ok), 7) << "matched by the resource alone";
+    EXPECT_EQ(indexOf("c2", "none", "speed", ConfigErrorCode::ServiceNotFound), 7);
+    EXPECT_EQ(indexOf("c2", "Gnss", "none", ConfigErrorCode::ResourceNotFound), 7);
+    const std::string noResource = "\nResource name does not exist";  // once per element of the service
+    EXPECT_THAT(m_log.messages(3),
+                ElementsAre("Service name doesn't exist", "Service name doesn't exist",
+                            "\nCollector name does not exist", "\nCollector name does not exist",
+                            "\nCollector name does not exist", "\nService name does not exist", noResource,
+                            noResource, noResource, noResource));
 }
 
 TEST_F(ConfigParserTest, service_and_resource_of_a_later_collector_come_with_the_pair_of_the_lookup_before) {
@@ -459,12 +373,6 @@ TEST_F(ConfigParserTest, queries_of_an_empty_parser_tell_what_is_missing) {
     EXPECT_EQ(m_code, ConfigErrorCode::ReportBlockMissing);
     m_parser.populateConfig(m_code);
     EXPECT_EQ(m_code, ConfigErrorCode::ConfigBlockMissing);
-    m_parser.populateReport(m_code);
-    EXPECT_EQ(m_code, ConfigErrorCode::ReportBlockMissing);
-    m_parser.populateClock(m_code);
-    EXPECT_EQ(m_code, ConfigErrorCode::BlockOrFieldMissing);
-    m_parser.populateCollect(m_code);
-    EXPECT_EQ(m_code, ConfigErrorCode::BlockOrFieldMissing);
     m_parser.populateOnEventType();
     EXPECT_THAT(
         m_log.messages(3),
@@ -474,19 +382,14 @@ TEST_F(ConfigParserTest, queries_of_an_empty_parser_tell_what_is_missing) {
                     "Failed to get the collect services from Json Configuration file",
                     "Failed to get the report from Json Configuration file",
                     "Failed to get the configuration from Json Configuration file",
-                    "Failed to get the report from Json Configuration file",
-                    "Failed to get the clock from Json Configuration file",
-                    "Failed to get the collect services from Json Configuration file",
                     "Failed to get the clock block from Json Configuration file, can not set the OnEvent "
                     "Type info.",
                     "Failed to get the compare block from Json Configuration file, can not set the compare "
                     "on event name and type"));
-    const auto lines = m_log.lines();
     EXPECT_EQ(
-        lines[0].signature,
+        m_log.lines()[0].signature,
         "void vlmProd::ConfigParser::getAllCollectorNames(vlmProd::ConfigErrorCode&, std::map<string, long "
         "long int>&)");
-    EXPECT_GT(lines[0].line, 0);
 }
 
 }  // namespace

@@ -5,26 +5,28 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
 
 #include "bus/PubSubService.h"
-#include "catalog/VlmJsonCatalog.h"
 #include "collect/IngressQueue.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordValue.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/TestCatalog.h"
+#include "tests/support/Together.h"
 
 namespace {
 
-using kyo::Json::Value;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using namespace vlmProd;
 using vlmTest::LogCapture;
-using vlmTest::TemporaryFolder;
+using vlmTest::valueOf;
 
 constexpr char kCatalog[] = R"({"meta":{"vlmVersion":"7"},"services":{
   "GNSS":{"positions":{"someipKeyProperty":"type","instances":{
@@ -98,28 +100,13 @@ T& leftBehind(Arguments&&... arguments) {
 
 class ConfigResponseHandlerTest : public testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        const TemporaryFolder folder;
-        FilesReturnCode code = FilesReturnCode::Ok;
-        VlmJsonCatalog::createSingleton(folder.write("catalog.json", kCatalog), code);
-    }
-
-    static Value json(const std::string& text) {
-        Value value;
-        EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;
-        return value;
-    }
+    static void SetUpTestSuite() { vlmTest::haveCatalog(kCatalog); }
 
     bool setUp(const char* configuration) {
-        return m_handler.doBaseSetupFromOrxConfigResponse(json(configuration), "record");
+        return m_handler.doBaseSetupFromOrxConfigResponse(valueOf(configuration), "record");
     }
 
-    void send(const std::string& collector) {
-        Value record(kyo::Json::objectValue);
-        record["collectorName"] = collector;
-        record["timestamp"] = 1;
-        m_handler.sendRecordsToCollectorObject(record);
-    }
+    void send(const std::string& record) { m_handler.sendRecordsToCollectorObject(valueOf(record)); }
 
     std::shared_ptr<FakeAdapter> m_gnss = std::make_shared<FakeAdapter>();
     std::shared_ptr<FakeAdapter> m_airbag = std::make_shared<FakeAdapter>();
@@ -131,41 +118,40 @@ class ConfigResponseHandlerTest : public testing::Test {
     LogCapture m_log;
 };
 
-/// The positions of these messages in the log, in which each must stand after the one before.
-void expectInOrder(const LogCapture& log, const std::vector<std::pair<int, std::string>>& expected) {
-    const auto lines = log.lines();
-    std::size_t at = 0;
-    for (const auto& [level, message] : expected) {
-        while (at < lines.size() && (lines[at].level != level || lines[at].message != message)) {
-            ++at;
-        }
-        ASSERT_LT(at, lines.size()) << "not after the one before: " << message;
-    }
-}
-
 TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_clock) {
-    const TemporaryFolder folder;
+    const vlmTest::TemporaryFolder folder;
     ASSERT_TRUE(m_handler.doBaseSetupFromLocalConfig(folder.write("collector.json", kFirst)));
-    expectInOrder(m_log, {{3, "Valid configuration file"},
-                          {5, "Collector from 'From' block: c1"},
-                          {5, "ApplicationName, ConfigName, ConfigVersion: app, first, 1"},
-                          {5, "Creating collector object for c1"},
-                          {5, "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0"},
-                          {5, "Creating collector object for c2"},
-                          {4, "Didn't find the OnEvent type for c2. Hence defaulting to Clock."},
-                          {5, "historyDuration: 0 , Lag:  0 , Collector name: c2 And OnEvent Type: 0"},
-                          {5, "Size of collect names = 2"},
-                          {5, "Size of All services and Resources = 2"},
-                          {5, "Configured list of indexes size = 1"},
-                          {5, "Size of list of properties for resource crashes = 0"},
-                          {5, "COLLECT MAP FOUND, collectName = c2"},
-                          {5, "Configured list of indexes size = 1"},
-                          {5, "Size of list of properties for resource positions = 2"},
-                          {5, "COLLECT MAP FOUND, collectName = c1"},
-                          {5, "Pushing the service GNSSProxy  to queue to discover it"},
-                          {5, "Pushing the service AirbagProxy  to queue to discover it"},
-                          {5, "CLOCK NAME = tick  And DURATION = 90000"},
-                          {5, "ZEPH-43022: VLM implements a timer object"}});
+    const std::pair<int, std::string> expected[] = {
+        {3, "Valid configuration file"},
+        {5, "Collector from 'From' block: c1"},
+        {5, "ApplicationName, ConfigName, ConfigVersion: app, first, 1"},
+        {5, "Creating collector object for c1"},
+        {5, "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0"},
+        {5, "Creating collector object for c2"},
+        {4, "Didn't find the OnEvent type for c2. Hence defaulting to Clock."},
+        {5, "historyDuration: 0 , Lag:  0 , Collector name: c2 And OnEvent Type: 0"},
+        {5, "Size of collect names = 2"},
+        {5, "Size of All services and Resources = 2"},
+        {5, "Configured list of indexes size = 1"},
+        {5, "Size of list of properties for resource crashes = 0"},
+        {5, "COLLECT MAP FOUND, collectName = c2"},
+        {5, "Configured list of indexes size = 1"},
+        {5, "Size of list of properties for resource positions = 2"},
+        {5, "COLLECT MAP FOUND, collectName = c1"},
+        {5, "Pushing the service GNSSProxy  to queue to discover it"},
+        {5, "Pushing the service AirbagProxy  to queue to discover it"},
+        {5, "CLOCK NAME = tick  And DURATION = 90000"},
+        {5, "ZEPH-43022: VLM implements a timer object"},
+    };
+    const auto lines = m_log.lines();
+    auto at = lines.begin();
+    for (const auto& [level, message] : expected) {
+        at = std::find_if(at, lines.end(), [wanted = std::pair(level, message)](const auto& line) {
+            return std::pair(line.level, line.message) == wanted;
+        });
+        ASSERT_NE(at, lines.end()) << "not after the one before: " << message;
+        ++at;
+    }
     EXPECT_TRUE(VlmReportControl::getInstance().started());
     EXPECT_TRUE(m_discovery.started());
     EXPECT_TRUE(IngressQueue::getInstance()->started());
@@ -196,9 +182,9 @@ TEST_F(ConfigResponseHandlerTest, a_further_configuration_adds_to_what_is_there_
     EXPECT_THAT(m_handler.configuredResources(),
                 ElementsAre(testing::Pair("Airbag", ElementsAre("crashes")),
                             testing::Pair("GNSS", ElementsAre("positions", "times"))));
-    for (const char* collector : {"c1", "c2", "c3", "c4"}) {
+    for (const std::string collector : {"c1", "c2", "c3", "c4"}) {
         m_log.clear();
-        send(collector);
+        send(R"({"collectorName":")" + collector + R"("})");
         EXPECT_TRUE(m_log.has(5, "Inserting record into collector object")) << collector;
     }
 }
@@ -220,32 +206,26 @@ TEST_F(ConfigResponseHandlerTest, a_configuration_that_is_refused_changes_nothin
     EXPECT_TRUE(m_log.has(3, "Didn't get the list of the services to discover"));
     EXPECT_FALSE(m_log.hasPart(5, "CLOCK NAME = "));
     EXPECT_EQ(m_handler.configuredResources().size(), 2u);
-    m_log.clear();
-    send("c1");
-    EXPECT_TRUE(m_log.has(5, "Inserting record into collector object"));
-}
+    send(R"({"collectorName":"c1"})");
+    EXPECT_EQ(m_log.count(5, "Inserting record into collector object"), 1u);
 
-TEST_F(ConfigResponseHandlerTest, a_record_without_a_collector_is_dropped_and_counted) {
-    ASSERT_TRUE(setUp(kFirst));
     const auto& counter = kyo::Status::counter("records.withoutCollector");
     const std::uint64_t before = counter.value();
-    m_log.clear();
-    send("");
-    send("c9");
-    m_handler.sendRecordsToCollectorObject(json(R"({"collectorName":{"c1":1}})"));
-    m_handler.sendRecordsToCollectorObject(json(R"(["collectorName"])"));
-    EXPECT_EQ(m_log.count(3, "Collector name is not found, dropping the record"), 4u);
-    EXPECT_EQ(counter.value() - before, 4u);
-    EXPECT_FALSE(m_log.hasPart(5, "Inserting record"));
+    for (const char* stray : {R"({"collectorName":""})", R"({"collectorName":"c9"})",
+                              R"({"collectorName":{"c1":1}})", R"(["collectorName"])", "{}"}) {
+        send(stray);
+    }
+    EXPECT_EQ(m_log.count(3, "Collector name is not found, dropping the record"), 5u);
+    EXPECT_EQ(counter.value() - before, 5u);
+    EXPECT_EQ(m_log.count(5, "Inserting record into collector object"), 1u);
 }
 
 TEST_F(ConfigResponseHandlerTest, a_pass_tries_what_is_not_subscribed_and_rests_between_services) {
-    const ConfigResponseHandler::ServicesAndResources configured{
-        {"Airbag", {"crashes"}}, {"GNSS", {"positions", "times"}}, {"Unknown", {"events"}}};
     int pauses = 0;
     const auto pass = [&] {
-        m_log.clear();
-        m_handler.subscribeOnce(configured, [&] { ++pauses; });
+        m_handler.subscribeOnce(
+            {{"Airbag", {"crashes"}}, {"GNSS", {"positions", "times"}}, {"Unknown", {"events"}}},
+            [&] { ++pauses; });
     };
     m_airbag->m_offered = false;
     pass();
@@ -256,10 +236,9 @@ TEST_F(ConfigResponseHandlerTest, a_pass_tries_what_is_not_subscribed_and_rests_
     EXPECT_TRUE(m_log.hasPart(3, "Failed to subscribe for service = Unknown"));
     m_airbag->m_offered = true;
     pass();
+    pass();
     EXPECT_THAT(m_gnss->calls(), IsEmpty()) << "both are subscribed";
     EXPECT_THAT(m_airbag->calls(), ElementsAre("subscribe crashes", "subscribe crashes"));
-    pass();
-    EXPECT_THAT(m_airbag->calls(), IsEmpty());
 }
 
 TEST_F(ConfigResponseHandlerTest, one_thread_subscribes_and_it_may_have_nothing_to_do) {
@@ -276,32 +255,24 @@ TEST_F(ConfigResponseHandlerTest, one_thread_subscribes_and_it_may_have_nothing_
 TEST_F(ConfigResponseHandlerTest, configurations_records_and_passes_do_not_disturb_each_other) {
     ASSERT_TRUE(setUp(kFirst));
     kyo::Log::setReportingLevel(0);
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    const auto repeat = [&](std::function<void()> step) {
-        threads.emplace_back([&stop, step] {
-            while (!stop) {
-                step();
+    std::atomic<int> configuring{2};
+    vlmTest::Together(6, [&](int t) {
+        if (t < 2) {
+            for (int i = 0; i < 10; ++i) {
+                EXPECT_TRUE(setUp(t == 0 ? kFirst : kSecond));
             }
-        });
-    };
-    repeat([this] { send("c1"); });
-    repeat([this] { send("c3"); });
-    repeat([this] { m_handler.subscribeOnce(m_handler.configuredResources(), [] {}); });
-    repeat([] { kyo::Status::snapshot(); });
-    std::thread other([this] {
-        for (int i = 0; i < 10; ++i) {
-            EXPECT_TRUE(setUp(kFirst));
+            --configuring;
         }
-    });
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(setUp(kSecond));
-    }
-    other.join();
-    stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+        while (configuring > 0) {
+            if (t == 2 || t == 3) {
+                send(t == 2 ? R"({"collectorName":"c1","timestamp":1})" : R"({"collectorName":"c3"})");
+            } else if (t == 4) {
+                m_handler.subscribeOnce(m_handler.configuredResources(), [] {});
+            } else {
+                kyo::Status::snapshot();
+            }
+        }
+    }).join();
     EXPECT_EQ(m_handler.configuredResources().size(), 2u);
 }
 

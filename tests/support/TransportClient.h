@@ -1,0 +1,62 @@
+#pragma once
+/// The client's side of a transport to the backend.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kyo/orx/Transport.h"
+#include "tests/support/Eventually.h"
+
+namespace vlmTest {
+
+/// What a transport's callbacks got. Must outlive the transport.
+class TransportClient {
+  public:
+    std::vector<kyo::Json::Value> controls() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_controls;
+    }
+    std::vector<kyo::Json::Value> answers() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_answers;
+    }
+    bool awaitControls(std::size_t count) const {
+        return eventually([&] { return controls().size() >= count; });
+    }
+    bool awaitAnswers(std::size_t count) const {
+        return eventually([&] { return answers().size() >= count; });
+    }
+
+  protected:
+    /// Before the transport's start. Callbacks must not come on this thread.
+    void listenTo(kyo::orx::Transport& transport) {
+        transport.setMasterControlCallback([this](auto message) { note(m_controls, std::move(message)); });
+        transport.setConfigResponseCallback([this](auto answer) { note(m_answers, std::move(answer)); });
+    }
+
+  private:
+    void note(std::vector<kyo::Json::Value>& list, kyo::Json::Value value) {
+        EXPECT_NE(std::this_thread::get_id(), m_maker);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        list.push_back(std::move(value));
+    }
+
+    const std::thread::id m_maker = std::this_thread::get_id();
+    mutable std::mutex m_mutex;
+    // Guarded by m_mutex.
+    std::vector<kyo::Json::Value> m_controls;
+    std::vector<kyo::Json::Value> m_answers;
+};
+
+/// A message to send, of about that many bytes.
+inline kyo::Json::Value envelope(const std::string& id, std::size_t size = 0) {
+    kyo::Json::Value value(kyo::Json::objectValue);
+    value["messageId"] = id;
+    value["orxClientDataReport"] = std::string(size, 'x');
+    return value;
+}
+
+}  // namespace vlmTest
