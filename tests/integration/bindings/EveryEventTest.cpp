@@ -67,21 +67,15 @@ FieldValue valueFor(const FieldInfo& field, std::size_t place) {
 
 /// The form in which a record holds the value.
 Value inRecord(const FieldInfo& field, const FieldValue& value) {
-    const std::string type = field.type;
-    if (const auto* flag = std::get_if<bool>(&value)) {
-        return Value(*flag);
+    if (const auto* number = std::get_if<std::int64_t>(&value)) {
+        const bool isUnsigned = field.type[0] == 'u' || (!field.enumerators.empty() && *number >= 0);
+        return isUnsigned ? Value(static_cast<kyo::Json::UInt64>(*number)) : Value(*number);
     }
-    if (const auto* text = std::get_if<std::string>(&value)) {
-        return Value(*text);
-    }
-    if (const auto* real = std::get_if<double>(&value)) {
-        return Value(*real);
-    }
-    const std::int64_t number = std::get<std::int64_t>(value);
-    const bool isUnsigned = type[0] == 'u' || (!field.enumerators.empty() && number >= 0);
-    return isUnsigned ? Value(static_cast<kyo::Json::UInt64>(number))
-                      : Value(static_cast<kyo::Json::Int64>(number));
+    return std::visit([](const auto& other) { return Value(other); }, value);
 }
+
+/// A value of the key for which no event has a writer.
+constexpr std::int64_t kWithoutWriter = 200;
 
 /// An event under test: what is sent and what must arrive.
 class EventUnderTest {
@@ -97,7 +91,7 @@ class EventUnderTest {
             add("nothing but " + keyName() + " " + text, {{keyName(), instance}}, {keyName()}, instance);
         }
         if (!event.key().empty()) {
-            add("a key without a writer", with(keyWithoutWriter()), {keyName()}, std::nullopt);
+            add("a key without a writer", with(kWithoutWriter), {keyName()}, std::nullopt);
         }
         FieldValues keyless = m_all;
         keyless.erase(keyName());
@@ -109,7 +103,6 @@ class EventUnderTest {
     DescribedEvent& event() const { return m_event; }
     const std::string& serviceName() const { return m_serviceName; }
     const std::vector<Case>& cases() const { return m_cases; }
-    std::vector<Value>& arrived() { return m_arrived; }
 
     /// The member whose value a resource takes for the index.
     std::string keyName() const {
@@ -153,14 +146,6 @@ class EventUnderTest {
         return sample;
     }
 
-    std::int64_t keyWithoutWriter() const {
-        std::int64_t value = 200;
-        while (m_event.writers().count(static_cast<int>(value)) != 0) {
-            --value;
-        }
-        return value;
-    }
-
     std::vector<std::string> written(std::int64_t instance) const {
         if (m_event.key().empty()) {
             return m_event.members();
@@ -193,145 +178,113 @@ class EventUnderTest {
     const std::string m_serviceName;
     FieldValues m_all;
     std::vector<Case> m_cases;
-    std::vector<Value> m_arrived;
 };
 
-/// All services offered, all adapters connected and subscribed, everything sent once.
-class EveryEvent : public testing::Test {
-  protected:
-    static void SetUpTestSuite() {
-        // Never ended: the adapters' proxies live as long as the process.
-        new ac::com::runtime::Component_singleton(
-            true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
-        auto made = makeRegisteredAdapters();
-        made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
-        made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
-        made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));
-        for (auto& [name, adapter] : made) {
-            s_adapters[name] = std::dynamic_pointer_cast<ServiceAdapterBase>(adapter);
-            s_adapters[name]->setAttemptPause(std::chrono::milliseconds(20));
-        }
-        for (const std::string& name : qdr::services::describedServiceNames()) {
-            auto service = qdr::services::makeDescribedService(name);
-            const std::string key = service->registryKey().empty() ? name + "Proxy" : service->registryKey();
-            for (DescribedEvent* event : service->events()) {
-                s_events.push_back(std::make_unique<EventUnderTest>(*event, key));
-            }
-            ASSERT_TRUE(service->offer()) << name;
-            s_services.push_back(std::move(service));
-        }
-        connect();
-        sendAndCollect();
-    }
+using Adapters = std::map<std::string, std::shared_ptr<ServiceAdapterBase>>;
+using Events = std::vector<std::unique_ptr<EventUnderTest>>;
 
-    static void connect() {
-        for (auto& [name, adapter] : s_adapters) {
-            ASSERT_TRUE(eventually([adapter = adapter] { return adapter->initProxy(); })) << name;
-        }
-        for (const auto& one : s_events) {
-            const auto& adapter = s_adapters.at(one->serviceName());
-            const std::string& event = one->event().name();
-            adapter->createResourceObject({event});
-            adapter->setSomeIPKey(event, one->keyName());
-            for (const std::int64_t instance : one->instances()) {
-                adapter->setCollectorName(one->serviceName(), event, static_cast<int>(instance),
-                                          one->collector(instance));
-            }
-            ASSERT_TRUE(adapter->SubscribeResource(event)) << one->serviceName() << event;
-        }
-        for (const auto& one : s_events) {
-            ASSERT_TRUE(eventually([&] { return one->event().subscribers() == 1; }))
-                << one->serviceName() << " " << one->event().name();
-        }
+void connect(const Adapters& adapters, const Events& events) {
+    for (const auto& [name, adapter] : adapters) {
+        ASSERT_TRUE(eventually([&adapter = adapter] { return adapter->initProxy(); })) << name;
     }
+    for (const auto& one : events) {
+        const auto& adapter = adapters.at(one->serviceName());
+        const std::string& event = one->event().name();
+        adapter->createResourceObject({event});
+        adapter->setSomeIPKey(event, one->keyName());
+        for (const std::int64_t instance : one->instances()) {
+            adapter->setCollectorName(one->serviceName(), event, static_cast<int>(instance),
+                                      one->collector(instance));
+        }
+        ASSERT_TRUE(adapter->SubscribeResource(event)) << one->serviceName() << event;
+    }
+    for (const auto& one : events) {
+        ASSERT_TRUE(eventually([&] { return one->event().subscribers() == 1; }))
+            << one->serviceName() << " " << one->event().name();
+    }
+}
 
-    /// One event after the other, so that no socket buffer has to hold all of them. The queue is read only
-    /// when all of an event's records are in it: a reader could make a producer give up.
-    static void sendAndCollect() {
-        auto& converted = kyo::Status::counter("samples.converted");
-        for (const auto& one : s_events) {
-            const auto goal = converted.value() + one->cases().size();
-            ASSERT_TRUE(one->send()) << one->event().error();
-            ASSERT_TRUE(eventually([&] { return converted.value() >= goal; }))
-                << one->serviceName() << " " << one->event().name();
-            TextedRecord record;
-            while (IngressQueue::getInstance()->takeRecord(&record)) {
-                one->arrived().push_back(vlmTest::valueOf(record));
+/// Sends all samples of the event in one notification; the records that come of it, in their order. The queue
+/// is read only when all of them are in it: a reader could make a producer give up.
+std::vector<Value> recordsOf(EventUnderTest& one) {
+    auto& converted = kyo::Status::counter("samples.converted");
+    const auto goal = converted.value() + one.cases().size();
+    EXPECT_TRUE(one.send()) << one.event().error();
+    EXPECT_TRUE(eventually([&] { return converted.value() >= goal; }));
+    std::vector<Value> records;
+    TextedRecord record;
+    while (IngressQueue::getInstance()->takeRecord(&record)) {
+        records.push_back(vlmTest::valueOf(record));
+    }
+    return records;
+}
+
+/// Whether the records have the members that the law counts.
+void expectLawful(const vlmTest::LawfulEvent& lawful, const std::vector<Value>& records) {
+    const std::set<std::string> common{"timestamp", "serviceName", "resName", "collectorName", "index"};
+    std::set<std::string> added;
+    std::set<int> withFields;
+    for (const Value& record : records) {
+        for (const std::string& name : record.getMemberNames()) {
+            if (common.count(name) == 0 && name != lawful.key) {
+                added.insert(name);
+                withFields.insert(record.get("index", -1).asInt());
             }
         }
     }
+    if (lawful.key == "-") {
+        EXPECT_EQ(added, std::set<std::string>(lawful.members.begin(), lawful.members.end()));
+    } else {
+        EXPECT_EQ(added.size(), lawful.memberCount);
+        EXPECT_EQ(withFields, std::set<int>(lawful.writers.begin(), lawful.writers.end()));
+    }
+}
 
-    static std::map<std::string, std::shared_ptr<ServiceAdapterBase>> s_adapters;
-    static std::vector<std::unique_ptr<DescribedService>> s_services;
-    static std::vector<std::unique_ptr<EventUnderTest>> s_events;
-};
+TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKey) {
+    // Never ended: the adapters' proxies live as long as the process.
+    new ac::com::runtime::Component_singleton(
+        true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
+    auto made = makeRegisteredAdapters();
+    made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
+    made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
+    made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));
+    Adapters adapters;
+    for (auto& [name, adapter] : made) {
+        adapters[name] = std::dynamic_pointer_cast<ServiceAdapterBase>(adapter);
+        adapters[name]->setAttemptPause(std::chrono::milliseconds(20));
+    }
+    std::vector<std::unique_ptr<DescribedService>> services;
+    Events events;
+    for (const std::string& name : qdr::services::describedServiceNames()) {
+        services.push_back(qdr::services::makeDescribedService(name));
+        const std::string key = services.back()->registryKey();
+        for (DescribedEvent* event : services.back()->events()) {
+            events.push_back(std::make_unique<EventUnderTest>(*event, key.empty() ? name + "Proxy" : key));
+        }
+        ASSERT_TRUE(services.back()->offer()) << name;
+    }
+    ASSERT_NO_FATAL_FAILURE(connect(adapters, events));
 
-std::map<std::string, std::shared_ptr<ServiceAdapterBase>> EveryEvent::s_adapters;
-std::vector<std::unique_ptr<DescribedService>> EveryEvent::s_services;
-std::vector<std::unique_ptr<EventUnderTest>> EveryEvent::s_events;
-
-TEST_F(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKey) {
-    for (const auto& one : s_events) {
+    const auto law = vlmTest::lawfulEvents();
+    EXPECT_EQ(events.size(), law.size());
+    // One event after the other, so that no socket buffer has to hold all of them.
+    for (const auto& one : events) {
         SCOPED_TRACE(one->serviceName() + " " + one->event().name());
-        ASSERT_EQ(one->arrived().size(), one->cases().size());
-        for (std::size_t i = 0; i < one->cases().size(); ++i) {
-            Value record = one->arrived()[i];
-            EXPECT_TRUE(record["timestamp"].isUInt64());
+        const std::vector<Value> records = recordsOf(*one);
+        ASSERT_EQ(records.size(), one->cases().size());
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            Value record = records[i];
             EXPECT_GT(record["timestamp"].asUInt64(), 1'000'000'000'000u) << "milliseconds since 1970";
             record.removeMember("timestamp");
             EXPECT_EQ(compactText(record), compactText(one->cases()[i].record)) << one->cases()[i].what;
         }
-    }
-}
-
-TEST_F(EveryEvent, AddsTheMembersThatTheLawCounts) {
-    const auto law = vlmTest::lawfulEvents();
-    EXPECT_EQ(s_events.size(), law.size());
-    const std::set<std::string> common{"timestamp", "serviceName", "resName", "collectorName", "index"};
-    for (const auto& lawful : law) {
-        SCOPED_TRACE(lawful.adapter + " " + lawful.event);
-        const std::string serviceName =
-            lawful.registryKey == "-" ? lawful.adapter.substr(3) + "Proxy" : lawful.registryKey;
-        const auto found = std::find_if(s_events.begin(), s_events.end(), [&](const auto& one) {
-            return one->serviceName() == serviceName && one->event().name() == lawful.event;
+        const auto lawful = std::find_if(law.begin(), law.end(), [&](const auto& row) {
+            const std::string serviceName =
+                row.registryKey == "-" ? row.adapter.substr(3) + "Proxy" : row.registryKey;
+            return serviceName == one->serviceName() && row.event == one->event().name();
         });
-        ASSERT_NE(found, s_events.end());
-        std::set<std::string> added;
-        std::set<int> withFields;
-        for (const Value& record : (*found)->arrived()) {
-            for (const std::string& name : record.getMemberNames()) {
-                if (common.count(name) == 0 && name != lawful.key) {
-                    added.insert(name);
-                    withFields.insert(record.get("index", -1).asInt());
-                }
-            }
-        }
-        if (lawful.key == "-") {
-            EXPECT_EQ(added, std::set<std::string>(lawful.members.begin(), lawful.members.end()));
-        } else {
-            EXPECT_EQ(added.size(), lawful.memberCount);
-            EXPECT_EQ(withFields, std::set<int>(lawful.writers.begin(), lawful.writers.end()));
-        }
-    }
-}
-
-TEST_F(EveryEvent, ThreeSamplesOfOneNotificationKeepTheirOrder) {
-    const auto found = std::find_if(s_events.begin(), s_events.end(), [](const auto& one) {
-        return one->serviceName() == "GNSSProxy" && one->event().name() == "positions";
-    });
-    ASSERT_NE(found, s_events.end());
-    auto& converted = kyo::Status::counter("samples.converted");
-    const auto goal = converted.value() + 3;
-    std::vector<FieldValues> samples;
-    for (const std::int64_t counter : {7, 8, 9}) {
-        samples.push_back({{"type", std::string("fused")}, {"messageCounter", counter}});
-    }
-    ASSERT_TRUE((*found)->event().send(samples));
-    ASSERT_TRUE(eventually([&] { return converted.value() >= goal; }));
-    for (const unsigned int counter : {7u, 8u, 9u}) {
-        TextedRecord record;
-        ASSERT_TRUE(IngressQueue::getInstance()->takeRecord(&record));
-        EXPECT_EQ(vlmTest::valueOf(record)["messageCounter"].asUInt(), counter);
+        ASSERT_NE(lawful, law.end());
+        expectLawful(*lawful, records);
     }
 }
 

@@ -4,8 +4,8 @@ import json
 import unittest
 
 from support import SOURCE, Folder, generate
-from test_refusals import GOOD, WRONG
-from vlmgen import layout, model, names, outputs, source
+from test_refusals import GOOD
+from vlmgen import model, names, source
 
 
 class Files(unittest.TestCase):
@@ -23,6 +23,10 @@ class Files(unittest.TestCase):
             changed = {path.name for path, time in times.items() if path.stat().st_mtime_ns != time}
             self.assertEqual(changed, {"datatypes.h", "described.cpp"})
 
+            generate(folder.path, "--docs", output)
+            self.assertIn("| 1 | flow | double | l/min | 0 to 10 | How much. | all |",
+                          (output / "spring.md").read_text(encoding="utf-8"))
+
     def test_a_wrong_description_still_lets_the_build_be_configured(self):
         with Folder() as folder:
             folder.write("spring.yaml", GOOD.replace("events:", "evnts:"))
@@ -30,33 +34,6 @@ class Files(unittest.TestCase):
             result = generate(folder.path, "--list")
             self.assertEqual(result.returncode, 0)
             self.assertIn("services/adapters/VLMSpring.cpp", result.stdout)
-
-    def test_no_generated_line_is_too_long(self):
-        problems = source.Problems()
-        services = model.load(SOURCE / "interfaces", problems)
-        for name, text in outputs.contents(services, "1"):
-            if name.endswith((".h", ".cpp")):
-                longest = max(text.splitlines(), key=len)
-                self.assertLessEqual(len(longest), layout.WIDTH, f"{name}: {longest}")
-
-
-class ReferencePages(unittest.TestCase):
-    def test_a_page_tells_members_key_values_catalog_names_and_ids(self):
-        with Folder() as folder:
-            folder.write("spring.yaml", GOOD.replace("meaning: Amount.", "meaning: Amount., signal: Tap.Flow"))
-            docs = folder.path.parent / "docs"
-            self.assertEqual(generate(folder.path, "--docs", docs).returncode, 0)
-            page = (docs / "spring.md").read_text(encoding="utf-8")
-            index = (docs / "README.md").read_text(encoding="utf-8")
-        for part in ("| SOME/IP service id | 0x1101, version 1.0, instance 1 |",
-                     "| [flows](#flows) | 0x8001 | 0x0001 | 100 ms | kind | 1, 2 |",
-                     "| 1 | flow | double | l/min | 0 to 10 | Amount. | all |",
-                     "| 2 | age | uint16 |  |  | Days under ground. | 2 |",
-                     "| 2 | spring | Spring. |",
-                     "- `flow`: signal `Tap.Flow`",
-                     '| Name in catalog and collector configurations | "Spring" |'):
-            self.assertIn(part, page)
-        self.assertIn("| [Spring](spring.md) | 0x1101 | SpringProxy | flows, alarms | Water of a spring. |", index)
 
 
 class Schema(unittest.TestCase):
@@ -78,7 +55,7 @@ class Schema(unittest.TestCase):
         self.assertEqual(set(parts["enumeration"]["properties"]["base"]["enum"]), set(names.INTEGER_LIMITS))
         self.assertEqual(set(event["fields"]["propertyNames"]["allOf"][1]["not"]["enum"]), names.RECORD_MEMBERS)
 
-    def test_it_accepts_every_description_and_refuses_what_a_schema_can_see(self):
+    def test_it_accepts_every_description(self):
         try:
             import jsonschema
         except ImportError:
@@ -87,13 +64,6 @@ class Schema(unittest.TestCase):
         for path in (SOURCE / "interfaces").glob("*.yaml"):
             errors = [error.message for error in validator.iter_errors(plain(source.read(path, path.name, None)))]
             self.assertEqual(errors, [], path.name)
-        with Folder() as folder:
-            for what in ("an unknown key", "a missing key", "a text for a number", "a number out of range",
-                         "a member of every record", "a key without writers", "a field written twice"):
-                _, good, wrong, _, _ = next(row for row in WRONG if row[0] == what)
-                folder.write("spring.yaml", GOOD.replace(good, wrong, 1))
-                document = plain(source.read(folder.path / "spring.yaml", "spring.yaml", None))
-                self.assertTrue(list(validator.iter_errors(document)), what)
 
 
 def plain(located):

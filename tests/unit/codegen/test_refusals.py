@@ -45,57 +45,38 @@ WRONG = [
     ("an unclosed bracket", "fields: [flow]}", "fields: [flow}", 23, "not YAML"),
     ("a missing key", "summary: Water of a spring.\n", "", 1, "'summary' is missing"),
     ("a text for a number", "cycle: 100", "cycle: often", 16, "'cycle' must be a whole number, not a text"),
-    ("a number for a text", "meaning: Amount.", "meaning: 5", 20, "'meaning' must be a text"),
     ("a number out of range", "cycle: 100", "cycle: 0", 16, "'cycle' must be between"),
-    ("a doubled event", "  alarms:", "  flows:", 25, "'flows' is given twice"),
-    ("a doubled field", "      age: {", "      flow: {", 21, "'flow' is given twice"),
     ("a doubled enumerator", "name: spring}", "name: tap}", 11, "enumerator 'tap' is given twice"),
     ("two enumerators of one value", "value: 2,", "value: 1,", 11, "'tap' and 'spring' have the same value 1"),
-    ("an enumerator that does not fit", "value: 2,", "value: 256,", 11, "'spring' = 256 is not between 0 and 255"),
-    ("an enumeration over no integer", "base: uint8", "base: float", 7, "base 'float' is no integer type"),
-    ("an unused enumeration", "enumerations:\n", "enumerations:\n  Idle: {base: uint8, summary: None., values: [{value: 0, "
-     "name: a}]}\n", 6, "enumeration 'Idle' is the type of no field"),
     ("events that differ in case only", "  alarms:", "  fLows:", 25, "'fLows' differs from 'flows' in case only"),
     ("a member of every record", "      age: {", "      timestamp: {", 21, "the record's own member"),
     ("a C++ word as a field", "      age: {", "      double: {", 21, "field 'double' is a C++ word"),
-    ("a C++ word as an event", "  alarms:", "  union:", 25, "event 'union' is a C++ word"),
-    ("a C++ word as an enumerator", "name: tap}", "name: default}", 10, "enumerator 'default' is a C++ word"),
     ("a macro as a field", "      age: {", "      errno: {", 21, "'errno' is a macro"),
     ("a field in upper camel case", "      age: {", "      Age: {", 21, "field 'Age' must be lower camel case"),
-    ("a service in lower camel case", "service: Spring", "service: spring", 1, "must be upper camel case"),
-    ("a service in a foreign file", "service: Spring", "service: Well", 1, "belongs in a file named well.yaml"),
+    ("a namespace that hides another", "service: Spring", "service: Std", 1, "would make the namespace 'std'"),
     ("an unknown type", "type: uint16", "type: uint24", 21, "type 'uint24' is neither a scalar nor an enumeration"),
-    ("an unknown unit", "unit: l/min", "unit: l/minute", 20, "unit 'l/minute' is not known"),
-    ("a real number without a unit", "unit: l/min, ", "", 20, "'flow' is a double without a unit"),
-    ("a unit of an enumeration", "type: Kind, meaning: Which water.}\n      flow", "type: Kind, unit: m, meaning: "
-     "Which.}\n      flow", 19, "a field of type Kind has no unit"),
-    ("a range upside down", "range: [0, 10]", "range: [10, 0]", 20, "first number 10 is above its second 0"),
     ("a range that does not fit", "type: uint16,", "type: uint16, range: [0, 70000],", 21, "does not fit uint16"),
     ("a key that is no field", "key: kind", "key: sort", 17, "key 'sort' is no field"),
-    ("a signed key", "base: uint8", "base: int8", 17, "key 'kind' must be unsigned"),
     ("a key without writers", "    writers:\n      1: {meaning: Tap., fields: [flow]}\n      2: {meaning: Spring., fields:"
      " [flow, age]}\n", "", 14, "'writers' is missing"),
     ("writers without a key", "    key: kind\n", "", 21, "has writers but no key"),
     ("a writer of a missing field", "[flow, age]", "[flow, taste]", 24, "names 'taste', which is no field"),
-    ("a writer of the key", "[flow, age]", "[flow, kind]", 24, "names the key 'kind'"),
     ("a field written twice", "[flow, age]", "[flow, flow]", 24, "names 'flow' twice"),
     ("a writer for no value of the key", "      2: {m", "      3: {m", 24, "Kind has no enumerator of that value"),
-    ("a writer named by a text", "      2: {m", "      two: {m", 24, "named by a key value"),
     ("a doubled event id", "eventId: 0x8002", "eventId: 0x8001", 27, "event id 0x8001 is also that of 'flows'"),
     ("a doubled eventgroup", "eventId: 0x8002", "eventId: 0x8002, eventgroup: 1", 27,
      "eventgroup 0x0001 is also that of 'flows'"),
-    ("an event id without the top bit", "eventId: 0x8002", "eventId: 0x0002", 27, "'eventId' must be between 0x8001"),
     ("an unkeyed event whose first field cannot be enumerated", "cycle: 1000\n    fields:\n", "cycle: 1000\n    fields:"
      "\n      amount: {type: uint8, meaning: Much.}\n", 30, "'amount' tells the instances of the unkeyed event 'alarms'"),
 ]
 
 
-def second(**changes):
+def second(*changes):
     text = ("service: Well\nsummary: Water of a well.\nregistry: {key: WellProxy, order: 2}\n"
             "someip: {serviceId: 0x1102, majorVersion: 1, minorVersion: 0}\nevents:\n  depths:\n    summary: Depth.\n"
             "    someip: {eventId: 0x8001}\n    cycle: 10\n    fields:\n      metre: {type: uint8, range: [0, 9], "
             "meaning: Depth.}\n")
-    for old, new in changes.values():
+    for old, new in changes:
         assert old in text
         text = text.replace(old, new)
     return text
@@ -110,18 +91,6 @@ class Refusals(unittest.TestCase):
             model.load(folder.path, problems)
             return problems.lines()
 
-    def test_a_good_description_is_accepted(self):
-        self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second()}), [])
-
-    def test_the_program_tells_refusals_on_standard_error_and_writes_nothing(self):
-        with Folder() as folder:
-            folder.write("spring.yaml", GOOD.replace("type: uint16", "type: uint24"))
-            output = folder.path.parent / "out"
-            result = generate(folder.path, "--output", output)
-            self.assertEqual(result.returncode, 1)
-            self.assertTrue(result.stderr.startswith("interfaces/spring.yaml:21: type 'uint24'"), result.stderr)
-            self.assertFalse(output.exists())
-
     def test_each_fault_is_told_with_file_line_and_reason(self):
         for what, good, wrong, line, reason in WRONG:
             with self.subTest(what):
@@ -131,28 +100,27 @@ class Refusals(unittest.TestCase):
                 self.assertEqual(told, [f"interfaces/spring.yaml:{line}"], refusals)
 
     def test_what_two_files_share_is_told_in_the_second(self):
+        self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second()}), [])
         for what, change, line in (
                 ("service id 0x1101", ("0x1102", "0x1101"), 4),
                 ("registry key 'SpringProxy'", ("WellProxy", "SpringProxy"), 3),
                 ("registry order '1'", ("order: 2", "order: 1"), 3)):
             with self.subTest(what):
-                self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second(change=change)}),
+                self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second(change)}),
                                  [f"interfaces/well.yaml:{line}: {what} is also that of interfaces/spring.yaml"])
 
-    def test_a_namespace_that_would_hide_another_is_refused(self):
-        for name in ("Std", "Ac", "Union"):
-            with self.subTest(name):
-                refusals = self.refusals({f"{name.lower()}.yaml": GOOD.replace("service: Spring", f"service: {name}")})
-                self.assertEqual(len(refusals), 1)
-                self.assertIn(f"interfaces/{name.lower()}.yaml:1: service '{name}' would make the namespace", refusals[0])
-
-    def test_all_faults_of_all_files_are_told_at_once_in_order(self):
-        wrong = GOOD.replace("type: uint16", "type: uint24").replace("cycle: 100\n", "cycle: x\n")
-        refusals = self.refusals({"spring.yaml": wrong, "well.yaml": "service: [1]\n"})
-        places = [line.split(": ")[0] for line in refusals]
+    def test_the_program_tells_all_faults_of_all_files_in_order_and_writes_nothing(self):
+        with Folder() as folder:
+            folder.write("spring.yaml",
+                         GOOD.replace("type: uint16", "type: uint24").replace("cycle: 100\n", "cycle: x\n"))
+            folder.write("well.yaml", "service: [1]\n")
+            output = folder.path.parent / "out"
+            result = generate(folder.path, "--output", output)
+            self.assertEqual(result.returncode, 1)
+            self.assertFalse(output.exists())
+        places = [line.split(": ")[0] for line in result.stderr.splitlines()]
         self.assertEqual(places[:2], ["interfaces/spring.yaml:16", "interfaces/spring.yaml:21"])
-        self.assertEqual(places[2:], sorted(places[2:]))
-        self.assertIn("interfaces/well.yaml:1", places)
+        self.assertIn("interfaces/well.yaml:1", places[2:])
 
     def test_content_of_any_shape_is_refused_without_a_crash(self):
         for text in ("", "[]", "text", "service: {a: b}", "events: 5", "{[a]: b}", "\tx", "service: Spring\nevents: {e: 1}",
