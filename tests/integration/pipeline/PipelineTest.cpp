@@ -2,17 +2,12 @@
 // the bus and report control. No middleware and no backend: the records come from resources, the reports are
 // taken out of the shipping queue.
 #include <gmock/gmock.h>
-#include <unistd.h>
 
-#include <barrier>
-#include <cstdio>
-#include <fstream>
+#include <algorithm>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "app/JsonFields.h"
 #include "bus/PubSubService.h"
 #include "bus/Publisher.h"
 #include "collect/IngressQueue.h"
@@ -24,7 +19,10 @@
 #include "services/Resource.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordValue.h"
+#include "tests/support/TemporaryFolder.h"
 #include "tests/support/TestCatalog.h"
+#include "tests/support/Together.h"
 
 namespace vlmProd {
 namespace {
@@ -69,8 +67,7 @@ std::vector<Value> takeReports(LogCapture& log) {
     const std::string prefix = "Processing the shipping queue = ";
     for (const auto& message : log.messages(5)) {
         if (message.starts_with(prefix)) {
-            reports.emplace_back();
-            kyo::Json::Reader().parse(message.substr(prefix.size()), reports.back());
+            reports.push_back(vlmTest::valueOf(message.substr(prefix.size())));
         }
     }
     return reports;
@@ -88,11 +85,9 @@ void tick(LogCapture& log, std::size_t times) {
 TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
     LogCapture log;
     vlmTest::haveCatalog();
-    const std::string path = "/tmp/vlm-pipeline-" + std::to_string(getpid()) + ".json";
-    std::ofstream(path) << kConfiguration;
+    const vlmTest::TemporaryFolder folder;
     auto& setup = *ConfigResponseHandler::getInstance();
-    ASSERT_TRUE(setup.createConfigParserFromFile(path));
-    std::remove(path.c_str());
+    ASSERT_TRUE(setup.createConfigParserFromFile(folder.write("collector.json", kConfiguration)));
     IngressQueue::getInstance()->start();
     setup.createCollectorObjects();
     PubSubService::getInstance().start();
@@ -105,21 +100,13 @@ TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
     // Three middleware threads deliver at once; type 3 belongs to no collector.
     constexpr int kThreads = 3;
     constexpr int kRecords = 100;
-    std::barrier start(kThreads);
-    std::vector<std::thread> middleware;
-    for (int t = 0; t < kThreads; ++t) {
-        middleware.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRecords; ++i) {
-                positions.processData(recordOf(1, t * kRecords + i));
-            }
-            positions.processData(recordOf(2, t));
-            positions.processData(recordOf(3, t));
-        });
-    }
-    for (auto& thread : middleware) {
-        thread.join();
-    }
+    vlmTest::Together(kThreads, [&](int t) {
+        for (int i = 0; i < kRecords; ++i) {
+            positions.processData(recordOf(1, t * kRecords + i));
+        }
+        positions.processData(recordOf(2, t));
+        positions.processData(recordOf(3, t));
+    }).join();
     // A lock whose holder was preempted for ten tries costs a record; that is counted.
     const auto lost = [] {
         return count("queue.ingress.dropped") + count("queue.collector.input.dropped") +
@@ -178,6 +165,21 @@ TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
         EXPECT_TRUE(collection["samples"].isNull()) << "what a report has is not in the next one";
     }
     EXPECT_EQ(kyo::Status::snapshot()["records"]["waiting"].asInt64(), 0);
+
+    // What a tick's thread tells of its collector, in this order.
+    const std::string last = "ZEPH-44489: ZEPH-64275: Collector: silent: In the History state";
+    ASSERT_TRUE(log.waitFor(last));
+    const auto all = log.messages(5);
+    auto at = all.begin();
+    for (const char* const begin : {"onOnEventCallback", "COLLECTOR NAME = silent",
+                                    "ZEPH-47666: Collector silent: Last on event timestamp: ",
+                                    "ZEPH-44489: ZEPH-64275: Collector: silent: In the Reportable state",
+                                    "ZEPH-43176: Collector silent: moveRecordFromOutputqToReportBuffer",
+                                    "Output queue of Collector silent is empty",
+                                    "Inside VlmReportControl::addToReport\n\n\n", last.c_str()}) {
+        at = std::find_if(at, all.end(), [&](const auto& message) { return message.starts_with(begin); });
+        ASSERT_NE(at, all.end()) << begin;
+    }
 }
 
 }  // namespace

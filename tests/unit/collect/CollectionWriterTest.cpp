@@ -22,19 +22,6 @@ const std::string kNasty =
     R"({"":0,"a\"b":"}],{[","array":[1,[2,{"x":"]"}],"\\"],"back\\":"\\","comma":",","empty":{},"minus":-1.5e-7,)"
     R"("none":[],"nested":{"collectorName":"inner","deep":[{}]},"null":null,"quote":"\"","true":true,"\u00e4":"\u20ac"})";
 
-TEST(CompactObject, FindsTheMembersThatAReaderFinds) {
-    const Value object = valueOf(kNasty);
-    const std::string text = compactText(object);  // in the writer's order
-    auto expected = object.begin();
-    for (CompactObject walk(text); walk.next(); ++expected) {
-        ASSERT_NE(expected, object.end());
-        EXPECT_EQ('"' + std::string(walk.name()) + '"', compactText(Value(expected.name())));
-        EXPECT_EQ(walk.value(), compactText(*expected));
-        EXPECT_EQ(walk.whole(), compactText(Value(expected.name())) + ":" + compactText(*expected));
-    }
-    EXPECT_EQ(expected, object.end());
-}
-
 TEST(CompactObject, EndsWhereTheTextIsNoObject) {
     for (const char* const text :
          {"", "{", "{}", "null", "[1]", "{1:2}", "{\"a\"}", "{\"a\":", "{\"a\":}", "{\"a"}) {
@@ -83,6 +70,7 @@ TEST(CollectionWriter, WritesTheTextThatTheWriterMakesOfTheSamples) {
         R"({"timestamp":18446744073709551615})",
         R"({"timestamp":1.5})",
         R"({"timestamp":[1]})",
+        compactText(valueOf(kNasty)),
         R"({"index":[7],"resName":5,"serviceName":true,"timestamp":null})",
         R"({"collectorName":"last","index":-7,"timestamp":99,"zz":0})"};
     CollectionWriter writer;
@@ -96,7 +84,7 @@ TEST(CollectionWriter, WritesTheTextThatTheWriterMakesOfTheSamples) {
     const SignalCollection collection = writer.finish();
     EXPECT_EQ(collection.collectName, "last");
     EXPECT_EQ(collection.text,
-              R"({"causeOfSubmit":0,"collectName":"last","endOfHistory":"99","historyLength":11,"index":-7,)"
+              R"({"causeOfSubmit":0,"collectName":"last","endOfHistory":"99","historyLength":12,"index":-7,)"
               R"("lagLength":0,"resourceName":"5","samples":)" +
                   compactText(slowly(records)) + R"(,"serviceName":"true"})");
 }
@@ -109,8 +97,6 @@ TEST(TextedRecord, KeepsNoMoreThanItsText) {
     const TextedRecord written(record);
     EXPECT_EQ(written.text, compactText(record));
     EXPECT_LE(written.text.capacity(), written.text.size() + 16);
-    EXPECT_EQ(written.collectorName, "a");
-    EXPECT_EQ(written.timestamp, 7);
 }
 
 TEST(TextedRecord, LeavesOutANumberThatJsonCannotHoldAlsoWhenTheTextIsThere) {

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <barrier>
 #include <limits>
 #include <set>
 #include <string>
@@ -11,19 +10,17 @@
 #include <vector>
 
 #include "app/JsonFields.h"
-#include "kyo/DateTime.h"
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Together.h"
 #include "tests/unit/collect/Records.h"
 
 namespace vlmProd {
 namespace {
 
 using kyo::Json::Value;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using vlmTest::LogCapture;
 using vlmTest::recordAt;
 
@@ -46,69 +43,38 @@ class CollectorImplTest : public testing::Test {
   protected:
     static void insert(CollectorImpl& collector, Value record) { collector.insertRecord(record); }
 
-    CollectorImpl make(long long history) {
+    static CollectorImpl make(long long history) {
         return CollectorImpl("position", history, "GNSS", "positions", 2, "minute",
                              CollectorOnEventType::Compare);
     }
 };
 
-TEST_F(CollectorImplTest, GivesOnlyTheNewestOfThreeRecordsWithoutAHistory) {
-    LogCapture log;
-    CollectorImpl collector = make(0);
-    for (const int t : {10, 20, 30}) {
-        insert(collector, recordAt(t, t));
+TEST_F(CollectorImplTest, TrimsWhatWaitsToTheHistoryWhenTheTickEnds) {
+    const struct {
+        long long history;
+        std::vector<unsigned long long> arrived;
+        std::vector<std::string> kept;
+    } cases[] = {
+        {100, {0, 50, 200}, {"200"}},             // both are too far from the newest
+        {100, {0, 50, 100}, {"0", "50", "100"}},  // exactly the history: kept
+        {100, {0, 50, 101}, {"50", "101"}},
+        {100, {500, 300, 10}, {"500", "300", "10"}},  // the order of arrival counts
+        {0, {7, 7, 8, 8}, {"8"}},  // trimmed to one time stamp, then each clears the one before
+        {1000, {42}, {"42"}},
+    };
+    for (const auto& [history, arrived, kept] : cases) {
+        CollectorImpl collector = make(history);
+        collector.moveToReportState();
+        for (const auto t : arrived) {
+            insert(collector, recordAt(t));
+        }
+        EXPECT_EQ(collector.inputWeight(), 24 * arrived.size()) << "in the Reportable state records wait";
+        EXPECT_EQ(collector.outputWeight(), 0U);
+        collector.moveToHistoryState();
+        EXPECT_EQ(collector.inputWeight(), 0U);
+        EXPECT_EQ(timestampsIn(valueOf(collector.buildCollection())), kept);
     }
-    EXPECT_EQ(collector.outputWeight(), 24U);
-    EXPECT_TRUE(log.has(5, "History duration is 0 for the Collector: position, clearing older records"));
-    EXPECT_TRUE(log.has(5, "Removing data from output queue, jsonCopy:" + compactText(recordAt(20, 20))));
-    const Value collection = valueOf(collector.buildCollection());
-    EXPECT_EQ(collection["historyLength"].asUInt(), 1U);
-    EXPECT_THAT(timestampsIn(collection), ElementsAre("30"));
-    EXPECT_EQ(collector.outputWeight(), 0U);
 }
-
-TEST_F(CollectorImplTest, KeepsEveryRecordSinceTheLastTickWithAHistory) {
-    CollectorImpl collector = make(5);
-    for (const int t : {10, 1000, 2000}) {
-        insert(collector, recordAt(t));
-    }
-    EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), ElementsAre("10", "1000", "2000"))
-        << "each passed at once; the history only trims what waits";
-}
-
-struct Waiting {
-    long long history;
-    std::vector<unsigned long long> arrived;
-    std::vector<std::string> kept;
-};
-
-class WaitingRecords : public testing::TestWithParam<Waiting> {};
-
-TEST_P(WaitingRecords, AreTrimmedToTheHistoryWhenTheTickEnds) {
-    const auto& [history, arrived, kept] = GetParam();
-    CollectorImpl collector("position", history, "GNSS", "positions", 2, "minute",
-                            CollectorOnEventType::Clock);
-    collector.moveToReportState();
-    for (const auto t : arrived) {
-        Value record = recordAt(t);
-        collector.insertRecord(record);
-    }
-    EXPECT_EQ(collector.inputWeight(), 24 * arrived.size()) << "in the Reportable state records wait";
-    EXPECT_EQ(collector.outputWeight(), 0U);
-    collector.moveToHistoryState();
-    EXPECT_EQ(collector.inputWeight(), 0U);
-    EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), testing::ElementsAreArray(kept));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    HistoryRule, WaitingRecords,
-    testing::Values(
-        Waiting{100, {0, 50, 200}, {"200"}},             // both are too far from the newest
-        Waiting{100, {0, 50, 100}, {"0", "50", "100"}},  // exactly the history: kept
-        Waiting{100, {0, 50, 101}, {"50", "101"}},
-        Waiting{100, {500, 300, 10}, {"500", "300", "10"}},  // the order of arrival counts
-        Waiting{0, {7, 7, 8, 8}, {"8"}},  // trimmed to one time stamp, then each clears the one before
-        Waiting{1000, {42}, {"42"}}));
 
 TEST_F(CollectorImplTest, DoesNotOverflowOnAbsurdTimeStamps) {
     CollectorImpl collector = make(100);
@@ -121,68 +87,31 @@ TEST_F(CollectorImplTest, DoesNotOverflowOnAbsurdTimeStamps) {
     insert(collector, text);
     insert(collector, recordAt(std::numeric_limits<kyo::Json::Int64>::max()));
     collector.moveToHistoryState();
-    EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), Contains("9223372036854775807"));
+    EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), testing::Contains("9223372036854775807"));
 }
 
-TEST_F(CollectorImplTest, BuildsTheCollectionFromTheRecords) {
-    CollectorImpl collector = make(1000);
-    insert(collector, recordAt(10, 1));
-    Value second = recordAt(20, 2);
-    second["collectorName"] = "other";
-    second["index"] = 7;
-    insert(collector, second);
-    EXPECT_EQ(
-        collector.buildCollection().text,
-        R"({"causeOfSubmit":0,"collectName":"other","endOfHistory":"20","historyLength":2,"index":7,)"
-        R"("lagLength":0,"resourceName":"positions","samples":[)"
-        R"({"propertyValuePairs":{"speed2D":1,"type":1},"timestamp":"10"},)"
-        R"({"propertyValuePairs":{"speed2D":2,"type":1},"timestamp":"20"}],"serviceName":"GNSSProxy"})");
-}
-
-TEST_F(CollectorImplTest, LetsARecordTakeOverWhatItLacksFromTheOneBefore) {
-    CollectorImpl collector = make(1000);
-    Value bare;
-    bare["speed2D"] = 1;
-    insert(collector, bare);
-    Value first = valueOf(collector.buildCollection());
-    EXPECT_EQ(first["collectName"].asString(), "");
-    EXPECT_EQ(first["endOfHistory"].asString(), "");
-    EXPECT_EQ(first["index"].asInt(), 0);
-    EXPECT_EQ(first["samples"][0]["timestamp"].asString(), "");
-
-    insert(collector, recordAt(10));
-    insert(collector, bare);
-    Value second = valueOf(collector.buildCollection());
-    EXPECT_EQ(second["collectName"].asString(), "position");
-    EXPECT_EQ(second["serviceName"].asString(), "GNSSProxy");
-    EXPECT_EQ(second["resourceName"].asString(), "positions");
-    EXPECT_EQ(second["index"].asInt(), 1);
-    EXPECT_THAT(timestampsIn(second), ElementsAre("10", "10"));
-}
-
-TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothing) {
+TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothingAndElseTakesOverWhatTheRecordsSay) {
     LogCapture log;
     CollectorImpl collector = make(1000);
     EXPECT_TRUE(log.has(5, "historyDuration: 1000 , Lag:  0 , Collector name: position And OnEvent Type: 1"));
     EXPECT_EQ(collector.buildCollection().text,
               R"({"causeOfSubmit":0,"collectName":"position","endOfHistory":0,"historyLength":0,"index":2,)"
               R"("lagLength":0,"resourceName":"positions","samples":null,"serviceName":"GNSS"})");
-    EXPECT_TRUE(log.has(5, "Output queue of Collector position is empty"));
-}
-
-TEST_F(CollectorImplTest, LeavesOutANumberThatNoReportCanHoldAndNothingElse) {
-    LogCapture log;
-    CollectorImpl collector = make(1000);
-    Value record = recordAt(10, 5);
-    record["altitude"] = std::numeric_limits<double>::quiet_NaN();
-    record["nested"]["speed"] = -std::numeric_limits<double>::infinity();
-    record["nested"]["kept"] = 1.5;
-    insert(collector, record);
-    EXPECT_EQ(compactText(valueOf(collector.buildCollection())["samples"][0]["propertyValuePairs"]),
-              R"({"nested":{"kept":1.5},"speed2D":5,"type":1})");
-    EXPECT_TRUE(log.has(
-        3,
-        "A record of the Collector: position has no finite number in 'altitude'; that member is left out"));
+    Value bare;
+    bare["speed2D"] = 1;
+    insert(collector, bare);
+    EXPECT_EQ(collector.buildCollection().text,
+              R"({"causeOfSubmit":0,"collectName":"","endOfHistory":"","historyLength":1,"index":0,)"
+              R"("lagLength":0,"resourceName":"","samples":[{"propertyValuePairs":{"speed2D":1},)"
+              R"("timestamp":""}],"serviceName":""})");
+    insert(collector, recordAt(10));
+    insert(collector, bare);
+    EXPECT_EQ(
+        collector.buildCollection().text,
+        R"({"causeOfSubmit":0,"collectName":"position","endOfHistory":"10","historyLength":2,"index":1,)"
+        R"("lagLength":0,"resourceName":"positions","samples":[)"
+        R"({"propertyValuePairs":{"speed2D":0,"type":1},"timestamp":"10"},)"
+        R"({"propertyValuePairs":{"speed2D":1},"timestamp":"10"}],"serviceName":"GNSSProxy"})");
 }
 
 TEST_F(CollectorImplTest, TellsAnInsertionInItsOrder) {
@@ -210,10 +139,14 @@ TEST_F(CollectorImplTest, TellsAnInsertionInItsOrder) {
 
 TEST_F(CollectorImplTest, TellsTheDifferenceFrontMinusBackAndTestsBackMinusFront) {
     CollectorImpl collector = make(100);
-    collector.moveToReportState();
-    insert(collector, recordAt(0));
-    insert(collector, recordAt(101));
     LogCapture log;
+    collector.moveToLagState();
+    EXPECT_TRUE(log.has(5, "ZEPH-44489: Collector: position: In the Lag state"));
+    insert(collector, recordAt(0));
+    EXPECT_TRUE(log.has(5, "Collector: position not in History state"));
+    EXPECT_EQ(collector.inputWeight(), 24U) << "records wait in this state too";
+    insert(collector, recordAt(101));
+    log.clear();
     collector.moveToHistoryState();
     EXPECT_TRUE(
         log.has(5, "Difference of frontRecord and backRecord timestamp for the Collector: position-101"));
@@ -224,8 +157,11 @@ TEST_F(CollectorImplTest, TellsTheDifferenceFrontMinusBackAndTestsBackMinusFront
 
 TEST_F(CollectorImplTest, TellsADrainInItsOrder) {
     CollectorImpl collector = make(0);
-    insert(collector, recordAt(10, 3));
     LogCapture log;
+    insert(collector, recordAt(5, 2));
+    insert(collector, recordAt(10, 3));
+    EXPECT_TRUE(log.has(5, "Removing data from output queue, jsonCopy:" + compactText(recordAt(5, 2))));
+    log.clear();
     const Value collection = valueOf(collector.buildCollection());
     EXPECT_THAT(
         log.messages(5),
@@ -237,16 +173,6 @@ TEST_F(CollectorImplTest, TellsADrainInItsOrder) {
                     "ZEPH-49277: Collector: position creates a report with signalCollections data from VLM "
                     "collectors",
                     "signalCollections data: " + compactText(collection)));
-}
-
-TEST_F(CollectorImplTest, HoldsRecordsInTheLagStateToo) {
-    LogCapture log;
-    CollectorImpl collector = make(0);
-    collector.moveToLagState();
-    EXPECT_TRUE(log.has(5, "ZEPH-44489: Collector: position: In the Lag state"));
-    insert(collector, recordAt(1));
-    EXPECT_TRUE(log.has(5, "Collector: position not in History state"));
-    EXPECT_EQ(collector.inputWeight(), 24U);
 }
 
 /// Holds the thread that has just put the record stamped 1 until `release` is set, or for a while.
@@ -300,18 +226,11 @@ TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
     };
     const auto lostBefore = lost();
     CollectorImpl collector = make(50);
-    std::barrier start(kThreads + 1);
-    std::atomic<int> running{kThreads};
-    std::vector<std::thread> dispatchers;
-    for (int t = 0; t < kThreads; ++t) {
-        dispatchers.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRecords; ++i) {
-                insert(collector, recordAt(static_cast<unsigned long long>(i) * 10, t * kRecords + i));
-            }
-            --running;
-        });
-    }
+    vlmTest::Together dispatchers(kThreads, [&](int t) {
+        for (int i = 0; i < kRecords; ++i) {
+            insert(collector, recordAt(static_cast<unsigned long long>(i) * 10, t * kRecords + i));
+        }
+    });
     std::multiset<int> reported;
     const auto tick = [&] {
         collector.moveToReportState();
@@ -321,13 +240,10 @@ TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
         }
         collector.moveToHistoryState();
     };
-    start.arrive_and_wait();
-    while (running > 0) {
+    while (dispatchers.running()) {
         tick();
     }
-    for (auto& dispatcher : dispatchers) {
-        dispatcher.join();
-    }
+    dispatchers.join();
     tick();
     tick();
     EXPECT_EQ(reported.size() + (lost() - lostBefore), static_cast<std::size_t>(kThreads * kRecords));
