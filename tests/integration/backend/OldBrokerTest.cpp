@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "kyo/orx/MqttTransport.h"
 #include "tests/support/LogCapture.h"

@@ -2,22 +2,15 @@
 // leaves is the one that it makes of the report without its catalog id.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "app/JsonFields.h"
 #include "report/ShippedReport.h"
+#include "tests/support/RecordValue.h"
 
 namespace {
 
 using kyo::Json::Value;
 using vlmProd::compactText;
 using vlmProd::ShippedReport;
-
-Value objectOf(const std::string& text) {
-    Value value;
-    EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;
-    return value;
-}
 
 }  // namespace
 
@@ -28,7 +21,7 @@ TEST(ShippedReport, holds_the_writers_text_with_and_without_the_catalog_id_where
           R"({"applicationName":"a","catalogId":{"odd":[1,2]}})", R"({"catalogId":""})",
           R"({"applicationName":"no catalog id"})", "{}"}) {
         SCOPED_TRACE(text);
-        Value report = objectOf(text);
+        Value report = vlmTest::valueOf(text);
         ShippedReport shipped(report);
         EXPECT_TRUE(shipped.isReadable());
         EXPECT_EQ(shipped.text(), compactText(report));
@@ -45,7 +38,7 @@ TEST(ShippedReport, is_not_readable_when_it_is_no_report_or_nested_too_deep) {
     EXPECT_FALSE(ShippedReport().isReadable());
     EXPECT_FALSE(ShippedReport(Value("text")).isReadable());
     EXPECT_EQ(ShippedReport(Value("text")).text(), "\"text\"");
-    Value report = objectOf(R"({"reportName":"r"})");
+    Value report = vlmTest::valueOf(R"({"reportName":"r"})");
     Value* at = &report["signalCollections"];
     for (int i = 0; i < 1100; ++i) {
         at = &at->append(Value(kyo::Json::arrayValue));

@@ -2,161 +2,165 @@
 
 #include <gmock/gmock.h>
 
-#include <barrier>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "app/JsonFields.h"
-#include "kyo/Status.h"
+#include "kyo/DateTime.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordValue.h"
 #include "tests/support/TestCatalog.h"
+#include "tests/support/Together.h"
 
 namespace vlmProd {
 namespace {
 
 using kyo::Json::Value;
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 using vlmTest::eventually;
 using vlmTest::LogCapture;
+using vlmTest::valueOf;
 
-Value parsed(const std::string& text) {
-    Value value;
-    kyo::Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << reader.getFormattedErrorMessages();
-    return value;
-}
-
-Value collectionOf(const std::string& collector, int samples = 0) {
+SignalCollection collectionOf(const std::string& collector) {
     Value collection;
     collection["collectName"] = collector;
-    collection["historyLength"] = samples;
-    return collection;
+    return SignalCollection(collection);
 }
 
-/// What was shipped, in short: name, sequence number and collectors.
+/// What was shipped.
 class Shipped {
   public:
     void add(const ShippedReport& shipped) {
-        const Value report = parsed(shipped.text());
-        std::string text = report["reportName"].asString() + "#" + report["sequenceNumber"].asString() + ":";
-        for (const auto& collection : report["signalCollections"]) {
-            text += " " + collection["collectName"].asString() + "=" + collection["historyLength"].asString();
-        }
         const std::lock_guard<std::mutex> lock(m_guard);
-        m_reports.push_back(text);
-        m_last = report;
+        m_reports.push_back(valueOf(shipped.text()));
     }
+    /// In short: name, sequence number and collectors.
     std::vector<std::string> reports() {
         const std::lock_guard<std::mutex> lock(m_guard);
-        return m_reports;
+        std::vector<std::string> out;
+        for (const Value& report : m_reports) {
+            out.push_back(report["reportName"].asString() + "#" + report["sequenceNumber"].asString() + ":");
+            for (const auto& collection : report["signalCollections"]) {
+                out.back() += " " + collection["collectName"].asString();
+            }
+        }
+        return out;
     }
     Value last() {
         const std::lock_guard<std::mutex> lock(m_guard);
-        return m_last;
+        return m_reports.back();
     }
 
   private:
     std::mutex m_guard;
-    std::vector<std::string> m_reports;
-    Value m_last;
+    std::vector<Value> m_reports;
 };
 
 class VlmReportControlTest : public testing::Test {
   protected:
-    VlmReportControlTest() { vlmTest::haveCatalog(); }
+    static void SetUpTestSuite() { vlmTest::haveCatalog(); }
 
+    void configure(const char* reports, const std::string& name = "basic") {
+        control.initializeReportControl(valueOf(reports), name, "1.2");
+    }
+
+    LogCapture log;
     const std::shared_ptr<Shipped> shipped = std::make_shared<Shipped>();
     VlmReportControl control{[to = shipped](const ShippedReport& report) { to->add(report); }};
 };
 
-const char* const kTwoReports = R"([
-    {"name": "z-trip", "application": "fleet", "from": ["speed", "range"]},
-    {"name": "a-safety", "application": "safety", "from": ["belts", "speed"]}])";
-
 TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheirNames) {
-    control.initializeReportControl(parsed(kTwoReports), "basic", "3");
+    configure(R"([{"name": "z-trip", "application": "fleet", "from": ["speed", "range"]},
+                  {"name": "a-safety", "application": "safety", "from": ["belts", "speed"]}])");
+    EXPECT_TRUE(log.has(
+        5, "ReportName, TransactionTypeId, FunctionId: z-trip, TTORX-VLMOtaAnon.COORXVLMAnon, TestCatalog"));
     control.setCatalogId("record-9");
-    control.addToReport(collectionOf("speed", 4));
-    control.addToReport(collectionOf("range", 2));
+    control.addToReport(collectionOf("speed"));
+    control.addToReport(collectionOf("range"));
     EXPECT_EQ(control.queued(), 48U);
+    const auto before = kyo::DateTime::getCurrentTimeMs();
     control.drainOnce();
-    EXPECT_THAT(shipped->reports(), ElementsAre("a-safety#1: speed=4", "z-trip#1: speed=4 range=2"));
+    EXPECT_THAT(shipped->reports(), ElementsAre("a-safety#1: speed", "z-trip#1: speed range"));
     EXPECT_EQ(control.queued(), 0U);
-    const Value last = shipped->last();
-    EXPECT_EQ(last["catalogId"].asString(), "record-9");
-    EXPECT_EQ(last["applicationName"].asString(), "fleet");
-    EXPECT_EQ(last["configName"].asString(), "basic");
-    EXPECT_EQ(last["configVersion"].asString(), "3");
-}
+    Value last = shipped->last();
+    const std::string created = last["createDatetime"].asString();
+    EXPECT_THAT(created, testing::MatchesRegex("[0-9]+"));
+    EXPECT_GE(std::stoull(created), before);
+    EXPECT_TRUE(last["createDatetime"].isString());
+    last.removeMember("createDatetime");
+    EXPECT_EQ(
+        compactText(last),
+        R"({"applicationName":"fleet","catalogId":"record-9","configName":"basic","configVersion":"1.2",)"
+        R"("functionId":"TestCatalog","numPartitions":1,"reportName":"z-trip","sequenceNumber":1,)"
+        R"("signalCollections":[{"collectName":"speed"},{"collectName":"range"}],)"
+        R"("transactionTypeId":"TTORX-VLMOtaAnon.COORXVLMAnon"})");
 
-TEST_F(VlmReportControlTest, ShipsAReportThatGathersNothingOfTheBatch) {
-    control.initializeReportControl(parsed(R"([{"name": "r", "application": "a", "from": ["x"]}])"), "", "");
-    control.addToReport(collectionOf("y"));
+    log.clear();
     control.drainOnce();
-    EXPECT_THAT(shipped->reports(), ElementsAre("r#1:"));
-    EXPECT_TRUE(shipped->last()["signalCollections"].isArray());
-}
-
-TEST_F(VlmReportControlTest, ShipsNothingForAnEmptyRound) {
-    control.initializeReportControl(parsed(kTwoReports), "", "");
-    LogCapture log;
-    control.drainOnce();
-    EXPECT_THAT(shipped->reports(), IsEmpty());
+    EXPECT_EQ(shipped->reports().size(), 2U) << "nothing for an empty round";
     EXPECT_THAT(log.messages(4),
                 ElementsAre("The Report control thread does not have any aggregated data to report."));
     EXPECT_TRUE(log.has(5, "Size of Aggregated output data = 0"));
 }
 
-TEST_F(VlmReportControlTest, TellsTheBatchInItsOrder) {
-    control.initializeReportControl(parsed(R"([{"name": "r", "application": "a", "from": ["x"]}])"), "", "");
+TEST_F(VlmReportControlTest, TellsTheBatchInItsOrderAndLeavesOutWhatTheFromBlockDoesNotName) {
+    configure(R"([{"name": "r", "application": "a", "from": ["x", "y"]}])");
     control.addToReport(collectionOf("x"));
-    LogCapture log;
+    log.clear();
     control.drainOnce();
     const auto lines = log.messages();
-    const std::string json = compactText(collectionOf("x"));
     ASSERT_GE(lines.size(), 6U);
     EXPECT_THAT(
         std::vector<std::string>(lines.begin(), lines.begin() + 6),
         ElementsAre("From Report Q~", "Size of Aggregated output data = 1",
-                    "AGGREGATED DATA I = 0  and JSON = " + json, "Aggreegated output data = [" + json + "]",
-                    "Size of m_reportMap: 1",
+                    R"(AGGREGATED DATA I = 0  and JSON = {"collectName":"x"})",
+                    R"(Aggreegated output data = [{"collectName":"x"}])", "Size of m_reportMap: 1",
                     "ZEPH-46511: VLM wants to create a report with following data from VLM configuration"));
     EXPECT_EQ(lines.back(), "ZEPH-49288: VLM wants to send the VLM Report to shipping buffer");
+
+    log.clear();
+    for (const char* const name : {"x", "X", "y", "x"}) {
+        control.addToReport(collectionOf(name));
+    }
+    control.addToReport(SignalCollection(Value("no object")));
+    control.drainOnce();
+    EXPECT_THAT(shipped->reports(), ElementsAre("r#1: x", "r#2: x y x"));
+    EXPECT_THAT(log.messages(4), ElementsAre("The collector XIs not part of report r",
+                                             "The collector Is not part of report r"));
+    EXPECT_TRUE(log.has(5, "Size of m_listOfCollectorNames: 2"));
+    EXPECT_TRUE(log.has(5, "isCollectionPartOfReport::CollectorName y found"));
+    EXPECT_TRUE(log.has(5, "isCollectionPartOfReport::CollectorName X not found"));
 }
 
-TEST_F(VlmReportControlTest, KeepsTheFirstReportOfAName) {
-    LogCapture log;
-    control.initializeReportControl(parsed(R"([{"name": "r", "application": "one", "from": ["x"]}])"), "c1",
-                                    "1");
+TEST_F(VlmReportControlTest, KeepsTheFirstReportOfANameAndShipsOneThatGathersNothing) {
+    configure(R"([{"name": "r", "application": "one", "from": ["x"]}])", "c1");
     control.addToReport(collectionOf("x"));
     control.drainOnce();
-    control.initializeReportControl(parsed(R"([{"name": "r", "application": "two", "from": ["y"]},
-                                               {"name": "s", "application": "two", "from": ["y"]}])"),
-                                    "c2", "2");
+    configure(R"([{"name": "r", "application": "two", "from": ["y"]},
+                  {"name": "s", "application": "two", "from": ["y"]}])",
+              "c2");
     control.addToReport(collectionOf("x"));
     control.drainOnce();
-    EXPECT_THAT(shipped->reports(), ElementsAre("r#1: x=0", "r#2: x=0", "s#1:"));
+    EXPECT_THAT(shipped->reports(), ElementsAre("r#1: x", "r#2: x", "s#1:"));
     EXPECT_EQ(shipped->last()["configName"].asString(), "c2");
-    EXPECT_TRUE(log.has(5, "ApplicationName, ConfigName, ConfigVersion: one, c1, 1"));
+    EXPECT_TRUE(shipped->last()["signalCollections"].isArray());
+    control.processReportQueue({});
+    EXPECT_TRUE(shipped->last()["signalCollections"].isNull()) << "an empty batch is not one of others";
+    EXPECT_TRUE(log.has(5, "ApplicationName, ConfigName, ConfigVersion: one, c1, 1.2"));
     EXPECT_TRUE(log.has(5, "Collector from 'From' block: y"));
 }
 
 TEST_F(VlmReportControlTest, RefusesWrongTypesByNameAndKeepsTheRest) {
-    LogCapture log;
-    control.initializeReportControl(parsed(R"([
-        7, {"name": ["x"]}, {"name": 5, "application": {}, "from": ["x", [], 6]}, {"name": "n", "from": "x"}])"),
-                                    "c", "1");
-    control.initializeReportControl(parsed(R"({"name": "no array"})"), "c", "1");
+    configure(R"([
+        7, {"name": ["x"]}, {"name": 5, "application": {}, "from": ["x", [], 6]}, {"name": "n", "from": "x"}])");
+    configure(R"({"name": "no array"})");
     control.addToReport(collectionOf("x"));
     control.addToReport(collectionOf("6"));
     control.drainOnce();
-    EXPECT_THAT(shipped->reports(), ElementsAre("5#1: x=0 6=0", "n#1:"));
+    EXPECT_THAT(shipped->reports(), ElementsAre("5#1: x 6", "n#1:"));
     EXPECT_THAT(log.messages(3),
                 ElementsAre("REPORT[0].name is no text; the report is left out",
                             "REPORT[1].name is no text; the report is left out",
@@ -167,33 +171,19 @@ TEST_F(VlmReportControlTest, RefusesWrongTypesByNameAndKeepsTheRest) {
 }
 
 // The tick threads of two collectors race the control's thread, while a configuration adds a report.
-TEST(VlmReportControlThread, MakesOneBatchOfACollectorsTick) {
-    vlmTest::haveCatalog();
-    LogCapture log;
-    const auto shipped = std::make_shared<Shipped>();
-    auto* const control =
-        new VlmReportControl([shipped](const ShippedReport& report) { shipped->add(report); });
-    control->initializeReportControl(parsed(R"([{"name": "r", "application": "a", "from": ["x", "y"]}])"), "",
-                                     "");
-    control->start();
+TEST_F(VlmReportControlTest, MakesOneBatchOfACollectorsTick) {
+    auto* const threaded =
+        new VlmReportControl([to = shipped](const ShippedReport& report) { to->add(report); });
+    threaded->initializeReportControl(valueOf(R"([{"name": "r", "from": ["x", "y"]}])"), "", "");
+    threaded->start();
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Report queue."));
-    std::barrier start(2);
-    std::thread x([&] {
-        start.arrive_and_wait();
-        control->addToReport(collectionOf("x"));
-    });
-    std::thread y([&] {
-        start.arrive_and_wait();
-        control->addToReport(collectionOf("y"));
-    });
-    x.join();
-    y.join();
-    control->initializeReportControl(parsed(R"([{"name": "s", "application": "a", "from": []}])"), "", "");
+    vlmTest::Together(2, [&](int t) { threaded->addToReport(collectionOf(t == 0 ? "x" : "y")); }).join();
+    threaded->initializeReportControl(valueOf(R"([{"name": "s", "application": "a", "from": []}])"), "", "");
     EXPECT_TRUE(
-        eventually([&] { return shipped->reports().size() == 2; }, [&] { control->SendWakeupSignal(); }));
+        eventually([&] { return shipped->reports().size() == 2; }, [&] { threaded->SendWakeupSignal(); }));
     EXPECT_THAT(shipped->reports(),
-                testing::AnyOf(ElementsAre("r#1: x=0 y=0", "s#1:"), ElementsAre("r#1: y=0 x=0", "s#1:")));
-    control->releaseVlmReportControl();
+                testing::AnyOf(ElementsAre("r#1: x y", "s#1:"), ElementsAre("r#1: y x", "s#1:")));
+    threaded->releaseVlmReportControl();
     EXPECT_TRUE(log.has(5, "Exiting the ReportControl thread"));
 }
 
