@@ -1,59 +1,33 @@
 #include "bus/ConcurrentQueue.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include <barrier>
 #include <map>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "bus/Message.h"
-#include "kyo/Json.h"
+#include "tests/support/Together.h"
 
 namespace vlmProd {
 namespace {
 
-using testing::ElementsAre;
-
 TEST(ConcurrentQueue, GivesValuesOutInOrderAndCountsTheirWeights) {
     ConcurrentQueue<std::string> queue;
     std::string value = "untouched";
-    EXPECT_FALSE(queue.take(&value));
-    EXPECT_FALSE(queue.front(&value));
-    EXPECT_FALSE(queue.back(&value));
+    EXPECT_FALSE(queue.take(&value) || queue.front(&value) || queue.back(&value));
     EXPECT_EQ(value, "untouched");
-
-    EXPECT_TRUE(queue.put("one", 5));
-    EXPECT_TRUE(queue.put("two", 0));
-    EXPECT_TRUE(queue.put("three", 7));
-    EXPECT_EQ(queue.size(), 12U);
+    queue.put("one", 5);
+    queue.put("two", 7);
     EXPECT_TRUE(queue.front(&value));
     EXPECT_EQ(value, "one");
     EXPECT_TRUE(queue.back(&value));
-    EXPECT_EQ(value, "three");
+    EXPECT_EQ(value, "two");
     EXPECT_EQ(queue.size(), 12U) << "looking removes nothing";
-
-    std::vector<std::string> taken;
-    while (queue.take(&value)) {
-        taken.push_back(value);
-    }
-    EXPECT_THAT(taken, ElementsAre("one", "two", "three"));
+    EXPECT_TRUE(queue.take(&value) && queue.take(&value));
     EXPECT_EQ(queue.size(), 0U);
     EXPECT_TRUE(queue.put("again", 1)) << "an emptied queue takes values again";
     EXPECT_TRUE(queue.back(&value));
     EXPECT_EQ(value, "again");
-}
-
-TEST(ConcurrentQueue, KeepsACopyThatLaterChangesOfTheOriginalDoNotReach) {
-    ConcurrentQueue<kyo::Json::Value> queue;
-    kyo::Json::Value record;
-    record["a"] = 1;
-    queue.put(record, 24);
-    record["a"] = 2;
-    kyo::Json::Value taken;
-    ASSERT_TRUE(queue.take(&taken));
-    EXPECT_EQ(taken["a"].asInt(), 1);
 }
 
 // A consumer that sits in withFront() holds the lock for as long as the producer tries.
@@ -86,52 +60,27 @@ TEST(ConcurrentQueue, KeepsEachProducersOrderAndLosesOnlyWhatItCounts) {
     kyo::Counter dropped;
     ConcurrentQueue<std::pair<int, int>> queue(&dropped);
     std::atomic<int> refused{0};
-    std::atomic<int> running{kProducers};
-    std::barrier start(kProducers + 1);
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            start.arrive_and_wait();
-            for (int i = 1; i <= kValues; ++i) {
-                if (!queue.put({p, i}, 2)) {
-                    ++refused;
-                }
+    vlmTest::Together producers(kProducers, [&](int p) {
+        for (int i = 1; i <= kValues; ++i) {
+            if (!queue.put({p, i}, 2)) {
+                ++refused;
             }
-            --running;
-        });
-    }
-    start.arrive_and_wait();
+        }
+    });
     std::map<int, int> last;
     int received = 0;
     std::pair<int, int> value;
     for (bool done = false; !done;) {
-        done = running == 0;
+        done = !producers.running();
         while (queue.take(&value)) {
             ASSERT_GT(value.second, last[value.first]) << "of producer " << value.first;
             last[value.first] = value.second;
             ++received;
         }
     }
-    for (auto& producer : producers) {
-        producer.join();
-    }
     EXPECT_EQ(received + refused, kProducers * kValues);
     EXPECT_EQ(dropped.value(), static_cast<std::uint64_t>(refused));
     EXPECT_EQ(queue.size(), 0U);
-}
-
-TEST(Message, IsATickWithoutPayloadUnlessSaidOtherwise) {
-    Message message;
-    EXPECT_EQ(message.getTopic(), Message::OnEvent);
-    EXPECT_TRUE(message.getPayload().isNull());
-    EXPECT_EQ(message.size(), 4U) << "null";
-
-    kyo::Json::Value payload;
-    payload["k"] = "v";
-    Message full(Message::OnEvent, payload);
-    payload["k"] = "changed";
-    EXPECT_EQ(full.getPayload()["k"].asString(), "v");
-    EXPECT_EQ(full.size(), std::string(R"({"k":"v"})").size());
 }
 
 }  // namespace
