@@ -38,9 +38,6 @@ LogStream LogInfo() {
 LogStream LogDebug() {
     return LogStream(LogLevel::kDebug);
 }
-LogStream LogVerbose() {
-    return LogStream(LogLevel::kVerbose);
-}
 void InitLogging(std::string appId, std::string appDescription, LogLevel defaultLevel, LogMode mode,
                  std::string directoryPath) {
     calls.push_back(appId + "," + appDescription + "," + std::to_string(static_cast<int>(defaultLevel)) +
@@ -51,21 +48,15 @@ void InitLogging(std::string appId, std::string appDescription, LogLevel default
 
 namespace ara::phm {
 
-Phm_client::Phm_client(std::string instance) : m_instance(std::move(instance)) {
-    calls.push_back("client " + m_instance);
-}
-SupervisionEntity::SupervisionEntity(Phm_client& client) : m_instance(client.instance()) {
-    calls.push_back("entity " + m_instance);
-}
+Phm_client::Phm_client(std::string instance) : m_instance(std::move(instance)) {}
+SupervisionEntity::SupervisionEntity(Phm_client& client) : m_instance(client.instance()) {}
 SupervisionEntity::~SupervisionEntity() {
     calls.push_back("~entity");
 }
 void SupervisionEntity::CheckpointReached(std::uint16_t supervisionId, std::uint16_t checkpointId) {
-    calls.push_back("checkpoint " + std::to_string(supervisionId) + " " + std::to_string(checkpointId));
+    calls.push_back(m_instance + " " + std::to_string(supervisionId) + " " + std::to_string(checkpointId));
 }
-HealthChannel::HealthChannel(Phm_client& client) : m_instance(client.instance()) {
-    calls.push_back("channel " + m_instance);
-}
+HealthChannel::HealthChannel(Phm_client& client) : m_instance(client.instance()) {}
 HealthChannel::~HealthChannel() {
     calls.push_back("~channel");
 }
@@ -92,33 +83,21 @@ TEST_F(PlatformUseTest, the_logger_starts_the_log_and_forwards_each_level_to_its
                 ElementsAre("4 l0", "4 l1", "1 l2", "2 l3", "3 l4", "4 l5", "5 l6", "5 l7", "4 l8", "4 l9"));
 }
 
-TEST_F(PlatformUseTest, each_alive_signal_is_one_checkpoint) {
+TEST_F(PlatformUseTest, each_alive_signal_is_one_checkpoint_or_says_that_there_is_no_health_management) {
     vlmTest::LogCapture log;
-    {
-        vlmProd::vlmHeartBeat heartBeat;
-        EXPECT_THAT(calls, ElementsAre("client vlmmaster", "entity vlmmaster", "channel vlmmaster"));
-        calls.clear();
-        heartBeat.sendAliveSignal();
-        EXPECT_THAT(calls, ElementsAre("checkpoint 6521 6521"));
-        EXPECT_THAT(log.messages(5),
-                    ElementsAre("IAmAlive, call CheckpointReached, supervision id=6521, checkpoint id=6521",
-                                "SupervisionCycle = 600", "Expected Indication = 10"));
-        calls.clear();
-    }
-    EXPECT_THAT(calls, ElementsAre("~channel", "~entity"));
-}
-
-TEST_F(PlatformUseTest, without_health_management_each_alive_signal_says_so) {
+    vlmProd::vlmHeartBeat().sendAliveSignal();
+    EXPECT_THAT(calls, ElementsAre("vlmmaster 6521 6521", "~channel", "~entity"));
+    EXPECT_THAT(log.messages(5),
+                ElementsAre("IAmAlive, call CheckpointReached, supervision id=6521, checkpoint id=6521",
+                            "SupervisionCycle = 600", "Expected Indication = 10"));
     struct Unsupervised : vlmProd::vlmHeartBeat {
         Unsupervised() : vlmHeartBeat(Unconnected{}) {}
     };
-    vlmTest::LogCapture log;
-    Unsupervised heartBeat;
-    heartBeat.sendAliveSignal();
-    heartBeat.sendAliveSignal();
-    EXPECT_EQ(log.count(3, "IAmAlive called, the mSupervisionEntity has not been created"), 2u);
+    log.clear();
+    Unsupervised().sendAliveSignal();
+    EXPECT_THAT(log.messages(3), ElementsAre("IAmAlive called, the mSupervisionEntity has not been created"));
     EXPECT_EQ(log.lines().at(0).line, 56);
-    EXPECT_THAT(calls, ElementsAre());
+    EXPECT_EQ(calls.size(), 3u);
 }
 
 }  // namespace

@@ -1,12 +1,8 @@
-// The signal catalog: what it answers, what it says about faults in the file, and which of them end the
-// process.
+// The signal catalog: what it answers, and what it says about faults in the file.
 #include "catalog/VlmJsonCatalog.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <iostream>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"
@@ -16,6 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
+using testing::Throws;
 using vlmProd::FilesReturnCode;
 using vlmProd::VlmJsonCatalog;
 using vlmTest::LogCapture;
@@ -50,23 +47,18 @@ class VlmJsonCatalogTest : public testing::Test {
     FilesReturnCode m_code = FilesReturnCode::PathNotValid;
 };
 
-TEST_F(VlmJsonCatalogTest, answers_from_the_file) {
+TEST_F(VlmJsonCatalogTest, answers_from_the_file_with_properties_in_its_order_and_logged) {
     VlmJsonCatalog catalog(m_path);
     EXPECT_EQ(catalog.getNumberOfServices(), 2);
     EXPECT_EQ(catalog.getCatalogVersion(), "7.1");
     EXPECT_THAT(catalog.getServicesNames(m_code), ElementsAre("Empty", "GNSS"));
     EXPECT_EQ(catalog.getSomeIPKey("GNSS", "positions", m_code), "type");
-    EXPECT_EQ(m_code, FilesReturnCode::Ok);
     EXPECT_EQ(catalog.getSomeIPKey("GNSS", "bare", m_code), "");
     EXPECT_EQ(m_code, FilesReturnCode::Ok);
     EXPECT_THAT(catalog.getAllInstancesOfAService("GNSS", m_code),
                 ElementsAre(Pair("bare", IsEmpty()), Pair("positions", ElementsAre(1, 2))));
-    EXPECT_EQ(m_code, FilesReturnCode::Ok);
     EXPECT_THAT(catalog.getAllInstancesOfAService("Empty", m_code), IsEmpty());
-}
-
-TEST_F(VlmJsonCatalogTest, properties_come_in_file_order_and_each_is_logged) {
-    VlmJsonCatalog catalog(m_path);
+    EXPECT_EQ(m_code, FilesReturnCode::Ok);
     m_log.clear();
     EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 2), ElementsAre("b", "a"));
     EXPECT_THAT(m_log.messages(5), ElementsAre("Populating for the INSTANCE 2 and property = b",
@@ -144,54 +136,17 @@ TEST_F(VlmJsonCatalogTest, an_instance_id_that_is_no_int_is_named_and_thrown) {
     EXPECT_THROW(VlmJsonCatalog{with("2147483648")}, std::out_of_range);
 }
 
-class StandardErrorLogger : public kyo::ProductLogger {
-  public:
-    void logData(std::string message, kyo::LogLevel level) override {
-        std::cerr << level << ' ' << message << '\n';
-    }
-};
-
-// In a process of its own, whose log goes to standard error.
-FilesReturnCode createWithLogOnStandardError(const std::string& path) {
-    kyo::Log::setProductLogger(new StandardErrorLogger);
-    FilesReturnCode code = FilesReturnCode::Ok;
-    VlmJsonCatalog::createSingleton(path, code);
-    return code;
-}
-
-TEST(VlmJsonCatalogSingleton, a_missing_or_malformed_file_ends_the_process) {
-    const TemporaryFolder folder;
-    LogCapture log;
-    EXPECT_EXIT(createWithLogOnStandardError(""), testing::ExitedWithCode(1),
-                "3 .* Catalog file path not provided!\n");
-    EXPECT_EXIT(createWithLogOnStandardError(folder.file("absent.json")), testing::ExitedWithCode(1),
-                "3 .* Catalog file path not valid\\.\n");
-    EXPECT_EXIT(createWithLogOnStandardError(folder.write("broken.json", "{\"services\"")),
-                testing::ExitedWithCode(250), "3 .* catalog file parsing not successful, check format\n");
-}
-
-TEST(VlmJsonCatalogSingleton, is_created_once_and_not_used_before) {
-    const TemporaryFolder folder;
-    LogCapture log;
-    const auto thrownBy = [](auto&& call) -> std::string {
-        try {
-            call();
-        } catch (const std::string& text) {
-            return text;
-        }
-        return "nothing was thrown";
-    };
-    FilesReturnCode code = FilesReturnCode::PathNotValid;
-    EXPECT_EQ(thrownBy([] { VlmJsonCatalog::getInstance(); }),
-              "VlmJsonCatalog::getInstance() ERROR: JsonCatalog not created yet!");
-    EXPECT_EQ(thrownBy([] { VlmJsonCatalog(""); }), "Catalog file path not provided!");
-    EXPECT_EQ(thrownBy([&] { VlmJsonCatalog(folder.file("absent")); }), "Catalog file path not valid");
-    const std::string path = folder.write("catalog.json", kCatalog);
-    VlmJsonCatalog* const created = VlmJsonCatalog::createSingleton(path, code);
-    EXPECT_EQ(code, FilesReturnCode::Ok);
+TEST_F(VlmJsonCatalogTest, loading_throws_a_text_and_the_singleton_is_created_once) {
+    EXPECT_THAT([] { VlmJsonCatalog::getInstance(); },
+                Throws<std::string>("VlmJsonCatalog::getInstance() ERROR: JsonCatalog not created yet!"));
+    EXPECT_THAT([] { VlmJsonCatalog(""); }, Throws<std::string>("Catalog file path not provided!"));
+    EXPECT_THAT([&] { VlmJsonCatalog(m_folder.file("absent")); },
+                Throws<std::string>("Catalog file path not valid"));
+    VlmJsonCatalog* const created = VlmJsonCatalog::createSingleton(m_path, m_code);
+    EXPECT_EQ(m_code, FilesReturnCode::Ok);
     EXPECT_EQ(VlmJsonCatalog::getInstance(), created);
-    EXPECT_EQ(thrownBy([&] { VlmJsonCatalog::createSingleton(path, code); }),
-              "VlmJsonCatalog::create() ERROR: Catalog already created!");
+    EXPECT_THAT([&] { VlmJsonCatalog::createSingleton(m_path, m_code); },
+                Throws<std::string>("VlmJsonCatalog::create() ERROR: Catalog already created!"));
 }
 
 }  // namespace
