@@ -26,64 +26,37 @@ struct Reading {
     bool operator==(const Reading&) const = default;
 };
 
+/// Calls `visit(id, member)` for each member.
+template <typename AnyReading, typename Visit>
+void visitMembers(AnyReading& reading, Visit&& visit) {
+    visit(1, reading.small);
+    visit(2, reading.medium);
+    visit(3, reading.large);
+    visit(4, reading.precise);
+    visit(5, reading.flag);
+    visit(6, reading.quality);
+    visit(7, reading.text);
+    visit(8, reading.coarse);
+    visit(9, reading.offset);
+}
+
 inline bool readMember(ac::com::MemberReader& in, Reading& out) {
-    switch (in.id()) {
-        case 1:
-            in.take(out.small);
-            return true;
-        case 2:
-            in.take(out.medium);
-            return true;
-        case 3:
-            in.take(out.large);
-            return true;
-        case 4:
-            in.take(out.precise);
-            return true;
-        case 5:
-            in.take(out.flag);
-            return true;
-        case 6:
-            in.take(out.quality);
-            return true;
-        case 7:
-            in.take(out.text);
-            return true;
-        case 8:
-            in.take(out.coarse);
-            return true;
-        case 9:
-            in.take(out.offset);
-            return true;
-        default:
-            return false;
-    }
+    bool known = false;
+    visitMembers(out, [&](std::uint16_t id, auto& member) {
+        if (id == in.id()) {
+            in.take(member);
+            known = true;
+        }
+    });
+    return known;
 }
 
 inline void writeMembers(ac::com::MemberWriter& out, const Reading& in) {
-    out.put(1, in.small);
-    out.put(2, in.medium);
-    out.put(3, in.large);
-    out.put(4, in.precise);
-    out.put(5, in.flag);
-    out.put(6, in.quality);
-    out.put(7, in.text);
-    out.put(8, in.coarse);
-    out.put(9, in.offset);
+    visitMembers(in, [&](std::uint16_t id, const auto& member) { out.put(id, member); });
 }
 
 inline Reading fullReading() {
-    Reading reading;
-    reading.small = 0x2A;
-    reading.medium = 0x1234;
-    reading.large = 1;
-    reading.precise = 1.0;
-    reading.flag = true;
-    reading.quality = Quality::bad;
-    reading.text = "ab";
-    reading.coarse = -0.5f;
-    reading.offset = -2;
-    return reading;
+    return {0x2A, 0x1234, 1, 1.0, true, Quality::bad, "ab", -0.5f, -2};
 }
 
 inline constexpr ac::com::ServiceInterface kMeter{"Meter", 0x4101, 1, 7};

@@ -3,6 +3,9 @@
 /// again.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -11,12 +14,11 @@
 namespace vlmTest {
 
 struct SdNews : someip::SdObserver {
-    static std::string text(const someip::EventgroupKey& key) {
-        return std::to_string(key.service.service) + "." + std::to_string(key.service.instance) + "/" +
-               std::to_string(key.eventgroup);
-    }
     static std::string text(const someip::ServiceKey& key) {
         return std::to_string(key.service) + "." + std::to_string(key.instance);
+    }
+    static std::string text(const someip::EventgroupKey& key) {
+        return text(key.service) + "/" + std::to_string(key.eventgroup);
     }
 
     void serviceUp(const someip::RemoteService& service) override {
@@ -49,55 +51,52 @@ struct SdNews : someip::SdObserver {
     bool admits = true;
 };
 
+/// False where the datagram is no discovery message.
+inline bool readDiscovery(std::span<const std::uint8_t> datagram, someip::SdMessage& message) {
+    someip::MessageReader messages(datagram);
+    someip::Header header;
+    std::span<const std::uint8_t> body;
+    std::string error;
+    return messages.next(header, body) && parseSdMessage(header, body, message, error);
+}
+
 /// One sent message, read again.
 struct SentSd {
     bool multicast;
     someip::Endpoint to;
     someip::SdMessage message;
-    std::vector<std::uint8_t> bytes;
+    std::size_t size;
+    someip::Clock::time_point at;
 };
 
-inline std::vector<SentSd> readAgain(const std::vector<someip::SdOutbox::Datagram>& datagrams) {
+inline std::vector<SentSd> readAgain(const std::vector<someip::SdOutbox::Datagram>& datagrams,
+                                     someip::Clock::time_point now = {}) {
     std::vector<SentSd> all;
     for (const auto& datagram : datagrams) {
-        SentSd sent{!datagram.to, datagram.to.value_or(someip::Endpoint{}), {}, datagram.bytes};
-        someip::MessageReader messages(datagram.bytes);
-        someip::Header header;
-        std::span<const std::uint8_t> body;
-        std::string error;
-        EXPECT_TRUE(messages.next(header, body));
-        EXPECT_TRUE(parseSdMessage(header, body, sent.message, error)) << error;
+        const auto to = datagram.to.value_or(someip::Endpoint{});
+        all.push_back({!datagram.to, to, {}, datagram.bytes.size(), now});
+        EXPECT_TRUE(readDiscovery(datagram.bytes, all.back().message));
         EXPECT_LE(datagram.bytes.size(), someip::kMaxSdMessage);
-        all.push_back(std::move(sent));
     }
     return all;
 }
 
 /// "find 1.65535", "offer 1.1", "stop-offer 1.1", "subscribe 1.1/2", "ack 1.1/2" and so on, of one message.
 inline std::vector<std::string> describe(const someip::SdMessage& message) {
+    using Type = someip::SdEntryType;
+    static const std::map<Type, std::pair<std::string, std::string>> names{
+        {Type::Find, {"find", "find"}},
+        {Type::Offer, {"offer", "stop-offer"}},
+        {Type::Subscribe, {"subscribe", "stop-subscribe"}},
+        {Type::SubscribeAck, {"ack", "nack"}}};
     std::vector<std::string> texts;
     for (const auto& entry : message.entries) {
-        const bool zero = entry.ttl == 0;
-        std::string text;
-        switch (entry.type) {
-            case someip::SdEntryType::Find:
-                text = "find";
-                break;
-            case someip::SdEntryType::Offer:
-                text = zero ? "stop-offer" : "offer";
-                break;
-            case someip::SdEntryType::Subscribe:
-                text = zero ? "stop-subscribe" : "subscribe";
-                break;
-            case someip::SdEntryType::SubscribeAck:
-                text = zero ? "nack" : "ack";
-                break;
-        }
-        text += " " + std::to_string(entry.service) + "." + std::to_string(entry.instance);
-        if (entry.isEventgroupEntry()) {
-            text += "/" + std::to_string(entry.eventgroup);
-        }
-        texts.push_back(text);
+        const someip::ServiceKey service{entry.service, entry.instance, entry.major};
+        const auto& [lives, ends] = names.at(entry.type);
+        texts.push_back((entry.ttl == 0 ? ends : lives) + " " +
+                        (entry.isEventgroupEntry()
+                             ? SdNews::text(someip::EventgroupKey{service, entry.eventgroup})
+                             : SdNews::text(service)));
     }
     return texts;
 }
@@ -133,15 +132,10 @@ struct SdPeer {
         one.unicast = {{endpoint.address, 50000}};
         return one;
     }
-    std::vector<std::uint8_t> byMulticast(const std::vector<someip::SdEntry>& entries) {
+    /// The next message, by multicast or to whom this is about.
+    std::vector<std::uint8_t> message(bool multicast, const std::vector<someip::SdEntry>& entries) {
         for (const auto& one : entries) {
-            outbox.multicast().add(one);
-        }
-        return outbox.take().at(0).bytes;
-    }
-    std::vector<std::uint8_t> byUnicast(const std::vector<someip::SdEntry>& entries) {
-        for (const auto& one : entries) {
-            outbox.to({1, 1}).add(one);
+            (multicast ? outbox.multicast() : outbox.to({1, 1})).add(one);
         }
         return outbox.take().at(0).bytes;
     }
@@ -164,29 +158,40 @@ struct SdBench : ::testing::Test {
         sd.onTime(now);
         collect();
     }
-    bool hear(const SdPeer& from, bool multicast, const std::vector<std::uint8_t>& bytes) {
+    void hear(const SdPeer& from, bool multicast, const std::vector<std::uint8_t>& bytes) {
         std::string error;
-        const bool good = sd.onDatagram(from.endpoint, multicast, bytes, now, error);
+        EXPECT_TRUE(sd.onDatagram(from.endpoint, multicast, bytes, now, error)) << error;
         collect();
-        return good;
     }
-    void collect() {
-        for (auto& one : readAgain(sd.outbox().take())) {
-            sentAt.push_back(now);
-            sent.push_back(std::move(one));
-        }
+    void hearMulticast(SdPeer& from, const std::vector<someip::SdEntry>& entries) {
+        hear(from, true, from.message(true, entries));
     }
+    void hearUnicast(SdPeer& from, const std::vector<someip::SdEntry>& entries) {
+        hear(from, false, from.message(false, entries));
+    }
+    void collect() { std::ranges::move(readAgain(sd.outbox().take(), now), std::back_inserter(sent)); }
     /// The entries of everything sent since the last call.
     std::vector<std::string> takeSent() {
         std::vector<std::string> all;
         for (const auto& one : sent) {
-            for (const auto& text : describe(one.message)) {
-                all.push_back(text);
-            }
+            std::ranges::move(describe(one.message), std::back_inserter(all));
         }
         sent.clear();
-        sentAt.clear();
         return all;
+    }
+
+    /// That all that was sent came by multicast as one message of these entries; the times between them.
+    std::vector<std::chrono::milliseconds> gapsBetween(const std::vector<std::string>& entries) const {
+        std::vector<std::chrono::milliseconds> gaps;
+        for (std::size_t i = 0; i < sent.size(); ++i) {
+            EXPECT_TRUE(sent[i].multicast);
+            EXPECT_EQ(describe(sent[i].message), entries);
+            if (i != 0) {
+                gaps.push_back(
+                    std::chrono::duration_cast<std::chrono::milliseconds>(sent[i].at - sent[i - 1].at));
+            }
+        }
+        return gaps;
     }
 
     someip::SdTimes times;
@@ -195,7 +200,6 @@ struct SdBench : ::testing::Test {
     someip::ServiceDiscovery sd{times, {0x7F000001, 45000}, network, observer, 1};
     Clock::time_point now{std::chrono::hours(1)};
     std::vector<SentSd> sent;
-    std::vector<Clock::time_point> sentAt;
     SdPeer vehicle{{0x7F000002, 30490}};
     SdPeer stranger{{0x7F000003, 30490}};
 };
