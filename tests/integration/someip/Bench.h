@@ -2,7 +2,6 @@
 /// Real sockets on the loopback network. Addresses and ports follow from the process id, so that several
 /// runs at once keep out of each other's way.
 #include <gmock/gmock.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <functional>
@@ -16,6 +15,7 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/unit/someip/Reading.h"
+#include "tests/unit/someip/SdBench.h"
 
 namespace vlmTest {
 
@@ -56,18 +56,20 @@ class MeterClient {
 
     /// Waits for the service, as an adapter does that asks again and again.
     bool find() {
-        return eventually([&] {
-            handles = ac::com::findService(kMeter, "*", runtime);
-            return !handles.empty();
-        });
+        return eventually([&] { return !ac::com::findService(kMeter, "*", runtime).empty(); });
     }
-    bool connect() {
-        if (!find()) {
-            return false;
-        }
-        proxy = std::make_unique<ac::com::ProxyBase>(kMeter, handles.front(), runtime);
+    /// Wants the event; `handler` gets its samples, or else take() does.
+    bool subscribe(std::function<void(std::vector<Reading>)> handler = nullptr) {
+        proxy = std::make_unique<ac::com::ProxyBase>(
+            kMeter, ac::com::ServiceHandle{kMeter.serviceId, 1, kMeter.majorVersion}, runtime);
         readings = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kReadings);
-        return readings->Subscribe([this](std::vector<Reading> samples) { take(std::move(samples)); });
+        if (handler == nullptr) {
+            handler = [this](std::vector<Reading> samples) { take(std::move(samples)); };
+        }
+        return readings->Subscribe(std::move(handler));
+    }
+    bool connect(std::function<void(std::vector<Reading>)> handler = nullptr) {
+        return find() && subscribe(std::move(handler));
     }
     bool subscribed() const {
         return eventually([&] { return readings->subscribed(); });
@@ -92,7 +94,6 @@ class MeterClient {
     }
 
     someip::Runtime& runtime;
-    ac::com::HandleContainer handles;
     mutable std::mutex guard;
     std::vector<Reading> got;
     // Last, so that they end before what their handler uses.
@@ -120,14 +121,14 @@ class PlainDevice {
   public:
     explicit PlainDevice(int host) {
         std::string error;
-        discovery =
-            someip::UdpSocket::open({addressOf(host), discoveryPort()}, {0, false, true, 0, false}, error);
-        EXPECT_NE(discovery, nullptr) << error;
-        group = someip::UdpSocket::open({0x7FFFFFFF, discoveryPort()}, {0, true, true, 0, false}, error);
-        EXPECT_NE(group, nullptr) << error;
-        events =
-            someip::UdpSocket::open({addressOf(host), 0}, {0, false, false, addressOf(host), false}, error);
-        EXPECT_NE(events, nullptr) << error;
+        const auto open = [&error](const someip::Endpoint& at, const someip::UdpSocket::Options& options) {
+            auto socket = someip::UdpSocket::open(at, options, error);
+            EXPECT_NE(socket, nullptr) << error;
+            return socket;
+        };
+        discovery = open({addressOf(host), discoveryPort()}, {0, false, true, 0, false});
+        group = open({0x7FFFFFFF, discoveryPort()}, {0, true, true, 0, false});
+        events = open({addressOf(host), 0}, {0, false, false, addressOf(host), false});
     }
 
     void sendDiscovery(const someip::SdEntry& entry, const someip::Endpoint* to = nullptr) {
@@ -138,13 +139,17 @@ class PlainDevice {
         }
     }
     someip::SdEntry offer(std::uint32_t ttl = 3) const {
-        someip::SdEntry entry;
-        entry.type = someip::SdEntryType::Offer;
-        entry.service = kMeter.serviceId;
-        entry.instance = 1;
-        entry.major = kMeter.majorVersion;
-        entry.ttl = ttl;
+        auto entry = SdPeer::entry(someip::SdEntryType::Offer, kMeter.serviceId, ttl);
         entry.unicast = {events->endpoint()};
+        return entry;
+    }
+    someip::SdEntry subscription(std::uint16_t service, std::uint16_t eventgroup,
+                                 std::uint8_t counter = 0) const {
+        auto entry = offer();
+        entry.type = someip::SdEntryType::Subscribe;
+        entry.service = service;
+        entry.eventgroup = eventgroup;
+        entry.counter = counter;
         return entry;
     }
     void answer(const someip::SdEntry& subscription, const someip::Endpoint& to, std::uint32_t ttl,
@@ -158,33 +163,40 @@ class PlainDevice {
     }
     /// The next entry of that type that comes to a discovery socket, and who sent it; others are passed over.
     bool await(someip::SdEntryType type, someip::SdEntry& found, someip::Endpoint& from) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd ready[] = {{discovery->fd(), POLLIN, 0}, {group->fd(), POLLIN, 0}};
-            ::poll(ready, 2, 100);
+        const auto isFound = [&](std::span<const std::uint8_t> datagram) {
+            someip::SdMessage message;
+            seen.emplace_back(datagram.begin(), datagram.end());
+            if (!readDiscovery(datagram, message)) {
+                return false;
+            }
+            const auto entry = std::ranges::find_if(message.entries, [&](const someip::SdEntry& one) {
+                return one.type == type && one.service == kMeter.serviceId;
+            });
+            if (entry != message.entries.end()) {
+                found = *entry;
+            }
+            return entry != message.entries.end();
+        };
+        return eventually([&] {
             for (const auto* socket : {discovery.get(), group.get()}) {
                 const auto count = batch.receive(*socket);
                 for (std::size_t i = 0; i < count; ++i) {
-                    seen.emplace_back(batch.bytes(i).begin(), batch.bytes(i).end());
-                    someip::MessageReader messages(batch.bytes(i));
-                    someip::Header header;
-                    std::span<const std::uint8_t> body;
-                    someip::SdMessage message;
-                    std::string error;
-                    if (!messages.next(header, body) || !parseSdMessage(header, body, message, error)) {
-                        continue;
-                    }
-                    for (const auto& entry : message.entries) {
-                        if (entry.type == type && entry.service == kMeter.serviceId) {
-                            found = entry;
-                            from = batch.from(i);
-                            return true;
-                        }
+                    if (isFound(batch.bytes(i))) {
+                        from = batch.from(i);
+                        return true;
                     }
                 }
             }
+            return false;
+        });
+    }
+    /// Calls `take(from, bytes)` for what has come to the event socket.
+    template <typename Take>
+    void receiveEvents(Take&& take) {
+        const auto count = batch.receive(*events);
+        for (std::size_t i = 0; i < count; ++i) {
+            take(batch.from(i), batch.bytes(i));
         }
-        return false;
     }
     /// A notification of `readings` with one sample.
     std::vector<std::uint8_t> notification(int number, std::uint16_t session) const {

@@ -1,5 +1,5 @@
 /// What receive handlers may do, and what ends while they are at work.
-#include <condition_variable>
+#include <atomic>
 
 #include "Bench.h"
 
@@ -10,30 +10,21 @@ using ::testing::ElementsAre;
 namespace {
 
 /// Lets a handler in, and holds it until it is let out.
-class Lock {
-  public:
+struct Lock {
     void passThrough() {
-        std::unique_lock guard(m_guard);
-        m_inside = true;
-        m_changed.notify_all();
-        m_changed.wait(guard, [&] { return m_open; });
-        m_inside = false;
+        inside = true;
+        isOpen.wait(false);
     }
-    bool waitForVisitor() {
-        std::unique_lock guard(m_guard);
-        return m_changed.wait_for(guard, 20s, [&] { return m_inside; });
+    bool waitForVisitor() const {
+        return eventually([&] { return inside.load(); });
     }
     void open() {
-        const std::lock_guard guard(m_guard);
-        m_open = true;
-        m_changed.notify_all();
+        isOpen = true;
+        isOpen.notify_all();
     }
 
-  private:
-    std::mutex m_guard;
-    std::condition_variable m_changed;
-    bool m_inside = false;
-    bool m_open = false;
+    std::atomic<bool> inside{false};
+    std::atomic<bool> isOpen{false};
 };
 
 /// Each test ends its subscription itself: the handlers use what lives in the test's body.
@@ -41,12 +32,9 @@ struct Handlers : ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(runtime.start(settingsFor(1), true));
         server.base.OfferService();
-        ASSERT_TRUE(client.find());
-        proxy = std::make_unique<ac::com::ProxyBase>(kMeter, client.handles.front(), runtime);
-        readings = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kReadings);
     }
     bool subscribe(std::function<void(std::vector<Reading>)> handler) {
-        readings->Subscribe(std::move(handler));
+        client.subscribe(std::move(handler));
         return eventually([&] { return server.readings.subscribers() == 1; });
     }
 
@@ -54,8 +42,8 @@ struct Handlers : ::testing::Test {
     someip::Runtime runtime;
     MeterServer server{runtime};
     MeterClient client{runtime};
-    std::unique_ptr<ac::com::ProxyBase> proxy;
-    std::unique_ptr<ac::com::ProxyEvent<Reading>> readings;
+    std::unique_ptr<ac::com::ProxyBase>& proxy = client.proxy;
+    std::unique_ptr<ac::com::ProxyEvent<Reading>>& readings = client.readings;
 };
 
 }  // namespace
@@ -103,17 +91,21 @@ TEST_F(Handlers, MayUnsubscribeOrDestroyTheirOwnProxy) {
     readings.reset();
 }
 
-TEST_F(Handlers, MaySubscribeAnotherEventAndSend) {
-    std::atomic<int> alarmed{0};
+TEST_F(Handlers, MaySubscribeAnotherEventSendAndEndTheMiddleware) {
+    std::atomic<bool> ended{false};
     std::unique_ptr<ac::com::ProxyEvent<Reading>> alarms;
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
         if (alarms == nullptr) {
             alarms = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kAlarms);
-            alarms->Subscribe([&](std::vector<Reading>) { ++alarmed; });
+            alarms->Subscribe([&](std::vector<Reading>) {
+                runtime.stop();
+                ended = true;
+            });
         }
         server.alarms.Send({numbered(1)});
     }));
-    EXPECT_TRUE(eventually([&] { return alarmed > 0; }, [&] { server.readings.Send({numbered(1)}); }));
+    EXPECT_TRUE(eventually([&] { return ended.load(); }, [&] { server.readings.Send({numbered(1)}); }));
+    EXPECT_FALSE(runtime.networkIsUp());
     readings.reset();
 }
 
@@ -159,18 +151,6 @@ TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
     ASSERT_TRUE(runtime.start(settingsFor(1), true));
     lock.open();
     EXPECT_TRUE(eventually([&] { return calls >= 2; }, [&] { server.readings.Send({numbered(3)}); }));
-    readings.reset();
-}
-
-TEST_F(Handlers, MayEndTheMiddleware) {
-    std::atomic<bool> ended{false};
-    ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
-        runtime.stop();
-        ended = true;
-    }));
-    server.readings.Send({numbered(1)});
-    EXPECT_TRUE(eventually([&] { return ended.load(); }));
-    EXPECT_FALSE(runtime.networkIsUp());
     readings.reset();
 }
 
