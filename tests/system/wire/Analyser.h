@@ -22,8 +22,14 @@ struct CapturedDatagram {
     std::vector<std::uint8_t> bytes;
 };
 
-/// One frame as tshark sees it: the values of each field, in order.
-using AnalysedFrame = std::map<std::string, std::vector<std::string>>;
+/// One element of a frame as tshark sees it.
+struct AnalysedElement {
+    std::string show;  ///< its value
+    std::string text;  ///< the line of it that tshark shows to people
+};
+
+/// One frame: the elements of each name, in order.
+using AnalysedFrame = std::map<std::string, std::vector<AnalysedElement>>;
 
 class Analyser {
   public:
@@ -33,20 +39,25 @@ class Analyser {
     std::size_t count() const { return m_datagrams.size(); }
     void clear() { m_datagrams.clear(); }
 
-    /// What tshark prints for the capture. It takes the discovery port for another protocol unless told.
-    /// `tables` is a folder with its configuration tables, or empty.
-    std::string run(const std::string& arguments, const std::string& tables = "") const {
+    /// The capture as tshark sees it. It takes the discovery port for another protocol unless told. `tables`
+    /// is a folder with its configuration tables, or empty.
+    std::vector<AnalysedFrame> frames(const std::string& tables = "") const {
         const std::string capture = m_folder.write("capture.pcap", pcap());
         std::set<std::uint16_t> ports;
         for (const auto& datagram : m_datagrams) {
             ports.insert({datagram.from.port, datagram.to.port});
         }
         std::string command = "LC_ALL=C.UTF-8 HOME='" + m_folder.path() + "' WIRESHARK_CONFIG_DIR='" +
-                              (tables.empty() ? m_folder.path() : tables) + "' tshark -r '" + capture + "'";
+                              (tables.empty() ? m_folder.path() : tables) + "' tshark -T pdml -r '" +
+                              capture + "'";
         for (const auto port : ports) {
             command += " -d udp.port==" + std::to_string(port) + ",someip";
         }
-        command += " " + arguments + " 2>'" + m_folder.file("errors") + "'";
+        // It makes its value fields when a table changes after all of them were read: hence the row.
+        command +=
+            " -o 'uat:SOMEIP_parameter_structs:\"fffffff0\",\"unused\",\"32\",\"0\",\"FALSE\",\"1\",\"0\","
+            "\"unused\",\"1\",\"00000001\",\"unused\"' 2>'" +
+            m_folder.file("errors") + "'";
         std::FILE* const output = ::popen(command.c_str(), "r");
         std::string text;
         char part[4096];
@@ -54,40 +65,28 @@ class Analyser {
             text.append(part, size);
         }
         EXPECT_EQ(::pclose(output), 0) << "tshark is needed and must take this: " << command;
-        return text;
-    }
-
-    /// The named fields of every frame; and always those that mark what the analyser dislikes.
-    std::vector<AnalysedFrame> fields(std::vector<std::string> names) const {
-        names.insert(names.end(), {"_ws.malformed", "_ws.expert.message"});
-        std::string arguments = "-T fields -E separator=';' -E occurrence=a -E aggregator=,";
-        for (const auto& name : names) {
-            arguments += " -e " + name;
-        }
         std::vector<AnalysedFrame> frames;
-        for (const auto& line : split(run(arguments), '\n')) {
-            const auto cells = split(line + ";", ';');
-            AnalysedFrame frame;
-            for (std::size_t i = 0; i < names.size() && i < cells.size(); ++i) {
-                if (!cells[i].empty()) {
-                    frame[names[i]] = split(cells[i] + ",", ',');
-                }
+        for (std::size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at + 1)) {
+            const auto element = text.substr(at, text.find('>', at) - at);
+            if (element.starts_with("<packet")) {
+                frames.emplace_back();
+            } else if (!frames.empty()) {
+                frames.back()[attribute(element, "name")].push_back(
+                    {attribute(element, "show"), attribute(element, "showname")});
             }
-            frames.push_back(std::move(frame));
         }
         EXPECT_EQ(frames.size(), m_datagrams.size());
         return frames;
     }
 
   private:
-    static std::vector<std::string> split(const std::string& text, char at) {
-        std::vector<std::string> parts;
-        std::size_t from = 0;
-        for (auto end = text.find(at); end != std::string::npos; end = text.find(at, from)) {
-            parts.push_back(text.substr(from, end - from));
-            from = end + 1;
+    static std::string attribute(const std::string& element, const std::string& name) {
+        const auto start = element.find(" " + name + "=\"");
+        if (start == std::string::npos) {
+            return "";
         }
-        return parts;
+        const auto from = start + name.size() + 3;
+        return element.substr(from, element.find('"', from) - from);
     }
 
     /// Bare IPv4 packets; without UDP checksums, which is allowed.
