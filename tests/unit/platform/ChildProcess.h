@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "kyo/Json.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace vlmTest {
 
@@ -31,78 +33,6 @@ inline std::vector<std::string> linesOf(const std::string& text) {
     }
     return lines;
 }
-
-class ChildProcess {
-  public:
-    /// Starts the program with this environment added to the test's own. `standardOutput` and
-    /// `standardError` are descriptors; -1 leaves the test's own.
-    ChildProcess(const std::vector<std::string>& command,
-                 const std::vector<std::pair<std::string, std::string>>& environment = {},
-                 int standardOutput = -1, int standardError = -1) {
-        std::vector<std::string> variables;
-        for (char** at = environ; *at != nullptr; ++at) {
-            const std::string variable = *at;
-            bool replaced = false;
-            for (const auto& [name, value] : environment) {
-                replaced = replaced || variable.rfind(name + "=", 0) == 0;
-            }
-            if (!replaced) {
-                variables.push_back(variable);
-            }
-        }
-        for (const auto& [name, value] : environment) {
-            variables.push_back(name + "=" + value);
-        }
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        if (standardOutput >= 0) {
-            ::posix_spawn_file_actions_adddup2(&actions, standardOutput, STDOUT_FILENO);
-        }
-        if (standardError >= 0) {
-            ::posix_spawn_file_actions_adddup2(&actions, standardError, STDERR_FILENO);
-        }
-        const int failed = ::posix_spawnp(&m_pid, command.front().c_str(), &actions, nullptr,
-                                          pointers(command).data(), pointers(variables).data());
-        ::posix_spawn_file_actions_destroy(&actions);
-        if (failed != 0) {
-            m_pid = -1;
-            throw std::runtime_error("cannot start " + command.front());
-        }
-    }
-    ~ChildProcess() {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-    }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    void send(int signal) const { ::kill(m_pid, signal); }
-
-    /// The exit status; -1 when the program ended by a signal, -2 when it did not end in time.
-    int wait() {
-        int status = 0;
-        if (!eventually([&] { return ::waitpid(m_pid, &status, WNOHANG) == m_pid; }, [] {},
-                        std::chrono::seconds(60))) {
-            return -2;
-        }
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    static std::vector<char*> pointers(const std::vector<std::string>& texts) {
-        std::vector<char*> all;
-        for (const std::string& text : texts) {
-            all.push_back(const_cast<char*>(text.c_str()));
-        }
-        all.push_back(nullptr);
-        return all;
-    }
-
-    pid_t m_pid = -1;
-};
 
 /// An open file that closes itself.
 class Descriptor {
@@ -125,6 +55,86 @@ class Descriptor {
 
 inline int openForWriting(const std::string& path) {
     return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+}
+
+class ChildProcess {
+  public:
+    /// Starts the program with these variables ("NAME=value") added to the test's environment.
+    /// `standardOutput` and `standardError` are descriptors; -1 leaves the test's own.
+    ChildProcess(std::vector<std::string> command, const std::vector<std::string>& environment = {},
+                 int standardOutput = -1, int standardError = -1) {
+        command.insert(command.begin(), environment.begin(), environment.end());
+        command.insert(command.begin(), "env");
+        std::vector<char*> words;
+        for (std::string& word : command) {
+            words.push_back(word.data());
+        }
+        words.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        if (standardOutput >= 0) {
+            ::posix_spawn_file_actions_adddup2(&actions, standardOutput, STDOUT_FILENO);
+        }
+        if (standardError >= 0) {
+            ::posix_spawn_file_actions_adddup2(&actions, standardError, STDERR_FILENO);
+        }
+        const int failed = ::posix_spawnp(&m_pid, words.front(), &actions, nullptr, words.data(), environ);
+        ::posix_spawn_file_actions_destroy(&actions);
+        if (failed != 0) {
+            m_pid = -1;
+            throw std::runtime_error("no process can be started");
+        }
+    }
+    ~ChildProcess() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    /// The exit status; -1 when the program ended by a signal, -2 when it did not end in time.
+    int wait() {
+        int status = 0;
+        if (!eventually([&] { return ::waitpid(m_pid, &status, WNOHANG) == m_pid; }, [] {},
+                        std::chrono::seconds(60))) {
+            return -2;
+        }
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    pid_t m_pid = -1;
+};
+
+/// What a program that ran to its end has left.
+struct Outcome {
+    int status = 0;
+    std::string out;
+    std::string err;
+
+    /// What log_probe tells of itself at its end.
+    kyo::Json::Value probeStatus() const {
+        kyo::Json::Value value;
+        kyo::Json::Reader reader;
+        if (!reader.parse(err, value)) {
+            throw std::runtime_error("not a status alone: " + err);
+        }
+        return value;
+    }
+};
+
+/// With its standard output there, or else in a file.
+inline Outcome runToItsEnd(const std::vector<std::string>& command,
+                           const std::vector<std::string>& environment = {}, int standardOutput = -1) {
+    const TemporaryFolder folder;
+    const Descriptor out(openForWriting(folder.file("out")));
+    const Descriptor err(openForWriting(folder.file("err")));
+    const int status =
+        ChildProcess(command, environment, standardOutput < 0 ? int{out} : standardOutput, err).wait();
+    return {status, readFile(folder.file("out")), readFile(folder.file("err"))};
 }
 
 }  // namespace vlmTest

@@ -2,36 +2,53 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <array>
 #include <map>
 #include <regex>
-#include <thread>
 
 #include "ara/log/ConsoleSink.h"
-#include "kyo/Json.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/platform/ChildProcess.h"
 
 using testing::HasSubstr;
-using vlmTest::ChildProcess;
 using vlmTest::Descriptor;
 using vlmTest::linesOf;
-using vlmTest::openForWriting;
-using vlmTest::readFile;
 
 namespace {
 
-struct Folder : vlmTest::TemporaryFolder {
-    std::vector<std::pair<std::string, std::string>> environment() const {
-        // No daemon has its pipe in that folder.
-        return {{"DLT_PIPE_DIR", path()}, {"VLM_MACHINE_MANIFEST", ""}};
+/// Runs the probe, with its standard output there or else in a file.
+vlmTest::Outcome probe(std::vector<std::string> words, int standardOutput = -1) {
+    const vlmTest::TemporaryFolder noDaemonHasItsPipeHere;
+    words.insert(words.begin(), LOG_PROBE);
+    auto outcome = vlmTest::runToItsEnd(
+        words, {"DLT_PIPE_DIR=" + noDaemonHasItsPipeHere.path(), "VLM_MACHINE_MANIFEST="}, standardOutput);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    return outcome;
+}
+
+std::uint64_t droppedBy(const vlmTest::Outcome& outcome) {
+    return outcome.probeStatus()["log"]["dropped"]["console"].asUInt64();
+}
+
+struct Pipe {
+    static std::array<int, 2> open() {
+        std::array<int, 2> both{};
+        EXPECT_EQ(::pipe2(both.data(), O_CLOEXEC), 0);
+        return both;
     }
-    kyo::Json::Value status() const {
-        kyo::Json::Value value;
-        kyo::Json::Reader reader;
-        EXPECT_TRUE(reader.parse(readFile(file("err")), value)) << readFile(file("err"));
-        return value;
+    /// What is in it, once nobody writes any more.
+    std::string rest() {
+        writer.close();
+        std::string text;
+        char bytes[65536];
+        for (ssize_t got = 0; (got = ::read(reader, bytes, sizeof bytes)) > 0;) {
+            text.append(bytes, static_cast<std::size_t>(got));
+        }
+        return text;
     }
+
+    const std::array<int, 2> ends = open();
+    Descriptor reader{ends[0]};
+    Descriptor writer{ends[1]};
 };
 
 /// Each line must be whole; counts those per thread, which must be in order.
@@ -57,76 +74,38 @@ int countLines(const std::string& text) {
     return count;
 }
 
-std::uint64_t dropped(const kyo::Json::Value& status) {
-    return status["log"]["dropped"]["console"].asUInt64();
-}
-
 }  // namespace
 
 TEST(Console, LinesOfManyThreadsArriveWholeWithTimeAndLevelAlsoWhenTheProcessExitsAtOnce) {
-    const Folder folder;
-    {
-        const Descriptor out(openForWriting(folder.file("out")));
-        const Descriptor err(openForWriting(folder.file("err")));
-        ChildProcess probe({LOG_PROBE, "lines", "6", "300"}, folder.environment(), out, err);
-        ASSERT_EQ(probe.wait(), 0) << readFile(folder.file("err"));
-    }
-    EXPECT_EQ(countLines(readFile(folder.file("out"))), 1800);
-    EXPECT_EQ(dropped(folder.status()), 0u);
-}
+    const auto many = probe({"lines", "6", "300"});
+    EXPECT_EQ(countLines(many.out), 1800);
+    EXPECT_EQ(droppedBy(many), 0u);
 
-TEST(Console, WithoutADaemonNothingIsSaidOnStandardErrorAndLevelsAreNamed) {
-    const Folder folder;
-    const Descriptor out(openForWriting(folder.file("out")));
-    const Descriptor err(openForWriting(folder.file("err")));
-    ChildProcess probe({LOG_PROBE, "say", "detail", "@3", "an error\nof two lines"}, folder.environment(),
-                       out, err);
-    ASSERT_EQ(probe.wait(), 0) << readFile(folder.file("err"));
-    const auto lines = linesOf(readFile(folder.file("out")));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_THAT(lines[0], HasSubstr(" DEBUG   detail"));
-    EXPECT_THAT(lines[1], HasSubstr(" ERROR   an error"));
-    EXPECT_EQ(lines[2], "    of two lines");
-    EXPECT_EQ(linesOf(readFile(folder.file("err"))).size(), 1u) << readFile(folder.file("err"));
-    EXPECT_FALSE(folder.status()["log"]["dlt"]["connected"].asBool());
+    const auto named = probe({"say", "@3", "an error\nof two lines"});
+    EXPECT_THAT(named.out, HasSubstr(" ERROR   an error\n    of two lines\n"));
+    EXPECT_FALSE(named.probeStatus()["log"]["dlt"]["connected"].asBool());
 }
 
 TEST(Console, AReaderThatStallsCostsLinesWhichAreCountedButHoldsUpNobody) {
-    const Folder folder;
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const Descriptor reader(ends[0]);
-    Descriptor writer(ends[1]);
-    const Descriptor err(openForWriting(folder.file("err")));
-    ChildProcess probe({LOG_PROBE, "lines", "2", "30000", "120"}, folder.environment(), writer, err);
-    ASSERT_EQ(probe.wait(), 0) << readFile(folder.file("err"));  // although nobody has read a byte
-    EXPECT_EQ(::fcntl(writer, F_GETFL) & O_NONBLOCK, 0)
+    Pipe pipe;
+    const auto outcome = probe({"lines", "2", "30000", "120"}, pipe.writer);  // although nobody reads a byte
+    EXPECT_EQ(::fcntl(pipe.writer, F_GETFL) & O_NONBLOCK, 0)
         << "the pipe is shared: its flags are not ours to change";
-    const auto lost = dropped(folder.status());
-    EXPECT_GT(lost, 0u);
-    EXPECT_LE(lost, 60'001u);
-
-    writer.close();
-    std::string arrived;
-    char bytes[65536];
-    for (ssize_t got = 0; (got = ::read(reader, bytes, sizeof bytes)) > 0;) {
-        arrived.append(bytes, static_cast<std::size_t>(got));
-    }
+    EXPECT_GT(droppedBy(outcome), 0u);
+    EXPECT_LE(droppedBy(outcome), 60'001u);
+    std::string arrived = pipe.rest();
     arrived.resize(arrived.rfind('\n') + 1);  // the exit cut the last one
     EXPECT_GT(countLines(arrived), 100);
 }
 
 TEST(Console, AReaderThatComesBackGetsEveryLineThatWasNotCountedAsDropped) {
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const Descriptor reader(ends[0]);
-    Descriptor writer(ends[1]);
+    Pipe pipe;
     kyo::Counter& counter = kyo::Status::counter("log.dropped.console");
     const auto before = counter.value();
     constexpr int kLines = 20'000;
     std::string arrived;
     {
-        ara::log::ConsoleSink sink(writer, 256u << 10);
+        ara::log::ConsoleSink sink(pipe.writer, 256u << 10);
         const auto put = [&sink](int i) {
             sink.put({"thread 0 line " + std::to_string(i) + " " + std::string(60, 'x') + "end", 0, 5}, 0);
             sink.pump();
@@ -136,9 +115,9 @@ TEST(Console, AReaderThatComesBackGetsEveryLineThatWasNotCountedAsDropped) {
         }
         EXPECT_TRUE(sink.pending());
         EXPECT_GT(counter.value(), before);
-        char bytes[5000];
         const auto readSome = [&] {
-            const auto got = ::read(reader, bytes, sizeof bytes);
+            char bytes[5000];
+            const auto got = ::read(pipe.reader, bytes, sizeof bytes);
             arrived.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         };
         for (int i = 0; i < kLines; ++i) {
@@ -150,33 +129,16 @@ TEST(Console, AReaderThatComesBackGetsEveryLineThatWasNotCountedAsDropped) {
             sink.pump();
         }
     }
-    writer.close();
-    char bytes[65536];
-    for (ssize_t got = 0; (got = ::read(reader, bytes, sizeof bytes)) > 0;) {
-        arrived.append(bytes, static_cast<std::size_t>(got));
-    }
+    arrived += pipe.rest();
     EXPECT_EQ(static_cast<std::uint64_t>(countLines(arrived)), 2 * kLines - (counter.value() - before));
 }
 
-TEST(Console, AReaderThatIsGoneEndsTheConsoleAndNotTheProcess) {
-    const Folder folder;
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    Descriptor reader(ends[0]);
-    const Descriptor writer(ends[1]);
-    const Descriptor err(openForWriting(folder.file("err")));
-    reader.close();
-    ChildProcess probe({LOG_PROBE, "say", "one", "@300", "two", "@300", "three"}, folder.environment(),
-                       writer, err);
-    EXPECT_EQ(probe.wait(), 0);
-    EXPECT_GE(dropped(folder.status()), 2u);
-}
-
-TEST(Console, WithoutAStandardOutputThereIsNoConsoleAndNothingIsCalledDropped) {
-    const Folder folder;
-    const Descriptor err(openForWriting(folder.file("err")));
-    ChildProcess probe({"bash", "-c", std::string("exec ") + LOG_PROBE + " say one two >&-"},
-                       folder.environment(), -1, err);
-    EXPECT_EQ(probe.wait(), 0);
-    EXPECT_EQ(dropped(folder.status()), 0u);
+TEST(Console, AReaderThatIsGoneOrNeverWasEndsTheConsoleAndNotTheProcess) {
+    Pipe pipe;
+    pipe.reader.close();
+    EXPECT_GE(droppedBy(probe({"say", "one", "@300", "two", "@300", "three"}, pipe.writer)), 2u);
+    const auto closed = vlmTest::runToItsEnd(
+        {"bash", "-c", std::string("exec ") + LOG_PROBE + " say one two >&-"}, {"VLM_MACHINE_MANIFEST="});
+    EXPECT_EQ(closed.status, 0);
+    EXPECT_EQ(droppedBy(closed), 0u) << "nothing is called dropped";
 }

@@ -1,10 +1,9 @@
 // The compact JSON text: what stands in records, reports and envelopes must read back as it was.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <string>
 
 #include "kyo/Json.h"
@@ -45,9 +44,6 @@ TEST(JsonText, NumbersReadBackWithTypeAndValue) {
     EXPECT_EQ(text(Value(0.1)), "0.1");
     EXPECT_EQ(text(Value(5.0)), "5.0");  // a real stays one
     EXPECT_EQ(text(Value(5)), "5");
-}
-
-TEST(JsonText, NumbersThatJsonCannotHoldBecomeNull) {
     for (const double number : {std::nan(""), HUGE_VAL, -HUGE_VAL}) {
         EXPECT_EQ(text(Value(number)), "null");
     }
@@ -63,11 +59,7 @@ TEST(JsonText, IsAsciiWithoutWhiteSpaceAndReadsBackAsTheSameText) {
     value["list"].append(Value(kyo::Json::arrayValue));
     const std::string written = text(value);
     EXPECT_EQ(readBack(value), value);
-    EXPECT_EQ(written.find_first_not_of(
-                  " !\"#$%&'()*+,-./"
-                  "0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~"),
-              std::string::npos)
-        << written;
+    EXPECT_TRUE(std::ranges::all_of(written, [](char c) { return c >= ' ' && c <= '~'; })) << written;
     EXPECT_NE(written.find(R"("list":["x",[]])"), std::string::npos) << written;
     EXPECT_NE(written.find(R"(\ud83d\ude97)"), std::string::npos) << written;
 }
@@ -101,19 +93,12 @@ TEST(JsonText, WhatIsNestedTooDeepIsRefusedBothWaysWithoutAnException) {
     EXPECT_FALSE(reader.getFormattedErrorMessages().empty());
 }
 
-TEST(JsonText, TheReaderTakesOneDocumentWithCommentsAndTellsWhereItFails) {
+TEST(JsonText, TheReaderTakesOneDocumentWithComments) {
     kyo::Json::Reader reader;
     Value result;
     EXPECT_TRUE(reader.parse("{\"a\": 1} // why\n", result));
     EXPECT_FALSE(reader.parse("{\"a\": 1} {}", result));
     EXPECT_FALSE(reader.parse("{\n\"a\": ]", result));
-    EXPECT_NE(reader.getFormattedErrorMessages().find("Line 2"), std::string::npos)
-        << reader.getFormattedErrorMessages();
+    EXPECT_NE(reader.getFormattedErrorMessages().find("Line 2"), std::string::npos);
     EXPECT_FALSE(reader.parse("", result));
-    std::ifstream folder("/");
-    EXPECT_FALSE(reader.parse(folder, result));
-    EXPECT_EQ(reader.getFormattedErrorMessages(), "it cannot be read");
-    std::istringstream good("{\"a\": 1}");
-    EXPECT_TRUE(reader.parse(good, result));
-    EXPECT_EQ(result["a"].asInt(), 1);
 }

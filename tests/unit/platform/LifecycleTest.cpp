@@ -9,7 +9,6 @@
 
 #include "ara/exec/application_client.h"
 #include "ara/phm/supervision.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/platform/ChildProcess.h"
 
 namespace {
@@ -57,17 +56,4 @@ TEST(Lifecycle, TheServiceManagerHearsReadyEachCheckpointAndStopping) {
     application.ReportApplicationState(ara::exec::ApplicationState::kTerminating);
     EXPECT_EQ(manager.next(), "STOPPING=1\nSTATUS=Terminating");
     EXPECT_EQ(manager.next(), "");
-}
-
-TEST(Lifecycle, WithoutAServiceManagerOrWithOneThatIsGoneReportsDoNoHarm) {
-    ara::phm::Phm_client client("vlmmaster");
-    ara::phm::SupervisionEntity entity(client);
-    ara::exec::ApplicationClient application;
-    ::unsetenv("NOTIFY_SOCKET");
-    EXPECT_NO_THROW(application.ReportApplicationState(ara::exec::ApplicationState::kRunning));
-    EXPECT_NO_THROW(entity.CheckpointReached(1, 2));
-    ::setenv("NOTIFY_SOCKET", "/nowhere/notify", 1);
-    EXPECT_NO_THROW(application.ReportApplicationState(ara::exec::ApplicationState::kTerminating));
-    EXPECT_NO_THROW(entity.CheckpointReached(1, 2));
-    ::unsetenv("NOTIFY_SOCKET");
 }

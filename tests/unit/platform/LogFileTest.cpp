@@ -1,27 +1,24 @@
 // The log file that the manifest names.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <regex>
 
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/platform/ChildProcess.h"
 
-using vlmTest::ChildProcess;
 using vlmTest::linesOf;
 using vlmTest::readFile;
 
 namespace {
 
-int runWithLog(const vlmTest::TemporaryFolder& folder, const std::string& log,
-               const std::vector<std::string>& words) {
+/// Runs the probe; what it said on standard error.
+std::string runWithLog(const vlmTest::TemporaryFolder& folder, const std::string& log,
+                       std::vector<std::string> words) {
     const std::string manifest =
         folder.write("m.json", "{\"log\": {\"console\": false, \"dlt\": false, " + log + "}}");
-    const vlmTest::Descriptor err(vlmTest::openForWriting(folder.file("err")));
-    std::vector<std::string> command{LOG_PROBE};
-    command.insert(command.end(), words.begin(), words.end());
-    ChildProcess probe(command, {{"VLM_MACHINE_MANIFEST", manifest}}, -1, err);
-    return probe.wait();
+    words.insert(words.begin(), LOG_PROBE);
+    const auto outcome = vlmTest::runToItsEnd(words, {"VLM_MACHINE_MANIFEST=" + manifest});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    return outcome.err;
 }
 
 }  // namespace
@@ -29,8 +26,8 @@ int runWithLog(const vlmTest::TemporaryFolder& folder, const std::string& log,
 TEST(LogFile, HoldsTheLinesUpToItsOwnLevelWhateverTheCapForOthersIs) {
     const vlmTest::TemporaryFolder folder;
     const std::string log = R"("maxLevel": 0, "fileLevel": 3, "file": ")" + folder.file("vlm.log") + "\"";
-    ASSERT_EQ(runWithLog(folder, log, {"say", "detail", "@3", "first"}), 0) << readFile(folder.file("err"));
-    ASSERT_EQ(runWithLog(folder, log, {"say", "@3", "second"}), 0);
+    runWithLog(folder, log, {"say", "detail", "@3", "first"});
+    runWithLog(folder, log, {"say", "@3", "second"});
     const auto lines = linesOf(readFile(folder.file("vlm.log")));
     ASSERT_EQ(lines.size(), 2u) << readFile(folder.file("vlm.log"));
     EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} 3 first)")))
@@ -42,7 +39,7 @@ TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
     const vlmTest::TemporaryFolder folder;
     const std::string log = R"("fileMaxBytes": 20000, "file": ")" + folder.file("vlm.log") + "\"";
     for (int run = 0; run < 5; ++run) {
-        ASSERT_EQ(runWithLog(folder, log, {"lines", "1", "60", "100"}), 0);
+        runWithLog(folder, log, {"lines", "1", "60", "100"});
     }
     const std::string now = readFile(folder.file("vlm.log"));
     const std::string before = readFile(folder.file("vlm.log.1"));
@@ -57,7 +54,6 @@ TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
 
 TEST(LogFile, OneThatCannotBeOpenedIsToldOnceAndCostsNothingElse) {
     const vlmTest::TemporaryFolder folder;
-    ASSERT_EQ(runWithLog(folder, R"("file": "/nowhere/vlm.log")", {"lines", "1", "10"}), 0);
-    EXPECT_EQ(linesOf(readFile(folder.file("err")))[0],
-              "The log file /nowhere/vlm.log cannot be opened: No such file or directory");
+    const auto said = runWithLog(folder, R"("file": "/nowhere/vlm.log")", {"lines", "1", "10"});
+    EXPECT_EQ(linesOf(said)[0], "The log file /nowhere/vlm.log cannot be opened: No such file or directory");
 }

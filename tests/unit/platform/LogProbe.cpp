@@ -2,13 +2,11 @@
 //     log_probe lines THREADS COUNT [SIZE]   COUNT lines from each thread, filled up to SIZE bytes
 //     log_probe say TEXT...                  one line at level 7 for each text; "@300" waits 300 ms, "@3" is
 //                                            shorter than that and so stands for level 3 from there on
-//     log_probe follow                       each line of standard input becomes a line of the log
 //     log_probe manifest                     prints the level that applies and the socket's path
 // At its end it writes its status as JSON on standard error.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -83,10 +81,6 @@ int main(int argc, char** argv) {
             } else {
                 std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(words[i].substr(1))));
             }
-        }
-    } else if (what == "follow") {
-        for (std::string line; std::getline(std::cin, line);) {
-            say(line, 7);
         }
     } else if (what == "manifest") {
         std::printf("%d %d %s\n", kyo::Log::getReportingLevel(), kyo::Log::getFileOutputLevel(),

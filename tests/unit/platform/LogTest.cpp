@@ -6,9 +6,7 @@
 
 #include <cmath>
 #include <limits>
-#include <mutex>
 #include <sstream>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,13 +25,9 @@ class Recorder : public kyo::ProductLogger {
         kyo::Log::setReportingLevel(0);
     }
     void logData(std::string message, kyo::LogLevel level) override {
-        const std::lock_guard<std::mutex> lock(m_guard);
         lines.emplace_back(std::move(message), level);
     }
     std::vector<std::pair<std::string, int>> lines;
-
-  private:
-    std::mutex m_guard;
 };
 
 template <typename T>
@@ -90,56 +84,6 @@ TEST(Log, ALineGoesToTheLoggerUpToTheReportingLevelAndNowhereBeforeOneIsSet) {
     say(7, "seven");
     EXPECT_THAT(recorder.lines, ElementsAre(Pair("five", 5), Pair("seven", 7)));
     EXPECT_EQ(kyo::Log::getFileOutputLevel(), -1);
-}
-
-TEST(Log, ALineOfUsualLengthIsAllocatedOnceAndHandedOverWithoutACopy) {
-    struct Keeper : kyo::ProductLogger {
-        void logData(std::string message, kyo::LogLevel) override {
-            data = message.data();
-            text = std::move(message);
-        }
-        const char* data = nullptr;
-        std::string text;
-    } keeper;
-    kyo::Log::setProductLogger(&keeper);
-    kyo::Log::setReportingLevel(7);
-    const char* composed = nullptr;
-    {
-        kyo::Log line;
-        kyo::LogStream& stream = line.get(7);
-        composed = stream.text().data();
-        stream << "void vlmProd::Collector::update():88 " << 12 << " records, value " << 0.25
-               << std::string(150, '.');
-    }
-    kyo::Log::setProductLogger(nullptr);
-    EXPECT_EQ(keeper.data, composed);
-}
-
-TEST(Log, LinesOfManyThreadsStayWholeAndInOrderPerThread) {
-    Recorder recorder;
-    kyo::Log::setReportingLevel(7);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 400; ++i) {
-                kyo::Log line;
-                line.get(5) << "thread " << t << " line " << i << " end";
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    ASSERT_EQ(recorder.lines.size(), 2400u);
-    std::vector<int> next(6, 0);
-    for (const auto& [line, level] : recorder.lines) {
-        int t = -1;
-        int i = -1;
-        char end[4] = {};
-        ASSERT_EQ(std::sscanf(line.c_str(), "thread %d line %d %3s", &t, &i, end), 3) << line;
-        ASSERT_STREQ(end, "end");
-        EXPECT_EQ(i, next.at(static_cast<std::size_t>(t))++) << line;
-    }
 }
 
 TEST(Log, AThrowingLoggerCostsItsLineOnly) {

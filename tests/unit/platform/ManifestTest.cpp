@@ -4,10 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/platform/ChildProcess.h"
 
 using machine::Manifest;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -43,30 +43,21 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
         "log": {"maxLevel": 5, "console": false, "dlt": false, "file": "/a", "fileLevel": 3, "fileMaxBytes": 1000000},
         "someip": {"address": "192.168.7.2", "eventPort": 40001, "network": "192.168.7.0/24",
                    "discovery": {"port": 30491, "group": "224.244.224.245", "ttlSeconds": 16777215,
-                                 "initialDelayMinMs": 1, "initialDelayMaxMs": 2, "repetitionBaseMs": 3,
                                  "repetitions": 0, "cyclicOfferMs": 2000},
-                   "receiveBufferBytes": 65536, "maxSampleBytes": 2000, "reassemblyTimeoutMs": 5,
-                   "maxOpenReassemblies": 6},
+                   "receiveBufferBytes": 65536, "maxOpenReassemblies": 6},
         "state": {"socket": "/run/x.sock"},
         "backend": {"transport": "mqtt", "directory": {"path": "p", "configuration": "c"},
-                    "mqtt": {"host": "h", "port": 8883, "prefix": "fleet/7", "user": "u", "password": "w",
-                             "keepAliveSeconds": 10, "reconnectMinSeconds": 2, "reconnectMaxSeconds": 3,
-                             "tls": true, "caFile": "ca", "certFile": "ce", "keyFile": "k"}}})"),
+                    "mqtt": {"port": 8883, "prefix": "fleet/7", "tls": true, "caFile": "ca", "certFile": "ce",
+                             "keyFile": "k"}}})"),
                                       manifest, error))
         << error;
     EXPECT_FALSE(manifest.log.console);
-    EXPECT_FALSE(manifest.log.dlt);
     EXPECT_EQ(manifest.log.file, "/a");
     EXPECT_EQ(manifest.log.fileMaxBytes, 1'000'000u);
-    EXPECT_EQ(manifest.someip.network, "192.168.7.0/24");
-    EXPECT_EQ(manifest.someip.eventPort, 40001);
     EXPECT_EQ(manifest.someip.discovery.ttlSeconds, 16'777'215u);
-    EXPECT_EQ(manifest.someip.discovery.repetitions, 0u);
     EXPECT_EQ(manifest.someip.maxOpenReassemblies, 6u);
     EXPECT_EQ(manifest.state.socket, "/run/x.sock");
-    EXPECT_EQ(manifest.backend.transport, "mqtt");
     EXPECT_EQ(manifest.backend.directory.configuration, "c");
-    EXPECT_EQ(manifest.backend.mqtt.prefix, "fleet/7");
     EXPECT_EQ(manifest.backend.mqtt.keyFile, "k");
 }
 
@@ -76,26 +67,16 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"lgo": {}})", "lgo: no such key; known here are log, someip, state, backend"},
         {R"({"log": []})", "log: an object"},
         {R"({"log": {"maxLevel": 8}})", "log.maxLevel: a number from 0 to 7"},
-        {R"({"log": {"maxLevel": "5"}})", "log.maxLevel: a number"},
         {R"({"log": {"maxLevel": true}})", "log.maxLevel: a number"},
-        {R"({"log": {"maxLevel": 1.5}})", "log.maxLevel: a number"},
         {R"({"log": {"console": 1}})", "log.console: true or false"},
         {R"({"log": {"file": null}})", "log.file: a text"},
         {R"({"log": {"file": "a\u0000b"}})", "log.file: a text without zero bytes"},
         {R"({"someip": {"address": "localhost"}})", "someip.address: an IPv4 address"},
-        {R"({"someip": {"address": ["127.0.0.1"]}})", "someip.address: a text"},
-        {R"({"someip": {"network": "10.0.0.0"}})", "someip.network: an IPv4 network"},
         {R"({"someip": {"network": "10.0.0.0/33"}})", "someip.network: an IPv4 network"},
-        {R"({"someip": {"eventPort": 65536}})", "someip.eventPort: a number from 0 to 65535"},
-        {R"({"someip": {"eventPort": -1}})", "someip.eventPort: a number"},
         {R"({"someip": {"eventPort": 1e300}})", "someip.eventPort: a number"},
-        {R"({"someip": {"discovery": {"port": 0}}})",
-         "someip.discovery.port: a number from 1 to 65535 is expected"},
         {R"({"someip": {"discovery": {"Port": 1}}})", "someip.discovery.Port: no such key"},
-        {R"({"someip": {"discovery": {"group": "224.0.0.256"}}})", "someip.discovery.group: an IPv4"},
         {R"({"someip": {"discovery": {"initialDelayMinMs": 40}}})",
          "someip.discovery.initialDelayMinMs: no more than"},
-        {R"({"state": {"socket": 7}})", "state.socket: a text"},
         {R"({"backend": {"transport": "http"}})", "backend.transport: \"directory\" or \"mqtt\""},
         {R"({"backend": {"directory": {"path": ""}}})", "backend.directory.path: the path"},
         {R"({"backend": {"mqtt": {"host": ""}}})", "backend.mqtt.host: a host name"},
@@ -110,15 +91,6 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
     }
 }
 
-TEST(Manifest, TheSomeIpSectionCanBeReadAlone) {
-    machine::SomeIpSettings settings;
-    std::string error;
-    EXPECT_TRUE(machine::readSomeIpSettings(parse(R"({"address": "127.0.0.3"})"), settings, error)) << error;
-    EXPECT_EQ(settings.address, "127.0.0.3");
-    EXPECT_FALSE(machine::readSomeIpSettings(parse(R"({"discovery": {"port": 0}})"), settings, error));
-    EXPECT_THAT(error, StartsWith("someip.discovery.port:"));
-}
-
 TEST(Manifest, TheOneInPackagingIsGood) {
     const std::string text =
         vlmTest::readFile(std::string(SOURCE_FOLDER) + "/packaging/machine-manifest.json");
@@ -128,49 +100,27 @@ TEST(Manifest, TheOneInPackagingIsGood) {
     EXPECT_NE(manifest.someip.address, Manifest{}.someip.address);
 }
 
-namespace {
-
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Outcome runProbe(const vlmTest::TemporaryFolder& folder, const std::string& manifestPath) {
-    const vlmTest::Descriptor out(vlmTest::openForWriting(folder.file("out")));
-    const vlmTest::Descriptor err(vlmTest::openForWriting(folder.file("err")));
-    vlmTest::ChildProcess probe({LOG_PROBE, "manifest"},
-                                {{"VLM_MACHINE_MANIFEST", manifestPath}, {"DLT_PIPE_DIR", folder.path()}},
-                                out, err);
-    const int status = probe.wait();
-    return {status, vlmTest::readFile(folder.file("out")), vlmTest::readFile(folder.file("err"))};
-}
-
-}  // namespace
-
-TEST(Manifest, TheProcessTakesCapAndSocketFromTheFileThatTheVariableNames) {
+TEST(Manifest, TheProcessUsesTheFileThatTheVariableNamesOrEndsWithStatus1AndAReason) {
     const vlmTest::TemporaryFolder folder;
-    const std::string file =
-        folder.write("m.json", R"({"log": {"maxLevel": 3, "dlt": false}, "state": {"socket": "/x/y.sock"}})");
-    const Outcome outcome = runProbe(folder, file);
-    EXPECT_EQ(outcome.status, 0) << outcome.err;
-    EXPECT_EQ(outcome.out, "3 -1 /x/y.sock\n");
-}
+    const auto runProbe = [&](const std::string& file) {
+        return vlmTest::runToItsEnd({LOG_PROBE, "manifest"},
+                                    {"VLM_MACHINE_MANIFEST=" + file, "DLT_PIPE_DIR=" + folder.path()});
+    };
+    const auto good = runProbe(folder.write(
+        "m.json", R"({"log": {"maxLevel": 3, "dlt": false}, "state": {"socket": "/x/y.sock"}})"));
+    EXPECT_EQ(good.status, 0) << good.err;
+    EXPECT_EQ(good.out, "3 -1 /x/y.sock\n");
 
-TEST(Manifest, AManifestThatCannotBeUsedEndsTheProcessWithStatus1AndNamesFileAndReason) {
-    const vlmTest::TemporaryFolder folder;
     const std::pair<std::string, const char*> kCases[] = {
         {folder.file("missing.json"), "No such file"},
         {folder.path(), "cannot be read"},
         {folder.write("broken.json", "{"), "Line 1"},
-        {folder.write("empty.json", ""), "Line 1"},
         {folder.write("wrong.json", R"({"log": {"level": 3}})"), "log.level: no such key"},
     };
     for (const auto& [file, reason] : kCases) {
-        const Outcome outcome = runProbe(folder, file);
+        const auto outcome = runProbe(file);
         EXPECT_EQ(outcome.status, 1) << file;
-        EXPECT_THAT(outcome.err, HasSubstr(file));
-        EXPECT_THAT(outcome.err, HasSubstr(reason));
+        EXPECT_THAT(outcome.err, AllOf(HasSubstr(file), HasSubstr(reason)));
         EXPECT_EQ(outcome.out, "");
     }
 }

@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,80 +12,66 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <system_error>
 
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/platform/ChildProcess.h"
 
 using ara::stm::StateServer;
 using ara::stm::StateServerLimits;
+using testing::AllOf;
 using testing::HasSubstr;
 using vlmTest::eventually;
 using Confirmation = StateServer::Confirmation;
 
 namespace {
 
-int connectTo(const std::string& path) {
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
-    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(socket);
-        return -1;
-    }
-    return socket;
+    return address;
 }
 
 class TestClient {
   public:
-    explicit TestClient(const std::string& path) : m_socket(connectTo(path)) { EXPECT_GE(m_socket, 0); }
-
-    void send(const std::string& text) {
-        EXPECT_EQ(::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(text.size()));
+    explicit TestClient(const std::string& path) {
+        const auto address = addressOf(path);
+        EXPECT_EQ(::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        const timeval limit{20, 0};
+        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
-    bool trySend(const std::string& text) {
-        return ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0;
+
+    bool send(const std::string& text, int flags = 0) {
+        return ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL | flags) > 0;
     }
     void finishSending() { ::shutdown(m_socket, SHUT_WR); }
 
     /// The next line, without its end; "<closed>" or "<silence>" where none comes.
-    std::string line(int limitMs = 20'000) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-        for (;;) {
-            if (const auto end = m_in.find('\n'); end != std::string::npos) {
-                const std::string result = m_in.substr(0, end);
-                m_in.erase(0, end + 1);
-                return result;
-            }
-            pollfd wait{m_socket, POLLIN, 0};
-            if (::poll(&wait, 1, 50) == 0) {
-                if (std::chrono::steady_clock::now() > deadline) {
-                    return "<silence>";
-                }
-                continue;
-            }
-            char bytes[4096];
-            const auto got = ::recv(m_socket, bytes, sizeof bytes, 0);
-            if (got <= 0) {
-                return "<closed>";
-            }
-            m_in.append(bytes, static_cast<std::size_t>(got));
+    std::string line() {
+        std::string text;
+        char byte = 0;
+        ssize_t got = 0;
+        while ((got = ::recv(m_socket, &byte, 1, 0)) == 1 && byte != '\n') {
+            text.push_back(byte);
         }
+        return got == 1 ? text : got < 0 && errno == EAGAIN ? "<silence>" : "<closed>";
     }
     std::string ask(const std::string& request) {
-        send(request + "\n");
+        EXPECT_TRUE(send(request + "\n"));
         return line();
     }
 
   private:
-    vlmTest::Descriptor m_socket;
-    std::string m_in;
+    const vlmTest::Descriptor m_socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
+
+const std::string kStatus = R"({"request":"status"})";
+
+std::string stateRequest(const std::string& state) {
+    return R"({"request":"state","state":")" + state + "\"}";
+}
 
 class StateServerTest : public testing::Test {
   protected:
@@ -104,47 +89,81 @@ class StateServerTest : public testing::Test {
                 if (state != "later") {
                     while (m_self.load() == nullptr) {  // asked before serve() has returned
                     }
-                    m_lastConfirmation = m_self.load()->confirm(id, state, "success");
+                    m_self.load()->confirm(id, state, "success");
                 }
             },
             limits);
         m_self = m_server.get();
     }
 
-    void expectAlive() {
-        TestClient client(path());
-        EXPECT_THAT(client.ask(R"({"request":"status"})"), HasSubstr("\"state\":{\"refused\""));
+    /// What the making of a server there fails with; 0 when it does not.
+    static int failure(const std::string& path) {
+        try {
+            const StateServer server(path, [](std::uint32_t, const std::string&) {});
+        } catch (const std::system_error& error) {
+            return error.code().value();
+        }
+        return 0;
     }
+
+    /// Has the state "later" requested as request 1.
+    void requestLater(TestClient& client) {
+        client.send(stateRequest("later"));
+        client.finishSending();  // the last line needs no end, and the answer still comes
+        ASSERT_TRUE(eventually([&] { return m_lastId.load() == 1; }));
+    }
+
+    void expectAlive() { EXPECT_THAT(TestClient(path()).ask(kStatus), HasSubstr("\"state\":{\"refused\"")); }
 
     vlmTest::TemporaryFolder m_folder;
     std::unique_ptr<StateServer> m_server;
     std::atomic<StateServer*> m_self{nullptr};
     std::atomic<std::uint32_t> m_lastId{0};
-    std::atomic<Confirmation> m_lastConfirmation{Confirmation::NotAsked};
 };
 
 }  // namespace
 
-TEST_F(StateServerTest, ARequestedStateIsConfirmedWithItsIdAndTheStatusIsAnswered) {
+TEST_F(StateServerTest, StatesAreConfirmedWithTheirIdAndWhatIsNoRequestIsRefusedWithAReason) {
     serve();
     TestClient client(path());
-    EXPECT_EQ(client.ask(R"({"request":"state","state":"kPrepSD"})"),
-              R"({"requestId":1,"result":"success","state":"kPrepSD"})");
+    const std::string kGarbage[] = {
+        "x",
+        "[]",
+        "{}",
+        std::string("\0\0\xFF", 3),
+        std::string(3000, '['),
+        R"({"request":1})",
+        R"({"request":"stop"})",
+        R"({"request":"status"}{})",
+        R"({"request":"state"})",
+        R"({"request":"state","state":["kOn"]})",
+        stateRequest(""),
+        stateRequest(std::string(129, 'k')),
+    };
+    for (const std::string& request : kGarbage) {
+        EXPECT_THAT(client.ask(request), testing::StartsWith("{\"error\":\"")) << request;
+    }
+    EXPECT_EQ(client.ask(stateRequest("kPrepSD")), R"({"requestId":1,"result":"success","state":"kPrepSD"})");
     EXPECT_EQ(client.ask(R"( {"state":"anything", "request":"state"} )"),
               R"({"requestId":2,"result":"success","state":"anything"})");
     kyo::Status::counter("server.test").add(5);
-    EXPECT_THAT(client.ask(R"({"request":"status"})"), HasSubstr(R"("server":{"test":5})"));
-    EXPECT_EQ(m_lastConfirmation.load(), Confirmation::Sent);
+    EXPECT_THAT(client.ask("\n \r\n" + kStatus),
+                HasSubstr(R"("server":{"test":5})"));  // empty lines are nothing
+
+    for (const char* const end : {"", "\n"}) {
+        TestClient endless(path());
+        endless.send(std::string(4090, ' ') + kStatus + end);
+        EXPECT_THAT(endless.line(), HasSubstr("longer than 4096 bytes"));
+        EXPECT_EQ(endless.line(), "<closed>");
+    }
+    expectAlive();
 }
 
 TEST_F(StateServerTest, AConfirmationMayComeLaterFromAnotherThreadAndMustMatchTheRequest) {
     serve();
     TestClient client(path());
-    TestClient other(path());
-    client.send("{\"request\":\"state\",\"state\":\"later\"}");
-    client.finishSending();  // the last line needs no end, and the answer still comes
-    ASSERT_TRUE(eventually([&] { return m_lastId.load() == 1; }));
-    EXPECT_EQ(other.ask(R"({"request":"state","state":"kOn"})"),
+    requestLater(client);
+    EXPECT_EQ(TestClient(path()).ask(stateRequest("kOn")),
               R"({"requestId":2,"result":"success","state":"kOn"})");
     EXPECT_EQ(m_server->confirm(1, "other state", "success"), Confirmation::NotAsked);
     EXPECT_EQ(m_server->confirm(77, "later", "success"), Confirmation::NotAsked);
@@ -158,8 +177,7 @@ TEST_F(StateServerTest, TheComponentIsToldWhenTheRequesterIsGone) {
     serve();
     {
         TestClient client(path());
-        client.send("{\"request\":\"state\",\"state\":\"later\"}\n");
-        ASSERT_TRUE(eventually([&] { return m_lastId.load() == 1; }));
+        requestLater(client);
     }
     EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::RequesterGone);
     expectAlive();
@@ -171,52 +189,14 @@ TEST_F(StateServerTest, AStateThatNobodyConfirmsIsAnErrorInTheEnd) {
     serve(limits);
     TestClient client(path());
     for (const char* const state : {"later", "throw"}) {
-        const std::string answer = client.ask(std::string(R"({"request":"state","state":")") + state + "\"}");
-        EXPECT_THAT(answer, HasSubstr("\"error\":\"the component did not confirm in time\""));
-        EXPECT_THAT(answer, HasSubstr("\"requestId\":"));
+        EXPECT_THAT(client.ask(stateRequest(state)),
+                    AllOf(HasSubstr("\"error\":\"the component did not confirm in time\""),
+                          HasSubstr("\"requestId\":")));
         EXPECT_EQ(m_server->confirm(m_lastId, state, "success"), Confirmation::NotAsked);
     }
 }
 
-TEST_F(StateServerTest, WhatIsNoRequestIsRefusedWithAReasonAndTheConnectionGoesOn) {
-    serve();
-    TestClient client(path());
-    const std::string kGarbage[] = {
-        "x",
-        "[]",
-        "7",
-        "{}",
-        std::string("\0\0\xFF", 3),
-        std::string(3000, '['),
-        R"({"request":1})",
-        R"({"request":"stop"})",
-        R"({"request":"status"}{})",
-        R"({"request":"state"})",
-        R"({"request":"state","state":""})",
-        R"({"request":"state","state":["kOn"]})",
-        R"({"request":"state","state":")" + std::string(129, 'k') + "\"}",
-    };
-    for (const std::string& request : kGarbage) {
-        EXPECT_THAT(client.ask(request), testing::StartsWith("{\"error\":\"")) << request;
-    }
-    EXPECT_EQ(m_lastId.load(), 0u);
-    EXPECT_THAT(client.ask("\n \r\n"
-                           R"({"request":"status"})"),
-                HasSubstr("refused"));  // empty lines are nothing
-}
-
-TEST_F(StateServerTest, ARequestWithoutEndIsRefusedAndItsConnectionClosed) {
-    serve();
-    for (const bool ended : {false, true}) {
-        TestClient client(path());
-        client.send(std::string(4090, ' ') + R"({"request":"status"})" + (ended ? "\n" : ""));
-        EXPECT_THAT(client.line(), HasSubstr("longer than 4096 bytes"));
-        EXPECT_EQ(client.line(), "<closed>");
-    }
-    expectAlive();
-}
-
-TEST_F(StateServerTest, AClientThatDawdlesHoldsUpNobodyAndIsLetGo) {
+TEST_F(StateServerTest, AClientThatDawdlesOrReadsNothingHoldsUpNobodyAndIsLetGoOrFillsNoMemory) {
     StateServerLimits limits;
     limits.idle = std::chrono::milliseconds(150);
     serve(limits);
@@ -224,21 +204,16 @@ TEST_F(StateServerTest, AClientThatDawdlesHoldsUpNobodyAndIsLetGo) {
     slow.send("{\"request\":");
     expectAlive();
     EXPECT_EQ(slow.line(), "<closed>");
-    expectAlive();
-}
 
-TEST_F(StateServerTest, AClientThatAsksWithoutReadingHoldsUpNobodyAndFillsNoMemory) {
+    m_server.reset();
     serve();
     TestClient greedy(path());
-    const std::string many = [] {
-        std::string text;
-        for (int i = 0; i < 100; ++i) {
-            text += "{\"request\":\"status\"}\n";
-        }
-        return text;
-    }();
+    std::string many;
+    for (int i = 0; i < 100; ++i) {
+        many += kStatus + "\n";
+    }
     int sent = 0;
-    while (sent < 2000 && greedy.trySend(many)) {
+    while (sent < 2000 && greedy.send(many, MSG_DONTWAIT)) {
         ++sent;
     }
     EXPECT_LT(sent, 2000) << "what is not read must stop what can be asked";
@@ -251,19 +226,56 @@ TEST_F(StateServerTest, ManyClientsPushOutTheOneThatIsSilentLongest) {
     limits.clients = 4;
     serve(limits);
     TestClient waiting(path());
-    waiting.send("{\"request\":\"state\",\"state\":\"later\"}\n");
-    ASSERT_TRUE(eventually([&] { return m_lastId.load() == 1; }));
+    requestLater(waiting);
     std::vector<std::unique_ptr<TestClient>> clients;
     for (int i = 0; i < 40; ++i) {
         clients.push_back(std::make_unique<TestClient>(path()));
-        EXPECT_THAT(clients.back()->ask(R"({"request":"status"})"), HasSubstr("refused")) << i;
+        EXPECT_THAT(clients.back()->ask(kStatus), HasSubstr("refused")) << i;
     }
     EXPECT_EQ(clients[0]->line(), "<closed>");
     EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::Sent);  // one that waits stays
     EXPECT_THAT(waiting.line(), HasSubstr("success"));
 }
 
-TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndGoesWithTheServer) {
+TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    serve();
+    ::chmod(m_folder.path().c_str(), 0755);
+    ::chmod(path().c_str(), 0666);
+    const auto address = addressOf(path());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        char answer[100];
+        const bool connected =
+            ::setgid(65534) == 0 && ::setuid(65534) == 0 &&
+            ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        static_cast<void>(::send(socket, kStatus.data(), kStatus.size(), MSG_NOSIGNAL));
+        static_cast<void>(::send(socket, "\n", 1, MSG_NOSIGNAL));
+        ::_exit(!connected ? 1 : ::recv(socket, answer, sizeof answer, 0) > 0 ? 2 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: could not even connect; 2: was answered";
+    EXPECT_GE(kyo::Status::counter("state.refused").value(), 1u);
+    expectAlive();
+}
+
+TEST_F(StateServerTest, ADeadProcessesSocketIsReplacedAndALivingOnesIsNot) {
+    {
+        const vlmTest::Descriptor dead(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const auto address = addressOf(path());
+        ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    serve();
+    expectAlive();
+    EXPECT_EQ(failure(path()), EADDRINUSE);
+    expectAlive();
+}
+
+TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndPlacesThatCannotBeTrustedOrUsedAreRefused) {
     const std::string inner = m_folder.file("made/vlm.sock");
     {
         const StateServer server(inner, [](std::uint32_t, const std::string&) {});
@@ -274,80 +286,13 @@ TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndGoesWithTheServer) {
         EXPECT_EQ(info.st_mode & 0777u, 0700u);
     }
     EXPECT_NE(::access(inner.c_str(), F_OK), 0);
-}
 
-TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can become another user";
-    }
-    serve();
-    ::chmod(m_folder.path().c_str(), 0755);
-    ::chmod(path().c_str(), 0666);
-    int report[2];
-    ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
-    const vlmTest::Descriptor reading(report[0]);
-    const vlmTest::Descriptor writing(report[1]);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        char verdict = '?';
-        if (::setgid(65534) == 0 && ::setuid(65534) == 0) {
-            const int socket = connectTo(path());
-            const char request[] = "{\"request\":\"status\"}\n";
-            char answer[100];
-            const bool connected = socket >= 0;
-            const ssize_t sent = connected ? ::send(socket, request, sizeof request - 1, MSG_NOSIGNAL) : 0;
-            const ssize_t got = connected ? ::recv(socket, answer, sizeof answer, 0) : -1;
-            verdict = !connected ? 'n' : got <= 0 ? 'r' : 'a';
-            static_cast<void>(sent);
-        }
-        [[maybe_unused]] const auto written = ::write(report[1], &verdict, 1);
-        ::_exit(0);
-    }
-    ASSERT_GT(child, 0);
-    char verdict = 0;
-    EXPECT_EQ(::read(reading, &verdict, 1), 1);
-    ::waitpid(child, nullptr, 0);
-    EXPECT_EQ(verdict, 'r') << "n: could not even connect; a: was answered";
-    EXPECT_GE(kyo::Status::counter("state.refused").value(), 1u);
-    expectAlive();
-}
-
-TEST_F(StateServerTest, ADeadProcessesSocketIsReplacedAndALivingOnesIsNot) {
-    {
-        const vlmTest::Descriptor dead(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path().data(), path().size());
-        ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    serve();
-    expectAlive();
-    try {
-        const StateServer second(path(), [](std::uint32_t, const std::string&) {});
-        ADD_FAILURE() << "a second server took the socket over";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), EADDRINUSE);
-    }
-    expectAlive();
-}
-
-TEST_F(StateServerTest, PlacesThatCannotBeTrustedOrUsedAreRefused) {
-    const auto failure = [](const std::string& path) {
-        try {
-            const StateServer server(path, [](std::uint32_t, const std::string&) {});
-        } catch (const std::system_error& error) {
-            return error.code().value();
-        }
-        return 0;
-    };
-    m_folder.write("a-file", "precious");
-    EXPECT_EQ(failure(m_folder.file("a-file")), EEXIST);
+    EXPECT_EQ(failure(m_folder.write("a-file", "precious")), EEXIST);
     EXPECT_EQ(vlmTest::readFile(m_folder.file("a-file")), "precious");
     EXPECT_EQ(failure(m_folder.file(std::string(120, 'x'))), ENAMETOOLONG);
     EXPECT_EQ(failure(m_folder.file("no/such/folder.sock")), ENOENT);
-    ASSERT_EQ(::mkdir(m_folder.file("open").c_str(), 0700), 0);
-    ::chmod(m_folder.file("open").c_str(), 0777);
-    EXPECT_EQ(failure(m_folder.file("open/vlm.sock")), EPERM);
+    ::chmod(m_folder.file("made").c_str(), 0777);
+    EXPECT_EQ(failure(inner), EPERM);
 }
 
 // Requests race with the end of the server.
@@ -357,9 +302,7 @@ TEST_F(StateServerTest, TheServerCanEndWhileClientsAsk) {
         auto server =
             std::make_unique<StateServer>(path(), [&](std::uint32_t, const std::string&) { ++handled; });
         TestClient client(path());
-        client.send(
-            "{\"request\":\"state\",\"state\":\"a\"}\n{\"request\":\"status\"}\n{\"request\":\"state\","
-            "\"state\":\"b\"}\n");
+        client.send(stateRequest("a") + "\n" + kStatus + "\n" + stateRequest("b") + "\n");
         server.reset();
         EXPECT_LE(handled.load(), 2);
     }

@@ -7,13 +7,11 @@
 
 #include "ara/stm/StateServer.h"
 #include "kyo/Status.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/platform/ChildProcess.h"
 #include "tools/state/StatusText.h"
 
 using testing::HasSubstr;
 using testing::Not;
-using vlmTest::readFile;
 
 namespace {
 
@@ -29,15 +27,18 @@ class StateTools : public testing::Test {
         m_self = m_server.get();
     }
 
-    int run(std::vector<std::string> command) {
-        const vlmTest::Descriptor out(vlmTest::openForWriting(m_folder.file("out")));
-        const vlmTest::Descriptor err(vlmTest::openForWriting(m_folder.file("err")));
+    vlmTest::Outcome run(std::vector<std::string> command) {
         command.insert(command.end(), {"--socket", m_folder.file("s")});
-        vlmTest::ChildProcess tool(command, {{"VLM_MACHINE_MANIFEST", ""}}, out, err);
-        return tool.wait();
+        return vlmTest::runToItsEnd(command, {"VLM_MACHINE_MANIFEST="});
     }
-    std::string out() const { return readFile(m_folder.file("out")); }
-    std::string err() const { return readFile(m_folder.file("err")); }
+    /// Runs the tool, which must end with that status and have said that.
+    void expectOf(const std::vector<std::string>& command, int status, const std::string& out,
+                  const std::string& err = "") {
+        const auto outcome = run(command);
+        EXPECT_EQ(outcome.status, status) << outcome.err;
+        EXPECT_THAT(outcome.out, HasSubstr(out));
+        EXPECT_THAT(outcome.err, HasSubstr(err));
+    }
 
     vlmTest::TemporaryFolder m_folder;
     std::unique_ptr<ara::stm::StateServer> m_server;
@@ -53,36 +54,22 @@ kyo::Json::Value snapshotOf(const std::string& text) {
 
 }  // namespace
 
-TEST_F(StateTools, VlmStatePrintsTheConfirmationAndItsExitStatusTellsSuccess) {
-    serve();
-    EXPECT_EQ(run({VLM_STATE, "kPrepSD"}), 0) << err();
-    EXPECT_EQ(out(), "kPrepSD confirmed: success\n");
-    EXPECT_EQ(run({VLM_STATE, "kBad"}), 1);
-    EXPECT_EQ(out(), "kBad confirmed: generalError\n");
-    EXPECT_EQ(run({VLM_STATE, std::string(500, 'k')}), 1);
-    EXPECT_THAT(err(), HasSubstr("\"state\" must be a text"));
-    EXPECT_EQ(run({VLM_STATE}), 1);
-    EXPECT_THAT(err(), HasSubstr("Usage"));
-}
-
-TEST_F(StateTools, WhereNobodyServesBothSaySoWithAHintAndFail) {
-    for (const char* const tool : {VLM_STATE, VLM_STATUS}) {
-        EXPECT_EQ(run({tool, std::string(tool) == VLM_STATE ? "kOn" : "1"}), 1);
-        EXPECT_THAT(err(), HasSubstr("nobody answers at " + m_folder.file("s")));
-        EXPECT_THAT(err(), HasSubstr("Is vlmmaster running"));
-        EXPECT_EQ(out(), "");
+TEST_F(StateTools, PrintWhatIsAnsweredAndTellSuccessByTheirExitStatus) {
+    for (const std::string tool : {VLM_STATE, VLM_STATUS}) {
+        const std::string word = tool == VLM_STATE ? "kOn" : "1";
+        expectOf({tool, word}, 1, "", "nobody answers at " + m_folder.file("s") + ": ");
+        expectOf({tool, word}, 1, "", "Is vlmmaster running");
     }
-    EXPECT_EQ(run({VLM_STATUS, "soon"}), 1);
-    EXPECT_THAT(err(), HasSubstr("seconds are expected"));
-}
+    expectOf({VLM_STATUS, "soon"}, 1, "", "seconds are expected");
+    expectOf({VLM_STATE}, 1, "", "Usage");
 
-TEST_F(StateTools, VlmStatusPrintsATableOrTheJsonAsItIs) {
     serve();
+    expectOf({VLM_STATE, "kPrepSD"}, 0, "kPrepSD confirmed: success\n");
+    expectOf({VLM_STATE, "kBad"}, 1, "kBad confirmed: generalError\n");
+    expectOf({VLM_STATE, std::string(500, 'k')}, 1, "", "\"state\" must be a text");
     kyo::Status::counter("tools.test.dropped").add(3);
-    ASSERT_EQ(run({VLM_STATUS}), 0) << err();
-    EXPECT_THAT(out(), HasSubstr("Lost, or not usable:\ntools.test.dropped  3\n"));
-    ASSERT_EQ(run({VLM_STATUS, "--json"}), 0) << err();
-    EXPECT_EQ(snapshotOf(out())["tools"]["test"]["dropped"].asInt(), 3);
+    expectOf({VLM_STATUS}, 0, "Lost, or not usable:\ntools.test.dropped  3\n");
+    EXPECT_EQ(snapshotOf(run({VLM_STATUS, "--json"}).out)["tools"]["test"]["dropped"].asInt(), 3);
 }
 
 TEST_F(StateTools, VlmStatusFollowsThroughARestart) {
@@ -91,7 +78,7 @@ TEST_F(StateTools, VlmStatusFollowsThroughARestart) {
                                      out);
     const auto lines = [&](const std::string& start) {
         int count = 0;
-        for (const std::string& line : vlmTest::linesOf(readFile(m_folder.file("live")))) {
+        for (const std::string& line : vlmTest::linesOf(vlmTest::readFile(m_folder.file("live")))) {
             count += line.rfind(start, 0) == 0 ? 1 : 0;
         }
         return count;
