@@ -1,107 +1,72 @@
 #include <gmock/gmock.h>
 
-#include <rttr/registration>
+#include <rttr/variant.h>
 #include <string>
 #include <vector>
 
 #include "app/JsonFields.h"
-#include "eb/com/optional.h"
-#include "qdr/services/TypeRegistration.h"
+#include "qdr/services/airbag/datatypes.h"
 #include "services/Resource.h"
 #include "tests/support/LogCapture.h"
-
-namespace vlmTest {
-
-enum class Kind : std::uint8_t { Tap = 1, Spring = 2 };
-
-/// As the bindings generate it, with a field of each type that the conversion knows and of one that it does
-/// not.
-struct Sample {
-    eb::com::optional<Kind> kind;
-    eb::com::optional<float> level;
-    eb::com::optional<double> flow;
-    eb::com::optional<std::int32_t> balance;
-    eb::com::optional<bool> isOpen;
-    eb::com::optional<std::string> label;
-    eb::com::optional<std::uint16_t> unknown;
-};
-
-}  // namespace vlmTest
-
-RTTR_REGISTRATION {
-    using vlmTest::Kind;
-    using vlmTest::Sample;
-    rttr::registration::enumeration<Kind>("vlmTest::Kind")(rttr::value("Tap", Kind::Tap),
-                                                           rttr::value("Spring", Kind::Spring));
-    qdr::services::registerOptional<Kind>();
-    rttr::registration::class_<Sample>("vlmTest::Sample")
-        .property("kind", &Sample::kind)
-        .property("level", &Sample::level)
-        .property("flow", &Sample::flow)
-        .property("balance", &Sample::balance)
-        .property("isOpen", &Sample::isOpen)
-        .property("label", &Sample::label)
-        .property("unknown", &Sample::unknown);
-}
 
 namespace vlmProd {
 namespace {
 
-using testing::Contains;
-using vlmTest::Kind;
-using vlmTest::LogCapture;
-using vlmTest::Sample;
+using namespace qdr::services::airbag::datatypes;
 
 class GenericConversion : public testing::Test {
   protected:
     GenericConversion() {
-        resource.setSomeIPKey("kind");
+        resource.setSomeIPKey("elementId");
         resource.setSomeIPIndexAttribute(
-            2, {"level", "flow", "balance", "isOpen", "label", "unknown", "absent"});
+            1, {"crashSeverity", "deltaVelocityLateral", "isRollover", "crashCounter", "absent"});
     }
 
-    std::string converted(std::vector<Sample> samples) {
-        resource.processData("springs", rttr::variant(std::move(samples)));
+    std::string converted(rttr::variant samples) {
+        resource.processData("crashInfo", std::move(samples));
         return compactText(resource.workValue());
     }
+    static DT_crashInfo_struct sampleOf(int element) {
+        DT_crashInfo_struct sample;
+        sample.elementId = static_cast<CrashElement>(element);
+        return sample;
+    }
 
-    Resource resource{"springs"};
+    Resource resource{"crashInfo"};
 };
 
 TEST_F(GenericConversion, WritesTheListedFieldsOfTheSamplesIndex) {
-    LogCapture log;
-    EXPECT_EQ(converted({Sample{Kind::Spring, 0.5F, 2.25, -3, true, "spring", std::uint16_t{4}}}),
-              R"({"balance":-3,"flow":2.25,"isOpen":true,"kind":2,"label":"spring","level":0.5})");
+    vlmTest::LogCapture log;
+    DT_crashInfo_struct sample = sampleOf(1);
+    sample.crashSeverity = static_cast<CrashSeverity>(2);
+    sample.deltaVelocityLateral = 0.5F;
+    sample.isRollover = true;
+    sample.crashCounter = std::uint16_t{4};
+    sample.isRearCrash = true;
+    EXPECT_EQ(converted(std::vector{sample}),
+              R"({"crashSeverity":2,"deltaVelocityLateral":0.5,"elementId":1,"isRollover":true})");
     for (const char* text :
          {"Variant structure is good", "DATA TYPE Data is sequential container",
-          "Populating values for key = kind", "SOMEKEY VAL is matching", "ENUM INSERTION SUCCESSFULL",
-          "Got the value type as eb::com::optional<float>", "Got the value type as eb::com::optional<double>",
-          "Got the value type as eb::com::optional<int>", "Got the value type as eb::com::optional<bool>",
-          "Got the value type as eb::com::optional<string>", "unknown is not found any value",
-          "absent is not found any value"}) {
-        EXPECT_THAT(log.messages(5), Contains(text));
+          "Populating values for key = elementId", "SOMEKEY VAL is matching", "ENUM INSERTION SUCCESSFULL",
+          "Got the value type as eb::com::optional<float>", "Got the value type as eb::com::optional<bool>",
+          "crashCounter is not found any value", "absent is not found any value"}) {
+        EXPECT_TRUE(log.has(5, text)) << text;
     }
     EXPECT_TRUE(log.hasPart(5, "Getting SOMEIP property type = "));
     log.clear();
     resource.printJsonValues();
-    EXPECT_THAT(log.messages(5), testing::ElementsAre("JSON VALUES MEMBER SIZE = 6",
+    EXPECT_THAT(log.messages(5), testing::ElementsAre("JSON VALUES MEMBER SIZE = 4",
                                                       "FAST WRITER = " + compactText(resource.workValue())));
 }
 
-TEST_F(GenericConversion, LeavesOutAbsentFieldsAndIndexesWithoutAttributes) {
-    EXPECT_EQ(converted({Sample{Kind::Spring, {}, {}, {}, {}, {}, {}}}), R"({"kind":2})");
-    EXPECT_EQ(converted({Sample{Kind::Tap, 1.F, {}, {}, {}, {}, {}}}), R"({"kind":1})");
-    EXPECT_EQ(converted({Sample{Kind::Spring, 1.F, {}, {}, {}, {}, {}}, Sample{{}, 2.F, {}, {}, {}, {}, {}}}),
-              R"({"level":1.0})")
+TEST_F(GenericConversion, LeavesOutWhatIsAbsentAndSurvivesWhatIsNoSequenceOfStructures) {
+    DT_crashInfo_struct keyless;
+    keyless.isRollover = true;
+    EXPECT_EQ(converted(std::vector{sampleOf(1), keyless}), "{}")
         << "a sample without its key is not of the index of the one before";
-    EXPECT_EQ(converted({}), "{}") << "each conversion starts anew";
-}
-
-TEST_F(GenericConversion, SurvivesWhatIsNoSequenceOfStructures) {
-    for (rttr::variant odd : {rttr::variant(), rttr::variant(7), rttr::variant(std::vector<int>{1, 2}),
-                              rttr::variant(std::vector<std::string>{"x"})}) {
-        resource.processData("springs", odd);
-        EXPECT_EQ(compactText(resource.workValue()), "{}");
+    EXPECT_EQ(converted(std::vector{sampleOf(1)}), R"({"elementId":1})");
+    for (const rttr::variant& odd : {rttr::variant(), rttr::variant(7), rttr::variant(std::vector<int>{1})}) {
+        EXPECT_EQ(converted(odd), "{}");
     }
 }
 

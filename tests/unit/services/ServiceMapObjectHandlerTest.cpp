@@ -3,69 +3,45 @@
 #include <gmock/gmock.h>
 
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "services/ProxyNames.h"
 #include "tests/support/LogCapture.h"
 
 namespace vlmProd {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Return;
-using testing::StrictMock;
-using vlmTest::LogCapture;
 
+/// Notes what only the registry's users ask of an adapter.
 class Adapter : public BaseServiceObject {
   public:
-    MOCK_METHOD(bool, initProxy, (), (override));
-    MOCK_METHOD(bool, SubscribeResource, (std::string), (override));
-    MOCK_METHOD(void, createResourceObject, (std::vector<std::string>), (override));
-    MOCK_METHOD(void, addProperties, (std::string, std::vector<std::string>), (override));
-    MOCK_METHOD(bool, isSubscribed, (std::string), (override));
-    MOCK_METHOD(void, setSomeIPKey, (std::string, std::string), (override));
-    MOCK_METHOD(void, setSomeIPIndexAttribute, (std::string, int, std::vector<std::string>&), (override));
-    MOCK_METHOD(void, setCollectorName, (std::string, std::string, int, std::string), (override));
+    bool initProxy() override { return ++attempts == 2; }
+    void addProperties(std::string resource, std::vector<std::string> names) override {
+        added = resource + " " + names.at(0);
+    }
+    int attempts = 0;
+    std::string added;
 };
 
-class Registry : public testing::Test {
-  protected:
-    const std::shared_ptr<StrictMock<Adapter>> adapter = std::make_shared<StrictMock<Adapter>>();
-    ServiceMapObjectHandler registry{
-        ServiceMapObjectHandler::Adapters{{"RouterBasedConsumptionProxy", adapter}}};
+TEST(Registry, AsksTheNamedServicesAdapterAndAnswersAnUnknownServiceWithItsMessage) {
+    vlmTest::LogCapture log;
+    const auto adapter = std::make_shared<Adapter>();
     const std::string known = "RouterBasedConsumptionProxy";
-};
-
-TEST_F(Registry, HandsEachRequestToTheNamedServicesAdapter) {
-    std::vector<std::string> names{"n1", "n2"};
-    EXPECT_CALL(*adapter, initProxy()).Times(2).WillOnce(Return(true)).WillOnce(Return(false));
-    EXPECT_CALL(*adapter, createResourceObject(ElementsAre("r1", "r2")));
-    EXPECT_CALL(*adapter, addProperties("r", ElementsAre("n1", "n2")));
-    EXPECT_CALL(*adapter, setSomeIPKey("r", "k"));
-    EXPECT_CALL(*adapter, setSomeIPIndexAttribute("r", 7, testing::Ref(names)));
-    EXPECT_CALL(*adapter, setCollectorName(known, "r", 7, "c")).Times(1);
-    EXPECT_CALL(*adapter, SubscribeResource("r")).WillOnce(Return(true));
-    EXPECT_CALL(*adapter, isSubscribed("r")).WillOnce(Return(true));
-    EXPECT_TRUE(registry.findService(known));
-    EXPECT_FALSE(registry.findService(known)) << "asked every time, and its answer is passed on";
-    EXPECT_EQ(registry.getServiceObject(known), adapter);
-    registry.createResourceObject(known, {"r1", "r2"});
-    registry.addAttributesToResource(known, "r", names);
-    registry.setSomeIPKey(known, "r", "k");
-    registry.setSomeIPIndexAttribute(known, "r", 7, names);
-    registry.setCollectorName(known, "r", 7, "c");
-    EXPECT_TRUE(registry.SubscribeResource(known, "r"));
-    EXPECT_TRUE(registry.isResourceSubscribed(known, "r"));
-}
-
-TEST_F(Registry, AnswersAnUnknownServiceWithItsMessage) {
+    ServiceMapObjectHandler registry{ServiceMapObjectHandler::Adapters{{known, adapter}}};
     std::vector<std::string> names{"n"};
-    for (const std::string name : {"RouteBasedConsumptionProxy", "", "routerbasedconsumptionproxy",
-                                   "RouterBasedConsumptionProxy ", "DisplaySpeedProxy"}) {
-        LogCapture log;
+    EXPECT_EQ(registry.getServiceObject(known), adapter);
+    EXPECT_FALSE(registry.findService(known));
+    EXPECT_TRUE(registry.findService(known)) << "asked every time, and its answer is passed on";
+    registry.addAttributesToResource(known, "r", names);
+    EXPECT_EQ(adapter->added, "r n");
+    EXPECT_FALSE(registry.SubscribeResource(known, "r"))
+        << "an adapter's operations do nothing by themselves";
+    EXPECT_FALSE(registry.isResourceSubscribed(known, "r"));
+    EXPECT_THAT(log.messages(3), testing::IsEmpty());
+
+    for (const std::string name : {"RouteBasedConsumptionProxy", "", "routerbasedconsumptionproxy"}) {
+        log.clear();
         EXPECT_FALSE(registry.findService(name));
         EXPECT_EQ(registry.getServiceObject(name), nullptr);
         registry.setCollectorName(name, "r", 1, "c");
@@ -83,27 +59,6 @@ TEST_F(Registry, AnswersAnUnknownServiceWithItsMessage) {
         EXPECT_THAT(log.messages(3),
                     ElementsAre(notFound, notFound, notFound, gettingFailed, gettingFailed, gettingFailed,
                                 gettingFailed, creatingFailed, creatingFailed));
-    }
-}
-
-TEST_F(Registry, RunsNothingOnAThread) {
-    LogCapture log;
-    registry.RunOnThread();
-    EXPECT_THAT(log.messages(5), ElementsAre("Starting to run on thread"));
-}
-
-TEST(BaseServiceObject, DoesNothingAndReportsNoSuccess) {
-    BaseServiceObject base;
-    std::vector<std::string> names;
-    EXPECT_FALSE(base.initProxy());
-    EXPECT_FALSE(base.SubscribeResource("r"));
-    EXPECT_FALSE(base.isSubscribed("r"));
-}
-
-TEST(ProxyNames, AreFiftyTwoDifferentOnes) {
-    EXPECT_EQ(std::set<std::string_view>(proxyNames::all.begin(), proxyNames::all.end()).size(), 52U);
-    for (const auto name : proxyNames::all) {
-        EXPECT_TRUE(name.ends_with("Proxy")) << name;
     }
 }
 
