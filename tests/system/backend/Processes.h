@@ -20,7 +20,6 @@ class ChildProcess {
     ChildProcess(ChildProcess&& other) noexcept : m_pid(std::exchange(other.m_pid, -1)) {}
     ChildProcess& operator=(ChildProcess&&) = delete;
 
-    pid_t pid() const { return m_pid; }
     void signal(int number) const;
     /// Waits for its end. The exit status, or 128 and the signal's number.
     int wait();
@@ -28,9 +27,6 @@ class ChildProcess {
   private:
     pid_t m_pid;
 };
-
-/// Runs a program to its end; throws when it fails.
-void runProgram(const std::vector<std::string>& command);
 
 /// A TCP port of 127.0.0.1 that nobody had when this was called.
 std::uint16_t freePort();
@@ -49,9 +45,6 @@ class Broker {
     /// Ends it at once, as a crash would.
     void stop();
     void restart(std::string configuration);
-    /// Waits until its log has that text; false at the deadline.
-    bool says(const std::string& part) const;
-    std::uint16_t port() const { return m_port; }
 
   private:
     const std::uint16_t m_port;

@@ -11,7 +11,6 @@
 #include <iterator>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "kyo/Status.h"
@@ -19,12 +18,14 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/TransportClient.h"
 
 namespace {
 
 using kyo::orx::CallbackThread;
 using kyo::orx::DirectoryTransport;
 using testing::ElementsAre;
+using vlmTest::envelope;
 using vlmTest::eventually;
 using vlmTest::LogCapture;
 using vlmTest::TemporaryFolder;
@@ -34,53 +35,24 @@ std::string contentOf(const std::string& file) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-kyo::Json::Value envelope(const std::string& id, std::size_t size = 0) {
-    kyo::Json::Value value(kyo::Json::objectValue);
-    value["messageId"] = id;
-    value["orxClientDataReport"] = std::string(size, 'x');
-    return value;
-}
-
 std::string lineOf(const kyo::Json::Value& value) {
     return kyo::Json::FastWriter().write(value) + '\n';
 }
 
-/// A transport with what its callbacks got.
-class Backend {
+class Backend : public vlmTest::TransportClient {
   public:
-    Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"},
-            const std::string& configuration = "collector.json")
-        : transport({folder, configuration}, {"Catalog 1", std::move(offered)}) {
-        transport.setMasterControlCallback([this](const kyo::Json::Value& message) {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            EXPECT_NE(std::this_thread::get_id(), m_maker);
-            m_controls.push_back(message);
-        });
-        transport.setConfigResponseCallback([this](const kyo::Json::Value& answer) {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_answers.push_back(answer);
-        });
+    explicit Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"})
+        : transport({folder, "collector.json"}, {"Catalog 1", std::move(offered)}) {
+        listenTo(transport);
         transport.start();
     }
-    std::vector<kyo::Json::Value> controls() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_controls;
-    }
-    std::vector<kyo::Json::Value> answers() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_answers;
-    }
-    bool awaitControls(std::size_t count) {
-        return eventually([&] { return controls().size() >= count; });
+    /// Asks for the configuration, and waits for the answer.
+    kyo::Json::Value answer() {
+        const std::size_t before = answers().size();
+        EXPECT_EQ(transport.requestConfiguration(), 0);
+        return awaitAnswers(before + 1) ? answers().back() : kyo::Json::Value();
     }
 
-  private:
-    const std::thread::id m_maker = std::this_thread::get_id();
-    std::mutex m_mutex;
-    std::vector<kyo::Json::Value> m_controls;
-    std::vector<kyo::Json::Value> m_answers;
-
-  public:
     DirectoryTransport transport;
 };
 
@@ -108,31 +80,21 @@ TEST_F(DirectoryBackend, opens_the_channel_stores_each_envelope_and_answers_it_w
     }
 }
 
-TEST_F(DirectoryBackend, permits_a_type_of_its_own_when_none_is_offered) {
-    Backend backend(m_folder.path(), {});
-    ASSERT_TRUE(backend.awaitControls(1));
-    EXPECT_EQ(backend.controls()[0]["permittedDataType"].size(), 1u);
-}
-
 TEST_F(DirectoryBackend, answers_with_the_configuration_file_named_after_its_content) {
     const std::string text = "{\"CONFIG\": \xE2\x82\xAC}";
     m_folder.write("collector.json", text);
-    Backend backend(m_folder.path());
-    EXPECT_EQ(backend.transport.requestConfiguration(), 0);
-    ASSERT_TRUE(eventually([&] { return backend.answers().size() == 1; }));
-    const kyo::Json::Value record = backend.answers()[0][0];
+    Backend backend(m_folder.path(), {});
+    ASSERT_TRUE(backend.awaitControls(1));
+    EXPECT_EQ(backend.controls()[0]["permittedDataType"].size(), 1u) << "its own, as none is offered";
+    const kyo::Json::Value record = backend.answer()[0];
     const auto body = Botan::base64_decode(record["recordBody"].asString());
     EXPECT_EQ(std::string(body.begin(), body.end()), text);
 
     m_folder.write("collector.json", text + " ");
-    backend.transport.requestConfiguration();
-    ASSERT_TRUE(eventually([&] { return backend.answers().size() == 2; }));
-    EXPECT_NE(backend.answers()[1][0]["recordId"], record["recordId"]);
+    EXPECT_NE(backend.answer()[0]["recordId"], record["recordId"]);
 
     std::filesystem::remove(m_folder.file("collector.json"));
-    backend.transport.requestConfiguration();
-    ASSERT_TRUE(eventually([&] { return backend.answers().size() == 3; }));
-    EXPECT_EQ(backend.answers()[2], kyo::Json::Value(kyo::Json::arrayValue));
+    EXPECT_EQ(backend.answer(), kyo::Json::Value(kyo::Json::arrayValue));
     EXPECT_TRUE(m_log.hasPart(3, "collector.json cannot be read: No such file"));
 }
 
@@ -191,7 +153,7 @@ TEST_F(DirectoryBackend,
     EXPECT_EQ(m_log.count(5, m_file + " can be written again"), 1u);
 }
 
-TEST_F(DirectoryBackend, waits_for_a_folder_that_cannot_be_made_at_the_start) {
+TEST_F(DirectoryBackend, waits_for_a_folder_that_cannot_be_made_and_writes_into_plain_files_only) {
     const std::string blocked = m_folder.write("folder", "a file stands where the folder should be");
     Backend backend(blocked);
     ASSERT_TRUE(m_log.waitFor("cannot be written: Not a directory"));
@@ -201,13 +163,9 @@ TEST_F(DirectoryBackend, waits_for_a_folder_that_cannot_be_made_at_the_start) {
     ASSERT_TRUE(backend.awaitControls(1));
     EXPECT_EQ(m_log.messages(3).size(), 1u);
     EXPECT_EQ(backend.transport.send(envelope("1")), 0);
-}
 
-TEST_F(DirectoryBackend, does_not_write_into_what_is_no_plain_file) {
     std::filesystem::create_directory(m_file);
-    Backend backend(m_folder.path());
-    EXPECT_EQ(backend.transport.send(envelope("1")), -EISDIR);
-    EXPECT_TRUE(backend.controls().empty());
+    EXPECT_EQ(Backend(m_folder.path()).transport.send(envelope("1")), -EISDIR);
 }
 
 TEST(CallbackThreadTest, keeps_order_survives_exceptions_and_forgets_what_waits_when_stopped) {

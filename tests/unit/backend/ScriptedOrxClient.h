@@ -1,6 +1,7 @@
 #pragma once
 /// A backend client that tests hold in their hands. Linked in place of the platform's: whatever creates a
 /// kyo::OrxClient in these programs gets this one.
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "kyo/OrxClient.h"
+#include "kyo/orx/Transport.h"
 
 namespace vlmTest {
 
@@ -16,37 +18,30 @@ class ScriptedClient {
   public:
     static ScriptedClient& current();
 
-    /// Answers a send; called without a lock. Without one each send succeeds.
-    void answerSends(std::function<std::int32_t(const kyo::Json::Value&)> answer);
+    /// Answers the sends; called without a lock. Without one each send succeeds.
+    void answerSends(std::function<std::int32_t()> answer);
     std::vector<kyo::Json::Value> envelopes() const;
     std::size_t sends() const { return envelopes().size(); }
-    int requests() const;
-    bool started() const;
-
+    int requests() const { return m_requests; }
     /// Calls back on the calling thread, which so plays the client's.
-    void masterControl(const kyo::Json::Value& message) const;
-    void configResponse(const kyo::Json::Value& answer) const;
-
-    // What the client's operations do.
-    void reset();
-    void start();
-    std::int32_t send(const kyo::Json::Value& envelope);
-    std::int32_t request();
-    kyo::OrxClient::JsonCallback onMasterControl;
-    kyo::OrxClient::JsonCallback onConfigResponse;
+    void masterControl(const kyo::Json::Value& message) const { m_onMasterControl(message); }
 
   private:
+    friend kyo::OrxClient;
+    std::atomic<int> m_requests{0};
+    kyo::OrxClient::JsonCallback m_onMasterControl;
     mutable std::mutex m_mutex;
     // Guarded by m_mutex.
-    std::function<std::int32_t(const kyo::Json::Value&)> m_answer;
+    std::function<std::int32_t()> m_answer;
     std::vector<kyo::Json::Value> m_envelopes;
-    int m_requests = 0;
-    bool m_started = false;
 };
 
 /// A master-control message that leaves the channel open, or as the arguments say.
-kyo::Json::Value control(int result = 0, int channel = 0, std::vector<std::string> permitted = {"TypeA"},
-                         const std::string& ticket = "ticket");
+inline kyo::Json::Value control(int result = 0, int channel = 0,
+                                const std::vector<std::string>& permitted = {"TypeA"},
+                                const std::string& ticket = "ticket") {
+    return kyo::orx::masterControl(ticket, permitted, channel, result);
+}
 
 /// A small report as report control makes them.
 kyo::Json::Value report(const std::string& name, int number = 1,

@@ -13,6 +13,7 @@
 #include "report/VlmDataSubmissionControl.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Together.h"
 
 namespace {
 
@@ -42,11 +43,12 @@ class SubmissionControl : public testing::Test {
     void start() {
         m_control.initializeServer("Catalog 1", {"TypeA"});
         m_control.start();
-        ASSERT_TRUE(eventually([] { return ScriptedClient::current().started(); }));
+        ASSERT_TRUE(m_log.waitFor("Conditional wait because There is no report in shipping queue"));
     }
 
-    /// Opens the channel and waits until the thread that this starts has found the queue empty.
-    void open() {
+    /// Starts, opens the channel and waits until the thread that this starts has found the queue empty.
+    void startOpen() {
+        start();
         backend().masterControl(control());
         ASSERT_TRUE(m_log.waitFor(kHandled));
         m_log.clear();
@@ -57,9 +59,13 @@ class SubmissionControl : public testing::Test {
         EXPECT_TRUE(m_control.addReportToShippingQueue(value));
     }
 
-    /// Waits for that many sends, waking the thread as a lost wake-up is allowed.
+    /// Waits for the condition, waking the thread as a lost wake-up is allowed.
+    template <typename Condition>
+    bool awaits(Condition&& condition) {
+        return eventually(condition, [&] { m_control.SendWakeupSignal(); });
+    }
     bool sent(std::size_t count) {
-        return eventually([&] { return backend().sends() >= count; }, [&] { m_control.SendWakeupSignal(); });
+        return awaits([&] { return backend().sends() >= count; });
     }
 
     static ScriptedClient& backend() { return ScriptedClient::current(); }
@@ -76,9 +82,8 @@ class SubmissionControl : public testing::Test {
     VlmDataSubmissionControl m_control;
 };
 
-TEST_F(SubmissionControl, sends_at_once_when_idle_and_then_waits_for_a_result_of_zero) {
-    start();
-    open();
+TEST_F(SubmissionControl, sends_at_once_when_idle_and_otherwise_one_report_per_result_of_zero) {
+    startOpen();
     add("first");
     ASSERT_TRUE(sent(1));
     add("second");
@@ -87,87 +92,22 @@ TEST_F(SubmissionControl, sends_at_once_when_idle_and_then_waits_for_a_result_of
     ASSERT_TRUE(m_log.waitFor("Conditional wait", 2));
     EXPECT_EQ(backend().sends(), 1u);
     EXPECT_EQ(m_control.waitingReports(), 2u);
-
     backend().masterControl(control());
     backend().masterControl(control());
     EXPECT_THAT(sentNames(), ElementsAre("first", "second", "third"));
     EXPECT_EQ(m_control.waitingReports(), 0u);
-}
-
-TEST_F(SubmissionControl, returns_to_idle_on_a_result_of_zero_with_an_empty_queue) {
-    start();
-    open();
-    add("first");
-    ASSERT_TRUE(sent(1));
-    ASSERT_TRUE(m_log.waitFor("Conditional wait"));
     m_log.clear();
     backend().masterControl(control());
     EXPECT_EQ(m_log.count(5, kIdle), 1u);
-    add("second");
-    EXPECT_TRUE(sent(2));
-}
-
-TEST_F(SubmissionControl, sends_the_same_message_again_after_result_one) {
-    start();
-    open();
-    add("first");
-    ASSERT_TRUE(sent(1));
-    add("second");
-    backend().masterControl(control(1));
-    EXPECT_EQ(backend().sends(), 1u) << "only an opening message acts";
-    backend().masterControl(control());
-    backend().masterControl(control(1));
-    backend().masterControl(control());
-    EXPECT_THAT(sentNames(), ElementsAre("first", "first", "first"));
-    const auto envelopes = backend().envelopes();
-    EXPECT_EQ(envelopes[1]["messageId"], envelopes[0]["messageId"]);
-    EXPECT_EQ(envelopes[2]["messageId"], envelopes[0]["messageId"]);
-    EXPECT_EQ(envelopes[2]["orxClientDataReport"], envelopes[0]["orxClientDataReport"]);
-
-    backend().masterControl(control());
-    EXPECT_EQ(sentNames().back(), "second");
-}
-
-TEST_F(SubmissionControl, stops_on_result_two_and_keeps_the_queue) {
-    start();
-    open();
-    add("first");
-    ASSERT_TRUE(sent(1));
-    add("second");
-    m_log.clear();
-    backend().masterControl(control(2));
-    EXPECT_EQ(m_log.count(3, "orx status is to stop sending data"), 1u);
-    EXPECT_EQ(m_log.count(5, kHandled), 1u);
-    m_control.SendWakeupSignal();
-    EXPECT_EQ(backend().sends(), 1u);
-    EXPECT_EQ(m_control.waitingReports(), 1u);
-}
-
-TEST_F(SubmissionControl, discards_what_it_takes_while_the_channel_is_closed_or_nothing_is_permitted) {
-    start();
-    const auto discarded = kyo::Status::counter("reports.discarded").value();
-    add("early");
-    ASSERT_TRUE(eventually([&] { return m_log.hasPart(3, "Could not sent the orx data = {"); },
-                           [&] { m_control.SendWakeupSignal(); }));
-    // The first opening message makes the next send, although the flag is still set.
-    add("kept");
-    backend().masterControl(control());
-    ASSERT_TRUE(sent(1));
-    EXPECT_THAT(sentNames(), ElementsAre("kept"));
-
-    add("unwanted");
-    backend().masterControl(control(0, 0, {}));
-    m_control.processReportBasedOnDataDelivery(orxStatus::SendNext);
-    EXPECT_EQ(backend().sends(), 1u);
-    EXPECT_EQ(kyo::Status::counter("reports.discarded").value(), discarded + 2);
-    EXPECT_TRUE(m_log.hasPart(3, "\"reportName\":\"unwanted\""));
+    add("fourth");
+    EXPECT_TRUE(sent(4)) << "idle again";
 }
 
 /// A backend that answers, on a thread of its own, while the first send is still under way.
 class QuickBackend {
   public:
     explicit QuickBackend(std::vector<kyo::Json::Value> messages) {
-        ScriptedClient::current().answerSends([this, messages](const kyo::Json::Value&) {
+        ScriptedClient::current().answerSends([this, messages] {
             if (!m_answered.exchange(true)) {
                 m_thread = std::thread([this, messages] {
                     m_calling = true;
@@ -196,81 +136,62 @@ class QuickBackend {
 };
 
 TEST_F(SubmissionControl, is_not_stuck_when_the_result_comes_before_the_send_has_returned) {
-    start();
-    open();
+    startOpen();
     const QuickBackend quick({control()});
     add("first");
-    ASSERT_TRUE(eventually([&] { return quick.done(); }, [&] { m_control.SendWakeupSignal(); }));
+    ASSERT_TRUE(awaits([&] { return quick.done(); }));
     add("second");
     EXPECT_TRUE(sent(2)) << "the quick result was overwritten";
 }
 
 TEST_F(SubmissionControl, sends_again_when_result_one_comes_before_the_first_send_has_returned) {
-    start();
-    open();
+    startOpen();
     const QuickBackend quick({control(1), control()});
     add("first");
-    ASSERT_TRUE(eventually([&] { return quick.done(); }, [&] { m_control.SendWakeupSignal(); }));
+    ASSERT_TRUE(awaits([&] { return quick.done(); }));
     EXPECT_THAT(sentNames(), ElementsAre("first", "first"));
 }
 
-TEST_F(SubmissionControl, does_not_resend_what_never_left_and_goes_on_with_the_next_report) {
-    start();
-    open();
-    backend().answerSends([](const kyo::Json::Value&) { return -28; });
+TEST_F(SubmissionControl, never_resends_what_never_left_but_the_last_good_report_if_there_is_one) {
+    startOpen();
+    const auto noSpace = [] { return -28; };
+    backend().answerSends(noSpace);
     add("lost");
-    ASSERT_TRUE(sent(1));
-    add("next");
-    backend().answerSends(nullptr);
     ASSERT_TRUE(m_log.waitFor("Send vlm Data State: FAILED "));
+    add("good");
+    backend().answerSends(nullptr);
     m_log.clear();
     backend().masterControl(control());
     EXPECT_TRUE(m_log.has(5, "No report was sent yet, so there is none to send again"));
     ASSERT_TRUE(sent(2));
-    EXPECT_THAT(sentNames(), ElementsAre("lost", "next"));
-}
 
-TEST_F(SubmissionControl, resends_the_last_good_report_when_the_one_after_it_failed) {
-    start();
-    open();
-    add("good");
-    ASSERT_TRUE(sent(1));
-    backend().answerSends([](const kyo::Json::Value&) { return -28; });
-    add("lost");
+    backend().answerSends(noSpace);
+    add("lost too");
     add("next");
     backend().masterControl(control());
     backend().answerSends(nullptr);
     backend().masterControl(control());  // the disk is writable again
     backend().masterControl(control());
-    EXPECT_THAT(sentNames(), ElementsAre("good", "lost", "good", "next"));
+    EXPECT_THAT(sentNames(), ElementsAre("lost", "good", "lost too", "good", "next"));
 }
 
-TEST_F(SubmissionControl, tells_of_an_unknown_status_and_of_a_missing_link) {
+TEST_F(SubmissionControl, tells_of_the_bytes_in_the_queue_of_a_missing_link_and_of_an_unknown_status) {
     add("unsent");
-    m_log.clear();
-    m_control.processReportBasedOnDataDelivery(static_cast<orxStatus>(7));
-    EXPECT_THAT(m_log.messages(3), ElementsAre("Do not know the status of last report sent"));
+    add("unsent");
+    const std::string text = kyo::Json::FastWriter().write(report("unsent"));
+    const std::string sending = "ZEPH-49288 VLM sending the Report to ShippingBuffer: " + text;
+    const std::string size = std::to_string(text.size());
+    EXPECT_THAT(m_log.messages(5),
+                ElementsAre(sending, "Size of SHIP QUEUE BEFORE INSERT = 0",
+                            "Size of SHIP QUEUE AFTER INSERT = " + size, sending,
+                            "Size of SHIP QUEUE BEFORE INSERT = " + size,
+                            "Size of SHIP QUEUE AFTER INSERT = " + std::to_string(2 * text.size())));
+    EXPECT_EQ(m_log.lines()[0].line, 0) << "without line numbers";
     m_control.processReportFromQueue();
     m_control.processLastReport();
-    EXPECT_EQ(m_log.count(3, "ORx Server is null."), 2u);
-}
-
-TEST_F(SubmissionControl, logs_the_bytes_in_the_queue_around_each_insertion_without_line_numbers) {
-    kyo::Json::Value value = report("r");
-    m_control.addReportToShippingQueue(value);
-    m_control.addReportToShippingQueue(value);
-    const std::string text = kyo::Json::FastWriter().write(value);
-    const std::string size = std::to_string(text.size());
-    EXPECT_THAT(
-        m_log.messages(5),
-        ElementsAre("ZEPH-49288 VLM sending the Report to ShippingBuffer: " + text,
-                    "Size of SHIP QUEUE BEFORE INSERT = 0", "Size of SHIP QUEUE AFTER INSERT = " + size,
-                    "ZEPH-49288 VLM sending the Report to ShippingBuffer: " + text,
-                    "Size of SHIP QUEUE BEFORE INSERT = " + size,
-                    "Size of SHIP QUEUE AFTER INSERT = " + std::to_string(2 * text.size())));
-    for (const auto& line : m_log.lines()) {
-        EXPECT_EQ(line.line, 0) << line.text;
-    }
+    m_control.processReportBasedOnDataDelivery(static_cast<orxStatus>(7));
+    EXPECT_THAT(m_log.messages(3), ElementsAre("ORx Server is null.", "ORx Server is null.",
+                                               "Do not know the status of last report sent"));
 }
 
 /// Report control and others add, the thread makes first sends, the backend's thread answers: each report
@@ -278,12 +199,11 @@ TEST_F(SubmissionControl, logs_the_bytes_in_the_queue_around_each_insertion_with
 TEST_F(SubmissionControl, loses_and_reorders_nothing_when_all_its_callers_race) {
     constexpr int kProducers = 3;
     constexpr int kEach = 60;
-    start();
-    open();
+    startOpen();
     std::atomic<int> unanswered{0};
     std::atomic<bool> done{false};
     std::atomic<bool> impatient{false};
-    backend().answerSends([&](const kyo::Json::Value&) {
+    backend().answerSends([&] {
         if (++unanswered > 1) {
             impatient = true;
         }
@@ -298,17 +218,11 @@ TEST_F(SubmissionControl, loses_and_reorders_nothing_when_all_its_callers_race) 
             std::this_thread::yield();
         }
     });
-    std::vector<std::thread> producers;
-    for (int producer = 0; producer < kProducers; ++producer) {
-        producers.emplace_back([this, producer] {
-            for (int i = 0; i < kEach; ++i) {
-                add("p" + std::to_string(producer), i);
-            }
-        });
-    }
-    for (std::thread& producer : producers) {
-        producer.join();
-    }
+    vlmTest::Together(kProducers, [this](int producer) {
+        for (int i = 0; i < kEach; ++i) {
+            add("p" + std::to_string(producer), i);
+        }
+    }).join();
     const auto dropped = kyo::Status::counter("queue.shipping.dropped").value();
     const std::size_t expected = kProducers * kEach - dropped;
     EXPECT_TRUE(sent(expected));
