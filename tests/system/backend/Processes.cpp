@@ -1,21 +1,14 @@
 #include "Processes.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 
 #include "tests/support/Eventually.h"
-
-extern char** environ;
 
 namespace vlmTest {
 
@@ -30,44 +23,6 @@ sockaddr_in loopback(std::uint16_t port) {
 }
 
 }  // namespace
-
-ChildProcess::ChildProcess(const std::vector<std::string>& command, const std::string& output) : m_pid(-1) {
-    std::vector<char*> arguments;
-    for (const std::string& part : command) {
-        arguments.push_back(const_cast<char*>(part.c_str()));
-    }
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, 1, output.empty() ? "/dev/null" : output.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
-    posix_spawn_file_actions_adddup2(&files, 1, 2);
-    const int error = ::posix_spawnp(&m_pid, arguments[0], &files, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&files);
-    if (error != 0) {
-        throw std::runtime_error(command[0] + ": " + std::strerror(error));
-    }
-}
-
-ChildProcess::~ChildProcess() {
-    if (m_pid > 0) {
-        ::kill(m_pid, SIGKILL);
-        wait();
-    }
-}
-
-void ChildProcess::signal(int number) const {
-    ::kill(m_pid, number);
-}
-
-int ChildProcess::wait() {
-    int status = 0;
-    while (::waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 std::uint16_t freePort() {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -100,14 +55,12 @@ void Broker::start() {
     const std::string file =
         m_folder.write("mosquitto.conf", "user root\npersistence false\nlistener " + std::to_string(m_port) +
                                              " 127.0.0.1\n" + m_configuration);
-    m_process.emplace_back(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", file}, m_folder.file("log"));
+    const Descriptor log(openForWriting(m_folder.file("log")));
+    m_process = std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", file},
+                                               std::vector<std::string>(), log, log);
     if (!waitForListener(m_port)) {
         throw std::runtime_error("the broker does not listen");
     }
-}
-
-void Broker::stop() {
-    m_process.clear();
 }
 
 void Broker::restart(std::string configuration) {

@@ -1,32 +1,13 @@
 #pragma once
 /// Processes that a test starts and ends, each by its own id: a broker, the bench's backend, openssl.
-#include <sys/types.h>
-
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/support/TemporaryFolder.h"
+#include "tests/unit/platform/ChildProcess.h"
 
 namespace vlmTest {
-
-/// A child process whose output goes to a file. Killed, if it still runs, when this object ends.
-class ChildProcess {
-  public:
-    /// `output` empty: to nowhere. Throws when the program cannot be started.
-    ChildProcess(const std::vector<std::string>& command, const std::string& output);
-    ~ChildProcess();
-    ChildProcess(ChildProcess&& other) noexcept : m_pid(std::exchange(other.m_pid, -1)) {}
-    ChildProcess& operator=(ChildProcess&&) = delete;
-
-    void signal(int number) const;
-    /// Waits for its end. The exit status, or 128 and the signal's number.
-    int wait();
-
-  private:
-    pid_t m_pid;
-};
 
 /// A TCP port of 127.0.0.1 that nobody had when this was called.
 std::uint16_t freePort();
@@ -43,14 +24,14 @@ class Broker {
 
     void start();
     /// Ends it at once, as a crash would.
-    void stop();
+    void stop() { m_process.reset(); }
     void restart(std::string configuration);
 
   private:
     const std::uint16_t m_port;
     std::string m_configuration;
     TemporaryFolder m_folder;
-    std::vector<ChildProcess> m_process;  ///< one, or none while it is stopped
+    std::unique_ptr<ChildProcess> m_process;  ///< none while it is stopped
 };
 
 /// Certificates made by openssl in a folder: authorities "ca" and "other-ca"; of the first "server" (for

@@ -5,7 +5,6 @@
 #include <stdlib.h>
 
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -24,14 +23,12 @@ using testing::HasSubstr;
 using vlmProd::VlmDataSubmissionControl;
 using vlmTest::Broker;
 using vlmTest::ChildProcess;
+using vlmTest::Descriptor;
 using vlmTest::eventually;
 using vlmTest::LogCapture;
+using vlmTest::openForWriting;
+using vlmTest::readFile;
 using vlmTest::TemporaryFolder;
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class ReportsToBroker : public testing::Test {
   protected:
@@ -45,7 +42,7 @@ class ReportsToBroker : public testing::Test {
                                          "--prefix",  "test/car", "--reopen-after",
                                          "50",        "--store",  m_store};
         command.insert(command.end(), options.begin(), options.end());
-        m_backend = std::make_unique<ChildProcess>(command, m_output);
+        m_backend = std::make_unique<ChildProcess>(command, std::vector<std::string>(), m_output, m_output);
     }
     void add(const std::string& name) {
         kyo::Json::Value report(kyo::Json::objectValue);
@@ -75,8 +72,9 @@ class ReportsToBroker : public testing::Test {
     bool awaitStored(std::size_t count) {
         return awaits([&] { return storedNames().size() >= count; });
     }
+    std::string output() const { return readFile(m_folder.file("output")); }
     bool backendSays(const std::string& part) {
-        return awaits([&] { return contentOf(m_output).find(part) != std::string::npos; });
+        return awaits([&] { return output().find(part) != std::string::npos; });
     }
 
     /// The machine manifest is read once per process, by the first that asks: before the log does.
@@ -90,7 +88,7 @@ class ReportsToBroker : public testing::Test {
     const int m_manifestSet =
         ::setenv("VLM_MACHINE_MANIFEST", m_folder.write("manifest.json", manifest()).c_str(), 1);
     const std::string m_store = m_folder.file("store.jsonl");
-    const std::string m_output = m_folder.file("output");
+    const Descriptor m_output{openForWriting(m_folder.file("output"))};
     LogCapture m_log;
     int m_number = 0;
     std::unique_ptr<ChildProcess> m_backend;
@@ -124,11 +122,11 @@ TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and
     ASSERT_TRUE(m_log.waitFor("Enabling to send data when inserted."));
     EXPECT_THAT(storedNames(), ElementsAre("a", "b", "b", "b", "c", "c", "d"))
         << "what was sent before the closing counts as failed";
-    EXPECT_THAT(contentOf(m_output), HasSubstr("b #3: 1 collections, 1 samples"));
-    EXPECT_THAT(contentOf(m_output), HasSubstr(", again, result 2"));
+    EXPECT_THAT(output(), HasSubstr("b #3: 1 collections, 1 samples"));
+    EXPECT_THAT(output(), HasSubstr(", again, result 2"));
     m_backend->signal(SIGTERM);
     EXPECT_EQ(m_backend->wait(), 0);
-    EXPECT_THAT(contentOf(m_output), HasSubstr("7 envelopes, 3 of them again, 7 samples"));
+    EXPECT_THAT(output(), HasSubstr("7 envelopes, 3 of them again, 7 samples"));
 
     std::vector<std::string> expected{"a", "b", "c", "d"};
     for (const char* const name : {"alone 1", "alone 2", "alone 3"}) {
@@ -145,7 +143,6 @@ TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and
 }
 
 TEST(VlmBackend, refuses_wrong_options_with_a_reason) {
-    const TemporaryFolder folder;
     for (const std::vector<std::string>& wrong : {std::vector<std::string>{"--results", "0,x"},
                                                   {"--results", ""},
                                                   {"--port", "70000"},
@@ -153,9 +150,9 @@ TEST(VlmBackend, refuses_wrong_options_with_a_reason) {
                                                   {"stray"}}) {
         std::vector<std::string> command{VLM_BACKEND};
         command.insert(command.end(), wrong.begin(), wrong.end());
-        const std::string output = folder.file("output " + wrong.back());
-        EXPECT_EQ(ChildProcess(command, output).wait(), 1) << wrong[0];
-        EXPECT_THAT(contentOf(output), HasSubstr("vlm-backend: ")) << wrong[0];
+        const auto [status, out, err] = vlmTest::runToItsEnd(command);
+        EXPECT_EQ(status, 1) << wrong[0];
+        EXPECT_THAT(out + err, HasSubstr("vlm-backend: ")) << wrong[0];
     }
 }
 

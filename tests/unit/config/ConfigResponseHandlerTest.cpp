@@ -121,37 +121,34 @@ class ConfigResponseHandlerTest : public testing::Test {
 TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_clock) {
     const vlmTest::TemporaryFolder folder;
     ASSERT_TRUE(m_handler.doBaseSetupFromLocalConfig(folder.write("collector.json", kFirst)));
-    const std::pair<int, std::string> expected[] = {
-        {3, "Valid configuration file"},
-        {5, "Collector from 'From' block: c1"},
-        {5, "ApplicationName, ConfigName, ConfigVersion: app, first, 1"},
-        {5, "Creating collector object for c1"},
-        {5, "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0"},
-        {5, "Creating collector object for c2"},
-        {4, "Didn't find the OnEvent type for c2. Hence defaulting to Clock."},
-        {5, "historyDuration: 0 , Lag:  0 , Collector name: c2 And OnEvent Type: 0"},
-        {5, "Size of collect names = 2"},
-        {5, "Size of All services and Resources = 2"},
-        {5, "Configured list of indexes size = 1"},
-        {5, "Size of list of properties for resource crashes = 0"},
-        {5, "COLLECT MAP FOUND, collectName = c2"},
-        {5, "Configured list of indexes size = 1"},
-        {5, "Size of list of properties for resource positions = 2"},
-        {5, "COLLECT MAP FOUND, collectName = c1"},
-        {5, "Pushing the service GNSSProxy  to queue to discover it"},
-        {5, "Pushing the service AirbagProxy  to queue to discover it"},
-        {5, "CLOCK NAME = tick  And DURATION = 90000"},
-        {5, "ZEPH-43022: VLM implements a timer object"},
-    };
-    const auto lines = m_log.lines();
-    auto at = lines.begin();
-    for (const auto& [level, message] : expected) {
-        at = std::find_if(at, lines.end(), [wanted = std::pair(level, message)](const auto& line) {
-            return std::pair(line.level, line.message) == wanted;
-        });
-        ASSERT_NE(at, lines.end()) << "not after the one before: " << message;
+    const auto messages = m_log.messages();
+    auto at = messages.begin();
+    for (const char* const expected :
+         {"Valid configuration file",
+          "Collector from 'From' block: c1",
+          "ApplicationName, ConfigName, ConfigVersion: app, first, 1",
+          "Creating collector object for c1",
+          "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0",
+          "Creating collector object for c2",
+          "Didn't find the OnEvent type for c2. Hence defaulting to Clock.",
+          "historyDuration: 0 , Lag:  0 , Collector name: c2 And OnEvent Type: 0",
+          "Size of collect names = 2",
+          "Size of All services and Resources = 2",
+          "Configured list of indexes size = 1",
+          "Size of list of properties for resource crashes = 0",
+          "COLLECT MAP FOUND, collectName = c2",
+          "Configured list of indexes size = 1",
+          "Size of list of properties for resource positions = 2",
+          "COLLECT MAP FOUND, collectName = c1",
+          "Pushing the service GNSSProxy  to queue to discover it",
+          "Pushing the service AirbagProxy  to queue to discover it",
+          "CLOCK NAME = tick  And DURATION = 90000",
+          "ZEPH-43022: VLM implements a timer object"}) {
+        at = std::find(at, messages.end(), expected);
+        ASSERT_NE(at, messages.end()) << "not after the one before: " << expected;
         ++at;
     }
+    EXPECT_TRUE(m_log.has(4, "Didn't find the OnEvent type for c2. Hence defaulting to Clock."));
     EXPECT_TRUE(VlmReportControl::getInstance().started());
     EXPECT_TRUE(m_discovery.started());
     EXPECT_TRUE(IngressQueue::getInstance()->started());

@@ -94,6 +94,7 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
+    void signal(int number) const { ::kill(m_pid, number); }
     /// The exit status; -1 when the program ended by a signal, -2 when it did not end in time.
     int wait() {
         int status = 0;
