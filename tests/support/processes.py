@@ -58,6 +58,33 @@ def faster_clock(speed):
     return fake_clock(FAKETIME=f"+0 x{speed:g}")
 
 
+def ask(path, request):
+    """The answer of the vlmmaster whose state socket is there."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as channel:
+        channel.settimeout(DEADLINE)
+        channel.connect(str(path))
+        channel.sendall((json.dumps(request) + "\n").encode())
+        with channel.makefile() as answers:
+            return json.loads(answers.readline())
+
+
+def status_of(path):
+    """What it says about itself; empty while it does not answer."""
+    try:
+        answer = ask(path, {"request": "status"})
+        return answer.get("status", answer)
+    except (OSError, ValueError):
+        return {}
+
+
+def count_in(status, name):
+    """A value of the status by its dotted name; 0 for what is not there."""
+    value = status
+    for key in name.split("."):
+        value = value.get(key, {}) if isinstance(value, dict) else {}
+    return value or 0
+
+
 def merged(base, changes):
     result = dict(base)
     for key, value in changes.items():
@@ -139,32 +166,17 @@ class Vlmmaster:
         return self.end(limit)
 
     def ask(self, request):
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as channel:
-            channel.settimeout(DEADLINE)
-            channel.connect(self.socket)
-            channel.sendall((json.dumps(request) + "\n").encode())
-            with channel.makefile() as answers:
-                return json.loads(answers.readline())
+        return ask(self.socket, request)
 
     def status(self):
-        """What it says about itself; empty while it does not answer yet."""
-        try:
-            answer = self.ask({"request": "status"})
-            return answer.get("status", answer)
-        except (OSError, ValueError):
-            if self.process.poll() is not None:
-                raise AssertionError(f"has ended with status {self.process.returncode}") from None
-            return {}
+        status = status_of(self.socket)
+        if not status and self.process.poll() is not None:
+            raise AssertionError(f"has ended with status {self.process.returncode}")
+        return status
 
     def count(self, *names):
-        """Values of the status by their dotted names; 0 for what is not there."""
         status = self.status()
-        values = []
-        for name in names:
-            value = status
-            for key in name.split("."):
-                value = value.get(key, {}) if isinstance(value, dict) else {}
-            values.append(value or 0)
+        values = [count_in(status, name) for name in names]
         return values[0] if len(values) == 1 else values
 
     def wait_for_count(self, name, least, deadline=DEADLINE):

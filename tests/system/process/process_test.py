@@ -6,14 +6,13 @@ The environment is that of tests/support/processes.py.
 import json
 import os
 import signal
-import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import STOP_LIMIT, VLM_VEHICLE, Vlmmaster, free_udp_port  # noqa: E402
+from processes import CATALOG, STOP_LIMIT, Vlmmaster  # noqa: E402
 
 MAIN = " int main(int, char**) "
 STATE = (" main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)> ")
@@ -51,64 +50,55 @@ class ProcessTest(unittest.TestCase):
 
 
 class EndsOfStartUp(ProcessTest):
-    """Command lines and files that do not lead to the main loop."""
-
-    def check(self, arguments, status, expected, **options):
-        master = self.start(*arguments, **options)
-        self.assertEqual(master.end(), status, master.text())
-        self.assert_in_order(master.lines, expected)
-        return master
-
     def test_help_is_printed_before_any_file_is_read(self):
-        master = self.check(["-h", "-c", "/absent.json"], 0, ["vlmmaster configuration file"], catalog="none")
-        for text in ("This is a vlmmaster program.", "-c, --configfile", "-l, --localFile", "Local Collector config file"):
+        master = self.start("-h", "-c", "/absent.json", catalog="none")
+        self.assertEqual(master.end(), 0, master.text())
+        for text in ("vlmmaster configuration file", "This is a vlmmaster program.", "-c, --configfile",
+                     "-l, --localFile", "Local Collector config file"):
             self.assertIn(text, master.text())
         self.assertNotIn("absent", master.text())
 
-    def test_without_an_application_configuration(self):
-        self.check(["-l", self.collector], 0, [
-            MAIN + "VLM Will start with local configuration " + self.collector,
-            "VLM Config::getInstance() ERROR: VLM Config not created yet!",
-            MAIN + "Unknown exception", MAIN + "Exiting from main"])
-
-    def test_with_an_option_that_does_not_exist(self):
-        self.check(["--none"], 0, ["none", MAIN + "Unknown exception", MAIN + "Exiting from main"])
-
-    def test_with_an_application_configuration_that_cannot_be_read(self):
-        for path in ("/absent.json", self.folder):
-            self.check(["-c", path], 0, ["VLM Config file path not valid", MAIN + "Unknown exception"])
-
-    def test_with_a_malformed_application_configuration(self):
+    def test_command_lines_and_files_that_do_not_lead_to_the_main_loop(self):
+        last = [MAIN + "Unknown exception", MAIN + "Exiting from main"]
+        application = ["-c", self.application]
         broken = self.write("broken.json", '{\n"OfferedDataTypes": [')
-        self.check(["-c", broken], 250, [broken, "VLM config file parsing not successful, check format"])
-
-    def test_without_a_catalog(self):
-        self.check(["-c", self.application], 1, [MAIN + "VLM Config Object is created",
-                                                 MAIN + "Offered Data Types Size = 2",
-                                                 MAIN + "after creating component_client",
-                                                 "Catalog file path not valid."], catalog="none")
-
-    def test_with_a_malformed_catalog(self):
-        self.check(["-c", self.application], 250, ["catalog file parsing not successful, check format"],
-                   catalog=self.write("catalog.json", '{"meta": '))
-
-    def test_with_a_catalog_that_has_no_version(self):
-        self.check(["-c", self.application], 0, [
-            MAIN + "Successfully created the catalog file parser", "Server name from JSON catalog is empty",
-            MAIN + "Unknown exception", MAIN + "Exiting from main"], catalog=self.write("catalog.json", "{}"))
-
-    def test_with_an_instance_id_in_the_catalog_that_is_no_number(self):
-        catalog = self.write("catalog.json", json.dumps({
+        malformed = self.write("malformed.json", '{"meta": ')
+        nameless = self.write("nameless.json", "{}")
+        front = self.write("front.json", json.dumps({
             "meta": {"vlmVersion": "1"}, "services": {"GNSS": {"positions": {"instances": {"front": []}}}}}))
-        self.check(["-c", self.application], 0, ["services.GNSS.positions.instances.front",
-                                                 MAIN + "Unknown exception", MAIN + "Exiting from main"],
-                   catalog=catalog)
+        for arguments, catalog, status, expected in (
+                (["-l", self.collector], CATALOG, 0, [
+                    MAIN + "VLM Will start with local configuration " + self.collector,
+                    "VLM Config::getInstance() ERROR: VLM Config not created yet!", *last]),
+                (["--none"], CATALOG, 0, ["none", *last]),
+                (["-c", "/absent.json"], CATALOG, 0, ["VLM Config file path not valid", *last]),
+                (["-c", self.folder], CATALOG, 0, ["VLM Config file path not valid", *last]),
+                (["-c", broken], CATALOG, 250, [broken, "VLM config file parsing not successful, check format"]),
+                (application, "none", 1, [
+                    MAIN + "VLM Config Object is created", MAIN + "Offered Data Types Size = 2",
+                    MAIN + "after creating component_client", "Catalog file path not valid."]),
+                (application, malformed, 250, ["catalog file parsing not successful, check format"]),
+                (application, nameless, 0, [
+                    MAIN + "Successfully created the catalog file parser", "Server name from JSON catalog is empty",
+                    *last]),
+                (application, front, 0, ["services.GNSS.positions.instances.front", *last])):
+            with self.subTest(arguments=arguments, catalog=catalog):
+                master = self.start(*arguments, catalog=catalog)
+                self.assertEqual(master.end(), status, master.text())
+                self.assert_in_order(master.lines, expected)
 
 
 class MainLoop(ProcessTest):
-    def test_start_up_keeps_its_order_and_a_stop_ends_it_in_order(self):
+    def test_start_up_keeps_its_order_states_are_confirmed_and_a_stop_ends_it_in_order(self):
         master = self.start("-c", self.application, "-l", self.collector)
         master.wait_for(MAIN + "Sleeping for 30 secs")
+        for state, text in (("kPrepSD", "VLM Application is in kPrepSD state "),
+                            ("kOn", "VLM Application is in kOn state "),
+                            ("kNew", "VLM Application does not know the process state.")):
+            answer = master.ask({"request": "state", "state": state})
+            self.assertEqual(answer["state"], state)
+            for line in ("STATE = " + state, text, "Sent successful confirmation of change of state"):
+                master.wait_for(STATE + line)
         self.assertEqual(master.stop(), 0, master.text())
         self.assert_in_order(master.lines, [
             MAIN + "VLM Config Object is created",
@@ -125,43 +115,19 @@ class MainLoop(ProcessTest):
             " void signal_handler(int32_t) SIGNAL HANDLER HAPPENED= 15",
             MAIN + "Exiting from main"])
 
-    def test_wrong_types_among_the_offered_data_types_are_named_and_left_out(self):
-        application = self.write("odd.json", '{"OfferedDataTypes": ["a", ["b"], 3]}')
-        master = self.start("-c", application, "-l", self.collector)
-        master.wait_for("OfferedDataTypes[1]: a text is expected, found an array")
-        master.wait_for(MAIN + "Offered Data Types Size = 2")
-        master.wait_for(MAIN + "Sleeping for 30 secs")
-        self.assertEqual(master.stop(signal.SIGINT), 0, master.text())
-
-    def test_a_local_configuration_that_is_refused_leaves_the_process_living(self):
-        for content, reason in ((None, "it is empty or cannot be opened"),
-                                ('{"COLLECT": [{"name": "a", "index": "1"}]}', "COLLECT[0].index"),
-                                ("[[", "it was refused")):
-            local = os.path.join(self.folder, "absent.json") if content is None else self.write("local.json", content)
-            master = self.start("-c", self.application, "-l", local)
+    def test_a_configuration_that_is_refused_or_odd_leaves_the_process_living(self):
+        odd = self.write("odd.json", '{"OfferedDataTypes": ["a", ["b"], 3]}')
+        absent = os.path.join(self.folder, "absent.json")
+        wrong = self.write("wrong.json", '{"COLLECT": [{"name": "a", "index": "1"}]}')
+        for local, reason in ((absent, "it is empty or cannot be opened"), (wrong, "COLLECT[0].index")):
+            master = self.start("-c", odd, "-l", local)
+            master.wait_for("OfferedDataTypes[1]: a text is expected, found an array")
+            master.wait_for(MAIN + "Offered Data Types Size = 2")
             master.wait_for(reason)
             master.wait_for("Create Config parser from failed FAILED")
             master.see("Size of All services and Resources = 0")
             master.see(MAIN + "Sleeping for 30 secs")
             self.assertEqual(master.stop(signal.SIGABRT), 0, master.text())
-
-    def test_component_states_are_confirmed_whatever_they_are(self):
-        master = self.start("-c", self.application, "-l", self.collector)
-        master.wait_for(MAIN + "Sleeping for 30 secs")
-        for state, text in (("kPrepSD", "VLM Application is in kPrepSD state "),
-                            ("kOn", "VLM Application is in kOn state "),
-                            ("kNew", "VLM Application does not know the process state.")):
-            answer = master.ask({"request": "state", "state": state})
-            self.assertEqual(answer["state"], state)
-            for line in ("STATE = " + state, text, "Sent successful confirmation of change of state"):
-                master.wait_for(STATE + line)
-        self.assertEqual(master.stop(), 0, master.text())
-
-    def test_backend_mode_starts_the_link_and_ends_on_a_stop(self):
-        master = self.start("-c", self.application)
-        master.wait_for(MAIN + "Sleeping for 30 secs")
-        self.assertEqual(master.stop(), 0, master.text())
-        self.assertNotIn("Size of All services and Resources", master.text())
 
 
 class Stops(ProcessTest):
@@ -184,22 +150,6 @@ class Stops(ProcessTest):
             master.process.send_signal(signal.SIGTERM)
             master.process.send_signal(signal.SIGINT)
         self.assertEqual(master.end(STOP_LIMIT), 0, master.text())
-
-    # Middleware, ingress, dispatch, bus and subscription threads are all at work when main returns.
-    @unittest.skipUnless(VLM_VEHICLE, "no VLM_VEHICLE")
-    def test_while_samples_stream_in(self):
-        port = free_udp_port()
-        vehicle = subprocess.Popen([VLM_VEHICLE, "--services", "GNSS", "--period-ms", "2", "--discovery-port", str(port)],
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(vehicle.wait)
-        self.addCleanup(vehicle.kill)
-        masters = [self.start("-c", self.application, "-l", self.collector, address=f"127.0.0.{part}", port=port)
-                   for part in (21, 22, 23)]
-        for master in masters:
-            for _ in range(20):
-                master.wait_for("Inserting record into collector object")
-            self.assertEqual(master.stop(), 0, master.text()[-4000:])
-            self.assertIn(MAIN + "Exiting from main", master.text())
 
 
 if __name__ == "__main__":

@@ -1,43 +1,33 @@
 #!/usr/bin/env python3
 """The bench of `make run`: it shows reports of all five services, ends cleanly, and works again afterwards.
 
-VLM_BUILD and VLM_SOURCE name the build folder and the checkout, VLM_CATALOG the generated catalog. The vehicle
-and vlmmaster get a faster clock, as nothing ticks faster than once a minute.
+The environment is that of tests/support/processes.py, and VLM_BUILD and VLM_SOURCE, the build folder and the
+checkout. The vehicle and vlmmaster get a faster clock, as nothing ticks faster than once a minute.
 """
 import json
 import os
 import signal
-import socket
 import subprocess
+import sys
 import tempfile
-import time
 import unittest
 from pathlib import Path
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
+from processes import CATALOG, WITH_CATALOG, count_in, free_udp_port, status_of, wait_until  # noqa: E402
+
 SOURCE = Path(os.environ["VLM_SOURCE"])
-BUILD = os.environ["VLM_BUILD"]
-CATALOG = os.environ["VLM_CATALOG"]
-WITH_CATALOG = str(SOURCE / "tests/support/with-catalog")
 DEADLINE = 240  # s for what must come
 FIVE = {"GNSSProxy", "TemperatureProxy", "DrivingRangeProxy", "ChassisProxy", "AirbagProxy"}
 
 
-def free_udp_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 def children_of(pid):
-    result = []
-    for entry in Path("/proc").iterdir():
-        if entry.name.isdigit():
-            try:
-                if int((entry / "stat").read_text().rsplit(")", 1)[1].split()[1]) == pid:
-                    result.append(int(entry.name))
-            except (OSError, IndexError):
-                pass
-    return result
+    def parent(stat):
+        try:
+            return int(stat.read_text().rsplit(")", 1)[1].split()[1])
+        except OSError:
+            return 0  # has ended
+    return [int(stat.parent.name) for stat in Path("/proc").glob("[0-9]*/stat") if parent(stat) == pid]
 
 
 class Bench:
@@ -48,49 +38,39 @@ class Bench:
         self.output = self.folder.parent / (self.folder.name + ".txt")
         with open(self.output, "wb") as out:
             self.process = subprocess.Popen(
-                [WITH_CATALOG, catalog, str(SOURCE / "tools/run/vlm-run"), "--build", BUILD, "--folder", folder,
-                 "--discovery-port", str(free_udp_port()), *arguments],
+                [WITH_CATALOG, catalog, str(SOURCE / "tools/run/vlm-run"), "--build", os.environ["VLM_BUILD"],
+                 "--folder", folder, "--discovery-port", str(free_udp_port()), *arguments],
                 stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT, start_new_session=True)
 
     def text(self):
         return self.output.read_text(errors="replace")
 
-    def reports(self):
-        result = []
+    def count(self, name):
+        return count_in(status_of(self.folder / "vlmmaster.sock"), name)
+
+    def with_samples(self):
+        """The services and resources of which a report has samples."""
+        result = set()
         for path in sorted(self.folder.glob("reports/*.json")):
             try:
-                result.append(json.loads(path.read_text()))
+                report = json.loads(path.read_text())
             except ValueError:
-                pass  # is being written
+                continue  # is being written
+            result |= {(c["serviceName"], c["resourceName"]) for c in report["signalCollections"] or [] if c["samples"]}
         return result
 
-    def status(self):
-        """What vlmmaster says about itself; empty while it does not answer."""
-        try:
-            with socket.socket(socket.AF_UNIX) as peer:
-                peer.settimeout(5)
-                peer.connect(str(self.folder / "vlmmaster.sock"))
-                peer.sendall(b'{"request":"status"}\n')
-                answer = b""
-                while not answer.endswith(b"\n"):
-                    answer += peer.recv(65536) or b"\n"
-            answer = json.loads(answer)
-            return answer.get("status", answer)
-        except (OSError, ValueError):
-            return {}
-
-    def count(self, name):
-        value = self.status()
-        for key in name.split("."):
-            value = value.get(key, {})
-        return value or 0
+    def services_with_samples(self):
+        return {service for service, _ in self.with_samples()}
 
     def wait_until(self, condition, what):
-        end = time.monotonic() + DEADLINE
-        while not condition():
-            if self.process.poll() is not None or time.monotonic() > end:
-                raise AssertionError(f"{what} did not come:\n{self.text()[-4000:]}")
-            time.sleep(0.2)
+        def met():
+            if self.process.poll() is not None:
+                raise AssertionError(f"ended before {what}:\n{self.text()[-4000:]}")
+            return condition()
+        wait_until(met, lambda: f"{what}:\n{self.text()[-4000:]}", DEADLINE, 0.2)
+
+    def wait_for_start(self):
+        self.wait_until(lambda: "Ctrl-C ends them" in self.text(), "the start")
 
     def end(self, number=signal.SIGINT):
         """Exit status; every process that the run has started must be gone then."""
@@ -101,30 +81,31 @@ class Bench:
         return status, left
 
 
-def services_with_samples(reports):
-    return {collection["serviceName"] for report in reports for collection in report["signalCollections"] or []
-            if collection["samples"]}
-
-
 class Run(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
         self.addCleanup(self.folder.cleanup)
 
-    def start(self, *arguments, name="run", **more):
-        bench = Bench(str(Path(self.folder.name) / name), *arguments, **more)
+    def write(self, name, content):
+        path = Path(self.folder.name) / name
+        path.write_text(content)
+        return str(path)
+
+    def start(self, *arguments, **more):
+        bench = Bench(str(Path(self.folder.name) / "run"), *arguments, **more)
         self.addCleanup(lambda: bench.process.poll() is None and bench.process.kill())
         return bench
 
+    def check_end(self, bench, *number):
+        self.assertEqual(bench.end(*number), (0, []), bench.text())
+        self.assertIn("All processes have ended cleanly.", bench.text())
+
     def check_reports_of_all_five(self, *arguments):
         bench = self.start("--speed", "10", *arguments)
-        bench.wait_until(lambda: services_with_samples(bench.reports()) >= FIVE, "samples of all five services")
-        status, left = bench.end()
-        self.assertEqual((status, left), (0, []), bench.text())
-        text = bench.text()
-        self.assertIn("All processes have ended cleanly.", text)
-        self.assertRegex(text, r"Report DriveReport no\. 1 of BenchDrive 1\.0\.0: \S+0001-DriveReport\.json")
-        self.assertRegex(text, r"services 5/5 \| events \d+ \| samples \d+")
+        bench.wait_until(lambda: bench.services_with_samples() >= FIVE, "samples of all five services")
+        self.check_end(bench)
+        self.assertRegex(bench.text(), r"Report DriveReport no\. 1 of BenchDrive 1\.0\.0: \S+0001-DriveReport\.json")
+        self.assertRegex(bench.text(), r"services 5/5 \| events \d+ \| samples \d+")
 
     def test_a_folder_as_backend_gets_reports_with_samples_of_all_five_services(self):
         self.check_reports_of_all_five()
@@ -137,72 +118,54 @@ class Run(unittest.TestCase):
         lines = [line for line in config.read_text().splitlines() if not line.startswith("//")]
         wanted = {(c["serv"] + "Proxy", c["res"]) for c in json.loads("\n".join(lines))["COLLECT"]}
         bench = self.start("--speed", "8", "--config", str(config), "--log-level", "3")
-        seen = set()
-
-        def all_seen():
-            for report in bench.reports():
-                seen.update((c["serviceName"], c["resourceName"]) for c in report["signalCollections"] or [] if c["samples"])
-            return seen >= wanted
-
         try:
-            bench.wait_until(all_seen, "records of every event")
+            bench.wait_until(lambda: bench.with_samples() >= wanted, "records of every event")
         except AssertionError:
-            self.fail(f"no records of {sorted(wanted - seen)}:\n{bench.text()[-2000:]}")
-        status, left = bench.end()
-        self.assertEqual((status, left), (0, []), bench.text()[-2000:])
+            self.fail(f"no records of {sorted(wanted - bench.with_samples())}:\n{bench.text()[-2000:]}")
+        self.check_end(bench)
 
     def test_faults_of_the_vehicle_are_counted_and_survived(self):
-        scenario = Path(self.folder.name) / "faults.json"
-        scenario.write_text(json.dumps({
+        scenario = self.write("faults.json", json.dumps({
             "phases": [{"duration": 600, "set": {"targetSpeed": 50}}],
-            "faults": ["60:truncated GNSS.positions 2", "62:wrong-version Chassis.axes", "64:doubled-member GNSS.positions",
-                       "66:silence Airbag 3", "70:restart", "90:stop Temperature", "94:offer Temperature"]}))
-        bench = self.start("--speed", "8", "--scenario", str(scenario))
+            "faults": ["60:truncated GNSS.positions 2", "62:wrong-version Chassis.axes",
+                       "64:doubled-member GNSS.positions", "66:silence Airbag 3", "70:restart", "90:stop Temperature", "94:offer Temperature"]}))
+        bench = self.start("--speed", "8", "--scenario", scenario)
         for name, least in (("someip.truncated", 2), ("someip.wrongVersion", 1), ("someip.doubledMembers", 1),
                             ("someip.sd.reboots", 1)):
             bench.wait_until(lambda: bench.count(name) >= least, name)
         before = bench.count("samples.received")
         bench.wait_until(lambda: bench.count("samples.received") > before + 200, "samples after the restart")
-        bench.wait_until(lambda: services_with_samples(bench.reports()) >= FIVE, "samples of all five services")
-        self.assertIn("Violation of [PRS_SOMEIP_00900]", (bench.folder / "logs/vlmmaster.txt").read_text(errors="replace"))
-        status, left = bench.end()
-        self.assertEqual((status, left), (0, []), bench.text())
+        bench.wait_until(lambda: bench.services_with_samples() >= FIVE, "samples of all five services")
+        log = bench.folder / "logs/vlmmaster.txt"
+        self.assertIn("Violation of [PRS_SOMEIP_00900]", log.read_text(errors="replace"))
+        self.check_end(bench)
 
-    def test_it_ends_by_itself_and_a_second_run_in_the_same_folder_works(self):
-        for _ in range(2):
-            bench = self.start("--duration", "3")
+    def test_it_ends_by_itself_and_puts_the_catalog_in_its_place_whatever_was_there(self):
+        other = self.write("other.json", '{"meta": {"vlmVersion": "old"}, "services": {}}')
+        for catalog, told in ((other, "differs; the one that was there is kept as "
+                                      "/etc/VLM_Available_Signals_Catalog_20210311.json.bak-"),
+                              ("none", "Putting the signal catalog to")):
+            bench = self.start("--duration", "2", catalog=catalog)  # the second time in the same folder
             self.assertEqual(bench.process.wait(60), 0, bench.text())
+            self.assertIn(told, bench.text())
             self.assertIn("All processes have ended cleanly.", bench.text())
-            self.assertTrue((bench.folder / "machine-manifest.json").exists())
 
     def test_a_stop_while_everything_starts_leaves_nothing_behind(self):
         bench = self.start()
-        bench.wait_until(lambda: "Ctrl-C ends them" in bench.text(), "the start")
-        status, left = bench.end(signal.SIGTERM)
-        self.assertEqual((status, left), (0, []), bench.text())
-
-    def test_a_catalog_that_differs_is_kept_aside_and_one_that_is_missing_is_put_there(self):
-        other = Path(self.folder.name) / "other.json"
-        other.write_text('{"meta": {"vlmVersion": "old"}, "services": {}}')
-        bench = self.start("--duration", "1", catalog=str(other))
-        self.assertEqual(bench.process.wait(60), 0, bench.text())
-        self.assertIn("differs; the one that was there is kept as /etc/VLM_Available_Signals_Catalog_20210311.json.bak-",
-                      bench.text())
-        bench = self.start("--duration", "1", name="none", catalog="none")
-        self.assertEqual(bench.process.wait(60), 0, bench.text())
-        self.assertIn("Putting the signal catalog to", bench.text())
+        bench.wait_for_start()
+        self.check_end(bench, signal.SIGTERM)
 
     def test_a_configuration_that_is_not_good_is_refused_before_anything_starts(self):
-        bad = Path(self.folder.name) / "bad.json"
-        bad.write_text((SOURCE / "examples/collector.json").read_text().replace('"GNSS"', '"GNSSProxy"', 1))
-        bench = self.start("--config", str(bad))
+        good = (SOURCE / "examples/collector.json").read_text()
+        bad = self.write("bad.json", good.replace('"GNSS"', '"GNSSProxy"', 1))
+        bench = self.start("--config", bad)
         self.assertEqual(bench.process.wait(60), 1, bench.text())
         self.assertIn('the catalog has no service "GNSSProxy"', bench.text())
         self.assertFalse((bench.folder / "logs").exists())
 
     def test_a_process_that_dies_is_told_and_ends_the_run(self):
         bench = self.start()
-        bench.wait_until(lambda: "Ctrl-C ends them" in bench.text(), "the start")
+        bench.wait_for_start()
         vehicle = [pid for pid in children_of(bench.process.pid)
                    if Path(f"/proc/{pid}/comm").read_text().strip() == "vlm-vehicle"]
         os.kill(vehicle[0], signal.SIGKILL)
