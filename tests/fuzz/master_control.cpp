@@ -43,7 +43,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         const std::string line = in.line();
         if (line.starts_with("!")) {
             const std::int32_t answer = line.size() > 1 ? line[1] - 'a' : 0;
-            client.answerSends([answer](const kyo::Json::Value&) { return answer; });
+            client.answerSends([answer] { return answer; });
             kyo::Json::Value report = vlmTest::report(line);
             const std::size_t before = client.sends();
             const bool permitted = server().isAnythingPermitted();

@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "Fuzzing.h"
+#include "Messages.h"
 #include "someip/ServiceDiscovery.h"
 
 using namespace someip;
@@ -97,12 +97,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                 header.service = kSdService;
                 header.method = kSdMethod;
                 header.session = ++session == 0 ? ++session : session;
-                header.interfaceVersion = 1;
-                header.length = static_cast<std::uint32_t>(kLengthCovers + body.size());
-                std::vector<std::uint8_t> bytes(kHeaderSize);
-                writeHeader(header, bytes.data());
-                bytes.insert(bytes.end(), body.begin(), body.end());
-                discovery.onDatagram(from, multicast, bytes, now, error);
+                discovery.onDatagram(from, multicast, vlmFuzz::messageOf(header, body), now, error);
                 break;
             }
             case 2:

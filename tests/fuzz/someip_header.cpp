@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "Fuzzing.h"
+#include "Messages.h"
 #include "someip/EventDispatcher.h"
 
 using namespace someip;
@@ -21,20 +21,6 @@ constexpr ac::com::EventInterface kEvents[] = {{"first", 0x8001, 1}, {"second", 
 constexpr Endpoint kPeers[] = {
     {0x7F000002, 40000}, {0x7F000002, 40001}, {0x7F000003, 40000}, {0x0A000001, 1}};
 constexpr ReassemblyLimits kLimits{4096, 12288, 4, 500ms};
-
-std::vector<std::uint8_t> message(std::uint16_t event, std::uint16_t session, bool segmented, Bytes payload) {
-    Header header;
-    header.service = kService.serviceId;
-    header.method = event;
-    header.session = session;
-    header.interfaceVersion = kService.majorVersion;
-    header.length = static_cast<std::uint32_t>(kLengthCovers + payload.size());
-    header.type |= segmented ? kSegmentFlag : 0;
-    std::vector<std::uint8_t> bytes(kHeaderSize);
-    writeHeader(header, bytes.data());
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
-}
 
 void hear(Input in) {
     const std::atomic<bool> stop{false};
@@ -61,10 +47,12 @@ void hear(Input in) {
             }
             case 1:
             case 2: {
-                const std::uint16_t event = kEvents[op >> 7].eventId;
-                const auto session = in.byte();
-                const auto bytes = message(event, session, (op & 3) == 2, in.take(in.byte()));
-                dispatcher.onDatagram(from, bytes, now);
+                Header header;
+                header.service = kService.serviceId;
+                header.method = kEvents[op >> 7].eventId;
+                header.session = in.byte();
+                header.type |= (op & 3) == 2 ? kSegmentFlag : 0;
+                dispatcher.onDatagram(from, vlmFuzz::messageOf(header, in.take(in.byte())), now);
                 break;
             }
             case 3:

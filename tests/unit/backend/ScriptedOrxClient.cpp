@@ -9,6 +9,13 @@ ScriptedClient& ScriptedClient::current() {
     return *instance;
 }
 
+void ScriptedClient::reset() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_answer = nullptr;
+    m_envelopes.clear();
+    m_requests = 0;
+}
+
 void ScriptedClient::answerSends(std::function<std::int32_t()> answer) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_answer = std::move(answer);
@@ -43,11 +50,7 @@ namespace kyo {
 using vlmTest::ScriptedClient;
 
 OrxClient::OrxClient(std::string, std::vector<std::string>) {
-    ScriptedClient& client = ScriptedClient::current();
-    const std::lock_guard<std::mutex> lock(client.m_mutex);
-    client.m_answer = nullptr;
-    client.m_envelopes.clear();
-    client.m_requests = 0;
+    ScriptedClient::current().reset();
 }
 OrxClient::~OrxClient() = default;
 void OrxClient::registerMasterControlCallback(JsonCallback callback) {

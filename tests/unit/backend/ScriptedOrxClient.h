@@ -18,6 +18,8 @@ class ScriptedClient {
   public:
     static ScriptedClient& current();
 
+    /// As made anew, but for its callback: nothing was sent, and each send succeeds.
+    void reset();
     /// Answers the sends; called without a lock. Without one each send succeeds.
     void answerSends(std::function<std::int32_t()> answer);
     std::vector<kyo::Json::Value> envelopes() const;
