@@ -1,8 +1,10 @@
 /// Every event of every described service, from a skeleton through real sockets and the service's adapter to
-/// the record that enters the pipeline. Driven by the descriptions; the law table counts the result.
+/// the record that enters the pipeline, and the catalog that offers it. Driven by the descriptions; the law
+/// counts the result.
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -127,6 +129,11 @@ class EventUnderTest {
         return values;
     }
 
+    /// What a record of that key value holds besides the key; of an unkeyed event, all members.
+    const std::vector<std::string>& fieldsOf(std::int64_t instance) const {
+        return m_event.key().empty() ? m_event.members() : m_event.writers().at(static_cast<int>(instance));
+    }
+
     std::string collector(std::int64_t instance) const {
         return "collector of " + m_event.name() + " " + std::to_string(instance);
     }
@@ -147,11 +154,8 @@ class EventUnderTest {
     }
 
     std::vector<std::string> written(std::int64_t instance) const {
-        if (m_event.key().empty()) {
-            return m_event.members();
-        }
-        auto fields = m_event.writers().at(static_cast<int>(instance));
-        fields.push_back(m_event.key());
+        auto fields = fieldsOf(instance);
+        fields.push_back(keyName());
         return fields;
     }
 
@@ -240,6 +244,19 @@ void expectLawful(const vlmTest::LawfulEvent& lawful, const std::vector<Value>& 
     }
 }
 
+/// Whether a configuration can ask for what the records hold, instance by instance.
+void expectInCatalog(const Value& resource, const EventUnderTest& one) {
+    EXPECT_EQ(resource["someipKeyProperty"].asString(), one.keyName());
+    EXPECT_EQ(resource["instances"].size(), one.instances().size());
+    for (const std::int64_t instance : one.instances()) {
+        std::vector<std::string> properties;
+        for (const Value& entry : resource["instances"][std::to_string(instance)]) {
+            properties.push_back(entry["property"].asString());
+        }
+        EXPECT_EQ(properties, one.fieldsOf(instance)) << instance;
+    }
+}
+
 TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKey) {
     // Never ended: the adapters' proxies live as long as the process.
     new ac::com::runtime::Component_singleton(
@@ -267,6 +284,10 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
 
     const auto law = vlmTest::lawfulEvents();
     EXPECT_EQ(events.size(), law.size());
+    Value catalog;
+    std::ifstream file(VLM_CATALOG_FILE);
+    ASSERT_TRUE(kyo::Json::Reader().parse(file, catalog));
+    std::size_t registered = 0;
     // One event after the other, so that no socket buffer has to hold all of them.
     for (const auto& one : events) {
         SCOPED_TRACE(one->serviceName() + " " + one->event().name());
@@ -285,7 +306,25 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
         });
         ASSERT_NE(lawful, law.end());
         expectLawful(*lawful, records);
+        if (lawful->registryKey != "-") {
+            const std::string name = one->serviceName().substr(0, one->serviceName().rfind("Proxy"));
+            expectInCatalog(catalog["services"][name][lawful->event], *one);
+            ++registered;
+        }
+        for (const auto& row : vlmTest::readLaw("written_fields")) {
+            if (row.at(0) == lawful->adapter && row.at(1) == lawful->event) {
+                EXPECT_EQ(one->fieldsOf(std::stoi(row.at(2))), vlmTest::splitText(row.at(3), ' '));
+            }
+        }
+        if (lawful->event == "additionalRadarInformation") {
+            EXPECT_THAT(one->fieldsOf(1), testing::Contains("unvailability")) << "misspelled on purpose";
+        }
     }
+    std::size_t offered = 0;
+    for (const Value& service : catalog["services"]) {
+        offered += service.size();
+    }
+    EXPECT_EQ(offered, registered);
 }
 
 }  // namespace

@@ -8,25 +8,9 @@ import textwrap
 from pathlib import Path
 
 SOURCE = Path(os.environ.get("VLM_SOURCE_DIR", Path(__file__).resolve().parents[3]))
-LAW = SOURCE / "tests" / "unit" / "bindings" / "law"
 GENERATE = SOURCE / "codegen" / "generate.py"
 
 sys.path.insert(0, str(SOURCE / "codegen"))
-
-
-def law(name):
-    """The rows of one table of the law, as lists of cells."""
-    lines = (LAW / f"{name}.psv").read_text(encoding="utf-8").splitlines()
-    return [line.split("|") for line in lines if line and not line.startswith("#")]
-
-
-def key_values(text):
-    """[1, 2, 3, 7] for '1-3 7'."""
-    result = []
-    for part in text.split():
-        first, _, last = part.partition("-")
-        result += range(int(first), int(last or first) + 1)
-    return result
 
 
 def generate(folder, *arguments):
