@@ -27,8 +27,8 @@ namespace kyo {
 
 namespace {
 
-constexpr std::size_t kMaxLines = 16'384;
-constexpr std::size_t kMaxBytes = 4u << 20;
+constexpr std::size_t kMaxLines = 65'536;
+constexpr std::size_t kMaxBytes = 16u << 20;
 constexpr auto kFlushLimit = std::chrono::milliseconds(500);
 
 class Writer {

@@ -21,8 +21,8 @@ namespace ara::log {
 
 namespace {
 
-constexpr std::size_t kMaxWaiting = 16'384;
-constexpr std::size_t kMaxWaitingBytes = 4u << 20;
+constexpr std::size_t kMaxWaiting = 65'536;
+constexpr std::size_t kMaxWaitingBytes = 16u << 20;
 constexpr std::size_t kMessagesAtATime = 512;
 constexpr int kPipeBytes = 1 << 20;
 constexpr auto kProbePeriod = std::chrono::milliseconds(500);

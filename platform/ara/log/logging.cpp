@@ -30,8 +30,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::size_t kQueueLines = 16'384;
-constexpr std::size_t kQueueBytes = 8u << 20;
+constexpr std::size_t kQueueLines = 65'536;
+constexpr std::size_t kQueueBytes = 16u << 20;
 constexpr std::size_t kBigBatch = 256;
 constexpr auto kGatherTime = milliseconds(1);
 constexpr auto kFlushLimit = milliseconds(600);
