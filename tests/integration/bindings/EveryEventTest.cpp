@@ -10,6 +10,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <typeinfo>
 #include <vector>
 
 #include "ac/com/runtime/component.h"
@@ -262,6 +263,13 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     new ac::com::runtime::Component_singleton(
         true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
     auto made = makeRegisteredAdapters();
+    const auto registry = vlmTest::readLaw("registry");
+    ASSERT_EQ(made.size(), registry.size());
+    for (std::size_t place = 0; place < made.size(); ++place) {
+        EXPECT_EQ(made[place].first, registry[place].at(1));
+        const BaseServiceObject& adapter = *made[place].second;
+        EXPECT_THAT(typeid(adapter).name(), testing::HasSubstr(registry[place].at(2)));
+    }
     made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
     made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
     made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));

@@ -1,4 +1,4 @@
-/// All services, reached by reflection, and their adapters against the law.
+/// The data types of all services, reached by reflection.
 #include <gmock/gmock.h>
 
 #include <rttr/type>
@@ -8,25 +8,11 @@
 #include "qdr/services/gnss/datatypes.h"
 #include "qdr/services/registration.h"
 #include "services/Resource.h"
-#include "services/adapters/RegisteredAdapters.h"
 #include "tests/unit/bindings/Law.h"
 
 namespace {
 
 using namespace qdr::services;
-
-TEST(DescribedServices, AdaptersAreMadeInTheOrderOfTheRegistry) {
-    std::vector<std::string> made;
-    for (const auto& [name, adapter] : vlmProd::makeRegisteredAdapters()) {
-        made.push_back(name);
-        EXPECT_NE(adapter, nullptr) << name;
-    }
-    std::vector<std::string> lawful;
-    for (const auto& row : vlmTest::readLaw("registry")) {
-        lawful.push_back(row.at(1));
-    }
-    EXPECT_EQ(made, lawful);
-}
 
 TEST(DescribedServices, EveryDataTypeIsRegisteredWithItsFields) {
     registerAllTypes();

@@ -153,7 +153,7 @@ TEST(Rules, name_events_fields_and_enumerators_that_are_described) {
     EXPECT_THAT(wrong, testing::IsEmpty());
 }
 
-TEST(Samples, of_every_event_are_whole_and_can_be_sent) {
+TEST(Samples, of_every_event_and_key_come_and_can_be_sent) {
     SampleMaker maker;
     std::map<std::string, std::set<int>> keysOf;
     throughAllStories([&](const VehicleState& state, const std::string&) {
@@ -163,14 +163,7 @@ TEST(Samples, of_every_event_are_whole_and_can_be_sent) {
         for (const auto& [path, event] : AllServices::get().events) {
             const auto samples = maker.make(path.substr(0, path.find('.')), *event, state, wallMs);
             for (const auto& sample : samples) {
-                const int key = static_cast<int>(number(sample.at(keyField(*event).name)));
-                keysOf[path].insert(key);
-                const auto writer = event->writers().find(key);
-                for (const auto& field : event->key().empty()               ? event->members()
-                                         : writer != event->writers().end() ? writer->second
-                                                                            : std::vector<std::string>()) {
-                    ASSERT_EQ(sample.count(field), 1U) << path << "." << field;
-                }
+                keysOf[path].insert(static_cast<int>(number(sample.at(keyField(*event).name))));
             }
             ASSERT_TRUE(event->send(samples)) << path << ": " << event->error();
         }
