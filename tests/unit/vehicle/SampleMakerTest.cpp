@@ -47,11 +47,6 @@ const FieldInfo* fieldOf(const DescribedEvent& event, const std::string& name) {
     return nullptr;
 }
 
-bool hasEnumerator(const FieldInfo& field, const std::string& name) {
-    return std::any_of(field.enumerators.begin(), field.enumerators.end(),
-                       [&](const auto& e) { return name == e.name; });
-}
-
 const FieldInfo& keyField(const DescribedEvent& event) {
     return *fieldOf(event, event.key().empty() ? event.members().front() : event.key());
 }
@@ -111,11 +106,10 @@ std::map<std::string, FieldValues> samplesOf(const VehicleState& state, const st
     return result;
 }
 
-// What a rule names wrong would be left out, or another value would be sent in its place.
-TEST(Rules, name_events_fields_and_enumerators_that_are_described) {
-    const auto& book = RuleBook::standard();
+// What a rule names wrong would be left out.
+TEST(Rules, name_events_and_fields_that_are_described) {
     const auto& events = AllServices::get().events;
-    for (const auto& name : book.names()) {
+    for (const auto& name : RuleBook::standard().names()) {
         const auto dot = name.rfind('.');
         const auto event = events.find(name.substr(0, dot));
         ASSERT_NE(event, events.end()) << name;
@@ -123,34 +117,6 @@ TEST(Rules, name_events_fields_and_enumerators_that_are_described) {
             EXPECT_NE(fieldOf(*event->second, name.substr(dot + 1)), nullptr) << name;
         }
     }
-    std::set<std::string> wrong;
-    throughAllStories([&](const VehicleState& state, const std::string& where) {
-        for (const auto& [path, event] : events) {
-            const auto& key = keyField(*event);
-            if (const KeysRule* rule = book.keysRule(path)) {
-                for (const auto& name : (*rule)(state)) {
-                    if (!hasEnumerator(key, name)) {
-                        wrong.insert(path + ": " + name);
-                    }
-                }
-            }
-            for (const auto& field : event->fields()) {
-                const Rule* rule = field.enumerators.empty() ? nullptr : book.rule(path, field.name);
-                for (const auto& [name, value] : key.enumerators) {
-                    if (rule == nullptr) {
-                        continue;
-                    }
-                    const auto reading =
-                        (*rule)({state, state.controls, field, static_cast<int>(value), name, wallMs, 1});
-                    const auto* chosen = std::get_if<std::string>(&reading.value);
-                    if (chosen == nullptr || !hasEnumerator(field, *chosen)) {
-                        wrong.insert(path + "." + field.name + " of " + name + " in " + where);
-                    }
-                }
-            }
-        }
-    });
-    EXPECT_THAT(wrong, testing::IsEmpty());
 }
 
 TEST(Samples, of_every_event_and_key_come_and_can_be_sent) {
