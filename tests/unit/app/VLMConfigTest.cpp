@@ -90,11 +90,13 @@ TEST_F(VLMConfigTest, typed_look_ups_answer_the_default_for_another_type) {
     EXPECT_TRUE(m_log.has(3, "Long: 5000000000 is out of the range of a 32-bit number"));
     EXPECT_EQ(m_config.getLong("Long"), 5000000000LL);
     EXPECT_EQ(m_config.getLong("Huge", 9), 9);
+    EXPECT_EQ(m_config.getLong("Flag", 9), 9);
     EXPECT_TRUE(m_config.getBool("Flag"));
     EXPECT_TRUE(m_config.getBool("Int", true));
     EXPECT_DOUBLE_EQ(m_config.getDouble("Int"), -3.0);
     EXPECT_DOUBLE_EQ(m_config.getDouble("Text", 0.5), 0.5);
     EXPECT_EQ(m_config.getString("Int", "d"), "d");
+    EXPECT_EQ(m_config.getAsString("Int"), "-3");
     EXPECT_EQ(m_config.getAsString("Huge"), "18446744073709551615");
     EXPECT_EQ(m_config.getAsString("Real"), "1.23457e+06");
     EXPECT_EQ(m_config.getAsString("Text"), "t");

@@ -16,16 +16,6 @@ void ScriptedClient::reset() {
     m_requests = 0;
 }
 
-void ScriptedClient::answerSends(std::function<std::int32_t()> answer) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_answer = std::move(answer);
-}
-
-std::vector<kyo::Json::Value> ScriptedClient::envelopes() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_envelopes;
-}
-
 kyo::Json::Value report(const std::string& name, int number, const std::string& created) {
     kyo::Json::Value value(kyo::Json::objectValue);
     value["reportName"] = name;

@@ -21,8 +21,14 @@ class ScriptedClient {
     /// As made anew, but for its callback: nothing was sent, and each send succeeds.
     void reset();
     /// Answers the sends; called without a lock. Without one each send succeeds.
-    void answerSends(std::function<std::int32_t()> answer);
-    std::vector<kyo::Json::Value> envelopes() const;
+    void answerSends(std::function<std::int32_t()> answer) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_answer = std::move(answer);
+    }
+    std::vector<kyo::Json::Value> envelopes() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_envelopes;
+    }
     std::size_t sends() const { return envelopes().size(); }
     int requests() const { return m_requests; }
     /// Calls back on the calling thread, which so plays the client's.

@@ -145,5 +145,12 @@ TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
     callback->setOnEventCallback([](Message) {});
 }
 
+TEST(Subscriber, RaisesWhatItsWiringLacks) {
+    Message message;
+    EXPECT_THROW(EventSubscriberCallback().executeOnEventCallback(message), std::bad_function_call);
+    EXPECT_THROW(EventSubscriber().sendMessage(message), std::bad_function_call);
+    EXPECT_THROW(SubscriberImpl().addSubscriber(Message::OnEvent), std::bad_weak_ptr);
+}
+
 }  // namespace
 }  // namespace vlmProd
