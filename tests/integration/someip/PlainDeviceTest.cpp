@@ -76,6 +76,7 @@ TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
         device->events->sendTo(receiver, {good.data(), size}, true);
         device->discovery->sendTo(from, {good.data(), size}, true);
     }
+    device->discovery->sendTo(from, good, true);
     const std::vector<std::uint8_t> garbage(65507, 0xFF);
     device->events->sendTo(receiver, garbage, true);
     device->discovery->sendTo(from, garbage, true);

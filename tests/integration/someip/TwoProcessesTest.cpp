@@ -118,7 +118,7 @@ TEST_F(ClientAndServer, ARefusedSubscriptionIsAcceptedLater) {
     server.readings.setSubscriptionPolicy([admit](const std::string&) { return admit->load(); });
     startBoth();
     ASSERT_TRUE(client.connect());
-    ASSERT_TRUE(log.waitFor("subscription refused by the service", 1));
+    ASSERT_TRUE(log.waitFor("subscription refused by the service", 2));
     EXPECT_FALSE(client.readings->subscribed());
     EXPECT_EQ(server.readings.subscribers(), 0u);
     *admit = true;
@@ -151,6 +151,9 @@ TEST_F(ClientAndServer, EachFaultIsCountedAtItsPlaceAndTheNextSampleArrives) {
     server.readings.SendFaulty({numbered(777)}, {Kind::UnknownMember});
     ASSERT_TRUE(eventually([&] { return client.numbers().back() == 777; }))
         << "an unknown member does no harm";
+    server.readings.SendFaulty({}, {Kind::TruncatedStructure});
+    server.readings.SendFaulty({Reading{}}, {Kind::TruncatedStructure});
+    ASSERT_TRUE(server.sendUntilReceived(client, number));
     ASSERT_FALSE(log.messages(3).empty());
     EXPECT_THAT(log.messages(3)[0],
                 HasSubstr("Violation of [PRS_SOMEIP_00900]: Record length given by sender"));

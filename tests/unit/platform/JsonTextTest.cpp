@@ -92,13 +92,3 @@ TEST(JsonText, WhatIsNestedTooDeepIsRefusedBothWaysWithoutAnException) {
     EXPECT_TRUE(result.isNull());
     EXPECT_FALSE(reader.getFormattedErrorMessages().empty());
 }
-
-TEST(JsonText, TheReaderTakesOneDocumentWithComments) {
-    kyo::Json::Reader reader;
-    Value result;
-    EXPECT_TRUE(reader.parse("{\"a\": 1} // why\n", result));
-    EXPECT_FALSE(reader.parse("{\"a\": 1} {}", result));
-    EXPECT_FALSE(reader.parse("{\n\"a\": ]", result));
-    EXPECT_NE(reader.getFormattedErrorMessages().find("Line 2"), std::string::npos);
-    EXPECT_FALSE(reader.parse("", result));
-}

@@ -39,12 +39,15 @@ class TestClient {
     explicit TestClient(const std::string& path) {
         const auto address = addressOf(path);
         EXPECT_EQ(::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        const timeval limit{20, 0};
-        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        const timeval reading{20, 0};
+        ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &reading, sizeof reading);
+        const timeval writing{0, 300'000};
+        ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &writing, sizeof writing);
     }
 
-    bool send(const std::string& text, int flags = 0) {
-        return ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL | flags) > 0;
+    /// False when the server takes nothing any more.
+    bool send(const std::string& text) {
+        return ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL) > 0;
     }
     void finishSending() { ::shutdown(m_socket, SHUT_WR); }
 
@@ -200,10 +203,13 @@ TEST_F(StateServerTest, AClientThatDawdlesOrReadsNothingHoldsUpNobodyAndIsLetGoO
     StateServerLimits limits;
     limits.idle = std::chrono::milliseconds(150);
     serve(limits);
+    TestClient waiting(path());
+    requestLater(waiting);
     TestClient slow(path());
     slow.send("{\"request\":");
     expectAlive();
     EXPECT_EQ(slow.line(), "<closed>");
+    EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::Sent) << "who waits is not idle";
 
     m_server.reset();
     serve();
@@ -213,7 +219,7 @@ TEST_F(StateServerTest, AClientThatDawdlesOrReadsNothingHoldsUpNobodyAndIsLetGoO
         many += kStatus + "\n";
     }
     int sent = 0;
-    while (sent < 2000 && greedy.send(many, MSG_DONTWAIT)) {
+    while (sent < 2000 && greedy.send(many)) {
         ++sent;
     }
     EXPECT_LT(sent, 2000) << "what is not read must stop what can be asked";

@@ -75,8 +75,11 @@ TEST_F(SdClientSteps, AFindIsDelayedAndRepeatedWithDoublingDelayUntilAnOfferCome
     EXPECT_THAT(client().offered(kAnyOf1), SizeIs(1));
     EXPECT_THAT(client().offered({1, 2, 1}), IsEmpty());
     EXPECT_THAT(client().offered({1, kAnyInstance, 2}), IsEmpty()) << "another major version";
-    advance(1s);
+    advance(2s);
     EXPECT_THAT(takeSent(), IsEmpty());
+    advance(1100ms);
+    EXPECT_THAT(observer.take(), ElementsAre("down 1.1"));
+    EXPECT_THAT(takeSent(), Contains("find 1.65535")) << "it is searched again";
 }
 
 TEST_F(SdClientSteps, AnOfferIsAnsweredBySubscriptionsInTheSameStepAndOneMessage) {
@@ -176,8 +179,8 @@ TEST_F(SdClientSteps, AMissingAnswerOrARefusalIsTriedAgainAtOffersWithGrowingDel
     ASSERT_THAT(takeSent(), ElementsAre("subscribe 1.1/1"));
     hearAcknowledgement();
     EXPECT_EQ(client().state(kGroup1), SubscriptionState::Acknowledged);
-    hearOffer();
-    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1")) << "once accepted, no back-off is left";
+    hearAcknowledgement(1, 0);
+    EXPECT_EQ(triedAfter(true).at(0), 1) << "once accepted, no back-off is left";
 }
 
 TEST_F(SdClientSteps, ATtlWithoutEndLastsUntilTheRebootAndARefusalIsTriedAgainEvenWithoutFurtherOffers) {

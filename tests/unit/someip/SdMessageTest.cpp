@@ -64,8 +64,12 @@ TEST(SdMessages, ContradictionsAreRefused) {
     EXPECT_FALSE(readDiscovery(with(45, 0xFF), message)) << "an option longer than the options";
     EXPECT_FALSE(readDiscovery(with(45, 0x00), message)) << "an option of nothing";
     EXPECT_FALSE(readDiscovery(with(59, 0x08), message)) << "an IPv4 endpoint of eight bytes";
+    EXPECT_FALSE(readDiscovery(with(60, 0x06), message)) << "an IPv6 endpoint of nine bytes";
     EXPECT_FALSE(readDiscovery(with(27, 0x30), message)) << "a run of options that ends behind them";
     EXPECT_FALSE(readDiscovery(with(25, 0x02), message)) << "a run of options that starts behind them";
+    Bytes cut(kOffer.begin(), kOffer.begin() + 24);
+    storeBig(&cut[4], std::uint32_t{16});
+    EXPECT_FALSE(readDiscovery(cut, message)) << "no entries";
 }
 
 TEST(SdMessages, UnknownEntriesAndOptionsArePassedOver) {

@@ -82,6 +82,7 @@ TEST_F(Joining, AnOverlapOrAContradictionDropsTheSet) {
         {content(64, true, a), content(32, false, a)},                       // an end before what is there
         {content(64, false, a), content(128, false, a)},                     // two ends
         {content(64, false, a), content(64, true, a)},                       // an end that is none
+        {content(0, true, a), content(0, false, a)},                         // an end where more was promised
         {content(0, true, Bytes(17, 1))},                                    // no multiple of 16
     };
     std::uint16_t session = 0;
