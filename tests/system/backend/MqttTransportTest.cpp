@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -221,6 +221,27 @@ TEST_F(MqttBackendTest, gives_up_an_envelope_beyond_the_brokers_limit_and_opens_
         EXPECT_EQ(vehicle.transport().send(envelope("small")), 0);
         EXPECT_TRUE(backend.awaits("test/vehicle/data", 1));
     }
+}
+
+TEST_F(MqttBackendTest, tells_of_a_wrong_password_once_and_enters_when_it_is_right) {
+    const vlmTest::TemporaryFolder folder;
+    const auto accessFor = [&folder](const std::string& password) {
+        const std::string file = folder.write("passwords", "vehicle:" + password + "\n");
+        EXPECT_EQ(std::system(("mosquitto_passwd -U " + file).c_str()), 0);
+        return "allow_anonymous false\npassword_file " + file + "\n";
+    };
+    Broker broker(m_port, accessFor("right"));
+    m_settings.user = "vehicle";
+    m_settings.password = "wrong";
+    const Vehicle vehicle(m_settings);
+    ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
+    broker.restart(accessFor("wrong"));
+    ASSERT_TRUE(m_log.waitFor("connected to the broker"));
+    std::size_t refused = 0;
+    for (const auto& message : m_log.messages(3)) {
+        refused += message.find("Not authorized") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(refused, 1u);
 }
 
 TEST_F(MqttBackendTest, speaks_tls_only_with_a_broker_whose_certificate_holds) {
