@@ -29,6 +29,8 @@ struct ClientAndServer : ::testing::Test {
     }
 
     LogCapture log{7};
+    std::mutex guard;
+    std::vector<std::string> told;  ///< guarded by guard; who came and went
     someip::Runtime clientSide;
     someip::Runtime serverSide;
     MeterServer server{serverSide};
@@ -56,8 +58,6 @@ TEST_F(ClientAndServer, SamplesArriveAsTheyWereSentAndInOrderLargeOnesInSegments
 }
 
 TEST_F(ClientAndServer, OnlySubscribedEventsAreSentAndTheServerIsToldWhoComesAndGoes) {
-    std::mutex guard;
-    std::vector<std::string> told;
     server.readings.setSubscriptionHandler([&](const std::string& peer, bool subscribed) {
         const std::lock_guard lock(guard);
         told.push_back(peer + (subscribed ? " came" : " went"));
