@@ -5,7 +5,6 @@
 
 using namespace vlmTest;
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 namespace {
 
