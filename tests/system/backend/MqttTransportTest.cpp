@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "Processes.h"
-#include "kyo/Status.h"
 #include "kyo/orx/MqttConnection.h"
 #include "kyo/orx/MqttTransport.h"
 #include "tests/support/Eventually.h"
@@ -111,14 +110,11 @@ TEST_F(MqttBackendTest, carries_messages_both_ways_and_ignores_what_is_not_json_
     backend.say("test/vehicle/mastercontrol", text(masterControl("stale", {"TypeA"}, 0, 1)), true);
     ASSERT_TRUE(backend.awaits("test/vehicle/mastercontrol", 1));
     Vehicle vehicle(m_settings);
-    ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
-    EXPECT_EQ(backend.on("test/vehicle/status")[0], kOnline);
     ASSERT_TRUE(m_log.waitFor("test/vehicle/mastercontrol: ignored, as it was retained"));
     for (const char* wrong : {"", "{\"half\":", "\xff\xfe", "{} {}"}) {
         backend.say("test/vehicle/mastercontrol", wrong);
-        backend.say("test/vehicle/config/response", wrong);
     }
-    EXPECT_TRUE(m_log.waitFor("ignored, as it is not JSON", 8));
+    EXPECT_TRUE(m_log.waitFor("ignored, as it is not JSON", 4));
     backend.say("test/vehicle/mastercontrol", text(kOpening));
     ASSERT_TRUE(vehicle.awaitControls(1));
     EXPECT_EQ(vehicle.controls()[0], kOpening);
@@ -154,34 +150,19 @@ TEST_F(MqttBackendTest, is_shown_offline_by_the_broker_when_lost_and_says_so_its
     EXPECT_EQ(late.on("test/vehicle/status")[0], kOffline) << "it is retained";
 }
 
-TEST_F(MqttBackendTest, keeps_what_fits_while_the_broker_is_away_and_tells_each_change_once) {
+TEST_F(MqttBackendTest, gives_up_what_waited_for_a_broker_that_came_back_with_a_lower_limit) {
     Broker broker(m_port);
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(m_log.waitFor("connected to the broker"));
     broker.stop();
     ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
-    EXPECT_EQ(vehicle.transport().send(envelope("kept")), 0);
     EXPECT_EQ(vehicle.transport().send(envelope("big", 30000)), 0);
-    m_log.clear();
-    ASSERT_TRUE(vlmTest::waitForListener(m_port, false));
-
-    const auto reconnects = kyo::Status::counter("orx.reconnects").value();
     broker.restart("allow_anonymous true\nmax_packet_size 20000\n");
     Observer backend(m_settings);
-    ASSERT_TRUE(m_log.waitFor("connected to the broker"));
     EXPECT_TRUE(m_log.waitFor("1 unsent messages are given up"));
-    EXPECT_EQ(kyo::Status::counter("orx.reconnects").value(), reconnects + 1);
-    EXPECT_EQ(m_log.messages(5).size(), 1u);
-    std::size_t losses = 0;
-    for (const auto& message : m_log.messages(3)) {
-        losses += message.find("no connection to the broker") != std::string::npos ? 1 : 0;
-    }
-    EXPECT_LE(losses, 2u) << "the cause may change once, from lost to refused";
     EXPECT_EQ(vehicle.transport().send(envelope("after")), 0);
-    ASSERT_TRUE(eventually([&] {
-        const auto received = backend.on("test/vehicle/data");
-        return !received.empty() && received.back() == text(envelope("after"));
-    }));
+    ASSERT_TRUE(backend.awaits("test/vehicle/data", 1));
+    EXPECT_EQ(backend.on("test/vehicle/data").back(), text(envelope("after")));
 }
 
 TEST_F(MqttBackendTest, fails_a_send_when_too_much_waits_for_the_broker) {
@@ -206,9 +187,8 @@ TEST_F(MqttBackendTest, gives_up_an_envelope_beyond_the_brokers_limit_and_opens_
          "do not fit into the broker's largest packet of 20000"},
         {"message_size_limit 20000\n", 0, "refuses an envelope for its size"},  // which is not announced
     };
-    Broker broker(m_port);
     for (const auto& c : cases) {
-        broker.restart(std::string("allow_anonymous true\n") + c.limit);
+        Broker broker(m_port, std::string("allow_anonymous true\n") + c.limit);
         Vehicle vehicle(m_settings);
         Observer backend(m_settings);
         ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
@@ -283,20 +263,24 @@ TEST_F(MqttBackendTest, shows_its_own_certificate_to_a_broker_that_wants_one) {
                   "allow_anonymous true\nrequire_certificate true\n" + certificates.brokerLines("server"));
     const auto show = [&](const std::string& certificate, const std::string& key) {
         m_log.clear();
-        m_settings.certFile = certificate;
-        m_settings.keyFile = key;
+        m_settings.certFile = certificates.file(certificate);
+        m_settings.keyFile = certificates.file(key);
         return std::make_unique<Vehicle>(m_settings);
     };
-    for (const std::string stranger : {"", "other-ca"}) {  // of an authority that the broker does not know
-        const auto vehicle = stranger.empty() ? show("", "")
-                                              : show(certificates.file(stranger + ".crt"),
-                                                     certificates.file(stranger + ".key"));
+    {
+        const Vehicle without(m_settings);
         ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
         EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
     }
-    const auto vehicle = show(certificates.file("client.crt"), certificates.file("client.key"));
+    {
+        const auto stranger =
+            show("other-ca.crt", "other-ca.key");  // of an authority that the broker does not know
+        ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
+        EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
+    }
+    const auto vehicle = show("client.crt", "client.key");
     EXPECT_TRUE(m_log.waitFor("connected to the broker"));
-    const auto incomplete = show(certificates.file("client.crt"), certificates.file("missing.key"));
+    const auto incomplete = show("client.crt", "missing.key");
     EXPECT_TRUE(m_log.waitFor("missing.key cannot be read: No such file or directory"));
 }
 

@@ -27,10 +27,6 @@ using vlmTest::report;
 using vlmTest::reportIn;
 using vlmTest::ScriptedClient;
 
-const std::string kIdle =
-    "Since shipping queue is empty and send next data is true. Enabling to send data when inserted.";
-const std::string kHandled = "ZEPH-49769 VLM handling ShippingBuffer according to data delivery result";
-
 class SubmissionControl : public testing::Test {
   protected:
     ~SubmissionControl() override {
@@ -40,17 +36,14 @@ class SubmissionControl : public testing::Test {
         }
     }
 
-    void start() {
+    /// Starts, opens the channel and waits until the thread that this starts has found the queue empty.
+    void startOpen() {
         m_control.initializeServer("Catalog 1", {"TypeA"});
         m_control.start();
         ASSERT_TRUE(m_log.waitFor("Conditional wait because There is no report in shipping queue"));
-    }
-
-    /// Starts, opens the channel and waits until the thread that this starts has found the queue empty.
-    void startOpen() {
-        start();
         backend().masterControl(control());
-        ASSERT_TRUE(m_log.waitFor(kHandled));
+        ASSERT_TRUE(
+            m_log.waitFor("ZEPH-49769 VLM handling ShippingBuffer according to data delivery result"));
         m_log.clear();
     }
 
@@ -96,9 +89,7 @@ TEST_F(SubmissionControl, sends_at_once_when_idle_and_otherwise_one_report_per_r
     backend().masterControl(control());
     EXPECT_THAT(sentNames(), ElementsAre("first", "second", "third"));
     EXPECT_EQ(m_control.waitingReports(), 0u);
-    m_log.clear();
     backend().masterControl(control());
-    EXPECT_EQ(m_log.count(5, kIdle), 1u);
     add("fourth");
     EXPECT_TRUE(sent(4)) << "idle again";
 }
@@ -135,21 +126,21 @@ class QuickBackend {
     std::thread m_thread;
 };
 
-TEST_F(SubmissionControl, is_not_stuck_when_the_result_comes_before_the_send_has_returned) {
+TEST_F(SubmissionControl, obeys_results_that_come_before_the_send_has_returned) {
     startOpen();
-    const QuickBackend quick({control()});
-    add("first");
-    ASSERT_TRUE(awaits([&] { return quick.done(); }));
-    add("second");
-    EXPECT_TRUE(sent(2)) << "the quick result was overwritten";
-}
-
-TEST_F(SubmissionControl, sends_again_when_result_one_comes_before_the_first_send_has_returned) {
-    startOpen();
+    {
+        const QuickBackend quick({control()});
+        add("first");
+        ASSERT_TRUE(awaits([&] { return quick.done(); }));
+        add("second");
+        ASSERT_TRUE(sent(2)) << "the quick result was overwritten";
+    }
+    backend().answerSends(nullptr);
+    backend().masterControl(control());
     const QuickBackend quick({control(1), control()});
-    add("first");
+    add("third");
     ASSERT_TRUE(awaits([&] { return quick.done(); }));
-    EXPECT_THAT(sentNames(), ElementsAre("first", "first"));
+    EXPECT_THAT(sentNames(), ElementsAre("first", "second", "third", "third"));
 }
 
 TEST_F(SubmissionControl, never_resends_what_never_left_but_the_last_good_report_if_there_is_one) {
@@ -186,7 +177,6 @@ TEST_F(SubmissionControl, tells_of_the_bytes_in_the_queue_of_a_missing_link_and_
                             "Size of SHIP QUEUE AFTER INSERT = " + size, sending,
                             "Size of SHIP QUEUE BEFORE INSERT = " + size,
                             "Size of SHIP QUEUE AFTER INSERT = " + std::to_string(2 * text.size())));
-    EXPECT_EQ(m_log.lines()[0].line, 0) << "without line numbers";
     m_control.processReportFromQueue();
     m_control.processLastReport();
     m_control.processReportBasedOnDataDelivery(static_cast<orxStatus>(7));

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -60,9 +59,8 @@ class BackendLink : public testing::Test {
 
 TEST_F(BackendLink, starts_sending_on_a_thread_of_its_own_and_asks_for_the_configuration_once) {
     EXPECT_TRUE(m_server.isBlocked());
-    kyo::Json::Value untouched = report("r");
-    EXPECT_EQ(m_server.sendToOrx(untouched), VlmServer::kNothingPermitted);
-    EXPECT_EQ(untouched, report("r"));
+    kyo::Json::Value early = report("r");
+    EXPECT_EQ(m_server.sendToOrx(early), VlmServer::kNothingPermitted);
     for (const auto& closed : {control(0, 1), control(1, 0)}) {
         m_server.handleMasterControlCallBack(closed);
         EXPECT_TRUE(m_server.isBlocked());
@@ -73,13 +71,6 @@ TEST_F(BackendLink, starts_sending_on_a_thread_of_its_own_and_asks_for_the_confi
     m_server.handleMasterControlCallBack(control(0, 1));
     m_server.handleMasterControlCallBack(control());
     EXPECT_EQ(ScriptedClient::current().requests(), 1);
-    const auto lines = m_log.lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const auto& line) {
-                                return line.signature.find("Timer::setInterval") != std::string::npos;
-                            }),
-              1)
-        << "one retry timer";
     ASSERT_TRUE(eventually([this] { return calls() == 2; }));
     const std::lock_guard<std::mutex> lock(m_calls->mutex);
     EXPECT_THAT(m_calls->statuses, ElementsAre(orxStatus::SendNext, orxStatus::SendNext));
@@ -88,12 +79,11 @@ TEST_F(BackendLink, starts_sending_on_a_thread_of_its_own_and_asks_for_the_confi
 
 TEST_F(BackendLink, refuses_a_message_with_a_wrong_type_whole_and_names_the_field) {
     m_server.handleMasterControlCallBack(control());
-    struct Case {
+    const struct {
         const char* key;
         const char* json;
         const char* complaint;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"dataDeliveryResult", "\"0\"", "\"dataDeliveryResult\": a 32-bit number is expected, not a text"},
         {"backendChannelControl", "4294967296",
          "\"backendChannelControl\": a 32-bit number is expected, not 4294967296"},
@@ -103,7 +93,7 @@ TEST_F(BackendLink, refuses_a_message_with_a_wrong_type_whole_and_names_the_fiel
         {"permittedDataType", "[\"TypeB\", {}]",
          "\"permittedDataType\"[1]: a text is expected, not an object"},
     };
-    for (const Case& wrong : cases) {
+    for (const auto& wrong : cases) {
         kyo::Json::Value message = control(2, 1, {"TypeB"}, "other");
         ASSERT_TRUE(kyo::Json::Reader().parse(wrong.json, message[wrong.key]));
         m_log.clear();
@@ -151,7 +141,6 @@ TEST_F(BackendLink, puts_the_report_without_its_catalog_id_into_the_envelope) {
               R"("eventTicket":"newest","isCallbackAbilityRequested":true,"timeToLive":7200,"timezone":20,)"
               R"("version":"1.0.0"})");
     EXPECT_TRUE(m_log.has(5, "ZEPH-50057 Using OrxConfig recordId as CatalogId: catalog-1"));
-    EXPECT_TRUE(m_log.has(5, "Send vlm Data State: SUCCESS "));
 }
 
 TEST_F(BackendLink, identifies_messages_by_catalog_creation_name_and_number) {
@@ -165,7 +154,6 @@ TEST_F(BackendLink, identifies_messages_by_catalog_creation_name_and_number) {
         EXPECT_NE(sent(other)["messageId"], id) << compactText(other);
     }
     EXPECT_NE(m_server.getUniqueMessageId("ab", "c"), m_server.getUniqueMessageId("a", "bc"));
-    EXPECT_TRUE(m_log.has(7, "Generated HASH SIZE = 64"));
 }
 
 }  // namespace
