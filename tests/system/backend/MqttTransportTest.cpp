@@ -93,9 +93,9 @@ class Vehicle : public vlmTest::TransportClient {
 
 const kyo::Json::Value kOpening = masterControl("t", {"TypeA"}, 0, 0);
 const std::string kOnline =
-    "{\"offeredDataTypes\":[\"TypeA\",\"TypeB\"],\"serverName\":\"Catalog 1\",\"state\":\"online\"}";
+    R"({"offeredDataTypes":["TypeA","TypeB"],"serverName":"Catalog 1","state":"online"})";
 const std::string kOffline =
-    "{\"offeredDataTypes\":[\"TypeA\",\"TypeB\"],\"serverName\":\"Catalog 1\",\"state\":\"offline\"}";
+    R"({"offeredDataTypes":["TypeA","TypeB"],"serverName":"Catalog 1","state":"offline"})";
 
 class MqttBackendTest : public testing::Test {
   protected:
@@ -224,64 +224,46 @@ TEST_F(MqttBackendTest, tells_of_a_wrong_password_once_and_enters_when_it_is_rig
     EXPECT_EQ(refused, 1u);
 }
 
-TEST_F(MqttBackendTest, speaks_tls_only_with_a_broker_whose_certificate_holds) {
+TEST_F(MqttBackendTest, speaks_tls_with_a_broker_whose_certificate_holds_and_which_takes_its_own) {
     const Certificates certificates;
     m_settings.tls = true;
     m_settings.caFile = certificates.file("ca.crt");
     machine::MqttBackend mistrusting = m_settings;
     mistrusting.caFile = certificates.file("other-ca.crt");
+    machine::MqttBackend stranger = m_settings;  // of an authority that the broker does not know
+    stranger.certFile = certificates.file("other-ca.crt");
+    stranger.keyFile = certificates.file("other-ca.key");
+    machine::MqttBackend known = m_settings;
+    known.certFile = certificates.file("client.crt");
+    known.keyFile = certificates.file("client.key");
+    machine::MqttBackend incomplete = known;
+    incomplete.keyFile = certificates.file("missing.key");
+    const std::string server = certificates.brokerLines("server");
+    const std::string strict = server + "require_certificate true\n";
     const struct {
         machine::MqttBackend settings;
         std::string brokerLines;
-        const char* reason;
-    } refusals[] = {
-        {m_settings, "", ""},  // in the clear
+        const char* outcome;
+    } cases[] = {
+        {m_settings, "", "no connection to the broker"},  // in the clear
         {m_settings, certificates.brokerLines("expired"), "certificate verify failed"},
-        {m_settings, certificates.brokerLines("elsewhere"), ""},  // of another host
-        {mistrusting, certificates.brokerLines("server"), "certificate verify failed"},
+        {m_settings, certificates.brokerLines("elsewhere"), "no connection to the broker"},
+        {mistrusting, server, "certificate verify failed"},
+        {m_settings, strict, "no connection to the broker"},
+        {stranger, strict, "no connection to the broker"},
+        {incomplete, strict, "missing.key cannot be read: No such file or directory"},
+        {m_settings, server, "connected to the broker"},
+        {known, strict, "connected to the broker"},
     };
     Broker broker(m_port);
-    for (const auto& refusal : refusals) {
-        broker.restart("allow_anonymous true\n" + refusal.brokerLines);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.brokerLines + c.outcome);
+        broker.restart("allow_anonymous true\n" + c.brokerLines);
         m_log.clear();
-        Vehicle vehicle(refusal.settings);
-        ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
-        EXPECT_TRUE(m_log.hasPart(3, refusal.reason));
-        EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
+        const Vehicle vehicle(c.settings);
+        EXPECT_TRUE(m_log.waitFor(c.outcome));
+        EXPECT_EQ(m_log.hasPart(5, "connected to the broker"), m_log.messages(3).empty());
     }
-    Vehicle vehicle(m_settings);
-    Observer backend(m_settings);
-    EXPECT_EQ(vehicle.transport().send(envelope("open")), 0);
-    EXPECT_TRUE(backend.awaits("test/vehicle/data", 1));
-}
-
-TEST_F(MqttBackendTest, shows_its_own_certificate_to_a_broker_that_wants_one) {
-    const Certificates certificates;
-    m_settings.tls = true;
-    m_settings.caFile = certificates.file("ca.crt");
-    Broker broker(m_port,
-                  "allow_anonymous true\nrequire_certificate true\n" + certificates.brokerLines("server"));
-    const auto show = [&](const std::string& certificate, const std::string& key) {
-        m_log.clear();
-        m_settings.certFile = certificates.file(certificate);
-        m_settings.keyFile = certificates.file(key);
-        return std::make_unique<Vehicle>(m_settings);
-    };
-    {
-        const Vehicle without(m_settings);
-        ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
-        EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
-    }
-    {
-        const auto stranger =
-            show("other-ca.crt", "other-ca.key");  // of an authority that the broker does not know
-        ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
-        EXPECT_FALSE(m_log.hasPart(5, "connected to the broker"));
-    }
-    const auto vehicle = show("client.crt", "client.key");
-    EXPECT_TRUE(m_log.waitFor("connected to the broker"));
-    const auto incomplete = show("client.crt", "missing.key");
-    EXPECT_TRUE(m_log.waitFor("missing.key cannot be read: No such file or directory"));
 }
 
 }  // namespace

@@ -22,6 +22,15 @@ sockaddr_in loopback(std::uint16_t port) {
     return address;
 }
 
+bool listens(std::uint16_t port) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    const bool connected =
+        ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(socket);
+    return connected;
+}
+
 }  // namespace
 
 std::uint16_t freePort() {
@@ -32,17 +41,6 @@ std::uint16_t freePort() {
     ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
     ::close(socket);
     return ntohs(address.sin_port);
-}
-
-bool waitForListener(std::uint16_t port, bool listening) {
-    return eventually([&] {
-        const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in address = loopback(port);
-        const bool connected =
-            ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        ::close(socket);
-        return connected == listening;
-    });
 }
 
 Broker::Broker(std::uint16_t port, std::string configuration)
@@ -58,7 +56,7 @@ void Broker::start() {
     const Descriptor log(openForWriting(m_folder.file("log")));
     m_process = std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", file},
                                                std::vector<std::string>(), log, log);
-    if (!waitForListener(m_port)) {
+    if (!eventually([this] { return listens(m_port); })) {
         throw std::runtime_error("the broker does not listen");
     }
 }

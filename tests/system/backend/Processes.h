@@ -11,8 +11,6 @@ namespace vlmTest {
 
 /// A TCP port of 127.0.0.1 that nobody had when this was called.
 std::uint16_t freePort();
-/// Waits until somebody listens there, or nobody does; false at the deadline.
-bool waitForListener(std::uint16_t port, bool listening = true);
 
 /// mosquitto on a port of its own, with further lines of configuration.
 class Broker {

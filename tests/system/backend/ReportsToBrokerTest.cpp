@@ -136,12 +136,4 @@ TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and
     })) << "nothing is lost while the backend is away";
 }
 
-TEST(VlmBackend, refuses_wrong_options_with_a_reason) {
-    for (const std::string wrong : {"--results=0,x", "--port=70000", "--unknown", "stray"}) {
-        const auto [status, out, err] = vlmTest::runToItsEnd({VLM_BACKEND, wrong});
-        EXPECT_EQ(status, 1) << wrong;
-        EXPECT_THAT(out + err, HasSubstr("vlm-backend: ")) << wrong;
-    }
-}
-
 }  // namespace

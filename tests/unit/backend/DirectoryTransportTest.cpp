@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -13,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "kyo/Status.h"
 #include "kyo/orx/DirectoryTransport.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
@@ -109,19 +109,12 @@ TEST_F(DirectoryBackend, cuts_off_what_a_crash_left_of_a_line) {
 }
 
 /// A limit of file size stands for a full disk: the write ends in the middle, with an error.
-class FileSizeLimit {
-  public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        ::getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limit{bytes, m_before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() { lift(); }
-    void lift() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
-
-  private:
-    rlimit m_before{};
-};
+void limitFileSize(rlim_t bytes) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min(bytes, limit.rlim_max);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+}
 
 TEST_F(DirectoryBackend,
        leaves_no_part_of_a_line_on_a_full_disk_tells_once_and_opens_the_channel_when_there_is_room) {
@@ -131,7 +124,7 @@ TEST_F(DirectoryBackend,
     ASSERT_TRUE(backend.awaitControls(2));
     const std::string before = contentOf(m_file);
 
-    FileSizeLimit limit(1000);
+    limitFileSize(1000);
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
     EXPECT_EQ(contentOf(m_file), before);
@@ -140,7 +133,7 @@ TEST_F(DirectoryBackend,
     ASSERT_TRUE(eventually([&] { return std::filesystem::last_write_time(m_folder.path()) != touched; }));
     EXPECT_EQ(backend.controls().size(), 2u);
 
-    limit.lift();
+    limitFileSize(RLIM_INFINITY);
     ASSERT_TRUE(backend.awaitControls(3));
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), 0);
     EXPECT_EQ(contentOf(m_file), before + lineOf(envelope("big", 5000)));
@@ -191,17 +184,14 @@ TEST(CallbackThreadTest, keeps_order_survives_exceptions_and_forgets_what_waits_
 }
 
 TEST(CallbackThreadTest, refuses_work_beyond_its_limit) {
-    CallbackThread callbacks;
     std::mutex gate;
-    std::unique_lock<std::mutex> closed(gate);
+    CallbackThread callbacks;
+    const std::unique_lock<std::mutex> closed(gate);
     callbacks.post([&] { const std::lock_guard<std::mutex> wait(gate); });
-    const auto dropped = kyo::Status::counter("orx.callbacks.dropped").value();
     std::size_t taken = 0;
     while (callbacks.post([] {})) {
         ASSERT_LE(++taken, CallbackThread::kLimit + 1);
     }
-    EXPECT_EQ(kyo::Status::counter("orx.callbacks.dropped").value(), dropped + 1);
-    closed.unlock();
 }
 
 }  // namespace

@@ -168,20 +168,15 @@ TEST_F(SubmissionControl, never_resends_what_never_left_but_the_last_good_report
 
 TEST_F(SubmissionControl, tells_of_the_bytes_in_the_queue_of_a_missing_link_and_of_an_unknown_status) {
     add("unsent");
-    add("unsent");
     const std::string text = kyo::Json::FastWriter().write(report("unsent"));
-    const std::string sending = "ZEPH-49288 VLM sending the Report to ShippingBuffer: " + text;
-    const std::string size = std::to_string(text.size());
     EXPECT_THAT(m_log.messages(5),
-                ElementsAre(sending, "Size of SHIP QUEUE BEFORE INSERT = 0",
-                            "Size of SHIP QUEUE AFTER INSERT = " + size, sending,
-                            "Size of SHIP QUEUE BEFORE INSERT = " + size,
-                            "Size of SHIP QUEUE AFTER INSERT = " + std::to_string(2 * text.size())));
+                ElementsAre("ZEPH-49288 VLM sending the Report to ShippingBuffer: " + text,
+                            "Size of SHIP QUEUE BEFORE INSERT = 0",
+                            "Size of SHIP QUEUE AFTER INSERT = " + std::to_string(text.size())));
     m_control.processReportFromQueue();
-    m_control.processLastReport();
     m_control.processReportBasedOnDataDelivery(static_cast<orxStatus>(7));
-    EXPECT_THAT(m_log.messages(3), ElementsAre("ORx Server is null.", "ORx Server is null.",
-                                               "Do not know the status of last report sent"));
+    EXPECT_THAT(m_log.messages(3),
+                ElementsAre("ORx Server is null.", "Do not know the status of last report sent"));
 }
 
 /// Report control and others add, the thread makes first sends, the backend's thread answers: each report

@@ -107,24 +107,21 @@ TEST_F(BackendLink, refuses_a_message_with_a_wrong_type_whole_and_names_the_fiel
     EXPECT_EQ(sent(report("r"))["eventTicket"], "ticket");
 }
 
-TEST_F(BackendLink, logs_a_message_in_order) {
-    m_server.handleMasterControlCallBack(control(0, 1, {"TypeA", "TypeB"}, "T-1"));
+TEST_F(BackendLink, tells_a_message_in_order_and_puts_the_report_into_the_envelope) {
+    m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "older"));
+    m_log.clear();
+    m_server.handleMasterControlCallBack(control(0, 0, {"TypeA", "TypeB"}, "newest"));
     EXPECT_THAT(
         m_log.messages(5),
         ElementsAre("ZEPH-49767 Received master control callback json = "
-                    "{\"backendChannelControl\":1,\"dataDeliveryResult\":0,\"eventTicket\":\"T-1\","
+                    "{\"backendChannelControl\":0,\"dataDeliveryResult\":0,\"eventTicket\":\"newest\","
                     "\"permittedDataType\":[\"TypeA\",\"TypeB\"]}",
-                    "Data Delivery result = 0", "Backend Channel Control result = 1",
+                    "Data Delivery result = 0", "Backend Channel Control result = 0",
                     "Size of Supported Data Types = 2", "Supported data type = TypeA",
                     "Supported data type = TypeB",
-                    "ZEPH-48392 VLM received an event ticket from ORX master control to send data: T-1",
+                    "ZEPH-48392 VLM received an event ticket from ORX master control to send data: newest",
                     "ZEPH-49348: VLM wants to control VLM Data Submission according to "
-                    "BackendChannelControl: 1"));
-}
-
-TEST_F(BackendLink, puts_the_report_without_its_catalog_id_into_the_envelope) {
-    m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "older"));
-    m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "newest"));
+                    "BackendChannelControl: 0"));
     kyo::Json::Value envelope = sent(report("Trip", 3));
     EXPECT_THAT(envelope["messageId"].asString(),
                 testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-8[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
