@@ -10,17 +10,6 @@ namespace {
 using kyo::Json::Value;
 using namespace vlmProd;
 
-TEST(JsonFields, asking_for_an_absent_member_or_element_adds_none) {
-    Value object(kyo::Json::objectValue);
-    EXPECT_TRUE(member(object, "absent").isNull());
-    EXPECT_TRUE(object.empty());
-    EXPECT_TRUE(member(Value("text"), "absent").isNull());
-    Value array(kyo::Json::arrayValue);
-    EXPECT_TRUE(element(array, 0).isNull());
-    EXPECT_TRUE(array.empty());
-    EXPECT_TRUE(element(object, 0).isNull());
-}
-
 TEST(JsonFields, a_number_is_refused_beyond_the_limits_of_its_type) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     int number = 0;

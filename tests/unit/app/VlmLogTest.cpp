@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "tests/support/LogCapture.h"
-#include "tests/support/Together.h"
 
 namespace vlmProd {
 
@@ -71,20 +70,6 @@ TEST(LogLines, of_a_level_that_is_off_evaluate_nothing) {
     EXPECT_EQ(evaluated, 0);
     VLM_LOG(3, expensive());
     EXPECT_EQ(evaluated, 1);
-}
-
-// Threads that race: eight writers whose first line composes the shared prefix of one call site.
-TEST(LogLines, of_many_threads_do_not_interleave) {
-    LogCapture log;
-    vlmTest::Together(8, [](int t) {
-        for (int i = 0; i < 100; ++i) {
-            VLM_LOG_PLAIN_AS(5, "void writer()", "thread " << t << " line " << i);
-            VLM_LOG(7, t);
-        }
-    }).join();
-    const std::vector<std::string> messages = log.messages(5);
-    ASSERT_EQ(messages.size(), 800u);
-    EXPECT_THAT(messages, testing::Each(testing::MatchesRegex("thread [0-7] line [0-9]+")));
 }
 
 }  // namespace

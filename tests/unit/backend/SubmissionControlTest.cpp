@@ -75,25 +75,6 @@ class SubmissionControl : public testing::Test {
     VlmDataSubmissionControl m_control;
 };
 
-TEST_F(SubmissionControl, sends_at_once_when_idle_and_otherwise_one_report_per_result_of_zero) {
-    startOpen();
-    add("first");
-    ASSERT_TRUE(sent(1));
-    add("second");
-    add("third");
-    m_control.SendWakeupSignal();
-    ASSERT_TRUE(m_log.waitFor("Conditional wait", 2));
-    EXPECT_EQ(backend().sends(), 1u);
-    EXPECT_EQ(m_control.waitingReports(), 2u);
-    backend().masterControl(control());
-    backend().masterControl(control());
-    EXPECT_THAT(sentNames(), ElementsAre("first", "second", "third"));
-    EXPECT_EQ(m_control.waitingReports(), 0u);
-    backend().masterControl(control());
-    add("fourth");
-    EXPECT_TRUE(sent(4)) << "idle again";
-}
-
 /// A backend that answers, on a thread of its own, while the first send is still under way.
 class QuickBackend {
   public:

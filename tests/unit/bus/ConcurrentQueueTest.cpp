@@ -11,22 +11,6 @@
 namespace vlmProd {
 namespace {
 
-TEST(ConcurrentQueue, GivesValuesOutInOrderAndCountsTheirWeights) {
-    ConcurrentQueue<std::string> queue;
-    std::string value = "untouched";
-    EXPECT_FALSE(queue.take(&value) || queue.front(&value) || queue.back(&value));
-    EXPECT_EQ(value, "untouched");
-    queue.put("one", 5);
-    queue.put("two", 7);
-    EXPECT_TRUE(queue.front(&value));
-    EXPECT_EQ(value, "one");
-    EXPECT_TRUE(queue.back(&value));
-    EXPECT_EQ(value, "two");
-    EXPECT_EQ(queue.size(), 12U) << "looking removes nothing";
-    EXPECT_TRUE(queue.take(&value) && queue.take(&value));
-    EXPECT_EQ(queue.size(), 0U);
-}
-
 // A consumer that sits in withFront() holds the lock for as long as the producer tries.
 TEST(ConcurrentQueue, GivesTheValueUpAfterTenTriesAndCountsIt) {
     kyo::Counter dropped;

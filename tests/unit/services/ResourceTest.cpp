@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <rttr/variant.h>
-#include <atomic>
 #include <string>
-#include <thread>
 
 #include "app/JsonFields.h"
 #include "collect/IngressQueue.h"
@@ -126,25 +124,6 @@ TEST_F(ResourceTest, ConvertsTheListedFieldsOfTheStructuresOfAnIndex) {
     for (const rttr::variant& odd : {rttr::variant(), rttr::variant(7), rttr::variant(std::vector<int>{1})}) {
         EXPECT_EQ(converted(odd), "{}");
     }
-}
-
-// A middleware thread delivers while the configuration thread adds and replaces collectors.
-TEST_F(ResourceTest, StaysWholeWhileItIsConfiguredUnderSamples) {
-    resource.setCollectorName("GNSSProxy", "positions", 1, "c");
-    std::atomic<bool> done{false};
-    std::thread configuration([&] {
-        for (int i = 0; i < 2000; ++i) {
-            resource.setCollectorName("GNSSProxy", "positions", i, "c" + std::to_string(i % 10));
-            resource.setSomeIPIndexAttribute(i, {"zeta"});
-            resource.setSomeIPKey("type");
-        }
-        done = true;
-    });
-    while (!done) {
-        EXPECT_EQ(through(recordOf(1U))["collectorName"].asString().front(), 'c');
-    }
-    configuration.join();
-    EXPECT_EQ(through(recordOf(1999U))["collectorName"].asString(), "c9");
 }
 
 }  // namespace

@@ -125,10 +125,13 @@ TEST_F(ServiceAdapterTest, ReceivesWhileItIsConfigured) {
     adapter.createResourceObject({"flows"});
     adapter.setSomeIPKey("flows", "kind");
     adapter.setCollectorName("SpringProxy", "flows", 2, "springs");
+    std::vector<std::string> names{"kind"};
     std::thread configuration([&] {
         for (int i = 3; i < 500; ++i) {
             adapter.createResourceObject({"extra" + std::to_string(i)});
             adapter.setCollectorName("SpringProxy", "flows", i, "c");
+            adapter.setSomeIPIndexAttribute("flows", i, names);
+            adapter.setSomeIPKey("flows", "kind");
             adapter.isSubscribed("flows");
         }
     });
