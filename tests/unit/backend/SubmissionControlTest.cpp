@@ -109,18 +109,15 @@ class QuickBackend {
 
 TEST_F(SubmissionControl, obeys_results_that_come_before_the_send_has_returned) {
     startOpen();
-    {
-        const QuickBackend quick({control()});
-        add("first");
-        ASSERT_TRUE(awaits([&] { return quick.done(); }));
-        add("second");
-        ASSERT_TRUE(sent(2)) << "the quick result was overwritten";
-    }
-    backend().answerSends(nullptr);
+    const QuickBackend delivered({control()});
+    add("first");
+    ASSERT_TRUE(awaits([&] { return delivered.done(); }));
+    add("second");
+    ASSERT_TRUE(sent(2)) << "the quick result was overwritten";
     backend().masterControl(control());
-    const QuickBackend quick({control(1), control()});
+    const QuickBackend refused({control(1), control()});
     add("third");
-    ASSERT_TRUE(awaits([&] { return quick.done(); }));
+    ASSERT_TRUE(awaits([&] { return refused.done(); }));
     EXPECT_THAT(sentNames(), ElementsAre("first", "second", "third", "third"));
 }
 

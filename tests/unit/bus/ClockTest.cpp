@@ -31,53 +31,40 @@ TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {
     timer.stopTimer();
 }
 
-/// Something that a tick uses; says when nobody holds it any more.
-struct Watched {
-    explicit Watched(std::atomic<bool>& flag) : gone(flag) {}
-    ~Watched() { gone = true; }
-    std::atomic<bool>& gone;
-    std::atomic<int> ticks{0};
-};
-
-// The callback's object can only be gone once the timer's thread has ended: then no tick can follow.
+// What a tick uses has no further user only once the timer's thread has ended: then no tick can follow.
 TEST(Timer, EndsWithoutATickWhenItIsStoppedInItsSleep) {
-    static std::atomic<bool> gone{false};
-    static std::atomic<int> ticks{0};
-    gone = false;
-    ticks = 0;
+    const auto ticks = std::make_shared<std::atomic<int>>(0);
     {
-        auto watched = std::make_shared<Watched>(gone);
         Timer timer;
-        timer.setInterval([watched] { ++ticks; }, 50);
-        watched.reset();
+        timer.setInterval([ticks] { ++*ticks; }, 50);
         timer.stopTimer();
         // The timer itself goes first; its thread must not mind.
     }
-    EXPECT_TRUE(eventually([] { return gone.load(); }));
-    EXPECT_EQ(ticks, 0);
+    EXPECT_TRUE(eventually([&] { return ticks.use_count() == 1; }));
+    EXPECT_EQ(*ticks, 0);
 }
 
 TEST(Timer, IsReplacedByASecondSettingEvenDuringATick) {
-    static std::atomic<bool> gone{false};
-    static std::atomic<bool> ticking{false};
-    static std::atomic<bool> release{false};
-    gone = ticking = release = false;
+    struct Tick {
+        std::atomic<bool> begun{false};
+        std::atomic<bool> release{false};
+    };
+    const auto first = std::make_shared<Tick>();
     const auto second = std::make_shared<std::atomic<int>>(0);
-    auto timer = std::make_shared<Timer>();
-    timer->setInterval(
-        [watched = std::make_shared<Watched>(gone)] {
-            ticking = true;
-            eventually([] { return release.load(); });
-            ++watched->ticks;  // must still be there
+    Timer timer;
+    timer.setInterval(
+        [first] {
+            first->begun = true;
+            eventually([&first] { return first->release.load(); });
         },
         1);
-    ASSERT_TRUE(eventually([] { return ticking.load(); }));
-    timer->setInterval([second] { ++*second; }, 1);
+    ASSERT_TRUE(eventually([&] { return first->begun.load(); }));
+    timer.setInterval([second] { ++*second; }, 1);
     EXPECT_TRUE(eventually([&] { return *second > 3; })) << "the second loop does not wait for the first";
-    EXPECT_FALSE(gone);
-    release = true;
-    EXPECT_TRUE(eventually([] { return gone.load(); })) << "the first loop ends after its tick";
-    timer->stopTimer();
+    EXPECT_GT(first.use_count(), 1) << "what the tick uses is still there";
+    first->release = true;
+    EXPECT_TRUE(eventually([&] { return first.use_count() == 1; })) << "the first loop ends after its tick";
+    timer.stopTimer();
 }
 
 TEST(EventControl, PublishesTicksUntilItsClockIsReplaced) {

