@@ -72,9 +72,6 @@ class ReportsToBroker : public testing::Test {
         return awaits([&] { return storedNames().size() >= count; });
     }
     std::string output() const { return readFile(m_folder.file("output")); }
-    bool backendSays(const std::string& part) {
-        return awaits([&] { return output().find(part) != std::string::npos; });
-    }
 
     /// The machine manifest is read once per process, by the first that asks: before the log does.
     std::string manifest() const {
@@ -110,8 +107,7 @@ TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and
     add("d");
     ASSERT_TRUE(awaitStored(5));
     EXPECT_THAT(storedNames(), ElementsAre("a", "b", "b", "b", "c"));
-    ASSERT_TRUE(backendSays("c #4: 1 collections, 1 samples,"));
-    ASSERT_TRUE(backendSays("no answer"));
+    ASSERT_TRUE(awaits([&] { return output().find("no answer") != std::string::npos; }));
     EXPECT_EQ(m_control.waitingReports(), 1u) << "without an answer nothing more is sent";
 
     m_log.clear();
@@ -121,8 +117,6 @@ TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and
     ASSERT_TRUE(m_log.waitFor("Enabling to send data when inserted."));
     EXPECT_THAT(storedNames(), ElementsAre("a", "b", "b", "b", "c", "c", "d"))
         << "what was sent before the closing counts as failed";
-    EXPECT_THAT(output(), HasSubstr("b #3: 1 collections, 1 samples"));
-    EXPECT_THAT(output(), HasSubstr(", again, result 2"));
     m_backend->signal(SIGTERM);
     EXPECT_EQ(m_backend->wait(), 0);
     EXPECT_THAT(output(), HasSubstr("7 envelopes, 3 of them again, 7 samples"));
