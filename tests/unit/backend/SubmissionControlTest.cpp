@@ -152,9 +152,12 @@ TEST_F(SubmissionControl, tells_of_the_bytes_in_the_queue_of_a_missing_link_and_
                             "Size of SHIP QUEUE BEFORE INSERT = 0",
                             "Size of SHIP QUEUE AFTER INSERT = " + std::to_string(text.size())));
     m_control.processReportFromQueue();
+    m_control.processLastReport();
+    m_control.processReportBasedOnDataDelivery(orxStatus::Stop);
     m_control.processReportBasedOnDataDelivery(static_cast<orxStatus>(7));
-    EXPECT_THAT(m_log.messages(3),
-                ElementsAre("ORx Server is null.", "Do not know the status of last report sent"));
+    EXPECT_THAT(m_log.messages(3), ElementsAre("ORx Server is null.", "ORx Server is null.",
+                                               "orx status is to stop sending data",
+                                               "Do not know the status of last report sent"));
 }
 
 /// Report control and others add, the thread makes first sends, the backend's thread answers: each report

@@ -269,4 +269,20 @@ TEST_F(ConfigParserTest, collectors_are_listed_and_the_first_of_two_with_one_key
     EXPECT_THAT(indexes, ElementsAre(5, 2, 3)) << "names are case-sensitive";
 }
 
+TEST_F(ConfigParserTest, lookups_by_name_answer_their_last_result_when_they_fail) {
+    ASSERT_TRUE(parse(withCollect(R"({"name":"a","serv":"S","res":"r","index":1},
+                                     {"name":"b","serv":"S","res":"q","index":2},
+                                     {"name":"c","serv":"T","res":"q","index":7})")));
+    EXPECT_EQ(m_parser.getResources("S", m_code), "q") << "the last of the service";
+    EXPECT_EQ(m_parser.getResources("none", m_code), "q");
+    EXPECT_EQ(m_parser.getServiceName("c", m_code), "T");
+    EXPECT_EQ(m_parser.getServiceName("none", m_code), "T");
+    EXPECT_EQ(m_parser.getIndexNumber("b", "S", "q", m_code), 7) << "matched by the resource alone";
+    EXPECT_EQ(m_parser.getIndexNumber("b", "S", "none", m_code), 7);
+    EXPECT_EQ(m_code, ConfigErrorCode::ResourceNotFound);
+    m_parser.getServiceAndResource("a", m_code);
+    EXPECT_THAT(m_parser.getServiceAndResource("c", m_code), ElementsAre(Pair("S", "r"), Pair("T", "q")))
+        << "with the pair of the lookup before";
+}
+
 }  // namespace
