@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <numeric>
 
 using namespace someip;
@@ -30,9 +32,9 @@ std::vector<Bytes> contentsOf(const Bytes& payload) {
 }
 
 Bytes content(std::uint32_t offset, bool more, const Bytes& bytes) {
-    Bytes out(4);
+    Bytes out(4 + bytes.size());
     SegmentHeader{offset, more}.write(out.data());
-    out.insert(out.end(), bytes.begin(), bytes.end());
+    std::copy(bytes.begin(), bytes.end(), out.begin() + 4);
     return out;
 }
 
