@@ -23,6 +23,9 @@ void LineBuffer::Unmap::operator()(char* pages) const {
 void LineBuffer::append(const LogLine& line) {
     const std::size_t needed = weight(line.text.size());
     if (m_blocks.empty() || m_blocks.back().pages.get_deleter().bytes - m_blocks.back().used < needed) {
+        if (m_lines == 0 && !m_blocks.empty()) {
+            retireFirstBlock();  // read to its end and kept for the next line, for which it is too small
+        }
         addBlock(needed);
     }
     Block& block = m_blocks.back();
@@ -51,13 +54,19 @@ void LineBuffer::pop() {
     if (m_readAt < block.used) {
         return;
     }
+    if (m_lines == 0 && block.pages.get_deleter().bytes == kBlockBytes) {
+        m_readAt = 0;
+        block.used = 0;  // the next line goes there
+        return;
+    }
+    retireFirstBlock();
+}
+
+void LineBuffer::retireFirstBlock() {
+    Block& block = m_blocks.front();
     m_readAt = 0;
     block.used = 0;
-    const bool isUsual = block.pages.get_deleter().bytes == kBlockBytes;
-    if (m_blocks.size() == 1 && isUsual) {
-        return;  // the next line goes there
-    }
-    if (isUsual && m_spare.size() < kMaxSpare) {
+    if (block.pages.get_deleter().bytes == kBlockBytes && m_spare.size() < kMaxSpare) {
         m_spare.push_back(std::move(block));
     }
     m_blocks.pop_front();

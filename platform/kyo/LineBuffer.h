@@ -49,6 +49,7 @@ class LineBuffer {
     };
 
     void addBlock(std::size_t atLeast);
+    void retireFirstBlock();
 
     std::deque<Block> m_blocks;
     std::vector<Block> m_spare;

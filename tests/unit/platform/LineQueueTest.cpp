@@ -45,6 +45,13 @@ TEST(LineBuffer, KeepsTheOrderOfLinesOfAnyLengthWhileItIsReadAndFilledInTurn) {
     const auto text = [](std::size_t number) {
         return std::string(number % 97 == 0 ? 200'000 : number % 500, static_cast<char>('a' + number % 26));
     };
+    // A long line may be the first one after the buffer was read to its end.
+    buffer.append({"short", 0, 1});
+    buffer.pop();
+    buffer.append({text(0), 1, 2});
+    EXPECT_EQ(buffer.front().text, text(0));
+    buffer.pop();
+    EXPECT_EQ(buffer.bytes(), 0u);
     for (std::size_t round = 0; round < 40; ++round) {
         for (std::size_t i = 0; i < 100 + round * 10; ++i, ++written) {
             buffer.append(
