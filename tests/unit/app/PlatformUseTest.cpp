@@ -21,14 +21,15 @@ TEST(AraLogger, gives_each_level_its_severity) {
             ::setenv("DLT_PIPE_DIR", noDaemonHasItsPipeHere.path().c_str(), 1);
             ::dup2(STDERR_FILENO, STDOUT_FILENO);
             vlmProd::VlmAraLogger logger;
-            for (int level = 1; level <= 8; ++level) {
+            for (int level = 0; level <= 9; ++level) {
                 logger.logData("l" + std::to_string(level), level);
             }
             std::exit(0);
         },
         testing::ExitedWithCode(0),
-        "INFO +l1\n[^\n]+FATAL +l2\n[^\n]+ERROR +l3\n[^\n]+WARN +l4\n[^\n]+INFO +l5\n[^\n]+DEBUG +l6\n"
-        "[^\n]+DEBUG +l7\n[^\n]+INFO +l8\n");
+        "INFO +l0\n[^\n]+INFO +l1\n[^\n]+FATAL +l2\n[^\n]+ERROR +l3\n[^\n]+WARN +l4\n[^\n]+INFO "
+        "+l5\n[^\n]+DEBUG +l6\n"
+        "[^\n]+DEBUG +l7\n[^\n]+INFO +l8\n[^\n]+INFO +l9\n");
 }
 
 TEST(HeartBeat, says_that_there_is_no_health_management) {
