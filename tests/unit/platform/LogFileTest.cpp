@@ -38,7 +38,9 @@ TEST(LogFile, HoldsTheLinesUpToItsOwnLevelWhateverTheCapForOthersIs) {
 TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
     const vlmTest::TemporaryFolder folder;
     const std::string log = R"("fileMaxBytes": 20000, "file": ")" + folder.file("vlm.log") + "\"";
-    for (int run = 0; run < 5; ++run) {
+    // A run's lines may come as one write of nearly 8,000 bytes: six runs need more than two files, however
+    // the writes fall.
+    for (int run = 0; run < 6; ++run) {
         runWithLog(folder, log, {"lines", "1", "60", "100"});
     }
     const std::string now = readFile(folder.file("vlm.log"));
@@ -48,8 +50,8 @@ TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
     EXPECT_TRUE(now.ends_with(" 7 thread 0 line 59 " + std::string(83, 'x') + "end\n"))
         << now.substr(now.size() - 130);
     const auto kept = linesOf(before + now).size();
-    EXPECT_GT(kept, 120u);
-    EXPECT_LT(kept, 300u);
+    EXPECT_GT(kept, 90u);
+    EXPECT_LT(kept, 360u);
 }
 
 TEST(LogFile, OneThatCannotBeOpenedIsToldOnceAndCostsNothingElse) {
