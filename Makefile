@@ -119,17 +119,20 @@ sources = git ls-files -z '*.cpp' '*.h'
 format: deps-lint
 	$(sources) | xargs -0 clang-format -i
 
-parts = app catalog config bus collect report services platform tools
+parts = $(shell tools/lint/check-includes --folders) platform tools
+empty =
+blank = $(empty) $(empty)
 
 # cppcheck: parameters by value are what the interfaces ask for. clang-tidy: the reflection library's headers, which
 # one source includes, are not understood by clang's C++20.
 lint: deps-lint configure
+	tools/lint/check-includes
 	$(sources) | xargs -0 clang-format --dry-run --Werror
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlm_generate
 	cppcheck -q -j $(JOBS) --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
 	  --suppress=missingIncludeSystem --suppress=passedByValue --error-exitcode=1 \
-	  -I . -I platform -I build/$(PRESET)/generated -I codegen/support $(parts) codegen/support
-	set -o pipefail; run-clang-tidy -quiet -extra-arg=-Wno-unknown-warning-option -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/(app|catalog|config|bus|collect|report|services(?!/ResourceConversion)|platform|tools)/' 2>&1 \
+	  -I . -I platform/api -I platform/linux -I build/$(PRESET)/generated -I codegen/support $(parts) codegen/support
+	set -o pipefail; run-clang-tidy -quiet -extra-arg=-Wno-unknown-warning-option -p build/$(PRESET) -j $(JOBS) '$(CURDIR)/($(subst $(blank),|,$(patsubst services,services(?!/ResourceConversion),$(strip $(parts)))))/' 2>&1 \
 	  | sed -E '/^clang-tidy|^[0-9]+ warnings generated/d'
 
 clean:

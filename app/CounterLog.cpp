@@ -3,7 +3,7 @@
 #include <string_view>
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 
 namespace {
 

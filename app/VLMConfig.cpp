@@ -10,9 +10,9 @@
 #include <memory>
 #include <sstream>
 
-#include "app/FileText.h"
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/FileText.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

@@ -14,17 +14,18 @@
 
 #include "ac/com/runtime/component.h"
 #include "app/CounterLog.h"
-#include "app/JsonFields.h"
 #include "app/RunningState.h"
 #include "app/StopSignals.h"
 #include "app/VLMConfig.h"
 #include "app/VlmAraLogger.h"
-#include "app/VlmLog.h"
 #include "app/vlmHeartBeat.h"
 #include "ara/exec/application_client.h"
 #include "ara/stm/component_client.h"
-#include "bus/DetachedThread.h"
+#include "base/DetachedThread.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 #include "catalog/VlmJsonCatalog.h"
+#include "config/ConfigControlPanel.h"
 #include "config/ConfigResponseHandler.h"
 #include "kyo/Log.h"
 #include "report/VlmDataSubmissionControl.h"
@@ -174,7 +175,13 @@ void startCollection(const std::string& localFile, const std::string& serverName
         handler->doBaseSetupFromLocalConfig(localFile);
         startDetached([handler] { handler->subscribeResources(); });
     } else {
-        VlmDataSubmissionControl::getInstance()->initializeServer(serverName, offeredDataTypes);
+        auto configurations = std::make_shared<ConfigControlPanel>(
+            [](kyo::Json::Value configuration, std::string recordId, std::string recordBody) {
+                ConfigResponseHandler::getInstance()->takeFromBackend(
+                    std::move(configuration), std::move(recordId), std::move(recordBody));
+            });
+        VlmDataSubmissionControl::getInstance()->initializeServer(serverName, offeredDataTypes,
+                                                                  std::move(configurations));
         VlmDataSubmissionControl::getInstance()->start();
     }
 }

@@ -1,6 +1,6 @@
 #include "app/vlmHeartBeat.h"
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "app/VlmAraLogger.h"
-#include "ara/log/DltSink.h"
 #include "kyo/Log.h"
 #include "kyo/Status.h"
+#include "log/DltSink.h"
 #include "support/Floor.h"
 #include "support/Pipeline.h"
 

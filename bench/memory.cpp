@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 #include "collect/CollectorImpl.h"
 #include "collect/IngressQueue.h"
 #include "kyo/Log.h"

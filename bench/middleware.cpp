@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "ac/com/codec.h"
 #include "someip/EventDispatcher.h"
 #include "someip/Runtime.h"
+#include "someip/Samples.h"
 #include "someip/SdMessage.h"
 #include "someip/UdpSocket.h"
 #include "support/Samples.h"
@@ -88,10 +88,9 @@ void decodeAndDeliver(benchmark::State& state, const std::vector<std::uint8_t>& 
     constexpr Endpoint kSource{0x7F006101, 42'137};
     std::size_t delivered = 0;
     const auto receiver = std::make_shared<EventReceiver>(
-        service, 1, event,
-        [&delivered](std::span<const std::uint8_t> payload, ac::com::DecodeReport& report) {
+        service, 1, event, [&delivered](std::span<const std::uint8_t> payload, someip::DecodeReport& report) {
             std::vector<DT> samples;
-            if (ac::com::decodeSamples(payload, samples, report)) {
+            if (someip::decodeSamples(payload, samples, report)) {
                 delivered += samples.size();
                 benchmark::DoNotOptimize(samples.data());
             }
@@ -180,7 +179,7 @@ void offerToSubscription(benchmark::State& state) {
     runtime.start(settings, false);
     const auto& service = qdr::services::gnss::kInterface;
     const auto wish = runtime.receive(service, 1, qdr::services::gnss::kEvent_positions,
-                                      [](std::span<const std::uint8_t>, ac::com::DecodeReport&) {});
+                                      [](std::span<const std::uint8_t>, someip::DecodeReport&) {});
     double longest = 0;
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();

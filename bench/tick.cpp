@@ -6,12 +6,13 @@
 #include <string>
 #include <thread>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 #include "kyo/Log.h"
 #include "report/VlmDataSubmissionControl.h"
 #include "report/VlmReportControl.h"
 #include "support/CountingOrxClient.h"
 #include "support/Pipeline.h"
+#include "tests/support/NoConfigurations.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ Value collection(int collector) {
 vlmProd::VlmDataSubmissionControl& submission() {
     static auto* const control = [] {
         auto* const made = new vlmProd::VlmDataSubmissionControl;
-        made->initializeServer("bench", {"VLM"});
+        made->initializeServer("bench", {"VLM"}, std::make_shared<vlmTest::NoConfigurations>());
         made->start();
         while (!CountingClient::instance().started) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));

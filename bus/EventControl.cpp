@@ -1,6 +1,6 @@
 #include "bus/EventControl.h"
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

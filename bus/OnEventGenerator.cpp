@@ -1,6 +1,6 @@
 #include "bus/OnEventGenerator.h"
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {

@@ -4,8 +4,8 @@
 #include <system_error>
 #include <utility>
 
-#include "app/VlmLog.h"
-#include "bus/DetachedThread.h"
+#include "base/DetachedThread.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <set>
 
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
 #include "bus/Message.h"
 #include "bus/Subscriber.h"
 #include "kyo/Mutex.h"

@@ -4,9 +4,9 @@
 #include <exception>
 #include <utility>
 
-#include "app/FileText.h"
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/FileText.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

@@ -43,16 +43,20 @@ endfunction()
 # All that the labels unit and integration need; the sanitizer presets build no more.
 add_custom_target(vlm_unit_and_integration_tests)
 
-# vlm_test(NAME LABEL unit SOURCES... DEPS... [TIMEOUT s] [ONE_THREAD]): one GoogleTest program, registered whole
-# with ctest. Programs of ONE_THREAD compute much, and the thread sanitizer has nothing to see in them.
+# vlm_test(NAME LABEL unit SOURCES... DEPS... [TIMEOUT s] [PLATFORM p] [ONE_THREAD]): one GoogleTest program,
+# registered whole with ctest, on platform/linux/ unless PLATFORM names another. Programs of ONE_THREAD compute much, and the thread
+# sanitizer has nothing to see in them.
 function(vlm_test name)
-  cmake_parse_arguments(ARG "ONE_THREAD" "LABEL;TIMEOUT" "SOURCES;DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "ONE_THREAD" "LABEL;TIMEOUT;PLATFORM" "SOURCES;DEPS" ${ARGN})
+  if(NOT ARG_PLATFORM)
+    set(ARG_PLATFORM vlm::platform)
+  endif()
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}")
-  target_link_libraries(${name} PRIVATE ${ARG_DEPS} vlm::options GTest::gmock GTest::gtest GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} ${ARG_PLATFORM} vlm::options GTest::gmock GTest::gtest GTest::gtest_main)
   if(ARG_ONE_THREAD AND "thread" IN_LIST VLM_SANITIZERS)
     set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
     return()

@@ -4,8 +4,8 @@
 #include <charconv>
 #include <utility>
 
-#include "app/JsonFields.h"
-#include "collect/CompactObject.h"
+#include "base/CompactObject.h"
+#include "base/JsonFields.h"
 #include "kyo/Json.h"
 
 namespace vlmProd {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "collect/CollectionWriter.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"

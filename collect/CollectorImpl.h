@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <string>
 
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
+#include "collect/CollectorOnEventType.h"
 #include "collect/ICollector.h"
 #include "collect/TextedRecord.h"
-#include "config/CollectorOnEventType.h"
 #include "kyo/Mutex.h"
 #include "kyo/ThreadCondition.h"
 #include "report/SignalCollection.h"

@@ -6,9 +6,8 @@
 #include <thread>
 #include <utility>
 
-#include "app/VlmLog.h"
-#include "bus/DetachedThread.h"
-#include "config/ConfigResponseHandler.h"
+#include "base/DetachedThread.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {
@@ -38,13 +37,7 @@ IngressQueue* IngressQueue::getInstance() {
     return ingressSingleton;
 }
 
-IngressQueue::IngressQueue()
-    : IngressQueue([](TextedRecord record) {
-          ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record));
-      }) {}
-
-IngressQueue::IngressQueue(Dispatch dispatch)
-    : m_dispatch(std::move(dispatch)), m_records(&kyo::Status::counter("queue.ingress.dropped")) {}
+IngressQueue::IngressQueue() : m_records(&kyo::Status::counter("queue.ingress.dropped")) {}
 
 IngressQueue::~IngressQueue() = default;
 

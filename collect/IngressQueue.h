@@ -1,8 +1,9 @@
 #pragma once
 #include <atomic>
 #include <functional>
+#include <utility>
 
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
 #include "collect/TextedRecord.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
@@ -15,8 +16,9 @@ namespace vlmProd {
 /// thread takes them out in order of arrival and hands each one, on a detached thread of its own, to the
 /// collector that the record names. Records may therefore reach their collector in any order.
 ///
-/// The base setup calls start() once; the thread runs until the process ends. Producers wake it without its
-/// lock: a record that comes just as the thread goes to sleep waits for the next one.
+/// The base setup names the receiver and calls start() once; the thread runs until the process ends.
+/// Producers wake it without its lock: a record that comes just as the thread goes to sleep waits for the
+/// next one.
 class IngressQueue : public kyo::Thread {
   public:
     using Dispatch = std::function<void(TextedRecord)>;
@@ -25,11 +27,12 @@ class IngressQueue : public kyo::Thread {
     /// process ends.
     static IngressQueue* getInstance();
 
-    /// A queue whose records go to their collectors.
     IngressQueue();
-    /// A queue whose records go to `dispatch`, called on a thread for each record.
-    explicit IngressQueue(Dispatch dispatch);
     ~IngressQueue() override;
+
+    /// Names the receiver of the records, which is called on a thread of its own for each one. Before
+    /// start().
+    void setDispatch(Dispatch dispatch) { m_dispatch = std::move(dispatch); }
 
     void run() override;
 
@@ -55,7 +58,7 @@ class IngressQueue : public kyo::Thread {
   private:
     void dispatch(TextedRecord record);
 
-    const Dispatch m_dispatch;
+    Dispatch m_dispatch;  ///< set once, before the thread starts
     ConcurrentQueue<TextedRecord> m_records;
     kyo::Mutex m_mutex;  ///< for sleeping and waking only
     kyo::ThreadCondition m_condition;

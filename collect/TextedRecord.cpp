@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

@@ -4,14 +4,10 @@
 
 #include <exception>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
-#include "bus/DetachedThread.h"
-#include "config/ConfigResponseHandler.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 
@@ -21,23 +17,7 @@ namespace {
 
 constexpr int kRetryMs = 660000;
 
-void handToBaseSetup(kyo::Json::Value configuration, std::string recordId, std::string recordBody) {
-    ConfigResponseHandler* const handler = ConfigResponseHandler::getInstance();
-    handler->doBaseSetupFromOrxConfigResponse(std::move(configuration), std::move(recordId),
-                                              std::move(recordBody));
-    try {
-        // For the whole life of the process, on an object that is never destroyed.
-        startDetached([handler] { handler->subscribeResources(); });
-    } catch (const std::system_error& error) {
-        static kyo::Counter& failed = kyo::Status::counter("threads.failed");
-        failed.add();
-        VLM_LOG(3, "No thread to subscribe the resources could be started: " << error.what());
-    }
-}
-
 }  // namespace
-
-ConfigControlPanel::ConfigControlPanel() : ConfigControlPanel(handToBaseSetup) {}
 
 ConfigControlPanel::ConfigControlPanel(ConfigurationHandler handler)
     : m_retryTimer(std::make_shared<Timer>()), m_handler(std::move(handler)) {}

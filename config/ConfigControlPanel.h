@@ -7,37 +7,37 @@
 #include "bus/Timer.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
+#include "report/ConfigurationReceiver.h"
 
 namespace vlmProd {
 
 /// Asks the backend for the collector configuration until any answer has come, and hands what the answer
-/// holds to the base setup. Must be owned by a shared_ptr: the retry timer's thread looks whether it still
+/// holds on. Must be owned by a shared_ptr: the retry timer's thread looks whether it still
 /// lives.
 ///
 /// An answer comes on the backend client's thread, the retry on the timer's thread.
-class ConfigControlPanel : public std::enable_shared_from_this<ConfigControlPanel> {
+class ConfigControlPanel : public ConfigurationReceiver,
+                           public std::enable_shared_from_this<ConfigControlPanel> {
   public:
     /// Takes a parsed configuration, with identifier and text of the record that it came in.
     using ConfigurationHandler =
         std::function<void(kyo::Json::Value configuration, std::string recordId, std::string recordBody)>;
 
-    /// Configurations go to ConfigResponseHandler, which then subscribes the resources on a thread of its
-    /// own.
-    ConfigControlPanel();
+    /// Configurations go to `handler`, called on the thread of the answer.
     explicit ConfigControlPanel(ConfigurationHandler handler);
 
     /// What issues one request; an empty function asks nothing.
-    void setRequestFunction(std::function<void()> request);
+    void setRequestFunction(std::function<void()> request) override;
 
     /// Asks again every eleven minutes. Only the first call does something.
-    void startConfigRequestRetry();
-    void stopConfigRequestRetry();
+    void startConfigRequestRetry() override;
+    void stopConfigRequestRetry() override;
     void executeConfigRetry();
     bool isRetrying() const { return m_retryTimer->millisecondsToNextTick() > 0; }
 
     /// One answer: an array whose first element has "recordId" and "recordBody", a configuration in base64.
     /// One that cannot be used is logged and configures nothing.
-    void ConfigResponseCallback(kyo::Json::Value response);
+    void ConfigResponseCallback(kyo::Json::Value response) override;
 
   private:
     std::atomic<bool> m_retryStarted{false};

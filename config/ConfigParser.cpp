@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <set>
 
-#include "app/FileText.h"
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/FileText.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 
 namespace vlmProd {
 

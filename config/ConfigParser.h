@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "config/CollectorOnEventType.h"
+#include "collect/CollectorOnEventType.h"
 #include "kyo/Json.h"
 
 namespace vlmProd {

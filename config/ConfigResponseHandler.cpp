@@ -1,10 +1,12 @@
 #include "config/ConfigResponseHandler.h"
 
 #include <chrono>
+#include <system_error>
 #include <thread>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/DetachedThread.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 #include "bus/PubSubService.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "collect/IngressQueue.h"
@@ -58,6 +60,17 @@ bool ConfigResponseHandler::doBaseSetupFromOrxConfigResponse(Value config, std::
     return setUp([this, &config] { return createConfigParserFromJson(config); });
 }
 
+void ConfigResponseHandler::takeFromBackend(Value config, std::string recordId, std::string recordBody) {
+    doBaseSetupFromOrxConfigResponse(std::move(config), std::move(recordId), std::move(recordBody));
+    try {
+        startDetached([this] { subscribeResources(); });
+    } catch (const std::system_error& error) {
+        static kyo::Counter& failed = kyo::Status::counter("threads.failed");
+        failed.add();
+        VLM_LOG(3, "No thread to subscribe the resources could be started: " << error.what());
+    }
+}
+
 // The order matters: the ingress queue runs before any collector exists, the collectors have subscribed to
 // the ticks before the bus runs, and the clock comes last, so that the first tick finds every collector.
 bool ConfigResponseHandler::setUp(const std::function<bool()>& createConfigParser) {
@@ -76,7 +89,7 @@ bool ConfigResponseHandler::setUp(const std::function<bool()>& createConfigParse
         VLM_LOG(3, "Didn't get the list of the services to discover");
         return false;
     }
-    IngressQueue::getInstance()->start();
+    startIngressQueue();
     createCollectorObjects();
     PubSubService::getInstance().start();
 
@@ -150,6 +163,16 @@ bool ConfigResponseHandler::initializeServiceDiscovery() {
     }
     m_serviceDiscovery->start();
     return m_serviceDiscovery->started();
+}
+
+void ConfigResponseHandler::startIngressQueue() {
+    IngressQueue& queue = *IngressQueue::getInstance();
+    if (!queue.started()) {
+        queue.setDispatch([](TextedRecord record) {
+            ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record));
+        });
+    }
+    queue.start();
 }
 
 void ConfigResponseHandler::createCollectorObjects() {

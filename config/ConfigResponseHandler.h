@@ -47,10 +47,15 @@ class ConfigResponseHandler {
     bool doBaseSetupFromOrxConfigResponse(kyo::Json::Value config, std::string recordId = "",
                                           std::string recordBody = "");
 
+    /// The setup from the backend's configuration, and a thread that subscribes the resources.
+    void takeFromBackend(kyo::Json::Value config, std::string recordId, std::string recordBody);
+
     // Steps of the setup, which calls them one after the other.
     bool createConfigParserFromFile(std::string path);
     bool createConfigParserFromJson(kyo::Json::Value& config);
     bool initializeServiceDiscovery();
+    /// Directs the records of the process to the collectors of getInstance().
+    void startIngressQueue();
     void createCollectorObjects();
 
     /// Hands the record to the collector that its "collectorName" names, or drops and counts it. Called on

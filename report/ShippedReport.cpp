@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 
 namespace vlmProd {
 

@@ -1,6 +1,6 @@
 #include "report/SignalCollection.h"
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 
 namespace vlmProd {
 

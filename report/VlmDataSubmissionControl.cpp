@@ -3,7 +3,7 @@
 #include <mutex>
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {
@@ -35,8 +35,10 @@ VlmDataSubmissionControl::VlmDataSubmissionControl()
 VlmDataSubmissionControl::~VlmDataSubmissionControl() = default;
 
 void VlmDataSubmissionControl::initializeServer(std::string serverName,
-                                                std::vector<std::string> offeredDataTypes) {
-    m_link = std::make_shared<VlmServer>(std::move(serverName), std::move(offeredDataTypes));
+                                                std::vector<std::string> offeredDataTypes,
+                                                std::shared_ptr<ConfigurationReceiver> configurations) {
+    m_link = std::make_shared<VlmServer>(std::move(serverName), std::move(offeredDataTypes),
+                                         std::move(configurations));
     kyo::Status::gauge("backend.open", [link = std::weak_ptr<VlmServer>(m_link)] {
         const std::shared_ptr<VlmServer> held = link.lock();
         return kyo::Json::Value(held && canSend(*held));

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
 #include "kyo/Thread.h"
@@ -31,7 +31,8 @@ class VlmDataSubmissionControl : public kyo::Thread {
     ~VlmDataSubmissionControl() override;
 
     /// Creates the backend link. Before start().
-    void initializeServer(std::string serverName, std::vector<std::string> offeredDataTypes);
+    void initializeServer(std::string serverName, std::vector<std::string> offeredDataTypes,
+                          std::shared_ptr<ConfigurationReceiver> configurations);
     /// Connects the link with this object and starts it; does nothing without a link.
     void startServer();
 

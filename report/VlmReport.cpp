@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
 #include "kyo/Thread.h"

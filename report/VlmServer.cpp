@@ -12,9 +12,9 @@
 #include <system_error>
 #include <utility>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
-#include "bus/DetachedThread.h"
+#include "base/DetachedThread.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
 
@@ -109,25 +109,26 @@ std::string makeEventId(const ShippedReport& report) {
 
 }  // namespace
 
-VlmServer::VlmServer(std::string serverName, std::vector<std::string> offeredDataTypes)
+VlmServer::VlmServer(std::string serverName, std::vector<std::string> offeredDataTypes,
+                     std::shared_ptr<ConfigurationReceiver> configurations)
     : m_serverName(std::move(serverName)),
       m_offeredDataTypes(std::move(offeredDataTypes)),
-      m_configControlPanel(std::make_shared<ConfigControlPanel>()),
+      m_configurations(std::move(configurations)),
       m_client(makeClient(m_serverName, m_offeredDataTypes)) {
-    m_configControlPanel->setRequestFunction([this] { generateNewConfigRequest(); });
+    m_configurations->setRequestFunction([this] { generateNewConfigRequest(); });
     if (!m_client) {
         return;
     }
     m_client->registerMasterControlCallback(
         [this](kyo::Json::Value message) { handleMasterControlCallBack(std::move(message)); });
-    m_client->registerConfigResponseCallback([panel = m_configControlPanel](kyo::Json::Value response) {
-        panel->ConfigResponseCallback(std::move(response));
+    m_client->registerConfigResponseCallback([receiver = m_configurations](kyo::Json::Value response) {
+        receiver->ConfigResponseCallback(std::move(response));
     });
 }
 
 VlmServer::~VlmServer() {
-    m_configControlPanel->stopConfigRequestRetry();
-    m_configControlPanel->setRequestFunction(nullptr);
+    m_configurations->stopConfigRequestRetry();
+    m_configurations->setRequestFunction(nullptr);
 }
 
 void VlmServer::registerDataDeliveryCallback(DataDeliveryCallback callback) {
@@ -208,7 +209,7 @@ void VlmServer::actOnOpenChannel() {
     if (!m_configurationRequested) {
         m_configurationRequested = true;
         generateNewConfigRequest();
-        m_configControlPanel->startConfigRequestRetry();
+        m_configurations->startConfigRequestRetry();
     }
 }
 

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "config/ConfigControlPanel.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
 #include "kyo/OrxClient.h"
+#include "report/ConfigurationReceiver.h"
 #include "report/ShippedReport.h"
 #include "report/orxStatus.h"
 
@@ -27,7 +27,9 @@ class VlmServer {
     /// What "sendToOrx" answers when the backend permits no data type.
     static constexpr std::int32_t kNothingPermitted = -3;
 
-    VlmServer(std::string serverName, std::vector<std::string> offeredDataTypes);
+    /// `configurations` gets the configurations that the backend sends.
+    VlmServer(std::string serverName, std::vector<std::string> offeredDataTypes,
+              std::shared_ptr<ConfigurationReceiver> configurations);
     ~VlmServer();
     VlmServer(const VlmServer&) = delete;
     VlmServer& operator=(const VlmServer&) = delete;
@@ -53,7 +55,7 @@ class VlmServer {
     std::string getUniqueMessageId(const std::string& catalogId, const std::string& createDatetime,
                                    const std::string& adjustment = {});
 
-    /// Asks the backend for the collector configuration. The answer goes to ConfigControlPanel.
+    /// Asks the backend for the collector configuration. The answer goes to the configuration receiver.
     void generateNewConfigRequest();
 
     /// True while the last master-control message closed the channel or told of a failed delivery, and
@@ -73,7 +75,7 @@ class VlmServer {
     const std::string m_serverName;
     const std::vector<std::string> m_offeredDataTypes;
     DataDeliveryCallback m_dataDeliveryCallback;
-    const std::shared_ptr<ConfigControlPanel> m_configControlPanel;
+    const std::shared_ptr<ConfigurationReceiver> m_configurations;
 
     mutable kyo::Mutex m_controlMutex;
     std::string m_eventTicket;                      ///< guarded by m_controlMutex

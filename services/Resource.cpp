@@ -6,11 +6,11 @@
 #include <optional>
 #include <utility>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
-#include "collect/CompactObject.h"
+#include "base/CompactObject.h"
+#include "base/JsonFields.h"
+#include "base/StableText.h"
+#include "base/VlmLog.h"
 #include "collect/IngressQueue.h"
-#include "services/StableText.h"
 
 namespace vlmProd {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "app/JsonFields.h"
-#include "app/VlmLog.h"
+#include "base/JsonFields.h"
+#include "base/VlmLog.h"
 #include "eb/com/optional.h"
 #include "qdr/services/registration.h"
 #include "services/Resource.h"

@@ -4,7 +4,7 @@
 #include <thread>
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "kyo/Status.h"
 #include "services/ServiceMapObjectHandler.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
 #include "kyo/Mutex.h"
 #include "kyo/Thread.h"
 #include "kyo/ThreadCondition.h"

@@ -1,6 +1,6 @@
 #include "services/ServiceMapObjectHandler.h"
 
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 #include "services/adapters/RegisteredAdapters.h"
 
 namespace vlmProd {

@@ -1,13 +1,9 @@
-// The backend client, replaced: it takes every envelope at once and notes when.
+// A backend client that takes every envelope at once and notes when.
 #include "support/CountingOrxClient.h"
 
 #include <utility>
 
 #include "kyo/OrxClient.h"
-
-namespace kyo::orx {
-class Transport {};
-}  // namespace kyo::orx
 
 namespace vlmBench {
 
@@ -53,6 +49,8 @@ std::size_t CountingClient::reportBytes() {
 }  // namespace vlmBench
 
 namespace kyo {
+
+class OrxClient::Implementation {};
 
 using vlmBench::CountingClient;
 

@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "bus/DetachedThread.h"
+#include "base/DetachedThread.h"
 #include "kyo/DateTime.h"
 #include "services/adapters/RecordWriter.h"
 #include "services/adapters/VLMGNSS.h"
@@ -37,8 +37,8 @@ void addCollector(Value& record, int index) {
 template <class DT>
 DT decoded(std::span<const std::uint8_t> payload) {
     std::vector<DT> samples;
-    ac::com::DecodeReport report;
-    if (!ac::com::decodeSamples(payload, samples, report) || samples.size() != 1) {
+    someip::DecodeReport report;
+    if (!someip::decodeSamples(payload, samples, report) || samples.size() != 1) {
         throw std::runtime_error("the benchmark's own sample cannot be decoded");
     }
     return std::move(samples.front());

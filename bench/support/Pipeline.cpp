@@ -105,9 +105,9 @@ std::shared_ptr<someip::EventReceiver> receiverOf(const ac::com::ServiceInterfac
     adapter->setCollectorName(proxy, names.resource, names.index, collector);
     return std::make_shared<someip::EventReceiver>(
         service, 1, event,
-        [adapter, callback](std::span<const std::uint8_t> payload, ac::com::DecodeReport& report) {
+        [adapter, callback](std::span<const std::uint8_t> payload, someip::DecodeReport& report) {
             std::vector<DT> samples;
-            if (ac::com::decodeSamples(payload, samples, report)) {
+            if (someip::decodeSamples(payload, samples, report)) {
                 ((*adapter).*callback)(std::move(samples));
             }
         });
@@ -166,7 +166,7 @@ Pipeline::Pipeline(Kind kind, int collectors, long long historyMs, Threads threa
     }
     m_dispatcher.setRoutes(routes);
     if (threads == Threads::Real) {
-        IngressQueue::getInstance()->start();
+        ConfigResponseHandler::getInstance()->startIngressQueue();
     }
 }
 

@@ -4,7 +4,6 @@
 #include <string_view>
 #include <vector>
 
-#include "ac/com/codec.h"
 #include "ac/com/types.h"
 #include "qdr/services/airbag/datatypes.h"
 #include "qdr/services/airbag/interface.h"
@@ -12,6 +11,7 @@
 #include "qdr/services/gnss/interface.h"
 #include "qdr/services/routebasedconsumption/datatypes.h"
 #include "someip/Message.h"
+#include "someip/Samples.h"
 
 namespace vlmBench {
 
@@ -31,7 +31,7 @@ template <class DT>
 std::vector<std::uint8_t> datagramWith(const ac::com::ServiceInterface& service,
                                        const ac::com::EventInterface& event, const DT& sample) {
     std::vector<std::uint8_t> bytes(someip::kHeaderSize);
-    ac::com::appendSamples(std::vector<DT>{sample}, bytes);
+    someip::appendSamples(std::vector<DT>{sample}, bytes);
     someip::Header header;
     header.service = service.serviceId;
     header.method = event.eventId;

@@ -9,10 +9,10 @@
 #include <stdexcept>
 #include <thread>
 
-#include "ac/com/codec.h"
 #include "kyo/Json.h"
 #include "machine/Manifest.h"
 #include "qdr/services/described.h"
+#include "someip/Codec.h"
 #include "someip/Runtime.h"
 
 namespace vlmBench {
@@ -36,12 +36,12 @@ double valueOf(const FieldInfo& field) {
 }
 
 template <typename T>
-void put(ac::com::MemberWriter& out, std::uint16_t id, double value) {
+void put(someip::MemberWriter& out, std::uint16_t id, double value) {
     out.put(id, std::optional<T>(static_cast<T>(value)));
 }
 
-void putField(ac::com::MemberWriter& out, std::uint16_t id, const FieldInfo& field, double value) {
-    using Put = void (*)(ac::com::MemberWriter&, std::uint16_t, double);
+void putField(someip::MemberWriter& out, std::uint16_t id, const FieldInfo& field, double value) {
+    using Put = void (*)(someip::MemberWriter&, std::uint16_t, double);
     static const std::map<std::string, Put> writers{{"bool", put<bool>},
                                                     {"uint8", put<std::uint8_t>},
                                                     {"uint16", put<std::uint16_t>},
@@ -64,7 +64,7 @@ void putField(ac::com::MemberWriter& out, std::uint16_t id, const FieldInfo& fie
 std::vector<std::uint8_t> messageOf(const DescribedEvent& event, const std::vector<std::string>& members,
                                     const std::string& key, int index) {
     std::vector<std::uint8_t> structure;
-    ac::com::MemberWriter out(structure);
+    someip::MemberWriter out(structure);
     const auto& fields = event.fields();
     for (std::size_t i = 0; i < fields.size(); ++i) {
         const auto id = static_cast<std::uint16_t>(i);

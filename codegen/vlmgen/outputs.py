@@ -13,7 +13,7 @@ TEMPLATES = Path(__file__).resolve().parent.parent / "templates"
 PER_SERVICE = (
     ("qdr/services/{ns}/interface.h", "interface.h.j2"),
     ("qdr/services/{ns}/datatypes.h", "datatypes.h.j2"),
-    ("qdr/services/{ns}/datatypes.cpp", "datatypes.cpp.j2"),
+    ("qdr/services/{ns}/codec.cpp", "codec.cpp.j2"),
     ("qdr/services/{ns}/registration.cpp", "registration.cpp.j2"),
     ("qdr/services/{ns}/proxy.h", "proxy.h.j2"),
     ("qdr/services/{ns}/skeleton.h", "skeleton.h.j2"),

@@ -5,10 +5,10 @@
 #include <thread>
 #include <utility>
 
-#include "app/VlmLog.h"
+#include "base/StableText.h"
+#include "base/VlmLog.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
-#include "services/StableText.h"
 
 // One body serves all adapters; the line shows the operation of the adapter that it is.
 #define ADAPTER_LOG(level, result, operation, ...) \

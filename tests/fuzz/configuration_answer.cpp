@@ -5,9 +5,9 @@
 #include <memory>
 
 #include "Fuzzing.h"
+#include "backend/ConfigurationFile.h"
 #include "config/ConfigControlPanel.h"
 #include "config/ConfigParser.h"
-#include "kyo/orx/ConfigurationFile.h"
 
 using kyo::Json::Value;
 

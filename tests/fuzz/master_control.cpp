@@ -2,7 +2,8 @@
 /// letter): whatever comes, a report goes out only when the backend permits one, and nothing throws.
 #include "Fuzzing.h"
 #include "report/VlmServer.h"
-#include "tests/unit/backend/ScriptedOrxClient.h"
+#include "tests/support/NoConfigurations.h"
+#include "tests/minimal/ScriptedOrxClient.h"
 
 using vlmFuzz::require;
 using vlmTest::ScriptedClient;
@@ -13,7 +14,8 @@ namespace {
 vlmProd::VlmServer& server() {
     static auto* const instance = [] {
         vlmFuzz::logToNowhere();
-        auto* const created = new vlmProd::VlmServer("Catalog 1", {"TypeA"});
+        auto* const created =
+            new vlmProd::VlmServer("Catalog 1", {"TypeA"}, std::make_shared<vlmTest::NoConfigurations>());
         created->registerDataDeliveryCallback([](vlmProd::orxStatus) {});
         created->startServer();
         return created;

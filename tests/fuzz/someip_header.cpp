@@ -30,7 +30,7 @@ void hear(Input in) {
         // The second event comes from another peer.
         routes.push_back(
             {kPeers[routes.size()],
-             std::make_shared<EventReceiver>(kService, 1, event, [](Bytes payload, ac::com::DecodeReport&) {
+             std::make_shared<EventReceiver>(kService, 1, event, [](Bytes payload, someip::DecodeReport&) {
                  require(payload.size() <= kLimits.maxMessageBytes, "no payload is larger than allowed");
              })});
     }

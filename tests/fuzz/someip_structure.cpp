@@ -20,22 +20,22 @@ using vlmFuzz::require;
 template <typename DT>
 void decode(Bytes payload) {
     std::vector<DT> samples;
-    ac::com::DecodeReport report;
-    const bool good = ac::com::decodeSamples(payload, samples, report);
-    require(good == (report.result == ac::com::DecodeResult::Good), "result and report agree");
+    someip::DecodeReport report;
+    const bool good = someip::decodeSamples(payload, samples, report);
+    require(good == (report.result == someip::DecodeResult::Good), "result and report agree");
     require(good == report.error.empty(), "what is refused has a reason");
     if (!good) {
         require(samples.empty(), "nothing is left of what was refused");
         return;
     }
-    require(samples.size() <= ac::com::kMaxSamplesPerMessage, "the number of samples is bounded");
+    require(samples.size() <= someip::kMaxSamplesPerMessage, "the number of samples is bounded");
     std::vector<std::uint8_t> once;
-    ac::com::encodeSamples(samples, once);
+    someip::encodeSamples(samples, once);
     std::vector<DT> again;
-    require(ac::com::decodeSamples(Bytes(once), again, report) && report.doubledMembers == 0,
+    require(someip::decodeSamples(Bytes(once), again, report) && report.doubledMembers == 0,
             "what was encoded can be decoded");
     std::vector<std::uint8_t> twice;
-    ac::com::encodeSamples(again, twice);
+    someip::encodeSamples(again, twice);
     require(once == twice, "encoding loses nothing");
 }
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "kyo/orx/Transport.h"
+#include "backend/Transport.h"
 #include "tests/support/Eventually.h"
 
 namespace vlmTest {

@@ -8,9 +8,9 @@
 #include <sstream>
 #include <utility>
 
-#include "app/JsonFields.h"
-#include "kyo/orx/ConfigurationFile.h"
-#include "kyo/orx/Transport.h"
+#include "backend/ConfigurationFile.h"
+#include "backend/Transport.h"
+#include "base/JsonFields.h"
 
 namespace vlmBackend {
 

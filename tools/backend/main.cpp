@@ -15,8 +15,8 @@
 #include <string>
 #include <utility>
 
-#include "kyo/orx/MqttConnection.h"
-#include "kyo/orx/MqttTransport.h"
+#include "backend/MqttConnection.h"
+#include "backend/MqttTransport.h"
 #include "machine/Manifest.h"
 #include "tools/backend/Backend.h"
 

@@ -12,7 +12,7 @@ namespace vlmVehicle {
 
 namespace {
 
-using ac::com::WireFault;
+using someip::WireFault;
 
 const std::vector<std::pair<std::string, WireFault::Kind>> wireWords = {
     {"truncated", WireFault::TruncatedStructure},         {"wrong-length", WireFault::WrongLength},

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "ac/com/skeleton.h"
+#include "com/Skeleton.h"
 
 namespace vlmVehicle {
 
@@ -19,7 +19,7 @@ struct Fault {
     Kind kind = Wire;
     std::string service = "*";  ///< or one name
     std::string event = "*";
-    ac::com::WireFault::Kind wire = ac::com::WireFault::TruncatedStructure;
+    someip::WireFault::Kind wire = someip::WireFault::TruncatedStructure;
     int count = 1;
     double seconds = 0;
     double at = -1;    ///< s since the vehicle started; negative: at once

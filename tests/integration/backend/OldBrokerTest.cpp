@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "kyo/orx/MqttTransport.h"
+#include "backend/MqttTransport.h"
 #include "tests/support/LogCapture.h"
 
 namespace {

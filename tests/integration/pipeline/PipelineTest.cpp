@@ -88,7 +88,7 @@ TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
     const vlmTest::TemporaryFolder folder;
     auto& setup = *ConfigResponseHandler::getInstance();
     ASSERT_TRUE(setup.createConfigParserFromFile(folder.write("collector.json", kConfiguration)));
-    IngressQueue::getInstance()->start();
+    setup.startIngressQueue();
     setup.createCollectorObjects();
     PubSubService::getInstance().start();
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "ac/com/proxy.h"
-#include "ac/com/skeleton.h"
+#include "com/Proxy.h"
+#include "com/Skeleton.h"
 #include "someip/Counters.h"
 #include "someip/Runtime.h"
 #include "tests/support/Eventually.h"
@@ -201,7 +201,7 @@ class PlainDevice {
     /// A notification of `readings` with one sample.
     std::vector<std::uint8_t> notification(int number, std::uint16_t session) const {
         std::vector<std::uint8_t> bytes(someip::kHeaderSize);
-        ac::com::appendSamples(std::vector{numbered(number)}, bytes);
+        someip::appendSamples(std::vector{numbered(number)}, bytes);
         someip::Header header;
         header.service = kMeter.serviceId;
         header.method = kReadings.eventId;

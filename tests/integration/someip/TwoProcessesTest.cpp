@@ -130,7 +130,7 @@ TEST_F(ClientAndServer, ARefusedSubscriptionIsAcceptedLater) {
 TEST_F(ClientAndServer, EachFaultIsCountedAtItsPlaceAndTheNextSampleArrives) {
     connect();
     auto& counters = someip::counters();
-    using Kind = ac::com::WireFault::Kind;
+    using Kind = someip::WireFault::Kind;
     const std::vector<std::pair<Kind, kyo::Counter*>> faults = {
         {Kind::TruncatedStructure, &counters.truncated},
         {Kind::WrongLength, &counters.malformed},

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "Processes.h"
-#include "kyo/orx/MqttConnection.h"
-#include "kyo/orx/MqttTransport.h"
+#include "backend/MqttConnection.h"
+#include "backend/MqttTransport.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"

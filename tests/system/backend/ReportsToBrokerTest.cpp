@@ -13,6 +13,7 @@
 #include "report/VlmDataSubmissionControl.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NoConfigurations.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -94,7 +95,7 @@ class ReportsToBroker : public testing::Test {
 TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and_open) {
     Broker broker(m_port);
     startBackend({"--closed", "--results", "0,1,2,0,-,0"});
-    m_control.initializeServer("Catalog 1", {"TypeA"});
+    m_control.initializeServer("Catalog 1", {"TypeA"}, std::make_shared<vlmTest::NoConfigurations>());
     m_control.start();
     ASSERT_TRUE(m_log.waitFor("Backend Channel Control result = 1"));
     add("discarded");

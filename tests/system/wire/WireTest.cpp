@@ -148,7 +148,7 @@ TEST_F(Wire, ANotificationAndOneInSegments) {
     const auto event = kHeader + Fields{{"someip.serviceid", "0x4101"}, {"someip.methodid", "0x8001"}};
     const auto segment = event + Fields{{"someip.sessionid", "0x0002"}, {"someip.messagetype", "0x22"}};
     std::vector<std::uint8_t> payload;
-    ac::com::encodeSamples(std::vector{large}, payload);
+    someip::encodeSamples(std::vector{large}, payload);
     std::string text;
     for (const auto byte : payload) {
         char digits[4];

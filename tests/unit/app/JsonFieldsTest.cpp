@@ -1,5 +1,5 @@
 // Reading documents whose content nobody vouches for.
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The form of log lines, and that a message nobody wants costs nothing.
-#include "app/VlmLog.h"
+#include "base/VlmLog.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "kyo/orx/DirectoryTransport.h"
+#include "backend/DirectoryTransport.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"

@@ -8,11 +8,12 @@
 #include <thread>
 #include <vector>
 
-#include "ScriptedOrxClient.h"
+#include "tests/minimal/ScriptedOrxClient.h"
 #include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NoConfigurations.h"
 #include "tests/support/Together.h"
 
 namespace {
@@ -38,7 +39,7 @@ class SubmissionControl : public testing::Test {
 
     /// Starts, opens the channel and waits until the thread that this starts has found the queue empty.
     void startOpen() {
-        m_control.initializeServer("Catalog 1", {"TypeA"});
+        m_control.initializeServer("Catalog 1", {"TypeA"}, std::make_shared<vlmTest::NoConfigurations>());
         m_control.start();
         ASSERT_TRUE(m_log.waitFor("Conditional wait because There is no report in shipping queue"));
         backend().masterControl(control());

@@ -8,8 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "ScriptedOrxClient.h"
-#include "app/JsonFields.h"
+#include "tests/minimal/ScriptedOrxClient.h"
+#include "base/JsonFields.h"
+#include "config/ConfigControlPanel.h"
 #include "report/VlmServer.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
@@ -18,6 +19,7 @@ namespace {
 
 using testing::ElementsAre;
 using vlmProd::compactText;
+using vlmProd::ConfigControlPanel;
 using vlmProd::orxStatus;
 using vlmProd::VlmServer;
 using vlmTest::control;
@@ -54,7 +56,7 @@ class BackendLink : public testing::Test {
 
     LogCapture m_log;
     const std::shared_ptr<Calls> m_calls = std::make_shared<Calls>();
-    VlmServer m_server{"Catalog 1", {"TypeA"}};
+    VlmServer m_server{"Catalog 1", {"TypeA"}, std::make_shared<ConfigControlPanel>([](auto&&...) {})};
 };
 
 TEST_F(BackendLink, starts_sending_on_a_thread_of_its_own_and_asks_for_the_configuration_once) {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 #include "collect/IngressQueue.h"
 #include "qdr/services/described.h"
 #include "qdr/services/oddities/datatypes.h"
@@ -73,10 +73,10 @@ class OddDescription : public testing::Test {
 
 TEST_F(OddDescription, EveryTypeComesThroughTheWireIntoARecordAsJsonHasIt) {
     std::vector<std::uint8_t> bytes;
-    ac::com::encodeSamples(std::vector{fullSample(), DT_scalars_struct{}}, bytes);
+    someip::encodeSamples(std::vector{fullSample(), DT_scalars_struct{}}, bytes);
     std::vector<DT_scalars_struct> read;
     std::string error;
-    ASSERT_TRUE(ac::com::decodeSamples(bytes, read, error)) << error;
+    ASSERT_TRUE(someip::decodeSamples(bytes, read, error)) << error;
     ASSERT_EQ(read.size(), 2u);
     EXPECT_EQ(read[0].neverWritten, fullSample().neverWritten);
     adapter.callback_scalars(read);
@@ -94,7 +94,7 @@ TEST_F(OddDescription, DataIdsAreThePlacesInTheDescription) {
     sample.depth = Depth::abyss;
     sample.neverWritten = 9;
     std::vector<std::uint8_t> bytes;
-    ac::com::encodeSamples(std::vector{sample}, bytes);
+    someip::encodeSamples(std::vector{sample}, bytes);
     EXPECT_THAT(bytes,
                 ElementsAre(0, 0, 0, 17, 0, 0, 0, 13, 0x20, 1, 0, 0, 0, 7, 0x10, 2, 0x80, 0, 0x00, 15, 9));
     EXPECT_EQ(qdr::services::oddities::kInterface.minorVersion, 0xFFFFFFFEu);

@@ -1,4 +1,4 @@
-#include "bus/ConcurrentQueue.h"
+#include "base/ConcurrentQueue.h"
 
 #include <gtest/gtest.h>
 

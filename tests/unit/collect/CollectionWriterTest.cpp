@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "app/JsonFields.h"
-#include "collect/CompactObject.h"
+#include "base/CompactObject.h"
+#include "base/JsonFields.h"
 #include "collect/TextedRecord.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <memory>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
@@ -25,7 +25,8 @@ Value recordAt(int timestamp) {
 
 TEST(IngressQueue, WeighsARecordWithTheLengthOfItsTextAndDropsTheOneThatItTakesAfterTheStop) {
     const LogCapture log;
-    IngressQueue queue([](const TextedRecord&) { ADD_FAILURE() << "dispatched after the stop"; });
+    IngressQueue queue;
+    queue.setDispatch([](const TextedRecord&) { ADD_FAILURE() << "dispatched after the stop"; });
     Value record = recordAt(5);
     queue.insertRecord(record);
     EXPECT_EQ(log.lines().front().signature, "void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&)");
@@ -42,7 +43,8 @@ TEST(IngressQueueThread, DispatchesAllThatWasPutWhileItSleptAfterOneWakeUpAndEnd
     const LogCapture log;
     // Shared with the dispatch threads.
     const auto dispatched = std::make_shared<std::atomic<std::uint64_t>>(0);
-    auto* const queue = new IngressQueue([dispatched](const TextedRecord&) { ++*dispatched; });
+    auto* const queue = new IngressQueue;
+    queue->setDispatch([dispatched](const TextedRecord&) { ++*dispatched; });
     queue->start();
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Ingress queue."));
     EXPECT_TRUE(log.has(5, "Started IngressQueue consumer"));

@@ -6,7 +6,7 @@
 #include <map>
 #include <regex>
 
-#include "ara/log/ConsoleSink.h"
+#include "log/ConsoleSink.h"
 #include "tests/unit/platform/ChildProcess.h"
 
 using testing::HasSubstr;

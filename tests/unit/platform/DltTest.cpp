@@ -6,7 +6,7 @@
 
 #include <optional>
 
-#include "ara/log/DltSink.h"
+#include "log/DltSink.h"
 #include "tests/unit/platform/ChildProcess.h"
 
 using testing::ElementsAre;

@@ -1,4 +1,4 @@
-#include "kyo/LineQueue.h"
+#include "log/LineQueue.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "kyo/LineText.h"
+#include "log/LineText.h"
 
 using testing::ElementsAre;
 using testing::Pair;

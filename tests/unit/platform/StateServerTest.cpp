@@ -1,5 +1,5 @@
 // The state socket: its protocol, and that no client can hurt another one or the process.
-#include "ara/stm/StateServer.h"
+#include "state/StateServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <memory>
 
-#include "ara/stm/StateServer.h"
 #include "kyo/Status.h"
+#include "state/StateServer.h"
 #include "tests/unit/platform/ChildProcess.h"
 #include "tools/state/StatusText.h"
 

@@ -2,7 +2,7 @@
 // leaves is the one that it makes of the report without its catalog id.
 #include <gtest/gtest.h>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 #include "report/ShippedReport.h"
 #include "tests/support/RecordValue.h"
 

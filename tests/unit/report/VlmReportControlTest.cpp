@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "app/JsonFields.h"
+#include "base/JsonFields.h"
 #include "kyo/DateTime.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"

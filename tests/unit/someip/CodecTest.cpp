@@ -3,8 +3,8 @@
 #include "Reading.h"
 
 using namespace vlmTest;
-using ac::com::DecodeReport;
-using ac::com::DecodeResult;
+using someip::DecodeReport;
+using someip::DecodeResult;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -44,8 +44,8 @@ Decoded decode(const Bytes& payload) {
     const auto exact = std::make_unique<std::uint8_t[]>(payload.size());
     std::copy(payload.begin(), payload.end(), exact.get());
     Decoded out;
-    out.good = ac::com::decodeSamples(std::span<const std::uint8_t>(exact.get(), payload.size()), out.samples,
-                                      out.report);
+    out.good = someip::decodeSamples(std::span<const std::uint8_t>(exact.get(), payload.size()), out.samples,
+                                     out.report);
     return out;
 }
 
@@ -60,7 +60,7 @@ const Bytes kText4 = {0x70, 0x07, 0, 0, 0, 6, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00
 
 TEST(Codec, WritesTheBytesThatTheProtocolGives) {
     Bytes payload;
-    ac::com::encodeSamples(std::vector{fullReading()}, payload);
+    someip::encodeSamples(std::vector{fullReading()}, payload);
     EXPECT_EQ(payload,
               payloadOf(kU8 + kU16 + kU32 + kF64 + Bytes{0x00, 0x05, 0x01, 0x10, 0x06, 0xFF, 0xFF} + kText4 +
                         Bytes{0x20, 0x08, 0xBF, 0, 0, 0, 0x30, 0x09, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
@@ -69,7 +69,7 @@ TEST(Codec, WritesTheBytesThatTheProtocolGives) {
     EXPECT_TRUE(decoded.good) << "what follows the array is ignored";
     EXPECT_EQ(decoded.samples, std::vector{fullReading()});
 
-    ac::com::encodeSamples(std::vector<Reading>{{}, {}}, payload);
+    someip::encodeSamples(std::vector<Reading>{{}, {}}, payload);
     EXPECT_EQ(payload, (Bytes{0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0})) << "absent members have no tag";
 }
 
@@ -157,7 +157,7 @@ TEST(Codec, RefusesContradictions) {
 }
 
 TEST(Codec, AMessageFullOfEmptyStructuresIsBounded) {
-    const Bytes most(4 * ac::com::kMaxSamplesPerMessage, 0);
-    EXPECT_THAT(decode(lengthAnd(most)).samples, SizeIs(ac::com::kMaxSamplesPerMessage));
+    const Bytes most(4 * someip::kMaxSamplesPerMessage, 0);
+    EXPECT_THAT(decode(lengthAnd(most)).samples, SizeIs(someip::kMaxSamplesPerMessage));
     EXPECT_EQ(decode(lengthAnd(most + Bytes{0, 0, 0, 0})).report.result, DecodeResult::Malformed);
 }

@@ -40,7 +40,7 @@ Bytes payloadOf(std::uint8_t small) {
     Reading reading;
     reading.small = small;
     Bytes payload;
-    ac::com::encodeSamples(std::vector{reading}, payload);
+    someip::encodeSamples(std::vector{reading}, payload);
     return payload;
 }
 
@@ -50,9 +50,9 @@ struct Dispatching : ::testing::Test {
     std::shared_ptr<EventReceiver> receiver() {
         return std::make_shared<EventReceiver>(
             kMeter, 1, kReadings,
-            [this](std::span<const std::uint8_t> payload, ac::com::DecodeReport& report) {
+            [this](std::span<const std::uint8_t> payload, someip::DecodeReport& report) {
                 std::vector<Reading> samples;
-                if (ac::com::decodeSamples(payload, samples, report)) {
+                if (someip::decodeSamples(payload, samples, report)) {
                     for (const auto& sample : samples) {
                         got.push_back(sample.small.value_or(0));
                     }
@@ -140,7 +140,7 @@ TEST_F(Dispatching, ATruncatedStructureIsToldOnceWithItsEventAndTheSubscriptionL
 TEST_F(Dispatching, AHandlerThatThrowsIsToldAndTheNextMessageComes) {
     dispatcher.setRoutes(
         {{kServer, std::make_shared<EventReceiver>(
-                       kMeter, 1, kReadings, [this](std::span<const std::uint8_t>, ac::com::DecodeReport&) {
+                       kMeter, 1, kReadings, [this](std::span<const std::uint8_t>, someip::DecodeReport&) {
                            got.push_back(1);
                            throw std::runtime_error("no room");
                        })}});
@@ -169,7 +169,7 @@ TEST_F(Dispatching, CountsNumbersThatNeverCameAndThoseThatCameAgain) {
 
 TEST_F(Dispatching, JoinsSegmentsAndCountsWhatNeverBecameAMessage) {
     Bytes payload;
-    ac::com::encodeSamples(std::vector<Reading>(100, fullReading()), payload);
+    someip::encodeSamples(std::vector<Reading>(100, fullReading()), payload);
     std::vector<Bytes> datagrams;
     segment(headerOf(3), payload, [&](std::span<const std::uint8_t> datagram) {
         datagrams.emplace_back(datagram.begin(), datagram.end());

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "ac/com/codec.h"
 #include "ac/com/types.h"
+#include "someip/Codec.h"
 
 namespace vlmTest {
 
@@ -40,7 +40,7 @@ void visitMembers(AnyReading& reading, Visit&& visit) {
     visit(9, reading.offset);
 }
 
-inline bool readMember(ac::com::MemberReader& in, Reading& out) {
+inline bool readMember(someip::MemberReader& in, Reading& out) {
     bool known = false;
     visitMembers(out, [&](std::uint16_t id, auto& member) {
         if (id == in.id()) {
@@ -51,7 +51,7 @@ inline bool readMember(ac::com::MemberReader& in, Reading& out) {
     return known;
 }
 
-inline void writeMembers(ac::com::MemberWriter& out, const Reading& in) {
+inline void writeMembers(someip::MemberWriter& out, const Reading& in) {
     visitMembers(in, [&](std::uint16_t id, const auto& member) { out.put(id, member); });
 }
 

@@ -13,7 +13,7 @@ TEST(Fault, is_read_from_its_words) {
     std::string error;
     ASSERT_TRUE(Fault::parse("truncated GNSS.positions 3", fault, error)) << error;
     EXPECT_EQ(fault.kind, Fault::Wire);
-    EXPECT_EQ(fault.wire, ac::com::WireFault::TruncatedStructure);
+    EXPECT_EQ(fault.wire, someip::WireFault::TruncatedStructure);
     EXPECT_EQ(fault.count, 3);
     EXPECT_TRUE(fault.concerns("GNSS", "positions"));
     EXPECT_FALSE(fault.concerns("GNSS", "positionsQuality"));

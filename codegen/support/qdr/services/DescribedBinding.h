@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "ac/com/skeleton.h"
+#include "com/Skeleton.h"
 #include "eb/com/optional.h"
 #include "qdr/services/described.h"
 
@@ -113,7 +113,7 @@ class BoundEvent final : public DescribedEvent {
         return makeSamples(values, samples) && m_event.Send(samples);
     }
 
-    bool sendFaulty(const std::vector<FieldValues>& values, const ac::com::WireFault& fault) override {
+    bool sendFaulty(const std::vector<FieldValues>& values, const someip::WireFault& fault) override {
         std::vector<DT> samples;
         return makeSamples(values, samples) && m_event.SendFaulty(samples, fault);
     }

@@ -10,7 +10,7 @@
 #include <variant>
 #include <vector>
 
-#include "ac/com/skeleton.h"
+#include "someip/WireFault.h"
 
 namespace qdr::services {
 
@@ -68,7 +68,7 @@ class DescribedEvent {
     /// is sent then. Not for two threads at once on the same event.
     virtual bool send(const std::vector<FieldValues>& samples) = 0;
     /// The same with a fault in what goes out.
-    virtual bool sendFaulty(const std::vector<FieldValues>& samples, const ac::com::WireFault& fault) = 0;
+    virtual bool sendFaulty(const std::vector<FieldValues>& samples, const someip::WireFault& fault) = 0;
     /// Why the last send was refused before it reached the network, naming event and field; else empty.
     const std::string& error() const { return m_error; }
 

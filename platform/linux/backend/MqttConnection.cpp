@@ -1,0 +1,560 @@
+#include "backend/MqttConnection.h"
+
+#include <dlfcn.h>
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "kyo/Status.h"
+
+namespace kyo::orx {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr int kQos = 1;
+constexpr milliseconds kStopLimit{2000};
+constexpr milliseconds kDrainLimit{500};
+constexpr int kPollMs = 500;  // how late the library's own time-outs may be seen
+
+void initialiseLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // The network thread may be at work while the process exits, so the TLS library must not free its
+        // tables then. It is reached by name, because it is libmosquitto's dependency and not ours.
+        using Initialise = int (*)(std::uint64_t, const void*);
+        constexpr std::uint64_t noAtExit = 0x00080000;  // OPENSSL_INIT_NO_ATEXIT
+        if (const auto initialise =
+                reinterpret_cast<Initialise>(dlsym(RTLD_DEFAULT, "OPENSSL_init_crypto"))) {
+            initialise(noAtExit, nullptr);
+        }
+        mosquitto_lib_init();
+    });
+}
+
+/// A message from publish() until the broker confirms it. Kept here and not in the library, which aborts the
+/// process when a returning broker takes only packets smaller than one that it kept.
+struct Unconfirmed {
+    std::string topic;
+    std::string payload;
+    bool retain;
+    MqttConnection::Kind kind;
+    int messageId;  ///< of the current connection; 0 before it was sent there
+
+    /// The largest that its packet can be: fixed header, lengths, identifier and properties beside the texts.
+    std::size_t bytes() const { return topic.size() + payload.size() + 16; }
+};
+
+struct ClientDeleter {
+    void operator()(mosquitto* client) const { mosquitto_destroy(client); }
+};
+using Client = std::unique_ptr<mosquitto, ClientDeleter>;
+
+}  // namespace
+
+struct MqttConnection::State {
+    State(machine::MqttBackend s, std::string id, std::vector<std::string> topics, Will w, Handlers h)
+        : settings(std::move(s)),
+          clientId(std::move(id)),
+          subscriptions(std::move(topics)),
+          will(std::move(w)),
+          handlers(std::move(h)),
+          wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~State() {
+        client.reset();
+        ::close(wakeUp);
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    // Network thread.
+    void run();
+    bool makeClient(std::string& error);
+    int connectOnce();
+    int serve();
+    void waitBeforeReconnect();
+    void tellDown(const std::string& cause);
+    void giveUpLargest();
+    void sendUnconfirmed();
+    int hand(Unconfirmed& message);
+    void settle(const std::vector<Unconfirmed>& messages, int reason);
+    std::string causeOf(int code, int systemError) const;
+
+    // libmosquitto's callbacks, on the network thread.
+    void onConnect(int reason, const mosquitto_property* properties);
+    void onPublish(int messageId, int reason);
+    static State& of(void* object) { return *static_cast<State*>(object); }
+
+    void wake() const { ::eventfd_write(wakeUp, 1); }
+    std::string broker() const { return settings.host + ':' + std::to_string(settings.port); }
+
+    // Set once.
+    const machine::MqttBackend settings;
+    const std::string clientId;
+    const std::vector<std::string> subscriptions;
+    const Will will;
+    const Handlers handlers;
+    const int wakeUp;  ///< eventfd: something to send, or stopping
+
+    mutable std::mutex mutex;
+    // Guarded by the mutex; the client is replaced by the network thread only, which may use it without.
+    Client client;  ///< one for each connection
+    std::list<Unconfirmed> unconfirmed;
+    std::size_t unconfirmedBytes = 0;
+    std::size_t largestPacket = 0;  ///< the broker's limit; 0: none known
+    bool connected = false;
+    bool running = false;
+    std::condition_variable ended;
+
+    std::atomic<bool> stopping{false};
+
+    // Network thread only.
+    bool everConnected = false;
+    bool tooLarge = false;  ///< the broker ended the connection because of a message's size
+    int protocol = MQTT_PROTOCOL_V5;
+    std::string libraryError;  ///< the library's own words about the last trouble
+    std::string refusal;       ///< why the broker refused or ended the connection
+    std::string toldCause;     ///< the last trouble that was told; empty while connected
+    std::chrono::seconds pause{0};
+    std::minstd_rand jitter{std::random_device{}()};
+};
+
+MqttConnection::MqttConnection(machine::MqttBackend settings, std::string clientId,
+                               std::vector<std::string> subscriptions, Will will, Handlers handlers)
+    : m_state(std::make_shared<State>(std::move(settings), std::move(clientId), std::move(subscriptions),
+                                      std::move(will), std::move(handlers))) {
+    initialiseLibrary();
+}
+
+MqttConnection::~MqttConnection() {
+    stop();
+}
+
+void MqttConnection::start() {
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    if (m_state->running || m_state->stopping) {
+        return;
+    }
+    try {
+        std::thread([state = m_state] { state->run(); }).detach();
+        m_state->running = true;
+    } catch (const std::system_error& error) {
+        m_state->handlers.say(3, std::string("no thread for the broker could be started: ") + error.what());
+    }
+}
+
+void MqttConnection::stop() {
+    m_state->stopping = true;
+    m_state->wake();
+    std::unique_lock<std::mutex> lock(m_state->mutex);
+    m_state->ended.wait_until(lock, SteadyClock::now() + kStopLimit, [this] { return !m_state->running; });
+}
+
+std::int32_t MqttConnection::publish(const std::string& topic, const std::string& payload, bool retain,
+                                     Kind kind, std::string& error) {
+    State& state = *m_state;
+    Unconfirmed message{topic, payload, retain, kind, 0};
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    if (state.largestPacket != 0 && message.bytes() > state.largestPacket) {
+        error = std::to_string(payload.size()) + " bytes do not fit into the broker's largest packet of " +
+                std::to_string(state.largestPacket);
+        return kTooLarge;
+    }
+    if (state.unconfirmed.size() >= kMaxUnconfirmed ||
+        state.unconfirmedBytes + message.bytes() > kMaxUnconfirmedBytes) {
+        error = std::to_string(state.unconfirmed.size()) + " messages with " +
+                std::to_string(state.unconfirmedBytes) + " bytes wait for the broker already";
+        return kQueueFull;
+    }
+    if (state.connected) {
+        const int result = state.hand(message);
+        if (result != MOSQ_ERR_SUCCESS) {
+            error = mosquitto_strerror(result);
+            return kFailed;
+        }
+        state.wake();
+    }
+    state.unconfirmedBytes += message.bytes();
+    state.unconfirmed.push_back(std::move(message));
+    return 0;
+}
+
+bool MqttConnection::unconfirmed(Kind kind) const {
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    return std::any_of(m_state->unconfirmed.begin(), m_state->unconfirmed.end(),
+                       [kind](const Unconfirmed& message) { return message.kind == kind; });
+}
+
+bool MqttConnection::taken(int reason) {
+    return reason < MQTT_RC_UNSPECIFIED && reason != MQTT_RC_NO_MATCHING_SUBSCRIBERS;
+}
+
+bool MqttConnection::State::makeClient(std::string& error) {
+    Client made(mosquitto_new(clientId.empty() ? nullptr : clientId.c_str(), true, this));
+    if (!made) {
+        error = "no MQTT client could be made: " + std::string(std::strerror(errno));
+        return false;
+    }
+    mosquitto* const raw = made.get();
+    mosquitto_threaded_set(raw, true);
+    mosquitto_int_option(raw, MOSQ_OPT_PROTOCOL_VERSION, protocol);
+    mosquitto_int_option(raw, MOSQ_OPT_TCP_NODELAY, 1);
+    const auto check = [&error](int code, const std::string& doing) {
+        if (code != MOSQ_ERR_SUCCESS) {
+            error = doing + ": " + (code == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(code));
+        }
+        return code == MOSQ_ERR_SUCCESS;
+    };
+    if (!settings.user.empty() &&
+        !check(mosquitto_username_pw_set(raw, settings.user.c_str(), settings.password.c_str()), "user")) {
+        return false;
+    }
+    if (settings.tls) {
+        // Both calls keep the verification of the server's certificate and name on.
+        const char* const folder = settings.caFile.empty() ? "/etc/ssl/certs" : nullptr;
+        const char* const file = settings.caFile.empty() ? nullptr : settings.caFile.c_str();
+        const char* const cert = settings.certFile.empty() ? nullptr : settings.certFile.c_str();
+        const char* const key = settings.keyFile.empty() ? nullptr : settings.keyFile.c_str();
+        for (const char* needed : {file, cert, key}) {
+            if (needed != nullptr && ::access(needed, R_OK) != 0) {
+                error = std::string(needed) + " cannot be read: " + std::strerror(errno);
+                return false;
+            }
+        }
+        constexpr int verifyPeer = 1;
+        if (!check(mosquitto_tls_set(raw, file, folder, cert, key, nullptr), "TLS files") ||
+            !check(mosquitto_tls_opts_set(raw, verifyPeer, nullptr, nullptr), "TLS options") ||
+            !check(mosquitto_tls_insecure_set(raw, false), "TLS options")) {
+            return false;
+        }
+    }
+    if (!will.topic.empty() &&
+        !check(mosquitto_will_set(raw, will.topic.c_str(), static_cast<int>(will.payload.size()),
+                                  will.payload.data(), kQos, true),
+               "last will")) {
+        return false;
+    }
+    mosquitto_connect_v5_callback_set(
+        raw, [](mosquitto*, void* object, int reason, int, const mosquitto_property* properties) {
+            of(object).onConnect(reason, properties);
+        });
+    mosquitto_disconnect_v5_callback_set(
+        raw, [](mosquitto*, void* object, int reason, const mosquitto_property*) {
+            State& state = of(object);
+            state.tooLarge = state.tooLarge || reason == MQTT_RC_PACKET_TOO_LARGE;
+            if (reason >= MQTT_RC_UNSPECIFIED) {
+                state.refusal = mosquitto_reason_string(reason);
+            }
+        });
+    mosquitto_publish_v5_callback_set(
+        raw, [](mosquitto*, void* object, int messageId, int reason, const mosquitto_property*) {
+            of(object).onPublish(messageId, reason);
+        });
+    mosquitto_message_v5_callback_set(
+        raw, [](mosquitto*, void* object, const mosquitto_message* message, const mosquitto_property*) {
+            State& state = of(object);
+            if (!state.stopping) {
+                state.handlers.message(message->topic,
+                                       std::string(static_cast<const char*>(message->payload),
+                                                   static_cast<std::size_t>(message->payloadlen)),
+                                       message->retain);
+            }
+        });
+    mosquitto_subscribe_v5_callback_set(raw, [](mosquitto*, void* object, int, int count, const int* granted,
+                                                const mosquitto_property*) {
+        State& state = of(object);
+        for (int i = 0; i < count; ++i) {
+            if (granted[i] >= MQTT_RC_UNSPECIFIED) {
+                state.handlers.say(
+                    3, state.broker() + " refuses a subscription: " + mosquitto_reason_string(granted[i]));
+            }
+        }
+    });
+    mosquitto_log_callback_set(raw, [](mosquitto*, void* object, int level, const char* text) {
+        if ((level & (MOSQ_LOG_ERR | MOSQ_LOG_WARNING)) != 0) {
+            of(object).libraryError = text;
+        }
+    });
+    const std::lock_guard<std::mutex> lock(mutex);
+    client = std::move(made);
+    return true;
+}
+
+void MqttConnection::State::onConnect(int reason, const mosquitto_property* properties) {
+    static Counter& reconnects = Status::counter("orx.reconnects");
+    if (reason != 0) {
+        if (reason == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION && protocol == MQTT_PROTOCOL_V5) {
+            handlers.say(5, broker() + " does not speak MQTT 5; trying 3.1.1");
+            protocol = MQTT_PROTOCOL_V311;
+        }
+        refusal =
+            protocol == MQTT_PROTOCOL_V5 ? mosquitto_reason_string(reason) : mosquitto_connack_string(reason);
+        return;
+    }
+    std::uint32_t limit = 0;
+    mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &limit, false);
+    if (everConnected) {
+        reconnects.add();
+    }
+    everConnected = true;
+    pause = {};
+    toldCause.clear();
+    libraryError.clear();
+    refusal.clear();
+    handlers.say(5, "connected to the broker at " + broker());
+    for (const std::string& topic : subscriptions) {
+        mosquitto_subscribe(client.get(), nullptr, topic.c_str(), kQos);
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        largestPacket = limit;
+        connected = true;
+    }
+    sendUnconfirmed();
+    if (!stopping) {
+        handlers.connected();
+    }
+}
+
+/// Gives the library one message. Its code; a connection that is going down is no trouble, as what is
+/// unconfirmed is sent on the next one. The mutex must be held.
+int MqttConnection::State::hand(Unconfirmed& message) {
+    message.messageId = 0;
+    const int result = mosquitto_publish(client.get(), &message.messageId, message.topic.c_str(),
+                                         static_cast<int>(message.payload.size()), message.payload.data(),
+                                         kQos, message.retain);
+    return result == MOSQ_ERR_NO_CONN ? MOSQ_ERR_SUCCESS : result;
+}
+
+/// On a new connection: sends again, in order, what no earlier one got confirmed.
+void MqttConnection::State::sendUnconfirmed() {
+    std::vector<Unconfirmed> unfit;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (auto at = unconfirmed.begin(); at != unconfirmed.end();) {
+            const bool fits = largestPacket == 0 || at->bytes() <= largestPacket;
+            if (fits && hand(*at) == MOSQ_ERR_SUCCESS) {
+                ++at;
+                continue;
+            }
+            unconfirmedBytes -= at->bytes();
+            unfit.push_back(std::move(*at));
+            at = unconfirmed.erase(at);
+        }
+    }
+    if (!unfit.empty()) {
+        handlers.say(3, std::to_string(unfit.size()) + " unsent messages are given up, as " + broker() +
+                            " takes none of their size");
+        settle(unfit, MQTT_RC_PACKET_TOO_LARGE);
+    }
+}
+
+void MqttConnection::State::settle(const std::vector<Unconfirmed>& messages, int reason) {
+    for (const Unconfirmed& message : messages) {
+        if (!stopping) {
+            handlers.settled(message.kind, reason);
+        }
+    }
+}
+
+void MqttConnection::State::onPublish(int messageId, int reason) {
+    std::vector<Unconfirmed> confirmed;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        const auto found =
+            std::find_if(unconfirmed.begin(), unconfirmed.end(),
+                         [messageId](const Unconfirmed& message) { return message.messageId == messageId; });
+        if (found != unconfirmed.end()) {
+            unconfirmedBytes -= found->bytes();
+            confirmed.push_back(std::move(*found));
+            unconfirmed.erase(found);
+        }
+    }
+    settle(confirmed, reason);
+}
+
+void MqttConnection::State::tellDown(const std::string& cause) {
+    if (stopping || cause == toldCause) {
+        return;
+    }
+    toldCause = cause;
+    handlers.say(3, "no connection to the broker at " + broker() + ": " + cause + "; trying again");
+}
+
+std::string MqttConnection::State::causeOf(int code, int systemError) const {
+    if (!refusal.empty()) {
+        return refusal;
+    }
+    std::string cause = code == MOSQ_ERR_ERRNO ? std::strerror(systemError) : mosquitto_strerror(code);
+    if (code == MOSQ_ERR_TLS && !libraryError.empty()) {
+        cause += " (" + libraryError + ")";
+    }
+    return cause;
+}
+
+/// The broker ended the connection because of a packet's size, without having told its limit before: sent
+/// again, the packet would end every connection.
+void MqttConnection::State::giveUpLargest() {
+    std::vector<Unconfirmed> unfit;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        const auto largest = std::max_element(
+            unconfirmed.begin(), unconfirmed.end(),
+            [](const Unconfirmed& a, const Unconfirmed& b) { return a.bytes() < b.bytes(); });
+        if (largest != unconfirmed.end()) {
+            unconfirmedBytes -= largest->bytes();
+            unfit.push_back(std::move(*largest));
+            unconfirmed.erase(largest);
+        }
+    }
+    tooLarge = false;
+    for (const Unconfirmed& message : unfit) {
+        handlers.say(3, "a message of " + std::to_string(message.payload.size()) + " bytes is given up, as " +
+                            broker() + " refuses its size");
+    }
+    settle(unfit, MQTT_RC_PACKET_TOO_LARGE);
+}
+
+int MqttConnection::State::connectOnce() {
+    libraryError.clear();
+    refusal.clear();
+    errno = 0;
+    return mosquitto_connect(client.get(), settings.host.c_str(), settings.port,
+                             static_cast<int>(settings.keepAliveSeconds));
+}
+
+/// Serves the connection until it ends. The library's code.
+int MqttConnection::State::serve() {
+    std::optional<SteadyClock::time_point> leaveAt;
+    int result = MOSQ_ERR_SUCCESS;
+    while (result == MOSQ_ERR_SUCCESS) {
+        if (stopping) {
+            if (!leaveAt) {
+                leaveAt = SteadyClock::now() + kDrainLimit;
+            }
+            bool done = SteadyClock::now() >= *leaveAt;
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                done = done || !connected || unconfirmed.empty();
+            }
+            if (done) {
+                mosquitto_disconnect(client.get());
+                mosquitto_loop_write(client.get(), 1);
+                return MOSQ_ERR_SUCCESS;
+            }
+        }
+        const int socket = mosquitto_socket(client.get());
+        if (socket < 0) {
+            return MOSQ_ERR_CONN_LOST;
+        }
+        const bool wantsWrite = mosquitto_want_write(client.get());
+        pollfd handles[] = {{socket, static_cast<short>(POLLIN | (wantsWrite ? POLLOUT : 0)), 0},
+                            {wakeUp, POLLIN, 0}};
+        const int wait = leaveAt ? 20 : kPollMs;
+        if (::poll(handles, 2, wait) < 0 && errno != EINTR) {
+            return MOSQ_ERR_ERRNO;
+        }
+        if ((handles[1].revents & POLLIN) != 0) {
+            eventfd_t count = 0;
+            ::eventfd_read(wakeUp, &count);
+        }
+        if (handles[0].revents != 0) {
+            // Under TLS a packet may wait in the library where poll() does not see it: read until it says
+            // that there is no more.
+            int packets = 0;
+            do {
+                errno = 0;
+                result = mosquitto_loop_read(client.get(), 1);
+            } while (result == MOSQ_ERR_SUCCESS && errno != EAGAIN && errno != EWOULDBLOCK &&
+                     ++packets < 100 && mosquitto_socket(client.get()) >= 0);
+        }
+        if (result == MOSQ_ERR_SUCCESS && (wantsWrite || (handles[1].revents & POLLIN) != 0)) {
+            errno = 0;
+            result = mosquitto_loop_write(client.get(), 1);
+        }
+        if (result == MOSQ_ERR_SUCCESS) {
+            errno = 0;
+            result = mosquitto_loop_misc(client.get());
+        }
+    }
+    return result;
+}
+
+void MqttConnection::State::waitBeforeReconnect() {
+    const std::chrono::seconds least{std::max<std::uint32_t>(1, settings.reconnectMinSeconds)};
+    const std::chrono::seconds most{std::max<std::uint32_t>(1, settings.reconnectMaxSeconds)};
+    pause = std::min(std::max(least, most), std::max(least, pause * 2));
+    // A fleet that lost its broker must not return in step.
+    const milliseconds full = pause;
+    const auto spread =
+        std::uniform_int_distribution<std::int64_t>(full.count() * 3 / 4, full.count())(jitter);
+    const auto until = SteadyClock::now() + milliseconds(spread);
+    while (!stopping) {
+        const auto left = std::chrono::duration_cast<milliseconds>(until - SteadyClock::now()).count();
+        if (left <= 0) {
+            return;
+        }
+        pollfd handle{wakeUp, POLLIN, 0};
+        if (::poll(&handle, 1, static_cast<int>(left)) > 0) {
+            eventfd_t count = 0;
+            ::eventfd_read(wakeUp, &count);
+        }
+    }
+}
+
+void MqttConnection::State::run() {
+    while (!stopping) {
+        std::string error;
+        if (!makeClient(error)) {
+            tellDown(error);
+            waitBeforeReconnect();
+            continue;
+        }
+        const int triedProtocol = protocol;
+        int result = connectOnce();
+        int systemError = errno;
+        if (result == MOSQ_ERR_SUCCESS) {
+            result = serve();
+            systemError = errno;
+        }
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            connected = false;
+            client.reset();
+        }
+        if (stopping) {
+            break;
+        }
+        if (protocol != triedProtocol) {
+            continue;  // at once, with the older protocol
+        }
+        tellDown(causeOf(result, systemError));
+        if (tooLarge) {
+            giveUpLargest();
+        }
+        waitBeforeReconnect();
+    }
+    const std::lock_guard<std::mutex> lock(mutex);
+    running = false;
+    ended.notify_all();
+}
+
+}  // namespace kyo::orx

@@ -1,0 +1,191 @@
+#include "backend/MqttTransport.h"
+
+#include <mqtt_protocol.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "kyo/Status.h"
+#include "log/PlatformLog.h"
+
+namespace kyo::orx {
+
+namespace {
+
+constexpr std::chrono::milliseconds kFirstPatience{200};
+constexpr std::chrono::milliseconds kLongestPatience{600000};
+
+/// One session per vehicle: a restarted process takes its predecessor's session over, and the broker then
+/// publishes the predecessor's will before, not after, the new presence.
+std::string clientIdOf(const std::string& prefix) {
+    std::string id = "vlmmaster-" + prefix;
+    std::replace(id.begin(), id.end(), '/', '-');
+    return id;
+}
+
+void logLine(int level, const std::string& text) {
+    KYO_LOG(level, text);
+}
+
+}  // namespace
+
+std::string topicPrefix(const machine::MqttBackend& settings) {
+    if (!settings.prefix.empty()) {
+        return settings.prefix;
+    }
+    char host[256] = "localhost";
+    ::gethostname(host, sizeof host - 1);
+    return std::string("vlm/") + host;
+}
+
+Json::Value presenceMessage(const Presence& presence, const char* state) {
+    Json::Value message(Json::objectValue);
+    message["state"] = state;
+    message["serverName"] = presence.serverName;
+    Json::Value& types = message["offeredDataTypes"] = Json::Value(Json::arrayValue);
+    for (const std::string& type : presence.offeredDataTypes) {
+        types.append(type);
+    }
+    return message;
+}
+
+MqttTransport::MqttTransport(machine::MqttBackend settings, Presence presence)
+    : m_presence(std::move(presence)),
+      m_prefix(topicPrefix(settings)),
+      m_patience(kFirstPatience),
+      m_connection(settings, clientIdOf(m_prefix),
+                   {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
+                   {m_prefix + "/status", Json::FastWriter().write(presenceMessage(m_presence, "offline"))},
+                   {[this] { onConnected(); },
+                    [this](const std::string& topic, const std::string& payload, bool retained) {
+                        onMessage(topic, payload, retained);
+                    },
+                    [this](int kind, int reason) { onSettled(kind, reason); }, logLine}) {}
+
+MqttTransport::~MqttTransport() {
+    std::string error;
+    m_connection.publish(m_prefix + "/status",
+                         Json::FastWriter().write(presenceMessage(m_presence, "offline")), true, Status_,
+                         error);
+    m_connection.stop();
+    m_callbacks.stop();
+}
+
+void MqttTransport::start() {
+    KYO_LOG(5, "The backend is behind the topics " << m_prefix << "/...");
+    m_connection.start();
+}
+
+std::int32_t MqttTransport::send(const Json::Value& envelope) {
+    static Counter& sent = Status::counter("orx.sent");
+    static Counter& failed = Status::counter("orx.failed");
+    std::string error;
+    const std::int32_t result =
+        m_connection.publish(m_prefix + "/data", Json::FastWriter().write(envelope), false, Data, error);
+    if (result == 0) {
+        sent.add();
+        return 0;
+    }
+    failed.add();
+    KYO_LOG(3, "An envelope cannot be sent: " << error);
+    if (result == MqttConnection::kTooLarge) {
+        // No recovery will bring an opening message for this one, so it is made here; with a growing pause,
+        // as what is sent again may be too large as well.
+        std::chrono::milliseconds delay{};
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            delay = m_patience;
+            m_patience = std::min(kLongestPatience, m_patience * 2);
+        }
+        repeatOpening(0, delay);
+    }
+    return result;
+}
+
+std::int32_t MqttTransport::requestConfiguration() {
+    Json::Value request(Json::objectValue);
+    request["serverName"] = m_presence.serverName;
+    std::string error;
+    const std::int32_t result = m_connection.publish(
+        m_prefix + "/config/request", Json::FastWriter().write(request), false, Request, error);
+    if (result != 0) {
+        KYO_LOG(3, "A configuration request cannot be sent: " << error);
+    }
+    return result;
+}
+
+void MqttTransport::onConnected() {
+    if (m_connection.unconfirmed(Status_)) {
+        return;  // the library sends that one again
+    }
+    std::string error;
+    if (m_connection.publish(m_prefix + "/status",
+                             Json::FastWriter().write(presenceMessage(m_presence, "online")), true, Status_,
+                             error) != 0) {
+        KYO_LOG(3, "The presence cannot be published: " << error);
+    }
+}
+
+void MqttTransport::onMessage(const std::string& topic, const std::string& payload, bool retained) {
+    static Counter& ignored = Status::counter("orx.ignored");
+    if (retained) {
+        ignored.add();
+        KYO_LOG(3, topic << ": ignored, as it was retained and so may be of another time");
+        return;
+    }
+    Json::Reader reader;
+    Json::Value content;
+    if (!reader.parse(payload, content, false)) {
+        ignored.add();
+        KYO_LOG(3, topic << ": ignored, as it is not JSON: " << reader.getFormattedErrorMessages());
+        return;
+    }
+    if (topic == m_prefix + "/mastercontrol") {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_lastControl = content;
+        }
+        deliverMasterControl(std::move(content));
+    } else {
+        deliverConfigResponse(std::move(content));
+    }
+}
+
+void MqttTransport::onSettled(int kind, int reason) {
+    if (kind != Data) {
+        return;
+    }
+    if (MqttConnection::taken(reason)) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_patience = kFirstPatience;
+        return;
+    }
+    static Counter& failed = Status::counter("orx.failed");
+    failed.add();
+    if (reason == MQTT_RC_PACKET_TOO_LARGE) {
+        KYO_LOG(3, "The broker refuses an envelope for its size; it is given up");
+        repeatOpening(0, {});
+    } else {
+        KYO_LOG(3, "The broker could not deliver an envelope (reason "
+                       << reason << (reason == MQTT_RC_NO_MATCHING_SUBSCRIBERS ? ", no backend listens" : "")
+                       << "); it waits for the backend's next opening message");
+        repeatOpening(1, {});
+    }
+}
+
+void MqttTransport::repeatOpening(int result, std::chrono::milliseconds delay) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const Json::Value& last = m_lastControl;
+    const auto isZero = [&last](const char* key) {
+        return last[key].isNumeric() && last[key].asDouble() == 0.0;
+    };
+    if (!last.isObject() || !isZero("backendChannelControl") || !isZero("dataDeliveryResult")) {
+        return;
+    }
+    Json::Value message = last;
+    message["dataDeliveryResult"] = result;
+    deliverMasterControl(std::move(message), delay);
+}
+
+}  // namespace kyo::orx

@@ -1,0 +1,56 @@
+#include "kyo/OrxClient.h"
+
+#include <utility>
+
+#include "backend/DirectoryTransport.h"
+#include "backend/MqttTransport.h"
+#include "machine/Manifest.h"
+
+namespace kyo {
+
+namespace {
+
+std::unique_ptr<orx::Transport> makeTransport(orx::Presence presence) {
+    const machine::BackendSettings& settings = machine::manifest().backend;
+    if (settings.transport == "mqtt") {
+        return std::make_unique<orx::MqttTransport>(settings.mqtt, std::move(presence));
+    }
+    return std::make_unique<orx::DirectoryTransport>(settings.directory, std::move(presence));
+}
+
+}  // namespace
+
+class OrxClient::Implementation {
+  public:
+    explicit Implementation(std::unique_ptr<orx::Transport> chosen) : transport(std::move(chosen)) {}
+
+    const std::unique_ptr<orx::Transport> transport;
+};
+
+OrxClient::OrxClient(std::string serverName, std::vector<std::string> offeredDataTypes)
+    : m_implementation(std::make_unique<Implementation>(
+          makeTransport({std::move(serverName), std::move(offeredDataTypes)}))) {}
+
+OrxClient::~OrxClient() = default;
+
+void OrxClient::registerMasterControlCallback(JsonCallback callback) {
+    m_implementation->transport->setMasterControlCallback(std::move(callback));
+}
+
+void OrxClient::registerConfigResponseCallback(JsonCallback callback) {
+    m_implementation->transport->setConfigResponseCallback(std::move(callback));
+}
+
+void OrxClient::start() {
+    m_implementation->transport->start();
+}
+
+std::int32_t OrxClient::SendOrxData(const Json::Value& envelope) {
+    return m_implementation->transport->send(envelope);
+}
+
+std::int32_t OrxClient::RequestConfiguration() {
+    return m_implementation->transport->requestConfiguration();
+}
+
+}  // namespace kyo

@@ -1,0 +1,57 @@
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kyo/Json.h"
+#include "thread/CallbackThread.h"
+
+namespace kyo::orx {
+
+/// What the client announces of itself.
+struct Presence {
+    std::string serverName;
+    std::vector<std::string> offeredDataTypes;
+};
+
+/// What is permitted where the vehicle offered no data type of its own.
+inline constexpr const char* kDefaultDataType = "VlmReport";
+
+/// A whole master-control message. Each one replaces all that the vehicle knew, so none is ever partial.
+Json::Value masterControl(const std::string& ticket, const std::vector<std::string>& permitted, int control,
+                          int result);
+
+/// One way to the backend. Callbacks come on m_callbacks' thread, never from inside a call.
+class Transport {
+  public:
+    using JsonCallback = std::function<void(Json::Value)>;
+
+    virtual ~Transport() = default;
+    Transport(const Transport&) = delete;
+    Transport& operator=(const Transport&) = delete;
+
+    /// Both before start().
+    void setMasterControlCallback(JsonCallback callback) { m_onMasterControl = std::move(callback); }
+    void setConfigResponseCallback(JsonCallback callback) { m_onConfigResponse = std::move(callback); }
+
+    virtual void start() = 0;
+    virtual std::int32_t send(const Json::Value& envelope) = 0;
+    virtual std::int32_t requestConfiguration() = 0;
+
+  protected:
+    Transport() = default;
+
+    void deliverMasterControl(Json::Value message, std::chrono::milliseconds delay = {});
+    void deliverConfigResponse(Json::Value answer);
+
+    /// A derived class stops it first in its destructor, as posted work uses the derived object.
+    CallbackThread m_callbacks;
+
+  private:
+    // Set once, before start().
+    JsonCallback m_onMasterControl;
+    JsonCallback m_onConfigResponse;
+};
+
+}  // namespace kyo::orx

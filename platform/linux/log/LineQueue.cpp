@@ -1,0 +1,95 @@
+#include "log/LineQueue.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <system_error>
+
+namespace kyo {
+
+namespace {
+
+/// Set while this thread is inside push(). A handler of a signal that abort() raised runs on a thread that
+/// may hold the lock; to wait for it would hang the process instead of ending it.
+thread_local volatile bool t_inPush = false;
+
+std::int64_t now(clockid_t clock) noexcept {
+    timespec time{};
+    ::clock_gettime(clock, &time);
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+}  // namespace
+
+std::int64_t wallClockAheadNs() noexcept {
+    return now(CLOCK_REALTIME) - now(CLOCK_MONOTONIC);
+}
+
+LineQueue::LineQueue(std::size_t maxLines, std::size_t maxBytes)
+    : m_maxLines(maxLines), m_maxBytes(maxBytes), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (m_wake < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+}
+
+LineQueue::~LineQueue() {
+    ::close(m_wake);
+}
+
+bool LineQueue::push(std::string_view text, std::uint8_t level) noexcept {
+    if (t_inPush) {
+        return false;
+    }
+    t_inPush = true;
+    // One clock: the consumer knows how far the other is ahead.
+    const LogLine line{text, now(CLOCK_MONOTONIC), level};
+    bool taken = false;
+    try {
+        const std::lock_guard<std::mutex> lock(m_guard);
+        if (m_lines.lines() < m_maxLines && m_lines.bytes() + LineBuffer::weight(text.size()) <= m_maxBytes) {
+            m_lines.append(line);
+            m_pushed.fetch_add(1, std::memory_order_release);
+            taken = true;
+        }
+    } catch (...) {  // no memory: the line is lost like one for which there is no room
+        taken = false;
+    }
+    if (taken && m_sleeping.load(std::memory_order_seq_cst) && m_sleeping.exchange(false)) {
+        wake();
+    }
+    t_inPush = false;
+    return taken;
+}
+
+void LineQueue::drain(LineBuffer& out) {
+    while (!out.empty()) {
+        out.pop();
+    }
+    const std::lock_guard<std::mutex> lock(m_guard);
+    m_lines.swap(out);
+}
+
+bool LineQueue::prepareSleep() {
+    m_sleeping.store(true, std::memory_order_seq_cst);
+    const std::lock_guard<std::mutex> lock(m_guard);
+    if (m_lines.empty()) {
+        return true;
+    }
+    m_sleeping.store(false, std::memory_order_relaxed);
+    return false;
+}
+
+void LineQueue::finishSleep() {
+    m_sleeping.store(false, std::memory_order_relaxed);
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto got = ::read(m_wake, &count, sizeof count);
+}
+
+void LineQueue::wake() noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto put = ::write(m_wake, &one, sizeof one);
+}
+
+}  // namespace kyo

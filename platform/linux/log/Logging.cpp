@@ -1,0 +1,306 @@
+#include "ara/log/logging.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "kyo/Status.h"
+#include "log/ConsoleSink.h"
+#include "log/DltSink.h"
+#include "log/LineQueue.h"
+#include "log/PlatformLog.h"
+#include "machine/Manifest.h"
+
+namespace ara::log {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr std::size_t kQueueLines = 65'536;
+constexpr std::size_t kQueueBytes = 16u << 20;
+constexpr std::size_t kBigBatch = 256;
+constexpr auto kGatherTime = milliseconds(1);
+constexpr auto kFlushLimit = milliseconds(600);
+constexpr auto kLetGoLimit = milliseconds(3000);
+constexpr auto kTellPeriod = std::chrono::minutes(1);
+constexpr auto kFirstTellDelay = std::chrono::seconds(1);
+
+/// The one thread behind all streams. Created by InitLogging and never destroyed: other threads log until
+/// the process ends. Its thread ends in the exit handler, before libdlt's own.
+class Backend {
+  public:
+    Backend(const std::string& appId, const std::string& description, LogLevel level, bool remote,
+            bool console)
+        : m_level(level) {
+        if (console) {
+            m_console = std::make_unique<ConsoleSink>(STDOUT_FILENO);
+        }
+        if (remote) {
+            m_dlt = std::make_unique<DltSink>(appId, description);
+            m_dltConnected.store(m_dlt->connected());
+            m_wasConnected = m_dlt->connected();
+            kyo::Status::gauge("log.dlt.connected",
+                               [this] { return kyo::Json::Value(m_dltConnected.load()); });
+        }
+    }
+
+    void start() {
+        // Signals are for the application's threads.
+        sigset_t all;
+        sigset_t before;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before);
+        try {
+            std::thread([this] { run(); }).detach();
+            m_running.store(true);
+        } catch (const std::system_error&) {
+            // Without a thread there is no log; the application goes on.
+        }
+        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+
+    void push(LogLevel level, std::string_view text) noexcept {
+        if (level == LogLevel::kOff || level > m_level || !m_running.load(std::memory_order_relaxed)) {
+            return;
+        }
+        if (!m_queue.push(text, static_cast<std::uint8_t>(level))) {
+            if (m_console != nullptr) {
+                m_droppedConsole.add();
+            }
+            if (m_dlt != nullptr) {
+                m_droppedDlt.add();
+            }
+        }
+    }
+
+    /// Writes what waits, for a bounded time, and ends the thread.
+    void end() {
+        if (!m_running.load()) {
+            return;
+        }
+        const auto deadline = Clock::now() + kFlushLimit;
+        m_ending.store(true);
+        m_queue.wake();
+        while (!m_ended.load() && Clock::now() < deadline) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        m_running.store(false);
+        // What the sinks have not taken by now is given up. The thread notices that at its next line, and
+        // must be out of libdlt before that library's own exit handler runs; only a starved machine takes
+        // this long.
+        m_givingUp.store(true);
+        m_queue.wake();
+        const auto last = Clock::now() + kLetGoLimit;
+        while (!m_ended.load() && Clock::now() < last) {
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+    }
+
+  private:
+    void run() {
+        ::pthread_setname_np(::pthread_self(), "log");
+        kyo::LineBuffer batch;
+        for (;;) {
+            const bool ending = m_ending.load();
+            m_queue.drain(batch);
+            const std::size_t lines = batch.lines();
+            const std::int64_t wallClockAhead = kyo::wallClockAheadNs();
+            for (; !batch.empty() && !m_givingUp.load(std::memory_order_relaxed); batch.pop()) {
+                const kyo::LogLine line = batch.front();
+                if (m_console != nullptr) {
+                    m_console->put(line, line.uptimeNs + wallClockAhead);
+                }
+                if (m_dlt != nullptr) {
+                    m_dlt->put(line);
+                }
+            }
+            if (m_console != nullptr) {
+                m_console->pump();
+            }
+            if (m_dlt != nullptr) {
+                watchDaemon();
+                m_dlt->pump(m_givingUp);
+            }
+            const bool pending =
+                (m_console != nullptr && m_console->pending()) || (m_dlt != nullptr && m_dlt->pending());
+            if (m_givingUp.load() || (ending && lines == 0 && !pending)) {
+                break;
+            }
+            tellDropped();
+            sleep(lines);
+        }
+        if (m_dlt != nullptr) {
+            m_dlt->prepareExit();
+        }
+        m_ended.store(true);
+    }
+
+    void sleep(std::size_t justDone) {
+        if (m_dlt != nullptr && m_dlt->pending() && !m_dlt->blocked()) {
+            return;  // more of it right away
+        }
+        if (!m_queue.prepareSleep()) {
+            if (justDone < kBigBatch) {
+                std::this_thread::sleep_for(kGatherTime);
+            }
+            return;
+        }
+        std::array<pollfd, 3> wait{pollfd{m_queue.wakeDescriptor(), POLLIN, 0}, pollfd{-1, 0, 0},
+                                   pollfd{-1, 0, 0}};
+        if (m_console != nullptr && m_console->pending()) {
+            wait[1] = {m_console->descriptor(), POLLOUT, 0};
+        }
+        milliseconds limit{-1};
+        if (m_dlt != nullptr) {
+            // While the daemon is there its end is reported too; while it is not, it is looked for.
+            wait[2] = {m_dlt->descriptor(), static_cast<short>(m_dlt->blocked() ? POLLOUT : 0), 0};
+            limit = m_dlt->connected() ? milliseconds(-1) : milliseconds(1000);
+        }
+        if (m_tellAt != Clock::time_point{}) {
+            const auto left =
+                std::chrono::duration_cast<milliseconds>(m_tellAt - Clock::now()) + milliseconds(1);
+            limit = limit.count() < 0 ? std::max(left, milliseconds(0))
+                                      : std::min(limit, std::max(left, milliseconds(0)));
+        }
+        if (m_ending.load()) {
+            limit = milliseconds(2);
+        }
+        ::poll(wait.data(), wait.size(), static_cast<int>(limit.count()));
+        // Lines come in bursts. A moment's wait saves their threads a wake-up each, and lets a reader that is
+        // behind make room.
+        if (!m_ending.load()) {
+            std::this_thread::sleep_for(kGatherTime);
+        }
+        m_queue.finishSleep();
+    }
+
+    void watchDaemon() {
+        if (!m_dlt->probe(Clock::now())) {
+            return;
+        }
+        m_dltConnected.store(m_dlt->connected());
+        if (!m_dlt->connected()) {
+            m_wasConnected = true;
+            m_unreadBefore = m_unread.value();
+            KYO_LOG(3, "The DLT daemon is gone; the log goes on without it");
+        } else if (m_wasConnected) {
+            KYO_LOG(3,
+                    "The DLT daemon is back; messages that it missed: " << m_unread.value() - m_unreadBefore);
+        }
+    }
+
+    /// Says once a minute how many lines were lost, when there were any.
+    void tellDropped() {
+        const std::uint64_t console = m_droppedConsole.value();
+        const std::uint64_t dlt = m_droppedDlt.value();
+        if (console == m_toldConsole && dlt == m_toldDlt) {
+            return;
+        }
+        const auto now = Clock::now();
+        if (m_tellAt == Clock::time_point{}) {
+            m_tellAt = std::max(now + kFirstTellDelay, m_noTellBefore);
+        }
+        if (now < m_tellAt) {
+            return;
+        }
+        KYO_LOG(3, "Log lines were dropped as their reader could not keep up: "
+                       << console - m_toldConsole << " for the console, " << dlt - m_toldDlt
+                       << " for the DLT daemon");
+        m_toldConsole = console;
+        m_toldDlt = dlt;
+        m_noTellBefore = now + kTellPeriod;
+        m_tellAt = {};
+    }
+
+    // Set once.
+    const LogLevel m_level;
+    kyo::Counter& m_droppedConsole = kyo::Status::counter("log.dropped.console");
+    kyo::Counter& m_droppedDlt = kyo::Status::counter("log.dropped.dlt");
+    kyo::Counter& m_unread = kyo::Status::counter("log.dlt.noDaemon");
+
+    // Self-synchronised.
+    kyo::LineQueue m_queue{kQueueLines, kQueueBytes};
+    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_ending{false};
+    std::atomic<bool> m_givingUp{false};
+    std::atomic<bool> m_ended{false};
+    std::atomic<bool> m_dltConnected{false};
+
+    // The thread's own once it runs.
+    std::unique_ptr<ConsoleSink> m_console;
+    std::unique_ptr<DltSink> m_dlt;
+    bool m_wasConnected = false;
+    std::uint64_t m_unreadBefore = 0;
+    std::uint64_t m_toldConsole = 0;
+    std::uint64_t m_toldDlt = 0;
+    Clock::time_point m_tellAt{};        ///< when the next telling is due; zero: nothing to tell
+    Clock::time_point m_noTellBefore{};  ///< keeps tellings a minute apart
+};
+
+std::atomic<Backend*> g_backend{nullptr};
+
+}  // namespace
+
+LogStream::~LogStream() {
+    if (Backend* const backend = g_backend.load(std::memory_order_acquire); backend != nullptr) {
+        backend->push(m_level, m_text);
+    }
+}
+
+void InitLogging(std::string appId, std::string appDescription, LogLevel defaultLevel, LogMode mode,
+                 std::string /*directoryPath*/) {
+    static std::once_flag once;
+    std::call_once(once, [&] {
+        const machine::LogSettings& settings = machine::manifest().log;
+        const auto asked = [mode](LogMode sink) {
+            return (static_cast<std::uint8_t>(mode) & static_cast<std::uint8_t>(sink)) != 0;
+        };
+        const bool remote = settings.dlt && asked(LogMode::kRemote);
+        // Whoever started the process without a standard output wants no lines there.
+        const bool console =
+            settings.console && asked(LogMode::kConsole) && ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
+        if (!remote && !console) {
+            return;
+        }
+        auto* const backend = new Backend(appId, appDescription, defaultLevel, remote, console);
+        backend->start();
+        g_backend.store(backend, std::memory_order_release);
+        // Registered after libdlt's own handler, so it runs before that.
+        std::atexit([] { g_backend.load(std::memory_order_acquire)->end(); });
+    });
+}
+
+LogStream LogFatal() {
+    return LogStream(LogLevel::kFatal);
+}
+LogStream LogError() {
+    return LogStream(LogLevel::kError);
+}
+LogStream LogWarn() {
+    return LogStream(LogLevel::kWarn);
+}
+LogStream LogInfo() {
+    return LogStream(LogLevel::kInfo);
+}
+LogStream LogDebug() {
+    return LogStream(LogLevel::kDebug);
+}
+LogStream LogVerbose() {
+    return LogStream(LogLevel::kVerbose);
+}
+
+}  // namespace ara::log

@@ -1,0 +1,92 @@
+#pragma once
+/// The server side's objects: an offered instance and its events.
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ac/com/types.h"
+#include "someip/CallGate.h"
+#include "someip/ServiceDiscovery.h"
+#include "someip/UdpSocket.h"
+#include "someip/WireFault.h"
+
+namespace someip {
+
+/// One event of an offered service, with its subscribers. Any thread may send.
+class EventSender {
+  public:
+    using SubscriptionHandler = std::function<void(const std::string& peer, bool subscribed)>;
+    using SubscriptionPolicy = std::function<bool(const std::string& peer)>;
+
+    EventSender(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event);
+
+    std::uint16_t eventgroup() const noexcept { return m_event.eventgroupId; }
+
+    /// Sends `message`, whose first 16 bytes are free for the header, to each subscriber. False when a
+    /// datagram could not be sent.
+    bool send(std::span<std::uint8_t> message);
+    bool sendFaulty(std::vector<std::uint8_t>& message, const WireFault& fault);
+
+    std::size_t subscribers() const;
+    void setHandler(SubscriptionHandler handler);
+    void setPolicy(SubscriptionPolicy policy);
+    bool admits(const Endpoint& receiver) const;
+    /// Calls the handler.
+    void tell(const Endpoint& receiver, bool subscribed);
+    /// After this neither handler nor policy is called; waits for one that is under way.
+    void close() noexcept;
+
+    /// Who is sent to, and through which socket; by the runtime.
+    void setSocket(std::shared_ptr<const UdpSocket> socket);
+    void add(const Endpoint& receiver);
+    void remove(const Endpoint& receiver);
+    /// Sends nothing while set: a sender that has fallen silent.
+    void setSilent(bool silent) noexcept { m_silent.store(silent, std::memory_order_relaxed); }
+
+  private:
+    struct Target {
+        std::shared_ptr<const UdpSocket> socket;
+        std::vector<Endpoint> receivers;  ///< one entry per subscription
+        std::vector<Endpoint> distinct;   ///< each receiver once
+    };
+    std::shared_ptr<const Target> target() const;
+    void change(const std::function<void(Target&)>& how);
+    Header header(std::uint16_t session) const noexcept;
+    std::uint16_t nextSession() noexcept;
+    bool transmit(const Header& header, std::span<std::uint8_t> message);
+
+    const ac::com::ServiceInterface m_service;
+    const ac::com::EventInterface m_event;
+    std::atomic<std::uint32_t> m_session{0};
+    std::atomic<bool> m_silent{false};
+    mutable CallGate m_gate;
+    mutable std::mutex m_guard;  ///< guards the three below
+    std::shared_ptr<const Target> m_target;
+    std::shared_ptr<const SubscriptionHandler> m_handler;
+    std::shared_ptr<const SubscriptionPolicy> m_policy;
+};
+
+/// One offered instance. All but the first group is guarded by the runtime's lock.
+class ServiceProvider {
+  public:
+    ServiceProvider(const ac::com::ServiceInterface& service, std::uint16_t instance)
+        : m_service(service), m_key{service.serviceId, instance, service.majorVersion} {}
+
+    const ac::com::ServiceInterface& service() const noexcept { return m_service; }
+    const ServiceKey& key() const noexcept { return m_key; }
+
+    bool offered = false;
+    std::vector<std::shared_ptr<EventSender>> senders;
+
+    std::vector<std::uint16_t> eventgroups() const;
+
+  private:
+    const ac::com::ServiceInterface m_service;
+    const ServiceKey m_key;
+};
+
+}  // namespace someip

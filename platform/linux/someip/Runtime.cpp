@@ -1,0 +1,718 @@
+#include "someip/Runtime.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+#include "log/PlatformLog.h"
+#include "someip/Counters.h"
+
+namespace someip {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kOpenAgain = 1s;
+/// Discovery datagrams that are taken in one go, so that what waited is heard before times are judged.
+constexpr int kDiscoveryBatches = 8;
+/// Multicast groups that acknowledgements may make us join.
+constexpr std::size_t kMaxEventGroups = 32;
+
+std::string hex(unsigned value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%04x", value);
+    return text;
+}
+
+ReassemblyLimits limitsOf(const machine::SomeIpSettings& settings) {
+    ReassemblyLimits limits;
+    limits.maxMessageBytes = settings.maxSampleBytes;
+    limits.maxTotalBytes = std::size_t{4} * settings.maxSampleBytes;
+    limits.maxOpenSets = std::max(1u, settings.maxOpenReassemblies);
+    limits.timeout = std::chrono::milliseconds(settings.reassemblyTimeoutMs);
+    return limits;
+}
+
+}  // namespace
+
+/// One thread from start() to stop(), with what wakes it. The thread owns it as well, so that it may outlast
+/// both in a handler.
+struct Runtime::Worker {
+    Worker() : epoll(::epoll_create1(EPOLL_CLOEXEC)), wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        watch(wakeUp);
+    }
+    ~Worker() {
+        if (epoll >= 0) {
+            ::close(epoll);
+        }
+        if (wakeUp >= 0) {
+            ::close(wakeUp);
+        }
+    }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    void watch(int fd) const noexcept {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
+    }
+    void unwatch(int fd) const noexcept { ::epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr); }
+    void wake() const noexcept {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wakeUp, &one, sizeof one);
+    }
+    void drain() const noexcept {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const auto taken = ::read(wakeUp, &count, sizeof count);
+    }
+    void finished() {
+        const std::lock_guard lock(guard);
+        done = true;
+        ended.notify_all();
+    }
+
+    const int epoll;
+    const int wakeUp;
+    std::atomic<bool> stop{false};
+    std::thread thread;
+    ReassemblyLimits limits;
+    std::mutex guard;
+    std::condition_variable ended;
+    bool done = false;
+};
+
+Runtime& Runtime::process() {
+    static Runtime* const runtime = new Runtime;
+    return *runtime;
+}
+
+Runtime::~Runtime() {
+    end(true, std::chrono::hours(24));
+    for (const auto& worker : m_leftBehind) {
+        std::unique_lock lock(worker->guard);
+        worker->ended.wait(lock, [&] { return worker->done; });
+    }
+}
+
+bool Runtime::start(const machine::SomeIpSettings& settings, bool providesServices) {
+    const std::lock_guard lock(m_guard);
+    if (m_worker != nullptr) {
+        KYO_LOG(3, "The middleware runs already");
+        return false;
+    }
+    auto worker = std::make_shared<Worker>();
+    if (worker->epoll < 0 || worker->wakeUp < 0) {
+        KYO_LOG(3, "The middleware cannot be started: " << std::strerror(errno));
+        return false;
+    }
+    worker->limits = limitsOf(settings);
+    m_settings = settings;
+    m_providesServices = providesServices;
+    m_openFailure.clear();
+    try {
+        // The new thread waits for the lock before it does anything.
+        worker->thread = std::thread([this, worker] {
+            work(*worker);
+            worker->finished();
+        });
+    } catch (const std::system_error& failure) {
+        KYO_LOG(3, "The middleware's thread cannot be started: " << failure.what());
+        return false;
+    }
+    m_worker = std::move(worker);
+    openNetwork(Clock::now());
+    return true;
+}
+
+void Runtime::stop(std::chrono::milliseconds limit) {
+    end(true, limit);
+}
+
+void Runtime::abandon() {
+    end(false, std::chrono::milliseconds(400));
+}
+
+void Runtime::end(bool sayGoodBye, std::chrono::milliseconds limit) {
+    std::shared_ptr<Worker> worker;
+    std::vector<Notice> notices;
+    {
+        const std::lock_guard lock(m_guard);
+        if (m_worker == nullptr) {
+            return;
+        }
+        worker = std::move(m_worker);
+        m_worker = nullptr;
+        worker->stop.store(true);
+        closeNetwork(sayGoodBye);
+        notices.swap(m_notices);
+    }
+    worker->wake();
+    bool done = false;
+    if (worker->thread.get_id() != std::this_thread::get_id()) {
+        std::unique_lock lock(worker->guard);
+        done = worker->ended.wait_for(lock, limit, [&] { return worker->done; });
+        if (!done) {
+            KYO_LOG(3, "A receive handler does not return; its thread is left behind");
+        }
+    }
+    if (done) {
+        worker->thread.join();
+    } else {
+        worker->thread.detach();
+        const std::lock_guard lock(m_guard);
+        m_leftBehind.push_back(worker);
+    }
+    tell(notices, nullptr);
+}
+
+void Runtime::setSilent(bool silent) {
+    const std::lock_guard lock(m_guard);
+    m_silent.store(silent, std::memory_order_relaxed);
+    for (const auto& provider : m_providers) {
+        for (const auto& sender : provider->senders) {
+            sender->setSilent(silent);
+        }
+    }
+    wake();
+}
+
+Endpoint Runtime::eventEndpoint() const {
+    const std::lock_guard lock(m_guard);
+    return m_network == nullptr ? Endpoint{} : m_network->eventEndpoint();
+}
+
+void Runtime::wake() const {
+    if (m_worker != nullptr) {
+        m_worker->wake();
+    }
+}
+
+std::string Runtime::nameOf(const ServiceKey& service) const {
+    const auto known = m_names.find(service.service);
+    return (known == m_names.end() ? std::string() : known->second + " ") + "(" + hex(service.service) +
+           ", instance " + std::to_string(service.instance) + ", version " + std::to_string(service.major) +
+           ")";
+}
+
+// ---------------------------------------------------------------------------------------------- clients
+
+std::vector<ServiceKey> Runtime::findService(const ac::com::ServiceInterface& service,
+                                             std::uint16_t instance) {
+    const ServiceKey key{service.serviceId, instance, service.majorVersion};
+    const std::lock_guard lock(m_guard);
+    m_names.try_emplace(service.serviceId, service.name);
+    m_searches.insert(key);
+    std::vector<ServiceKey> found;
+    if (m_network != nullptr) {
+        m_network->discovery().client().want(key, Clock::now());
+        for (const auto& one : m_network->discovery().client().offered(key)) {
+            found.push_back(one.key);
+        }
+        wake();
+    }
+    return found;
+}
+
+std::shared_ptr<EventReceiver> Runtime::receive(const ac::com::ServiceInterface& service,
+                                                std::uint16_t instance, const ac::com::EventInterface& event,
+                                                EventReceiver::Handler handler) {
+    auto receiver = std::make_shared<EventReceiver>(service, instance, event, std::move(handler));
+    const std::lock_guard lock(m_guard);
+    m_names.try_emplace(service.serviceId, service.name);
+    m_receivers.push_back(receiver);
+    m_routesVersion.fetch_add(1);
+    if (m_network != nullptr) {
+        m_network->discovery().client().wantEventgroup(receiver->eventgroup(), Clock::now());
+        wake();
+    }
+    return receiver;
+}
+
+void Runtime::release(const std::shared_ptr<EventReceiver>& receiver) {
+    {
+        const std::lock_guard lock(m_guard);
+        if (std::erase(m_receivers, receiver) != 0) {
+            m_routesVersion.fetch_add(1);
+            if (m_network != nullptr) {
+                m_network->discovery().client().dropEventgroup(receiver->eventgroup());
+                wake();
+            }
+        }
+    }
+    receiver->close();
+}
+
+SubscriptionState Runtime::subscriptionState(const EventgroupKey& eventgroup) const {
+    const std::lock_guard lock(m_guard);
+    return m_network == nullptr ? SubscriptionState::Idle : m_network->discovery().client().state(eventgroup);
+}
+
+std::vector<EventDispatcher::Route> Runtime::routes() const {
+    std::vector<EventDispatcher::Route> routes;
+    if (m_network == nullptr) {
+        return routes;
+    }
+    const SdClient& client = m_network->discovery().client();
+    for (const auto& receiver : m_receivers) {
+        const auto* service = client.find(receiver->eventgroup().service);
+        const auto state = client.state(receiver->eventgroup());
+        // An event may overtake the acknowledgement: they come through different sockets.
+        if (service != nullptr &&
+            (state == SubscriptionState::Requested || state == SubscriptionState::Acknowledged)) {
+            routes.push_back({service->endpoint, receiver});
+        }
+    }
+    return routes;
+}
+
+// ---------------------------------------------------------------------------------------------- servers
+
+std::shared_ptr<EventSender> Runtime::addEvent(const std::shared_ptr<ServiceProvider>& provider,
+                                               const ac::com::EventInterface& event) {
+    auto sender = std::make_shared<EventSender>(provider->service(), event);
+    const std::lock_guard lock(m_guard);
+    sender->setSilent(m_silent.load(std::memory_order_relaxed));
+    provider->senders.push_back(sender);
+    if (provider->offered) {
+        applyOffer(*provider, Clock::now());
+    }
+    return sender;
+}
+
+void Runtime::removeEvent(const std::shared_ptr<ServiceProvider>& provider,
+                          const std::shared_ptr<EventSender>& sender) {
+    {
+        const std::lock_guard lock(m_guard);
+        std::erase(provider->senders, sender);
+        if (provider->offered) {
+            applyOffer(*provider, Clock::now());
+        }
+    }
+    sender->close();
+}
+
+bool Runtime::offer(const std::shared_ptr<ServiceProvider>& provider) {
+    const std::lock_guard lock(m_guard);
+    if (m_worker != nullptr && !m_providesServices) {
+        KYO_LOG(3, "Service " << provider->service().name
+                              << " is not offered: the middleware was started for clients only");
+        return false;
+    }
+    m_names.try_emplace(provider->key().service, provider->service().name);
+    provider->offered = true;
+    if (std::ranges::find(m_providers, provider) == m_providers.end()) {
+        m_providers.push_back(provider);
+    }
+    for (const auto& sender : provider->senders) {
+        sender->setSilent(m_silent.load(std::memory_order_relaxed));
+    }
+    applyOffer(*provider, Clock::now());
+    return true;
+}
+
+void Runtime::applyOffer(const ServiceProvider& provider, Clock::time_point now) {
+    if (m_network == nullptr || !m_providesServices) {
+        return;
+    }
+    for (const auto& sender : provider.senders) {
+        sender->setSocket(m_network->events.socket);
+    }
+    m_network->discovery().server().offer(provider.key(), provider.service().minorVersion,
+                                          provider.eventgroups(), now);
+    wake();
+}
+
+void Runtime::stopOffer(const std::shared_ptr<ServiceProvider>& provider) {
+    const std::lock_guard lock(m_guard);
+    if (!provider->offered) {
+        return;
+    }
+    provider->offered = false;
+    if (m_network != nullptr) {
+        m_network->discovery().server().withdraw(provider->key());
+        wake();
+    }
+    for (const auto& sender : provider->senders) {
+        sender->setSocket(nullptr);
+    }
+    std::erase(m_providers, provider);
+}
+
+// ---------------------------------------------------------------------------------------------- news
+
+void Runtime::serviceUp(const RemoteService& service) {
+    m_routesVersion.fetch_add(1);
+    const bool wanted = m_names.contains(service.key.service);
+    KYO_LOG(wanted ? 5 : 7, "Service " << nameOf(service.key) << " found at " << toText(service.endpoint));
+}
+
+void Runtime::serviceDown(const RemoteService& service, const char* reason) {
+    m_routesVersion.fetch_add(1);
+    const bool wanted = m_names.contains(service.key.service);
+    KYO_LOG(wanted ? 5 : 7,
+            "Service " << nameOf(service.key) << " lost at " << toText(service.endpoint) << ": " << reason);
+}
+
+void Runtime::subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) {
+    m_routesVersion.fetch_add(1);
+    const auto tell = [&](int level, const char* what) {
+        KYO_LOG(level, "Eventgroup " << hex(eventgroup.eventgroup) << " of service "
+                                     << nameOf(eventgroup.service) << what);
+    };
+    switch (state) {
+        case SubscriptionState::Idle:
+            tell(7, ": not subscribed");
+            if (m_network != nullptr) {
+                for (auto& [group, users] : m_network->wantedGroups) {
+                    users.erase(eventgroup);
+                }
+            }
+            break;
+        case SubscriptionState::Requested:
+            tell(7, ": subscription requested");
+            break;
+        case SubscriptionState::Acknowledged:
+            m_refused.erase(eventgroup);
+            tell(5, ": subscribed");
+            break;
+        case SubscriptionState::Refused:
+            // Asked for again and again; told once.
+            tell(m_refused.insert(eventgroup).second ? 3 : 7, ": subscription refused by the service");
+            break;
+    }
+}
+
+void Runtime::multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) {
+    auto& groups = m_network->wantedGroups;
+    if (groups.contains(group) || groups.size() < kMaxEventGroups) {
+        groups[group].insert(eventgroup);
+    }
+}
+
+bool Runtime::admitSubscriber(const EventgroupKey& eventgroup, const Endpoint& receiver) {
+    for (const auto& provider : m_providers) {
+        if (provider->key() != eventgroup.service) {
+            continue;
+        }
+        for (const auto& sender : provider->senders) {
+            if (sender->eventgroup() == eventgroup.eventgroup && !sender->admits(receiver)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+void Runtime::subscriberChanged(const EventgroupKey& eventgroup, const Endpoint& receiver, bool subscribed) {
+    KYO_LOG(5, "Eventgroup " << hex(eventgroup.eventgroup) << " of service " << nameOf(eventgroup.service)
+                             << (subscribed ? " is subscribed by " : " is no longer subscribed by ")
+                             << toText(receiver));
+    for (const auto& provider : m_providers) {
+        if (provider->key() != eventgroup.service) {
+            continue;
+        }
+        for (const auto& sender : provider->senders) {
+            if (sender->eventgroup() == eventgroup.eventgroup) {
+                subscribed ? sender->add(receiver) : sender->remove(receiver);
+                m_notices.push_back({sender, receiver, subscribed});
+            }
+        }
+    }
+}
+
+void Runtime::subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) {
+    subscriberChanged(eventgroup, receiver, true);
+}
+
+void Runtime::subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) {
+    subscriberChanged(eventgroup, receiver, false);
+}
+
+void Runtime::peerRebooted(const Endpoint& peer) {
+    counters().sdReboots.add();
+    KYO_LOG(5, "Peer " << toText(peer) << " has rebooted");
+}
+
+void Runtime::tell(std::vector<Notice>& notices, const std::atomic<bool>* stop) {
+    for (const Notice& notice : notices) {
+        if (stop != nullptr && stop->load(std::memory_order_relaxed)) {
+            break;
+        }
+        notice.sender->tell(notice.receiver, notice.subscribed);
+    }
+    notices.clear();
+}
+
+// ---------------------------------------------------------------------------------------------- network
+
+void Runtime::openNetwork(Clock::time_point now) {
+    std::string error;
+    m_network = NetworkAccess::open(m_settings, *this, error);
+    if (m_network == nullptr) {
+        m_retryAt = now + kOpenAgain;
+        if (error != m_openFailure) {
+            KYO_LOG(3, "SOME/IP is not up, trying again: " << error);
+            m_openFailure = error;
+        } else {
+            KYO_LOG(7, "SOME/IP is still not up: " << error);
+        }
+        return;
+    }
+    m_openFailure.clear();
+    m_networkIsUp.store(true, std::memory_order_relaxed);
+    m_routesVersion.fetch_add(1);
+    for (const ServiceKey& search : m_searches) {
+        m_network->discovery().client().want(search, now);
+    }
+    for (const auto& receiver : m_receivers) {
+        m_network->discovery().client().wantEventgroup(receiver->eventgroup(), now);
+    }
+    for (const auto& provider : m_providers) {
+        applyOffer(*provider, now);
+    }
+}
+
+void Runtime::closeNetwork(bool sayGoodBye) {
+    if (m_network == nullptr) {
+        return;
+    }
+    m_network->discovery().shutdown();
+    if (sayGoodBye) {
+        std::string error;
+        m_network->flush(m_silent.load(std::memory_order_relaxed), error);
+    }
+    for (const auto& provider : m_providers) {
+        for (const auto& sender : provider->senders) {
+            sender->setSocket(nullptr);
+        }
+    }
+    m_network.reset();
+    m_refused.clear();
+    m_routesVersion.fetch_add(1);
+    m_networkIsUp.store(false, std::memory_order_relaxed);
+}
+
+// ---------------------------------------------------------------------------------------------- thread
+
+void Runtime::work(Worker& worker) {
+    ::pthread_setname_np(::pthread_self(), "someip");
+    DatagramBatch batch;
+    EventDispatcher dispatcher(worker.limits, worker.stop);
+    std::shared_ptr<NetworkAccess> network;
+    std::uint64_t routesSeen = 0;
+    auto deadline = step(worker, batch, network);
+    while (!worker.stop.load()) {
+        const auto next = std::min(deadline, dispatcher.nextDeadline());
+        int timeout = -1;
+        if (next != Clock::time_point::max()) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()).count();
+            timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, 60000));
+        }
+        std::array<epoll_event, 16> ready{};
+        const int count = ::epoll_wait(worker.epoll, ready.data(), static_cast<int>(ready.size()), timeout);
+
+        // Discovery before events: it tells who may send them, and must not wait for slow handlers.
+        std::array<int, ready.size()> eventSockets{};
+        std::size_t eventSocketCount = 0;
+        bool discovery = false;
+        for (int i = 0; i < count; ++i) {
+            const int fd = ready[static_cast<std::size_t>(i)].data.fd;
+            if (fd == worker.wakeUp) {
+                worker.drain();
+                discovery = true;
+            } else if (network != nullptr && (fd == network->discoveryUnicast.socket->fd() ||
+                                              fd == network->discoveryGroup.socket->fd())) {
+                discovery = true;
+            } else {
+                eventSockets[eventSocketCount++] = fd;
+            }
+        }
+        if (discovery || Clock::now() >= deadline) {
+            deadline = step(worker, batch, network);
+            refreshRoutes(dispatcher, routesSeen);
+        }
+        if (network == nullptr) {
+            continue;
+        }
+        for (std::size_t i = 0; i < eventSocketCount; ++i) {
+            if (eventSockets[i] == network->events.socket->fd()) {
+                receiveEvents(*network, network->events, batch, dispatcher, routesSeen);
+                continue;
+            }
+            for (auto& [group, inlet] : network->joinedGroups) {
+                if (inlet.socket != nullptr && inlet.socket->fd() == eventSockets[i]) {
+                    receiveEvents(*network, inlet, batch, dispatcher, routesSeen);
+                }
+            }
+        }
+        dispatcher.onTime(Clock::now());
+    }
+}
+
+Clock::time_point Runtime::step(Worker& worker, DatagramBatch& batch,
+                                std::shared_ptr<NetworkAccess>& network) {
+    std::vector<Notice> notices;
+    auto deadline = Clock::time_point::max();
+    {
+        const std::lock_guard lock(m_guard);
+        if (worker.stop.load()) {
+            return deadline;
+        }
+        const auto now = Clock::now();
+        if (m_network == nullptr && now >= m_retryAt) {
+            openNetwork(now);
+        }
+        if (m_network != nullptr) {
+            receiveDiscovery(m_network->discoveryUnicast, false, batch, now);
+            receiveDiscovery(m_network->discoveryGroup, true, batch, now);
+            m_network->discovery().onTime(now);
+            std::string error;
+            if (!m_network->flush(m_silent.load(std::memory_order_relaxed), error)) {
+                KYO_LOG(3, "SOME/IP is not up any more: " << error);
+                closeNetwork(false);
+                m_openFailure.clear();
+                m_retryAt = now + kOpenAgain;
+            }
+        }
+        if (network != m_network) {
+            if (network != nullptr) {
+                worker.unwatch(network->events.socket->fd());
+                worker.unwatch(network->discoveryUnicast.socket->fd());
+                worker.unwatch(network->discoveryGroup.socket->fd());
+            }
+            network = m_network;
+            if (network != nullptr) {
+                worker.watch(network->events.socket->fd());
+                worker.watch(network->discoveryUnicast.socket->fd());
+                worker.watch(network->discoveryGroup.socket->fd());
+            }
+        }
+        if (network != nullptr) {
+            joinGroups(*network, worker);
+        }
+        deadline = m_network == nullptr ? m_retryAt : m_network->discovery().nextDeadline();
+        notices.swap(m_notices);
+    }
+    tell(notices, &worker.stop);
+    return deadline;
+}
+
+void Runtime::receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, DatagramBatch& batch,
+                               Clock::time_point now) {
+    for (int round = 0; round < kDiscoveryBatches; ++round) {
+        const std::size_t count = batch.receive(*inlet.socket);
+        for (std::size_t i = 0; i < count; ++i) {
+            const Endpoint from = batch.from(i);
+            if (!m_network->range().contains(from.address)) {
+                counters().sdForeign.add();
+                if (const auto untold = m_sdForeign.note(now)) {
+                    KYO_LOG(3, "Service discovery from " << toText(from) << " is not heard: it is outside of "
+                                                         << m_settings.network << " (" << *untold
+                                                         << " more since this was last told)");
+                }
+                continue;
+            }
+            counters().sdReceived.add();
+            std::string error;
+            if (!m_network->discovery().onDatagram(from, group, batch.bytes(i), now, error)) {
+                counters().sdMalformed.add();
+                if (const auto untold = m_sdMalformed.note(now)) {
+                    KYO_LOG(3, "Malformed service discovery from " << toText(from) << ": " << error << " ("
+                                                                   << *untold
+                                                                   << " more since this was last told)");
+                }
+            }
+        }
+        countDropped(inlet, batch);
+        if (count < DatagramBatch::kDatagrams) {
+            return;
+        }
+    }
+}
+
+void Runtime::refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSeen) {
+    if (m_routesVersion.load() == routesSeen) {
+        return;
+    }
+    std::vector<EventDispatcher::Route> fresh;
+    {
+        const std::lock_guard lock(m_guard);
+        routesSeen = m_routesVersion.load();
+        fresh = routes();
+    }
+    // Outside of the lock: the last route of a receiver that was released ends its handler, and with it what
+    // the handler owns.
+    dispatcher.setRoutes(fresh);
+}
+
+void Runtime::receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
+                            EventDispatcher& dispatcher, std::uint64_t& routesSeen) {
+    refreshRoutes(dispatcher, routesSeen);
+    const std::size_t count = batch.receive(*inlet.socket);
+    const auto now = Clock::now();
+    for (std::size_t i = 0; i < count; ++i) {
+        if (network.range().contains(batch.from(i).address)) {
+            dispatcher.onDatagram(batch.from(i), batch.bytes(i), now);
+        } else {
+            counters().datagrams.add();
+            counters().wrongPeer.add();
+        }
+    }
+    countDropped(inlet, batch);
+}
+
+void Runtime::joinGroups(NetworkAccess& network, const Worker& worker) {
+    for (auto wanted = network.wantedGroups.begin(); wanted != network.wantedGroups.end();) {
+        const auto joined = network.joinedGroups.find(wanted->first);
+        if (wanted->second.empty()) {
+            if (joined != network.joinedGroups.end()) {
+                if (joined->second.socket != nullptr) {
+                    worker.unwatch(joined->second.socket->fd());
+                }
+                network.joinedGroups.erase(joined);
+            }
+            wanted = network.wantedGroups.erase(wanted);
+            continue;
+        }
+        if (joined == network.joinedGroups.end()) {
+            UdpSocket::Options options;
+            options.receiveBufferBytes = network.events.socket->receiveBufferBytes();
+            options.shared = true;
+            options.join = true;
+            options.interfaceAddress = network.eventEndpoint().address;
+            std::string error;
+            auto& inlet = network.joinedGroups[wanted->first];
+            inlet.socket = UdpSocket::open(wanted->first, options, error);
+            if (inlet.socket != nullptr) {
+                worker.watch(inlet.socket->fd());
+                KYO_LOG(5, "Events come by multicast to " << toText(wanted->first));
+            } else {
+                KYO_LOG(3, "Events by multicast cannot be received: " << error);
+            }
+        }
+        ++wanted;
+    }
+}
+
+void Runtime::countDropped(NetworkAccess::Inlet& inlet, const DatagramBatch& batch) {
+    std::uint32_t total = 0;
+    if (batch.droppedBySystem(total) && total != inlet.dropped) {
+        counters().kernelDropped.add(total - inlet.dropped);
+        inlet.dropped = total;
+    }
+}
+
+}  // namespace someip

@@ -1,0 +1,23 @@
+#pragma once
+#include <functional>
+
+#include "kyo/Json.h"
+
+namespace vlmProd {
+
+/// Who takes the collector configurations that come over the backend link, and decides when to ask for one.
+/// Shared by the link and the timer of its requests.
+class ConfigurationReceiver {
+  public:
+    virtual ~ConfigurationReceiver() = default;
+
+    /// Sets what issues one request; an empty function ends the requests. Any thread.
+    virtual void setRequestFunction(std::function<void()> request) = 0;
+    /// Repeats the request until an answer has come. Only the first call has an effect.
+    virtual void startConfigRequestRetry() = 0;
+    virtual void stopConfigRequestRetry() = 0;
+    /// Takes one answer of the backend; on the backend client's thread.
+    virtual void ConfigResponseCallback(kyo::Json::Value response) = 0;
+};
+
+}  // namespace vlmProd

@@ -1,0 +1,57 @@
+#pragma once
+/// The minimal platform's backend client: a test answers its calls and sends its messages.
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kyo/OrxClient.h"
+
+namespace vlmTest {
+
+/// What the client made last was told, and what it tells. Made anew by each kyo::OrxClient.
+class ScriptedClient {
+  public:
+    static ScriptedClient& current();
+
+    /// As made anew, but for its callback: nothing was sent, and each send succeeds.
+    void reset();
+    /// Answers the sends; called without a lock. Without one each send succeeds.
+    void answerSends(std::function<std::int32_t()> answer) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_answer = std::move(answer);
+    }
+    std::vector<kyo::Json::Value> envelopes() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_envelopes;
+    }
+    std::size_t sends() const { return envelopes().size(); }
+    int requests() const { return m_requests; }
+    /// Calls back on the calling thread, which so plays the client's.
+    void masterControl(const kyo::Json::Value& message) const { m_onMasterControl(message); }
+
+  private:
+    friend kyo::OrxClient;
+    std::atomic<int> m_requests{0};
+    kyo::OrxClient::JsonCallback m_onMasterControl;
+    mutable std::mutex m_mutex;
+    // Guarded by m_mutex.
+    std::function<std::int32_t()> m_answer;
+    std::vector<kyo::Json::Value> m_envelopes;
+};
+
+/// A master-control message that leaves the channel open, or as the arguments say.
+kyo::Json::Value control(int result = 0, int channel = 0,
+                         const std::vector<std::string>& permitted = {"TypeA"},
+                         const std::string& ticket = "ticket");
+
+/// A small report as report control makes them.
+kyo::Json::Value report(const std::string& name, int number = 1,
+                        const std::string& created = "1700000000000");
+
+/// The report that an envelope carries.
+kyo::Json::Value reportIn(const kyo::Json::Value& envelope);
+
+}  // namespace vlmTest

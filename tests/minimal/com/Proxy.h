@@ -1,0 +1,103 @@
+#pragma once
+/// The proxies' part of a platform whose vehicle is an object in the same process: Vehicle.
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ac/com/types.h"
+
+namespace vlmTest {
+
+/// Which services are offered, and who receives their events. Any thread may use it.
+class Vehicle {
+  public:
+    static Vehicle& instance() {
+        static auto* const vehicle = new Vehicle;
+        return *vehicle;
+    }
+
+    void offer(const ac::com::ServiceInterface& service) {
+        const std::lock_guard lock(m_guard);
+        m_offered.insert(service.serviceId);
+    }
+    bool offers(const ac::com::ServiceInterface& service) const {
+        const std::lock_guard lock(m_guard);
+        return m_offered.count(service.serviceId) != 0;
+    }
+    void receive(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event,
+                 std::function<void(const void*)> handler) {
+        const std::lock_guard lock(m_guard);
+        m_handlers[{service.serviceId, event.eventId}] = std::move(handler);
+    }
+    /// Delivers on the calling thread, which stands for the middleware's. False without a subscriber.
+    template <typename DT>
+    bool send(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event,
+              const std::vector<DT>& samples) const {
+        std::function<void(const void*)> handler;
+        {
+            const std::lock_guard lock(m_guard);
+            const auto found = m_handlers.find({service.serviceId, event.eventId});
+            if (found == m_handlers.end()) {
+                return false;
+            }
+            handler = found->second;
+        }
+        handler(&samples);
+        return true;
+    }
+
+  private:
+    mutable std::mutex m_guard;  ///< guards the members below; not held while a handler runs
+    std::set<std::uint16_t> m_offered;
+    std::map<std::pair<std::uint16_t, std::uint16_t>, std::function<void(const void*)>> m_handlers;
+};
+
+}  // namespace vlmTest
+
+namespace ac::com {
+
+inline HandleContainer findService(const ServiceInterface& service, const std::string& /*instance*/) {
+    if (!vlmTest::Vehicle::instance().offers(service)) {
+        return {};
+    }
+    return {{service.serviceId, 1, service.majorVersion}};
+}
+
+class ProxyBase {
+  public:
+    ProxyBase(const ServiceInterface& service, const ServiceHandle& /*handle*/) : m_service(service) {}
+    ProxyBase(const ProxyBase&) = delete;
+    ProxyBase& operator=(const ProxyBase&) = delete;
+
+    const ServiceInterface& serviceInterface() const { return m_service; }
+
+  private:
+    const ServiceInterface m_service;
+};
+
+template <typename DT>
+class ProxyEvent {
+  public:
+    using ReceiveHandler = std::function<void(std::vector<DT>)>;
+
+    ProxyEvent(ProxyBase& owner, const EventInterface& event) : m_owner(owner), m_event(event) {}
+
+    bool Subscribe(ReceiveHandler handler) {
+        vlmTest::Vehicle::instance().receive(m_owner.serviceInterface(), m_event,
+                                             [call = std::move(handler)](const void* samples) {
+                                                 call(*static_cast<const std::vector<DT>*>(samples));
+                                             });
+        return true;
+    }
+
+  private:
+    ProxyBase& m_owner;
+    const EventInterface m_event;
+};
+
+}  // namespace ac::com

@@ -1,0 +1,15 @@
+#pragma once
+#include "report/ConfigurationReceiver.h"
+
+namespace vlmTest {
+
+/// For a backend link that is tried without configurations.
+class NoConfigurations : public vlmProd::ConfigurationReceiver {
+  public:
+    void setRequestFunction(std::function<void()> /*request*/) override {}
+    void startConfigRequestRetry() override {}
+    void stopConfigRequestRetry() override {}
+    void ConfigResponseCallback(kyo::Json::Value /*response*/) override {}
+};
+
+}  // namespace vlmTest
