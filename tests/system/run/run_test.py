@@ -4,12 +4,18 @@
 The environment is that of tests/support/processes.py, and VLM_BUILD and VLM_SOURCE, the build folder and the
 checkout. The vehicle and vlmmaster get a faster clock, as nothing ticks faster than once a minute.
 """
+import fcntl
 import json
 import os
+import pty
+import select
 import signal
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import unittest
 from pathlib import Path
 
@@ -154,6 +160,37 @@ class Run(unittest.TestCase):
         bench = self.start()
         bench.wait_for_start()
         self.check_end(bench, signal.SIGTERM)
+
+    def test_the_end_of_its_terminal_ends_everything(self):
+        master, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 72, 0, 0))
+        folder = Path(self.folder.name) / "run"
+        process = subprocess.Popen(
+            [WITH_CATALOG, CATALOG, str(SOURCE / "tools/run/vlm-run"), "--build", os.environ["VLM_BUILD"], "--folder",
+             str(folder), "--discovery-port", str(free_udp_port()), "--backend", "mqtt"],
+            stdin=terminal, stdout=terminal, stderr=terminal, start_new_session=True,
+            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        os.close(terminal)
+        self.addCleanup(lambda: process.poll() is None and process.kill())
+        shown = b""
+        while b"| samples" not in shown:
+            self.assertTrue(select.select([master], [], [], DEADLINE)[0], shown)
+            shown += os.read(master, 65536)
+        started = children_of(process.pid)
+        self.assertEqual(len(started), 4, "broker, backend, vehicle and vlmmaster")
+        os.close(master)
+        process.wait(40)
+        wait_until(lambda: not [pid for pid in started if Path(f"/proc/{pid}").exists()], "the end of all processes")
+
+    def test_a_discovery_port_that_is_taken_is_named_with_its_holder(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("0.0.0.0", 0))
+            port = holder.getsockname()[1]
+            bench = self.start("--discovery-port", str(port))
+            bench.wait_until(lambda: f"UDP port {port} is held by " in bench.text(), "the reason")
+            self.assertIn(f"(pid {os.getpid()}) at 0.0.0.0", bench.text())
+            bench.process.send_signal(signal.SIGTERM)
+            bench.process.wait(40)
 
     def test_a_configuration_that_is_not_good_is_refused_before_anything_starts(self):
         good = (SOURCE / "examples/collector.json").read_text()
