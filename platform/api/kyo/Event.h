@@ -4,7 +4,7 @@
 
 namespace kyo {
 
-/// A flag that threads can wait for; it stays set until reset.
+/// A flag that threads can wait for. It stays set until reset().
 class Event {
   public:
     void set() {

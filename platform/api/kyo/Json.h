@@ -1,6 +1,6 @@
 #pragma once
-/// JSON: the values of JsonCpp, a reader and a compact writer. Nothing here throws on bad text. Values belong
-/// to one thread at a time.
+/// JSON: the values of JsonCpp, a reader and a compact writer. Bad text never throws. A value may be used by
+/// one thread at a time.
 #include <json/json.h>
 
 #include <istream>
@@ -24,8 +24,8 @@ using ::Json::uintValue;
 using ::Json::Value;
 using ::Json::ValueType;
 
-/// Reads one JSON document. Comments are accepted; text behind the document is an error, as is nesting
-/// deeper than the library allows. On failure the value is left null and the reason can be asked for.
+/// Reads one JSON document. Comments are accepted. Text after the document, and nesting deeper than the
+/// library allows, are errors. A failure leaves the value null; getFormattedErrorMessages() gives the reason.
 class Reader {
   public:
     bool parse(const std::string& text, Value& root, bool collectComments = true);
@@ -38,11 +38,11 @@ class Reader {
 };
 
 /// Appends compact JSON text: no white space, no line end, ASCII only (other characters as \\u escapes), and
-/// the shortest digits that read back as the same number. A number that JSON cannot hold becomes null.
-/// False, with "null" appended, when the value is nested deeper than the reader would allow.
+/// the shortest digits that read back as the same number. A number that JSON cannot express becomes null.
+/// Returns false, with "null" appended, when the value is nested deeper than the reader allows.
 bool appendCompact(std::string& out, const Value& value);
 
-/// Writes the text of appendCompact().
+/// Returns the text that appendCompact() appends.
 class FastWriter {
   public:
     std::string write(const Value& value) const;

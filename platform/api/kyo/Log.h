@@ -1,6 +1,5 @@
 #pragma once
-/// Log lines, composed with <<. A line is composed in a local kyo::Log object, which passes it on whole when
-/// it ends:
+/// Log lines, composed with << in a local kyo::Log object, whose destructor passes the whole line on:
 ///     if (kyo::Log::enabled(5)) { kyo::Log line; line.get(5) << "text " << value; }
 #include <atomic>
 #include <charconv>
@@ -17,15 +16,15 @@ namespace kyo {
 
 using LogLevel = int;
 
-/// Where finished lines go. logData() may be called from any thread.
+/// Receives finished lines. Any thread may call logData().
 class ProductLogger {
   public:
     virtual ~ProductLogger() = default;
     virtual void logData(std::string message, LogLevel level) = 0;
 };
 
-/// Text under composition. Numbers are written as the standard streams would write them by default
-/// (bool as 0 or 1, doubles with six significant digits), JSON values as compact text.
+/// A text being composed. Numbers look as the standard streams write them by default (bool as 0 or 1, doubles
+/// with six significant digits), JSON values are compact text.
 class LogStream {
   public:
     LogStream& operator<<(std::string_view text) {
@@ -55,7 +54,8 @@ class LogStream {
 
     std::string& text() { return m_text; }
 
-    /// One allocation for a line of usual length; the text is moved on from here to the sinks.
+    /// Reserves room for a line of usual length, so that it costs one allocation; the sinks get the text by
+    /// move.
     void prepare() {
         if (m_text.capacity() < kUsualLength) {
             m_text.reserve(kUsualLength);
@@ -73,10 +73,10 @@ class Log {
     Log() = default;
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
-    /// Hands the composed line to the product logger and to the file output, where their levels allow.
+    /// Hands the line to the product logger and to the file output, if their levels allow it.
     ~Log();
 
-    /// The stream to compose a line of that level in.
+    /// Returns the stream in which to compose a line of this level.
     LogStream& get(LogLevel level) {
         m_level = level;
         m_stream.prepare();
@@ -85,13 +85,13 @@ class Log {
 
     /// The highest level that the product logger gets. Starts at 0.
     static LogLevel getReportingLevel() noexcept { return s_reportingLevel.load(std::memory_order_relaxed); }
-    /// The highest level that goes to a log file of the platform's; -1 while there is none.
+    /// The highest level that goes to the platform's log file; -1 without one.
     static LogLevel getFileOutputLevel() noexcept { return s_fileLevel.load(std::memory_order_relaxed); }
-    /// Asks for a level; the platform may set a lower one.
+    /// Requests a level; the platform may limit it.
     static void setReportingLevel(LogLevel level) noexcept;
-    /// Installs the receiver of lines, which must live until the process ends. nullptr removes it.
+    /// Installs the receiver of all lines, which must live until the process ends. nullptr removes it.
     static void setProductLogger(ProductLogger* logger) noexcept;
-    /// True when a line of that level would go anywhere: the test that call sites make before composing.
+    /// True when some output takes lines of this level. Call sites check this before they compose a line.
     static bool enabled(LogLevel level) noexcept {
         return getReportingLevel() >= level || getFileOutputLevel() >= level;
     }

@@ -1,5 +1,5 @@
 #pragma once
-/// The platform's backend data-exchange client. What carries it is the platform's choice.
+/// The platform's backend data-exchange client. The transport is the platform's choice.
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,35 +12,34 @@ namespace kyo {
 
 /// One connection to the backend.
 ///
-/// Both callbacks come on one thread of the client's own, one at a time, and never from inside a call of
-/// the client's operations. After a recovery the backend side sends an
-/// opening master-control message.
+/// The client calls both callbacks on one thread of its own, one at a time, never from inside one of its
+/// operations. After a reconnect the backend sends an opening master-control message.
 class OrxClient {
   public:
     using JsonCallback = std::function<void(Json::Value)>;
 
-    /// Prepares the client; nothing is sent before start(). `serverName` and `offeredDataTypes` are what
-    /// the client announces to the backend as its presence.
+    /// Prepares the client; nothing is sent before start(). The client announces `serverName` and
+    /// `offeredDataTypes` to the backend as its presence.
     OrxClient(std::string serverName, std::vector<std::string> offeredDataTypes);
-    /// Stops the callback thread, waiting a bounded time.
+    /// Stops the callback thread and waits a limited time for it.
     ~OrxClient();
     OrxClient(const OrxClient&) = delete;
     OrxClient& operator=(const OrxClient&) = delete;
 
     /// Register before start().
     void registerMasterControlCallback(JsonCallback callback);
-    /// The callback gets an array of {"recordId": string, "recordBody": base64 text}.
+    /// The callback gets an array of {"recordId": string, "recordBody": base64 text}. Register before
+    /// start().
     void registerConfigResponseCallback(JsonCallback callback);
 
-    /// Connects in the background. A backend that cannot be reached is logged and tried again.
-    /// Does not block and does not throw.
+    /// Connects in the background; an unreachable backend is logged and retried. Does not block or throw.
     void start();
 
-    /// Sends one envelope. 0: the client took it over and answers with a delivery result later. Negative: it
-    /// could not, and has logged why. Blocks for a flush to disk at most, never for the network.
+    /// Sends one envelope. 0: the client has accepted it and reports a delivery result later. Negative: it
+    /// could not, and has logged why. May block for a flush to disk, never for the network.
     std::int32_t SendOrxData(const Json::Value& envelope);
 
-    /// Asks the backend for the collection configuration; the answer comes by callback.
+    /// Requests the collection configuration from the backend; the answer comes by callback.
     std::int32_t RequestConfiguration();
 
   private:

@@ -1,6 +1,6 @@
 #pragma once
-/// Counters and gauges that the platform shows to an operator. Names are dotted ("queue.ingress.dropped")
-/// and become nested objects in the snapshot. Everything registered lives until the process ends.
+/// Counters and gauges that the platform shows to an operator. Dotted names ("queue.ingress.dropped") become
+/// nested objects in the snapshot. Everything registered lives until the process ends. Any thread.
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -11,7 +11,7 @@
 
 namespace kyo {
 
-/// One event count. Adding costs a relaxed atomic.
+/// Counts one kind of event. add() costs one relaxed atomic.
 class Counter {
   public:
     void add(std::uint64_t n = 1) noexcept { m_value.fetch_add(n, std::memory_order_relaxed); }
@@ -23,10 +23,10 @@ class Counter {
 
 class Status {
   public:
-    /// The counter of that name, made on first use. Takes a lock: keep the reference, do not ask per event.
+    /// Returns the counter of this name and creates it on first use. Takes a lock: keep the reference.
     static Counter& counter(const std::string& name);
-    /// Registers or replaces a value that is read at each snapshot. `read` is called on the thread that
-    /// takes the snapshot, must not throw, and must be safe at any time until the process ends.
+    /// Registers or replaces a value that each snapshot reads. `read` runs on the thread that takes the
+    /// snapshot; it must not throw, and must be safe to call until the process ends.
     static void gauge(const std::string& name, std::function<Json::Value()> read);
     /// All counters by their dotted names.
     static std::map<std::string, std::uint64_t> counters();

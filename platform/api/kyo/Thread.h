@@ -5,9 +5,9 @@
 
 namespace kyo {
 
-/// A worker: start() makes one thread that executes run(). A second start() does nothing.
-/// run() may detach() its own thread; that is safe against a start() that has not returned yet.
-/// Destroying an object whose thread is neither joined nor detached detaches it.
+/// A worker: start() creates one thread that executes run(). A second start() does nothing. run() may
+/// detach() its own thread, even before start() has returned. The destructor detaches a thread that was not
+/// joined.
 class Thread {
   public:
     Thread() = default;
@@ -15,10 +15,10 @@ class Thread {
     Thread& operator=(const Thread&) = delete;
     virtual ~Thread();
 
-    /// Starts the thread. When the system has no thread left this logs at level 3, and the next
-    /// start() tries again.
+    /// Starts the thread. When the system has no thread left, logs at level 3; the next start() retries.
     virtual void start();
     virtual void run() = 0;
+    /// stop() and exit() do nothing unless a derived class overrides them.
     virtual void stop();
     virtual void exit();
     virtual void join();
@@ -28,7 +28,7 @@ class Thread {
 
   private:
     std::atomic<bool> m_started{false};
-    std::mutex m_guard;  ///< guards m_thread against start(), join() and detach() at once
+    std::mutex m_guard;  ///< guards m_thread: start(), join() and detach() may run concurrently
     std::thread m_thread;
 };
 

@@ -6,17 +6,17 @@
 
 namespace kyo {
 
-/// A condition to sleep on and be woken from. It has no memory: a broadcast without a waiter is lost.
-/// Must not be destroyed while a thread waits on it.
+/// Lets threads sleep until another wakes them. It has no memory: a broadcast without a waiter is lost. Must
+/// not be destroyed while a thread waits on it.
 class ThreadCondition {
   public:
-    /// Waits for a wake-up; `held` must be locked by the caller and is locked again on return.
+    /// Waits for a wake-up. The caller has locked `held`; it is locked again on return.
     void wait(Mutex& held) {
         std::unique_lock<std::mutex> lock(held.m_native, std::adopt_lock);
         m_native.wait(lock);
         lock.release();
     }
-    /// As wait(), but at most `limit` on the steady clock. False when the time ran out.
+    /// As wait(), but at most for `limit` on the steady clock. Returns false on a time-out.
     bool waitFor(Mutex& held, std::chrono::milliseconds limit) {
         std::unique_lock<std::mutex> lock(held.m_native, std::adopt_lock);
         const bool woken =

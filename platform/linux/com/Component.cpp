@@ -12,7 +12,7 @@ namespace ac::com::runtime {
 
 namespace {
 
-/// The object that started the middleware; one more that is made meanwhile neither starts nor ends it.
+/// The object that started the middleware. Further objects neither start nor end it.
 std::atomic<const Component_singleton*> owner{nullptr};
 
 bool settingsFrom(const std::string& configuration, machine::SomeIpSettings& settings) {

@@ -1,9 +1,9 @@
 #pragma once
-/// The client side of a service: what generated proxies are made of.
+/// The client side of a service: the base of generated proxies.
 ///
-/// A proxy may be made before the middleware is started (runtime/component.h) and may outlive it: what it
-/// wants is remembered and takes effect whenever the middleware runs. The wish to receive an event is kept
-/// apart from the state of the subscription: a service that dies and comes back delivers again by itself.
+/// A proxy may be created before the middleware is started (runtime/component.h) and may outlive it: its
+/// requests take effect whenever the middleware runs. A request for an event does not depend on the state of
+/// the subscription: when a service comes back, it is subscribed again and delivers.
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -22,20 +22,20 @@ class EventReceiver;
 
 namespace ac::com {
 
-/// The instances of a service that are offered at this moment. Does not block: the first call starts the
-/// search, and a later call answers what has been found by then. `instance` is "*" for any, or a decimal id;
-/// another text finds nothing and is logged. Any thread.
+/// Returns the instances of a service that are offered now. Does not block: the first call starts the search,
+/// later calls return what has been found. `instance` is "*" for any, or a decimal id; another text finds
+/// nothing and is logged. Any thread.
 HandleContainer findService(const ServiceInterface& service, const std::string& instance);
-/// The same in a middleware of the caller's own (tests).
+/// As above, in the caller's runtime (tests).
 HandleContainer findService(const ServiceInterface& service, const std::string& instance,
                             someip::Runtime& runtime);
 
-/// One instance of a service as its client sees it. Owns nothing on the wire; its events do.
+/// A client's view of one instance of a service. Only its events cause traffic.
 class ProxyBase {
   public:
-    /// Takes part in the middleware of the process.
+    /// Uses the middleware of the process.
     ProxyBase(const ServiceInterface& service, const ServiceHandle& handle);
-    /// Takes part in a middleware of the caller's own (tests), which must outlive the proxy.
+    /// Uses the caller's runtime (tests), which must outlive the proxy.
     ProxyBase(const ServiceInterface& service, const ServiceHandle& handle, someip::Runtime& runtime);
     ~ProxyBase();
     ProxyBase(const ProxyBase&) = delete;
@@ -51,14 +51,14 @@ class ProxyBase {
     someip::Runtime& m_runtime;
 };
 
-/// What the events of all data types share.
+/// The part of an event that does not depend on its data type.
 class EventSubscription {
   public:
     EventSubscription(const EventSubscription&) = delete;
     EventSubscription& operator=(const EventSubscription&) = delete;
 
-    /// Gives the wish up and says so on the wire. Waits for a handler that is under way, unless it is called
-    /// from that handler; afterwards no handler is called.
+    /// Withdraws the request and sends stop-subscribe. Waits for a running handler, unless that handler is
+    /// the caller; no handler is called afterwards.
     void Unsubscribe();
     /// True while the peer acknowledges the subscription.
     bool subscribed() const;
@@ -77,11 +77,11 @@ class EventSubscription {
     const ServiceHandle m_handle;
     const EventInterface m_event;
     someip::Runtime& m_runtime;
-    std::mutex m_guard;  ///< guards m_receiver; never held while a handler is waited for
+    std::mutex m_guard;  ///< guards m_receiver; never locked while waiting for a handler
     std::shared_ptr<someip::EventReceiver> m_receiver;
 };
 
-/// An event of a service. Subscribe() and Unsubscribe() may be called by any thread.
+/// An event of a service. Any thread may call Subscribe() and Unsubscribe().
 template <typename DT>
 class ProxyEvent : public EventSubscription {
   public:
@@ -89,9 +89,9 @@ class ProxyEvent : public EventSubscription {
 
     ProxyEvent(ProxyBase& owner, const EventInterface& event) : EventSubscription(owner, event) {}
 
-    /// Keeps the wish, subscribes now if the service is offered, and again whenever it returns. `handler`
-    /// is called on a thread of the middleware with the samples of one notification; exceptions that leave
-    /// it are logged. A second call replaces the handler. False for an empty handler.
+    /// Subscribes now if the service is offered, and whenever it comes back. `handler` is called on a thread
+    /// of the middleware with the samples of one notification; its exceptions are logged. A second call
+    /// replaces the handler. Returns false for an empty handler.
     bool Subscribe(ReceiveHandler handler) {
         if (!handler) {
             return false;

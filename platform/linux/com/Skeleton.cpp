@@ -48,7 +48,7 @@ void EventPublication::setSubscriptionPolicy(std::function<bool(const std::strin
 std::vector<std::uint8_t>& EventPublication::messageBuffer() {
     thread_local std::vector<std::uint8_t> buffer;
     if (buffer.capacity() > (256u << 10)) {
-        buffer = {};  // one large message does not make every thread large
+        buffer = {};  // release the memory of an unusually large message
     }
     buffer.assign(someip::kHeaderSize, 0);
     return buffer;

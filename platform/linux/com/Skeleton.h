@@ -1,8 +1,8 @@
 #pragma once
-/// The server side of a service: what generated skeletons are made of.
+/// The server side of a service: the base of generated skeletons.
 ///
-/// A skeleton may be made before the middleware is started (runtime/component.h) and may outlive it: what it
-/// offers goes on the wire whenever the middleware runs.
+/// A skeleton may be created before the middleware is started (runtime/component.h) and may outlive it: its
+/// service is offered whenever the middleware runs.
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -24,18 +24,18 @@ namespace ac::com {
 /// One offered instance of a service.
 class SkeletonBase {
   public:
-    /// Takes part in the middleware of the process.
+    /// Uses the middleware of the process.
     explicit SkeletonBase(const ServiceInterface& service, std::uint16_t instance = 1);
-    /// Takes part in a middleware of the caller's own (tests), which must outlive the skeleton.
+    /// Uses the caller's runtime (tests), which must outlive the skeleton.
     SkeletonBase(const ServiceInterface& service, std::uint16_t instance, someip::Runtime& runtime);
     /// Stops the offer.
     ~SkeletonBase();
     SkeletonBase(const SkeletonBase&) = delete;
     SkeletonBase& operator=(const SkeletonBase&) = delete;
 
-    /// Starts the offer; does not block. False when the middleware was started for clients only.
+    /// Starts the offer; does not block. Returns false when the middleware was started for clients only.
     bool OfferService();
-    /// Says stop-offer on the wire and drops all subscribers.
+    /// Sends stop-offer and removes all subscribers.
     void StopOfferService();
 
     const ServiceInterface& serviceInterface() const noexcept { return m_service; }
@@ -48,29 +48,29 @@ class SkeletonBase {
     const std::shared_ptr<someip::ServiceProvider> m_provider;
 };
 
-/// What the events of all data types share.
+/// The part of an event that does not depend on its data type.
 class EventPublication {
   public:
     EventPublication(const EventPublication&) = delete;
     EventPublication& operator=(const EventPublication&) = delete;
 
-    /// Number of subscribers at this moment.
+    /// The current number of subscribers.
     std::size_t subscribers() const;
-    /// `handler` is told, on a thread of the middleware and outside any lock, when a peer
-    /// ("127.0.0.1:40001", where it receives) subscribes for the first time and when it has gone.
+    /// `handler` is called on a thread of the middleware, outside any lock, when a peer subscribes for the
+    /// first time and when its subscription ends. `peer` is its receiving endpoint ("127.0.0.1:40001").
     void setSubscriptionHandler(std::function<void(const std::string& peer, bool subscribed)> handler);
-    /// `admit` decides, on a thread of the middleware that holds its lock (so it must not call into the
-    /// middleware), whether a peer may subscribe; a refusal goes on the wire. None: everybody may.
+    /// `admit` decides whether a peer may subscribe; a refusal is sent to the peer. It is called with the
+    /// lock of the middleware held, so it must not call into the middleware. Empty: every peer may subscribe.
     void setSubscriptionPolicy(std::function<bool(const std::string& peer)> admit);
 
   protected:
     EventPublication(SkeletonBase& owner, const EventInterface& event);
     ~EventPublication();
-    /// Both send a payload that follows 16 free bytes in `message`. True when every subscriber was sent to;
-    /// also true without subscribers.
+    /// Both send the payload that follows 16 reserved bytes in `message`. Return false when a datagram to a
+    /// subscriber could not be sent.
     bool send(std::vector<std::uint8_t>& message);
     bool sendFaulty(std::vector<std::uint8_t>& message, const someip::WireFault& fault);
-    /// An empty buffer of this thread with room for a header in front.
+    /// Returns this thread's buffer, empty except for the space for a header.
     static std::vector<std::uint8_t>& messageBuffer();
 
   private:
@@ -79,19 +79,19 @@ class EventPublication {
     const std::shared_ptr<someip::EventSender> m_sender;
 };
 
-/// An event of an offered service. Any thread may send; the caller's thread does the work.
+/// An event of an offered service. Any thread may send; sending happens on the caller's thread.
 template <typename DT>
 class SkeletonEvent : public EventPublication {
   public:
     SkeletonEvent(SkeletonBase& owner, const EventInterface& event) : EventPublication(owner, event) {}
 
-    /// One notification to each subscriber, segmented when it is larger than a datagram.
+    /// Sends one notification to each subscriber, segmented when it is larger than a datagram.
     bool Send(const std::vector<DT>& samples) {
         auto& message = messageBuffer();
         someip::appendSamples(samples, message);
         return send(message);
     }
-    /// The same with an error in it.
+    /// As Send(), with a deliberate error in the message.
     bool SendFaulty(const std::vector<DT>& samples, const someip::WireFault& fault) {
         auto& message = messageBuffer();
         someip::appendSamples(samples, message);

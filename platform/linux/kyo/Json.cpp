@@ -13,7 +13,7 @@ namespace kyo::Json {
 
 namespace {
 
-/// What the reader allows too (its "stackLimit").
+/// Also the reader's limit (its "stackLimit").
 constexpr int kDeepestNesting = 1000;
 
 void appendEscape(std::string& out, unsigned unit) {
@@ -27,7 +27,7 @@ void appendEscape(std::string& out, unsigned unit) {
     out.append(text, sizeof text);
 }
 
-/// Reads one UTF-8 character at `at`, which is moved behind it; U+FFFD for bytes that are none.
+/// Reads one UTF-8 character at `at` and advances `at`. Returns U+FFFD for invalid bytes.
 unsigned decodeUtf8(const char*& at, const char* end) {
     constexpr unsigned kReplacement = 0xFFFD;
     const auto first = static_cast<unsigned char>(*at++);
@@ -110,7 +110,7 @@ void appendQuoted(std::string& out, std::string_view text) {
                     appendEscape(out, 0xD800 + ((code - 0x10000) >> 10));
                     appendEscape(out, 0xDC00 + ((code - 0x10000) & 0x3FF));
                 }
-                continue;  // the decoder has moved on
+                continue;  // decodeUtf8() has advanced `at`
             }
         }
         ++at;
@@ -133,7 +133,7 @@ void appendReal(std::string& out, double number) {
     const std::size_t before = out.size();
     appendNumber(out, number);
     if (std::string_view(out).substr(before).find_first_of(".e") == std::string_view::npos) {
-        out.append(".0");  // read back, it is a real number again
+        out.append(".0");  // so that it reads back as a real number
     }
 }
 
@@ -228,7 +228,7 @@ bool Reader::parse(const std::string& text, Value& root, bool collectComments) {
 }
 
 bool Reader::parse(std::istream& stream, Value& root, bool collectComments) {
-    // Not by istreambuf_iterator, which lets an exception through where the stream cannot be read (a folder).
+    // istreambuf_iterator would throw if the stream cannot be read (a folder).
     std::ostringstream text;
     if (stream.peek() != std::istream::traits_type::eof()) {
         text << stream.rdbuf();

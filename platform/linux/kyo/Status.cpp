@@ -15,19 +15,19 @@ namespace {
 using Gauge = std::function<Json::Value()>;
 
 struct Registry {
-    std::mutex guard;  ///< guards both maps; never held while a gauge is read
+    std::mutex guard;  ///< guards both maps; never locked while a gauge is read
     std::map<std::string, std::unique_ptr<Counter>> counters;
     std::map<std::string, std::shared_ptr<const Gauge>> gauges;
 };
 
 Registry& registry() {
-    // Never destroyed: counters are touched by threads that live until the process ends.
+    // Never destroyed: threads that run until the process ends use the counters.
     static auto* const instance = new Registry;
     return *instance;
 }
 
-/// Puts a value at its dotted name. A name that is both a value and a group ("a" beside "a.b") keeps its
-/// value as the group's member "value".
+/// Sets the value at its dotted name. If a name is both a value and a group ("a" and "a.b"), the value
+/// becomes the group's member "value".
 void place(Json::Value& root, const std::string& name, Json::Value value) {
     Json::Value* node = &root;
     for (std::size_t from = 0; from <= name.size();) {
@@ -96,7 +96,7 @@ Json::Value Status::snapshot() {
         const std::lock_guard<std::mutex> lock(all.guard);
         gauges.assign(all.gauges.begin(), all.gauges.end());
     }
-    // The gauges are read without the lock: they may take locks of their own.
+    // Outside the lock: gauges may take locks of their own.
     Json::Value root(Json::objectValue);
     for (const auto& [name, count] : counts) {
         place(root, name, Json::Value(static_cast<Json::UInt64>(count)));

@@ -27,14 +27,14 @@ ConsoleSink::ConsoleSink(int descriptor, std::size_t maxBytes)
     : m_maxBytes(maxBytes), m_dropped(kyo::Status::counter("log.dropped.console")), m_out(descriptor) {
     struct stat info {};
     if (::fstat(descriptor, &info) != 0) {
-        return;  // closed by whoever started the process
+        return;  // standard output was closed at start
     }
     if (S_ISREG(info.st_mode)) {
         m_kind = Kind::File;
     } else if (S_ISSOCK(info.st_mode)) {
         m_kind = Kind::Socket;
     } else {
-        // A description of our own for the same pipe or terminal, so that non-blocking is ours alone.
+        // Opens the same pipe or terminal again, so that O_NONBLOCK affects nobody else.
         const std::string self = "/proc/self/fd/" + std::to_string(descriptor);
         const int own = ::open(self.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         m_kind = own < 0 ? Kind::Shared : Kind::Own;
@@ -66,7 +66,7 @@ std::ptrdiff_t ConsoleSink::write(std::string_view text) {
         case Kind::Socket:
             return ::send(m_out, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         case Kind::Shared: {
-            // Where no description of our own can be had: what poll() promises room for is at least PIPE_BUF.
+            // The descriptor blocks: write only when poll() reports space, which is at least PIPE_BUF bytes.
             pollfd room{m_out, POLLOUT, 0};
             if (::poll(&room, 1, 0) == 0) {
                 errno = EAGAIN;
@@ -94,7 +94,7 @@ void ConsoleSink::pump() {
         if (put < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             break;
         }
-        giveUp();  // the reader is gone, or the disk behind a redirection is full
+        giveUp();  // the reader is gone, or the disk is full
         return;
     }
     if (!pending()) {
@@ -113,7 +113,7 @@ void ConsoleSink::giveUp() {
     m_buffer.clear();
     m_done = 0;
     m_lines = 0;
-    if (m_kind != Kind::File) {  // a full disk may have room again
+    if (m_kind != Kind::File) {  // a full disk may have space again
         if (m_kind == Kind::Own) {
             ::close(m_out);
         }

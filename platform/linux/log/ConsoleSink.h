@@ -1,5 +1,5 @@
 #pragma once
-/// Lines to standard output, without ever waiting for its reader. Used by the log's thread alone.
+/// Writes lines to standard output and never waits for the reader. Used by the log thread alone.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -13,20 +13,20 @@ namespace ara::log {
 
 class ConsoleSink {
   public:
-    /// Writes to that descriptor, which stays the caller's and whose flags are not touched: a terminal or
-    /// pipe may be shared with processes that expect it to block.
+    /// Writes to `descriptor`, which the caller owns. Does not change its flags: other processes may share
+    /// the terminal or pipe and expect it to block.
     explicit ConsoleSink(int descriptor, std::size_t maxBytes = 1u << 20);
     ~ConsoleSink();
     ConsoleSink(const ConsoleSink&) = delete;
     ConsoleSink& operator=(const ConsoleSink&) = delete;
 
-    /// Formats the line into the buffer; drops and counts it when the reader is too far behind.
+    /// Formats the line into the buffer. Drops and counts it when the buffer is full.
     void put(const kyo::LogLine& line, std::int64_t wallNs);
-    /// Writes what the reader takes now.
+    /// Writes as much as is possible without waiting.
     void pump();
 
     bool pending() const { return m_done < m_buffer.size(); }
-    /// What to poll for POLLOUT while something is pending; -1 when the console is gone.
+    /// The descriptor to poll for POLLOUT while lines are pending; -1 when the console is gone.
     int descriptor() const { return m_kind == Kind::Gone ? -1 : m_out; }
 
   private:
@@ -41,8 +41,8 @@ class ConsoleSink {
     int m_out;
     Kind m_kind = Kind::Gone;
     std::string m_buffer;
-    std::size_t m_done = 0;   ///< bytes of m_buffer that are written
-    std::size_t m_lines = 0;  ///< lines that m_buffer holds whole or in part
+    std::size_t m_done = 0;   ///< written bytes of m_buffer
+    std::size_t m_lines = 0;  ///< lines in m_buffer, whole or in part
 };
 
 }  // namespace ara::log

@@ -10,8 +10,8 @@
 #include <new>
 
 #ifdef __SANITIZE_THREAD__
-/// libdlt ends its threads at exit by cancelling them inside a condition's wait, which the thread sanitizer,
-/// blind to that library's code, takes for a mutex that is locked twice. Nothing of ours is hidden by this.
+/// At exit libdlt cancels its threads inside a condition's wait. The thread sanitizer does not see that
+/// library's code and reports a mutex that is locked twice. The suppression hides nothing in our code.
 extern "C" const char* __tsan_default_suppressions() {
     return "mutex:libdlt.so\n";
 }
@@ -26,16 +26,16 @@ constexpr std::size_t kMaxWaitingBytes = 16u << 20;
 constexpr std::size_t kMessagesAtATime = 512;
 constexpr int kPipeBytes = 1 << 20;
 constexpr auto kProbePeriod = std::chrono::milliseconds(500);
-/// A daemon that has come gives each context its own default level, a second or so later. Within that time
-/// the level is set right again; what changes it afterwards is somebody's wish.
+/// About a second after it starts, the daemon sets each context to its own default level. Within this time we
+/// restore our level; a later change is somebody's intention.
 constexpr auto kLevelSettles = std::chrono::seconds(5);
-/// libdlt's own flush at exit waits in vain for 10 s where no daemon runs.
+/// Without a daemon, libdlt's own flush at exit would wait 10 s in vain.
 constexpr std::uint32_t kExitFlushMs = 200;
 
 /// DLT's time stamps count 0.1 ms.
 constexpr std::int64_t kNsPerTick = 100'000;
 
-/// A string argument costs its type (4), its length (2) and a zero byte besides its text.
+/// Bytes of a string argument besides its text: type (4), length (2) and a final zero.
 constexpr std::size_t kStringArgumentBytes = 7;
 
 std::size_t messageBufferBytes() {
@@ -60,7 +60,7 @@ std::size_t pieceLength(std::string_view text, std::size_t limit) {
     while (end > 0 && limit - end < 4 && (static_cast<unsigned char>(text[end]) & 0xC0u) == 0x80u) {
         --end;
     }
-    // Four continuation bytes in a row are no UTF-8: any cut is as good.
+    // Four continuation bytes in a row are not UTF-8: cut anywhere.
     return end == 0 || limit - end >= 4 ? limit : end;
 }
 
@@ -71,8 +71,8 @@ DltSink::DltSink(const std::string& appId, const std::string& description)
       m_pipePath(daemonPipe()),
       m_pieceBytes(messageBufferBytes() - kStringArgumentBytes) {
     if (std::getenv("DLT_LOG_LEVEL") == nullptr && std::getenv("DLT_LOG_MODE") == nullptr) {
-        // The library tells of each of its troubles on standard error. What matters of it is counted and
-        // told here; who wants the library's own words sets one of its variables.
+        // The library writes each problem to standard error. We count and log what matters; a user who wants
+        // the library's own messages sets one of its variables.
         ::setenv("DLT_LOG_MODE", std::to_string(static_cast<int>(DLT_LOG_DROPPED)).c_str(), 0);
         ::dlt_init();
         ::unsetenv("DLT_LOG_MODE");
@@ -86,7 +86,7 @@ DltSink::DltSink(const std::string& appId, const std::string& description)
 }
 
 void DltSink::registerContext() {
-    // With a level of its own, as the daemon's default hides debug messages.
+    // An explicit level, since the daemon's default hides debug messages.
     ::dlt_register_context_ll_ts(&m_context, "VLM", "Default context", DLT_LOG_VERBOSE, DLT_TRACE_STATUS_OFF);
 }
 
@@ -109,7 +109,7 @@ bool DltSink::probe(Clock::time_point now) {
     if (m_pipe < 0) {
         return false;
     }
-    // More room lets a burst pass while the daemon sleeps. Refused beyond the system's limit, which is fine.
+    // A larger pipe holds a burst while the daemon sleeps. The system may refuse it, which does no harm.
     ::fcntl(m_pipe, F_SETPIPE_SZ, kPipeBytes);
     m_blocked = false;
     m_libraryFull = false;
@@ -142,7 +142,7 @@ DltSink::Sent DltSink::send(std::string_view piece, const kyo::LogLine& line) {
     };
     if (!start()) {
         if (Clock::now() > m_levelOursUntil) {
-            return Sent::Hidden;  // somebody has lowered the context's level from outside
+            return Sent::Hidden;  // somebody has lowered the context's level
         }
         registerContext();
         if (!start()) {
@@ -158,7 +158,7 @@ DltSink::Sent DltSink::send(std::string_view piece, const kyo::LogLine& line) {
         case DLT_RETURN_OK:
             return Sent::Taken;
         default:
-            // Not in the pipe, but in the library's own buffer: taken, and the last for now.
+            // The library has buffered the message: it is accepted, but send no more for now.
             m_blocked = connected();
             return Sent::Taken;
     }
@@ -179,7 +179,7 @@ void DltSink::pump(const std::atomic<bool>& givingUp) {
         } else if (sent == Sent::Hidden) {
             m_frontDone = line.text.size();
         } else if (connected()) {
-            m_blocked = true;  // kept, and tried again when there is room
+            m_blocked = true;  // kept; retried when there is space
             return;
         } else {
             m_libraryFull = true;

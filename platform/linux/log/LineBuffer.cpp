@@ -24,7 +24,7 @@ void LineBuffer::append(const LogLine& line) {
     const std::size_t needed = weight(line.text.size());
     if (m_blocks.empty() || m_blocks.back().pages.get_deleter().bytes - m_blocks.back().used < needed) {
         if (m_lines == 0 && !m_blocks.empty()) {
-            retireFirstBlock();  // read to its end and kept for the next line, for which it is too small
+            retireFirstBlock();  // all read, but too small for this line
         }
         addBlock(needed);
     }
@@ -56,7 +56,7 @@ void LineBuffer::pop() {
     }
     if (m_lines == 0 && block.pages.get_deleter().bytes == kBlockBytes) {
         m_readAt = 0;
-        block.used = 0;  // the next line goes there
+        block.used = 0;  // reused for the next line
         return;
     }
     retireFirstBlock();
@@ -86,7 +86,7 @@ void LineBuffer::addBlock(std::size_t atLeast) {
         m_spare.pop_back();
         return;
     }
-    // Straight from the system: any thread's heap would keep it, and threads come and go here.
+    // mmap, since the heap of a thread would keep the memory, and many short-lived threads log.
     const std::size_t bytes = std::max(atLeast, kBlockBytes);
     void* const pages = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pages == MAP_FAILED) {

@@ -1,6 +1,6 @@
 #pragma once
-/// Log lines in the order they came, one behind the other in blocks of memory that are used again: a line
-/// costs a copy and no allocation, and what a burst took goes back to the system whole.
+/// Log lines in their order, in blocks of memory that are reused: a line costs a copy and no allocation, and
+/// the memory of a burst goes back to the system.
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -19,12 +19,12 @@ struct LogLine {
 /// A queue for one thread at a time.
 class LineBuffer {
   public:
-    /// What a line of that length takes of bytes().
+    /// What a line of this length adds to bytes().
     static std::size_t weight(std::size_t length) { return sizeof(Head) + length; }
 
-    /// Throws std::bad_alloc; the line is then not there.
+    /// Throws std::bad_alloc, without adding the line.
     void append(const LogLine& line);
-    /// The oldest line; valid until it is taken away. There must be one.
+    /// The oldest line; valid until pop(). The buffer must not be empty.
     LogLine front() const;
     void pop();
 
@@ -53,7 +53,7 @@ class LineBuffer {
 
     std::deque<Block> m_blocks;
     std::vector<Block> m_spare;
-    std::size_t m_readAt = 0;  ///< where the oldest line begins in the first block
+    std::size_t m_readAt = 0;  ///< position of the oldest line in the first block
     std::size_t m_lines = 0;
     std::size_t m_bytes = 0;
 };

@@ -11,8 +11,8 @@ namespace kyo {
 
 namespace {
 
-/// Set while this thread is inside push(). A handler of a signal that abort() raised runs on a thread that
-/// may hold the lock; to wait for it would hang the process instead of ending it.
+/// Set while this thread is inside push(). A signal handler (after abort(), say) may interrupt push() on a
+/// thread that holds the lock; waiting for the lock there would hang the process.
 thread_local volatile bool t_inPush = false;
 
 std::int64_t now(clockid_t clock) noexcept {
@@ -43,7 +43,7 @@ bool LineQueue::push(std::string_view text, std::uint8_t level) noexcept {
         return false;
     }
     t_inPush = true;
-    // One clock: the consumer knows how far the other is ahead.
+    // One clock is enough: the consumer adds the offset of the wall clock.
     const LogLine line{text, now(CLOCK_MONOTONIC), level};
     bool taken = false;
     try {
@@ -53,7 +53,7 @@ bool LineQueue::push(std::string_view text, std::uint8_t level) noexcept {
             m_pushed.fetch_add(1, std::memory_order_release);
             taken = true;
         }
-    } catch (...) {  // no memory: the line is lost like one for which there is no room
+    } catch (...) {  // no memory: the line is lost, as when the queue is full
         taken = false;
     }
     if (taken && m_sleeping.load(std::memory_order_seq_cst) && m_sleeping.exchange(false)) {

@@ -1,5 +1,6 @@
 #pragma once
-/// The way from the threads that log to the one thread that writes: bounded, and never a wait for the writer.
+/// The bounded queue between the threads that log and the thread that writes. Logging never waits for the
+/// writer.
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +11,7 @@
 
 namespace kyo {
 
-/// How far the wall clock, in nanoseconds since 1970, is ahead of the monotonic one now.
+/// The current difference, in nanoseconds, of the wall clock (since 1970) to the monotonic clock.
 std::int64_t wallClockAheadNs() noexcept;
 
 /// Many producers, one consumer. The consumer sleeps in poll() on wakeDescriptor().
@@ -22,19 +23,19 @@ class LineQueue {
     LineQueue(const LineQueue&) = delete;
     LineQueue& operator=(const LineQueue&) = delete;
 
-    /// Stamps the line with the time and queues a copy. False when the queue is full, or when the calling
-    /// thread is inside push() already (a signal handler that interrupted it): the line is then lost.
+    /// Adds the time to the line and queues a copy. Returns false, and the line is lost, when the queue is
+    /// full or the calling thread is already inside push() (a signal handler that interrupted it).
     bool push(std::string_view text, std::uint8_t level) noexcept;
 
-    /// Consumer: replaces `out` by all that waits. The two exchange their memory, so keep `out` for the next
-    /// time.
+    /// Consumer: replaces `out` by all waiting lines. The buffers swap their memory, so pass the same `out`
+    /// again.
     void drain(LineBuffer& out);
-    /// Consumer: announces that it is about to sleep. False when something waits already.
+    /// Consumer: to be called before sleeping. Returns false when lines are waiting.
     bool prepareSleep();
-    /// Consumer: back from its sleep; takes the wake-ups off the descriptor.
+    /// Consumer: to be called after sleeping; resets the descriptor.
     void finishSleep();
     int wakeDescriptor() const { return m_wake; }
-    /// Ends the consumer's sleep. Any thread; async-signal-safe.
+    /// Wakes the consumer. Any thread; async-signal-safe.
     void wake() noexcept;
 
     std::uint64_t pushed() const noexcept { return m_pushed.load(std::memory_order_acquire); }

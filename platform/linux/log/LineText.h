@@ -1,5 +1,5 @@
 #pragma once
-/// The shape of a log line on a console or in a file: "2026-03-11 14:05:09.123 INFO  text".
+/// The format of a log line on a console or in a file: "2026-03-11 14:05:09.123 INFO  text".
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -8,7 +8,7 @@
 
 namespace kyo {
 
-/// Writes local time with milliseconds. Not thread-safe: it keeps the text of the last second.
+/// Formats local time with milliseconds. Not thread-safe: it caches the text of the last second.
 class ClockText {
   public:
     std::string_view text(std::int64_t wallNs) {
@@ -33,9 +33,8 @@ class ClockText {
     char m_text[40] = {};
 };
 
-/// Appends one line. A line break inside the text is kept, with the next line indented, so that content can
-/// never pass for a line of its own; other control characters become a dot, so that it cannot steer a
-/// terminal.
+/// Appends one line. The text after a line break is indented, so that content cannot fake a log line. Other
+/// control characters become dots, so that content cannot control a terminal.
 inline void appendLine(std::string& out, std::string_view time, std::string_view level,
                        std::string_view text) {
     out.append(time).push_back(' ');

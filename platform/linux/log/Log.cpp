@@ -42,7 +42,7 @@ Log::~Log() {
         if (logger != nullptr) {
             logger->logData(std::move(m_stream.text()), m_level);
         }
-    } catch (...) {  // a line is never worth an exception out of a destructor
+    } catch (...) {  // a destructor must not throw for a log line
         static Counter& failed = Status::counter("log.dropped.failed");
         failed.add();
     }

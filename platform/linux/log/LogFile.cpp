@@ -53,7 +53,7 @@ class Writer {
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
 
-    /// Waits until all that was queued before is in the file, at most `limit`.
+    /// Waits, at most for `limit`, until the file contains all lines queued before.
     void flush(std::chrono::milliseconds limit) {
         const std::uint64_t goal = m_queue.pushed();
         const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -84,7 +84,7 @@ class Writer {
                 pollfd wait{m_queue.wakeDescriptor(), POLLIN, 0};
                 ::poll(&wait, 1, -1);
                 m_queue.finishSleep();
-                // Lines come in bursts: a moment's wait makes one write of many.
+                // Lines come in bursts: a short wait joins many into one write.
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
             }
         }
@@ -100,7 +100,7 @@ class Writer {
             if (put < 0 && errno == EINTR) {
                 continue;
             }
-            if (put <= 0) {  // disk full: these lines are lost, the next ones may have room
+            if (put <= 0) {  // disk full: these lines are lost, later ones may fit
                 m_dropped.add(lines);
                 break;
             }
@@ -117,7 +117,7 @@ class Writer {
             ::close(m_file);
             m_file = fresh;
         }
-        m_size = 0;  // also when it could not be opened: the next try comes after as many bytes again
+        m_size = 0;  // also after a failed open: retry after m_maxBytes more
     }
 
     const std::string m_path;

@@ -1,6 +1,6 @@
 #pragma once
-/// The log file that the machine manifest names: written by a thread of its own, so that a slow disk holds
-/// up nobody.
+/// The log file that the machine manifest names. Its own thread writes it, so that nobody waits for a slow
+/// disk.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -9,10 +9,10 @@ namespace kyo {
 
 class LogFile {
   public:
-    /// Opens the file for appending and starts its thread. False, with a line on standard error, when the
-    /// file cannot be opened. Once per process.
+    /// Opens the file for appending and starts its thread. Returns false, with a message on standard error,
+    /// when the file cannot be opened. Once per process.
     static bool open(const std::string& path, std::uint64_t maxBytes) noexcept;
-    /// Queues one line; drops and counts it (log.dropped.file) when the disk cannot keep up.
+    /// Queues one line. Drops and counts it (log.dropped.file) when the queue is full.
     static void write(std::string_view text, int level) noexcept;
 };
 

@@ -39,8 +39,8 @@ constexpr auto kLetGoLimit = milliseconds(3000);
 constexpr auto kTellPeriod = std::chrono::minutes(1);
 constexpr auto kFirstTellDelay = std::chrono::seconds(1);
 
-/// The one thread behind all streams. Created by InitLogging and never destroyed: other threads log until
-/// the process ends. Its thread ends in the exit handler, before libdlt's own.
+/// The queue, the thread and the sinks of all streams. Created by InitLogging and never destroyed: other
+/// threads log until the process ends. Its thread ends in an exit handler that runs before libdlt's own.
 class Backend {
   public:
     Backend(const std::string& appId, const std::string& description, LogLevel level, bool remote,
@@ -59,7 +59,7 @@ class Backend {
     }
 
     void start() {
-        // Signals are for the application's threads.
+        // The application's threads handle signals.
         sigset_t all;
         sigset_t before;
         ::sigfillset(&all);
@@ -68,7 +68,7 @@ class Backend {
             std::thread([this] { run(); }).detach();
             m_running.store(true);
         } catch (const std::system_error&) {
-            // Without a thread there is no log; the application goes on.
+            // Without a thread there is no log; the application continues.
         }
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
@@ -87,7 +87,7 @@ class Backend {
         }
     }
 
-    /// Writes what waits, for a bounded time, and ends the thread.
+    /// Writes the waiting lines, for a limited time, and ends the thread.
     void end() {
         if (!m_running.load()) {
             return;
@@ -99,9 +99,8 @@ class Backend {
             std::this_thread::sleep_for(milliseconds(1));
         }
         m_running.store(false);
-        // What the sinks have not taken by now is given up. The thread notices that at its next line, and
-        // must be out of libdlt before that library's own exit handler runs; only a starved machine takes
-        // this long.
+        // Drop the remaining lines. The thread must have left libdlt before that library's own exit handler
+        // runs; only an overloaded machine takes this long.
         m_givingUp.store(true);
         m_queue.wake();
         const auto last = Clock::now() + kLetGoLimit;
@@ -151,7 +150,7 @@ class Backend {
 
     void sleep(std::size_t justDone) {
         if (m_dlt != nullptr && m_dlt->pending() && !m_dlt->blocked()) {
-            return;  // more of it right away
+            return;  // continue at once
         }
         if (!m_queue.prepareSleep()) {
             if (justDone < kBigBatch) {
@@ -166,7 +165,7 @@ class Backend {
         }
         milliseconds limit{-1};
         if (m_dlt != nullptr) {
-            // While the daemon is there its end is reported too; while it is not, it is looked for.
+            // poll() also reports the end of the daemon; without a daemon, check for it every second.
             wait[2] = {m_dlt->descriptor(), static_cast<short>(m_dlt->blocked() ? POLLOUT : 0), 0};
             limit = m_dlt->connected() ? milliseconds(-1) : milliseconds(1000);
         }
@@ -180,8 +179,7 @@ class Backend {
             limit = milliseconds(2);
         }
         ::poll(wait.data(), wait.size(), static_cast<int>(limit.count()));
-        // Lines come in bursts. A moment's wait saves their threads a wake-up each, and lets a reader that is
-        // behind make room.
+        // Lines come in bursts: a short wait saves a wake-up per line and gives a slow reader time.
         if (!m_ending.load()) {
             std::this_thread::sleep_for(kGatherTime);
         }
@@ -203,7 +201,7 @@ class Backend {
         }
     }
 
-    /// Says once a minute how many lines were lost, when there were any.
+    /// Logs the number of dropped lines, if any, at most once a minute.
     void tellDropped() {
         const std::uint64_t console = m_droppedConsole.value();
         const std::uint64_t dlt = m_droppedDlt.value();
@@ -226,13 +224,13 @@ class Backend {
         m_tellAt = {};
     }
 
-    // Set once.
+    // Constant after construction.
     const LogLevel m_level;
     kyo::Counter& m_droppedConsole = kyo::Status::counter("log.dropped.console");
     kyo::Counter& m_droppedDlt = kyo::Status::counter("log.dropped.dlt");
     kyo::Counter& m_unread = kyo::Status::counter("log.dlt.noDaemon");
 
-    // Self-synchronised.
+    // Any thread.
     kyo::LineQueue m_queue{kQueueLines, kQueueBytes};
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_ending{false};
@@ -240,15 +238,15 @@ class Backend {
     std::atomic<bool> m_ended{false};
     std::atomic<bool> m_dltConnected{false};
 
-    // The thread's own once it runs.
+    // Used by the thread alone once it runs.
     std::unique_ptr<ConsoleSink> m_console;
     std::unique_ptr<DltSink> m_dlt;
     bool m_wasConnected = false;
     std::uint64_t m_unreadBefore = 0;
     std::uint64_t m_toldConsole = 0;
     std::uint64_t m_toldDlt = 0;
-    Clock::time_point m_tellAt{};        ///< when the next telling is due; zero: nothing to tell
-    Clock::time_point m_noTellBefore{};  ///< keeps tellings a minute apart
+    Clock::time_point m_tellAt{};        ///< when to log the drops; zero: nothing to log
+    Clock::time_point m_noTellBefore{};  ///< not within a minute after the last time
 };
 
 std::atomic<Backend*> g_backend{nullptr};
@@ -270,7 +268,7 @@ void InitLogging(std::string appId, std::string appDescription, LogLevel default
             return (static_cast<std::uint8_t>(mode) & static_cast<std::uint8_t>(sink)) != 0;
         };
         const bool remote = settings.dlt && asked(LogMode::kRemote);
-        // Whoever started the process without a standard output wants no lines there.
+        // A process started without standard output gets no console.
         const bool console =
             settings.console && asked(LogMode::kConsole) && ::fcntl(STDOUT_FILENO, F_GETFD) >= 0;
         if (!remote && !console) {
@@ -279,7 +277,7 @@ void InitLogging(std::string appId, std::string appDescription, LogLevel default
         auto* const backend = new Backend(appId, appDescription, defaultLevel, remote, console);
         backend->start();
         g_backend.store(backend, std::memory_order_release);
-        // Registered after libdlt's own handler, so it runs before that.
+        // Registered after libdlt's own handler, so it runs before it.
         std::atexit([] { g_backend.load(std::memory_order_acquire)->end(); });
     });
 }

@@ -1,6 +1,6 @@
 #pragma once
-/// How the platform's own sources log: "<function signature>:<line> <message>", composed only when the level
-/// is on.
+/// Logging for the platform's own sources: "<function signature>:<line> <message>", composed only when the
+/// level is enabled.
 #include "kyo/Log.h"
 
 #define KYO_LOG(level, ...)                                                                        \

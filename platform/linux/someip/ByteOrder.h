@@ -1,5 +1,5 @@
 #pragma once
-/// Big-endian loads and stores. The caller has checked that the bytes are there.
+/// Big-endian loads and stores. The caller must have checked the length.
 #include <bit>
 #include <concepts>
 #include <cstdint>

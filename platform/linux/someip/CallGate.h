@@ -1,12 +1,12 @@
 #pragma once
-/// Keeps a callback from being called once its owner has gone.
+/// Prevents calls of a callback after its owner has closed the gate.
 #include <atomic>
 #include <cstdint>
 
 namespace someip {
 
-/// Whoever calls the callback holds a Pass meanwhile. close() refuses new passes and waits for those that
-/// are out, except for passes of the calling thread: a callback may close its own gate.
+/// The caller holds a Pass during the call. close() refuses new passes and waits for those in use, except for
+/// passes of the calling thread: a callback may close its own gate.
 class CallGate {
   public:
     class Pass {
@@ -27,7 +27,7 @@ class CallGate {
         friend class CallGate;
         static thread_local const Pass* s_top;
 
-        /// In this order: either the pass sees the gate closed, or close() sees the pass.
+        /// The order matters: either the pass sees the closed gate, or close() sees the pass.
         static bool enter(CallGate& gate) noexcept {
             gate.m_inside.fetch_add(1);
             return gate.m_open.load();

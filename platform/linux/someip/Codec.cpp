@@ -11,7 +11,7 @@ constexpr const char* kTruncated =
     "Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is possibly due to a "
     "mismatch between the data models of sender and receiver.";
 
-/// Opens every text on the wire (UTF-8); a zero byte ends it.
+/// Every text on the wire (UTF-8) starts with this and ends with a zero byte.
 constexpr std::uint8_t kByteOrderMark[] = {0xEF, 0xBB, 0xBF};
 constexpr std::size_t kTextOverhead = sizeof kByteOrderMark + 1;
 
@@ -31,7 +31,7 @@ bool MemberReader::nextComplex() noexcept {
         return fail(DecodeResult::Malformed, "the reserved bit of the tag is set");
     }
     if (m_type == 4) {
-        // Only who knows the member knows the width of its length field: take() or skip() go on from here.
+        // The width of the length field depends on the member: take() or skip() continue here.
         m_value = m_at;
         m_size = 0;
         return true;

@@ -2,10 +2,10 @@
 /// Event payloads: a dynamic array (32-bit length) of structures (32-bit length each) whose members are
 /// tag-length-value coded, big endian. Generated code supplies two functions per structure, found by
 /// argument-dependent lookup:
-///     bool readMember(someip::MemberReader& in, DT_x& out);         // false: the id is not known
+///     bool readMember(someip::MemberReader& in, DT_x& out);         // false: unknown id
 ///     void writeMembers(someip::MemberWriter& out, const DT_x& in);
-/// Received bytes are hostile: every length is held against what is there before it is used, and no memory
-/// is taken on the word of a length alone. docs/someip.md has the format.
+/// Received bytes are untrusted: every length is checked against the bytes that are left before it is used,
+/// and a length alone never causes an allocation. docs/someip.md describes the format.
 #include <bit>
 #include <cstdint>
 #include <optional>
@@ -19,8 +19,8 @@
 
 namespace someip {
 
-/// The most structures that one payload may hold. A structure without members costs its sender four bytes
-/// and the receiver a whole object, so the size of a datagram alone is no bound.
+/// Structures in one payload, at most. An empty structure costs its sender four bytes and the receiver a
+/// whole object, so the size of the datagram does not limit the memory.
 inline constexpr std::size_t kMaxSamplesPerMessage = 16384;
 
 namespace detail {
@@ -34,7 +34,7 @@ struct WireValue<T, false> {
     using Type = T;
 };
 
-/// The unsigned integer that carries a T.
+/// The unsigned integer type of that size.
 template <std::size_t bytes>
 struct Carrier;
 template <>
@@ -60,13 +60,13 @@ constexpr std::uint8_t wireTypeOfSize(std::size_t bytes) {
 
 }  // namespace detail
 
-/// Walks over the members of one structure.
+/// Iterates over the members of one structure.
 class MemberReader {
   public:
     explicit MemberReader(std::span<const std::uint8_t> structure) noexcept
         : m_at(structure.data()), m_end(structure.data() + structure.size()) {}
 
-    /// Goes to the next member. False at the end of the structure and after a failure.
+    /// Moves to the next member. Returns false at the end of the structure and after a failure.
     bool next() noexcept {
         if (m_at == m_end) {
             return false;
@@ -87,8 +87,8 @@ class MemberReader {
     std::uint16_t id() const noexcept { return m_id; }
 
     /// Reads the current member into `out`. T is bool, an integer, float, double, an enumeration (its
-    /// underlying integer) or std::string. A wrong wire type or length marks the structure malformed.
-    /// When `out` has a value already the member is given twice: the first counts.
+    /// underlying integer) or std::string. A wrong wire type or length marks the structure as malformed. If
+    /// `out` has a value already, the member occurs twice, and the first value stays.
     template <typename T>
     void take(std::optional<T>& out) {
         if constexpr (std::is_same_v<T, std::string>) {
@@ -115,7 +115,7 @@ class MemberReader {
         }
     }
 
-    /// For a member whose id is not known: passes over it, where its wire type tells its length.
+    /// Skips a member of unknown id, if its wire type gives its length.
     void skip() noexcept {
         if (m_type == 4) {
             fail(DecodeResult::Malformed, "an unknown member has wire type 4, whose length cannot be known");
@@ -123,7 +123,7 @@ class MemberReader {
     }
 
     DecodeResult result() const noexcept { return m_result; }
-    /// The reason of the failure, and the id of the member where it was found.
+    /// The reason of the failure and the id of the member that caused it.
     const char* reason() const noexcept { return m_reason; }
     std::uint32_t doubled() const noexcept { return m_doubled; }
 
@@ -153,12 +153,12 @@ class MemberReader {
     const char* m_reason = "";
 };
 
-/// Writes the members of one structure behind what `out` holds.
+/// Appends the members of one structure to `out`.
 class MemberWriter {
   public:
     explicit MemberWriter(std::vector<std::uint8_t>& out) noexcept : m_out(out) {}
 
-    /// Writes tag and value; an absent value writes nothing. `id` is at most 0xFFF.
+    /// Writes tag and value; writes nothing for an absent value. `id` is at most 0xFFF.
     template <typename T>
     void put(std::uint16_t id, const std::optional<T>& value) {
         if (!value.has_value()) {
@@ -193,14 +193,15 @@ class MemberWriter {
 
 namespace detail {
 
-/// Walks over the structures of one payload.
+/// Iterates over the structures of one payload.
 class StructureReader {
   public:
-    /// Checks the array's length. What lies behind the array is ignored.
+    /// Checks the array's length. Bytes after the array are ignored.
     StructureReader(std::span<const std::uint8_t> payload, DecodeReport& report);
-    /// The next structure; false at the end of the array and after a failure.
+    /// Moves to the next structure. Returns false at the end of the array and after a failure.
     bool next(std::span<const std::uint8_t>& structure);
-    /// Takes over what the members of the current structure gave; false when they failed.
+    /// Adds the findings of the current structure's members to the report. Returns false when the members
+    /// failed.
     bool accept(const MemberReader& members);
 
   private:
@@ -210,7 +211,7 @@ class StructureReader {
     DecodeReport& m_report;
 };
 
-/// Leaves room for a 32-bit length and fills it in when it ends.
+/// Reserves a 32-bit length; the destructor writes it.
 class LengthField {
   public:
     explicit LengthField(std::vector<std::uint8_t>& out) : m_out(out), m_start(out.size()) {

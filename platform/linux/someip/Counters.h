@@ -1,5 +1,5 @@
 #pragma once
-/// What the stack counts. All of the process: middlewares that tests make add to the same numbers.
+/// The counters of the stack. They are process-wide: runtimes that tests create share them.
 #include "kyo/Status.h"
 
 namespace someip {
@@ -7,14 +7,15 @@ namespace someip {
 struct Counters {
     kyo::Counter& datagrams = kyo::Status::counter("someip.datagrams");          ///< received for events
     kyo::Counter& notifications = kyo::Status::counter("someip.notifications");  ///< handed to a receiver
-    kyo::Counter& malformed = kyo::Status::counter("someip.malformed");          ///< contradict themselves
+    kyo::Counter& malformed = kyo::Status::counter("someip.malformed");          ///< inconsistent content
     kyo::Counter& truncated = kyo::Status::counter("someip.truncated");  ///< a structure ends too early
     kyo::Counter& doubledMembers = kyo::Status::counter("someip.doubledMembers");
-    kyo::Counter& wrongVersion = kyo::Status::counter("someip.wrongVersion");    ///< of protocol or interface
-    kyo::Counter& notSubscribed = kyo::Status::counter("someip.notSubscribed");  ///< events nobody wants
-    kyo::Counter& wrongPeer = kyo::Status::counter("someip.wrongPeer");  ///< not from who offers the service
+    kyo::Counter& wrongVersion = kyo::Status::counter("someip.wrongVersion");  ///< of protocol or interface
+    kyo::Counter& notSubscribed =
+        kyo::Status::counter("someip.notSubscribed");                    ///< events without a subscription
+    kyo::Counter& wrongPeer = kyo::Status::counter("someip.wrongPeer");  ///< not from the offering peer
     kyo::Counter& kernelDropped = kyo::Status::counter("someip.kernelDropped");  ///< full socket buffers
-    kyo::Counter& sessionGaps = kyo::Status::counter("someip.sessionGaps");      ///< numbers that never came
+    kyo::Counter& sessionGaps = kyo::Status::counter("someip.sessionGaps");      ///< missing session numbers
     kyo::Counter& sessionRepeats = kyo::Status::counter("someip.sessionRepeats");
     kyo::Counter& handlerFailures = kyo::Status::counter("someip.handlerFailures");  ///< exceptions
     kyo::Counter& sent = kyo::Status::counter("someip.sent");  ///< datagrams with events

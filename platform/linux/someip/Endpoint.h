@@ -16,7 +16,7 @@ struct Endpoint {
     auto operator<=>(const Endpoint&) const = default;
 };
 
-/// A part of the address space ("127.0.0.0/8").
+/// A range of addresses ("127.0.0.0/8").
 struct Network {
     Address base = 0;
     Address mask = 0;
@@ -26,9 +26,9 @@ struct Network {
 
 std::string toText(Address address);
 std::string toText(const Endpoint& endpoint);
-/// Dotted decimal with four numbers and nothing else.
+/// Accepts dotted decimal with four numbers and nothing else.
 bool parseAddress(const std::string& text, Address& out);
-/// "address/bits"; bits of the address behind the prefix are cleared.
+/// Accepts "address/bits" and clears the address bits after the prefix.
 bool parseNetwork(const std::string& text, Network& out);
 
 constexpr bool isMulticast(Address address) noexcept {

@@ -12,24 +12,23 @@
 
 namespace someip {
 
-/// Takes received datagrams apart, checks what they say against who may say it, and hands payloads to the
-/// receivers. What is refused is counted. One thread, no socket, no clock.
+/// Splits received datagrams into messages, checks that each comes from the peer that offers the event, and
+/// gives the payloads to the receivers. Counts what it refuses. One thread; it owns neither socket nor clock.
 class EventDispatcher {
   public:
-    /// Where an event may come from, and who gets it.
+    /// The peer that an event must come from, and its receiver.
     struct Route {
         Endpoint source;
         std::shared_ptr<EventReceiver> receiver;
     };
 
-    /// While `stop` is set no handler is called.
+    /// No handler is called while `stop` is set.
     EventDispatcher(const ReassemblyLimits& limits, const std::atomic<bool>& stop)
         : m_reassembler(limits), m_stop(stop) {}
 
-    /// Replaces all routes.
     void setRoutes(const std::vector<Route>& routes);
     void onDatagram(const Endpoint& from, std::span<const std::uint8_t> datagram, Clock::time_point now);
-    /// Drops segmented messages whose time is over.
+    /// Drops segmented messages that have timed out.
     void onTime(Clock::time_point now);
     Clock::time_point nextDeadline() const { return m_reassembler.nextDeadline(); }
 

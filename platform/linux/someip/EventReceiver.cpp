@@ -23,23 +23,23 @@ EventReceiver::EventReceiver(const ac::com::ServiceInterface& service, std::uint
 
 void EventReceiver::judgeSession(std::uint16_t session) noexcept {
     if (session == 0) {
-        return;  // the sender does not count
+        return;  // the sender does not number its messages
     }
     const auto last = m_lastSession.load(std::memory_order_relaxed);
     const auto ahead = static_cast<std::uint16_t>(session - last);
-    if (last == 0) {  // NOLINT(bugprone-branch-clone): the cases are told apart by what they count
+    if (last == 0) {  // NOLINT(bugprone-branch-clone): the cases differ in what they count
         m_lastSession.store(session, std::memory_order_relaxed);
     } else if (ahead == 0) {
         counters().sessionRepeats.add();
     } else if (ahead < 0x8000) {
-        // From FFFF on to 1: there is no session 0.
+        // 0xFFFF is followed by 1: there is no session 0.
         const unsigned missing = ahead - 1u - (session < last ? 1u : 0u);
         if (missing != 0) {
             counters().sessionGaps.add(missing);
         }
         m_lastSession.store(session, std::memory_order_relaxed);
     } else if (session == 1) {
-        m_lastSession.store(session, std::memory_order_relaxed);  // the sender has started anew
+        m_lastSession.store(session, std::memory_order_relaxed);  // the sender has restarted
     }
 }
 

@@ -14,7 +14,7 @@
 
 namespace someip {
 
-/// One wish for an event, with the handler that gets its payloads.
+/// One client's request for an event, and the handler that gets the payloads.
 class EventReceiver {
   public:
     using Handler = std::function<void(std::span<const std::uint8_t> payload, DecodeReport& report)>;
@@ -27,9 +27,9 @@ class EventReceiver {
     /// "service GNSS, event positions"
     const std::string& name() const noexcept { return m_name; }
 
-    /// Calls the handler. What it makes of the payload, and exceptions, are counted and logged here.
+    /// Calls the handler; counts and logs decoding errors and exceptions.
     void deliver(std::span<const std::uint8_t> payload, std::uint16_t session, const Endpoint& from);
-    /// After this no handler is called; waits for one that is under way unless the caller is inside it.
+    /// No handler is called afterwards. Waits for a running handler, unless the handler itself is the caller.
     void close() noexcept { m_gate.close(); }
 
   private:

@@ -155,7 +155,7 @@ bool EventSender::send(std::span<std::uint8_t> message) {
 
 namespace {
 
-/// Where the structures of an encoded payload lie, for changing them.
+/// The positions of the structures in an encoded payload, for changing them.
 struct Structures {
     std::vector<std::uint8_t>& bytes;
     std::size_t array = kHeaderSize;  ///< position of the array's length

@@ -1,5 +1,5 @@
 #pragma once
-/// The server side's objects: an offered instance and its events.
+/// The server side: an offered instance and its events.
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -26,8 +26,8 @@ class EventSender {
 
     std::uint16_t eventgroup() const noexcept { return m_event.eventgroupId; }
 
-    /// Sends `message`, whose first 16 bytes are free for the header, to each subscriber. False when a
-    /// datagram could not be sent.
+    /// Sends `message` to each subscriber; its first 16 bytes are reserved for the header. Returns false when
+    /// a datagram could not be sent.
     bool send(std::span<std::uint8_t> message);
     bool sendFaulty(std::vector<std::uint8_t>& message, const WireFault& fault);
 
@@ -35,23 +35,23 @@ class EventSender {
     void setHandler(SubscriptionHandler handler);
     void setPolicy(SubscriptionPolicy policy);
     bool admits(const Endpoint& receiver) const;
-    /// Calls the handler.
+    /// Calls the subscription handler.
     void tell(const Endpoint& receiver, bool subscribed);
-    /// After this neither handler nor policy is called; waits for one that is under way.
+    /// Neither handler nor policy is called afterwards. Waits for one that is running.
     void close() noexcept;
 
-    /// Who is sent to, and through which socket; by the runtime.
+    /// Called by the runtime: the socket and the subscribers to send to.
     void setSocket(std::shared_ptr<const UdpSocket> socket);
     void add(const Endpoint& receiver);
     void remove(const Endpoint& receiver);
-    /// Sends nothing while set: a sender that has fallen silent.
+    /// Sends nothing while set, like a sender that has failed.
     void setSilent(bool silent) noexcept { m_silent.store(silent, std::memory_order_relaxed); }
 
   private:
     struct Target {
         std::shared_ptr<const UdpSocket> socket;
         std::vector<Endpoint> receivers;  ///< one entry per subscription
-        std::vector<Endpoint> distinct;   ///< each receiver once
+        std::vector<Endpoint> distinct;   ///< without duplicates
     };
     std::shared_ptr<const Target> target() const;
     void change(const std::function<void(Target&)>& how);

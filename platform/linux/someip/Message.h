@@ -1,5 +1,5 @@
 #pragma once
-/// The 16-byte header in front of every message, and the walk over the messages of one datagram.
+/// The 16-byte header of every message, and a reader for the messages of one datagram.
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -9,11 +9,11 @@
 namespace someip {
 
 inline constexpr std::size_t kHeaderSize = 16;
-/// What the length field counts besides the payload: the second half of the header.
+/// Header bytes that the length field counts in addition to the payload: the second half.
 inline constexpr std::size_t kLengthCovers = 8;
 inline constexpr std::uint8_t kProtocolVersion = 1;
-/// The largest payload of one message in one UDP datagram of an Ethernet frame, and the most that one
-/// segment carries. Larger payloads are segmented.
+/// The largest payload of a message that fits into one UDP datagram of an Ethernet frame. Larger ones are
+/// segmented.
 inline constexpr std::size_t kMaxUnsegmentedPayload = 1400;
 
 enum class MessageType : std::uint8_t {
@@ -48,8 +48,8 @@ class MessageReader {
   public:
     explicit MessageReader(std::span<const std::uint8_t> datagram) noexcept : m_left(datagram) {}
 
-    /// The next message and what follows its header. False at the end, and when what is left is no
-    /// message: then malformed() is true, and the rest of the datagram is lost.
+    /// Reads the next message. Returns false at the end, and when the remaining bytes are no message: then
+    /// malformed() is true, and the rest of the datagram is lost.
     bool next(Header& header, std::span<const std::uint8_t>& payload) noexcept;
     bool malformed() const noexcept { return m_malformed; }
 

@@ -11,7 +11,7 @@ namespace someip {
 
 namespace {
 
-/// For service discovery; some hundred messages.
+/// For service discovery; holds some hundred messages.
 constexpr std::uint32_t kDiscoveryBufferBytes = 256u << 10;
 
 SdTimes timesOf(const machine::DiscoverySettings& settings) {
@@ -25,7 +25,7 @@ SdTimes timesOf(const machine::DiscoverySettings& settings) {
     return times;
 }
 
-/// Errors of sending to the group which say that the interface has gone, not that one packet was lost.
+/// True for errors of sending to the group that mean a lost interface, not one lost packet.
 bool networkIsGone(int error) noexcept {
     return error == ENETUNREACH || error == ENETDOWN || error == EADDRNOTAVAIL || error == ENODEV ||
            error == EINVAL;

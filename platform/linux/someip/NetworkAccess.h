@@ -10,15 +10,15 @@
 
 namespace someip {
 
-/// The sockets of a process and its service discovery, from opening the network to closing it. Guarded by
-/// the runtime's lock, except where it says otherwise.
+/// The sockets and the service discovery of a process while its network is open. Guarded by the runtime's
+/// lock, except where noted.
 class NetworkAccess {
   public:
-    /// None with `error` when an address, a port or a group is not to be had.
+    /// Returns nullptr, with `error`, when an address, a port or a group is not available.
     static std::shared_ptr<NetworkAccess> open(const machine::SomeIpSettings& settings, SdObserver& observer,
                                                std::string& error);
 
-    /// A socket and how many datagrams the system has dropped there so far (the thread's own).
+    /// A socket and the number of datagrams that the system has dropped there. Used by the thread alone.
     struct Inlet {
         std::shared_ptr<const UdpSocket> socket;
         std::uint32_t dropped = 0;
@@ -28,7 +28,7 @@ class NetworkAccess {
     const Network& range() const noexcept { return m_range; }
     const Endpoint& eventEndpoint() const noexcept { return events.socket->endpoint(); }
 
-    /// Sends what waits in the outbox; forgets it when `silent`. False with `error` when the network is gone.
+    /// Sends the outbox, or clears it when `silent`. Returns false, with `error`, when the network is gone.
     bool flush(bool silent, std::string& error);
 
     Inlet events;
@@ -36,7 +36,7 @@ class NetworkAccess {
     Inlet discoveryGroup;
     /// Multicast groups that carry events, and the eventgroups that use them.
     std::map<Endpoint, std::set<EventgroupKey>> wantedGroups;
-    /// The thread's own: the groups that it has joined, and those that could not be joined (no socket).
+    /// The groups that were joined, and those that could not be joined (no socket). Used by the thread alone.
     std::map<Endpoint, Inlet> joinedGroups;
 
   private:

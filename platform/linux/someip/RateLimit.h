@@ -1,19 +1,20 @@
 #pragma once
-/// For messages about what a hostile or broken peer can repeat at will.
+/// Limits log messages that a hostile or broken peer could cause at any rate.
 #include <chrono>
 #include <cstdint>
 #include <optional>
 
 namespace someip {
 
-/// The first occurrence is told, the others are counted and told together, at most once in an interval.
+/// The first occurrence is logged; later ones are counted and logged together, at most once in an interval.
 /// Not thread-safe.
 class RateLimit {
   public:
     explicit RateLimit(std::chrono::steady_clock::duration interval = std::chrono::minutes(1))
         : m_interval(interval) {}
 
-    /// Notes one occurrence. When it is to be told: the number of those since the last one that was told.
+    /// Counts one occurrence. If it should be logged, returns the number of occurrences since the last logged
+    /// one.
     std::optional<std::uint64_t> note(std::chrono::steady_clock::time_point now) {
         if (m_told && now - *m_told < m_interval) {
             ++m_untold;

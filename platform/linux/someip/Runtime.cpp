@@ -24,9 +24,10 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kOpenAgain = 1s;
-/// Discovery datagrams that are taken in one go, so that what waited is heard before times are judged.
+/// Batches of discovery datagrams that are read at once: waiting messages are handled before deadlines are
+/// checked.
 constexpr int kDiscoveryBatches = 8;
-/// Multicast groups that acknowledgements may make us join.
+/// Multicast groups that acknowledgements may add, at most.
 constexpr std::size_t kMaxEventGroups = 32;
 
 std::string hex(unsigned value) {
@@ -46,8 +47,8 @@ ReassemblyLimits limitsOf(const machine::SomeIpSettings& settings) {
 
 }  // namespace
 
-/// One thread from start() to stop(), with what wakes it. The thread owns it as well, so that it may outlast
-/// both in a handler.
+/// The thread from start() to stop(), and the eventfd that wakes it. The thread shares ownership, since it
+/// may outlive the runtime while it is in a handler.
 struct Runtime::Worker {
     Worker() : epoll(::epoll_create1(EPOLL_CLOEXEC)), wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
         watch(wakeUp);
@@ -351,7 +352,7 @@ void Runtime::stopOffer(const std::shared_ptr<ServiceProvider>& provider) {
     std::erase(m_providers, provider);
 }
 
-// ---------------------------------------------------------------------------------------------- news
+// ---------------------------------------------------------------------------------------------- changes
 
 void Runtime::serviceUp(const RemoteService& service) {
     m_routesVersion.fetch_add(1);
@@ -389,7 +390,7 @@ void Runtime::subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionS
             tell(5, ": subscribed");
             break;
         case SubscriptionState::Refused:
-            // Asked for again and again; told once.
+            // The request is repeated, but logged once.
             tell(m_refused.insert(eventgroup).second ? 3 : 7, ": subscription refused by the service");
             break;
     }
@@ -524,7 +525,7 @@ void Runtime::work(Worker& worker) {
         std::array<epoll_event, 16> ready{};
         const int count = ::epoll_wait(worker.epoll, ready.data(), static_cast<int>(ready.size()), timeout);
 
-        // Discovery before events: it tells who may send them, and must not wait for slow handlers.
+        // Discovery before events: it decides which peers may send them, and must not wait for slow handlers.
         std::array<int, ready.size()> eventSockets{};
         std::size_t eventSocketCount = 0;
         bool discovery = false;
@@ -653,8 +654,7 @@ void Runtime::refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSe
         routesSeen = m_routesVersion.load();
         fresh = routes();
     }
-    // Outside of the lock: the last route of a receiver that was released ends its handler, and with it what
-    // the handler owns.
+    // Outside the lock: the last route to a released receiver destroys its handler and what the handler owns.
     dispatcher.setRoutes(fresh);
 }
 

@@ -1,10 +1,10 @@
 #pragma once
-/// The middleware of a process: sockets, one thread, and what clients and servers want of them.
+/// The middleware of a process: sockets, one thread, and the requests of clients and servers.
 ///
-/// The thread receives events and service discovery, keeps the times, and calls all handlers. What is wanted
-/// (searches, receivers, offers) is kept apart from the network: it may be asked for before start() and
-/// survives stop(); it takes effect while the network is up. A process hears its own service discovery
-/// through its own sockets, so a client finds a server of the same process as it finds any other.
+/// The thread receives events and service discovery, runs the timers and calls all handlers. Requests
+/// (searches, receivers, offers) do not depend on the network: they may be made before start(), survive
+/// stop(), and take effect while the network is up. A process receives its own service discovery through its
+/// own sockets, so a client finds a server of the same process like any other.
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -29,64 +29,64 @@ namespace someip {
 class Runtime final : private SdObserver {
   public:
     Runtime() = default;
-    /// Ends as stop() does, but waits for a handler as long as it takes.
+    /// As stop(), but waits for a running handler without a limit.
     ~Runtime() override;
     Runtime(const Runtime&) = delete;
     Runtime& operator=(const Runtime&) = delete;
 
-    /// The one of this process. Never destroyed: proxies and skeletons may outlive everything.
+    /// The instance of this process. Never destroyed: proxies and skeletons may be destroyed at any time.
     static Runtime& process();
 
-    /// Opens the network and starts the thread. A network that is not there yet is logged once and tried
-    /// again every second. False when it runs already or no thread could be made.
+    /// Opens the network and starts the thread. A missing network is logged once and retried every second.
+    /// Returns false when the runtime runs already or the system has no thread left.
     bool start(const machine::SomeIpSettings& settings, bool providesServices);
-    /// Says good-bye on the wire, ends the thread, and waits for a handler that is under way, but not longer
-    /// than `limit`: then the thread is left behind with its handler, and ends when that returns. Afterwards
-    /// no handler is called. From a handler it does not wait at all.
+    /// Sends stop-subscribe and stop-offer, ends the thread, and waits up to `limit` for a running handler. A
+    /// handler that takes longer keeps its thread, which ends when the handler returns. No other handler is
+    /// called afterwards. Called from a handler, it does not wait at all.
     void stop(std::chrono::milliseconds limit = std::chrono::milliseconds(400));
-    /// Ends as a killed process does: nothing is said. With start() behind it, a peer that reboots.
+    /// Ends like a killed process, without a message on the wire. Followed by start(), it is a reboot.
     void abandon();
-    /// While silent nothing is sent, neither events nor service discovery.
+    /// While silent, sends neither events nor service discovery.
     void setSilent(bool silent);
 
     /// True while the sockets are open. Any thread, no lock.
     bool networkIsUp() const noexcept { return m_networkIsUp.load(std::memory_order_relaxed); }
-    /// Where this process receives and sends events; zero while the network is not up.
+    /// The endpoint of this process for events; zero while the network is down.
     Endpoint eventEndpoint() const;
 
-    // Clients. Any thread; nothing blocks but where it says so.
+    // Clients. Any thread; does not block except where noted.
 
-    /// Starts the search, and answers what is offered now. `instance` may be kAnyInstance.
+    /// Starts the search and returns the instances that are offered now. `instance` may be kAnyInstance.
     std::vector<ServiceKey> findService(const ac::com::ServiceInterface& service, std::uint16_t instance);
-    /// Registers a wish for an event. `handler` is called on the middleware's thread, outside any lock.
+    /// Requests an event. `handler` is called on the middleware's thread, outside any lock.
     std::shared_ptr<EventReceiver> receive(const ac::com::ServiceInterface& service, std::uint16_t instance,
                                            const ac::com::EventInterface& event,
                                            EventReceiver::Handler handler);
-    /// Gives a wish up, and waits as EventReceiver::close() does.
+    /// Withdraws a request and waits as EventReceiver::close() does.
     void release(const std::shared_ptr<EventReceiver>& receiver);
     SubscriptionState subscriptionState(const EventgroupKey& eventgroup) const;
 
-    // Servers. Any thread, nothing blocks.
+    // Servers. Any thread; does not block except where noted.
 
     std::shared_ptr<EventSender> addEvent(const std::shared_ptr<ServiceProvider>& provider,
                                           const ac::com::EventInterface& event);
-    /// Waits for a subscription handler that is under way.
+    /// Waits for a running subscription handler.
     void removeEvent(const std::shared_ptr<ServiceProvider>& provider,
                      const std::shared_ptr<EventSender>& sender);
-    /// False when the middleware was started for clients only.
+    /// Returns false when the middleware was started for clients only.
     bool offer(const std::shared_ptr<ServiceProvider>& provider);
     void stopOffer(const std::shared_ptr<ServiceProvider>& provider);
 
   private:
     struct Worker;
-    /// News for a subscription handler, told outside the lock.
+    /// A change for a subscription handler, which is called outside the lock.
     struct Notice {
         std::shared_ptr<EventSender> sender;
         Endpoint receiver;
         bool subscribed;
     };
 
-    // SdObserver; called with the lock held.
+    // SdObserver. Called with the lock held.
     void serviceUp(const RemoteService& service) override;
     void serviceDown(const RemoteService& service, const char* reason) override;
     void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) override;
@@ -96,7 +96,7 @@ class Runtime final : private SdObserver {
     void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
     void peerRebooted(const Endpoint& peer) override;
 
-    // With the lock held.
+    // Called with the lock held.
     void openNetwork(Clock::time_point now);
     void closeNetwork(bool sayGoodBye);
     void applyOffer(const ServiceProvider& provider, Clock::time_point now);
@@ -106,7 +106,7 @@ class Runtime final : private SdObserver {
     void wake() const;
 
     void end(bool sayGoodBye, std::chrono::milliseconds limit);
-    // The thread.
+    // Called by the thread.
     void work(Worker& worker);
     Clock::time_point step(Worker& worker, DatagramBatch& batch, std::shared_ptr<NetworkAccess>& network);
     void receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, DatagramBatch& batch,
@@ -120,22 +120,22 @@ class Runtime final : private SdObserver {
 
     std::atomic<bool> m_networkIsUp{false};
     std::atomic<bool> m_silent{false};
-    /// Grows whenever routes() would answer something else.
+    /// Incremented whenever the result of routes() changes.
     std::atomic<std::uint64_t> m_routesVersion{1};
 
-    mutable std::mutex m_guard;  ///< guards all that follows
+    mutable std::mutex m_guard;  ///< guards all members below
     std::shared_ptr<Worker> m_worker;
-    std::vector<std::shared_ptr<Worker>> m_leftBehind;  ///< threads that sat in a handler at the end
+    std::vector<std::shared_ptr<Worker>> m_leftBehind;  ///< threads that were in a handler at stop()
     std::shared_ptr<NetworkAccess> m_network;
     machine::SomeIpSettings m_settings;
     bool m_providesServices = false;
     Clock::time_point m_retryAt;
-    std::string m_openFailure;  ///< the one told last
+    std::string m_openFailure;  ///< the one logged last
     std::set<ServiceKey> m_searches;
     std::vector<std::shared_ptr<EventReceiver>> m_receivers;
     std::vector<std::shared_ptr<ServiceProvider>> m_providers;
     std::map<std::uint16_t, std::string> m_names;
-    std::set<EventgroupKey> m_refused;  ///< refusals that were told
+    std::set<EventgroupKey> m_refused;  ///< refusals that were logged
     std::vector<Notice> m_notices;
     RateLimit m_sdMalformed;
     RateLimit m_sdForeign;

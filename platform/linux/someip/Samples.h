@@ -1,7 +1,6 @@
 #pragma once
-/// Event payloads as their users see them: samples in, bytes out, and back. The two functions are defined in
-/// someip/Codec.h; generated code instantiates them once per data type, so that who receives or sends samples
-/// need not compile the coding of their members.
+/// Converts samples to event payloads and back. The two functions are defined in someip/Codec.h; generated
+/// code instantiates them once per data type, so that receivers and senders need not compile the codec.
 #include <cstdint>
 #include <span>
 #include <string>
@@ -13,22 +12,23 @@ namespace someip {
 /// Why a payload was refused.
 enum class DecodeResult : std::uint8_t {
     Good,
-    Truncated,  ///< a structure ends before its members do
-    Malformed,  ///< any other contradiction
+    Truncated,  ///< a structure ends inside a member
+    Malformed,  ///< any other inconsistency
 };
 
-/// What decoding has found out about one payload.
+/// The result of decoding one payload.
 struct DecodeReport {
     DecodeResult result = DecodeResult::Good;
     std::string error;                 ///< empty when good
-    std::uint32_t doubledMembers = 0;  ///< members given twice; the first counted
+    std::uint32_t doubledMembers = 0;  ///< members that occur twice; the first counts
 };
 
-/// Decodes a payload into `out` (replaced). False, with `report` filled and `out` empty, when it is not good.
+/// Replaces `out` by the samples of a payload. Returns false, with a filled `report` and an empty `out`, when
+/// the payload is malformed.
 template <typename DT>
 bool decodeSamples(std::span<const std::uint8_t> payload, std::vector<DT>& out, DecodeReport& report);
 
-/// As above, for callers that need the reason alone.
+/// As above, for callers that only need the reason.
 template <typename DT>
 bool decodeSamples(std::span<const std::uint8_t> payload, std::vector<DT>& out, std::string& error) {
     DecodeReport report;
@@ -41,7 +41,7 @@ bool decodeSamples(std::span<const std::uint8_t> payload, std::vector<DT>& out, 
 template <typename DT>
 void appendSamples(const std::vector<DT>& samples, std::vector<std::uint8_t>& out);
 
-/// Encodes samples into `out` (replaced).
+/// Replaces `out` by the payload.
 template <typename DT>
 void encodeSamples(const std::vector<DT>& samples, std::vector<std::uint8_t>& out) {
     out.clear();

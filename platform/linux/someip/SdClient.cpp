@@ -8,13 +8,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Between two find messages that repeated questions for a missing service cause.
+/// Shortest time between find messages for a missing service that is requested repeatedly.
 constexpr auto kSearchAgain = 10s;
-/// Waiting time after a refusal or a missing acknowledgement, doubled each time.
+/// Back-off after a refusal or a missing acknowledgement, doubled each time.
 constexpr auto kBackOffFirst = 1s;
 constexpr auto kBackOffMost = 8s;
-/// A failed subscription is tried again at an offer. When none comes that long after the back-off, it is
-/// tried without: a server with a long offer cycle may be one.
+/// A failed subscription is retried at an offer. If none comes within this time after the back-off, it is
+/// retried without one: the server may have a long offer cycle.
 constexpr auto kRetryWithoutOffer = 2s;
 
 Clock::time_point after(std::uint32_t ttlSeconds, Clock::time_point now) {
@@ -80,7 +80,7 @@ void SdClient::want(const ServiceKey& service, Clock::time_point now) {
 }
 
 void SdClient::startSearch(Search& search, Clock::time_point now) {
-    // Searches that wait for their first message share its time, and so the message.
+    // Searches that wait for their first message share its time and thus one message.
     for (const auto& [key, other] : m_searches) {
         if (&other != &search && other.sent == 0 && other.next != Clock::time_point::max() &&
             other.next > now) {
@@ -135,7 +135,7 @@ void SdClient::request(const EventgroupKey& key, Subscription& subscription, con
                        Clock::time_point now) {
     m_outbox.to(service.peer).add(subscribeEntry(key, m_times.ttlSeconds));
     subscription.answered = false;
-    // What lives shorter than the offers' cycle is renewed in time without them.
+    // Renewed without an offer, for a TTL that is shorter than the offers' cycle.
     subscription.renewAt =
         m_times.ttlSeconds == kTtlUntilReboot
             ? Clock::time_point::max()
@@ -167,7 +167,7 @@ void SdClient::subscribeAll(const RemoteService& service, Clock::time_point now)
         if (now < subscription.notBefore) {
             continue;
         }
-        // The first retry is at the first offer after a request that nobody answered; then it gets rarer.
+        // The first retry comes with the first offer after an unanswered request; later ones back off.
         const bool unanswered = subscription.state == SubscriptionState::Requested && !subscription.answered;
         request(one->first, subscription, service, now);
         if (unanswered) {
@@ -180,7 +180,7 @@ void SdClient::onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_p
     const ServiceKey key{entry.service, entry.instance, entry.major};
     const auto known = m_offers.find(key);
     if (entry.ttl == 0) {
-        // Only who offers a service may take it away.
+        // Only the offering peer may stop the offer.
         if (known != m_offers.end() && known->second.service.peer == peer) {
             lose(known, "its offer was stopped", now);
         }
@@ -193,7 +193,7 @@ void SdClient::onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_p
     const Endpoint endpoint = entry.unicast.front();
     if (known != m_offers.end()) {
         if (known->second.service.peer != peer) {
-            // An instance is one instance: it stays where it is until its own offer ends.
+            // An instance has one server: another peer's offer is ignored until this offer ends.
             return;
         }
         if (known->second.service.endpoint == endpoint) {

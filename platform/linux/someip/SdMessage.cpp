@@ -15,7 +15,7 @@ constexpr std::uint16_t kIpv6OptionLength = 0x15;
 constexpr std::size_t kOptionHeaderSize = 3;  // length and type
 constexpr std::size_t kMaxRun = 15;           // options of one run: 4 bits
 
-/// What is kept of an option. Others keep their place with neither.
+/// The used part of an option. An option of another kind keeps its index.
 struct Option {
     enum Kind : std::uint8_t { Other, Unicast, Multicast } kind = Other;
     Endpoint endpoint;
@@ -179,7 +179,7 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
         const std::size_t added = found == options.end() ? wanted.size() : 0;
         const std::size_t size = kHeaderSize + kSdFixedSize + entryBytes.size() + kEntrySize +
                                  (options.size() + added) * kOptionSize;
-        // Option indexes are 8 bits wide; the size ends a message long before.
+        // The size limit also keeps option indexes within 8 bits.
         if (taken != 0 && size > kMaxSdMessage) {
             break;
         }

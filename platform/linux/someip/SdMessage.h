@@ -1,5 +1,5 @@
 #pragma once
-/// Service discovery messages: entries, options, and the bytes that carry them.
+/// Service discovery messages: entries, options and their encoding.
 #include <cstdint>
 #include <span>
 #include <string>
@@ -16,7 +16,7 @@ inline constexpr std::uint16_t kAnyInstance = 0xFFFF;
 inline constexpr std::uint8_t kAnyMajor = 0xFF;
 inline constexpr std::uint32_t kAnyMinor = 0xFFFFFFFF;
 inline constexpr std::uint32_t kTtlUntilReboot = 0xFFFFFF;
-/// Bytes of one discovery message behind the UDP header, at most.
+/// Bytes of one discovery message without the UDP header, at most.
 inline constexpr std::size_t kMaxSdMessage = 1380;
 
 enum class SdEntryType : std::uint8_t {
@@ -40,7 +40,7 @@ enum class SdOptionType : std::uint8_t {
 inline constexpr std::uint8_t kProtocolTcp = 0x06;
 inline constexpr std::uint8_t kProtocolUdp = 0x11;
 
-/// One entry with the UDP endpoints that its options name.
+/// One entry with the UDP endpoints from its options.
 struct SdEntry {
     SdEntryType type = SdEntryType::Find;
     std::uint16_t service = 0;
@@ -65,24 +65,22 @@ struct SdMessage {
     std::vector<SdEntry> entries;
 };
 
-/// Reads one discovery message. False with `error` when the header, a length or an option index is wrong.
-/// Entries of unknown type are left out; unknown options, and endpoints that are not IPv4 with UDP, are
-/// passed over.
+/// Reads one discovery message. Returns false, with `error`, when the header, a length or an option index is
+/// wrong. Entries of unknown type, unknown options, and endpoints other than IPv4 with UDP are ignored.
 bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, SdMessage& out,
                     std::string& error);
 
-/// Collects entries for one receiver and turns them into as few messages as fit. Equal options are written
-/// once per message.
+/// Collects entries for one receiver and packs them into as few messages as possible. Each message contains
+/// equal options only once.
 class SdMessageBuilder {
   public:
     void add(SdEntry entry) { m_entries.push_back(std::move(entry)); }
-    /// Leaves out what waits already for the same instance: a message full of equal questions gets one
+    /// Adds the entry unless one for the same instance is waiting: many equal requests in one message get one
     /// answer.
     void addOnce(SdEntry entry);
     bool empty() const noexcept { return m_entries.empty(); }
 
-    /// Writes all entries and forgets them. `nextSession` is asked once per message for session and reboot
-    /// flag.
+    /// Writes and removes all entries. Calls `nextSession` once per message for session and reboot flag.
     struct Session {
         std::uint16_t number;
         bool reboot;

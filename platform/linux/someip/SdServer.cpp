@@ -8,7 +8,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Offers that are due within this time go into the same message.
+/// Offers that are due within this time share one message.
 constexpr auto kTogether = 5ms;
 
 }  // namespace
@@ -34,7 +34,7 @@ void SdServer::offer(const ServiceKey& service, std::uint32_t minor, std::vector
     if (!added) {
         return;
     }
-    // Services that wait for their first offer share its time, and so the message.
+    // Services that wait for their first offer share its time and thus one message.
     for (const auto& [key, other] : m_offered) {
         if (&other != &offered && !other.announced && other.next > now) {
             offered.next = other.next;

@@ -1,5 +1,5 @@
 #pragma once
-/// Session numbers of service discovery: those that we send, and what those of a peer tell about it.
+/// Session numbers of service discovery: our own, and those of peers, from which a reboot is detected.
 #include <chrono>
 #include <cstdint>
 #include <list>
@@ -13,7 +13,7 @@
 
 namespace someip {
 
-/// The numbers of one relation of ours: from 1, never 0. The reboot flag stays set until they wrap.
+/// Our session numbers towards one peer or group: from 1, never 0. The reboot flag stays set until they wrap.
 class SdSessionCounter {
   public:
     SdMessageBuilder::Session next() noexcept {
@@ -32,17 +32,18 @@ class SdSessionCounter {
     bool m_reboot = true;
 };
 
-/// Judges the messages of all peers, what they send by multicast and by unicast apart.
+/// Detects reboots in the messages of all peers, separately for multicast and unicast.
 class SdPeerSessions {
   public:
     enum class Verdict : std::uint8_t { Fine, Duplicate, Rebooted };
 
-    /// `message` is the whole message with its header. After a reboot the peer's other relation starts anew
-    /// as well, so that one reboot is told once.
+    /// `message` is the whole message with its header. A reboot also resets the peer's other relation
+    /// (multicast or unicast), so that one reboot is reported once.
     ///
-    /// A number that falls by less than kMostLate within kAtOnce, to another than 1, is a message that was
-    /// overtaken: nothing restarts that fast, and what restarts begins with 1. Two messages of one moment may
-    /// well arrive in the wrong order, and would cost all subscriptions as a reboot.
+    /// A number that falls by less than kMostLate within kAtOnce, and not to 1, belongs to a message that
+    /// another has overtaken: no peer restarts that fast, and a restarted peer begins with 1. Messages sent
+    /// at the same moment may arrive in the wrong order; taken for a reboot, they would cost all
+    /// subscriptions.
     Verdict judge(const Endpoint& peer, bool multicast, std::uint16_t session, bool rebootFlag,
                   std::span<const std::uint8_t> message, Clock::time_point now);
 
@@ -51,7 +52,7 @@ class SdPeerSessions {
 
     std::size_t peers() const noexcept { return m_index.size(); }
 
-    /// More peers than that are not remembered: the one unheard for the longest is forgotten.
+    /// Peers remembered, at most; beyond it the peer that has been silent longest is forgotten.
     static constexpr std::size_t kMaxPeers = 256;
 
   private:
@@ -67,7 +68,7 @@ class SdPeerSessions {
         Relation multicast;
         Relation unicast;
     };
-    std::list<Peer> m_peers;  ///< the one heard last in front
+    std::list<Peer> m_peers;  ///< most recently heard first
     std::unordered_map<Endpoint, std::list<Peer>::iterator> m_index;
 };
 

@@ -8,8 +8,8 @@ namespace someip {
 
 namespace {
 constexpr std::size_t kCompletedKept = 64;
-/// What a piece that waits for its predecessors costs besides its bytes; without it many small pieces would
-/// hold far more memory than the cap says.
+/// Memory for a segment that waits for its predecessors, besides its bytes; without it many small segments
+/// would use far more memory than the limit.
 constexpr std::size_t kPieceOverhead = 96;
 }  // namespace
 
@@ -47,7 +47,7 @@ bool Reassembler::add(const SegmentKey& key, std::span<const std::uint8_t> conte
     }
     const auto header = SegmentHeader::read(content.data());
     const auto bytes = content.subspan(kSegmentHeaderSize);
-    // A session of 0 means that the sender does not count: then the next message has the same key.
+    // Session 0 means that the sender does not number its messages: the next one has the same key.
     if (key.session != 0 && completedLately(key, now)) {
         return false;
     }
@@ -141,7 +141,7 @@ void Reassembler::hold(Set& set, std::size_t bytes) {
 
 Reassembler::Set& Reassembler::open(const SegmentKey& key, Clock::time_point now) {
     if (m_sets.size() >= m_limits.maxOpenSets) {
-        // The oldest has had its chance; whoever sends now is more likely to finish.
+        // A new set is more likely to complete than the oldest.
         if (!m_sets.front().refused) {
             ++m_dropped;
         }

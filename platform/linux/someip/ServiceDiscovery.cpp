@@ -59,7 +59,7 @@ bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
                     m_client.onOffer(entry, from, now);
                     break;
                 case SdEntryType::Subscribe:
-                    // A subscription concerns one server: what comes by multicast is not meant for it.
+                    // A subscription is addressed to one server: multicast ones are ignored.
                     if (!multicast) {
                         m_server.onSubscribe(entry, from, now);
                     }

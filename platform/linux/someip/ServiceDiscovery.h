@@ -1,6 +1,6 @@
 #pragma once
-/// Service discovery without a thread, a clock or a socket: what is wanted and offered goes in, messages and
-/// the time go in, messages and news come out. Whoever drives it holds one lock around every call.
+/// Service discovery without a thread, a clock or a socket: requests, offers, messages and the time go in,
+/// messages and changes come out. The caller holds one lock around every call.
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -23,7 +23,7 @@ struct SdTimes {
     std::chrono::milliseconds repetitionBase{30};  ///< doubled at each repetition
     std::uint32_t repetitions = 3;
     std::chrono::milliseconds cyclicOffer{1000};
-    std::uint32_t ttlSeconds = 3;  ///< of our offers and subscriptions; kTtlUntilReboot: for ever
+    std::uint32_t ttlSeconds = 3;  ///< of our offers and subscriptions; kTtlUntilReboot: unlimited
 };
 
 /// One instance of a service.
@@ -46,8 +46,8 @@ struct EventgroupKey {
 struct RemoteService {
     ServiceKey key;
     std::uint32_t minor = 0;
-    Endpoint endpoint;  ///< where its events come from
-    Endpoint peer;      ///< its service discovery
+    Endpoint endpoint;  ///< the source of its events
+    Endpoint peer;      ///< of its service discovery
 };
 
 enum class SubscriptionState : std::uint8_t {
@@ -57,7 +57,7 @@ enum class SubscriptionState : std::uint8_t {
     Refused,
 };
 
-/// Told what changes. Called inside the calls of ServiceDiscovery, so it must not call back into it.
+/// Receives the changes. Called from inside ServiceDiscovery, so it must not call back into it.
 class SdObserver {
   public:
     virtual ~SdObserver() = default;
@@ -72,7 +72,7 @@ class SdObserver {
     virtual void peerRebooted(const Endpoint& peer) = 0;
 };
 
-/// Entries that wait for being sent, by receiver.
+/// Entries that wait to be sent, by receiver.
 class SdOutbox {
   public:
     SdMessageBuilder& multicast() { return m_multicast; }
@@ -82,10 +82,11 @@ class SdOutbox {
         std::optional<Endpoint> to;  ///< none: the multicast or broadcast group
         std::vector<std::uint8_t> bytes;
     };
-    /// All that waits, numbered, in as few messages as fit.
+    /// Returns and removes all entries as numbered messages, as few as possible.
     std::vector<Datagram> take();
 
-    /// Relations to more peers than that are not numbered apart: the numbers of an unused one are forgotten.
+    /// Peers with session numbers of their own, at most; beyond it the numbers of an unused one are
+    /// forgotten.
     static constexpr std::size_t kMaxRelations = 1024;
 
   private:
@@ -95,7 +96,7 @@ class SdOutbox {
     std::map<Endpoint, SdSessionCounter> m_unicastSessions;
 };
 
-/// The client side: searches services, keeps what is offered, and keeps subscriptions alive.
+/// The client side: searches services, remembers offers and keeps subscriptions alive.
 class SdClient {
   public:
     SdClient(const SdTimes& times, const Endpoint& receiver, const Network& network, SdOutbox& outbox,
@@ -107,14 +108,15 @@ class SdClient {
           m_observer(observer),
           m_random(random) {}
 
-    /// Searches a service; the instance may be kAnyInstance. Asking again for one that is not there sends
-    /// another find message, not more often than every ten seconds.
+    /// Searches a service; the instance may be kAnyInstance. A repeated call for a missing service sends
+    /// another find message, at most every ten seconds.
     void want(const ServiceKey& service, Clock::time_point now);
-    /// Subscribes now or as soon as the service is offered. Counted: each want needs its drop.
+    /// Subscribes now or as soon as the service is offered. Reference-counted: each call needs one
+    /// dropEventgroup().
     void wantEventgroup(const EventgroupKey& eventgroup, Clock::time_point now);
     void dropEventgroup(const EventgroupKey& eventgroup);
 
-    /// What is offered now and matches; the instance may be kAnyInstance.
+    /// The matching instances that are offered now; the instance may be kAnyInstance.
     std::vector<RemoteService> offered(const ServiceKey& service) const;
     const RemoteService* find(const ServiceKey& service) const;
     SubscriptionState state(const EventgroupKey& eventgroup) const;
@@ -124,10 +126,10 @@ class SdClient {
     void onReboot(const Endpoint& peer, Clock::time_point now);
     void onTime(Clock::time_point now);
     Clock::time_point nextDeadline() const;
-    /// Says stop-subscribe for all that is subscribed.
+    /// Sends stop-subscribe for all subscriptions.
     void shutdown();
 
-    /// Instances that nobody wants are remembered up to this number in all, wanted ones up to twice of it.
+    /// Instances remembered in all: unrequested ones up to this number, requested ones up to twice as many.
     static constexpr std::size_t kMaxOffers = 1024;
 
   private:
@@ -190,7 +192,7 @@ class SdServer {
 
     void offer(const ServiceKey& service, std::uint32_t minor, std::vector<std::uint16_t> eventgroups,
                Clock::time_point now);
-    /// Says stop-offer and drops the subscribers.
+    /// Sends stop-offer and removes the subscribers.
     void withdraw(const ServiceKey& service);
 
     void onFind(const SdEntry& entry, const Endpoint& peer);
@@ -198,7 +200,7 @@ class SdServer {
     void onReboot(const Endpoint& peer);
     void onTime(Clock::time_point now);
     Clock::time_point nextDeadline() const;
-    /// Says stop-offer for all that is offered.
+    /// Sends stop-offer for all offers.
     void shutdown();
 
     /// Subscribers of one eventgroup, at most; more are refused.
@@ -208,8 +210,8 @@ class SdServer {
     struct Offered {
         std::uint32_t minor = 0;
         std::vector<std::uint16_t> eventgroups;
-        bool announced = false;         ///< the first offer has gone out
-        std::uint32_t repetitions = 0;  ///< of those that follow it
+        bool announced = false;         ///< the first offer was sent
+        std::uint32_t repetitions = 0;  ///< sent after the first offer
         Clock::time_point next;         ///< the next offer; max() in the cyclic phase
     };
     struct Subscriber {
@@ -237,10 +239,10 @@ class SdServer {
     Subscribers m_subscribers;
 };
 
-/// Both sides, and what they have in common.
+/// Both sides and their common parts.
 class ServiceDiscovery {
   public:
-    /// `events` is the endpoint of this process for event data, `network` what may be heard.
+    /// `events` is the endpoint of this process for events; messages from outside `network` are ignored.
     ServiceDiscovery(const SdTimes& times, const Endpoint& events, const Network& network,
                      SdObserver& observer, std::uint32_t seed);
 
@@ -248,7 +250,7 @@ class ServiceDiscovery {
     SdServer& server() noexcept { return m_server; }
     SdOutbox& outbox() noexcept { return m_outbox; }
 
-    /// Takes a datagram of the discovery port. False with `error` when some of it was malformed.
+    /// Takes a datagram of the discovery port. Returns false, with `error`, when a part of it is malformed.
     bool onDatagram(const Endpoint& from, bool multicast, std::span<const std::uint8_t> datagram,
                     Clock::time_point now, std::string& error);
     void onTime(Clock::time_point now);

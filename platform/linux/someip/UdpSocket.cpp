@@ -47,7 +47,7 @@ std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Optio
         return failed("cannot broadcast from", fd);
     }
     if (options.receiveBufferBytes != 0) {
-        // The first is for privileged processes; the second is capped by net.core.rmem_max.
+        // The first needs a privileged process; the second is limited by net.core.rmem_max.
         const int bytes = static_cast<int>(std::min<std::uint32_t>(options.receiveBufferBytes, 1u << 30));
         if (!set(fd, SOL_SOCKET, SO_RCVBUFFORCE, bytes)) {
             set(fd, SOL_SOCKET, SO_RCVBUF, bytes);
@@ -89,7 +89,7 @@ std::uint32_t UdpSocket::receiveBufferBytes() const {
     int bytes = 0;
     socklen_t size = sizeof bytes;
     ::getsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &bytes, &size);
-    return static_cast<std::uint32_t>(bytes) / 2;  // the system doubles it for its own book-keeping
+    return static_cast<std::uint32_t>(bytes) / 2;  // the system reports twice the requested size
 }
 
 int UdpSocket::sendTo(const Endpoint& to, std::span<const std::uint8_t> bytes, bool wait) const noexcept {

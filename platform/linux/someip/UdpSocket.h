@@ -1,5 +1,5 @@
 #pragma once
-/// UDP sockets and the receipt of many datagrams with one system call.
+/// UDP sockets that receive many datagrams with one system call.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -20,10 +20,10 @@ class UdpSocket {
         bool shared = false;                   ///< others may bind the same endpoint (group addresses)
         bool broadcast = false;                ///< may send to a broadcast address
         Address interfaceAddress = 0;          ///< for joining and sending to multicast groups
-        bool join = false;                     ///< the endpoint is a multicast group to be joined
+        bool join = false;                     ///< join the endpoint as a multicast group
     };
 
-    /// A socket bound to that endpoint, or none with `error` telling which step failed and why.
+    /// Returns a socket bound to the endpoint, or nullptr with the failed step and the reason in `error`.
     static std::unique_ptr<UdpSocket> open(const Endpoint& endpoint, const Options& options,
                                            std::string& error);
     ~UdpSocket();
@@ -31,11 +31,11 @@ class UdpSocket {
     UdpSocket& operator=(const UdpSocket&) = delete;
 
     int fd() const noexcept { return m_fd; }
-    /// Where it is bound, with the port that the system chose.
+    /// The bound endpoint, with the port that the system chose.
     const Endpoint& endpoint() const noexcept { return m_endpoint; }
     /// The size that the system granted.
     std::uint32_t receiveBufferBytes() const;
-    /// Sends one datagram; waits for room in the send buffer only when `wait`. 0 or errno. Any thread.
+    /// Sends one datagram; waits for space in the send buffer only if `wait`. Returns 0 or errno. Any thread.
     int sendTo(const Endpoint& to, std::span<const std::uint8_t> bytes, bool wait) const noexcept;
 
   private:
@@ -45,19 +45,19 @@ class UdpSocket {
     const Endpoint m_endpoint;
 };
 
-/// Buffers for one call of receive(). What a datagram refers to is valid until the next call.
+/// Buffers for one call of receive(). A datagram's bytes are valid until the next call.
 class DatagramBatch {
   public:
     static constexpr std::size_t kDatagrams = 32;
 
     DatagramBatch();
 
-    /// Takes what is there, without waiting. The number of datagrams; 0 when there is none.
+    /// Receives what is available, without waiting. Returns the number of datagrams.
     std::size_t receive(const UdpSocket& socket);
     Endpoint from(std::size_t index) const noexcept;
     std::span<const std::uint8_t> bytes(std::size_t index) const noexcept;
-    /// How many datagrams the system has thrown away at that socket since it was opened, as told by the
-    /// newest datagram of the batch that tells; false when none does.
+    /// Sets `total` to the number of datagrams that the system has dropped at this socket since it was
+    /// opened. Returns false when no datagram of the batch carries that number.
     bool droppedBySystem(std::uint32_t& total) const noexcept;
 
   private:
@@ -66,7 +66,7 @@ class DatagramBatch {
         std::uint8_t bytes[CMSG_SPACE(sizeof(std::uint32_t))];
     };
 
-    std::unique_ptr<std::uint8_t[]> m_buffers;  ///< pages are taken as they are written to
+    std::unique_ptr<std::uint8_t[]> m_buffers;  ///< the system allocates pages on first use
     std::array<mmsghdr, kDatagrams> m_headers{};
     std::array<iovec, kDatagrams> m_vectors{};
     std::array<sockaddr_in, kDatagrams> m_senders{};

@@ -2,18 +2,18 @@
 
 namespace someip {
 
-/// A deliberate error in one notification, for benches that try what receivers make of it.
+/// A deliberate error in one notification, for tests of receivers.
 struct WireFault {
     enum Kind {
-        TruncatedStructure,     ///< the last structure ends one byte before its members do
-        WrongLength,            ///< the header's length says more than the datagram holds
+        TruncatedStructure,     ///< the last structure is one byte shorter than its members
+        WrongLength,            ///< the header's length exceeds the datagram
         WrongInterfaceVersion,  ///< the interface's major version plus one
         WrongVersion = WrongInterfaceVersion,
         WrongProtocolVersion,  ///< protocol version 2
-        DuplicatedSession,     ///< the session number of the notification before
-        DoubledMember,         ///< the first member of the first structure comes twice
-        UnknownMember,         ///< the first structure has one more member, with id 0x7FF
-        WrongArrayLength,      ///< the array's length says more than the message holds
+        DuplicatedSession,     ///< repeats the session number of the previous notification
+        DoubledMember,         ///< the first member of the first structure occurs twice
+        UnknownMember,         ///< the first structure has an additional member with id 0x7FF
+        WrongArrayLength,      ///< the array's length exceeds the message
     };
     Kind kind = TruncatedStructure;
 };

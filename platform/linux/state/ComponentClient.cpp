@@ -51,10 +51,10 @@ class SocketClient : public ComponentClient {
 
   private:
     const ComponentStateCallback m_callback;
-    mutable StateServer m_server;  ///< last, so that its thread sees the rest whole; it locks for itself
+    mutable StateServer m_server;  ///< last: its thread uses the other members; synchronises itself
 };
 
-/// What a long run is watched by.
+/// The figures of the process that a long test run watches.
 kyo::Json::Value processStatus() {
     kyo::Json::Value status(kyo::Json::objectValue);
     status["pid"] = ::getpid();

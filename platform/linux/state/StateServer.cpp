@@ -24,7 +24,7 @@ namespace ara::stm {
 
 namespace {
 
-/// A client that leaves that much unread is not served further until it reads.
+/// A client with this many unread bytes is not served until it reads them.
 constexpr std::size_t kUnreadLimit = 64u << 10;
 constexpr std::size_t kLongestState = 128;
 
@@ -42,7 +42,7 @@ sockaddr_un addressOf(const std::string& path) {
     return address;
 }
 
-/// Whether a process answers there: true for a socket that takes a connection.
+/// True when a process serves the socket, that is, accepts a connection.
 bool isServed(const sockaddr_un& address) {
     const int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (probe < 0) {
@@ -106,7 +106,7 @@ void StateServer::closeAll() {
     }
 }
 
-/// The folder is made when missing. One in which others could put a socket of theirs is refused.
+/// Creates a missing folder. Refuses one in which other users could create a socket.
 void StateServer::prepareFolder() const {
     const auto slash = m_path.rfind('/');
     if (slash == std::string::npos || slash == 0) {
@@ -133,7 +133,7 @@ void StateServer::prepareFolder() const {
 
 void StateServer::listen() {
     const sockaddr_un address = addressOf(m_path);
-    // The lock tells a dead process's socket from a living one's, also when two start at the same moment.
+    // The lock shows whether the socket's process is alive, even when two processes start at the same moment.
     const std::string lockPath = m_path + ".lock";
     m_lock = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (m_lock < 0) {
@@ -156,7 +156,7 @@ void StateServer::listen() {
     if (listener < 0) {
         fail(errno, "socket");
     }
-    // Before it is bound, so that it is never there with wider rights.
+    // Before bind(), so that the socket never has wider permissions.
     const bool good = ::fchmod(listener, S_IRUSR | S_IWUSR) == 0 &&
                       ::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     if (!good) {
@@ -213,14 +213,14 @@ void StateServer::run() {
                 const std::lock_guard<std::mutex> lock(m_guard);
                 Client& client = m_clients.at(ids[i]);
                 client.broken = client.broken || (what & (POLLERR | POLLNVAL)) != 0;
-                // With POLLHUP both directions are closed: there is nobody to answer.
+                // POLLHUP means that both directions are closed: nobody reads an answer.
                 client.broken = client.broken || ((what & POLLHUP) != 0 && (what & POLLIN) == 0);
                 send(client);
             }
             if ((what & POLLIN) != 0) {
                 receive(ids[i]);
             }
-            handleLines(ids[i]);  // also what waited until the client read
+            handleLines(ids[i]);  // includes lines that waited until the client read
         }
         if (wait[1].revents != 0) {
             accept();
@@ -228,7 +228,7 @@ void StateServer::run() {
     }
 }
 
-/// Closes who is done, broken or silent. Returns when to look again.
+/// Closes clients that are done, broken or silent. Returns the time of the next sweep.
 StateServer::Clock::time_point StateServer::sweep(Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(m_guard);
     auto next = Clock::time_point::max();
@@ -270,7 +270,7 @@ bool StateServer::hasRequest(std::uint64_t client) const {
                        [client](const auto& request) { return request.second.client == client; });
 }
 
-/// Lets go of the client that has been silent longest, when there are as many as there may be.
+/// Closes the client that has been silent longest, if the number of clients has reached the limit.
 bool StateServer::makeRoom() {
     if (m_clients.size() < m_limits.clients) {
         return true;
@@ -328,7 +328,7 @@ void StateServer::receive(std::uint64_t id) {
         client.in.append(bytes, static_cast<std::size_t>(got));
         client.lastMoved = Clock::now();
     } else if (got == 0) {
-        client.ended = true;  // it may still read
+        client.ended = true;  // it may still read answers
     } else if (errno != EAGAIN && errno != EINTR) {
         client.broken = true;
     }
@@ -352,7 +352,7 @@ void StateServer::handleLines(std::uint64_t id) {
             } else if (client.in.size() > m_limits.requestBytes) {
                 tooLong = true;
             } else if (client.ended && !client.in.empty()) {
-                line.swap(client.in);  // a last line without its end
+                line.swap(client.in);  // a last line without a line end
             } else {
                 return;
             }
@@ -432,7 +432,7 @@ StateServer::Confirmation StateServer::confirm(std::uint32_t requestId, const st
             return Confirmation::RequesterGone;
         }
     }
-    wake();  // what is left to send, and who is done, is the thread's
+    wake();  // the thread sends the rest and closes the client when done
     return Confirmation::Sent;
 }
 

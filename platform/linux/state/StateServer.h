@@ -1,6 +1,6 @@
 #pragma once
-/// The local socket on which a process is asked for component states and for its status: one JSON object per
-/// line in both directions. docs/platform.md describes the protocol.
+/// The local socket for state and status requests: one JSON object per line in both directions.
+/// docs/platform.md describes the protocol.
 #include <sys/types.h>
 
 #include <atomic>
@@ -25,16 +25,16 @@ struct StateServerLimits {
     std::chrono::milliseconds confirmation{10'000};  ///< for the component to confirm a state
 };
 
-/// Serves the socket with one thread, from construction to destruction. No client is ever waited for.
+/// Serves the socket with one thread, from construction to destruction. Never waits for a client.
 class StateServer {
   public:
     /// Called on the server's thread, without a lock held.
     using StateHandler = std::function<void(std::uint32_t requestId, const std::string& state)>;
     enum class Confirmation { Sent, RequesterGone, NotAsked };
 
-    /// Throws std::system_error when the socket cannot be had; EADDRINUSE when another process serves it.
+    /// Throws std::system_error when it cannot create the socket; EADDRINUSE when another process serves it.
     StateServer(std::string path, StateHandler onState, const StateServerLimits& limits = {});
-    /// Waits for a handler that is under way, then removes the socket.
+    /// Waits for a running handler, then removes the socket.
     ~StateServer();
     StateServer(const StateServer&) = delete;
     StateServer& operator=(const StateServer&) = delete;
@@ -49,7 +49,7 @@ class StateServer {
         int socket = -1;
         std::string in;
         std::string out;
-        bool ended = false;  ///< sends nothing more; closed when all is answered
+        bool ended = false;  ///< sends no more requests; closed when all are answered
         bool broken = false;
         Clock::time_point lastMoved;
     };
@@ -81,7 +81,7 @@ class StateServer {
     const std::string m_path;
     const StateHandler m_onState;
     const StateServerLimits m_limits;
-    int m_lock = -1;  ///< held for as long as the socket is ours
+    int m_lock = -1;  ///< the lock file, locked while we serve the socket
     int m_listener = -1;
     int m_wake = -1;
     std::atomic<bool> m_ending{false};
@@ -91,7 +91,7 @@ class StateServer {
     std::map<std::uint32_t, Request> m_requests;  ///< guarded by m_guard
     std::uint32_t m_nextRequest = 1;              ///< guarded by m_guard
 
-    // The thread's own.
+    // Used by the thread alone.
     std::uint64_t m_nextClient = 1;
     Clock::time_point m_acceptAfter{};
 

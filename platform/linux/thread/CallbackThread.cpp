@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kStopLimit{2};
 struct CallbackThread::State {
     std::mutex mutex;
     std::condition_variable changed;
-    // All guarded by the mutex. Work of one instant keeps its order.
+    // All guarded by the mutex. Work with the same due time keeps its order.
     std::multimap<SteadyClock::time_point, std::function<void()>> waiting;
     bool running = false;
     bool stopping = false;

@@ -5,11 +5,10 @@
 
 namespace kyo::orx {
 
-/// One thread that does the work given to it in the order in which it is due, one piece at a time. It is made
-/// with the first piece; should the system have no thread left, the next piece tries again.
+/// One thread that executes posted work, one piece at a time, in the order of its due time. post() creates
+/// the thread with the first piece, and retries with the next one when the system has no thread left.
 ///
-/// Policy when full: beyond kLimit waiting pieces a new one is refused and counted in
-/// "orx.callbacks.dropped".
+/// When kLimit pieces are waiting, a new one is dropped and counted in "orx.callbacks.dropped".
 class CallbackThread {
   public:
     static constexpr std::size_t kLimit = 1024;
@@ -20,19 +19,19 @@ class CallbackThread {
     CallbackThread(const CallbackThread&) = delete;
     CallbackThread& operator=(const CallbackThread&) = delete;
 
-    /// Never blocks on the work and never does it inside the call. Exceptions of the work are logged.
-    /// False when it was refused.
+    /// Does not block and never executes `work` inside the call. Exceptions of the work are logged. Returns
+    /// false when the work was dropped.
     bool post(std::function<void()> work, std::chrono::milliseconds delay = {});
 
-    /// Forgets what waits, and waits for the piece at work, but not longer than two seconds: a thread that
-    /// hangs in a callback is left behind.
+    /// Drops the waiting work, uncounted, and waits up to two seconds for the running piece. A thread that
+    /// hangs in a callback is left running.
     void stop();
 
   private:
     struct State;
     static void run(State& state);
 
-    const std::shared_ptr<State> m_state;  ///< shared with the thread, which may be left behind
+    const std::shared_ptr<State> m_state;  ///< shared with the thread, which may outlive this object
 };
 
 }  // namespace kyo::orx

@@ -11,7 +11,7 @@ Thread::~Thread() {
 }
 
 void Thread::start() {
-    // run() may call detach() before the assignment below is done: the guard makes it wait for it.
+    // run() may call detach() before the assignment below: the lock makes it wait.
     const std::lock_guard<std::mutex> lock(m_guard);
     if (m_started.load(std::memory_order_relaxed)) {
         return;

@@ -5,7 +5,7 @@
 
 namespace ac::com {
 
-/// What identifies a service's interface on the wire. Generated per service.
+/// Identifies a service's interface on the wire. Generated per service.
 struct ServiceInterface {
     const char* name;  ///< "GNSS"
     std::uint16_t serviceId;
@@ -13,14 +13,14 @@ struct ServiceInterface {
     std::uint32_t minorVersion;
 };
 
-/// What identifies an event on the wire. Generated per event.
+/// Identifies an event on the wire. Generated per event.
 struct EventInterface {
     const char* name;  ///< "positions"
     std::uint16_t eventId;
     std::uint16_t eventgroupId;
 };
 
-/// One found instance of a service.
+/// One instance of a service that was found.
 struct ServiceHandle {
     std::uint16_t serviceId = 0;
     std::uint16_t instanceId = 0;

@@ -17,7 +17,7 @@ enum class LogLevel : std::uint8_t {
     kVerbose = 6,
 };
 
-/// Bit mask of sinks. The platform may switch any of them off, and decides about files alone.
+/// Bit mask of sinks. The platform may switch any of them off; it alone decides about kFile.
 enum class LogMode : std::uint8_t {
     kRemote = 0x01,
     kFile = 0x02,
@@ -27,12 +27,12 @@ constexpr LogMode operator|(LogMode a, LogMode b) {
     return static_cast<LogMode>(static_cast<std::uint8_t>(a) | static_cast<std::uint8_t>(b));
 }
 
-/// One message; it goes out when the object ends.
+/// One message. The destructor sends it.
 class LogStream {
   public:
     explicit LogStream(LogLevel level) : m_level(level) {}
     LogStream(LogStream&& other) noexcept : m_level(other.m_level), m_text(std::move(other.m_text)) {
-        other.m_level = LogLevel::kOff;  // what was moved from sends nothing
+        other.m_level = LogLevel::kOff;  // a moved-from stream sends nothing
     }
     LogStream& operator=(LogStream&&) = delete;
     ~LogStream();
@@ -41,7 +41,7 @@ class LogStream {
         m_text.append(text);
         return *this;
     }
-    /// Takes the text over where the message has none yet.
+    /// Moves the text when the message is still empty.
     LogStream& operator<<(std::string&& text) {
         if (m_text.empty()) {
             m_text = std::move(text);
@@ -56,11 +56,11 @@ class LogStream {
     std::string m_text;
 };
 
-/// Starts the sinks named by `mode`. A second call changes nothing. Messages sent before go nowhere, nor do
-/// those above `defaultLevel`. At exit what waits is flushed, for a bounded time.
+/// Starts the sinks named by `mode`. A second call changes nothing. Messages sent earlier, and those above
+/// `defaultLevel`, are ignored. At exit the sinks get a limited time to write what is queued.
 ///
-/// No message waits for a sink: what a sink does not take in time is dropped, counted and logged once a
-/// minute.
+/// No caller waits for a sink: messages that a sink does not take in time are dropped and counted, and their
+/// number is logged once a minute.
 void InitLogging(std::string appId, std::string appDescription, LogLevel defaultLevel, LogMode mode,
                  std::string directoryPath);
 

@@ -18,7 +18,7 @@ class SupervisionEntity {
   public:
     explicit SupervisionEntity(Phm_client& client);
     ~SupervisionEntity();
-    /// Reports that the process is alive at that point. Does not block.
+    /// Reports that the process has reached this checkpoint. Does not block.
     void CheckpointReached(std::uint16_t supervisionId, std::uint16_t checkpointId);
 
   private:

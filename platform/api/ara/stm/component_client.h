@@ -10,12 +10,12 @@ using ComponentState = std::string;
 
 enum class ComponentClientReturnType : std::int32_t { kSuccess = 0, kGeneralError = 1, kInvalid = 2 };
 
-/// A component's side of the state manager's requests. Requests arrive until the object is destroyed;
-/// the destructor waits for a callback that is under way.
+/// Receives the state manager's requests for one component until it is destroyed. The destructor waits for a
+/// running callback.
 class ComponentClient {
   public:
     virtual ~ComponentClient() = default;
-    /// Answers one request: same id, same state. kGeneralError when the requester is gone.
+    /// Answers one request, with its id and its state. Returns kGeneralError when the requester is gone.
     virtual ComponentClientReturnType ConfirmComponentState(std::uint32_t requestId,
                                                             const ComponentState& state,
                                                             ComponentClientReturnType result) const = 0;

@@ -3,7 +3,7 @@
 
 namespace eb::com {
 
-/// A data-type member that a sample may leave out.
+/// A member that a sample may leave out.
 template <typename T>
 using optional = std::optional<T>;
 

@@ -3,16 +3,15 @@
 
 namespace ac::com::runtime {
 
-/// Starts the middleware of this process and ends it. One at a time.
+/// Starts this process's middleware and shuts it down. One at a time.
 ///
-/// The constructor does not throw when the network is not there yet (no address, port taken): that is
-/// logged once, and the middleware goes on trying in the background. The destructor says good-bye on the
-/// wire (stop-subscribe, stop-offer), stops all threads of the middleware and waits for a receive handler
-/// that is under way; no handler is called afterwards.
+/// The constructor does not throw when the network is missing (no address, port taken): the middleware logs
+/// that once and retries in the background. The destructor sends stop-subscribe and stop-offer, stops all
+/// threads of the middleware and waits for a running receive handler; no handler is called afterwards.
 class Component_singleton {
   public:
-    /// `providesServices` is true for a process that will offer services; `configuration` replaces the platform's
-    /// own settings of the middleware, in the platform's format, unless it is empty.
+    /// `providesServices` is true for a process that will offer services. A non-empty `configuration`, in the
+    /// platform's format, replaces the platform's own settings of the middleware.
     Component_singleton(bool providesServices, const std::string& configuration);
     ~Component_singleton();
     Component_singleton(const Component_singleton&) = delete;
