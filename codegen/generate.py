@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
 """Generates from the service descriptions what the build and the documentation need.
 
-    generate.py --interfaces DIR --check             only tells what is wrong with the descriptions
+    generate.py --interfaces DIR --check             only reports errors in the descriptions
     generate.py --interfaces DIR --output DIR        bindings, adapters, catalog, Wireshark tables
     generate.py --interfaces DIR --docs DIR          a Markdown reference page per service
-    generate.py --interfaces DIR --list              the files that --output would make, without checking
+    generate.py --interfaces DIR --list              the files that --output would write, without checking
 
-A file is written only when its content changes. Exit status 1 when a description is refused; each reason
-stands on standard error as file:line: reason.
+Writes a file only when its content changes. Exit status 1 when a description is refused; standard error gives
+each reason as file:line: reason.
 """
 
 import argparse
@@ -49,8 +49,8 @@ def main():
 
 
 def declared_services(folder):
-    """Namespace and adapter of each description, read leniently: configuring a build must not fail on an error
-    that the build itself reports better."""
+    """Namespace and adapter of each description. Ignores errors: the build reports them better than its
+    configuration could."""
     for path in sorted(folder.glob("*.yaml")):
         declared = re.search(r"^service:\s*['\"]?([A-Za-z0-9]+)", path.read_text(encoding="utf-8", errors="replace"),
                              re.MULTILINE)

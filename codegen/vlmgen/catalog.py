@@ -2,7 +2,7 @@
 
 
 def document(services, version):
-    """Members ascending by name; instances and properties in the order in which records hold them."""
+    """Members are sorted by name; instances and properties have the order of the records."""
     registered = sorted((service for service in services if service.registry_key), key=lambda s: s.catalog_name)
     return {
         "meta": {"vlmVersion": version},

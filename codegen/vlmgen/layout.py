@@ -1,6 +1,6 @@
 """Lays out C++: comments, text literals, lists, and lines that would be too long.
 
-The result reads as if clang-format had seen it, without needing it in a build.
+The result looks as if clang-format had formatted it, without needing clang-format in a build.
 """
 
 import re
@@ -15,7 +15,7 @@ def cpp_string(text):
 
 
 def literal(number):
-    """A whole number of 64 bits; C++ has no literal for the smallest one."""
+    """A 64-bit integer literal; C++ has none for the smallest number."""
     return str(number) if number != -(2**63) else f"{number + 1} - 1"
 
 
@@ -27,8 +27,8 @@ def comment(text, indent=0, mark="///"):
 
 
 def described(declarations, indent=4):
-    """Declarations, each with its comment behind it, or before it where the line would be too long. `declarations`
-    are pairs of code and comment; comments behind neighbouring lines stand below each other."""
+    """Declarations with their comments: on the same line, or above it if the line would be too long.
+    `declarations` are pairs of code and comment. Comments of neighbouring lines are aligned."""
     prefix = " " * indent
     lines, block = [], []
 
@@ -54,7 +54,7 @@ def described(declarations, indent=4):
 
 
 def assigned_names(fields, target, indent=4):
-    """The statement that gives `target` the names of fields, its text broken between names where it is long."""
+    """The statement that assigns the names of `fields` to `target`; a long text is broken between names."""
     names = " ".join(field.name for field in fields)
     line = f"{' ' * indent}{target} = splitNames(\"{names}\");"
     if len(line) <= WIDTH:
@@ -74,7 +74,7 @@ def enumerator_declarations(enumerators):
 
 
 def field_meaning(field):
-    """What a field's comment says: meaning, unit and range in one sentence."""
+    """The comment of a field: meaning, unit and range in one sentence."""
     facts = []
     if field.has_range:
         facts.append(f"{field.minimum} to {field.maximum}")
@@ -84,7 +84,7 @@ def field_meaning(field):
 
 
 def fit(text):
-    """Breaks the lines that are too long, as clang-format would."""
+    """Breaks lines that are too long, as clang-format would."""
     return "\n".join(part for line in text.split("\n") for part in _fit_line(line))
 
 
@@ -111,7 +111,7 @@ def _fit_line(line):
 
 
 def _fit_arguments(line, deeper):
-    """Breaks between the arguments of the bracket that leaves the most readable lines; None if none helps."""
+    """Breaks between the arguments of the bracket that gives the most readable lines; None if none helps."""
     best = None
     for start, bracket in enumerate(line):
         if bracket not in "({" or start + 1 == len(line) or start >= WIDTH:
@@ -155,7 +155,7 @@ def _closing(line, start):
 
 
 def _split(arguments):
-    """At the commas that no bracket or text encloses."""
+    """Splits at the commas outside brackets and string literals."""
     parts, depth, quoted, current = [], 0, False, ""
     for position, character in enumerate(arguments):
         if character == '"' and arguments[position - 1: position] != "\\":

@@ -1,6 +1,6 @@
-"""The model: what a description means. It loads, checks and decides; templates only lay out what is here.
+"""The model of the descriptions. It loads and checks them and derives everything that the templates write.
 
-Every rule that a description can break is refused in this file, with the line that breaks it.
+This file checks every rule for descriptions and reports the line that breaks it.
 """
 
 from dataclasses import dataclass
@@ -22,7 +22,7 @@ SCHEMA_KEYS = {
 
 # An unkeyed event has one catalog instance for each value of its first field.
 MOST_INSTANCES = 256
-# Data ids have 12 bits.
+# Data ids on the wire have 12 bits.
 MOST_FIELDS = 4096
 
 
@@ -73,7 +73,7 @@ class Field:
         return self.minimum is not None
 
     def possible_values(self):
-        """All values that the field can take, ascending; None when they are not few whole numbers."""
+        """All values of the field, ascending; None unless they are integers and few."""
         if self.enumeration:
             return [enumerator.value for enumerator in self.enumeration.enumerators]
         if self.type in names.INTEGER_LIMITS and self.has_range and self.maximum - self.minimum < MOST_INSTANCES:
@@ -112,11 +112,11 @@ class Event:
 
     @property
     def key_property(self):
-        """The member by whose value the catalog tells instances apart."""
+        """The member whose value is the catalog's instance."""
         return self.key or self.fields[0]
 
     def instances(self):
-        """Per catalog instance, the fields that a record of it holds besides the common members."""
+        """Pairs of a catalog instance and the fields of its records, without the common members."""
         if self.key:
             return [(writer.key_value, writer.fields) for writer in self.writers]
         return [(value, self.fields) for value in self.fields[0].possible_values()]
@@ -153,7 +153,7 @@ class Service:
 
 
 def load(folder: Path, problems: source.Problems):
-    """All services of a folder, in order of their names. With problems the result is not to be used."""
+    """All services of a folder, sorted by name. Do not use the result if there are problems."""
     services = []
     for path in sorted(folder.glob("*.yaml")):
         shown_as = f"{folder.name}/{path.name}"
@@ -191,7 +191,7 @@ def _check_across(services, problems):
 
 
 class _Reader:
-    """Turns the document of one file into a Service."""
+    """Converts the document of one file into a Service."""
 
     def __init__(self, file, problems):
         self._file = file
@@ -200,7 +200,7 @@ class _Reader:
     def _refuse(self, located, reason):
         self._problems.add(located.place, reason)
 
-    # Members of a mapping, of the kind that is wanted. Where one is wrong, a harmless stand-in goes on.
+    # Each returns a member of a mapping with the required type, or a harmless default after an error.
 
     def _known_keys(self, mapping, what):
         for key, place in mapping.key_places.items():

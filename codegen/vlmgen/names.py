@@ -1,4 +1,4 @@
-"""What things are called in the generated code, which names are refused, and why."""
+"""Names in the generated code, and the names that are refused."""
 
 import re
 
@@ -7,7 +7,7 @@ MEMBER = re.compile(r"[a-z][A-Za-z0-9]*\Z")
 TYPE = re.compile(r"[A-Z][A-Za-z0-9]*\Z")
 REGISTRY_KEY = re.compile(r"[A-Z][A-Za-z0-9]*Proxy\Z")
 
-# Members that every record has beside those of its event.
+# Members that every record has besides those of its event.
 RECORD_MEMBERS = frozenset({"timestamp", "serviceName", "resName", "collectorName", "index"})
 
 CPP_WORDS = frozenset("""
@@ -22,7 +22,7 @@ CPP_WORDS = frozenset("""
 # Macros of the C library headers that generated code includes.
 MACROS = frozenset("assert errno stdin stdout stderr".split())
 
-# Namespaces that generated code reaches from inside qdr::services; one of that name would hide them.
+# Namespaces that generated code uses inside qdr::services; a service with such a name would hide them.
 NAMESPACES = frozenset("std rttr ac eb kyo qdr services datatypes proxy skeleton".split())
 
 SCALARS = {
@@ -37,7 +37,7 @@ INTEGER_LIMITS = {
     for sign in ("u", "") for bits in (8, 16, 32, 64)
 }
 
-# Enumerators travel as 64-bit numbers with a sign wherever they are data.
+# Enumerators are signed 64-bit numbers wherever they are data.
 ENUMERATOR_LIMITS = INTEGER_LIMITS["int64"]
 
 _UNIT_SYMBOLS = frozenset("""
@@ -51,7 +51,7 @@ def namespace(service):
 
 
 def reserved_as(name):
-    """Why a member, event or enumerator cannot have this name, or None."""
+    """The reason why a member, event or enumerator cannot have this name, or None."""
     if name in CPP_WORDS:
         return "a C++ word"
     if name in MACROS:

@@ -1,4 +1,4 @@
-"""Which files are generated from which template."""
+"""The generated files and their templates."""
 
 import json
 from pathlib import Path
@@ -31,7 +31,7 @@ CATALOG = "VLM_Available_Signals_Catalog_20210311.json"
 
 
 def file_names(services):
-    """All files that the build gets, from pairs of namespace and adapter name."""
+    """All files generated for the build, from pairs of namespace and adapter name."""
     for pattern, _ in PER_SERVICE:
         for ns, adapter in services:
             yield pattern.format(ns=ns, adapter=adapter)

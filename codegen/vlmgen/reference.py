@@ -1,8 +1,8 @@
-"""What the reference page of a service says of a field."""
+"""Texts for a field on the reference page of its service."""
 
 
 def cell(text):
-    """Text for a Markdown table cell."""
+    """The text, escaped for a Markdown table cell."""
     return str(text).replace("|", "\\|").replace("\n", " ")
 
 
@@ -19,7 +19,7 @@ def type_name(field):
 
 
 def written_for(event, field):
-    """For which key values a record holds the field."""
+    """The key values whose records contain the field."""
     if event.key is field:
         return "always (the key)"
     values = [writer.key_value for writer in event.writers if field in writer.fields]

@@ -8,7 +8,7 @@ import yaml
 
 _Loader = getattr(yaml, "CSafeLoader", yaml.SafeLoader)
 
-# Plain scalars: the YAML 1.2 core forms only, so that "on", "off", "yes" and "no" are names.
+# Plain scalars: only the YAML 1.2 core forms, so that "on", "off", "yes" and "no" are names.
 _INTEGER = re.compile(r"[-+]?[0-9]+\Z|0x[0-9a-fA-F]+\Z")
 _NUMBER = re.compile(r"[-+]?(\.[0-9]+|[0-9]+(\.[0-9]*)?)([eE][-+]?[0-9]+)?\Z")
 

@@ -4,13 +4,13 @@ TABLES = ("SOMEIP_service_identifiers", "SOMEIP_method_event_identifiers", "SOME
           "SOMEIP_parameter_list", "SOMEIP_parameter_arrays", "SOMEIP_parameter_structs", "SOMEIP_parameter_enums",
           "SOMEIP_parameter_strings", "SOMEIP_parameter_base_types")
 
-# The dissector knows its types by name; others it leaves undecoded.
+# Base types by the dissector's names; it does not decode others.
 _BASE_TYPES = ("uint8", "uint16", "uint32", "uint64", "int8", "int16", "int32", "int64", "float32", "float64")
 _BASE_TYPE_IDS = {name: number for number, name in enumerate(_BASE_TYPES, start=1)}
 _BASE_TYPE_IDS |= {"bool": _BASE_TYPE_IDS["uint8"], "float": _BASE_TYPE_IDS["float32"],
                    "double": _BASE_TYPE_IDS["float64"]}
 _STRING_ID = 1
-# How the dissector numbers the kinds of data types.
+# The dissector's numbers for kinds of data types.
 _BASIC, _STRING, _ARRAY, _STRUCT, _ENUM = 1, 2, 3, 4, 7
 _NOTIFICATION = 2
 _MOST_SAMPLES = 65535
@@ -28,7 +28,7 @@ def tables(services):
         rows["SOMEIP_service_identifiers"].append((sid, service.name))
         enum_ids = {}
         for enumeration in service.enumerations:
-            # The dissector keeps enumerators as unsigned 32-bit numbers: others show as their number only.
+            # The dissector stores enumerators as unsigned 32-bit numbers; it shows others as plain numbers.
             if not all(0 <= enumerator.value <= 0xFFFFFFFF for enumerator in enumeration.enumerators):
                 continue
             enum_id += 1

@@ -8,7 +8,7 @@ bool readInstanceId(const std::string& text, int& id) {
     try {
         id = std::stoi(text);
         return true;
-    } catch (const std::logic_error&) {  // no number, or none that an int holds
+    } catch (const std::logic_error&) {  // no number, or outside int
         return false;
     }
 }

@@ -1,5 +1,5 @@
 #pragma once
-/// What the checks ask a signal catalog.
+/// The look-ups of the checks in a signal catalog.
 #include <map>
 #include <set>
 #include <string>
@@ -11,7 +11,7 @@ namespace vlmCheck {
 
 class CatalogView {
   public:
-    /// Takes what can be understood; the rest of a faulty catalog is left out.
+    /// Ignores the wrong parts of a faulty catalog.
     explicit CatalogView(const Document& document);
 
     std::vector<std::string> services() const;
@@ -32,8 +32,8 @@ class CatalogView {
     std::map<std::string, std::map<std::string, Resource>> m_services;
 };
 
-/// Reads an instance id as the system does: leading white space, a sign, digits; what follows is left.
-/// False where the system would end its start-up.
+/// Reads an instance id as the system does: leading white space, a sign, digits; the rest is ignored. Returns
+/// false where the system would end its start-up.
 bool readInstanceId(const std::string& text, int& id);
 
 }  // namespace vlmCheck

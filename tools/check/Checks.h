@@ -1,5 +1,5 @@
 #pragma once
-/// What a schema cannot say about each kind of file.
+/// Checks of each kind of file that a schema cannot express.
 #include <optional>
 #include <string>
 
@@ -8,18 +8,17 @@
 
 namespace vlmCheck {
 
-/// Names against each other and, with a catalog, against what the vehicle has.
+/// Checks that names refer to each other and, with a catalog, to what the vehicle offers.
 void checkCollectorConfiguration(const Document& document, const CatalogView* catalog, Findings& findings);
 void checkApplicationConfiguration(const Document& document, Findings& findings);
 void checkCatalog(const Document& document, Findings& findings);
-/// Includes what the platform's own reader says.
+/// Includes the findings of the platform's own reader.
 void checkManifest(const Document& document, Findings& findings);
 
-/// The kind that a document looks like, by its top-level members; nothing when it looks like none or
-/// like several.
+/// Guesses the kind of a document from its top-level members; nothing when none or several kinds fit.
 std::optional<Kind> guessKind(const Document& document);
 
-/// Schema and further checks of one document, in the order of lines.
+/// All findings about one document, from schema and further checks, sorted by line.
 std::vector<Finding> checkDocument(const Document& document, Kind kind, const CatalogView* catalog);
 
 }  // namespace vlmCheck

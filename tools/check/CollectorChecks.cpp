@@ -12,7 +12,7 @@ namespace vlmCheck {
 
 namespace {
 
-constexpr int shortestClock = 60000;  // ms; what the system raises shorter periods to
+constexpr int shortestClock = 60000;  // ms; the system raises shorter periods to this
 
 std::vector<std::string> namesOf(const std::vector<Place>& elements) {
     std::vector<std::string> names;
@@ -45,7 +45,7 @@ void checkConfig(const Place& root, Findings& findings) {
 void checkClock(const Place& root, Findings& findings) {
     const auto clocks = root.member("CLOCK").elements();
     if (clocks.empty()) {
-        return;  // the schema has said so
+        return;  // the schema reports it
     }
     const Place& clock = clocks[0];
     if (clock.has("name") && clock.member("name").text().empty()) {
@@ -62,7 +62,7 @@ void checkClock(const Place& root, Findings& findings) {
     }
 }
 
-/// The names that "on" may use, and what is odd about them.
+/// The names that "on" may use; adds findings about them.
 std::vector<std::string> onNames(const Place& root, Findings& findings) {
     std::vector<std::string> names;
     for (const char* block : {"CLOCK", "COMPARE"}) {
@@ -118,7 +118,7 @@ void checkReports(const Place& root, Findings& findings) {
     }
     for (const auto& collector : root.member("COLLECT").elements()) {
         const std::string name = collector.member("name").text();
-        if (!name.empty() && gathered.insert(name).second) {  // once for a name given twice
+        if (!name.empty() && gathered.insert(name).second) {  // once for a repeated name
             findings.warning(
                 collector,
                 "no report gathers collector " + inQuotes(name) + ": what it collects is never sent",
@@ -127,7 +127,7 @@ void checkReports(const Place& root, Findings& findings) {
     }
 }
 
-/// One collector's service, resource and index against the catalog.
+/// Checks one collector's service, resource and index in the catalog.
 void checkAgainstCatalog(const Place& collector, const CatalogView& catalog, Findings& findings) {
     const std::string service = collector.member("serv").text();
     const std::string resource = collector.member("res").text();
@@ -162,7 +162,7 @@ void checkAgainstCatalog(const Place& collector, const CatalogView& catalog, Fin
     }
     const Place index = collector.member("index");
     if (!index.value->isInt()) {
-        return;  // the schema has said so
+        return;  // the schema reports it
     }
     const auto instances = catalog.instances(service, resource);
     if (instances.count(index.value->asInt()) == 0) {

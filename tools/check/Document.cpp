@@ -17,7 +17,7 @@ using kyo::Json::Value;
 
 namespace {
 
-/// The system accepts a member that is given twice and keeps the last; whoever wrote it meant something else.
+/// The system accepts a repeated member and uses the last value, which is rarely what the author meant.
 void reportRepeatedMembers(const Document& document, std::vector<Finding>& findings) {
     ::Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
@@ -82,8 +82,8 @@ bool readDocument(const std::string& path, Document& out, std::vector<Finding>& 
     }
     kyo::Json::Reader reader;
     if (!reader.parse(out.text, out.root, false)) {
-        // The library's text spans lines ("* Line 3, Column 5\n  Missing ',' ..."); the first fault is
-        // enough.
+        // The library's text has several lines ("* Line 3, Column 5\n  Missing ',' ..."); use the first
+        // error.
         const std::string& message = reader.getFormattedErrorMessages();
         std::size_t line = 0;
         if (const auto at = message.find("Line "); at != std::string::npos) {

@@ -1,5 +1,5 @@
 #pragma once
-/// A JSON file under examination, and the findings about it.
+/// A JSON file to be checked, and the findings about it.
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -12,21 +12,21 @@ enum class Kind { Collector, Application, Catalog, Manifest };
 
 const char* nameOf(Kind kind);
 
-/// Error: the system refuses the file, or what its author asks for cannot happen. Warning: it works, but
-/// not as it reads.
+/// Error: the system refuses the file, or cannot do what the file demands. Warning: it works, but differently
+/// from what the file suggests.
 enum class Severity { Error, Warning };
 
 struct Finding {
     Severity severity;
-    std::size_t line;  ///< from 1; 0 when it concerns the whole file
+    std::size_t line;  ///< from 1; 0 for the whole file
     std::string path;  ///< "$.COLLECT[2].serv"
     std::string reason;
     std::string suggestion;  ///< may be empty
 };
 
-/// One parsed file. Values stay valid as long as the document does.
+/// One parsed file. It owns the values.
 struct Document {
-    std::string name;  ///< as the user gave it
+    std::string name;  ///< as given by the user
     std::string text;
     kyo::Json::Value root;
 
@@ -34,10 +34,10 @@ struct Document {
     std::size_t lineOf(const kyo::Json::Value& value) const;
 };
 
-/// Reads and parses a file. False with one finding that says why not.
+/// Reads and parses a file. Returns false with one finding that gives the reason.
 bool readDocument(const std::string& path, Document& out, std::vector<Finding>& findings);
 
-/// A value together with the way to it.
+/// A value and its path.
 struct Place {
     const Document* document;
     const kyo::Json::Value* value;
@@ -45,16 +45,16 @@ struct Place {
 
     static Place rootOf(const Document& document) { return {&document, &document.root, "$"}; }
     bool has(const std::string& key) const;
-    /// The member, or a place with the null value (on the parent's line) when there is none.
+    /// The member; for a missing one a place with the null value on the parent's line.
     Place member(const std::string& key) const;
     Place element(kyo::Json::ArrayIndex index) const;
-    /// All elements; none when this is no array.
+    /// All elements; none unless this is an array.
     std::vector<Place> elements() const;
     /// The value as the system reads texts: a number as its digits, an array or object as "".
     std::string text() const;
     std::size_t line() const { return m_line != 0 ? m_line : document->lineOf(*value); }
 
-    std::size_t m_line = 0;  ///< set where the value itself has none
+    std::size_t m_line = 0;  ///< used when the value itself has no line
 };
 
 class Findings {
@@ -67,13 +67,13 @@ class Findings {
     std::vector<Finding> m_list;
 };
 
-/// The path of a member: "$.a", or "$[\"odd name\"]" where a dot would not do.
+/// The path of a member: "$.a", or "$[\"odd name\"]" if the name needs quotes.
 std::string memberPath(const std::string& parent, const std::string& key);
 
 /// "a text", "an array", ...
 const char* kindOf(const kyo::Json::Value& value);
 
-/// The text in quotation marks, shortened when it is long.
+/// The text in quotation marks; shortened if long.
 std::string inQuotes(const std::string& text);
 
 }  // namespace vlmCheck

@@ -1,4 +1,4 @@
-# Writes a source file that holds the schemas of docs/schemas/ as texts.
+# Writes a source file with the schemas of docs/schemas/ as texts.
 #   cmake -DSCHEMA_DIR=... -DOUTPUT=... -P EmbedSchemas.cmake
 set(kinds Collector Application Catalog Manifest)
 set(content "#include \"tools/check/Schema.h\"\n\nnamespace vlmCheck {\n\nconst char* schemaText(Kind kind) {\n    switch (kind) {\n")

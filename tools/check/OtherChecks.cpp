@@ -25,7 +25,7 @@ void checkInstances(const Place& resource, Findings& findings) {
     for (const auto& id : instances.value->getMemberNames()) {
         const Place instance = instances.member(id);
         if (id.find_first_not_of("-0123456789") != std::string::npos) {
-            continue;  // the schema has said so
+            continue;  // the schema reports it
         }
         int number = 0;
         if (!readInstanceId(id, number)) {

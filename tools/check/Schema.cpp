@@ -34,7 +34,7 @@ const Value& get(const Value& object, const std::string& key) {
     return found != nullptr ? *found : Value::nullSingleton();
 }
 
-/// The part of a schema that speaks about one member; null when none does.
+/// The part of a schema about one member; null without one.
 const Value& memberSchema(const Value& schema, const std::string& key) {
     const Value& named = get(get(schema, "properties"), key);
     if (!named.isNull()) {
@@ -66,7 +66,7 @@ std::string range(const Value& schema) {
     const Value& minimum = get(schema, "minimum");
     const Value& maximum = get(schema, "maximum");
     if (minimum.isInt() && minimum.asInt() == kyo::Json::Value::minInt) {
-        return "";  // any number that the system's integers hold
+        return "";  // the full range of the system's integers
     }
     if (!minimum.isNull() && !maximum.isNull()) {
         return " from " + number(minimum) + " to " + number(maximum);
@@ -77,7 +77,7 @@ std::string range(const Value& schema) {
     return maximum.isNull() ? "" : " of at most " + number(maximum);
 }
 
-/// What the schema asks for, in words.
+/// The schema's requirement in words.
 std::string expected(const Value& schema) {
     const Value& choices = get(schema, "enum");
     if (choices.isArray()) {
@@ -115,8 +115,8 @@ bool refusesOthers(const Value& schema) {
     return others.isBool() && !others.asBool();
 }
 
-/// What the system reads where it wants the schema's type, or nothing when it refuses the value. A document
-/// whose top level refuses unknown members (the manifest) is read without conversions.
+/// The value that the system reads where the schema demands a type; nothing when the system refuses it. A
+/// document whose top level refuses unknown members (the manifest) is read without conversions.
 std::optional<std::string> converted(const Value& value, const Value& schema, bool strict) {
     if (strict) {
         return std::nullopt;
@@ -144,7 +144,7 @@ std::optional<std::string> converted(const Value& value, const Value& schema, bo
     return std::nullopt;
 }
 
-/// Members that the schema does not know. A schema that refuses them says so with additionalProperties.
+/// Reports unknown members. A schema refuses them with additionalProperties.
 void checkMemberNames(const Place& place, const Value& schema, Findings& findings) {
     if (place.value->isArray()) {
         for (kyo::Json::ArrayIndex i = 0; i < place.value->size(); ++i) {
@@ -199,7 +199,7 @@ std::string nameIn(const std::string& message) {
     return first < last ? message.substr(first + 1, last - first - 1) : std::string();
 }
 
-/// Turns one message of the validator into one of ours.
+/// Translates one message of the validator into one of ours.
 void translate(const Place& place, const Value& schema, bool strict, const std::string& message,
                Findings& findings) {
     const Value& value = *place.value;
@@ -245,8 +245,8 @@ void translate(const Place& place, const Value& schema, bool strict, const std::
     }
 }
 
-/// Messages that only repeat, one level up, that something below is wrong; and the ones about member names,
-/// which checkMemberNames() tells one by one.
+/// True for messages that repeat an error of a lower level, and for those about member names, which
+/// checkMemberNames() reports.
 bool isEcho(const std::string& message) {
     return startsWith(message, "Failed to validate") || startsWith(message, "Object contains a property");
 }
@@ -305,7 +305,7 @@ void Schema::check(const Document& document, Findings& findings) const {
         translate(place, *schema, refusesOthers(m_document), result.description, findings);
         explained = true;
     }
-    if (!explained) {  // the validator refused it and gave nothing but echoes
+    if (!explained) {  // the validator gave nothing but echoes
         findings.error(Place::rootOf(document), "does not agree with the schema");
     }
 }

@@ -8,19 +8,19 @@
 
 namespace vlmCheck {
 
-/// The schema's text as it stands in docs/schemas/; generated at build time.
+/// The schema's text from docs/schemas/; generated at build time.
 const char* schemaText(Kind kind);
 
 class Schema {
   public:
-    /// The schema of that kind, parsed on first use.
+    /// Returns the schema of a kind, parsed on first use.
     static const Schema& of(Kind kind);
 
     explicit Schema(const std::string& text);
     ~Schema();
 
-    /// Adds an error for everything that the schema refuses and the system refuses as well, a warning for
-    /// scalars of the wrong type that the system converts, and a warning for every member that it ignores.
+    /// Adds an error for everything that both the schema and the system refuse, a warning for each scalar of
+    /// the wrong type that the system converts, and a warning for each member that the system ignores.
     void check(const Document& document, Findings& findings) const;
 
     /// The member names of the document's top level.

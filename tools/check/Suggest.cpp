@@ -19,7 +19,7 @@ std::string lower(std::string text) {
 std::size_t editDistance(const std::string& leftText, const std::string& rightText) {
     const std::string left = lower(leftText);
     const std::string right = lower(rightText);
-    // Rows of the usual table: the one before the previous, the previous, the current.
+    // Three rows of the distance table: before the previous, previous, current.
     std::vector<std::size_t> before(right.size() + 1), previous(right.size() + 1), current(right.size() + 1);
     for (std::size_t j = 0; j <= right.size(); ++j) {
         previous[j] = j;
@@ -40,7 +40,7 @@ std::size_t editDistance(const std::string& leftText, const std::string& rightTe
 }
 
 std::string nearest(const std::string& text, const std::vector<std::string>& known) {
-    constexpr std::size_t longest = 200;  // nobody mistypes a name of that length
+    constexpr std::size_t longest = 200;  // no name is that long
     if (text.empty() || text.size() > longest) {
         return {};
     }
@@ -56,7 +56,7 @@ std::string nearest(const std::string& text, const std::vector<std::string>& kno
     if (!best.empty()) {
         return best;
     }
-    // No slip of the pen; perhaps a name with something before or behind it ("GNSSProxy", "door").
+    // Not a typing error; perhaps a longer or shorter form of a name ("GNSSProxy", "door").
     const std::string wanted = lower(text);
     for (const auto& candidate : known) {
         const std::string name = lower(candidate);

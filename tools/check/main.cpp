@@ -1,4 +1,4 @@
-/// vlm-check: tells whether a configuration, catalog or manifest is good before it reaches a vehicle.
+/// vlm-check: checks configurations, catalogs and manifests before they reach a vehicle.
 #include <cxxopts.hpp>
 #include <filesystem>
 #include <iostream>
@@ -81,7 +81,7 @@ kyo::Json::Value toJson(const Result& result) {
     return out;
 }
 
-/// The catalog that names are held against. Nothing, with a reason, when there is none that can be used.
+/// Opens the catalog for checking names. Returns nothing, with a reason, when there is no usable one.
 std::optional<Document> openCatalog(const std::string& path, std::string& problem) {
     Document document;
     std::vector<Finding> findings;
@@ -179,7 +179,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     try {
         return run(argc, argv);
-    } catch (const std::exception& error) {  // cxxopts' own, and what nobody expects
+    } catch (const std::exception& error) {  // from cxxopts, or unexpected
         std::cerr << "vlm-check: " << error.what() << '\n';
         return 1;
     }

@@ -6,7 +6,7 @@
 
 namespace tools {
 
-/// One connection to a process's state socket: a request, an answer.
+/// One connection to a process's state socket.
 class StateSocket {
   public:
     StateSocket() = default;
@@ -14,10 +14,10 @@ class StateSocket {
     StateSocket(const StateSocket&) = delete;
     StateSocket& operator=(const StateSocket&) = delete;
 
-    /// False with a reason, and what to do about it, when nobody answers there.
+    /// Returns false with a reason and a remedy when no process serves the socket.
     bool connect(const std::string& path, std::string& error);
-    /// Sends the request and waits for its answer, a JSON object; an answer with an "error" member is a
-    /// failure with that text. After any failure the connection is closed.
+    /// Sends the request and waits for its answer, a JSON object. Returns false with a reason on failure,
+    /// also when the answer has an "error" member. A failure closes the connection.
     bool ask(const kyo::Json::Value& request, kyo::Json::Value& answer, std::string& error,
              std::chrono::milliseconds limit = std::chrono::seconds(15));
     bool connected() const { return m_socket >= 0; }

@@ -44,7 +44,7 @@ bool startsWith(std::string_view text, std::string_view with) {
     return text.substr(0, with.size()) == with;
 }
 
-/// Lost log lines are told apart from lost data.
+/// The table shows lost log lines separately from lost data.
 bool countsLostLogLines(std::string_view name) {
     return startsWith(name, "log.dropped.");
 }

@@ -1,5 +1,5 @@
 #pragma once
-/// How a status snapshot reads for a person.
+/// Formats a status snapshot for people.
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -13,13 +13,13 @@ namespace tools {
 /// The snapshot's values by their dotted names.
 std::map<std::string, kyo::Json::Value> flatten(const kyo::Json::Value& snapshot);
 
-/// True for a counter of samples, records or reports that got lost, or messages that could not be used.
+/// True for a counter of lost samples, records or reports, or of unusable messages.
 bool countsLoss(const std::string& name);
 
-/// A table with one line per value, in groups, and what was lost at the end.
+/// A table with one line per value, in groups, and the losses at the end.
 std::string statusTable(const kyo::Json::Value& snapshot);
 
-/// One line that tells the essentials; rates are taken between calls.
+/// One line with the essentials; rates are computed between calls.
 class LiveLine {
   public:
     std::string next(const kyo::Json::Value& snapshot, std::chrono::steady_clock::time_point now);

@@ -1,4 +1,4 @@
-// vlm-state STATE: asks vlmmaster for a component state and prints its confirmation.
+// vlm-state STATE: requests a component state of vlmmaster and prints the confirmation.
 #include <cstdio>
 #include <cxxopts.hpp>
 #include <exception>

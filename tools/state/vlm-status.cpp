@@ -21,7 +21,7 @@ bool read(tools::StateSocket& socket, const std::string& path, kyo::Json::Value&
           std::string& error) {
     kyo::Json::Value request(kyo::Json::objectValue);
     request["request"] = "status";
-    // An old connection may have been closed for its silence: that is no reason to call the process gone.
+    // The server closes idle connections: that does not mean that the process is gone.
     if (socket.connected() && socket.ask(request, snapshot, error)) {
         return true;
     }
@@ -42,7 +42,7 @@ int printOnce(const std::string& path, bool json) {
     return 0;
 }
 
-/// On a terminal the line replaces the one before; elsewhere each is a line of its own.
+/// On a terminal the line replaces the previous one; elsewhere it is a line of its own.
 bool show(std::string line, bool terminal) {
     if (terminal) {
         winsize size{};
@@ -56,7 +56,7 @@ bool show(std::string line, bool terminal) {
     return std::fputs(line.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
 }
 
-/// Until the reader of our output is gone or the user ends it; outlives restarts of vlmmaster.
+/// Prints until the reader of our output is gone or the user stops it; survives restarts of vlmmaster.
 int follow(const std::string& path, bool json, std::chrono::milliseconds period) {
     const bool terminal = ::isatty(STDOUT_FILENO) != 0 && !json;
     tools::StateSocket socket;

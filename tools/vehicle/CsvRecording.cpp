@@ -28,8 +28,8 @@ struct Row {
     std::vector<Cell> cells;
 };
 
-/// RFC 4180: quotes around cells, doubled quotes inside, line ends inside quotes. False with the line of an
-/// opening quote that nothing closes.
+/// Reads RFC 4180: quoted cells with doubled quotes and line ends inside. Returns false, with the line of the
+/// opening quote in `badLine`, when a quote is not closed.
 bool split(const std::string& text, std::vector<Row>& rows, std::size_t& badLine) {
     std::size_t line = 1;
     Row row{1, {}};

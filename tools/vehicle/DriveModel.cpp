@@ -75,7 +75,7 @@ void DriveModel::shortStep(double dt) {
         s.controls.impact = Impact::None;
         s.crashTime = 0;
         ++s.crashCounter;
-        // What is left of the speed after the crush zone, and how long that takes.
+        // The change of speed that the crush zone leaves.
         const double byOther = s.impact == Impact::Rear ? 8.0 : s.impact == Impact::Front ? 0.0 : 4.0;
         const double change = std::max(std::abs(s.speed), byOther) * 0.9;
         s.deltaVelocity = 3.6 * (s.impact == Impact::Front ? -change : change);
@@ -98,7 +98,7 @@ void DriveModel::shortStep(double dt) {
     m_previous = s.controls;
 }
 
-/// A tenth of a second of crash: the car stops, whatever the driver wants.
+/// The impact, about a tenth of a second: the car stops regardless of the driver.
 void DriveModel::strike(double dt) {
     auto& s = m_state;
     m_strike -= dt;
@@ -109,7 +109,7 @@ void DriveModel::strike(double dt) {
     if (m_strike <= 0) {
         m_strike = 0;
         s.acceleration = 0;
-        if (s.crashSeverity >= 2) {  // what the car does by itself after an accident
+        if (s.crashSeverity >= 2) {  // the car's own reaction to an accident
             s.highVoltageOn = false;
             s.controls.hazard = true;
             s.controls.locked = false;
@@ -120,7 +120,7 @@ void DriveModel::strike(double dt) {
     }
 }
 
-/// The driver's foot, the cruise control, and where that takes the car.
+/// Driver and cruise control set the acceleration, which moves the car.
 void DriveModel::drive(double dt) {
     auto& s = m_state;
     const auto& c = s.controls;
@@ -136,7 +136,7 @@ void DriveModel::drive(double dt) {
     if (s.gap > 0) {
         s.gap = std::max(2.0, s.gap + s.gapRate * dt);
         const double safe = 4 + 1.6 * std::max(s.speed, 0.0);
-        if (c.cruiseControl || s.gap < safe) {  // nobody drives into the car ahead on purpose
+        if (c.cruiseControl || s.gap < safe) {  // keeps the distance to the car ahead
             wanted = std::min(wanted, std::max(0.0, c.leadSpeed / 3.6 + (s.gap - safe) / 3));
         }
         if (s.gap > 250) {
@@ -152,7 +152,7 @@ void DriveModel::drive(double dt) {
     goal = std::min(goal, std::max(most, 0.0));
     if (c.emergencyBraking && s.moving()) {
         goal = s.speed > 0 ? -std::min(9.5, grip) : std::min(9.5, grip);
-        s.acceleration = goal;  // no gentle build-up
+        s.acceleration = goal;  // at once
     }
     s.antilockIntervention = s.moving() && goal <= -0.95 * std::min(grip, 9.5);
     s.acceleration = towards(s.acceleration, goal, 4.0 * dt);
@@ -184,7 +184,7 @@ void DriveModel::drive(double dt) {
     s.climbRate = s.speed * c.slope / 100;
     s.altitude = std::clamp(s.altitude + s.climbRate * dt, -400.0, 9000.0);
 
-    // The pedals that make this acceleration.
+    // The pedal positions for this acceleration.
     const double rolling = s.moving() ? 0.25 + resisting + 0.00017 * s.speed * s.speed : 0;
     const double demand = s.acceleration + rolling;
     s.acceleratorPedal = canDrive && demand > 0 && (s.moving() || wanted != 0)
@@ -204,7 +204,7 @@ void DriveModel::followRecord(double dt) {
     s.altitude = m_fix.altitude;
     s.speed = m_fix.speed;
     s.heading = wrapDegrees(m_fix.heading);
-    // A record is sampled coarsely: what is derived from it is smoothed over half a second.
+    // A recording is coarse: values derived from it are smoothed over half a second.
     s.acceleration = approach(s.acceleration, std::clamp((s.speed - before) / dt, -12.0, 12.0), dt, 0.5);
     double turn = s.heading - headingBefore;
     turn = turn > 180 ? turn - 360 : turn < -180 ? turn + 360 : turn;
@@ -218,11 +218,11 @@ void DriveModel::followRecord(double dt) {
 
 void DriveModel::wheels() {
     auto& s = m_state;
-    const double turn = s.yawRate * pi / 180;  // rad/s, to the right: the left wheels go the longer way
+    const double turn = s.yawRate * pi / 180;  // rad/s, to the right: the left wheels are faster
     const double difference = turn * Car::track / 2;
     s.rear.wheelSpeedLeft = s.speed + difference;
     s.rear.wheelSpeedRight = s.speed - difference;
-    // The front wheels also go sideways by the wheelbase.
+    // The front wheels also move sideways, by the wheelbase.
     const double sideways = turn * Car::wheelbase;
     const double sign = s.speed < 0 ? -1 : 1;
     s.front.wheelSpeedLeft = sign * std::hypot(s.rear.wheelSpeedLeft, sideways);
@@ -272,7 +272,7 @@ void DriveModel::energy(double dt) {
             s.charging = true;
             s.chargeCompleted = false;
             double offered = c.chargePower;
-            if (c.chargeDc) {  // the battery takes less when cold and when nearly full
+            if (c.chargeDc) {  // a cold or nearly full battery takes less
                 const double cold = std::clamp((s.batteryTemperature + 5) / 25, 0.15, 1.0);
                 const double full = std::clamp((105 - s.stateOfCharge) / 55, 0.1, 1.0);
                 offered = std::min(offered, 170 * cold * full);
@@ -325,7 +325,7 @@ void DriveModel::temperatures(double dt) {
     auto& s = m_state;
     const auto& c = s.controls;
     const double outside = c.outsideTemperature;
-    // Cabin: heat pump against what the body loses.
+    // Cabin: the heat pump compensates the losses of the body.
     const bool climate = c.climate && s.highVoltageOn && (c.ignition || c.plugged);
     const double error = climate ? c.climateTarget - s.interiorTemperature : 0;
     const double lost = 0.1 * (s.interiorTemperature - outside);  // kW

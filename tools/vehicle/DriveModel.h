@@ -1,8 +1,8 @@
 #pragma once
-/// A battery-electric car with two driven axles, as far as its services can see it. Everything follows from
-/// what the driver and the surroundings do (Controls) and from the time that passes: wheel speeds from speed
-/// and curve, power from acceleration, slope and air, charge and range from power, and so on, so that no two
-/// services contradict each other. Nothing here knows a clock; step() is told how much time has passed.
+/// A battery-electric car with two driven axles, as far as its services can see it. Everything is computed
+/// from driver and surroundings (Controls) and from elapsed time: wheel speeds from speed and curve, power
+/// from acceleration, slope and air, charge and range from power, and so on, so that the services are
+/// consistent. The model uses no clock; step() gets the elapsed time.
 #include <array>
 #include <cstdint>
 #include <random>
@@ -18,7 +18,7 @@ enum Door { FrontLeft, FrontRight, RearLeft, RearRight, DoorCount };
 /// Order of all arrays over seats and belts.
 enum Seat { Driver, FrontPassenger, BackLeft, BackMiddle, BackRight, SeatCount };
 
-/// What the people in and around the car and the world do. Set at any time between two steps.
+/// Actions of driver and passengers, and the surroundings. Set at any time between two steps.
 struct Controls {
     // Driving
     double targetSpeed = 0;  ///< km/h that the driver wants; negative in reverse
@@ -33,7 +33,7 @@ struct Controls {
     DrivingMode mode = DrivingMode::Comfort;
     // Adaptive cruise control
     bool cruiseControl = false;
-    double leadDistance = 0;  ///< m to the vehicle ahead at the moment it is set; 0 for none
+    double leadDistance = 0;  ///< m to the vehicle ahead when set; 0 for none
     double leadSpeed = 0;     ///< km/h of the vehicle ahead
     // Lights
     Indicator indicator = Indicator::Off;
@@ -59,7 +59,7 @@ struct Controls {
     double rain = 0;                 ///< mm/h
     bool tunnel = false;             ///< no satellites, and dark
     double friction = 0.9;           ///< of the road; 0.2 is ice
-    double obstacleDistance = 0;     ///< m to what the parking sensors see; 0 for nothing
+    double obstacleDistance = 0;     ///< m to the obstacle at the parking sensors; 0 for none
     // Comfort
     bool climate = true;
     double climateTarget = 21;  ///< degC
@@ -69,7 +69,7 @@ struct Controls {
     bool chargeDc = false;
     double chargeLimit = 80;    ///< %
     double routeRemaining = 0;  ///< km to the destination of the route guidance; 0 without guidance
-    // An accident: happens at the next step and is then None again
+    // An accident: happens at the next step, which sets it back to None
     Impact impact = Impact::None;
 };
 
@@ -81,7 +81,7 @@ struct Axle {
     double windingTemperature = 15;  ///< degC
 };
 
-/// What the car is and does at one moment.
+/// The state of the car at one moment.
 struct VehicleState {
     Controls controls;
     double time = 0;  ///< s since the model began
@@ -153,7 +153,7 @@ struct VehicleState {
     bool moving() const { return speed > 0.05 || speed < -0.05; }
     bool dark() const { return controls.tunnel || controls.brightness < 1000; }
     double speedKmh() const { return speed * 3.6; }
-    double range() const;           ///< km with what the battery holds
+    double range() const;           ///< km with the present charge
     double rangeWhenFull() const;   ///< km
     double dewPoint() const;        ///< degC, outside
     double availablePower() const;  ///< kW
@@ -184,13 +184,13 @@ class DriveModel {
     VehicleState& state() { return m_state; }
     const VehicleState& state() const { return m_state; }
 
-    /// Lets `seconds` pass; long spans are walked in short steps.
+    /// Advances the model by `seconds`, in short steps.
     void step(double seconds);
 
-    /// A recorded place and speed take the place of the driver from now on: the car is there and moves like
-    /// that, and everything else follows. Call before step(), as often as there is something new.
+    /// Replaces the driver by a recorded position and speed; everything else is computed from these. Call
+    /// before step(), whenever there is a new point.
     void follow(double latitude, double longitude, double altitude, double speed, double heading);
-    /// Back to the driver.
+    /// Returns control to the driver.
     void release() { m_following = false; }
 
   private:
@@ -212,7 +212,7 @@ class DriveModel {
     Controls m_previous;
     bool m_following = false;
     Fix m_fix{};
-    double m_strike = 0;  ///< s of the impact that are left
+    double m_strike = 0;  ///< s until the end of the impact
     double m_strikeDeceleration = 0;
     std::mt19937 m_random;
 };

@@ -1,5 +1,5 @@
 #pragma once
-/// What goes wrong on request, by command or at a time.
+/// Faults on request, by command or at a given time.
 #include <string>
 #include <vector>
 
@@ -9,12 +9,12 @@ namespace vlmVehicle {
 
 struct Fault {
     enum Kind {
-        Wire,     ///< `count` notifications of the event go out with `wire`
-        Silence,  ///< nothing is sent for `seconds` (0: until "speak")
+        Wire,     ///< the next `count` notifications of the event have the error `wire`
+        Silence,  ///< sends nothing for `seconds` (0: until "speak")
         Speak,    ///< ends a silence
-        Stop,     ///< the service says stop-offer
-        Offer,    ///< the service is offered again
-        Restart,  ///< the process starts anew, without a stop-offer
+        Stop,     ///< sends stop-offer for the service
+        Offer,    ///< offers the service again
+        Restart,  ///< restarts the process without a stop-offer
     };
     Kind kind = Wire;
     std::string service = "*";  ///< or one name
@@ -23,12 +23,12 @@ struct Fault {
     int count = 1;
     double seconds = 0;
     double at = -1;    ///< s since the vehicle started; negative: at once
-    std::string text;  ///< as it was given
+    std::string text;  ///< as given by the user
 
-    /// "KIND", "KIND EVENT" or "KIND EVENT NUMBER", where EVENT is "*", "Service" or "Service.event" and
-    /// NUMBER is how many notifications (of a wire fault) or how many seconds (of silence).
+    /// Parses "KIND", "KIND EVENT" or "KIND EVENT NUMBER". EVENT is "*", "Service" or "Service.event"; NUMBER
+    /// is the number of notifications (wire faults) or seconds (silence).
     static bool parse(const std::string& text, Fault& out, std::string& error);
-    /// The same with "SECONDS:" before it.
+    /// As parse(), with "SECONDS:" in front.
     static bool parseTimed(const std::string& text, Fault& out, std::string& error);
 
     bool concerns(const std::string& serviceName, const std::string& eventName) const {
@@ -36,7 +36,7 @@ struct Fault {
     }
 };
 
-/// The words that a fault may begin with.
+/// The possible first words of a fault.
 const std::vector<std::string>& faultWords();
 
 }  // namespace vlmVehicle

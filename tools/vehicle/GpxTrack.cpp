@@ -26,7 +26,7 @@ bool toNumber(const char* text, double& out) {
     return end != text && *end == '\0' && std::isfinite(out);
 }
 
-/// "2024-03-01T07:15:20Z", with fractions of a second and a zone as "+01:00" also.
+/// Accepts "2024-03-01T07:15:20Z", also with fractions of a second and with a zone such as "+01:00".
 bool toSeconds(const char* text, double& out) {
     std::tm parts{};
     const char* rest = strptime(text, "%Y-%m-%dT%H:%M:%S", &parts);
@@ -73,7 +73,7 @@ std::size_t lineAt(const std::string& text, std::ptrdiff_t offset) {
     return 1 + static_cast<std::size_t>(std::count(text.begin(), end, '\n'));
 }
 
-/// Tags may carry a name space ("gpx:trkpt").
+/// Tags may have a namespace prefix ("gpx:trkpt").
 bool isTag(const pugi::xml_node& node, const char* tag) {
     const char* name = node.name();
     const char* colon = std::strchr(name, ':');
@@ -89,7 +89,7 @@ pugi::xml_node childOf(const pugi::xml_node& node, const char* tag) {
     return {};
 }
 
-/// Speed and course stand directly in the point (GPX 1.0) or in its extensions.
+/// Finds speed or course, which are members of the point (GPX 1.0) or of its extensions.
 bool extension(const pugi::xml_node& point, const char* tag, double& out) {
     const auto found = point.find_node([&](const pugi::xml_node& node) { return isTag(node, tag); });
     return !found.empty() && toNumber(found.text().get(), out);
@@ -177,7 +177,7 @@ bool GpxTrack::read(const std::string& text, const std::string& name, GpxTrack& 
         if (!hasSpeed[i]) {
             points[i].speed = way / (b.time - a.time);
         }
-        if (!hasHeading[i]) {  // noise of a standing receiver is no course
+        if (!hasHeading[i]) {  // the noise of a receiver at rest is no course
             points[i].heading = way > 0.5 ? courseBetween(a, b) : i == 0 ? 0 : points[i - 1].heading;
         }
     }
@@ -193,7 +193,7 @@ GpxTrack::Point GpxTrack::at(double time) const {
     }
     if (after == m_points.end()) {
         Point last = m_points.back();
-        last.speed = time > last.time ? 0 : last.speed;  // parked where the record ends
+        last.speed = time > last.time ? 0 : last.speed;  // parked where the track ends
         return last;
     }
     const Point& a = *(after - 1);

@@ -1,6 +1,5 @@
 #pragma once
-/// Controls and quantities of the drive model by name: what scenarios, conditions and commands are written
-/// in.
+/// Controls and quantities of the drive model by name, for scenarios, conditions and commands.
 #include <functional>
 #include <string>
 #include <vector>
@@ -9,8 +8,8 @@
 
 namespace vlmVehicle {
 
-/// One thing that a scenario sets. Numbers are as in Controls; a switch is 0 or 1; a choice is the index of
-/// its word.
+/// A control that scenarios set. Numbers are as in Controls; a switch is 0 or 1; a choice is the index of its
+/// word.
 struct ControlName {
     std::string name;
     std::string meaning;             ///< with unit
@@ -19,7 +18,7 @@ struct ControlName {
     std::function<double(const Controls&)> get;
 };
 
-/// One thing that a condition asks.
+/// A quantity that conditions compare.
 struct QuantityName {
     std::string name;
     std::string meaning;
@@ -30,14 +29,14 @@ const std::vector<ControlName>& controlNames();
 const ControlName* findControl(const std::string& name);
 const std::vector<QuantityName>& quantityNames();
 
-/// Sets a control from a text: a number, or one of the words. False with a reason that names what is
-/// possible.
+/// Sets a control from a text: a number or one of the words. Returns false with a reason that lists the
+/// possible values.
 bool setControl(Controls& controls, const std::string& name, const std::string& value, std::string& error);
 
 /// "speed > 30 and chargeState <= 20": comparisons of quantities or controls with numbers or words.
 class Condition {
   public:
-    /// False with a reason when the text is not understood.
+    /// Returns false with a reason when the text is malformed.
     static bool parse(const std::string& text, Condition& out, std::string& error);
     bool holds(const VehicleState& state) const;
 

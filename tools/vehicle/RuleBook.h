@@ -1,5 +1,5 @@
 #pragma once
-/// How the fields of the services' events follow from the drive model.
+/// Rules that compute the fields of events from the drive model.
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -14,7 +14,7 @@
 
 namespace vlmVehicle {
 
-/// What a rule sees.
+/// The input of a rule.
 struct Moment {
     const VehicleState& state;
     const Controls& controls;
@@ -27,8 +27,8 @@ struct Moment {
     bool is(const char* name) const { return keyName == name; }
 };
 
-/// A field's value: a number, a truth, an enumerator's name or a text. `quality` is the enumerator of the
-/// `...ValueType` field beside it.
+/// A field's value: a number, a boolean, an enumerator's name or a text. `quality` is the enumerator of the
+/// accompanying `...ValueType` field.
 struct Reading {
     std::variant<double, std::uint64_t, bool, std::string> value;
     std::string quality = "valid";
@@ -42,14 +42,13 @@ struct Reading {
     Reading(double number, std::string howGood) : value(number), quality(std::move(howGood)) {}
 };
 
-/// A value that does not exist at the moment.
+/// A value that is not available now.
 inline Reading notAvailable(double standIn = 0) {
     return {standIn, "notAvailable"};
 }
 
 using Rule = std::function<Reading(const Moment&)>;
-/// The enumerators of an unkeyed event's first member that are to be sent, one sample each; for a keyed
-/// event the key's enumerators.
+/// Returns the enumerators to send, one sample each: of the key, or of an unkeyed event's first member.
 using KeysRule = std::function<std::vector<std::string>(const VehicleState&)>;
 
 class RuleBook {
@@ -60,7 +59,7 @@ class RuleBook {
     void add(const std::string& event, std::initializer_list<std::pair<const char*, Rule>> fields);
     void keys(const std::string& event, KeysRule rule) { m_keys[event] = std::move(rule); }
 
-    /// Null when there is none. `event` is "Service.event".
+    /// nullptr without a rule. `event` is "Service.event".
     const Rule* rule(const std::string& event, const std::string& field) const;
     const KeysRule* keysRule(const std::string& event) const;
     /// "Service.event.field" of every rule.
@@ -76,7 +75,7 @@ void addEnergyRules(RuleBook& book);
 void addBodyRules(RuleBook& book);
 void addAssistanceRules(RuleBook& book);
 
-/// s until the car touches the one ahead; negative when it does not come closer.
+/// s until the car hits the one ahead; negative when it does not approach.
 double timeToCollision(const VehicleState& state);
 
 }  // namespace vlmVehicle

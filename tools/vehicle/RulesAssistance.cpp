@@ -1,4 +1,4 @@
-// What helps the driver, and what happens when that was not enough.
+// Driver assistance, and accidents.
 #include <algorithm>
 #include <cmath>
 
@@ -60,7 +60,7 @@ Reading velocityChange(M m, bool longitudinal) {
     return along == longitudinal ? sign * m.state.deltaVelocity : 0.0;
 }
 
-/// How near an impact is, in % of the last two seconds before it.
+/// The elapsed part of the two seconds before an impact, in %.
 double imminence(const VehicleState& s) {
     const double time = timeToCollision(s);
     return time >= 0 && time < 2 ? (2 - time) / 2 * 100 : 0;

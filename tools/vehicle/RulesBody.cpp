@@ -1,4 +1,4 @@
-// Doors, locks, belts, lights, climate and what surrounds the car.
+// Doors, locks, belts, lights, climate and surroundings.
 #include <algorithm>
 #include <cmath>
 
@@ -11,7 +11,7 @@ namespace {
 using M = const Moment&;
 using Names = std::vector<std::string>;
 
-/// The door that a key value (1 to 4) names.
+/// The door of a key value (1 to 4).
 std::size_t door(M m) {
     return static_cast<std::size_t>(std::clamp(m.key, 1, static_cast<int>(DoorCount)) - 1);
 }
@@ -33,7 +33,7 @@ bool lightsOn(const VehicleState& s) {
     return s.controls.ignition && s.dark();
 }
 
-/// What keeps a turn lamp blinking; "nobody" when it does not.
+/// The requester of a blinking turn lamp; "nobody" when it is off.
 const char* requester(M m) {
     const auto& s = m.state;
     const auto& c = m.controls;
@@ -181,7 +181,7 @@ void addBodyRules(RuleBook& book) {
             pending.emplace_back("unfastenedWhileDriving");
         }
         if (s.crashSeverity >= 2) {
-            pending.emplace_back("tensionerFault");  // fired: to be replaced
+            pending.emplace_back("tensionerFault");  // has fired and must be replaced
         }
         return pending.empty() ? Names{"noNotification"} : pending;
     });
@@ -255,7 +255,7 @@ void addBodyRules(RuleBook& book) {
         {{"temperaturePhysicalValue",
           [](M m) { return m.is("outside") ? m.controls.outsideTemperature : m.state.interiorTemperature; }},
          {"temperatureRawPhysicalValue",
-          [](M m) {  // sits behind the bumper: too warm while standing
+          [](M m) {  // behind the bumper: too warm at standstill
               return m.is("outside") ? m.controls.outsideTemperature + (m.state.moving() ? 0.4 : 2.2)
                                      : m.state.interiorTemperature + 0.7;
           }},

@@ -10,7 +10,7 @@ namespace {
 
 constexpr double degree = 3.14159265358979323846 / 180;
 constexpr double metresPerDegree = 111320;
-constexpr double geoid = 48.2;  // m of the ellipsoid above mean sea level
+constexpr double geoid = 48.2;  // m between ellipsoid and mean sea level
 
 using M = const Moment&;
 
@@ -18,7 +18,7 @@ bool fused(M m) {
     return m.is("fused");
 }
 
-/// Satellites alone know nothing in a tunnel.
+/// A value from satellites alone is not available in a tunnel.
 Reading fix(M m, double value) {
     return m.state.controls.tunnel && !fused(m) ? notAvailable() : Reading(value);
 }

@@ -12,7 +12,7 @@ namespace {
 
 using M = const Moment&;
 
-/// kWh/100km on the level at a steady speed; what a learnt curve of this car looks like.
+/// kWh/100km on level road at constant speed: the learnt curve of this car.
 double steadyConsumption(double kmh, double auxiliaryPower) {
     const double v = kmh / 3.6;
     const double force = Car::mass * 9.81 * Car::rollingResistance + 0.5 * 1.2 * Car::airDrag * v * v;
@@ -38,7 +38,7 @@ double storedEnergy(const VehicleState& s) {
     return Car::usableEnergy * s.stateOfCharge / 100;
 }
 
-/// kWh that are left at the destination.
+/// kWh left at the destination.
 double surplus(const VehicleState& s) {
     return storedEnergy(s) - s.controls.routeRemaining * s.averageConsumption / 100;
 }

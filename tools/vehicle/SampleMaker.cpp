@@ -31,7 +31,7 @@ const FieldInfo* findField(const DescribedEvent& event, const std::string& name)
     return nullptr;
 }
 
-/// The field whose quality a "...ValueType" field tells; null for any other field.
+/// The field whose quality a "...ValueType" field gives; nullptr for other fields.
 const FieldInfo* companionOf(const DescribedEvent& event, const std::string& name) {
     if (!endsWith(name, companionSuffix)) {
         return nullptr;
@@ -41,7 +41,7 @@ const FieldInfo* companionOf(const DescribedEvent& event, const std::string& nam
     return field != nullptr ? field : findField(event, base);
 }
 
-/// Slow and smooth inside the middle of the field's range, different for each field.
+/// A value that changes slowly in the middle of the field's range, different for each field.
 Reading plausible(const std::string& path, const FieldInfo& field, double time) {
     if (!field.enumerators.empty()) {
         return field.enumerators.front().name;
@@ -85,7 +85,7 @@ IntegerLimits limitsOf(const std::string& type) {
     return {type == "uint64" ? 0.0 : -9.007199254740992e15, 9.007199254740992e15};
 }
 
-/// What an override says. False for null: the field is left out.
+/// Converts the value of an override. Returns false for null: the field is left out.
 bool overridden(const kyo::Json::Value& value, const FieldInfo& field, FieldValue& out) {
     if (value.isNull()) {
         return false;
@@ -190,7 +190,7 @@ std::vector<FieldValues> SampleMaker::make(const std::string& service, const Des
             keys.push_back(value);
         }
     } else if (event.members().size() > 1 && !key->enumerators.empty()) {
-        // Every kind with its value; an enumerator that stands for none of them has none.
+        // One sample per kind; the enumerators for "no kind" have none.
         for (const auto& enumerator : key->enumerators) {
             const std::string name = enumerator.name;
             if (name != "none" && name != "unknown" && name != "noNotification") {

@@ -1,5 +1,5 @@
 #pragma once
-/// Makes the samples of any described event from the drive model.
+/// Creates the samples of any described event from the drive model.
 #include <cstdint>
 #include <map>
 #include <string>
@@ -15,9 +15,9 @@ class SampleMaker {
   public:
     explicit SampleMaker(const RuleBook& rules = RuleBook::standard()) : m_rules(rules) {}
 
-    /// One notification's samples: for a keyed event one per key value that has a writer, for others one
-    /// per value of the first member that applies. May be empty: nothing to tell at the moment.
-    /// Fields without a rule get a plausible value inside their range.
+    /// The samples of one notification: for a keyed event one per key value with a writer, for others one per
+    /// applicable value of the first member. May be empty. Fields without a rule get a plausible value inside
+    /// their range.
     std::vector<qdr::services::FieldValues> make(const std::string& service,
                                                  const qdr::services::DescribedEvent& event,
                                                  const VehicleState& state, std::uint64_t wallMs,
@@ -28,8 +28,8 @@ class SampleMaker {
     std::map<std::pair<const qdr::services::DescribedEvent*, int>, std::uint64_t> m_counts;
 };
 
-/// A field's value as the codec wants it: inside the range and the type of the field. An enumerator that the
-/// field does not have becomes its first one.
+/// Converts a value to the type and range of the field. An enumerator that the field does not have becomes
+/// its first one.
 qdr::services::FieldValue fit(const Reading& reading, const qdr::services::FieldInfo& field);
 
 }  // namespace vlmVehicle

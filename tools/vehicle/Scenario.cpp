@@ -16,7 +16,7 @@ using vlmCheck::kindOf;
 
 namespace {
 
-/// Reads with one error, the first.
+/// Reads members and remembers the first error.
 class Reading {
   public:
     explicit Reading(std::string& error) : m_error(error) { error.clear(); }
@@ -89,7 +89,7 @@ class Reading {
         }
         return result;
     }
-    /// {"control": value, ...}
+    /// Reads {"control": value, ...}.
     std::vector<std::pair<std::string, std::string>> settings(const Value& value, const std::string& path) {
         std::vector<std::pair<std::string, std::string>> result;
         if (value.isNull()) {
@@ -339,13 +339,13 @@ void ScenarioPlayer::begin(DriveModel& model) {
 }
 
 void ScenarioPlayer::apply(DriveModel& model, const Scenario::Change& change) {
-    std::string ignored;  // every setting was tried when the scenario was read
+    std::string ignored;  // Scenario::read() has checked every setting
     for (const auto& [name, value] : change.set) {
         setControl(model.controls(), name, value, ignored);
     }
 }
 
-/// The next phase whose condition holds; false when the scenario is over.
+/// Enters the next phase whose condition holds. Returns false when the scenario is over.
 bool ScenarioPlayer::enterNext(const VehicleState& state) {
     for (std::size_t tried = 0; tried < m_scenario.phases.size(); ++tried) {
         if (++m_phase >= m_scenario.phases.size()) {
@@ -361,7 +361,7 @@ bool ScenarioPlayer::enterNext(const VehicleState& state) {
             return true;
         }
     }
-    m_phase = m_scenario.phases.size();  // no phase wants to be played
+    m_phase = m_scenario.phases.size();  // no phase applies
     return false;
 }
 

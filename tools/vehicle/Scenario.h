@@ -1,6 +1,6 @@
 #pragma once
-/// A story for the vehicle, read from one JSON file: where the car starts, and phases in which controls
-/// change by time and by condition. docs/vehicle.md describes the format.
+/// A scenario for the vehicle from one JSON file: where the car starts, and phases in which controls change
+/// by time and condition. docs/vehicle.md describes the format.
 #include <optional>
 #include <string>
 #include <variant>
@@ -12,7 +12,7 @@
 
 namespace vlmVehicle {
 
-/// Forces one field of one event to a value, whatever the model says.
+/// Forces one field of one event to a value instead of the model's.
 struct FieldOverride {
     std::string service, event, field;
     std::optional<int> key;  ///< only samples with that key value
@@ -28,7 +28,7 @@ struct Scenario {
         double time = 0;                                       ///< s since the phase began
         std::vector<std::pair<std::string, std::string>> set;  ///< control and value
     };
-    struct Course {  ///< a control that follows a line through points
+    struct Course {  ///< a control that is interpolated between points
         std::string control;
         std::vector<std::pair<double, double>> points;  ///< s since the phase began, value
     };
@@ -40,7 +40,7 @@ struct Scenario {
     struct Phase {
         std::string name;
         double duration = 0;
-        std::optional<Condition> condition;  ///< the phase is left out where it does not hold at its start
+        std::optional<Condition> condition;  ///< checked at its start: the phase is skipped if false
         std::optional<Condition> until;      ///< ends the phase early
         std::vector<Change> changes;         ///< ascending by time
         std::vector<Course> courses;
@@ -51,17 +51,17 @@ struct Scenario {
     std::string name;
     std::string description;
     bool loop = false;
-    kyo::Json::Value start;  ///< numbers for the model's state
+    kyo::Json::Value start;  ///< initial values of the model's state
     std::vector<Phase> phases;
     std::vector<FieldOverride> overrides;
     std::vector<std::string> faults;  ///< as given to --fault
 
     double duration() const;
 
-    /// False with a reason that names the place ("phases[2].course.targetSpeed: ...").
+    /// Returns false with a reason that names the path ("phases[2].course.targetSpeed: ...").
     static bool read(const kyo::Json::Value& document, Scenario& out, std::string& error);
     static bool readFile(const std::string& path, Scenario& out, std::string& error);
-    /// Town and country without an end, for a vehicle that was given no scenario.
+    /// An endless drive through town and country, for a vehicle without a scenario.
     static Scenario plainDrive();
 };
 
@@ -71,18 +71,18 @@ class ScenarioPlayer {
     explicit ScenarioPlayer(Scenario scenario) : m_scenario(std::move(scenario)) {}
 
     const Scenario& scenario() const { return m_scenario; }
-    /// Puts the model where the scenario starts.
+    /// Sets the model to the start of the scenario.
     void begin(DriveModel& model);
-    /// Sets the controls for the time `seconds` after the one before. Call before the model's step of that
-    /// length. Does nothing any more once the scenario is over.
+    /// Advances the scenario by `seconds` and sets the controls. Call before the model's step of that length.
+    /// Does nothing once the scenario is over.
     void advance(DriveModel& model, double seconds);
 
     bool over() const { return m_phase >= m_scenario.phases.size(); }
-    /// Name of the phase that is under way; empty when it is over.
+    /// Name of the current phase; empty when the scenario is over.
     std::string phase() const { return over() ? "" : m_scenario.phases[m_phase].name; }
     /// s since the scenario began, not restarted by a loop.
     double time() const { return m_time; }
-    /// The overrides that apply now.
+    /// The overrides in force.
     std::vector<const FieldOverride*> overrides(const VehicleState& state) const;
 
   private:

@@ -14,8 +14,8 @@ namespace vlmVehicle {
 namespace {
 
 constexpr double modelStep = 0.02;  // s
-constexpr double longestGap = 5;    // s of drive that are caught up after the process did not run
-constexpr double latest = 0.5;      // s behind which notifications are left out
+constexpr double longestGap = 5;    // s of drive to catch up after the process was suspended
+constexpr double latest = 0.5;      // s of delay after which notifications are left out
 
 template <typename... Arguments>
 std::string format(const char* pattern, Arguments... arguments) {
@@ -100,7 +100,7 @@ bool Vehicle::prepare(std::string& error) {
     }
     const auto checkOverride = [&](const FieldOverride& entry) {
         const auto state = find(entry.service + "." + entry.event);
-        if (state == m_events.end()) {  // a part of the services is offered, or the name is wrong
+        if (state == m_events.end()) {  // the service is not offered, or the name is wrong
             const bool isKnown = std::find(known.begin(), known.end(), entry.service) != known.end();
             return isKnown || unknownEvent(entry.service + "." + entry.event);
         }
@@ -169,7 +169,7 @@ void Vehicle::start(double now) {
         std::string events;
         for (const auto* event : service->events()) {
             auto& state = m_events[index];
-            // Spread over the period, so that not everything comes at one moment.
+            // Spread over the period, so that events do not all come at the same moment.
             const double offset =
                 state.recording ? 0 : state.period * std::fmod(0.618 * static_cast<double>(index + 1), 1);
             m_due.push({offset, index++});

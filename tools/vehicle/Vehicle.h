@@ -1,6 +1,6 @@
 #pragma once
-/// Offers described services and sends their events: values from the drive model under a scenario or a
-/// recorded track, samples from CSV files, and faults on request.
+/// Offers described services and sends their events: samples from the drive model (with a scenario or a
+/// recorded track) or from CSV files, and faults on request.
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -21,45 +21,46 @@
 namespace vlmVehicle {
 
 struct VehicleOptions {
-    std::vector<std::string> services;        ///< empty: all that are described
-    double rate = 1;                          ///< how much faster than their natural rates events are sent
+    std::vector<std::string> services;        ///< empty: all described services
+    double rate = 1;                          ///< factor on the natural rates of events
     unsigned periodMs = 0;                    ///< one period for all events; 0: their natural ones
     std::map<std::string, unsigned> periods;  ///< ms of single events, by "Service.event"
     std::string scenario;                     ///< file; empty: the plain drive
-    std::string track;                        ///< GPX file; takes the place of the driver
+    std::string track;                        ///< GPX file; replaces the driver
     std::vector<std::pair<std::string, std::string>> recordings;  ///< "Service.event" and CSV file
-    bool loop = false;  ///< recordings and track start again at their end
+    bool loop = false;  ///< recordings and track restart at their end
     std::vector<Fault> faults;
     double timeFactor = 1;  ///< s of drive in one s
-    double startTime = 0;   ///< s that the drive is to be advanced before it begins
+    double startTime = 0;   ///< s by which the drive is advanced at the start
     unsigned seed = 1;
 };
 
 class Vehicle {
   public:
-    /// `print` gets whole lines without their end, from any thread.
+    /// `print` gets whole lines without a line end, on any thread.
     using Print = std::function<void(const std::string& line)>;
 
     Vehicle(VehicleOptions options, Print print);
 
-    /// Makes the services and reads the files. False with a reason when something is unknown or wrong.
+    /// Creates the services and reads the files. Returns false with a reason when a name is unknown or a file
+    /// wrong.
     bool prepare(std::string& error);
-    /// Offers everything and says so. `now` is any steady time in s, as in advance().
+    /// Offers everything and prints that. `now` is a steady time in s, as in advance().
     void start(double now);
-    /// Does all that is due at `now`; answers when to be called again at the latest.
+    /// Does everything that is due at `now`. Returns the latest time of the next call.
     double advance(double now);
-    /// A line of the operator: a fault, "set CONTROL VALUE", "status", "help". False with a reason.
+    /// Executes a command: a fault, "set CONTROL VALUE", "status" or "help". Returns false with a reason.
     bool command(const std::string& line, std::string& error);
-    /// Takes back all offers.
+    /// Stops all offers.
     void stop();
 
     std::string statusLine() const;
     /// One line per event that was subscribed or sent.
     std::vector<std::string> summary() const;
     double elapsed() const { return m_elapsed; }
-    /// True once a fault has asked for it; the caller replaces the process.
+    /// True once a fault has requested a restart; the caller restarts the process.
     bool restartWanted() const { return m_restart; }
-    /// Recordings without `loop` have come to their end, or the scenario has.
+    /// True when the recordings (without `loop`) or the scenario have ended.
     bool finished() const;
 
   private:
@@ -69,7 +70,7 @@ class Vehicle {
         std::string path;   ///< "Service.event"
         double period = 1;  ///< s
         std::optional<CsvRecording> recording;
-        std::size_t next = 0;  ///< notification of the recording
+        std::size_t next = 0;  ///< index of the next notification
         double recordingStart = 0;
         std::uint64_t samples = 0;
         std::uint64_t notifications = 0;
@@ -84,7 +85,7 @@ class Vehicle {
     };
     struct Silence {
         Fault fault;
-        double until;  ///< 0: until told otherwise
+        double until;  ///< 0: until "speak"
     };
 
     void driveTo(double now);
@@ -104,10 +105,10 @@ class Vehicle {
     SampleMaker m_samples;
     std::vector<Fault> m_timed;  ///< ascending by time
     std::size_t m_nextFault = 0;
-    std::vector<Fault> m_wireFaults;  ///< with notifications left
+    std::vector<Fault> m_wireFaults;  ///< with notifications left to send
     std::vector<Silence> m_silences;
     double m_start = 0;
-    double m_driven = 0;  ///< s of real time that the model has seen
+    double m_driven = 0;  ///< s of real time that the model was advanced
     double m_elapsed = 0;
     std::uint64_t m_late = 0;
     bool m_restart = false;

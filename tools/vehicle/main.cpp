@@ -26,13 +26,13 @@ namespace {
 
 using namespace vlmVehicle;
 
-constexpr const char* restartedVariable = "VLM_VEHICLE_RESTARTED_AT";  // s after which the drive goes on
+constexpr const char* restartedVariable = "VLM_VEHICLE_RESTARTED_AT";  // s at which the drive continues
 
 std::mutex outputMutex;
 
 void print(const std::string& line) {
     const std::lock_guard<std::mutex> lock(outputMutex);
-    std::cout << line << std::endl;  // each line is to be seen at once, also through a pipe
+    std::cout << line << std::endl;  // flushed, so that a pipe's reader gets each line at once
 }
 
 /// The platform's own messages, on standard error.
@@ -70,7 +70,7 @@ std::pair<std::string, std::string> splitAt(const std::string& text, const char*
     return {text.substr(0, sign), text.substr(sign + 1)};
 }
 
-/// The "someip" section: of a manifest file where one is named, with the options on top.
+/// The "someip" section of the manifest file, if one is given, changed by the options.
 std::string someipSection(const cxxopts::ParseResult& given) {
     kyo::Json::Value section(kyo::Json::objectValue);
     section["address"] = "127.0.0.2";
@@ -265,8 +265,7 @@ class Commands {
     std::string m_rest;
 };
 
-/// Starts this program anew in the same process, as a control unit does after a power failure: nobody is
-/// told.
+/// Restarts the program in the same process, like a control unit after a power failure: no peer is notified.
 [[noreturn]] void restart(char** argv, double elapsed) {
     ::setenv(restartedVariable, std::to_string(elapsed).c_str(), 1);
     ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
@@ -318,7 +317,7 @@ void run(const Arguments& arguments, char** argv, int signals) {
         if (polled[1].revents != 0) {
             std::vector<std::string> lines;
             if (!commands.read(lines)) {
-                polled[1].fd = -1;  // nobody types any more; the drive goes on
+                polled[1].fd = -1;  // no more commands; the drive continues
             }
             for (const auto& line : lines) {
                 std::string reason;
@@ -339,7 +338,7 @@ void run(const Arguments& arguments, char** argv, int signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Blocked before any thread exists, so that all threads leave the signals to the loop in run().
+    // Blocked before any thread exists, so that only the loop in run() receives the signals.
     sigset_t stops;
     sigemptyset(&stops);
     sigaddset(&stops, SIGINT);
@@ -349,11 +348,11 @@ int main(int argc, char** argv) {
     const int signals = ::signalfd(-1, &stops, SFD_CLOEXEC);
     try {
         const Arguments arguments = readArguments(argc, argv);
-        kyo::Log::setProductLogger(new StandardError);  // lines may come until the process ends
+        kyo::Log::setProductLogger(new StandardError);  // threads log until the process ends
         kyo::Log::setReportingLevel(arguments.logLevel);
         run(arguments, argv, signals);
         return 0;
-    } catch (const std::exception& error) {  // of the option parser, mostly
+    } catch (const std::exception& error) {  // mostly from the option parser
         std::cerr << "vlm-vehicle: " << error.what() << '\n';
         return 1;
     }

@@ -8,7 +8,7 @@ namespace qdr::services {
 
 namespace {
 
-/// The whole number that a value stands for: true as 1, a number without a fraction, an enumerator's name.
+/// Converts a value to an integer: true is 1, a number must have no fraction, a text is an enumerator's name.
 struct WholeNumber {
     bool valid = false;
     bool negative = false;

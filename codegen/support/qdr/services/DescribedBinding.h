@@ -1,5 +1,5 @@
 #pragma once
-/// Joins the data-driven access of described.h to the generated skeletons and data types.
+/// Implements the data-driven access of described.h with the generated skeletons and data types.
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -16,7 +16,7 @@
 
 namespace qdr::services {
 
-/// A field as generated code writes it down: constant data, which compiles fast.
+/// A field as constant data in generated code, which compiles fast.
 struct FieldRow {
     const char* name;
     const char* type;
@@ -31,10 +31,10 @@ struct FieldRow {
 /// An event's description without key, writers and members.
 EventDescription describeEvent(const ac::com::EventInterface& event, std::span<const FieldRow> fields,
                                unsigned int cycleMs);
-/// The names in a text that separates them by single blanks.
+/// Splits a text at its single blanks.
 std::vector<std::string> splitNames(std::string_view names);
 
-/// Fills one sample from values by name. Keeps the first thing that is wrong.
+/// Fills one sample from values by name. Remembers the first error.
 class SampleSource {
   public:
     SampleSource(const EventDescription& event, const FieldValues& values)
@@ -65,7 +65,7 @@ class SampleSource {
         }
     }
 
-    /// What is wrong, or empty: a value that does not fit, or a name that is no field.
+    /// The first error (a value that does not fit, a name that is no field), or empty.
     std::string error();
 
   private:
@@ -99,7 +99,7 @@ class SampleSource {
     std::string m_error;
 };
 
-/// An event of a skeleton, reached as data.
+/// Data-driven access to an event of a skeleton.
 template <class DT>
 class BoundEvent final : public DescribedEvent {
   public:
@@ -144,7 +144,7 @@ class BoundEvent final : public DescribedEvent {
     const Fill m_fill;
 };
 
-/// A service with its skeleton.
+/// Data-driven access to a service; owns its skeleton.
 template <class Skeleton>
 class BoundService final : public DescribedService {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-/// What the generated registrations share.
+/// Common parts of the generated registrations.
 #include <cstdint>
 #include <rttr/type>
 
@@ -7,7 +7,7 @@
 
 namespace qdr::services {
 
-/// Makes an optional enumeration convertible in a variant, see registration.h.
+/// Makes optional enumerations in a variant convertible; see registration.h.
 template <typename E>
 void registerOptional() {
     rttr::type::register_converter_func([](const eb::com::optional<E>& value, bool& ok) -> std::int64_t {

@@ -1,6 +1,6 @@
 #pragma once
-/// The described services as data: what a vehicle, a test or a bench needs to offer any of them and to send
-/// any of its events without naming a generated type.
+/// The described services as data: vehicles, tests and benchmarks offer any service and send any event
+/// without naming a generated type.
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -15,7 +15,7 @@
 namespace qdr::services {
 
 using FieldValue = std::variant<bool, std::int64_t, std::uint64_t, double, std::string>;
-/// The fields of one sample by name; a field that is not in it is an optional without a value.
+/// The fields of one sample by name; a missing field is an optional without a value.
 using FieldValues = std::map<std::string, FieldValue>;
 
 struct EnumeratorInfo {
@@ -25,8 +25,8 @@ struct EnumeratorInfo {
 
 struct FieldInfo {
     const char* name;
-    const char* type;  ///< "double", "uint8", "bool", "string", ...; of an enumeration its underlying type
-    const char* unit;  ///< empty where the description gives none
+    const char* type;  ///< "double", "uint8", "bool", "string", ...; the underlying type of an enumeration
+    const char* unit;  ///< may be empty
     const char* meaning;
     bool hasRange = false;
     double minimum = 0;
@@ -41,8 +41,8 @@ struct EventDescription {
     std::string key;                  ///< the member that selects a writer; empty for an unkeyed event
     unsigned int cycleMs = 0;         ///< natural period
     std::vector<FieldInfo> fields{};  ///< position = data id on the wire
-    std::map<int, std::vector<std::string>> writers{};  ///< keyed: what a record holds for each key value
-    std::vector<std::string> members{};                 ///< unkeyed: what a record holds, in order
+    std::map<int, std::vector<std::string>> writers{};  ///< keyed: members of a record, by key value
+    std::vector<std::string> members{};                 ///< unkeyed: members of a record, in order
 };
 
 /// One event of a described service. Lives as long as its service.
@@ -62,18 +62,19 @@ class DescribedEvent {
     const std::map<int, std::vector<std::string>>& writers() const { return m_description.writers; }
     const std::vector<std::string>& members() const { return m_description.members; }
 
-    /// Sends one notification with these samples to each subscriber; does not block on them. Numbers convert
-    /// to the field's type when they fit; an enumeration also takes an enumerator's name. False when a field
-    /// is unknown or a value does not fit, with the reason in `error`, or when the network refuses; nothing
-    /// is sent then. Not for two threads at once on the same event.
+    /// Sends one notification with these samples to each subscriber; does not wait for them. Numbers are
+    /// converted to the field's type if they fit; an enumeration also accepts an enumerator's name. Returns
+    /// false and sends nothing when a field is unknown or a value does not fit (error() gives the reason), or
+    /// when the network refuses. One thread at a time per event.
     virtual bool send(const std::vector<FieldValues>& samples) = 0;
-    /// The same with a fault in what goes out.
+    /// As send(), with a deliberate error in the message.
     virtual bool sendFaulty(const std::vector<FieldValues>& samples, const someip::WireFault& fault) = 0;
-    /// Why the last send was refused before it reached the network, naming event and field; else empty.
+    /// Why the last send was refused before it reached the network, with event and field; else empty.
     const std::string& error() const { return m_error; }
 
     virtual std::size_t subscribers() const = 0;
-    /// Called on a middleware thread with the peer's address each time one subscribes or leaves.
+    /// `handler` is called on a thread of the middleware with the peer's address when a peer subscribes or
+    /// leaves.
     virtual void setSubscriptionHandler(
         std::function<void(const std::string& peer, bool subscribed)> handler) = 0;
 
@@ -82,7 +83,7 @@ class DescribedEvent {
     std::string m_error;
 };
 
-/// One described service with a skeleton of its own. Needs a running middleware component.
+/// One described service; owns a skeleton. Needs a running middleware component.
 class DescribedService {
   public:
     virtual ~DescribedService() = default;
@@ -94,13 +95,13 @@ class DescribedService {
 
     virtual bool offer() = 0;
     virtual void stopOffer() = 0;
-    /// In the order of the description. The pointers are valid as long as the service.
+    /// In the order of the description. The service owns the events.
     virtual std::vector<DescribedEvent*> events() = 0;
 };
 
 /// The names of all described services, ascending.
 const std::vector<std::string>& describedServiceNames();
-/// Makes the service with its skeleton, not yet offered; empty for a name that is not described.
+/// Creates the service with its skeleton, not yet offered. Returns nullptr for an unknown name.
 std::unique_ptr<DescribedService> makeDescribedService(const std::string& name);
 
 }  // namespace qdr::services
