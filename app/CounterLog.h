@@ -6,14 +6,14 @@
 
 namespace vlmProd {
 
-/// Tells in the log, at most once a minute, which counters have changed, so that a log alone shows what went
-/// through and where something was lost. For one thread.
+/// Logs, at most once a minute, which counters have changed, so that the log alone shows throughput and
+/// losses. For one thread.
 class CounterLog {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /// Logs one line at level 5 when a minute has passed since the last look and a counter has changed. What
-    /// the log counts of itself does not bring a line about, as each line would bring about the next.
+    /// Logs one line at level 5 if a minute has passed since the last call and a counter has changed. The
+    /// log's own counters of written lines do not count as a change: each line would cause the next.
     void look(Clock::time_point now);
 
   private:

@@ -2,8 +2,8 @@
 
 namespace vlmProd {
 
-/// Whether the application is in its normal running state: true once main has begun its work, false while
-/// the state manager prepares the shutdown. Any thread.
+/// True while the application runs normally: from the start of main's work until the state manager prepares
+/// the shutdown. Any thread.
 bool isApplicationRunning();
 void setApplicationRunning(bool running);
 

@@ -19,10 +19,10 @@ constexpr char kHandlerSignature[] = "void signal_handler(int32_t)";
 constexpr char kHandlerText[] = "SIGNAL HANDLER HAPPENED= ";
 
 std::atomic<bool> g_exitRequested{false};
-/// True on the main thread while it sleeps with the signals open, and holds no lock.
+/// True on the main thread while it sleeps with the signals unblocked and holds no lock.
 thread_local std::atomic<bool> t_isWaiting{false};
 
-/// Uses nothing that could wait for a lock or allocate.
+/// Neither locks nor allocates.
 void writeHandlerLine(std::int32_t number) {
     char line[96];
     std::size_t length = 0;
@@ -49,8 +49,8 @@ void setOfStopSignals(sigset_t& set) {
 }  // namespace
 
 void signal_handler(std::int32_t number) {
-    const int before = errno;  // may be about to be read where this interrupts
-    // Closed while the line is written: what interrupts that, an abort, must not log the usual way.
+    const int before = errno;  // the interrupted code may be about to read it
+    // False while the line is logged: an abort that interrupts this must not use the log.
     if (t_isWaiting.exchange(false, std::memory_order_relaxed)) {
         std::atomic_signal_fence(std::memory_order_seq_cst);
         VLM_LOG_PLAIN_AS(5, kHandlerSignature, kHandlerText << number);
@@ -77,7 +77,7 @@ void installSignalHandlers() {
     struct sigaction action {};
     action.sa_handler = signal_handler;
     action.sa_flags = SA_RESTART;
-    setOfStopSignals(action.sa_mask);  // one at a time, also where the wait's open mask is in force
+    setOfStopSignals(action.sa_mask);  // one signal at a time, also with the wait's mask
     for (const int number : {SIGINT, SIGTERM, SIGABRT, SIGKILL}) {
         ::sigaction(number, &action, nullptr);
     }
@@ -105,7 +105,7 @@ void waitForStopSignal(std::chrono::seconds limit) {
         timeout.tv_nsec = std::chrono::nanoseconds(left - seconds).count();
         t_isWaiting.store(true, std::memory_order_relaxed);
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        ::ppoll(nullptr, 0, &timeout, &open);  // signals that end nothing only wake it
+        ::ppoll(nullptr, 0, &timeout, &open);  // other signals only wake it
         std::atomic_signal_fence(std::memory_order_seq_cst);
         t_isWaiting.store(false, std::memory_order_relaxed);
     }

@@ -29,7 +29,7 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// The run of digits at `at`, which is moved behind it. No array is longer than the limit that it stops at.
+/// Reads the digits at `at` and advances `at`. The value saturates at a limit beyond the length of any array.
 long long readDigits(const std::string& key, std::size_t& at) {
     constexpr long long limit = std::numeric_limits<std::uint32_t>::max();
     long long number = 0;
@@ -78,7 +78,7 @@ VLMConfig::VLMConfig(const std::string& path) : m_configFilePath(path) {
     m_configVersion = getFileHash(path);
 }
 
-// Not const: the signature in the log lines, whose line numbers are part of them too, is known without it.
+// Not const: the function's log lines contain its signature, and operators know it without const.
 const Value& VLMConfig::getJsonValue(const std::string& key, int arrayIndex) {
     const Value* current = &m_root;
     std::size_t at = 0;

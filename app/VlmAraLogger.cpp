@@ -28,7 +28,8 @@ void VlmAraLogger::logData(std::string message, kyo::LogLevel level) {
         case 7:
             ara::log::LogDebug() << std::move(message);
             break;
-        default:  // level 1 too: its one line tells of a malformed file, and is known as information
+        default:  // also level 1: its only line reports a malformed file, and operators know it as
+                  // information
             ara::log::LogInfo() << std::move(message);
             break;
     }

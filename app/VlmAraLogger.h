@@ -5,8 +5,8 @@
 
 namespace vlmProd {
 
-/// Forwards every finished log line to ara::log, on a stream chosen by its level. Created by start-up and
-/// never destroyed: any thread may log until the process has ended.
+/// Forwards every log line to the ara::log stream of its level. Created by start-up and never destroyed: any
+/// thread may log until the process ends.
 class VlmAraLogger : public kyo::ProductLogger {
   public:
     VlmAraLogger();

@@ -1,5 +1,5 @@
-// The process: wires the system together in a fixed order, keeps the health supervision fed until a signal
-// asks for the end, and takes leave. All work happens on threads and callbacks that start-up creates.
+// The process: connects the parts of the system in a fixed order, reports to health management until a signal
+// requests the exit, and shuts down. All work happens on threads and in callbacks that start-up creates.
 #include <stdlib.h>
 
 #include <chrono>
@@ -39,13 +39,13 @@ constexpr char kCatalogPath[] = "/etc/VLM_Available_Signals_Catalog_20210311.jso
 constexpr kyo::LogLevel kReportingLevel = 7;
 constexpr std::chrono::seconds kAlivePeriod{30};
 
-// The prefixes of this file's lines, whichever helper writes them.
+// The log prefixes in this file, whichever function logs.
 constexpr char kMain[] = "int main(int, char**)";
 constexpr char kStateCallback[] =
     "main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)>";
 
 struct CommandLine {
-    std::string helpText;  ///< empty unless help was asked for
+    std::string helpText;  ///< empty unless help was requested
     bool hasConfigFile = false;
     std::string configFile;
     bool hasLocalFile = false;
@@ -53,7 +53,7 @@ struct CommandLine {
 };
 
 void installLogger() {
-    // Never destroyed: detached threads log until the process has ended.
+    // Never destroyed: detached threads log until the process ends.
     kyo::Log::setProductLogger(new VlmAraLogger);
     kyo::Log::setReportingLevel(kReportingLevel);
 }
@@ -140,7 +140,7 @@ void onComponentState(const ara::stm::ComponentClient& client, std::uint32_t req
     }
 }
 
-/// Without a state manager the process goes on.
+/// Returns nullptr without a state manager; the process continues.
 std::unique_ptr<ara::stm::ComponentClient> createStateClient() {
     std::unique_ptr<ara::stm::ComponentClient> client;
     try {
@@ -154,14 +154,14 @@ std::unique_ptr<ara::stm::ComponentClient> createStateClient() {
     return client;
 }
 
-/// The catalog's version is the name under which the backend knows this collection function.
+/// Returns the catalog's version: the name by which the backend knows this collection function.
 std::string loadCatalog() {
     FilesReturnCode code = FilesReturnCode::Ok;
     VlmJsonCatalog::createSingleton(kCatalogPath, code);
     VLM_LOG_PLAIN_AS(5, kMain, "Successfully created the catalog file parser");
     std::string serverName = VlmJsonCatalog::getInstance()->getCatalogVersion();
     if (serverName.empty()) {
-        // A bare text: start-up then ends as an unknown exception, which is how operators know this fault.
+        // A bare text: start-up then ends with "unknown exception", by which operators know this fault.
         throw "Server name from JSON catalog is empty";
     }
     VLM_LOG_PLAIN_AS(5, kMain, "Server name = " << serverName);
@@ -196,7 +196,7 @@ void keepAlive(vlmHeartBeat& heartBeat) {
     }
 }
 
-/// What the exception that is being handled says.
+/// The message of the exception that is being handled.
 std::string reason() {
     try {
         throw;
@@ -215,7 +215,7 @@ std::string reason() {
 
 int main(int argc, char** argv) {
     blockStopSignals();
-    std::unique_ptr<ara::stm::ComponentClient> componentClient;  // declared first, as it is the last to end
+    std::unique_ptr<ara::stm::ComponentClient> componentClient;  // declared first, so it is destroyed last
     ::setenv("APP_INSTANCE_ID", kApplicationName, 1);
     ara::exec::ApplicationClient applicationClient;
     applicationClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
@@ -246,7 +246,7 @@ int main(int argc, char** argv) {
     VLM_LOG_PLAIN_AS(5, kMain, "Exiting from main");
     heartBeat.reset();
     applicationClient.ReportApplicationState(ara::exec::ApplicationState::kTerminating);
-    // The middleware ends now, then the application client. Threads of the singletons may still be at work
-    // until the process is gone: all that they use is left to the operating system.
+    // Destructors now end the middleware, then the application client. Threads of the singletons may run
+    // until the process ends, so everything that they use is left to the operating system.
     return 0;
 }

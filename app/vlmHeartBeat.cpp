@@ -9,7 +9,7 @@ vlmHeartBeat::vlmHeartBeat() {
 }
 
 vlmHeartBeat::~vlmHeartBeat() {
-    // Both use the client, which the fields' order alone would end before the entity.
+    // Both use the client, but the members' order would destroy it before the entity.
     m_healthChannel.reset();
     m_supervisionEntity.reset();
 }
@@ -20,7 +20,7 @@ void vlmHeartBeat::InitializePHM() {
     m_checkpointId = 6521;
     m_supervisionCycle = 600;
     m_expectedIndication = 10;
-    // The earlier ones go before the client that they use.
+    // Existing ones are destroyed before the client that they use.
     m_healthChannel.reset();
     m_supervisionEntity.reset();
     m_phmClient = std::make_unique<ara::phm::Phm_client>(m_instanceName);

@@ -7,23 +7,23 @@
 
 namespace vlmProd {
 
-/// Reports to platform health management that the main loop turns. Used by the main thread only.
+/// Reports to platform health management that the main loop runs. Used by the main thread only.
 class vlmHeartBeat {
   public:
-    /// Connects; exceptions of the platform pass through.
+    /// Connects to health management. Throws the platform's exceptions.
     vlmHeartBeat();
     virtual ~vlmHeartBeat();
     vlmHeartBeat(const vlmHeartBeat&) = delete;
     vlmHeartBeat& operator=(const vlmHeartBeat&) = delete;
 
-    /// Makes the client, the supervision entity and the health channel, in place of any made before.
+    /// Creates the client, the supervision entity and the health channel; replaces existing ones.
     void InitializePHM();
-    /// Reports one alive checkpoint; without a supervision entity it only says so. Does not block.
+    /// Reports one alive checkpoint; without a supervision entity only logs. Does not block.
     void sendAliveSignal();
 
   protected:
     struct Unconnected {};
-    /// As if health management had not been there.
+    /// For tests: not connected to health management.
     explicit vlmHeartBeat(Unconnected /*tag*/) {}
 
   private:

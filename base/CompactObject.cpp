@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::size_t kNone = std::string_view::npos;
 
-/// The place behind the string whose opening quote is at `at`.
+/// The position after the string whose opening quote is at `at`.
 std::size_t behindString(std::string_view text, std::size_t at) {
     for (std::size_t end = text.find('"', at + 1); end != kNone; end = text.find('"', end + 1)) {
         std::size_t backslashes = 0;
@@ -20,8 +20,8 @@ std::size_t behindString(std::string_view text, std::size_t at) {
     return kNone;
 }
 
-/// The place behind the array or object whose bracket is at `at`. Brackets are counted, not matched: the
-/// writer's do match.
+/// The position after the array or object whose bracket is at `at`. Counts brackets without matching their
+/// kinds, which is enough for our writer's text.
 std::size_t behindNested(std::string_view text, std::size_t at) {
     for (int open = 0; at < text.size();) {
         switch (text[at]) {
@@ -76,7 +76,7 @@ CompactObject::CompactObject(std::string_view text) : m_text(text) {
 }
 
 bool CompactObject::next() {
-    // The one brace that goes before a member is the first character.
+    // Only the first character is a brace before a member.
     if (m_at >= m_text.size() || (m_at != 0 && m_text[m_at] != ',')) {
         return false;
     }
@@ -90,7 +90,7 @@ bool CompactObject::next() {
         return false;
     }
     const std::size_t end = behindValue(m_text, colon + 1);
-    if (end >= m_text.size() || end == colon + 1) {  // a brace at least has to follow
+    if (end >= m_text.size() || end == colon + 1) {  // at least a brace must follow
         return false;
     }
     m_name = m_text.substr(begin + 1, colon - begin - 2);

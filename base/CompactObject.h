@@ -4,21 +4,20 @@
 
 namespace vlmProd {
 
-/// Walks the members of an object in compact JSON text, in the order in which they stand, without reading
-/// their values:
+/// Iterates over the members of an object in compact JSON text, in their order, without reading the values:
 ///
 ///     for (CompactObject object(text); object.next();) { use(object.name(), object.value()); }
 ///
-/// Meant for what our own writer made. In other text the walk ends where it stops being an object, never
-/// behind the text's end.
+/// Meant for text from our own writer. In other text it stops where the text is no object, and never reads
+/// past the end.
 class CompactObject {
   public:
     explicit CompactObject(std::string_view text);
 
-    /// Goes to the next member. False at the end.
+    /// Moves to the next member. Returns false at the end.
     bool next();
 
-    /// Of the member at hand, as it stands in the text: the name without its quotes, escapes kept.
+    /// Name and value of the current member, as in the text; the name without quotes, with its escapes.
     std::string_view name() const { return m_name; }
     std::string_view value() const { return m_value; }
     /// Name, colon and value.
@@ -26,7 +25,7 @@ class CompactObject {
 
   private:
     std::string_view m_text;
-    std::size_t m_at = 0;  ///< the comma or brace before the next member; beyond the text at the end
+    std::size_t m_at = 0;  ///< the comma or brace before the next member; past the text at the end
     std::string_view m_name;
     std::string_view m_value;
     std::string_view m_whole;

@@ -11,7 +11,7 @@
 
 namespace vlmProd {
 
-/// First in, first out. Every value has a weight; size() is the sum of the weights.
+/// A FIFO queue. Every value has a weight; size() is the sum of the weights.
 template <typename T>
 class Queue {
   public:
@@ -23,15 +23,15 @@ class Queue {
     virtual unsigned int size() = 0;
 };
 
-/// The queue between any number of producers and consumers. Nothing blocks for long: the lock is held only
-/// to link or unlink one node, memory is taken and given back outside of it.
+/// A queue for any number of producers and consumers. No operation blocks for long: the lock is held only to
+/// link or unlink one node; memory is allocated and freed outside it.
 ///
-/// Policy when the lock cannot be had: put() gives up after ten tries, 100 microseconds apart, and the value
-/// is lost; `dropped` counts it. There is no upper limit to the length.
+/// put() tries the lock ten times, 100 microseconds apart; then it drops the value and counts that in
+/// `dropped`. The length is not limited.
 template <typename T>
 class ConcurrentQueue : private Queue<T> {
   public:
-    /// `dropped` counts the values that put() had to give up, and must outlive the queue.
+    /// `dropped` counts the values that put() drops. It must outlive the queue.
     explicit ConcurrentQueue(kyo::Counter* dropped = nullptr) : m_dropped(dropped) {}
     ConcurrentQueue(const ConcurrentQueue&) = delete;
     ConcurrentQueue& operator=(const ConcurrentQueue&) = delete;
@@ -41,7 +41,7 @@ class ConcurrentQueue : private Queue<T> {
         }
     }
 
-    /// Appends the value. False: the lock was taken at each of ten tries and the value is lost.
+    /// Appends the value. Returns false when all ten tries found the lock taken: the value is dropped.
     bool put(T value, unsigned int size) override {
         auto node = std::make_unique<Node>(std::move(value), size);
         for (int attempt = 1; !m_mutex.tryLock(); ++attempt) {
@@ -65,7 +65,7 @@ class ConcurrentQueue : private Queue<T> {
         return true;
     }
 
-    /// Removes the oldest value and moves it to `value`. False when the queue is empty.
+    /// Removes the oldest value and moves it to `value`. Returns false when the queue is empty.
     bool take(T* value) override {
         std::unique_ptr<Node> node;
         {
@@ -84,16 +84,17 @@ class ConcurrentQueue : private Queue<T> {
         return true;
     }
 
-    /// Copies the oldest value. False when the queue is empty.
+    /// Copies the oldest value. Returns false when the queue is empty.
     bool front(T* value) override {
         return withFront([value](const T& oldest) { *value = oldest; });
     }
-    /// Copies the newest value. False when the queue is empty.
+    /// Copies the newest value. Returns false when the queue is empty.
     bool back(T* value) override {
         return withBack([value](const T& newest) { *value = newest; });
     }
 
-    /// Calls `look(const T&)` with the oldest value while the queue is locked. False when it is empty.
+    /// Calls `look(const T&)` with the oldest value, with the lock held. Returns false when the queue is
+    /// empty.
     template <typename F>
     bool withFront(F&& look) {
         const std::lock_guard<kyo::Mutex> lock(m_mutex);
@@ -112,7 +113,7 @@ class ConcurrentQueue : private Queue<T> {
         return m_tail != nullptr;
     }
 
-    /// The sum of the weights of what is queued (modulo 2^32). Takes no lock.
+    /// The sum of the weights of the queued values (modulo 2^32). Takes no lock.
     unsigned int size() override { return m_total.load(); }
 
   private:

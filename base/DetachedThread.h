@@ -7,11 +7,11 @@
 
 namespace vlmProd {
 
-/// Runs `work` on a thread that nobody waits for. Throws std::system_error when the system has none left.
+/// Runs `work` on a detached thread. Throws std::system_error when the system has no thread left.
 ///
-/// The thread is made detached. To detach it once it runs would touch it again, and one as short as a
-/// dispatch may have ended by then and taken its stack along: a fault of the C library that ends the process
-/// once in some million threads.
+/// The thread is created detached. Detaching it later would access it again, when a short thread may already
+/// have ended and freed its stack: a fault of the C library that ends the process once in some million
+/// threads.
 template <typename Work>
 void startDetached(Work work) {
     auto owned = std::make_unique<Work>(std::move(work));
@@ -29,7 +29,7 @@ void startDetached(Work work) {
     if (error != 0) {
         throw std::system_error(error, std::generic_category(), "pthread_create");
     }
-    static_cast<void>(owned.release());  // the thread's, from its start on
+    static_cast<void>(owned.release());  // the thread owns it now
 }
 
 }  // namespace vlmProd

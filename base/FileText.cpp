@@ -13,7 +13,7 @@ bool readWholeFile(const std::string& path, std::string& text) {
     }
     try {
         text.assign(std::istreambuf_iterator<char>(file), {});
-    } catch (const std::ios_base::failure&) {  // a folder opens, but does not read
+    } catch (const std::ios_base::failure&) {  // a folder can be opened, but not read
         text.clear();
         return false;
     }

@@ -3,7 +3,7 @@
 
 namespace vlmProd {
 
-/// The bytes of a whole file. False when it cannot be opened or read, or is a folder; `text` is then empty.
+/// Reads a whole file. Returns false, with an empty `text`, when it cannot be opened or read, or is a folder.
 bool readWholeFile(const std::string& path, std::string& text);
 
 }  // namespace vlmProd

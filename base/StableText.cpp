@@ -6,7 +6,7 @@
 namespace vlmProd {
 
 kyo::Json::StaticString stableText(const std::string& text) {
-    // Never destroyed: records on detached threads may still refer to the texts while the process exits.
+    // Never destroyed: records on detached threads may refer to the texts while the process exits.
     static auto* const texts = new std::set<std::string>;
     static auto* const guard = new std::mutex;
     const std::lock_guard<std::mutex> lock(*guard);

@@ -5,9 +5,9 @@
 
 namespace vlmProd {
 
-/// The same text at an address that lives until the process ends, so that every record can refer to it
-/// instead of holding a copy. For the few names that a configuration brings (services, collectors); takes a
-/// lock, so not for the sample path.
+/// Returns the same text at an address that stays valid until the process ends, so that records can refer to
+/// it instead of copying it. For the few names in a configuration (services, collectors). Takes a lock: not
+/// for the sample path.
 kyo::Json::StaticString stableText(const std::string& text);
 
 }  // namespace vlmProd

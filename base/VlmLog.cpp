@@ -30,7 +30,7 @@ void moveBlankBehind(std::string& text, char sign) {
 
 std::string logSignature(std::string_view prettyFunction) {
     std::string text(prettyFunction);
-    // What a template was instantiated with is the compiler's addition.
+    // The compiler appends the template arguments.
     if (const auto with = text.find(" [with "); with != std::string::npos) {
         text.erase(with);
     }

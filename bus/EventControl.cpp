@@ -12,7 +12,7 @@ EventControl::~EventControl() {
 
 void EventControl::initializeOnEventGenerator(std::string clockName, long long duration) {
     if (m_generator) {
-        // The timer's thread may hold the old generator for the tick that is under way.
+        // The timer's thread may share the old generator during a running tick.
         m_generator->stopTimer();
     }
     m_generator = std::make_shared<OnEventGenerator>(clockName);

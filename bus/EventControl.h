@@ -14,8 +14,8 @@ class EventControl {
     EventControl(const EventControl&) = delete;
     EventControl& operator=(const EventControl&) = delete;
 
-    /// Starts a clock that ticks every `duration` milliseconds, the first time one duration from now. A
-    /// clock that was started before ends without a further tick. Called from one thread at a time.
+    /// Starts a clock that ticks every `duration` milliseconds, first one duration from now. A previous clock
+    /// ends without another tick. One thread at a time.
     void initializeOnEventGenerator(std::string clockName, long long duration);
 
   private:

@@ -5,7 +5,7 @@
 
 namespace vlmProd {
 
-/// Reserved for filters that change at run time. Nothing uses it.
+/// Reserved for filters that change at run time; not used.
 class FilterUpdate {
   public:
     FilterUpdate();

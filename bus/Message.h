@@ -5,7 +5,7 @@
 
 namespace vlmProd {
 
-/// What travels on the message bus: a topic and a payload.
+/// A message of the bus: a topic and a payload.
 class Message {
   public:
     enum MessageTopicType : std::int32_t {

@@ -7,8 +7,8 @@
 
 namespace vlmProd {
 
-/// A clock: publishes an on-event message on the bus every duration. Made with std::make_shared; the timer's
-/// thread holds it only while it publishes, so that destroying it ends the clock.
+/// A clock: publishes an on-event message on the bus after every duration. Create it with std::make_shared.
+/// The timer's thread shares it only while it publishes, so releasing it ends the clock.
 class OnEventGenerator : public std::enable_shared_from_this<OnEventGenerator> {
   public:
     explicit OnEventGenerator(std::string& clockName);

@@ -17,7 +17,7 @@ constexpr unsigned int kMessageWeight = 32;
 }  // namespace
 
 PubSubService& PubSubService::getInstance() {
-    // Left to the operating system: a condition must not be destroyed under its waiter.
+    // Never destroyed: a condition must not be destroyed while a thread waits on it.
     static auto* const instance = new PubSubService;
     return *instance;
 }
@@ -47,7 +47,7 @@ void PubSubService::removeSubscriber(Message::MessageTopicType topic,
                                      std::shared_ptr<ISubscriber> subscriber) {
     const std::lock_guard<kyo::Mutex> lock(m_tableMutex);
     if (const auto entry = m_subscribers.find(topic); entry != m_subscribers.end()) {
-        // The entry stays, possibly empty: messages of the topic are then dropped without a line.
+        // The entry stays, even if empty: then messages of the topic are ignored without a log line.
         entry->second.erase(subscriber);
         VLM_LOG(5, "Removed sub for type: " << topic);
     } else {
@@ -103,7 +103,7 @@ void PubSubService::processMessage(Message& message) {
             VLM_LOG(4, "No subscriber for msg:" << message.getTopic());
             return;
         }
-        // A copy, so that registrations during the delivery do not disturb the walk.
+        // A copy, since subscribers may be added during the delivery.
         receivers = entry->second;
     }
     for (const auto& receiver : receivers) {

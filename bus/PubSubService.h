@@ -13,12 +13,11 @@
 
 namespace vlmProd {
 
-/// The message bus of the process. Its thread takes messages in order and hands each one to every subscriber
-/// of the topic, each on a detached thread of its own.
+/// The message bus of the process. Its thread delivers messages in order, to each subscriber of the topic on
+/// a detached thread of its own.
 ///
-/// The base setup calls start() once; the thread then runs, mostly asleep, for the life of the process.
-/// Subscribers may be added while messages flow. A message published while the bus thread is just about to
-/// sleep is delivered with the next one.
+/// The base setup calls start() once; the thread runs until the process ends. Subscribers may be added at any
+/// time. A message published just before the bus thread sleeps is delivered with the next one.
 class PubSubService : public kyo::Thread {
   public:
     /// Created on first use and never destroyed: its thread waits on the condition until the process ends.
@@ -29,20 +28,20 @@ class PubSubService : public kyo::Thread {
 
     void run() override;
 
-    /// Queues a copy of the message and wakes the bus thread. Never blocks for long; a message whose queue
-    /// could not be locked in ten tries is lost and counted.
+    /// Queues a copy of the message and wakes the bus thread. Never blocks for long; drops and counts the
+    /// message when ten tries cannot lock the queue.
     void addMessageToQueue(Message& message);
     void addSubscriber(Message::MessageTopicType topic, std::shared_ptr<ISubscriber> subscriber);
     void removeSubscriber(Message::MessageTopicType topic, std::shared_ptr<ISubscriber> subscriber);
     /// Wakes the bus thread.
     void awakeThread();
-    /// Ends the bus thread at its next check; does not wake it.
+    /// Ends the bus thread at its next check of the flag; does not wake it.
     void stopThread();
     void releasePubSubService();
 
-    /// Starts the delivery of one message to the subscribers of its topic.
+    /// Starts the delivery of one message to all subscribers of its topic.
     void processMessage(Message& message);
-    /// Processes what is queued now: one round of the bus thread. False when the stop flag ended it.
+    /// Processes the queued messages: one round of the bus thread. Returns false when the stop flag ended it.
     bool drainOnce();
     /// The sum of the weights of the queued messages.
     unsigned int queued() { return m_messages.size(); }

@@ -17,7 +17,7 @@ class PublisherImpl : public IPublisher {
     void publishMessage(Message& message) override;
 };
 
-/// What publishing parts of the system hold.
+/// The publisher that parts of the system use.
 class EventPublisher : public IPublisher {
   public:
     EventPublisher();

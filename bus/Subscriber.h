@@ -6,21 +6,21 @@
 
 namespace vlmProd {
 
-/// The function that a subscriber's messages end in. Set it before the subscription is made; messages then
-/// call it on delivery threads, possibly several at once.
+/// The function that receives a subscriber's messages. Set it before subscribing. It is called on delivery
+/// threads, possibly several at once.
 class EventSubscriberCallback {
   public:
     /// Replaces any earlier function.
     void setOnEventCallback(std::function<void(Message)> callback);
-    /// Calls the function with a copy of the message; std::bad_function_call when none was set.
+    /// Calls the function with a copy of the message. Throws std::bad_function_call when none was set.
     void executeOnEventCallback(Message message);
 
   private:
     std::function<void(Message)> m_callback;
 };
 
-/// One receiver of messages. sendMessage() is called on a delivery thread of the bus's own, one for each
-/// message, so that a slow subscriber holds nobody up.
+/// One receiver of messages. The bus calls sendMessage() on a separate thread per message, so that nobody
+/// waits for a slow subscriber.
 class ISubscriber {
   public:
     virtual ~ISubscriber() = default;
@@ -31,8 +31,8 @@ class ISubscriber {
     virtual void sendMessage(Message& message) = 0;
 };
 
-/// Must be owned by a std::shared_ptr: addSubscriber() raises std::bad_weak_ptr otherwise. The bus owns it
-/// too from then on.
+/// Must be owned by a std::shared_ptr: otherwise addSubscriber() throws std::bad_weak_ptr. From then on the
+/// bus shares ownership.
 class SubscriberImpl : public ISubscriber, public std::enable_shared_from_this<SubscriberImpl> {
   public:
     void setEventSubscriberCallback(std::shared_ptr<EventSubscriberCallback> callback) override;
@@ -45,8 +45,8 @@ class SubscriberImpl : public ISubscriber, public std::enable_shared_from_this<S
     std::shared_ptr<EventSubscriberCallback> m_callback;
 };
 
-/// What subscribing parts of the system hold. Wire it in this order: setEventSubscriberCallback() with a
-/// callback object that has its function, then addSubscriber().
+/// The subscriber that parts of the system use. First call setEventSubscriberCallback() with a callback whose
+/// function is set, then addSubscriber().
 class EventSubscriber : public ISubscriber {
   public:
     EventSubscriber();

@@ -21,7 +21,7 @@ std::int64_t steadyMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
-/// nanosleep() measures on the monotonic clock: setting the wall clock neither stretches nor cuts it.
+/// nanosleep() uses the monotonic clock: setting the wall clock does not affect it.
 void sleepMs(int milliseconds) {
     timespec rest{milliseconds / 1000, (milliseconds % 1000) * 1'000'000L};
     while (nanosleep(&rest, &rest) == -1 && errno == EINTR) {

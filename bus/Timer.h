@@ -9,22 +9,22 @@ namespace vlmProd {
 
 using timerCallback = std::function<void()>;
 
-/// Calls a function again and again from a detached thread of its own, on the steady clock.
+/// Calls a function periodically from a detached thread, on the steady clock.
 ///
-/// The thread shares ownership of all that it uses: the timer may be destroyed or set again at any time. A
-/// thread whose timer was stopped ends, without a further call, when its current sleep ends. The operations
-/// may be called from any thread and do not block.
+/// The thread shares ownership of everything it uses: the timer may be destroyed or set again at any time.
+/// After a stop the thread makes no further call and ends when its current sleep ends. Any thread may call
+/// the operations; they do not block.
 class Timer {
   public:
     Timer() = default;
-    /// A running loop goes on without the timer; stop it first.
+    /// Does not stop a running loop; call stopTimer() first.
     ~Timer() = default;
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    /// Starts calling `callback` every `interval` milliseconds, the first time one interval from now; each
-    /// interval begins when the previous call has returned. 0 or less: without any pause. A loop that was
-    /// started before is stopped. An empty callback raises std::bad_function_call on the timer's thread.
+    /// Starts calling `callback` every `interval` milliseconds, first one interval from now; each interval
+    /// begins when the previous call has returned. An interval of 0 or less means no pause. Stops a previous
+    /// loop. An empty callback throws std::bad_function_call on the timer's thread.
     void setInterval(timerCallback callback, int interval);
     void stopTimer();
 

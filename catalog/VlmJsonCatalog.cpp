@@ -14,8 +14,8 @@ using kyo::Json::Value;
 
 namespace {
 
-/// Created by start-up before any other thread reads it; lives until the process ends, as detached threads
-/// may still ask it then.
+/// Created by start-up before any other thread reads it; never destroyed, since detached threads may read it
+/// until the process ends.
 VlmJsonCatalog* catalogSingleton = nullptr;
 
 constexpr int kMalformedFile = -6;  // exit status 250
@@ -40,7 +40,7 @@ std::int32_t numberField(const Value& object, const char* key, const std::string
     return number;
 }
 
-/// The member's value where it is an object; null, with a message where it is something else.
+/// Returns the member if it is an object, else null; logs if it is something else.
 const Value& objectMember(const Value& object, const std::string& key, const std::string& place) {
     const Value& value = member(object, key);
     if (!value.isObject() && !value.isNull()) {

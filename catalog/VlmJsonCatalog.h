@@ -9,7 +9,7 @@
 
 namespace vlmProd {
 
-/// Outcome of the catalog's operations; the numbers are fixed.
+/// Result of the catalog's operations; the numbers are fixed.
 enum class FilesReturnCode : std::int32_t {
     Ok = 0,
     PathNotProvided = 3,
@@ -37,18 +37,18 @@ struct ServicesStruct {
 };
 
 /// The signal catalog: which services, resources, instances and properties can be collected
-/// (docs/configuration.md). Loaded once by start-up on the main thread, before any reader exists, and never
-/// destroyed; afterwards it may be read from any thread.
+/// (docs/configuration.md). Start-up loads it once on the main thread, before any reader exists; it is never
+/// destroyed. Any thread may read it.
 ///
-/// Names are those of the collector configuration ("GNSS", without "Proxy"). What has the wrong type in the
-/// file is named in the log and left out; the rest is loaded.
+/// Names are those of the collector configuration ("GNSS", without "Proxy"). Parts of the file with the wrong
+/// type are logged and left out; the rest is loaded.
 class VlmJsonCatalog {
   public:
-    /// Ends the process with status 1 without a readable file, with status 250 when it is not JSON. Throws a
-    /// std::string when there is a catalog already, and std::invalid_argument or std::out_of_range for an
+    /// Ends the process with status 1 without a readable file, and with status 250 when the file is not JSON.
+    /// Throws a std::string for a second catalog, and std::invalid_argument or std::out_of_range for an
     /// instance id that is no int.
     static VlmJsonCatalog* createSingleton(const std::string& path, FilesReturnCode& code);
-    /// Throws a std::string before the creation.
+    /// Throws a std::string before createSingleton().
     static VlmJsonCatalog* getInstance();
 
     /// Throws a std::string for an empty path or a file that cannot be opened.
@@ -57,15 +57,15 @@ class VlmJsonCatalog {
     VlmJsonCatalog& operator=(const VlmJsonCatalog&) = delete;
 
     int getNumberOfServices() { return m_numberOfServices; }
-    /// Empty, with a message, without "meta".
+    /// Returns an empty text, and logs, when "meta" is missing.
     std::string getCatalogVersion();
     std::vector<std::string> getServicesNames(FilesReturnCode& code);
-    /// The name of the property that tells the instances of a resource apart; empty where it is not known.
+    /// The name of the property that selects the instance of a resource; empty for an unknown resource.
     std::string getSomeIPKey(std::string service, std::string resource, FilesReturnCode& code);
     /// The property names of one instance, in file order.
     std::vector<std::string> getAllProperties(std::string service, std::string resource,
                                               std::int32_t instanceId);
-    /// Resource name to its instance ids in ascending order.
+    /// Maps each resource name to its instance ids in ascending order.
     std::map<std::string, std::vector<int>> getAllInstancesOfAService(std::string service,
                                                                       FilesReturnCode& code);
 
@@ -80,7 +80,7 @@ class VlmJsonCatalog {
     // Set by the constructor, only read afterwards.
     kyo::Json::Value m_document;
     std::string m_catalogFilePath;
-    // Any thread may ask for the version, which fills the field.
+    // The first getCatalogVersion(), on any thread, sets the member.
     std::mutex m_versionGuard;
     std::string m_catalogVersion;  ///< guarded by m_versionGuard
     // Set by the constructor, only read afterwards.
