@@ -1,0 +1,384 @@
+/// The spool on disk: order, limits, what cannot be used, and what a power cut leaves.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "backend/Spool.h"
+#include "kyo/Status.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kyo::orx::Encoding;
+using kyo::orx::Spool;
+using kyo::orx::SpoolDisk;
+using kyo::orx::SpooledEnvelope;
+using vlmTest::TemporaryFolder;
+
+SpooledEnvelope envelope(const std::string& id, std::size_t size = 100, std::int64_t storedMs = 1000) {
+    SpooledEnvelope made;
+    made.messageId = id;
+    made.storedMs = storedMs;
+    made.textBytes = static_cast<std::uint32_t>(size);
+    made.payload = std::string(size, 'x');
+    return made;
+}
+
+/// Identifiers of all that waits, in order, read from disk.
+std::vector<std::string> idsIn(Spool& spool) {
+    std::vector<std::string> ids;
+    std::uint64_t after = 0;
+    while (const auto entry = spool.next(after)) {
+        after = entry->number;
+        if (SpooledEnvelope read; spool.read(*entry, read)) {
+            ids.push_back(read.messageId);
+        }
+    }
+    return ids;
+}
+
+std::uint64_t counted(const std::string& name) {
+    return kyo::Status::counter(name).value();
+}
+
+/// A disk that refuses, and does not wait for the real one.
+class FastDisk : public SpoolDisk {
+  public:
+    int write(const Path& file, std::string_view content) override {
+        if (refusal == 0) {
+            std::ofstream(file, std::ios::binary) << content;
+        }
+        return refusal;
+    }
+    int syncFolder(const Path&) override { return refusal; }
+    int refusal = 0;
+};
+
+class SpoolTest : public testing::Test {
+  protected:
+    std::unique_ptr<Spool> opened(Spool::Settings settings = {}) {
+        settings.folder = m_folder.file("a/spool");
+        auto spool = std::make_unique<Spool>(settings, m_disk);
+        std::string error;
+        EXPECT_TRUE(spool->open(error)) << error;
+        return spool;
+    }
+    Spool::Stored store(Spool& spool, SpooledEnvelope made) {
+        std::string error;
+        return spool.store(made, error);
+    }
+    fs::path file(std::uint64_t number, std::size_t size = 100) {
+        return Spool::fileOf(m_folder.file("a/spool"), {number, kyo::orx::kSpoolHeaderBytes + 1 + size});
+    }
+
+    TemporaryFolder m_folder;
+    vlmTest::LogCapture m_log;
+    FastDisk m_disk;
+};
+
+TEST_F(SpoolTest, keeps_order_and_numbers_over_restarts_and_has_one_owner) {
+    auto spool = opened();
+    for (const char* id : {"a", "b", "c"}) {
+        EXPECT_EQ(store(*spool, envelope(id)), Spool::Stored::Durably);
+    }
+    std::string error;
+    EXPECT_FALSE(Spool({m_folder.file("a/spool")}, m_disk).open(error));
+    EXPECT_NE(error.find("belongs to another process"), std::string::npos) << error;
+    spool.reset();
+    spool = opened();
+    EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"a", "b", "c"}));
+    while (const auto entry = spool->next(0)) {
+        spool->remove(*entry);
+    }
+    EXPECT_EQ(spool->bytes(), 0u);
+    spool.reset();
+    spool = opened();  // empty, and yet it goes on counting
+    EXPECT_EQ(store(*spool, envelope("d")), Spool::Stored::Durably);
+    EXPECT_EQ(spool->next(0)->number, 4u);
+    spool.reset();
+
+    std::ofstream(m_folder.file("a/spool/format")) << "vlm-spool 2\n";
+    EXPECT_FALSE(Spool({m_folder.file("a/spool")}, m_disk).open(error));
+    EXPECT_NE(error.find("is a spool of format 2, and format 1 is known"), std::string::npos) << error;
+}
+
+TEST_F(SpoolTest, reads_a_backlog_of_any_length_in_order) {
+    constexpr std::uint64_t kCount = Spool::kAhead + 300;
+    auto spool = opened();
+    for (std::uint64_t i = 1; i <= kCount; ++i) {
+        ASSERT_EQ(store(*spool, envelope(std::to_string(i), 10)), Spool::Stored::Durably);
+    }
+    for (int round = 0; round < 2; ++round) {
+        std::uint64_t expected = 0;
+        for (auto entry = spool->next(0); entry; entry = spool->next(entry->number)) {
+            ASSERT_EQ(entry->number, ++expected);
+        }
+        EXPECT_EQ(expected, kCount);
+        spool.reset();
+        spool = opened();  // the second time nothing is known of what was stored
+    }
+    EXPECT_EQ(spool->waiting(), kCount);
+}
+
+TEST_F(SpoolTest, never_exceeds_its_limit_and_counts_every_drop) {
+    for (const bool oldest : {true, false}) {
+        Spool::Settings settings;
+        settings.maxBytes = 10u << 20;
+        settings.dropOldest = oldest;
+        const std::uint64_t before = counted("spool.dropped.full");
+        auto spool = opened(settings);
+        std::uint64_t dropped = 0;
+        for (int i = 1; i <= 1000; ++i) {
+            const auto outcome =
+                store(*spool, envelope(std::to_string(i), 20000 + 37 * static_cast<std::size_t>(i)));
+            dropped += outcome == Spool::Stored::Dropped ? 1 : 0;
+            if (i % 50 != 0) {
+                continue;
+            }
+            std::uint64_t onDisk = 0;
+            for (const auto& entry : fs::directory_iterator(spool->folder())) {
+                onDisk += (entry.file_size() + 4095) / 4096 * 4096;
+            }
+            ASSERT_LE(onDisk, settings.maxBytes + 4096);  // and the file "format"
+        }
+        const std::vector<std::string> ids = idsIn(*spool);
+        EXPECT_EQ(counted("spool.dropped.full") - before, 1000 - ids.size());
+        EXPECT_EQ(dropped, oldest ? 0 : 1000 - ids.size());
+        EXPECT_TRUE(
+            m_log.waitFor(oldest ? "of the oldest envelopes dropped" : "of the newest envelopes dropped"));
+        EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end(), [](const std::string& a, const std::string& b) {
+            return std::stoi(a) < std::stoi(b);
+        }));
+        EXPECT_EQ(ids.back() == "1000", oldest);
+        EXPECT_EQ(spool->highest(), 1000u);  // a dropped one used its number up
+        spool.reset();
+        fs::remove_all(m_folder.file("a"));
+    }
+}
+
+TEST_F(SpoolTest, drops_what_is_on_its_way_last_and_what_is_too_old) {
+    Spool::Settings settings;
+    settings.maxBytes = 3 * 4096;
+    settings.maxAgeSeconds = 60;
+    auto spool = opened(settings);
+    for (int i = 1; i <= 3; ++i) {
+        store(*spool, envelope(std::to_string(i), 100, 1000 * i));
+    }
+    spool->setOnItsWay(1, true);
+    store(*spool, envelope("4", 100, 100'000));
+    EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"1", "3", "4"}));
+    EXPECT_EQ(spool->oldestStoredMs(), 1000);
+    spool->dropOld(62'500);
+    EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"3", "4"}));
+    EXPECT_EQ(store(*spool, envelope("5", 13000)), Spool::Stored::Dropped);
+}
+
+TEST_F(SpoolTest, moves_aside_what_cannot_be_used_and_goes_on) {
+    auto spool = opened();
+    for (int i = 1; i <= 6; ++i) {
+        store(*spool, envelope(std::to_string(i)));
+    }
+    fs::resize_file(file(1), 30);
+    fs::resize_file(file(2), 100);
+    std::fstream(file(3), std::ios::in | std::ios::out).seekp(60).put('y');
+    std::ofstream(file(4)) << "something else altogether, and longer than a header";
+    fs::copy_file(file(6), file(5), fs::copy_options::overwrite_existing);
+    const std::uint64_t before = counted("spool.setAside");
+    EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"6"}));
+    EXPECT_EQ(counted("spool.setAside") - before, 5u);
+    for (const char* why : {"it ends inside its header", "are not the", "its checksum is wrong",
+                            "it is no spool file", "it holds number 6"}) {
+        EXPECT_TRUE(m_log.waitFor(why)) << why;
+    }
+    EXPECT_EQ(spool->bytes(), 6u * 4096);  // those count, too
+    spool->setAside(*spool->next(0), "the broker does not want it");
+    spool.reset();
+    spool = opened({{}, 6 * 4096});
+    EXPECT_EQ(spool->bytes(), 6u * 4096);
+    EXPECT_EQ(store(*spool, envelope("7")), Spool::Stored::Durably);  // at the cost of a bad one
+    EXPECT_EQ(spool->next(0)->number, 7u);
+    EXPECT_FALSE(fs::exists(Spool::fileOf(spool->folder() / "bad", {1, 141})));
+}
+
+TEST_F(SpoolTest, keeps_nothing_of_an_envelope_that_the_disk_does_not_take) {
+    auto spool = opened();
+    m_disk.refusal = ENOSPC;
+    SpooledEnvelope made = envelope("a");
+    std::string error;
+    EXPECT_EQ(spool->store(made, error), Spool::Stored::NotYet);
+    EXPECT_NE(error.find("No space left"), std::string::npos) << error;
+    EXPECT_EQ(spool->waiting(), 0u);
+    m_disk.refusal = 0;
+    EXPECT_EQ(spool->store(made, error), Spool::Stored::Durably);
+    EXPECT_EQ(made.number, 1u);
+}
+
+/// Records what is done to the disk, and lays out what a power cut would leave of it: all that a later
+/// synchronisation has covered, and of the rest whatever chance keeps - each change for itself, in order.
+class RecordingDisk : public SpoolDisk {
+  public:
+    int makeFolder(const Path& folder) override { return SpoolDisk::makeFolder(folder); }
+    int write(const Path& file, std::string_view content) override {
+        m_log.push_back({Create, file, {}, std::string(content)});
+        m_log.push_back({Content, file, {}, std::string(content)});
+        return SpoolDisk::write(file, content);
+    }
+    int rename(const Path& from, const Path& to) override {
+        m_log.push_back({Rename, from, to, {}});
+        return SpoolDisk::rename(from, to);
+    }
+    int syncFolder(const Path& folder) override {
+        m_log.push_back({Sync, folder, {}, {}});
+        return SpoolDisk::syncFolder(folder);
+    }
+    int remove(const Path& file) override {
+        m_log.push_back({Remove, file, {}, {}});
+        return SpoolDisk::remove(file);
+    }
+    int truncate(const Path& file) override {
+        m_log.push_back({Truncate, file, {}, {}});
+        return SpoolDisk::truncate(file);
+    }
+    std::size_t length() const { return m_log.size(); }
+    /// The length behind the first synchronisation after `from`, or "never".
+    std::size_t syncedAfter(std::size_t from) const {
+        while (from < m_log.size() && m_log[from].kind != Sync) {
+            ++from;
+        }
+        return from < m_log.size() ? from + 1 : std::size_t{0} - 1;
+    }
+
+    /// Writes to `target` what is left when the power goes after that many changes.
+    void layOut(std::size_t length, std::mt19937& chance, const Path& folder, const Path& target) const {
+        std::size_t safe = length;
+        while (safe > 0 && m_log[safe - 1].kind != Sync) {
+            --safe;
+        }
+        std::map<std::string, std::shared_ptr<std::string>> names;
+        for (std::size_t i = 0; i < length; ++i) {
+            const Change& change = m_log[i];
+            if (i >= safe && change.kind != Content && chance() % 2 == 0) {
+                continue;
+            }
+            switch (change.kind) {
+                case Create:  // the content comes later, if at all
+                    names[change.path] = std::make_shared<std::string>(
+                        change.content.substr(0, chance() % (change.content.size() + 1)));
+                    break;
+                case Content:  // was synchronised by itself
+                    if (const auto found = names.find(change.path); found != names.end()) {
+                        *found->second = change.content;
+                    }
+                    break;
+                case Rename:
+                    if (const auto found = names.find(change.path); found != names.end()) {
+                        const auto file = found->second;
+                        names.erase(found);
+                        names[change.to] = file;
+                    }
+                    break;
+                case Remove:
+                    names.erase(change.path);
+                    break;
+                case Truncate:
+                    if (const auto found = names.find(change.path); found != names.end()) {
+                        found->second->clear();
+                    }
+                    break;
+                case Sync:
+                    break;
+            }
+        }
+        for (const auto& [name, content] : names) {
+            const Path file = target / Path(name).lexically_relative(folder);
+            fs::create_directories(file.parent_path());
+            std::ofstream(file, std::ios::binary) << *content;
+        }
+    }
+
+  private:
+    enum Kind { Create, Content, Rename, Sync, Remove, Truncate };
+    struct Change {
+        Kind kind;
+        Path path;
+        Path to;
+        std::string content;
+    };
+    std::vector<Change> m_log;
+};
+
+TEST(SpoolPowerCutTest, loses_nothing_that_was_stored_and_brings_nothing_back_whose_deletion_was_written) {
+    const vlmTest::LogCapture quiet;
+    std::mt19937 chance(20260101);
+    std::size_t cuts = 0;
+    for (int round = 0; round < 20; ++round) {
+        const TemporaryFolder place;
+        const fs::path folder = place.file("spool");
+        RecordingDisk disk;
+        struct Life {
+            std::size_t stored = 0;          ///< length of the log when store() had returned
+            std::size_t removed = SIZE_MAX;  ///< when its deletion was asked for
+            std::size_t gone = SIZE_MAX;     ///< when that had reached the disk
+        };
+        std::map<std::uint64_t, Life> lives;
+        {
+            Spool spool({folder}, disk);
+            std::string error;
+            ASSERT_TRUE(spool.open(error)) << error;
+            for (int step = 0; step < 40; ++step) {
+                const auto oldest = spool.next(0);
+                if (oldest && chance() % 2 == 0) {
+                    lives[oldest->number].removed = disk.length();
+                    spool.remove(*oldest);
+                } else {
+                    SpooledEnvelope made = envelope(std::to_string(lives.size() + 1), chance() % 5000);
+                    ASSERT_EQ(spool.store(made, error), Spool::Stored::Durably) << error;
+                    lives[made.number].stored = disk.length();
+                }
+            }
+            for (auto& [number, life] : lives) {
+                life.gone = life.removed == SIZE_MAX ? SIZE_MAX : disk.syncedAfter(life.removed);
+            }
+        }
+        for (int cut = 0; cut < 50; ++cut, ++cuts) {
+            const TemporaryFolder after;
+            const std::size_t length = chance() % (disk.length() + 1);
+            disk.layOut(length, chance, folder, after.file("spool"));
+            Spool spool({after.file("spool")});
+            std::string error;
+            ASSERT_TRUE(spool.open(error)) << error;
+            std::set<std::uint64_t> found;
+            for (auto entry = spool.next(0); entry; entry = spool.next(entry->number)) {
+                SpooledEnvelope read;
+                ASSERT_TRUE(spool.read(*entry, read)) << "a name with half a content";
+                EXPECT_EQ(read.messageId, std::to_string(read.number));
+                found.insert(read.number);
+            }
+            for (const auto& [number, life] : lives) {
+                if (life.stored <= length && length < life.removed) {
+                    EXPECT_EQ(found.count(number), 1u) << number << " was lost, cut at " << length;
+                }
+                if (life.gone <= length) {
+                    EXPECT_EQ(found.count(number), 0u) << number << " came back, cut at " << length;
+                }
+                if (life.stored <= length) {
+                    EXPECT_GE(spool.highest(), number) << "its number would be used again";
+                }
+            }
+        }
+    }
+    EXPECT_EQ(cuts, 1000u);
+}
+
+}  // namespace
