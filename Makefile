@@ -1,4 +1,4 @@
-# The front door. Each target is a few lines over the CMake presets; `make help` lists them.
+# Short commands for the CMake presets; `make help` lists them.
 SHELL := /bin/bash
 PRESET ?= dev
 JOBS ?= $(shell nproc)
@@ -18,11 +18,11 @@ help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
 	@echo '                 BACKEND=mqtt      a real broker and vlm-backend instead of a folder'
 	@echo '                 CONFIG=FILE       collector configuration (examples/collector.json)'
-	@echo '                 SCENARIO=FILE     what the vehicle does (a plain drive without it)'
-	@echo '                 DURATION=SECONDS  end after that time'
+	@echo '                 SCENARIO=FILE     scenario of the vehicle (default: a plain drive)'
+	@echo '                 DURATION=SECONDS  end after this time'
 	@echo '                 SPEED=FACTOR      faster clock for vehicle and vlmmaster, by libfaketime'
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
-	@echo 'make coverage  the same two, and a table of what they reach'
+	@echo 'make coverage  unit and integration tests, and a table of their coverage'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
 	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run'
@@ -31,10 +31,10 @@ help:
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
-	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (DESTDIR is honoured)'
+	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (respects DESTDIR)'
 	@echo 'make format    clang-format on all sources; make lint: the same as a check, and clang-tidy'
-	@echo 'make deps      Debian packages that are missing; run and test do it themselves'
-	@echo 'make clean     removes build/ and run/'
+	@echo 'make deps      install missing Debian packages; run and test do this themselves'
+	@echo 'make clean     remove build/ and run/'
 
 deps:
 	@tools/run/deps.sh
@@ -42,7 +42,7 @@ deps:
 deps-lint:
 	@tools/run/deps.sh lint
 
-# Configuring again costs little, and notices new files.
+# Repeated configuring is cheap and finds new files.
 configure: deps
 	@cmake --preset $(PRESET) --log-level=WARNING >/dev/null
 
@@ -67,7 +67,7 @@ coverage:
 test-asan test-tsan: test-%:
 	$(MAKE) --no-print-directory test PRESET=$*
 
-# The kept seeds first, then new inputs; what was found stays in build/fuzz/corpus for the next time.
+# Runs the kept seeds first, then new inputs; build/fuzz/corpus keeps findings for the next run.
 fuzz:
 	@tools/run/deps.sh fuzz
 	@$(MAKE) --no-print-directory configure PRESET=fuzz
@@ -77,7 +77,7 @@ fuzz:
 ROUNDS ?= 20
 SEED ?= 0
 
-# Apart from each other, as they measure times too.
+# One at a time, since they also measure times.
 faults: configure
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm_catalog_file
 	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
@@ -103,7 +103,7 @@ bench:
 docs: configure
 	cmake --build --preset $(PRESET) --target vlm_docs
 
-# The configuration that collects all that the catalog names.
+# The configuration that collects everything in the catalog.
 everything: configure
 	cmake --build --preset $(PRESET) --target vlm_catalog_file
 	tools/run/collect-everything.py build/$(PRESET)/generated/VLM_Available_Signals_Catalog_20210311.json > examples/collector-everything.json
@@ -123,8 +123,8 @@ parts = $(shell tools/lint/check-includes --folders) platform tools
 empty =
 blank = $(empty) $(empty)
 
-# cppcheck: parameters by value are what the interfaces ask for. clang-tidy: the reflection library's headers, which
-# one source includes, are not understood by clang's C++20.
+# cppcheck: the interfaces demand parameters by value. clang-tidy: clang's C++20 does not accept the
+# reflection library's headers, which one source includes.
 lint: deps-lint configure
 	tools/lint/check-includes
 	$(sources) | xargs -0 clang-format --dry-run --Werror

@@ -1,4 +1,4 @@
-# Debian 12 packages; README.md tells what each is for. `make deps` installs them.
+# Debian 12 packages; README.md gives the purpose of each. `make deps` installs them.
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
@@ -16,7 +16,7 @@ if(VLM_BENCH)
   find_package(benchmark REQUIRED)
 endif()
 
-# The generator needs PyYAML and Jinja2; another python3 may come first in the path without them.
+# The generator needs PyYAML and Jinja2; the first python3 in the path may lack them.
 set(VLM_PYTHON "" CACHE FILEPATH "python3 with the modules yaml and jinja2")
 if(NOT VLM_PYTHON)
   find_program(VLM_FIRST_PYTHON3 python3)

@@ -1,8 +1,8 @@
-# What every target of this repository is compiled with.
+# Options of every target of this repository.
 if(VLM_CCACHE)
   find_program(CCACHE_PROGRAM ccache)
   if(CCACHE_PROGRAM)
-    # Relative to the build folder, so that a second clone finds what the first one compiled.
+    # Paths relative to the build folder, so that clones share the cache.
     set(CMAKE_CXX_COMPILER_LAUNCHER
       "${CMAKE_COMMAND}" -E env "CCACHE_BASEDIR=${CMAKE_SOURCE_DIR}" CCACHE_NOHASHDIR=1 "${CCACHE_PROGRAM}")
   endif()
@@ -19,19 +19,19 @@ if(VLM_SANITIZE)
   add_compile_options(-fsanitize=${VLM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VLM_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # With the address sanitizer the compiler sees uninitialised members in <regex> (and so in cxxopts) that
-    # are none; the sanitizer itself looks closer.
+    # With the address sanitizer the compiler wrongly reports uninitialised members in <regex> (used by
+    # cxxopts).
     add_compile_options(-Wno-maybe-uninitialized)
   endif()
 endif()
 if(VLM_COVERAGE)
-  # Counters of several threads: lost updates show as negative counts, which gcovr does not take.
+  # Atomic counters: lost updates of threads would give negative counts, which gcovr refuses.
   add_compile_options(--coverage -O0 -fprofile-update=atomic)
   add_link_options(--coverage)
 endif()
 
 # vlm_library(NAME SOURCES... DEPS...): a static library of this repository, with the alias vlm::NAME.
-# Its headers are found from the root of the repository ("bus/Message.h").
+# Its headers are included with their path from the root ("bus/Message.h").
 function(vlm_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
   add_library(vlm_${name} STATIC ${ARG_SOURCES})
@@ -40,12 +40,12 @@ function(vlm_library name)
   target_link_libraries(vlm_${name} PUBLIC ${ARG_DEPS} PRIVATE vlm::options)
 endfunction()
 
-# All that the labels unit and integration need; the sanitizer presets build no more.
+# Everything for the labels unit and integration; the sanitizer presets build only this.
 add_custom_target(vlm_unit_and_integration_tests)
 
-# vlm_test(NAME LABEL unit SOURCES... DEPS... [TIMEOUT s] [PLATFORM p] [ONE_THREAD]): one GoogleTest program,
-# registered whole with ctest, on platform/linux/ unless PLATFORM names another. Programs of ONE_THREAD compute much, and the thread
-# sanitizer has nothing to see in them.
+# vlm_test(NAME LABEL unit SOURCES... DEPS... [TIMEOUT s] [PLATFORM p] [ONE_THREAD]): one GoogleTest program
+# and one test of ctest, on platform/linux/ unless PLATFORM names another. ONE_THREAD programs are slow and
+# have one thread, so the thread sanitizer leaves them out.
 function(vlm_test name)
   cmake_parse_arguments(ARG "ONE_THREAD" "LABEL;TIMEOUT;PLATFORM" "SOURCES;DEPS" ${ARGN})
   if(NOT ARG_PLATFORM)

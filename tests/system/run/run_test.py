@@ -148,9 +148,9 @@ class Run(unittest.TestCase):
 
     def test_it_ends_by_itself_and_puts_the_catalog_in_its_place_whatever_was_there(self):
         other = self.write("other.json", '{"meta": {"vlmVersion": "old"}, "services": {}}')
-        for catalog, told in ((other, "differs; the one that was there is kept as "
+        for catalog, told in ((other, "differs; the existing one is kept as "
                                       "/etc/VLM_Available_Signals_Catalog_20210311.json.bak-"),
-                              ("none", "Putting the signal catalog to")):
+                              ("none", "Installing the signal catalog as")):
             bench = self.start("--duration", "2", catalog=catalog)  # the second time in the same folder
             self.assertEqual(bench.process.wait(60), 0, bench.text())
             self.assertIn(told, bench.text())
