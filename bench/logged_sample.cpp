@@ -1,5 +1,5 @@
-// Processor time of one sample with every message on, going to a DLT daemon: against the floor plus one
-// message to libdlt of the same length for each message. Needs a daemon; bench/run starts a private one.
+// Processor time of one sample with every message going to a DLT daemon, compared with the floor plus one
+// libdlt message of the same length per message. Needs a daemon; bench/run starts a private one.
 #include <benchmark/benchmark.h>
 #include <dlt/dlt.h>
 #include <stdlib.h>
@@ -27,13 +27,13 @@ namespace {
 
 using namespace vlmBench;
 
-// A pace that the daemon can follow: some 50,000 messages a second.
+// A rate that the daemon can follow: some 50,000 messages a second.
 constexpr int kAtOnce = 8;
 constexpr int kBursts = 16;
 constexpr auto kPause = std::chrono::milliseconds(12);
 constexpr std::size_t kPieceBytes = DLT_USER_BUF_MAX_SIZE - 7;
 
-/// Keeps the lengths of the lines that one sample makes.
+/// Records the lengths of the log lines of one sample.
 class Lengths : public kyo::ProductLogger {
   public:
     void logData(std::string message, kyo::LogLevel /*level*/) override {
@@ -59,11 +59,11 @@ struct Case {
     std::vector<std::size_t> messages;
 };
 
-/// Learns which messages a sample makes. Before the log's real receiver is there.
+/// Finds the messages of a sample. Runs before the real logger is installed.
 Case learn(Kind kind, Lengths& lengths) {
     Case one;
     one.road = std::make_unique<Pipeline>(kind, 1, 0);
-    for (int i = 0; i < 2; ++i) {  // the second sample finds an older one to replace, as all others do
+    for (int i = 0; i < 2; ++i) {  // the second replaces an older one, like all later samples
         const auto settled = [&lengths] {
             for (std::size_t seen = 0, count = lengths.count();; count = lengths.count()) {
                 if (count == std::exchange(seen, count) && count != 0) {
@@ -146,7 +146,7 @@ void floorWithMessages(benchmark::State& state, const Case* one, const std::vect
     state.counters["refused"] = static_cast<double>(refused);
 }
 
-/// The log goes to DLT alone, whatever manifest the machine has.
+/// Logs only to DLT, regardless of the machine's manifest.
 void useOwnManifest() {
     std::string name = "/tmp/vlm-bench-manifest-XXXXXX";
     const int file = ::mkstemp(name.data());
@@ -175,7 +175,7 @@ int main(int argc, char** argv) {
     kyo::Log::setProductLogger(new vlmProd::VlmAraLogger);
     const auto isConnected = [] { return kyo::Status::snapshot()["log"]["dlt"]["connected"].asBool(); };
     for (int looks = 0; !isConnected() && looks < 100; ++looks) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a daemon that has just been started
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the daemon has just started
     }
     if (!isConnected()) {
         std::fprintf(stderr, "no DLT daemon answers; start one, or name its folder in DLT_PIPE_DIR\n");

@@ -1,4 +1,4 @@
-// What one waiting record of 41 members takes of the heap, against the length of its text.
+// Heap memory of one waiting record of 41 members, compared with the length of its text.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -20,7 +20,7 @@ std::size_t heapInUse() {
     return ::mallinfo2().uordblks;
 }
 
-/// A fused position as it is written before a collector is found for it: 4 common members, 37 fields.
+/// A fused position before its collector is known: 4 common members, 37 fields.
 kyo::Json::Value recordOf41() {
     kyo::Json::Value record = positionRecord(fullPosition());
     record.removeMember("collectorName");
@@ -43,12 +43,12 @@ void measure(benchmark::State& state, Put&& put) {
     state.counters["textBytes"] = static_cast<double>(vlmProd::compactText(record).size());
 }
 
-/// In a collector's output queue, where a record waits for its tick.
+/// In a collector's output queue.
 void outputQueue(benchmark::State& state) {
     measure(state, [] {
         vlmProd::CollectorImpl collector("bench", 1, "GNSS", "positions", 1, "clock",
                                          vlmProd::CollectorOnEventType::Clock);
-        collector.insertRecord(vlmProd::TextedRecord(recordOf41()));  // what is allocated once
+        collector.insertRecord(vlmProd::TextedRecord(recordOf41()));  // one-time allocations
         const std::size_t before = heapInUse();
         for (int i = 0; i < kRecords; ++i) {
             collector.insertRecord(vlmProd::TextedRecord(recordOf41()));

@@ -1,5 +1,5 @@
-// The middleware's own share: decoding and delivery against a loop that receives the same datagrams from the
-// same socket and does nothing; and an offer on the wire to the subscription on the wire.
+// The middleware alone: decoding and delivery, compared with a loop that only receives the same datagrams
+// from the same socket; and the time from an offer on the wire to the subscription on the wire.
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <time.h>
@@ -22,7 +22,7 @@ namespace {
 using namespace vlmBench;
 using namespace someip;
 
-constexpr int kDatagrams = 256;  // of one iteration; they wait in the socket's buffer
+constexpr int kDatagrams = 256;  // per iteration; they fit into the socket's buffer
 
 double threadSeconds() {
     timespec now{};
@@ -50,7 +50,8 @@ std::vector<std::uint8_t> airbagDatagram() {
                         airbagNotification());
 }
 
-/// Fills the socket's buffer, then times how this thread empties it with `use` called for each datagram.
+/// Fills the socket's buffer, then measures how long this thread takes to empty it, calling `use` per
+/// datagram.
 template <typename Use>
 void receive(benchmark::State& state, const std::vector<std::uint8_t>& datagram, const Endpoint& source,
              Use&& use) {
@@ -106,7 +107,7 @@ void decodeAndDeliver(benchmark::State& state, const std::vector<std::uint8_t>& 
     }
 }
 
-/// The other side of service discovery, reduced to what a measurement needs.
+/// A minimal peer that offers a service.
 class OfferingPeer {
   public:
     explicit OfferingPeer(std::uint16_t port) : m_socket(openSocket({0x7F006202, port})) {}
@@ -128,7 +129,7 @@ class OfferingPeer {
         }
     }
 
-    /// True when a subscription comes within a second.
+    /// Returns true when a subscription comes within a second.
     bool awaitSubscription() {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
         while (std::chrono::steady_clock::now() < deadline) {

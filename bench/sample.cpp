@@ -1,5 +1,5 @@
-// Processor time of one sample from its datagram to its collector's output queue, against the floor, with the
-// log capped at level 3. All threads of the process count.
+// Processor time of one sample from datagram to output queue, compared with the floor, with log level 3.
+// Counts all threads of the process.
 #include <benchmark/benchmark.h>
 
 #include <exception>
@@ -19,7 +19,7 @@ using kyo::Json::Value;
 
 constexpr int kSamples = 512;  // of one iteration
 
-/// Runs what an iteration does, and tells how many samples that is.
+/// Measures `iterate`, which processes kSamples samples.
 template <typename Iterate>
 void measure(benchmark::State& state, Iterate&& iterate) {
     try {
@@ -45,7 +45,7 @@ void airbagFloor(benchmark::State& state) {
     measure(state, [&] { Floor::run(datagram, Floor::buildAirbag, kSamples); });
 }
 
-/// Converting alone: a record is made of the structure, and ends.
+/// Only the conversion: builds a record from the structure and destroys it.
 template <typename Sample>
 void conversion(benchmark::State& state, const Sample& sample, Value (*record)(const Sample&)) {
     for (auto _ : state) {
@@ -54,7 +54,7 @@ void conversion(benchmark::State& state, const Sample& sample, Value (*record)(c
 }
 
 void pipeline(benchmark::State& state, const char* name, Kind kind, int collectors, long long historyMs) {
-    // Kept for the next repetition, as collectors are kept by the process.
+    // Kept for the next repetition, since the process keeps its collectors.
     static std::map<std::string, std::unique_ptr<Pipeline>> roads;
     auto& road = roads[name];
     if (!road) {

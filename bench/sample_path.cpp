@@ -1,5 +1,5 @@
-// The sample path without its threads, one sample after the other, for bench/check-instructions: it counts
-// the instructions inside countedSample(). Arguments: kind of sample, log level, number of samples.
+// The sample path without threads, one sample at a time. bench/check-instructions counts the instructions
+// inside countedSample(). Arguments: kind of sample, log level, number of samples.
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Lines are composed and go nowhere.
+/// Discards the composed lines.
 class Discard : public kyo::ProductLogger {
   public:
     void logData(std::string /*message*/, kyo::LogLevel /*level*/) override {}
@@ -17,7 +17,7 @@ class Discard : public kyo::ProductLogger {
 
 }  // namespace
 
-/// Datagram to output queue. Its name is what the counting is switched on and off by.
+/// From datagram to output queue. Counting is limited to the function of this name.
 extern "C" __attribute__((noinline)) void countedSample(vlmBench::Pipeline& road) {
     road.sampleByHand();
 }
@@ -33,7 +33,7 @@ int main(int argc, char** argv) {
     const auto kind =
         std::strcmp(argv[1], "positions") == 0 ? vlmBench::Kind::FullPosition : vlmBench::Kind::Notification;
     vlmBench::Pipeline road(kind, 1, 0, vlmBench::Threads::None);
-    road.sampleByHand();  // what happens once only
+    road.sampleByHand();  // one-time work
     road.sampleByHand();
     for (int i = 0; i < std::atoi(argv[3]); ++i) {
         countedSample(road);

@@ -1,8 +1,7 @@
-// How many samples a second go through the whole process without a loss: a vehicle in a process of its own
-// sends all events of all services over loopback sockets; this process is wired as vlmmaster is. Losses are
-// told by place. With VLM_BENCH_LEVEL=7 all messages go to a DLT daemon (bench/run starts one), else those of
-// level 3 and below. VLM_BENCH_LOAD names a rate and minutes to hold it for ("5000 10") in place of the
-// rising rates.
+// Samples per second through the whole process without a loss. A vehicle in a separate process sends all
+// events of all services over loopback sockets; this process is set up like vlmmaster. Losses are reported by
+// place. With VLM_BENCH_LEVEL=7 all messages go to a DLT daemon (bench/run starts one), else those of level 3
+// and below. VLM_BENCH_LOAD gives a rate and a duration in minutes ("5000 10") instead of rising rates.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -49,8 +48,8 @@ std::string networkOf(const std::string& address, const std::string& port = "314
 
 // ------------------------------------------------------------------------------------------ the vehicle
 
-/// Obeys lines on standard input: "subscribed?" and "send <rate> <seconds>". VLM_BENCH_NETWORK names another
-/// address and discovery port ("127.0.96.2:31496").
+/// Executes commands from standard input: "subscribed?" and "send <rate> <seconds>". VLM_BENCH_NETWORK gives
+/// another address and discovery port ("127.0.96.2:31496").
 int runVehicle() {
     const char* const asked = std::getenv("VLM_BENCH_NETWORK");
     const std::string network = asked != nullptr ? asked : "127.0.97.2:31495";
@@ -75,7 +74,7 @@ int runVehicle() {
     return 0;
 }
 
-/// The vehicle's process, from this side.
+/// The vehicle's process, as seen from this one.
 class VehicleProcess {
   public:
     explicit VehicleProcess(const char* program) {
@@ -105,7 +104,7 @@ class VehicleProcess {
 
     void end() {
         if (m_pid > 0) {
-            std::fclose(m_out);  // the end of its input ends it
+            std::fclose(m_out);  // the process ends at the end of its input
             std::fclose(m_in);
             ::waitpid(std::exchange(m_pid, -1), nullptr, 0);
         }
@@ -142,7 +141,7 @@ void useOwnManifest(int level) {
     std::remove(name.c_str());
 }
 
-/// One collector for each kind of sample, history 0: what it holds is replaced by what is newer.
+/// One collector for each kind of sample, with history 0: a newer record replaces the older.
 std::string writeConfiguration(const std::vector<Stream>& streams) {
     Value config(kyo::Json::objectValue);
     config["CLOCK"][0]["name"] = "clock";
@@ -165,7 +164,7 @@ std::string writeConfiguration(const std::vector<Stream>& streams) {
     return name;
 }
 
-/// Connects and subscribes all services at once, where the process itself takes seconds for each.
+/// Connects and subscribes all services at once; the process itself takes seconds for each.
 void connect(const std::vector<Stream>& streams, VehicleProcess& vehicle) {
     vlmProd::ConfigResponseHandler& handler = *vlmProd::ConfigResponseHandler::getInstance();
     const std::string file = writeConfiguration(streams);
@@ -201,7 +200,7 @@ double processSeconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-/// Of all processes of the machine, by all its processors.
+/// Processor time of all processes on all processors.
 double machineSeconds() {
     std::ifstream file("/proc/stat");
     std::string name;
@@ -243,7 +242,7 @@ Counts counts() {
     return all;
 }
 
-/// Until nothing arrives any more.
+/// Waits until nothing arrives any more.
 void settle() {
     for (auto before = counts();;) {
         vlmProd::IngressQueue::getInstance()->SendWakeupSignal();
@@ -361,7 +360,7 @@ int main(int argc, char** argv) {
         benchmark::RunSpecifiedBenchmarks();
         vehicle.end();
         std::cout.flush();
-        // The threads of the process's singletons are still at work, with the middleware too.
+        // Without destructors: threads of singletons and of the middleware still run.
         std::_Exit(0);
     } catch (const std::exception& failure) {
         std::cerr << failure.what() << '\n';

@@ -1,5 +1,5 @@
-// From the end of the second in which a tick's collections gather to the report at the backend client,
-// against writing that report as text once. Log capped at level 3.
+// Time from the end of the second in which a tick's collections arrive to the report at the backend client,
+// compared with writing that report as text once. Log level 3.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -76,7 +76,7 @@ vlmProd::VlmDataSubmissionControl& submission() {
     return *control;
 }
 
-/// A report control with one report that gathers `collectors` collectors; its thread is the benchmark's own.
+/// A report control with one report of `collectors` collectors. The benchmark plays its thread.
 std::unique_ptr<vlmProd::VlmReportControl> reportControl(int collectors) {
     haveCatalog();
     auto control = std::make_unique<vlmProd::VlmReportControl>(
@@ -100,7 +100,7 @@ void tickToReport(benchmark::State& state) {
         for (int i = 0; i < collectors; ++i) {
             control->addToReport(collection(i));
         }
-        // The submission's thread has gone back to sleep: a wake-up that comes earlier would be lost.
+        // Let submission control's thread sleep again: an earlier wake-up would be lost.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         const auto before = client.count();
         const auto start = CountingClient::Clock::now();
@@ -111,7 +111,7 @@ void tickToReport(benchmark::State& state) {
             return;
         }
         state.SetIterationTime(std::chrono::duration<double>(*end - start).count());
-        client.open();  // delivered: the next one may go
+        client.open();  // delivered: the next report may be sent
     }
     state.counters["bytes"] = static_cast<double>(client.reportBytes());
 }

@@ -1,4 +1,4 @@
-// A backend client that takes every envelope at once and notes when.
+// A backend client that accepts every envelope at once and records the time.
 #include "support/CountingOrxClient.h"
 
 #include <utility>

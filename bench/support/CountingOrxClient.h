@@ -1,5 +1,5 @@
 #pragma once
-/// Stands in for the backend client in the benchmark of a tick; linked before the platform's.
+/// Replaces the backend client in the benchmark of a tick; linked before the platform's.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -18,9 +18,9 @@ class CountingClient {
 
     static CountingClient& instance();
 
-    /// The backend's message that opens the channel and tells that the last report was delivered.
+    /// Sends the backend's message that opens the channel and confirms the last report.
     void open();
-    /// Waits until that many envelopes were handed over; when the last one was, or nothing after 10 s.
+    /// Waits for `count` envelopes. Returns the time of the last one, or nothing after 10 s.
     std::optional<Clock::time_point> waitFor(std::uint64_t count);
     std::uint64_t count();
     /// Length of the report in the last envelope.

@@ -87,7 +87,7 @@ void Floor::run(const std::vector<std::uint8_t>& datagram, Build build, int samp
         for (int i = 0; i < kBurst && started < samples; ++i, ++started) {
             Value record = build(std::span(datagram).subspan(someip::kHeaderSize));
             written += kyo::Json::FastWriter().write(record).size();
-            // The record ends on its thread, as one that a newer one replaces.
+            // The thread destroys the record, as if a newer one replaced it.
             vlmProd::startDetached([mine = std::move(record)] { finished.fetch_add(1); });
         }
         while (finished.load() < started) {

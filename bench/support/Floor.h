@@ -1,6 +1,6 @@
 #pragma once
-/// What the behaviour demands of a sample, and nothing else: decode the structure, build one record, write it
-/// as text once, start one thread. The benchmarks hold the pipeline against it.
+/// The minimal work for a sample: decode the structure, build one record, write it as text once, start one
+/// thread. The benchmarks compare the pipeline with it.
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -19,7 +19,7 @@ class Floor {
   public:
     using Build = kyo::Json::Value (*)(std::span<const std::uint8_t> payload);
 
-    /// Does all of it for each of `samples` equal datagrams, in bursts, and waits for the threads.
+    /// Does this for `samples` equal datagrams, in bursts, and waits for the threads.
     static void run(const std::vector<std::uint8_t>& datagram, Build build, int samples);
 
     static kyo::Json::Value buildPosition(std::span<const std::uint8_t> payload);

@@ -26,13 +26,13 @@ constexpr someip::Endpoint kVehicle{0x7F000002, 40000};
 constexpr auto kPatience = std::chrono::seconds(20);
 constexpr auto kNudgeAfter = std::chrono::milliseconds(5);
 
-/// Collected or lost: samples that are through.
+/// The number of finished samples: collected or lost.
 std::uint64_t ended() {
     static const auto& collected = kyo::Status::counter("records.collected");
     return collected.value() + Pipeline::lost();
 }
 
-/// Until so many are through in this process.
+/// Waits until `expected` samples of this process are finished.
 void settle(std::uint64_t expected) {
     auto seen = ended();
     auto changed = std::chrono::steady_clock::now();
@@ -44,7 +44,7 @@ void settle(std::uint64_t expected) {
             seen = value;
             changed = now;
         } else if (now - changed > kNudgeAfter) {
-            // The wake-up came between the thread's last look and its wait.
+            // The wake-up came between the thread's last check and its wait.
             IngressQueue::getInstance()->SendWakeupSignal();
             changed = now;
         }
@@ -64,7 +64,7 @@ Names namesOf(Kind kind) {
     return kind == Kind::FullPosition ? Names{"GNSS", "positions", 1} : Names{"Airbag", "notifications", 1};
 }
 
-/// Collectors with names that no earlier pipeline has used.
+/// Creates collectors with new names.
 std::vector<std::string> makeCollectors(const Names& names, int count, long long historyMs) {
     static int made = 0;
     std::vector<std::string> collectors;
@@ -92,7 +92,7 @@ std::vector<std::string> makeCollectors(const Names& names, int count, long long
     return collectors;
 }
 
-/// What a subscription does: payload to samples to the adapter's callback.
+/// Does the work of a subscription: decodes the payload and calls the adapter's callback.
 template <class Adapter, class DT>
 std::shared_ptr<someip::EventReceiver> receiverOf(const ac::com::ServiceInterface& service,
                                                   const ac::com::EventInterface& event, const Names& names,
@@ -144,7 +144,7 @@ Pipeline::Pipeline(Kind kind, int collectors, long long historyMs, Threads threa
     std::vector<someip::EventDispatcher::Route> routes;
     std::uint16_t service = 0;
     for (const std::string& name : makeCollectors(names, collectors, historyMs)) {
-        // Each lane stands for a service of its own, which differs in its id only.
+        // Each lane is a service of its own with a different id.
         std::shared_ptr<someip::EventReceiver> receiver;
         std::vector<std::uint8_t> datagram;
         if (kind == Kind::FullPosition) {
@@ -201,7 +201,7 @@ void Pipeline::drain() {
     const auto waiting = [] { return kyo::Status::snapshot()["records"]["waiting"].asInt64(); };
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     for (int looks = 0; waiting() > 0; ++looks) {
-        if (looks % 100 == 0) {  // again for what came while an earlier tick was at work
+        if (looks % 100 == 0) {  // again, for records that came during an earlier tick
             Message tick;
             PubSubService::getInstance().processMessage(tick);
         }

@@ -1,6 +1,6 @@
 #pragma once
-/// The sample path of the process without its sockets: datagrams go into the dispatcher of the middleware and
-/// end as records in collectors' output queues, over the real adapters, ingress queue and collectors.
+/// The sample path of the process without sockets: datagrams enter the middleware's dispatcher and become
+/// records in the collectors' output queues, through the real adapters, ingress queue and collectors.
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -12,9 +12,9 @@
 
 namespace vlmBench {
 
-/// How many samples arrive together: what one system call of the receive thread takes at most.
+/// Samples that arrive together: the most that the receive thread takes with one system call.
 inline constexpr int kBurst = 32;
-/// How often it is looked whether a burst is through.
+/// The interval of the checks for the end of a burst.
 inline constexpr std::chrono::microseconds kLook{1000};
 
 enum class Kind { FullPosition, Notification };
@@ -22,22 +22,22 @@ enum class Threads { Real, None };
 
 class Pipeline {
   public:
-    /// Makes `collectors` collectors with that history, each with an adapter of its own, so that any number
-    /// of them can be fed by one kind of event. What an earlier pipeline made stays, unused.
+    /// Creates `collectors` collectors with that history, each with its own adapter, so that one kind of
+    /// event can feed any number of them. Objects of earlier pipelines remain, unused.
     Pipeline(Kind kind, int collectors, long long historyMs, Threads threads = Threads::Real);
 
-    /// Sends `samples` samples to the collectors in turn and waits until all have arrived or were counted as
+    /// Sends `samples` samples to the collectors in turn and waits until all have arrived or are counted as
     /// lost. Throws std::runtime_error when some are neither.
     void run(int samples);
     /// Sends one burst and waits for it.
     void burst(int samples);
-    /// Samples that did not reach an output queue so far.
+    /// Samples that have not reached an output queue.
     static std::uint64_t lost();
 
-    /// Without threads: takes one sample all the way on the calling thread.
+    /// Without threads: processes one sample on the calling thread.
     void sampleByHand();
 
-    /// Empties all output queues, by a tick.
+    /// Empties all output queues with a tick.
     static void drain();
 
   private:
@@ -53,7 +53,7 @@ class Pipeline {
     std::size_t m_next = 0;
 };
 
-/// The process's catalog, made once.
+/// Creates the process's catalog on the first call.
 void haveCatalog();
 
 }  // namespace vlmBench

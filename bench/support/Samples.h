@@ -1,5 +1,5 @@
 #pragma once
-/// The samples that the benchmarks send, as structures and as the datagrams that carry them.
+/// The samples that the benchmarks send, as structures and as datagrams.
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -19,14 +19,14 @@ using Position = qdr::services::gnss::datatypes::DT_positions_struct;
 using AirbagNotification = qdr::services::airbag::datatypes::DT_notifications_struct;
 using Consumption = qdr::services::routebasedconsumption::datatypes::DT_consumptionValues_struct;
 
-/// A fused position with all 37 fields of its writer, and values that are as long in text as real ones.
+/// A fused position with all 37 fields of its writer; the values are as long in text as real ones.
 Position fullPosition();
-/// A sample with one member, which is its kind.
+/// A sample with one member, its kind.
 AirbagNotification airbagNotification();
 /// One point of a learnt consumption curve.
 Consumption consumption();
 
-/// One notification with one sample, header and all.
+/// One notification with one sample, including the header.
 template <class DT>
 std::vector<std::uint8_t> datagramWith(const ac::com::ServiceInterface& service,
                                        const ac::com::EventInterface& event, const DT& sample) {

@@ -22,7 +22,7 @@ using qdr::services::FieldInfo;
 
 namespace {
 
-/// Names of services and events, for structures that keep pointers to them.
+/// Keeps names of services and events for structures that point to them.
 const char* keptName(const std::string& name) {
     static auto* const names = new std::set<std::string>;
     return names->insert(name).first->c_str();
@@ -60,7 +60,7 @@ void putField(someip::MemberWriter& out, std::uint16_t id, const FieldInfo& fiel
     }
 }
 
-/// A notification with one sample: the fields of `members`, and the key's value in the key field.
+/// A notification with one sample: the fields `members`, and the key's value in the key field.
 std::vector<std::uint8_t> messageOf(const DescribedEvent& event, const std::vector<std::string>& members,
                                     const std::string& key, int index) {
     std::vector<std::uint8_t> structure;
@@ -108,7 +108,7 @@ std::vector<Stream> allStreams() {
                 add(members, event->key(), index);
             }
             if (event->writers().empty()) {
-                // What is no writer's key selects a collector all the same.
+                // A value without a writer selects a collector as well.
                 const std::string& first = event->members().front();
                 const auto field = std::find_if(event->fields().begin(), event->fields().end(),
                                                 [&](const FieldInfo& one) { return one.name == first; });

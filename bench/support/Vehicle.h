@@ -1,6 +1,6 @@
 #pragma once
-/// A vehicle for load: offers every registered service with every event, and sends ready-made notifications
-/// at a given rate, so that sending costs little beside receiving.
+/// A vehicle for load: offers all registered services and events, and sends prepared notifications at a given
+/// rate, so that sending costs little compared with receiving.
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -13,15 +13,15 @@ namespace vlmBench {
 
 /// One kind of sample: an event with one value of its key.
 struct Stream {
-    std::string service;   ///< as a collector configuration names it
+    std::string service;   ///< its name in a collector configuration
     std::string resource;  ///< the event
     int index = 0;
     ac::com::ServiceInterface interface {};
     ac::com::EventInterface event{};
-    std::vector<std::uint8_t> message;  ///< room for the header, then the payload
+    std::vector<std::uint8_t> message;  ///< space for the header, then the payload
 };
 
-/// All streams of all services that can be collected. Names in `interface` and `event` live for ever.
+/// All streams of all services that can be collected. Names in `interface` and `event` are never freed.
 std::vector<Stream> allStreams();
 
 class LoadVehicle {
@@ -30,10 +30,10 @@ class LoadVehicle {
     explicit LoadVehicle(const std::string& settings);
     ~LoadVehicle();
 
-    /// True when each event has a subscriber.
+    /// True when every event has a subscriber.
     bool isSubscribed() const;
-    /// Sends `rate` samples a second, one stream after the other, each millisecond its share. The number
-    /// sent, and in `seconds` how long that took.
+    /// Sends `rate` samples a second for `seconds`, stream after stream, a share every millisecond. Returns
+    /// the number sent, and in `took` the time needed.
     std::uint64_t send(double rate, double seconds, double& took);
 
   private:

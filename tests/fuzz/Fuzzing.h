@@ -1,5 +1,5 @@
 #pragma once
-/// What the fuzz targets share. A target must behave the same for the same bytes.
+/// Common parts of the fuzz targets. A target must be deterministic.
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -11,13 +11,13 @@ namespace vlmFuzz {
 
 using Bytes = std::span<const std::uint8_t>;
 
-/// Ends the process with that text, as a sanitizer would, where something that must hold does not.
+/// Ends the process with that text, like a sanitizer, unless `holds`.
 void require(bool holds, const char* what);
 
-/// Switches all log lines on and drops them: what composes them sees the input as well.
+/// Enables all log lines and discards them, so that composing them is tested too.
 void logToNowhere();
 
-/// Takes an input apart; at its end everything is 0 or empty.
+/// Reads values from the input. After its end all values are 0 or empty.
 class Input {
   public:
     explicit Input(Bytes bytes) noexcept : m_left(bytes) {}
@@ -37,7 +37,7 @@ class Input {
         return taken;
     }
     Bytes rest() noexcept { return take(m_left.size()); }
-    /// Up to the next line end, which is taken too.
+    /// The text up to the next line end, which is skipped.
     std::string line();
 
   private:
@@ -48,10 +48,11 @@ inline std::string textOf(Bytes bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
-/// A file in memory, for entry functions that take a path. One per process, its content is replaced.
+/// Returns the path of a file in memory, for functions that take a path. One per process; replaces its
+/// content.
 std::string fileWith(const std::string& content);
 
-/// As the product reads its files and messages. False when the text is no JSON.
+/// Parses as the product does. Returns false when the text is no JSON.
 bool parse(const std::string& text, kyo::Json::Value& out);
 
 }  // namespace vlmFuzz

@@ -1,5 +1,5 @@
 #pragma once
-/// SOME/IP messages that a target composes around parts of its input.
+/// SOME/IP messages around parts of the input.
 #include <vector>
 
 #include "Fuzzing.h"
@@ -7,7 +7,7 @@
 
 namespace vlmFuzz {
 
-/// The header, with the length that it needs, and the payload behind it.
+/// The header with the right length, and the payload.
 inline std::vector<std::uint8_t> messageOf(someip::Header header, Bytes payload) {
     header.interfaceVersion = 1;
     header.length = static_cast<std::uint32_t>(someip::kLengthCovers + payload.size());

@@ -1,5 +1,4 @@
-/// The application configuration with look-ups by path: the first lines, a few at most, are keys; an empty
-/// line ends them.
+/// The application configuration with look-ups by path. The first lines, up to an empty one, are keys.
 #include <vector>
 
 #include "Fuzzing.h"

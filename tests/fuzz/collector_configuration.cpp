@@ -1,4 +1,4 @@
-/// A collector configuration from its file to what the base setup asks of it, reports included.
+/// A collector configuration from its file to the queries of the base setup, including reports.
 #include "Fuzzing.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "config/ConfigParser.h"

@@ -1,5 +1,5 @@
-/// Configuration answers of the backend. By the first byte: the answer itself; the text inside of a record,
-/// which is put into base64 here; or a file that the directory backend makes an answer of.
+/// Configuration answers of the backend. The first byte selects: the answer itself; the text inside a record,
+/// which is encoded in base64 here; or a file from which the directory backend creates an answer.
 #include <botan/base64.h>
 
 #include <memory>
@@ -40,7 +40,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         answer.append(record);
         least = vlmFuzz::parse(text, document) ? 1 : 0;
     } else if (!vlmFuzz::parse(text, answer)) {
-        return 0;  // the transport passes on only what is JSON
+        return 0;  // the transport passes on only JSON
     }
     panel->ConfigResponseCallback(answer);
     vlmFuzz::require(handled >= least && handled <= 1, "a good answer is handled, once");

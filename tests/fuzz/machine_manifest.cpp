@@ -1,4 +1,4 @@
-/// The machine manifest. What is accepted must be usable: addresses that are some, times in order.
+/// The machine manifest. An accepted one must be usable: valid addresses, ordered times.
 #include "Fuzzing.h"
 #include "machine/Manifest.h"
 #include "someip/Endpoint.h"

@@ -1,16 +1,16 @@
-/// Master-control messages, one a line, with reports sent in between ("!" and the client's answer as a
-/// letter): whatever comes, a report goes out only when the backend permits one, and nothing throws.
+/// Master-control messages, one per line, with reports sent in between ("!" and the client's answer as a
+/// letter). A report must be sent only when the backend permits it, and nothing may throw.
 #include "Fuzzing.h"
 #include "report/VlmServer.h"
-#include "tests/support/NoConfigurations.h"
 #include "tests/minimal/ScriptedOrxClient.h"
+#include "tests/support/NoConfigurations.h"
 
 using vlmFuzz::require;
 using vlmTest::ScriptedClient;
 
 namespace {
 
-/// One for all inputs, as each leaves a timer's thread behind that sleeps for eleven minutes.
+/// One server for all inputs, since each leaves a timer's thread that sleeps for eleven minutes.
 vlmProd::VlmServer& server() {
     static auto* const instance = [] {
         vlmFuzz::logToNowhere();
@@ -23,7 +23,7 @@ vlmProd::VlmServer& server() {
     return *instance;
 }
 
-/// Brings the server into one state: open, and its last report sent and delivered.
+/// Resets the server to one state: channel open, last report sent and delivered.
 void startAnew() {
     server();
     auto& client = ScriptedClient::current();
@@ -55,7 +55,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                     "the client's answer is told");
             continue;
         }
-        // As the transport does: what is no JSON goes no further.
+        // The transport passes on only JSON.
         if (kyo::Json::Value message; vlmFuzz::parse(line, message)) {
             client.masterControl(message);
         }

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the fuzz targets of a build: first what is kept in seeds/, then new inputs for the given time.
+"""Runs the fuzz targets of a build: first the seeds in seeds/, then new inputs for the given time.
 
 What was found in earlier runs goes on from build/fuzz/corpus; an input that breaks something is left in
 build/fuzz/findings. Exit status 1 when there is one.
@@ -17,10 +17,10 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
-# Files of the repository that are seeds as they are.
+# Files of the repository that serve as seeds.
 EXAMPLES = {"collector_configuration": ["examples/collector*.json"],
             "machine_manifest": ["examples/machine-manifest.json", "packaging/machine-manifest.json"]}
-LARGEST_EXAMPLE = 4096  # bytes; larger ones are cut by the limit below
+LARGEST_EXAMPLE = 4096  # bytes; the limit below truncates larger ones
 DICTIONARIES = {"someip_discovery": "discovery", "someip_header": None, "someip_structure": None}
 LIMITS = ["-timeout=10", "-rss_limit_mb=1024", "-malloc_limit_mb=128", "-max_len=4096"]
 
@@ -43,15 +43,15 @@ def stop(*_):
 
 
 def run_target(target, options):
-    """How often it was executed on new inputs, and what is wrong, or None."""
+    """Returns the number of executions with new inputs, and an error or None."""
     program = str(options.build / "tests/fuzz" / f"fuzz_{target}")
     findings = options.build / "findings"
     corpus = options.build / "corpus" / target
     corpus.mkdir(parents=True, exist_ok=True)
     log = options.build / f"{target}.log"
     seeds = seeds_of(target)
-    # A small quarantine: the targets free what they take within one input. No stacks of allocations: the sanitizer
-    # keeps each different one for ever. Whoever runs a finding again gets them.
+    # A small quarantine, since targets free their memory within one input. No allocation stacks, since the
+    # sanitizer keeps each one; repeat a finding by hand to get them.
     sanitizer = "quarantine_size_mb=16:malloc_context_size=1:" + os.environ.get("ASAN_OPTIONS", "")
     environment = {**os.environ, "ASAN_OPTIONS": sanitizer}
     common = [program, *LIMITS, f"-artifact_prefix={findings}/{target}-"]
@@ -115,7 +115,7 @@ def main():
     for target in bad:
         log = options.build / f"{target}.log"
         lines = log.read_text(errors="replace").splitlines()
-        tail = [line for line in lines if not line.startswith("#")]  # without its progress
+        tail = [line for line in lines if not line.startswith("#")]  # without progress lines
         print(f"\n{target}: {log}\n" + "\n".join(tail[-60:]), file=sys.stderr)
     if bad:
         print(f"Inputs are in {options.build / 'findings'}; one of them again: build/fuzz/tests/fuzz/fuzz_TARGET FILE. "

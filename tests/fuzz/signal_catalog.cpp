@@ -1,4 +1,4 @@
-/// The signal catalog, from its file to every question that the base setup asks.
+/// The signal catalog, from its file to every query of the base setup.
 #include "Fuzzing.h"
 #include "catalog/VlmJsonCatalog.h"
 
@@ -27,7 +27,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             }
         }
         catalog.getSomeIPKey("GNSS", "positions", code);
-    } catch (const std::exception&) {  // an instance id that is no number; ends the start-up
+    } catch (const std::exception&) {  // an instance id that is no number ends start-up
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-/// Discovery datagrams and time, through parser, sessions, client and server. What is sent in answer is read
-/// again, and what the observer hears must make sense as a whole.
+/// Discovery datagrams and time, through parser, sessions, client and server. Answers must be readable, and
+/// the observer's calls must be consistent.
 #include <algorithm>
 #include <map>
 #include <set>

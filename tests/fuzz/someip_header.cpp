@@ -1,5 +1,5 @@
-/// Datagrams from several peers with time between them, through the dispatcher: headers, routes, segments.
-/// And the other way round: what is cut into segments is joined again, in whatever order they come.
+/// Datagrams from several peers, with time between them, through the dispatcher: headers, routes, segments.
+/// Also the reverse: segments of a message are joined again in any order.
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -93,7 +93,7 @@ void cutAndJoin(Input in) {
     for (std::size_t i = 0; i < needed; ++i) {
         const bool complete = joiner.add(key, segments[i], Clock::time_point{1h}, joined);
         require(complete == (i + 1 == needed), "the last segment, and no other, completes the message");
-        // Each comes twice, as networks with two paths have it.
+        // Each comes twice, as in networks with two paths.
         std::vector<std::uint8_t> again;
         require(!joiner.add(key, segments[i], Clock::time_point{1h}, again),
                 "a doubled segment completes nothing");

@@ -1,5 +1,5 @@
-/// Payloads through the generated readers of several services. What can be decoded is encoded, and both must
-/// mean the same.
+/// Payloads through the generated readers of several services. Decoded samples are encoded again; both must
+/// be equal.
 #include <array>
 #include <vector>
 

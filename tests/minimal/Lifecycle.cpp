@@ -1,4 +1,4 @@
-// ara and the middleware's component: log lines go to standard error, all else has no effect.
+// ara and the middleware's component: log lines go to standard error, everything else has no effect.
 #include <iostream>
 
 #include "ac/com/runtime/component.h"

@@ -1,4 +1,4 @@
-// The whole application on another platform: a sample that the vehicle sends becomes part of an envelope.
+// The whole application on another platform: a sample from the vehicle becomes part of an envelope.
 #include <gtest/gtest.h>
 
 #include "bus/Publisher.h"

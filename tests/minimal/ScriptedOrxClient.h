@@ -1,5 +1,5 @@
 #pragma once
-/// The minimal platform's backend client: a test answers its calls and sends its messages.
+/// The minimal platform's backend client: a test answers its calls and sends messages through it.
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -11,14 +11,14 @@
 
 namespace vlmTest {
 
-/// What the client made last was told, and what it tells. Made anew by each kyo::OrxClient.
+/// Controls and observes the kyo::OrxClient that was created last.
 class ScriptedClient {
   public:
     static ScriptedClient& current();
 
-    /// As made anew, but for its callback: nothing was sent, and each send succeeds.
+    /// Resets everything but the callback: nothing was sent, and each send succeeds.
     void reset();
-    /// Answers the sends; called without a lock. Without one each send succeeds.
+    /// `answer` gives the result of each send; it is called without a lock. By default sends succeed.
     void answerSends(std::function<std::int32_t()> answer) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_answer = std::move(answer);
@@ -29,7 +29,7 @@ class ScriptedClient {
     }
     std::size_t sends() const { return envelopes().size(); }
     int requests() const { return m_requests; }
-    /// Calls back on the calling thread, which so plays the client's.
+    /// Calls the callback on the calling thread, which plays the client's thread.
     void masterControl(const kyo::Json::Value& message) const { m_onMasterControl(message); }
 
   private:
@@ -42,16 +42,16 @@ class ScriptedClient {
     std::vector<kyo::Json::Value> m_envelopes;
 };
 
-/// A master-control message that leaves the channel open, or as the arguments say.
+/// A master-control message; by default it leaves the channel open.
 kyo::Json::Value control(int result = 0, int channel = 0,
                          const std::vector<std::string>& permitted = {"TypeA"},
                          const std::string& ticket = "ticket");
 
-/// A small report as report control makes them.
+/// A small report, like those of report control.
 kyo::Json::Value report(const std::string& name, int number = 1,
                         const std::string& created = "1700000000000");
 
-/// The report that an envelope carries.
+/// The report in an envelope.
 kyo::Json::Value reportIn(const kyo::Json::Value& envelope);
 
 }  // namespace vlmTest

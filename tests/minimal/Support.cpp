@@ -1,4 +1,4 @@
-// kyo: what the interface's headers leave to the platform.
+// kyo: the parts that the interface's headers leave to the platform.
 #include <chrono>
 #include <cmath>
 #include <memory>
@@ -66,7 +66,7 @@ std::string FastWriter::write(const Value& value) const {
 
 }  // namespace Json
 
-// Log: lines go to the product logger alone.
+// Log: lines go only to the product logger.
 
 std::atomic<LogLevel> Log::s_reportingLevel{0};
 std::atomic<LogLevel> Log::s_fileLevel{-1};

@@ -1,12 +1,12 @@
 #pragma once
-/// Waiting for what other threads do: on a condition, with a deadline.
+/// Waits for other threads: on a condition, with a deadline.
 #include <chrono>
 #include <thread>
 
 namespace vlmTest {
 
-/// True as soon as `condition()` is; false when it is not within the limit. `nudge()` is called before each
-/// look, for workers that may have missed a wake-up.
+/// Returns true as soon as `condition()` is true, and false at the deadline. Calls `nudge()` before each
+/// check, for workers that may have missed a wake-up.
 template <typename Condition, typename Nudge>
 bool eventually(Condition&& condition, Nudge&& nudge,
                 std::chrono::milliseconds limit = std::chrono::seconds(20)) {

@@ -1,5 +1,5 @@
 #pragma once
-/// Captures what the application logs, line by line, for as long as the object lives:
+/// Captures the application's log lines while the object lives:
 ///
 ///     LogCapture log;
 ///     ...
@@ -24,13 +24,14 @@ namespace vlmTest {
 struct LoggedLine {
     int level = 0;
     std::string text;       ///< the whole line
-    std::string signature;  ///< what stands before ":<line>"; before the message of a line without a number
-    int line = 0;           ///< the number in the prefix; 0 without one
-    std::string message;    ///< what follows the prefix and its blank; empty for an entry trace
+    std::string signature;  ///< the text before ":<line>", or before the message
+    int line = 0;           ///< line number of the prefix; 0 without one
+    std::string message;    ///< the text after the prefix and a blank; empty for an entry trace
 };
 
-/// Takes a line apart: "<signature>:<line> <message>", or "<signature> <message>" with a signature that ends
-/// with ')' or '>'.
+/// Parses a line: "<signature>:<line> <message>", or "<signature> <message>" with a signature that ends with
+/// ')' or
+/// '>'.
 inline LoggedLine parseLogLine(int level, std::string text) {
     LoggedLine out;
     out.level = level;
@@ -97,7 +98,7 @@ class LogCapture {
         return out;
     }
 
-    /// How often exactly that message came at that level (any for -1).
+    /// The number of lines with exactly that message at that level (any for -1).
     std::size_t count(int level, const std::string& message) const {
         const auto all = messages(level);
         return static_cast<std::size_t>(std::count(all.begin(), all.end(), message));
@@ -111,7 +112,7 @@ class LogCapture {
                            [&](const std::string& m) { return m.find(part) != std::string::npos; });
     }
 
-    /// Waits until a message that contains `part` has come `times` times; false at the deadline.
+    /// Waits for `times` messages that contain `part`. Returns false at the deadline.
     bool waitFor(const std::string& part, std::size_t times = 1,
                  std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
         std::unique_lock<std::mutex> lock(sink().guard);

@@ -3,7 +3,7 @@
 
 namespace vlmTest {
 
-/// For a backend link that is tried without configurations.
+/// For tests of the backend link without configurations.
 class NoConfigurations : public vlmProd::ConfigurationReceiver {
   public:
     void setRequestFunction(std::function<void()> /*request*/) override {}

@@ -8,7 +8,7 @@
 
 namespace vlmTest {
 
-/// What the text says.
+/// The parsed text.
 inline kyo::Json::Value valueOf(const std::string& text) {
     kyo::Json::Value value;
     EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;

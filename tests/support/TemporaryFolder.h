@@ -1,5 +1,5 @@
 #pragma once
-/// A folder of a test's own, removed with what is in it.
+/// A temporary folder, removed with its content.
 #include <stdlib.h>
 
 #include <filesystem>

@@ -1,5 +1,5 @@
 #pragma once
-/// The signal catalog is one for the process: this makes a small one for tests that need some.
+/// A small signal catalog for tests. There is one catalog per process.
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 namespace vlmTest {
 
-/// Creates the process's catalog from that text, unless there is one.
+/// Creates the process's catalog from that text, unless it exists.
 inline vlmProd::VlmJsonCatalog& haveCatalog(
     const std::string& text = R"({"meta":{"vlmVersion":"TestCatalog"}})") {
     static vlmProd::VlmJsonCatalog* const catalog = [&text] {

@@ -1,5 +1,5 @@
 #pragma once
-/// Threads that race: all start at the same moment.
+/// Concurrent threads that start at the same moment.
 #include <atomic>
 #include <barrier>
 #include <thread>
@@ -24,7 +24,7 @@ class Together {
     Together(const Together&) = delete;
     Together& operator=(const Together&) = delete;
 
-    /// Whether a step has not ended yet.
+    /// True until all steps have ended.
     bool running() const { return m_running > 0; }
     void join() {
         for (std::thread& thread : m_threads) {

@@ -1,5 +1,5 @@
 #pragma once
-/// The client's side of a transport to the backend.
+/// The client of a backend transport.
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -12,7 +12,7 @@
 
 namespace vlmTest {
 
-/// What a transport's callbacks got. Must outlive the transport.
+/// Collects what a transport's callbacks receive. Must outlive the transport.
 class TransportClient {
   public:
     std::vector<kyo::Json::Value> controls() const {
@@ -31,7 +31,7 @@ class TransportClient {
     }
 
   protected:
-    /// Before the transport's start. Callbacks must not come on this thread.
+    /// Call it before the transport's start. Callbacks must not come on this thread.
     void listenTo(kyo::orx::Transport& transport) {
         transport.setMasterControlCallback([this](auto message) { note(m_controls, std::move(message)); });
         transport.setConfigResponseCallback([this](auto answer) { note(m_answers, std::move(answer)); });
@@ -51,7 +51,7 @@ class TransportClient {
     std::vector<kyo::Json::Value> m_answers;
 };
 
-/// A message to send, of about that many bytes.
+/// An envelope of about `size` bytes.
 inline kyo::Json::Value envelope(const std::string& id, std::size_t size = 0) {
     kyo::Json::Value value(kyo::Json::objectValue);
     value["messageId"] = id;

@@ -1,4 +1,4 @@
-"""Real processes for tests: vlmmaster with its output and its status, and what surrounds it.
+"""Real processes for tests: vlmmaster with its output and status, and its surroundings.
 
 VLMMASTER, VLM_CATALOG and WITH_CATALOG name the program, the generated catalog and tests/support/with-catalog;
 VLM_VEHICLE names vlm-vehicle. Each vlmmaster has a folder, a state socket and a discovery port of its own.
@@ -18,8 +18,8 @@ CATALOG = os.environ["VLM_CATALOG"]
 WITH_CATALOG = os.environ["WITH_CATALOG"]
 VLM_VEHICLE = os.environ.get("VLM_VEHICLE")
 
-DEADLINE = 60  # for what must come; never reached on the good path
-STOP_LIMIT = 10  # a stop takes 2 s at most; a wait of the main loop that is not ended takes 30 s
+DEADLINE = 60  # s; reached only on failure
+STOP_LIMIT = 10  # s; a stop takes 2 s at most, a wait of the main loop 30 s
 
 
 def free_udp_port():
@@ -35,7 +35,7 @@ def free_tcp_port():
 
 
 def wait_until(condition, what, deadline=DEADLINE, period=0.02):
-    """What the condition gives, once it is true. `what` is a text, or gives one."""
+    """Returns the condition's value once it is true. `what` is a text or a function that returns one."""
     end = time.monotonic() + deadline
     while not (value := condition()):
         if time.monotonic() > end:
@@ -45,7 +45,7 @@ def wait_until(condition, what, deadline=DEADLINE, period=0.02):
 
 
 def fake_clock(**variables):
-    """The environment of a process under libfaketime; None where that is not installed.
+    """The environment of a process under libfaketime; None if that is not installed.
 
     The times of files stay as they are: faking them needs a semaphore that libfaketime takes away at the end of a
     process, under threads that still work.
@@ -59,7 +59,7 @@ def faster_clock(speed):
 
 
 def ask(path, request):
-    """The answer of the vlmmaster whose state socket is there."""
+    """The answer of the vlmmaster with this state socket."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as channel:
         channel.settimeout(DEADLINE)
         channel.connect(str(path))
@@ -69,7 +69,7 @@ def ask(path, request):
 
 
 def status_of(path):
-    """What it says about itself; empty while it does not answer."""
+    """Its status; empty while it does not answer."""
     try:
         answer = ask(path, {"request": "status"})
         return answer.get("status", answer)
@@ -78,7 +78,7 @@ def status_of(path):
 
 
 def count_in(status, name):
-    """A value of the status by its dotted name; 0 for what is not there."""
+    """A value of the status by its dotted name; 0 if missing."""
     value = status
     for key in name.split("."):
         value = value.get(key, {}) if isinstance(value, dict) else {}
@@ -132,7 +132,7 @@ class Vlmmaster:
         return line
 
     def wait_for(self, text):
-        """The first line, among those not read yet, that contains the text."""
+        """The first line with the text among those not read yet."""
         deadline = time.monotonic() + DEADLINE
         try:
             while (line := self._next(deadline)) is not None:
@@ -143,12 +143,12 @@ class Vlmmaster:
         raise AssertionError(f"no line with {text!r} in:\n" + "\n".join(self.lines[-40:]))
 
     def see(self, text):
-        """As wait_for(), among all lines."""
+        """As wait_for(), but among all lines."""
         if not any(text in line for line in self.lines):
             self.wait_for(text)
 
     def end(self, limit=DEADLINE):
-        """The exit status, after all output was read."""
+        """The exit status, after reading all output."""
         try:
             status = self.process.wait(timeout=limit)
         except subprocess.TimeoutExpired:

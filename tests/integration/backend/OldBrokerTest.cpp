@@ -1,4 +1,4 @@
-/// Brokers that no package offers: one that knows MQTT 3.1.1 only, and one that never answers.
+/// Brokers that no package provides: one that only knows MQTT 3.1.1, and one that never answers.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -16,7 +16,7 @@ namespace {
 using kyo::orx::MqttTransport;
 using vlmTest::LogCapture;
 
-/// A socket that listens on a free port of the loopback, and what a test reads from who connects.
+/// A socket that listens on a free loopback port and reads from its clients.
 class Listener {
   public:
     Listener() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -34,9 +34,9 @@ class Listener {
     Listener& operator=(const Listener&) = delete;
 
     std::uint16_t port() const { return m_port; }
-    /// The next connection, or -1 when none comes in time.
+    /// The next connection, or -1 after a time-out.
     int accept() const { return readable(m_socket) ? ::accept(m_socket, nullptr, nullptr) : -1; }
-    /// What comes in one piece; empty when nothing comes in time.
+    /// The bytes of one read; empty after a time-out.
     static std::string receive(int connection) {
         char buffer[4096];
         const ssize_t got = readable(connection) ? ::recv(connection, buffer, sizeof buffer, 0) : 0;
@@ -60,13 +60,13 @@ machine::MqttBackend settingsFor(const Listener& listener) {
     return settings;
 }
 
-/// The protocol level in a CONNECT packet: behind the name "MQTT".
+/// The protocol level in a CONNECT packet, after the name "MQTT".
 int protocolLevel(const std::string& packet) {
     const auto at = packet.find("MQTT");
     return at == std::string::npos || packet[0] != 0x10 ? -1 : packet.at(at + 4);
 }
 
-TEST(OldBroker, gets_the_older_protocol_at_once_when_it_refuses_the_newer_one) {
+TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     LogCapture log;
     const Listener listener;
     MqttTransport transport(settingsFor(listener), {"Catalog 1", {}});
@@ -95,7 +95,7 @@ TEST(OldBroker, gets_the_older_protocol_at_once_when_it_refuses_the_newer_one) {
     ::close(second);
 }
 
-TEST(SilentBroker, does_not_hold_up_the_end) {
+TEST(SilentBroker, DoesNotHoldUpTheEnd) {
     const Listener listener;
     auto transport =
         std::make_unique<MqttTransport>(settingsFor(listener), kyo::orx::Presence{"Catalog 1", {}});
@@ -103,7 +103,7 @@ TEST(SilentBroker, does_not_hold_up_the_end) {
     const int connection = listener.accept();
     ASSERT_GE(connection, 0);
     ASSERT_EQ(protocolLevel(Listener::receive(connection)), 5);
-    transport.reset();  // a time-out of the test program tells when this waits for the broker
+    transport.reset();  // must not wait for the broker
     ::close(connection);
 }
 

@@ -1,6 +1,6 @@
-// From a sample's record to the shipping queue in one process, over the real threads of the ingress queue,
-// the bus and report control. No middleware and no backend: the records come from resources, the reports are
-// taken out of the shipping queue.
+// From a sample's record to the shipping queue in one process, with the real threads of the ingress queue,
+// the bus and report control. Without middleware and backend: the records come from resources, and the test
+// takes the reports from the shipping queue.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -56,8 +56,8 @@ std::uint64_t count(const char* name) {
     return kyo::Status::counter(name).value();
 }
 
-/// Empties the shipping queue and gives all reports that have passed through it so far, oldest first. Without
-/// a link a report that is taken out only shows in the log.
+/// Empties the shipping queue and returns all reports so far, oldest first. Without a link a report that is
+/// taken from the queue only appears in the log.
 std::vector<Value> takeReports(LogCapture& log) {
     auto& shipping = *VlmDataSubmissionControl::getInstance();
     std::vector<Value> reports;
@@ -73,7 +73,7 @@ std::vector<Value> takeReports(LogCapture& log) {
     return reports;
 }
 
-/// A tick of the clock, once the bus's and report control's threads sleep for the given time.
+/// Sends a tick once the threads of bus and report control sleep for the `times`th time.
 void tick(LogCapture& log, std::size_t times) {
     ASSERT_TRUE(log.waitFor("Going to wait mode in vlm pubsub service thread.", times));
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Report queue.", times));
@@ -81,7 +81,7 @@ void tick(LogCapture& log, std::size_t times) {
     EventPublisher().publishMessage(message);
 }
 
-// Once per process: the singletons keep what the setup made.
+// Only once per process: the singletons keep the setup's objects.
 TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
     LogCapture log;
     vlmTest::haveCatalog();
@@ -107,7 +107,7 @@ TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
         positions.processData(recordOf(2, t));
         positions.processData(recordOf(3, t));
     }).join();
-    // A lock whose holder was preempted for ten tries costs a record; that is counted.
+    // A record is dropped and counted when a preempted thread holds the lock during all ten tries.
     const auto lost = [] {
         return count("queue.ingress.dropped") + count("queue.collector.input.dropped") +
                count("queue.collector.output.dropped");
@@ -166,7 +166,7 @@ TEST(Pipeline, BringsEveryRecordIntoTheReportsOfItsTick) {
     }
     EXPECT_EQ(kyo::Status::snapshot()["records"]["waiting"].asInt64(), 0);
 
-    // What a tick's thread tells of its collector, in this order.
+    // The log lines of a tick's thread about its collector, in this order.
     const std::string last = "ZEPH-44489: ZEPH-64275: Collector: silent: In the History state";
     ASSERT_TRUE(log.waitFor(last));
     const auto all = log.messages(5);

@@ -1,6 +1,6 @@
 #pragma once
-/// Real sockets on the loopback network. Addresses and ports follow from the process id, so that several
-/// runs at once keep out of each other's way.
+/// Real sockets on the loopback network. Addresses and ports depend on the process id, so that concurrent
+/// runs do not disturb each other.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -49,16 +49,16 @@ inline Reading numbered(int number) {
     return reading;
 }
 
-/// A client of the service, with all that it got.
+/// A client of the service and the samples that it received.
 class MeterClient {
   public:
     explicit MeterClient(someip::Runtime& middleware) : runtime(middleware) {}
 
-    /// Waits for the service, as an adapter does that asks again and again.
+    /// Waits for the service by polling, like an adapter.
     bool find() {
         return eventually([&] { return !ac::com::findService(kMeter, "*", runtime).empty(); });
     }
-    /// Wants the event; `handler` gets its samples, or else take() does.
+    /// Subscribes the event with `handler`, or else with take().
     bool subscribe(std::function<void(std::vector<Reading>)> handler = nullptr) {
         proxy = std::make_unique<ac::com::ProxyBase>(
             kMeter, ac::com::ServiceHandle{kMeter.serviceId, 1, kMeter.majorVersion}, runtime);
@@ -96,7 +96,7 @@ class MeterClient {
     someip::Runtime& runtime;
     mutable std::mutex guard;
     std::vector<Reading> got;
-    // Last, so that they end before what their handler uses.
+    // Last, so that they are destroyed before the members that the handler uses.
     std::unique_ptr<ac::com::ProxyBase> proxy;
     std::unique_ptr<ac::com::ProxyEvent<Reading>> readings;
 };
@@ -104,7 +104,7 @@ class MeterClient {
 /// A server of the service.
 struct MeterServer {
     explicit MeterServer(someip::Runtime& runtime) : base(kMeter, 1, runtime) {}
-    /// Sends until the client has got one that is newer than what it had; that many are lost at most.
+    /// Sends samples with that number until the client receives one.
     bool sendUntilReceived(const MeterClient& client, int number) {
         const auto before = client.count();
         return eventually([&] { return client.count() > before; },
@@ -116,7 +116,7 @@ struct MeterServer {
     ac::com::SkeletonEvent<Reading> alarms{base, kAlarms};
 };
 
-/// A device made of plain sockets: its messages are written and read by the test.
+/// A device of plain sockets: the test writes and reads its messages.
 class PlainDevice {
   public:
     explicit PlainDevice(int host) {
@@ -161,7 +161,7 @@ class PlainDevice {
         entry.multicast = std::move(multicast);
         sendDiscovery(entry, &to);
     }
-    /// The next entry of that type that comes to a discovery socket, and who sent it; others are passed over.
+    /// Waits for the next discovery entry of that type, ignoring others, and for its sender.
     bool await(someip::SdEntryType type, someip::SdEntry& found, someip::Endpoint& from) {
         const auto isFound = [&](std::span<const std::uint8_t> datagram) {
             someip::SdMessage message;
@@ -190,7 +190,7 @@ class PlainDevice {
             return false;
         });
     }
-    /// Calls `take(from, bytes)` for what has come to the event socket.
+    /// Calls `take(from, bytes)` for each datagram at the event socket.
     template <typename Take>
     void receiveEvents(Take&& take) {
         const auto count = batch.receive(*events);

@@ -1,4 +1,4 @@
-/// What receive handlers may do, and what ends while they are at work.
+/// Permitted actions of receive handlers, and shutting down while they run.
 #include <atomic>
 
 #include "Bench.h"
@@ -8,7 +8,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// Lets a handler in, and holds it until it is let out.
+/// Blocks a handler until the test releases it.
 struct Lock {
     void passThrough() {
         inside = true;
@@ -26,7 +26,7 @@ struct Lock {
     std::atomic<bool> isOpen{false};
 };
 
-/// Each test ends its subscription itself: the handlers use what lives in the test's body.
+/// Each test ends its subscription itself, since handlers use local variables of the test.
 struct Handlers : ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(runtime.start(settingsFor(1), true));
@@ -146,15 +146,15 @@ TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
     ASSERT_TRUE(lock.waitForVisitor());
     runtime.stop(50ms);
     EXPECT_TRUE(log.hasPart(3, "A receive handler does not return"));
-    // The next life has a thread of its own, and the thread left behind ends with its handler.
+    // A restart has a new thread; the remaining one ends with its handler.
     ASSERT_TRUE(runtime.start(settingsFor(1), true));
     lock.open();
     EXPECT_TRUE(eventually([&] { return calls >= 2; }, [&] { server.readings.Send({numbered(3)}); }));
     readings.reset();
 }
 
-// Racing: two threads that subscribe and unsubscribe, one that sends, one that stops and starts the
-// middleware, and the middleware's own thread.
+// Concurrent threads: two subscribe and unsubscribe, one sends, one stops and starts the middleware, and the
+// middleware's own.
 TEST(HandlersUnderStress, NoneIsCalledAfterItsEnd) {
     const LogCapture log{3};
     someip::Runtime runtime;

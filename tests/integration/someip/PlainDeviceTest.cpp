@@ -1,4 +1,4 @@
-/// The client against a device that is made of plain sockets, honest or not.
+/// The client with a device of plain sockets, correct or faulty.
 #include "Bench.h"
 
 using namespace vlmTest;
@@ -18,7 +18,7 @@ struct DeviceTalk : ::testing::Test {
         ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
         receiver = subscription.unicast.at(0);
     }
-    /// Offered, subscribed and acknowledged.
+    /// Offers the service and acknowledges the subscription.
     void settle() {
         offer();
         device->answer(subscription, from, 3);

@@ -1,4 +1,4 @@
-/// A client and a server as two processes would be: a middleware each, at addresses of their own.
+/// A client and a server like two processes: each with its own middleware and address.
 #include "Bench.h"
 
 using namespace vlmTest;
@@ -22,7 +22,7 @@ struct ClientAndServer : ::testing::Test {
         ASSERT_TRUE(client.connect());
         ASSERT_TRUE(client.subscribed());
     }
-    /// Subscribes with that handler.
+    /// Finds the service and subscribes with `handler`.
     bool connect(std::function<void(std::vector<Reading>)> handler) {
         return client.connect(std::move(handler)) &&
                eventually([&] { return server.readings.subscribers() == 1; });
@@ -177,7 +177,7 @@ TEST_F(ClientAndServer, EverySampleIsReceivedOrCountedWhereTheSystemDroppedIt) {
         server.readings.Send({numbered(1)});
     }
     hold = false;
-    // The system tells what it dropped with the next datagram that it takes.
+    // The system reports drops with the next datagram.
     EXPECT_TRUE(
         eventually([&] { return received + someip::counters().kernelDropped.value() - dropped == sent; },
                    [&] {
@@ -190,8 +190,8 @@ TEST_F(ClientAndServer, EverySampleIsReceivedOrCountedWhereTheSystemDroppedIt) {
 }
 
 TEST_F(ClientAndServer, ASlowHandlerDoesNotLoseTheService) {
-    // The offer's time to live passes while the handler sleeps; what came meanwhile is heard before times are
-    // judged.
+    // The offer's TTL expires while the handler sleeps; waiting messages are handled before deadlines are
+    // checked.
     auto settings = settingsFor(2);
     settings.discovery.ttlSeconds = 1;
     settings.discovery.cyclicOfferMs = 100;

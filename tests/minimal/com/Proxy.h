@@ -1,5 +1,5 @@
 #pragma once
-/// The proxies' part of a platform whose vehicle is an object in the same process: Vehicle.
+/// Proxies of a platform whose vehicle is an object in the same process: Vehicle.
 #include <functional>
 #include <map>
 #include <memory>
@@ -13,7 +13,7 @@
 
 namespace vlmTest {
 
-/// Which services are offered, and who receives their events. Any thread may use it.
+/// The offered services and the receivers of their events. Any thread.
 class Vehicle {
   public:
     static Vehicle& instance() {
@@ -34,7 +34,7 @@ class Vehicle {
         const std::lock_guard lock(m_guard);
         m_handlers[{service.serviceId, event.eventId}] = std::move(handler);
     }
-    /// Delivers on the calling thread, which stands for the middleware's. False without a subscriber.
+    /// Delivers on the calling thread, which plays the middleware's. Returns false without a subscriber.
     template <typename DT>
     bool send(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event,
               const std::vector<DT>& samples) const {
@@ -52,7 +52,7 @@ class Vehicle {
     }
 
   private:
-    mutable std::mutex m_guard;  ///< guards the members below; not held while a handler runs
+    mutable std::mutex m_guard;  ///< guards the members below; not locked while a handler runs
     std::set<std::uint16_t> m_offered;
     std::map<std::pair<std::uint16_t, std::uint16_t>, std::function<void(const void*)>> m_handlers;
 };

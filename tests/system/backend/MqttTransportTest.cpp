@@ -1,4 +1,4 @@
-/// The MQTT transport against a real broker: presence, loss and return of the broker, who is let in, limits.
+/// The MQTT transport with a real broker: presence, loss and return of the broker, access, limits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,7 +40,7 @@ machine::MqttBackend settingsFor(std::uint16_t port) {
     return settings;
 }
 
-/// The other side of the topics: publishes, and remembers what came.
+/// The backend's side of the topics: publishes, and collects messages.
 class Observer {
   public:
     explicit Observer(const machine::MqttBackend& settings, std::vector<std::string> topics = {"#"},
@@ -104,7 +104,7 @@ class MqttBackendTest : public testing::Test {
     machine::MqttBackend m_settings = settingsFor(m_port);
 };
 
-TEST_F(MqttBackendTest, carries_messages_both_ways_and_ignores_what_is_not_json_or_was_retained) {
+TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetained) {
     Broker broker(m_port);
     Observer backend(m_settings);
     backend.say("test/vehicle/mastercontrol", text(masterControl("stale", {"TypeA"}, 0, 1)), true);
@@ -129,13 +129,13 @@ TEST_F(MqttBackendTest, carries_messages_both_ways_and_ignores_what_is_not_json_
     EXPECT_EQ(backend.on("test/vehicle/data")[0], text(envelope("1", 300000)));
 }
 
-TEST_F(MqttBackendTest, is_shown_offline_by_the_broker_when_lost_and_says_so_itself_when_it_ends) {
+TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndSaysSoItselfWhenItEnds) {
     Broker broker(m_port);
     Observer backend(m_settings, {"test/vehicle/status"});
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
     {
-        // Whoever comes under the same name ends the vehicle's connection, and so brings its will about.
+        // A second client with the same name ends the vehicle's connection, so the broker publishes its will.
         Observer usurper(m_settings, {"nothing"}, "vlmmaster-test-vehicle");
         ASSERT_TRUE(backend.awaits("test/vehicle/status", 2));
         usurper.stop();
@@ -150,7 +150,7 @@ TEST_F(MqttBackendTest, is_shown_offline_by_the_broker_when_lost_and_says_so_its
     EXPECT_EQ(late.on("test/vehicle/status")[0], kOffline) << "it is retained";
 }
 
-TEST_F(MqttBackendTest, gives_up_what_waited_for_a_broker_that_came_back_with_a_lower_limit) {
+TEST_F(MqttBackendTest, GivesUpWhatWaitedForABrokerThatCameBackWithALowerLimit) {
     Broker broker(m_port);
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(m_log.waitFor("connected to the broker"));
@@ -165,7 +165,7 @@ TEST_F(MqttBackendTest, gives_up_what_waited_for_a_broker_that_came_back_with_a_
     EXPECT_EQ(backend.on("test/vehicle/data").back(), text(envelope("after")));
 }
 
-TEST_F(MqttBackendTest, fails_a_send_when_too_much_waits_for_the_broker) {
+TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
     Vehicle vehicle(m_settings);
     std::size_t taken = 0;
     std::int32_t result = 0;
@@ -177,7 +177,7 @@ TEST_F(MqttBackendTest, fails_a_send_when_too_much_waits_for_the_broker) {
     EXPECT_TRUE(m_log.hasPart(3, "An envelope cannot be sent: 100 messages"));
 }
 
-TEST_F(MqttBackendTest, gives_up_an_envelope_beyond_the_brokers_limit_and_opens_the_channel_for_the_next) {
+TEST_F(MqttBackendTest, GivesUpAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelForTheNext) {
     const struct {
         const char* limit;
         int result;
@@ -185,7 +185,8 @@ TEST_F(MqttBackendTest, gives_up_an_envelope_beyond_the_brokers_limit_and_opens_
     } cases[] = {
         {"max_packet_size 20000\n", MqttConnection::kTooLarge,
          "do not fit into the broker's largest packet of 20000"},
-        {"message_size_limit 20000\n", 0, "refuses an envelope for its size"},  // which is not announced
+        {"message_size_limit 20000\n", 0,
+         "refuses an envelope for its size"},  // a limit that the broker does not announce
     };
     for (const auto& c : cases) {
         Broker broker(m_port, std::string("allow_anonymous true\n") + c.limit);
@@ -203,7 +204,7 @@ TEST_F(MqttBackendTest, gives_up_an_envelope_beyond_the_brokers_limit_and_opens_
     }
 }
 
-TEST_F(MqttBackendTest, tells_of_a_wrong_password_once_and_enters_when_it_is_right) {
+TEST_F(MqttBackendTest, TellsOfAWrongPasswordOnceAndEntersWhenItIsRight) {
     const vlmTest::TemporaryFolder folder;
     const auto accessFor = [&folder](const std::string& password) {
         const std::string file = folder.write("passwords", "vehicle:" + password + "\n");
@@ -224,13 +225,13 @@ TEST_F(MqttBackendTest, tells_of_a_wrong_password_once_and_enters_when_it_is_rig
     EXPECT_EQ(refused, 1u);
 }
 
-TEST_F(MqttBackendTest, speaks_tls_with_a_broker_whose_certificate_holds_and_which_takes_its_own) {
+TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesItsOwn) {
     const Certificates certificates;
     m_settings.tls = true;
     m_settings.caFile = certificates.file("ca.crt");
     machine::MqttBackend mistrusting = m_settings;
     mistrusting.caFile = certificates.file("other-ca.crt");
-    machine::MqttBackend stranger = m_settings;  // of an authority that the broker does not know
+    machine::MqttBackend stranger = m_settings;  // signed by an authority that the broker does not know
     stranger.certFile = certificates.file("other-ca.crt");
     stranger.keyFile = certificates.file("other-ca.key");
     machine::MqttBackend known = m_settings;

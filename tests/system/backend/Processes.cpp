@@ -49,7 +49,7 @@ Broker::Broker(std::uint16_t port, std::string configuration)
 }
 
 void Broker::start() {
-    // As root it would otherwise change to a user who cannot read the folder.
+    // Otherwise mosquitto, started by root, changes to a user who cannot read the folder.
     const std::string file =
         m_folder.write("mosquitto.conf", "user root\npersistence false\nlistener " + std::to_string(m_port) +
                                              " 127.0.0.1\n" + m_configuration);

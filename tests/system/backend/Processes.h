@@ -1,5 +1,5 @@
 #pragma once
-/// Processes that a test starts and ends, each by its own id: a broker, the bench's backend, openssl.
+/// Processes that a test starts and ends, each by its pid: a broker, the bench's backend, openssl.
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -9,10 +9,10 @@
 
 namespace vlmTest {
 
-/// A TCP port of 127.0.0.1 that nobody had when this was called.
+/// A TCP port of 127.0.0.1 that was free at the call.
 std::uint16_t freePort();
 
-/// mosquitto on a port of its own, with further lines of configuration.
+/// mosquitto on its own port, with additional configuration lines.
 class Broker {
   public:
     explicit Broker(std::uint16_t port, std::string configuration = "allow_anonymous true\n");
@@ -21,7 +21,7 @@ class Broker {
     Broker& operator=(const Broker&) = delete;
 
     void start();
-    /// Ends it at once, as a crash would.
+    /// Kills it, like a crash.
     void stop() { m_process.reset(); }
     void restart(std::string configuration);
 
@@ -29,10 +29,10 @@ class Broker {
     const std::uint16_t m_port;
     std::string m_configuration;
     TemporaryFolder m_folder;
-    std::unique_ptr<ChildProcess> m_process;  ///< none while it is stopped
+    std::unique_ptr<ChildProcess> m_process;  ///< nullptr while stopped
 };
 
-/// Certificates made by openssl in a folder: authorities "ca" and "other-ca"; of the first "server" (for
+/// Certificates from openssl in a folder: authorities "ca" and "other-ca"; signed by "ca": "server" (for
 /// 127.0.0.1), "expired", "elsewhere" (for another host) and "client". Each has a .crt and a .key file.
 class Certificates {
   public:

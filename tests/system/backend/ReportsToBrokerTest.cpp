@@ -74,7 +74,7 @@ class ReportsToBroker : public testing::Test {
     }
     std::string output() const { return readFile(m_folder.file("output")); }
 
-    /// The machine manifest is read once per process, by the first that asks: before the log does.
+    /// The process reads its machine manifest once, so set it before the first log line.
     std::string manifest() const {
         return R"({"backend": {"transport": "mqtt", "mqtt": {"prefix": "test/car", "reconnectMaxSeconds": 1, "port": )" +
                std::to_string(m_port) + "}}}";
@@ -92,7 +92,7 @@ class ReportsToBroker : public testing::Test {
     VlmDataSubmissionControl m_control;
 };
 
-TEST_F(ReportsToBroker, come_as_often_as_the_backend_wants_while_it_is_there_and_open) {
+TEST_F(ReportsToBroker, ComeAsOftenAsTheBackendWantsWhileItIsThereAndOpen) {
     Broker broker(m_port);
     startBackend({"--closed", "--results", "0,1,2,0,-,0"});
     m_control.initializeServer("Catalog 1", {"TypeA"}, std::make_shared<vlmTest::NoConfigurations>());

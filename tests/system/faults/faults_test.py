@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What a vehicle computer goes through: peers that die, stall, refuse; a bad network, a wrong clock, a full disk.
+"""Faults around a vehicle computer: peers that die, stall or refuse, a bad network, a wrong clock, a full disk.
 
 The environment is that of tests/support/processes.py, and VLM_BACKEND, VLM_SOURCE. VLM_FAULT_ROUNDS tells how often
 each fault is made (a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster
@@ -32,7 +32,8 @@ SERVICES = ("GNSS", "Chassis", "Temperature", "DrivingRange", "Airbag")
 COLLECTORS = 8  # of examples/collector.json
 EVENTS = 6  # which these collect from
 SPEED = 20  # a tick every three seconds
-# Where a preempted holder of a lock may cost something on a loaded machine: told, as none of these faults does it.
+# Drops caused by a preempted lock holder on a loaded machine; printed only, since none of these faults causes
+# them.
 QUEUES = ("queue.bus.dropped", "queue.ingress.dropped", "queue.collector.input.dropped",
           "queue.collector.output.dropped", "queue.report.dropped", "queue.shipping.dropped", "queue.discovery.dropped")
 NEVER = ("someip.malformed", "someip.truncated", "someip.wrongPeer", "someip.handlerFailures", "someip.sd.malformed",
@@ -71,7 +72,7 @@ class FaultTest(unittest.TestCase):
         return vehicle
 
     def start_master(self, *arguments, backend=None, log=None, **options):
-        """self.master, and in self.store what its backend stores where that is a folder."""
+        """Starts self.master; self.store is the file of envelopes if the backend is a folder."""
         folder = tempfile.mkdtemp(dir=self.folder)
         if backend is None:
             backend = {"directory": {"path": os.path.join(folder, "backend"), "configuration": CONFIGURATION}}
@@ -82,7 +83,7 @@ class FaultTest(unittest.TestCase):
         self.addCleanup(self.master.kill)
 
     def start_peer(self, name, *command, **variables):
-        """A process whose output goes to a file of that name, and which is killed at the end of the test."""
+        """A process with its output in a file of that name; killed at the end of the test."""
         with open(os.path.join(self.folder, name + ".txt"), "ab") as out:
             peer = subprocess.Popen(command, env=dict(os.environ, **variables), stdin=subprocess.DEVNULL, stdout=out,
                                     stderr=out)
@@ -96,7 +97,7 @@ class FaultTest(unittest.TestCase):
         peer.wait()
 
     def random_pause(self, most):
-        time.sleep(self.chance.uniform(0, most))  # the moment is what varies; nothing is waited for
+        time.sleep(self.chance.uniform(0, most))  # a random moment, not a wait for something
 
     def status(self):
         return json.dumps(self.master.status())
@@ -109,7 +110,7 @@ class FaultTest(unittest.TestCase):
         self.master.wait_for_count("events.subscribed", EVENTS, 120)
 
     def reports(self):
-        """What the backend has, in order of arrival; without those that came again."""
+        """The backend's reports in order of arrival, without repetitions."""
         found, seen = [], set()
         try:
             lines = Path(self.store).read_bytes().split(b"\n")[:-1]
@@ -128,14 +129,14 @@ class FaultTest(unittest.TestCase):
         before = len(self.reports())
 
         def fresh():
-            # The first two (one of each report) may hold what was collected before.
+            # The first two (one of each report) may contain older records.
             filled = {c["collectName"] for report in self.reports()[before + 2:]
                       for c in report["signalCollections"] or [] if c["samples"]}
-            return len(filled) >= COLLECTORS - 2  # of a crash and the airbags there is not always news
+            return len(filled) >= COLLECTORS - 2  # crash and airbags may have no new samples
         wait_until(fresh, lambda: f"fresh samples in the reports; status {self.status()}", 90, 0.1)
 
     def check_no_gap(self):
-        """Reports have their numbers without a gap."""
+        """The numbers of the reports have no gap."""
         numbers = {}
         for report in self.reports():
             numbers.setdefault(report["reportName"], []).append(report["sequenceNumber"])
@@ -145,7 +146,7 @@ class FaultTest(unittest.TestCase):
         self.told["reports delivered"] = sum(len(got) for got in numbers.values())
 
     def check_each_report_is_accounted_for(self):
-        """What was made by now arrives, waits, or is counted where it was given up."""
+        """Every report so far arrives, waits, or is counted as dropped."""
         queued, waiting, discarded, failed, resent = self.master.count(
             "reports.queued", "reports.waiting", "reports.discarded", "reports.failed", "reports.resent")
         wait_until(lambda: len(self.reports()) >= queued - waiting - discarded - failed,
@@ -154,7 +155,7 @@ class FaultTest(unittest.TestCase):
                           "sent again": resent})
 
     def finish(self):
-        """Nothing was lost in between, and a stop is one."""
+        """Nothing was lost in between, and a stop ends the process in order."""
         for name, value in zip(NEVER, self.master.count(*NEVER)):
             self.assertEqual(value, 0, f"{name} in {self.status()}")
         self.told.update({name: value for name, value in zip(QUEUES, self.master.count(*QUEUES)) if value})
@@ -185,7 +186,7 @@ class VehicleFaults(FaultTest):
             longest = max(longest, time.monotonic() - began)
         self.told["longest time to 200 samples"] = f"{longest:.1f} s"
         self.assertEqual(self.master.count("services.found"), len(SERVICES))
-        # Each was noticed: as a reboot where it was back soon, as an offer that ran out where it was not.
+        # Each was noticed: a quick return as a reboot, a slow one as an expired offer.
         self.told["reboots seen"] = self.master.count("someip.sd.reboots")
         self.assertGreater(self.told["reboots seen"], 0)
         self.wait_for_fresh_samples()
@@ -205,7 +206,7 @@ class NetworkFaults(FaultTest):
         wanted = 2000 * (ROUNDS or 1)
         wait_until(lambda: relay.counted["events forwarded"] >= wanted, "datagrams through the relay", 60 + wanted / 100)
         self.wait_for_fresh_samples()
-        # No peer seems to have rebooted, however its messages come.
+        # No reboot is detected, whatever the order of messages.
         self.assertEqual(self.master.count("someip.sd.reboots"), 0)
         relay.share = 0
         vehicle.end(signal.SIGTERM)
@@ -218,7 +219,7 @@ class NetworkFaults(FaultTest):
             self.told[what] = counted[what]
         gaps, repeats = self.master.count("someip.sessionGaps", "someip.sessionRepeats")
         self.told.update({"session gaps": gaps, "session repeats": repeats})
-        # An overtaken message is a gap first; a lost one whose follower is overtaken too may be told once only.
+        # An overtaken message counts as a gap first; it may hide a lost one next to it.
         self.assertGreater(gaps, counted["events lost"] / 2)
         self.assertGreater(repeats, counted["events doubled"] / 2)
         self.check_no_gap()
@@ -249,7 +250,7 @@ class BrokerFaults(FaultTest):
             subprocess.run([program("mosquitto_passwd"), "-b", users, user, theirs], check=True,
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         configuration = os.path.join(self.folder, "mosquitto.conf")
-        # Root's broker becomes another user, who could not read the file.
+        # A broker started by root changes to a user who could not read the file.
         Path(configuration).write_text(f"listener {self.broker_port} 127.0.0.1\nallow_anonymous false\n"
                                        f"password_file {users}\nuser {'root' if os.geteuid() == 0 else ''}\n")
         self.broker = self.start_peer("broker", program("mosquitto"), "-c", configuration)
@@ -271,7 +272,7 @@ class BrokerFaults(FaultTest):
             self.start_again()
 
             self.broker.send_signal(signal.SIGSTOP)
-            self.wait_for_samples()  # nobody waits for the broker
+            self.wait_for_samples()  # collecting does not wait for the broker
             self.random_pause(2)
             self.broker.send_signal(signal.SIGCONT)
             self.wait_for_fresh_samples()
@@ -290,7 +291,7 @@ class BrokerFaults(FaultTest):
 
 
 class DiskFaults(FaultTest):
-    """The backend's folder on a small disk of its own, which exists in the process's namespace only.
+    """The backend's folder is on a small disk of its own, in the process's mount namespace.
 
     In real time, a tick a minute: libfaketime does not know the wait after which the disk is tried again.
     """
@@ -332,7 +333,7 @@ class DiskFaults(FaultTest):
             self.master.wait_for_count("orx.failed", turn, 90)
             self.wait_for_samples()
             end()
-            # The tick's two reports: the one whose sending failed is gone, the one behind it comes.
+            # Of the tick's two reports, the one whose sending failed is lost; the next one arrives.
             wait_until(lambda: len(self.reports()) + self.master.count("reports.failed") >= 2 * turn, self.status, 20)
         self.check_each_report_is_accounted_for()
         self.assertGreaterEqual(self.told["reports delivered"], 2 * rounds)
@@ -340,7 +341,7 @@ class DiskFaults(FaultTest):
 
 
 class ClockFaults(FaultTest):
-    """The wall clock jumps, the monotonic one does not. Without a faster clock: a tick is a real minute."""
+    """The wall clock jumps, the monotonic clock does not. A tick is a real minute here."""
 
     def test_the_wall_clock_set_back_and_forward_by_an_hour(self):
         self.need()
@@ -358,7 +359,7 @@ class ClockFaults(FaultTest):
         self.wait_for_all_services()
 
         def phase():
-            """When ticks are due, on this process's monotonic clock: the same all the time."""
+            """The phase of the ticks on this process's monotonic clock, which must not change."""
             due = self.master.count("clock.nextTickMs")
             return (time.monotonic() * 1000 + due) % 60000
 
@@ -427,12 +428,12 @@ class DltFaults(FaultTest):
         names = ("log.dlt.messages", "log.dropped.dlt", "log.dlt.noDaemon")
         self.told.update(zip(names, self.master.count(*names)))
         self.finish()
-        # Standard error and output are one here, and the console is off.
+        # Standard error and output are the same file, and the console is off.
         self.assertLess(len(self.master.lines), 5, "\n".join(self.master.lines[:20]))
 
 
 class Stops(FaultTest):
-    """At random moments, under load, in both modes: the end comes within 5 s, with status 0, and as an end.
+    """At random moments, under load, in both modes: the process ends in order within 5 s, with status 0.
 
     In real time: libfaketime's own end takes away what other threads still use.
     """
@@ -444,11 +445,11 @@ class Stops(FaultTest):
         turns = ROUNDS * 10 or 12
         for turn in range(turns):
             mode = ["-l", CONFIGURATION] if turn % 2 else []
-            # Blocked until the program itself takes care of it: what comes before would end the loader.
+            # The signal is blocked until the program handles it; earlier it would kill the loader.
             self.start_master(*mode, log={"maxLevel": 7, "console": turn % 4 < 2},
                               before=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGTERM]))
             wait_until(lambda: Path(f"/proc/{self.master.process.pid}/comm").read_text() == "vlmmaster\n", "its start")
-            # The moment is what varies: in start-up, while services are found and subscribed, in full flow.
+            # A random moment: in start-up, while services are found and subscribed, or later.
             time.sleep(self.chance.uniform(0.05, 0.5 if turn % 3 else 8))
             began = time.monotonic()
             self.assertEqual(self.master.stop(limit=5), 0, f"turn {turn}:\n{self.master.text()[-3000:]}")

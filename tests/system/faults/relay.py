@@ -13,13 +13,13 @@ import time
 from collections import Counter
 
 BROADCAST = "127.255.255.255"
-FOR_MASTER, FOR_VEHICLE = "127.0.0.9", "127.0.0.8"  # where each side sees the other
+FOR_MASTER, FOR_VEHICLE = "127.0.0.9", "127.0.0.8"  # addresses at which each side sees the other
 ENDPOINT_OPTION = 0x04
-HOLD_SECONDS = 0.03  # a datagram that is overtaken waits that long at most
+HOLD_SECONDS = 0.03  # an overtaken datagram waits at most this long
 
 
 class Relay:
-    """`share` of all datagrams are lost, as many doubled, as many overtaken by the next one."""
+    """Loses `share` of all datagrams, doubles as many, and lets the next one overtake as many."""
 
     def __init__(self, vehicle_port, master_port, seed, share=0.05):
         self.share = share
@@ -27,8 +27,8 @@ class Relay:
         self._chance = random.Random(seed)
         self._vehicle_port, self._master_port = vehicle_port, master_port
         self._selector = selectors.DefaultSelector()
-        self._held = {}  # per way: the datagram that waits to be overtaken
-        self._events = {"vehicle": None, "master": None}  # where each side really sends and receives events
+        self._held = {}  # per direction: the datagram that waits to be overtaken
+        self._events = {"vehicle": None, "master": None}  # each side's real endpoint for events
         self._to_master = self._socket(FOR_MASTER, master_port)
         self._to_vehicle = self._socket(FOR_VEHICLE, vehicle_port)
         self._events_to_master = self._socket(FOR_MASTER, 0)
@@ -68,7 +68,7 @@ class Relay:
                         data, sender = key.fileobj.recvfrom(65536)
                     except BlockingIOError:
                         break
-                    if sender[0] not in (FOR_MASTER, FOR_VEHICLE):  # not what the relay itself says to all
+                    if sender[0] not in (FOR_MASTER, FOR_VEHICLE):  # not the relay's own multicasts
                         key.data(key.fileobj, data, sender)
             now = time.monotonic()
             for way, (due, send) in list(self._held.items()):
@@ -92,7 +92,7 @@ class Relay:
             self._pass("events", channel, lambda: self._events_to_master.sendto(data, to))
 
     def _translate(self, data, side, replacement):
-        """Puts the relay's event endpoint in the place of the sender's, and remembers that one."""
+        """Replaces the sender's event endpoint by the relay's, and remembers it."""
         data = bytearray(data)
         at = 28 + struct.unpack_from(">I", data, 20)[0]  # header, flags, length of the entries, entries, length
         while at + 3 <= len(data):

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Real vlmmaster processes: how they end, what they say first, and how they are stopped.
+"""Real vlmmaster processes: start-up, its failures, and stops.
 
 The environment is that of tests/support/processes.py.
 """
@@ -131,7 +131,7 @@ class MainLoop(ProcessTest):
 
 
 class Stops(ProcessTest):
-    """A stop at any moment ends the process with status 0, and soon."""
+    """A stop at any moment ends the process soon, with status 0."""
 
     def test_that_came_before_the_program_began_is_kept_for_the_main_loop(self):
         for number in (signal.SIGTERM, signal.SIGINT):

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The bench of `make run`: it shows reports of all five services, ends cleanly, and works again afterwards.
+"""The bench of `make run`: it prints reports of all five services, ends cleanly, and can run again.
 
 The environment is that of tests/support/processes.py, and VLM_BUILD and VLM_SOURCE, the build folder and the
 checkout. The vehicle and vlmmaster get a faster clock, as nothing ticks faster than once a minute.
@@ -23,7 +23,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../
 from processes import CATALOG, WITH_CATALOG, count_in, free_udp_port, status_of, wait_until  # noqa: E402
 
 SOURCE = Path(os.environ["VLM_SOURCE"])
-DEADLINE = 240  # s for what must come
+DEADLINE = 240  # s; reached only on failure
 FIVE = {"GNSSProxy", "TemperatureProxy", "DrivingRangeProxy", "ChassisProxy", "AirbagProxy"}
 
 
@@ -37,7 +37,7 @@ def children_of(pid):
 
 
 class Bench:
-    """One run of tools/run/vlm-run, its output in a file."""
+    """One run of tools/run/vlm-run, with its output in a file."""
 
     def __init__(self, folder, *arguments, catalog=CATALOG):
         self.folder = Path(folder)
@@ -55,13 +55,13 @@ class Bench:
         return count_in(status_of(self.folder / "vlmmaster.sock"), name)
 
     def with_samples(self):
-        """The services and resources of which a report has samples."""
+        """The services and resources with samples in a report."""
         result = set()
         for path in sorted(self.folder.glob("reports/*.json")):
             try:
                 report = json.loads(path.read_text())
             except ValueError:
-                continue  # is being written
+                continue  # not completely written
             result |= {(c["serviceName"], c["resourceName"]) for c in report["signalCollections"] or [] if c["samples"]}
         return result
 
@@ -79,7 +79,7 @@ class Bench:
         self.wait_until(lambda: "Ctrl-C ends them" in self.text(), "the start")
 
     def end(self, number=signal.SIGINT):
-        """Exit status; every process that the run has started must be gone then."""
+        """The exit status; by then every process of the run must have ended."""
         started = children_of(self.process.pid)
         self.process.send_signal(number)
         status = self.process.wait(40)
@@ -146,14 +146,14 @@ class Run(unittest.TestCase):
         self.assertIn("Violation of [PRS_SOMEIP_00900]", log.read_text(errors="replace"))
         self.check_end(bench)
 
-    def test_it_ends_by_itself_and_puts_the_catalog_in_its_place_whatever_was_there(self):
+    def test_it_ends_by_itself_and_installs_the_catalog_over_any_other(self):
         other = self.write("other.json", '{"meta": {"vlmVersion": "old"}, "services": {}}')
-        for catalog, told in ((other, "differs; the existing one is kept as "
+        for catalog, text in ((other, "differs; the existing one is kept as "
                                       "/etc/VLM_Available_Signals_Catalog_20210311.json.bak-"),
                               ("none", "Installing the signal catalog as")):
             bench = self.start("--duration", "2", catalog=catalog)  # the second time in the same folder
             self.assertEqual(bench.process.wait(60), 0, bench.text())
-            self.assertIn(told, bench.text())
+            self.assertIn(text, bench.text())
             self.assertIn("All processes have ended cleanly.", bench.text())
 
     def test_a_stop_while_everything_starts_leaves_nothing_behind(self):
@@ -192,7 +192,7 @@ class Run(unittest.TestCase):
             bench.process.send_signal(signal.SIGTERM)
             bench.process.wait(40)
 
-    def test_a_configuration_that_is_not_good_is_refused_before_anything_starts(self):
+    def test_a_wrong_configuration_is_refused_before_anything_starts(self):
         good = (SOURCE / "examples/collector.json").read_text()
         bad = self.write("bad.json", good.replace('"GNSS"', '"GNSSProxy"', 1))
         bench = self.start("--config", bad)
@@ -200,7 +200,7 @@ class Run(unittest.TestCase):
         self.assertIn('the catalog has no service "GNSSProxy"', bench.text())
         self.assertFalse((bench.folder / "logs").exists())
 
-    def test_a_process_that_dies_is_told_and_ends_the_run(self):
+    def test_a_process_that_dies_is_reported_and_ends_the_run(self):
         bench = self.start()
         bench.wait_for_start()
         vehicle = [pid for pid in children_of(bench.process.pid)

@@ -1,6 +1,6 @@
 #pragma once
-/// Datagrams on their way to tshark and what it makes of them. Captured by the sockets of a test, so nothing
-/// needs the privilege to capture.
+/// Passes datagrams to tshark and reads the result. The test's sockets capture them, so no capture privilege
+/// is needed.
 #include <gmock/gmock.h>
 
 #include <cstdio>
@@ -22,10 +22,10 @@ struct CapturedDatagram {
     std::vector<std::uint8_t> bytes;
 };
 
-/// One element of a frame as tshark sees it.
+/// One element of a frame as decoded by tshark.
 struct AnalysedElement {
     std::string show;  ///< its value
-    std::string text;  ///< the line of it that tshark shows to people
+    std::string text;  ///< tshark's line for people
 };
 
 /// One frame: the elements of each name, in order.
@@ -39,8 +39,8 @@ class Analyser {
     std::size_t count() const { return m_datagrams.size(); }
     void clear() { m_datagrams.clear(); }
 
-    /// The capture as tshark sees it. It takes the discovery port for another protocol unless told. `tables`
-    /// is a folder with its configuration tables, or empty.
+    /// The capture as decoded by tshark, with an option for the discovery port, which it takes for another
+    /// protocol. `tables` is a folder with its configuration tables, or empty.
     std::vector<AnalysedFrame> frames(const std::string& tables = "") const {
         const std::string capture = m_folder.write("capture.pcap", pcap());
         std::set<std::uint16_t> ports;
@@ -53,7 +53,7 @@ class Analyser {
         for (const auto port : ports) {
             command += " -d udp.port==" + std::to_string(port) + ",someip";
         }
-        // It makes its value fields when a table changes after all of them were read: hence the row.
+        // tshark creates its value fields only when a table changes after all were read: hence the extra row.
         command +=
             " -o 'uat:SOMEIP_parameter_structs:\"fffffff0\",\"unused\",\"32\",\"0\",\"FALSE\",\"1\",\"0\","
             "\"unused\",\"1\",\"00000001\",\"unused\"' 2>'" +
@@ -89,7 +89,7 @@ class Analyser {
         return element.substr(from, element.find('"', from) - from);
     }
 
-    /// Bare IPv4 packets; without UDP checksums, which is allowed.
+    /// IPv4 packets without link layer; without UDP checksums, which is allowed.
     std::string pcap() const {
         std::vector<std::uint8_t> out;
         const auto put = [&](auto value) { someip::appendBig(out, value); };

@@ -1,5 +1,5 @@
-/// Every event of every described service, sent by its skeleton through real sockets, decoded member by
-/// member by the analyser with the tables that are generated from the same descriptions.
+/// Every event of every described service, sent by its skeleton through real sockets and decoded member by
+/// member by the analyser, with tables generated from the same descriptions.
 #include "Analyser.h"
 #include "ac/com/runtime/component.h"
 #include "qdr/services/described.h"
@@ -10,7 +10,7 @@ using namespace qdr::services;
 
 namespace {
 
-/// A value that the field can have, different from field to field where the type allows.
+/// A valid value of the field; different for each field if the type allows.
 FieldValue valueFor(const FieldInfo& field, unsigned number) {
     const std::string type = field.type;
     if (!field.enumerators.empty()) {

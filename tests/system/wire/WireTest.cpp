@@ -1,4 +1,4 @@
-/// What our own sockets send, as an independent analyser reads it.
+/// The output of our sockets, read by an independent analyser.
 
 #include "Analyser.h"
 #include "tests/integration/someip/Bench.h"
@@ -7,7 +7,7 @@ using namespace vlmTest;
 
 namespace {
 
-/// Values of a frame by the analyser's names for them.
+/// Values of a frame by the analyser's names.
 using Fields = std::map<std::string, std::string>;
 
 Fields operator+(Fields left, const Fields& right) {
@@ -22,7 +22,7 @@ struct Wire : ::testing::Test {
         ASSERT_TRUE(runtime.start(settingsFor(1), true));
         device = std::make_unique<PlainDevice>(2);
     }
-    /// The next discovery message with such an entry, captured.
+    /// Captures the next discovery message with such an entry.
     bool capture(someip::SdEntryType type, bool stopping) {
         someip::SdEntry entry;
         someip::Endpoint from;
@@ -41,7 +41,7 @@ struct Wire : ::testing::Test {
     void subscribeDevice(std::uint16_t eventgroup, std::uint8_t counter = 0) {
         device->sendDiscovery(device->subscription(kMeter.serviceId, eventgroup, counter), &discovery);
     }
-    /// That each captured datagram has these fields, each with that one value, and none displeases.
+    /// Expects these fields in the captured datagrams, each with one value, and no complaint of the analyser.
     void expectFrames(const std::vector<Fields>& expected) const {
         auto frames = analyser.frames();
         ASSERT_EQ(frames.size(), expected.size());

@@ -7,7 +7,7 @@
 
 using vlmProd::CounterLog;
 
-TEST(CounterLog, tells_what_changed_at_most_once_a_minute) {
+TEST(CounterLog, TellsWhatChangedAtMostOnceAMinute) {
     vlmTest::LogCapture log;
     auto& lost = kyo::Status::counter("test.dropped");
     CounterLog counters;

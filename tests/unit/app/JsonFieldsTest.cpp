@@ -10,7 +10,7 @@ namespace {
 using kyo::Json::Value;
 using namespace vlmProd;
 
-TEST(JsonFields, a_number_is_refused_beyond_the_limits_of_its_type) {
+TEST(JsonFields, ANumberIsRefusedBeyondTheLimitsOfItsType) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     int number = 0;
     EXPECT_TRUE(toInt(Value(-2147483647 - 1), number));

@@ -1,4 +1,4 @@
-// What the logger and the heartbeat make of the platform.
+// How logger and heartbeat use the platform.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -12,8 +12,8 @@
 
 namespace {
 
-// In a process of its own, as the platform's log begins once.
-TEST(AraLogger, gives_each_level_its_severity) {
+// In a process of its own, since the platform's log can be started once.
+TEST(AraLogger, GivesEachLevelItsSeverity) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const vlmTest::TemporaryFolder noDaemonHasItsPipeHere;
     EXPECT_EXIT(
@@ -32,7 +32,7 @@ TEST(AraLogger, gives_each_level_its_severity) {
         "[^\n]+DEBUG +l7\n[^\n]+INFO +l8\n[^\n]+INFO +l9\n");
 }
 
-TEST(HeartBeat, says_that_there_is_no_health_management) {
+TEST(HeartBeat, SaysThatThereIsNoHealthManagement) {
     struct Unsupervised : vlmProd::vlmHeartBeat {
         Unsupervised() : vlmHeartBeat(Unconnected{}) {}
     };

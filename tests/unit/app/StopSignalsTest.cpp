@@ -1,4 +1,4 @@
-// How a stop reaches the main loop. Each test runs in a process of its own, as signals are the process's.
+// Stops and the main loop. Each test runs in a process of its own, since signals belong to the process.
 #include "app/StopSignals.h"
 
 #include <gtest/gtest.h>
@@ -12,8 +12,8 @@
 
 #include "kyo/Log.h"
 
-// The handler logs when the thread that it interrupts sleeps in the wait, and so holds no lock and is not
-// inside the allocator; the thread sanitizer would warn of that.
+// The handler logs only when it interrupts the wait, where the thread holds no lock and is outside the
+// allocator. The thread sanitizer would report it nevertheless.
 extern "C" const char* __tsan_default_options() {
     return "report_signal_unsafe=0";
 }
@@ -42,7 +42,7 @@ class StopSignals : public testing::Test {
     StopSignals() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(StopSignals, that_came_before_the_wait_end_it_and_are_logged) {
+TEST_F(StopSignals, ThatCameBeforeTheWaitEndItAndAreLogged) {
     for (const int number : {SIGINT, SIGTERM, SIGABRT}) {
         EXPECT_EXIT(
             {
@@ -59,7 +59,7 @@ TEST_F(StopSignals, that_came_before_the_wait_end_it_and_are_logged) {
     }
 }
 
-TEST_F(StopSignals, are_the_only_ones_that_end_the_wait_early) {
+TEST_F(StopSignals, AreTheOnlyOnesThatEndTheWaitEarly) {
     EXPECT_EXIT(
         {
             prepare();
@@ -78,8 +78,8 @@ class AbortingLogger : public kyo::ProductLogger {
     void logData(std::string /*message*/, kyo::LogLevel /*level*/) override { std::abort(); }
 };
 
-// The aborting thread is inside the log: a handler that logs would wait for ever, or come here again.
-TEST_F(StopSignals, raised_by_an_abort_inside_the_log_neither_hang_nor_log) {
+// The aborting thread is inside the log: a handler that logs would block or recurse.
+TEST_F(StopSignals, RaisedByAnAbortInsideTheLogNeitherHangNorLog) {
     EXPECT_EXIT(
         {
             prepare();

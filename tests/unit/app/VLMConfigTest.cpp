@@ -1,5 +1,4 @@
-// The application configuration: the key paths, what their failures say at which line number, the typed
-// look-ups and the digest.
+// The application configuration: key paths, the log lines of failed look-ups, typed look-ups and the digest.
 #include "app/VLMConfig.h"
 
 #include <gmock/gmock.h>
@@ -29,7 +28,7 @@ class VLMConfigTest : public testing::Test {
     VLMConfig m_config{m_folder.write("vlm.json", kDocument)};
 };
 
-TEST_F(VLMConfigTest, keys_lead_through_members_and_elements) {
+TEST_F(VLMConfigTest, KeysLeadThroughMembersAndElements) {
     EXPECT_EQ(m_config.getJsonValue("").size(), 10u) << "the whole document";
     EXPECT_EQ(m_config.getString("Services[2].Name"), "c");
     EXPECT_EQ(m_config.getString("Services[%].Name", "", 1), "b");
@@ -42,7 +41,7 @@ TEST_F(VLMConfigTest, keys_lead_through_members_and_elements) {
     EXPECT_EQ(m_config.getArraySize("Top"), 0u);
 }
 
-TEST_F(VLMConfigTest, a_key_that_cannot_be_resolved_says_why_at_its_known_line) {
+TEST_F(VLMConfigTest, AKeyThatCannotBeResolvedSaysWhyAtItsKnownLine) {
     const std::string unclosed = "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=";
     const std::string outside = "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=";
     const std::string absent = "Config::getJsonValue() - Key not present in JSON! ";
@@ -77,7 +76,7 @@ TEST_F(VLMConfigTest, a_key_that_cannot_be_resolved_says_why_at_its_known_line) 
     }
 }
 
-TEST_F(VLMConfigTest, typed_look_ups_answer_the_default_for_another_type) {
+TEST_F(VLMConfigTest, TypedLookUpsAnswerTheDefaultForAnotherType) {
     EXPECT_EQ(m_config.getInt("Int"), -3);
     EXPECT_EQ(m_config.getInt("Whole"), 3);
     EXPECT_EQ(m_config.getInt("Real", 9), 9);
@@ -94,14 +93,14 @@ TEST_F(VLMConfigTest, typed_look_ups_answer_the_default_for_another_type) {
     EXPECT_EQ(m_config.getAsString("Flag", "d"), "d");
 }
 
-TEST_F(VLMConfigTest, the_version_is_the_digest_of_the_file) {
+TEST_F(VLMConfigTest, TheVersionIsTheDigestOfTheFile) {
     EXPECT_EQ(m_config.getFileHash(m_folder.write("abc", "abc")),
               "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
     EXPECT_EQ(m_config.getFileHash(m_folder.file("absent")), "");
     EXPECT_EQ(m_config.getConfigVersion(), m_config.getFileHash(m_folder.file("vlm.json")));
 }
 
-TEST_F(VLMConfigTest, loading_throws_a_text_and_the_singleton_is_created_once) {
+TEST_F(VLMConfigTest, LoadingThrowsATextAndTheSingletonIsCreatedOnce) {
     EXPECT_THAT([] { VLMConfig::createSingleton(""); },
                 Throws<std::string>("VLM Config file path not provided!"));
     EXPECT_THAT([&] { VLMConfig::createSingleton(m_folder.path()); },

@@ -1,4 +1,4 @@
-// The form of log lines, and that a message nobody wants costs nothing.
+// The form of log lines, and the cost of a message whose level is off.
 #include "base/VlmLog.h"
 
 #include <gmock/gmock.h>
@@ -11,7 +11,7 @@
 
 namespace vlmProd {
 
-// With the signatures of real operations.
+// Operations with realistic signatures.
 struct SampleSpeaker {
     void say(const std::string& text, kyo::Json::Value& value) {
         VLM_LOG(5, "said " << text << ' ' << value);
@@ -29,7 +29,7 @@ using vlmProd::logSignature;
 using vlmTest::LogCapture;
 using vlmTest::LoggedLine;
 
-TEST(LogSignature, is_written_the_same_whatever_compiler_printed_it) {
+TEST(LogSignature, IsWrittenTheSameWhateverCompilerPrintedIt) {
     const std::pair<const char*, const char*> cases[] = {
         {"const Json::Value& vlmProd::VLMConfig::getJsonValue(const std::string&, int)",
          "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int)"},
@@ -43,7 +43,7 @@ TEST(LogSignature, is_written_the_same_whatever_compiler_printed_it) {
     }
 }
 
-TEST(LogLines, begin_with_signature_and_line_where_the_form_has_one) {
+TEST(LogLines, BeginWithSignatureAndLineWhereTheFormHasOne) {
     LogCapture log;
     kyo::Json::Value value(kyo::Json::arrayValue);
     value.append(1.5);
@@ -60,7 +60,7 @@ TEST(LogLines, begin_with_signature_and_line_where_the_form_has_one) {
     EXPECT_EQ(lines[3].text, signature + ":" + std::to_string(lines[0].line + 3)) << "a trace has no message";
 }
 
-TEST(LogLines, of_a_level_that_is_off_evaluate_nothing) {
+TEST(LogLines, OfALevelThatIsOffEvaluateNothing) {
     LogCapture log(3);
     int evaluated = 0;
     const auto expensive = [&evaluated] { return ++evaluated; };

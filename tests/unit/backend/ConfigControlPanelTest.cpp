@@ -40,7 +40,7 @@ class ConfigAnswer : public testing::Test {
         });
 };
 
-TEST_F(ConfigAnswer, hands_the_decoded_configuration_on_and_names_reports_after_the_record) {
+TEST_F(ConfigAnswer, HandsTheDecodedConfigurationOnAndNamesReportsAfterTheRecord) {
     const std::string text = "{\"CONFIG\":{\"name\":\"n\"}}";
     std::string body = base64(text);
     body.insert(body.size() / 2, "\r\n ");  // backends break base64 into lines
@@ -56,7 +56,7 @@ TEST_F(ConfigAnswer, hands_the_decoded_configuration_on_and_names_reports_after_
                                                "Encoded string = " + body, "De-coded string = " + text));
 }
 
-TEST_F(ConfigAnswer, configures_nothing_from_what_cannot_be_used) {
+TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
     const struct {
         kyo::Json::Value answer;
         const char* complaint;
@@ -78,7 +78,7 @@ TEST_F(ConfigAnswer, configures_nothing_from_what_cannot_be_used) {
     EXPECT_TRUE(m_handedOver.empty());
 }
 
-TEST_F(ConfigAnswer, ends_the_retry_with_any_answer_but_an_empty_one) {
+TEST_F(ConfigAnswer, EndsTheRetryWithAnyAnswerButAnEmptyOne) {
     m_panel->executeConfigRetry();  // no request function yet
     int asked = 0;
     m_panel->setRequestFunction([&] { ++asked; });

@@ -63,7 +63,7 @@ class DirectoryBackend : public testing::Test {
     LogCapture m_log;
 };
 
-TEST_F(DirectoryBackend, opens_the_channel_stores_each_envelope_and_answers_it_with_whole_messages) {
+TEST_F(DirectoryBackend, OpensTheChannelStoresEachEnvelopeAndAnswersItWithWholeMessages) {
     const std::string deep = m_folder.file("made/when/missing");
     Backend backend(deep, {"TypeA", "TypeB"});
     ASSERT_TRUE(backend.awaitControls(1));
@@ -78,7 +78,7 @@ TEST_F(DirectoryBackend, opens_the_channel_stores_each_envelope_and_answers_it_w
     }
 }
 
-TEST_F(DirectoryBackend, answers_with_the_configuration_file_named_after_its_content) {
+TEST_F(DirectoryBackend, AnswersWithTheConfigurationFileNamedAfterItsContent) {
     const std::string text = "{\"CONFIG\": \xE2\x82\xAC}";
     m_folder.write("collector.json", text);
     Backend backend(m_folder.path(), {});
@@ -96,7 +96,7 @@ TEST_F(DirectoryBackend, answers_with_the_configuration_file_named_after_its_con
     EXPECT_TRUE(m_log.hasPart(3, "collector.json cannot be read: No such file"));
 }
 
-TEST_F(DirectoryBackend, cuts_off_what_a_crash_left_of_a_line) {
+TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALine) {
     const std::string whole = lineOf(envelope("old", 9000));
     m_folder.write("envelopes.jsonl", whole + "{\"messageId\":\"half" + std::string(9000, 'y'));
     Backend backend(m_folder.path());
@@ -116,8 +116,7 @@ void limitFileSize(rlim_t bytes) {
     ::setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-TEST_F(DirectoryBackend,
-       leaves_no_part_of_a_line_on_a_full_disk_tells_once_and_opens_the_channel_when_there_is_room) {
+TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskTellsOnceAndOpensTheChannelWhenThereIsRoom) {
     Backend backend(m_folder.path());
     ASSERT_TRUE(backend.awaitControls(1));
     ASSERT_EQ(backend.transport.send(envelope("kept", 100)), 0);
@@ -142,7 +141,7 @@ TEST_F(DirectoryBackend,
     EXPECT_EQ(m_log.count(5, m_file + " can be written again"), 1u);
 }
 
-TEST_F(DirectoryBackend, waits_for_a_folder_that_cannot_be_made_and_writes_into_plain_files_only) {
+TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMadeAndWritesIntoPlainFilesOnly) {
     const std::string blocked = m_folder.write("folder", "a file stands where the folder should be");
     Backend backend(blocked);
     ASSERT_TRUE(m_log.waitFor("cannot be written: Not a directory"));
@@ -157,7 +156,7 @@ TEST_F(DirectoryBackend, waits_for_a_folder_that_cannot_be_made_and_writes_into_
     EXPECT_EQ(Backend(m_folder.path()).transport.send(envelope("1")), -EISDIR);
 }
 
-TEST(CallbackThreadTest, keeps_order_survives_exceptions_and_forgets_what_waits_when_stopped) {
+TEST(CallbackThreadTest, KeepsOrderSurvivesExceptionsAndForgetsWhatWaitsWhenStopped) {
     LogCapture log;
     CallbackThread callbacks;
     std::mutex mutex;
@@ -183,7 +182,7 @@ TEST(CallbackThreadTest, keeps_order_survives_exceptions_and_forgets_what_waits_
     EXPECT_FALSE(callbacks.post(note(4)));
 }
 
-TEST(CallbackThreadTest, refuses_work_beyond_its_limit) {
+TEST(CallbackThreadTest, RefusesWorkBeyondItsLimit) {
     std::mutex gate;
     CallbackThread callbacks;
     const std::unique_lock<std::mutex> closed(gate);

@@ -87,7 +87,7 @@ class SpoolTest : public testing::Test {
     FastDisk m_disk;
 };
 
-TEST_F(SpoolTest, keeps_order_and_numbers_over_restarts_and_has_one_owner) {
+TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndHasOneOwner) {
     auto spool = opened();
     for (const char* id : {"a", "b", "c"}) {
         EXPECT_EQ(store(*spool, envelope(id)), Spool::Stored::Durably);
@@ -113,7 +113,7 @@ TEST_F(SpoolTest, keeps_order_and_numbers_over_restarts_and_has_one_owner) {
     EXPECT_NE(error.find("is a spool of format 2, and format 1 is known"), std::string::npos) << error;
 }
 
-TEST_F(SpoolTest, reads_a_backlog_of_any_length_in_order) {
+TEST_F(SpoolTest, ReadsABacklogOfAnyLengthInOrder) {
     constexpr std::uint64_t kCount = Spool::kAhead + 300;
     auto spool = opened();
     for (std::uint64_t i = 1; i <= kCount; ++i) {
@@ -131,7 +131,7 @@ TEST_F(SpoolTest, reads_a_backlog_of_any_length_in_order) {
     EXPECT_EQ(spool->waiting(), kCount);
 }
 
-TEST_F(SpoolTest, never_exceeds_its_limit_and_counts_every_drop) {
+TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
     for (const bool oldest : {true, false}) {
         Spool::Settings settings;
         settings.maxBytes = 10u << 20;
@@ -167,7 +167,7 @@ TEST_F(SpoolTest, never_exceeds_its_limit_and_counts_every_drop) {
     }
 }
 
-TEST_F(SpoolTest, drops_what_is_on_its_way_last_and_what_is_too_old) {
+TEST_F(SpoolTest, DropsWhatIsOnItsWayLastAndWhatIsTooOld) {
     Spool::Settings settings;
     settings.maxBytes = 3 * 4096;
     settings.maxAgeSeconds = 60;
@@ -184,7 +184,7 @@ TEST_F(SpoolTest, drops_what_is_on_its_way_last_and_what_is_too_old) {
     EXPECT_EQ(store(*spool, envelope("5", 13000)), Spool::Stored::Dropped);
 }
 
-TEST_F(SpoolTest, moves_aside_what_cannot_be_used_and_goes_on) {
+TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
     auto spool = opened();
     for (int i = 1; i <= 6; ++i) {
         store(*spool, envelope(std::to_string(i)));
@@ -211,7 +211,7 @@ TEST_F(SpoolTest, moves_aside_what_cannot_be_used_and_goes_on) {
     EXPECT_FALSE(fs::exists(Spool::fileOf(spool->folder() / "bad", {1, 141})));
 }
 
-TEST_F(SpoolTest, keeps_nothing_of_an_envelope_that_the_disk_does_not_take) {
+TEST_F(SpoolTest, KeepsNothingOfAnEnvelopeThatTheDiskDoesNotTake) {
     auto spool = opened();
     m_disk.refusal = ENOSPC;
     SpooledEnvelope made = envelope("a");
@@ -318,7 +318,7 @@ class RecordingDisk : public SpoolDisk {
     std::vector<Change> m_log;
 };
 
-TEST(SpoolPowerCutTest, loses_nothing_that_was_stored_and_brings_nothing_back_whose_deletion_was_written) {
+TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndBringsNothingBackWhoseDeletionWasWritten) {
     const vlmTest::LogCapture quiet;
     std::mt19937 chance(20260101);
     std::size_t cuts = 0;

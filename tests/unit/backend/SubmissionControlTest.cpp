@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "tests/minimal/ScriptedOrxClient.h"
 #include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
+#include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NoConfigurations.h"
@@ -108,7 +108,7 @@ class QuickBackend {
     std::thread m_thread;
 };
 
-TEST_F(SubmissionControl, obeys_results_that_come_before_the_send_has_returned) {
+TEST_F(SubmissionControl, ObeysResultsThatComeBeforeTheSendHasReturned) {
     startOpen();
     const QuickBackend delivered({control()});
     add("first");
@@ -122,7 +122,7 @@ TEST_F(SubmissionControl, obeys_results_that_come_before_the_send_has_returned) 
     EXPECT_THAT(sentNames(), ElementsAre("first", "second", "third", "third"));
 }
 
-TEST_F(SubmissionControl, never_resends_what_never_left_but_the_last_good_report_if_there_is_one) {
+TEST_F(SubmissionControl, NeverResendsWhatNeverLeftButTheLastGoodReportIfThereIsOne) {
     startOpen();
     const auto noSpace = [] { return -28; };
     backend().answerSends(noSpace);
@@ -145,7 +145,7 @@ TEST_F(SubmissionControl, never_resends_what_never_left_but_the_last_good_report
     EXPECT_THAT(sentNames(), ElementsAre("lost", "good", "lost too", "good", "next"));
 }
 
-TEST_F(SubmissionControl, tells_of_the_bytes_in_the_queue_of_a_missing_link_and_of_an_unknown_status) {
+TEST_F(SubmissionControl, TellsOfTheBytesInTheQueueOfAMissingLinkAndOfAnUnknownStatus) {
     add("unsent");
     const std::string text = kyo::Json::FastWriter().write(report("unsent"));
     EXPECT_THAT(m_log.messages(5),
@@ -163,7 +163,7 @@ TEST_F(SubmissionControl, tells_of_the_bytes_in_the_queue_of_a_missing_link_and_
 
 /// Report control and others add, the thread makes first sends, the backend's thread answers: each report
 /// goes out once and each producer's in its order.
-TEST_F(SubmissionControl, loses_and_reorders_nothing_when_all_its_callers_race) {
+TEST_F(SubmissionControl, LosesAndReordersNothingWhenAllItsCallersRace) {
     constexpr int kProducers = 3;
     constexpr int kEach = 60;
     startOpen();

@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "tests/minimal/ScriptedOrxClient.h"
 #include "base/JsonFields.h"
 #include "config/ConfigControlPanel.h"
 #include "report/VlmServer.h"
+#include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
@@ -59,7 +59,7 @@ class BackendLink : public testing::Test {
     VlmServer m_server{"Catalog 1", {"TypeA"}, std::make_shared<ConfigControlPanel>([](auto&&...) {})};
 };
 
-TEST_F(BackendLink, starts_sending_on_a_thread_of_its_own_and_asks_for_the_configuration_once) {
+TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce) {
     EXPECT_TRUE(m_server.isBlocked());
     kyo::Json::Value early = report("r");
     EXPECT_EQ(m_server.sendToOrx(early), VlmServer::kNothingPermitted);
@@ -79,7 +79,7 @@ TEST_F(BackendLink, starts_sending_on_a_thread_of_its_own_and_asks_for_the_confi
     EXPECT_THAT(m_calls->threads, testing::Not(testing::Contains(std::this_thread::get_id())));
 }
 
-TEST_F(BackendLink, refuses_a_message_with_a_wrong_type_whole_and_names_the_field) {
+TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
     m_server.handleMasterControlCallBack(control());
     const struct {
         const char* key;
@@ -109,7 +109,7 @@ TEST_F(BackendLink, refuses_a_message_with_a_wrong_type_whole_and_names_the_fiel
     EXPECT_EQ(sent(report("r"))["eventTicket"], "ticket");
 }
 
-TEST_F(BackendLink, tells_a_message_in_order_and_puts_the_report_into_the_envelope) {
+TEST_F(BackendLink, TellsAMessageInOrderAndPutsTheReportIntoTheEnvelope) {
     m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "older"));
     m_log.clear();
     m_server.handleMasterControlCallBack(control(0, 0, {"TypeA", "TypeB"}, "newest"));
@@ -142,7 +142,7 @@ TEST_F(BackendLink, tells_a_message_in_order_and_puts_the_report_into_the_envelo
     EXPECT_TRUE(m_log.has(5, "ZEPH-50057 Using OrxConfig recordId as CatalogId: catalog-1"));
 }
 
-TEST_F(BackendLink, identifies_messages_by_catalog_creation_name_and_number) {
+TEST_F(BackendLink, IdentifiesMessagesByCatalogCreationNameAndNumber) {
     m_server.handleMasterControlCallBack(control());
     kyo::Json::Value otherCatalog = report("a", 1);
     otherCatalog["catalogId"] = "catalog-2";

@@ -1,4 +1,4 @@
-/// The data types of all services, reached by reflection.
+/// The data types of all services, through reflection.
 #include <gmock/gmock.h>
 
 #include <rttr/type>

@@ -31,14 +31,14 @@ TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {
     timer.stopTimer();
 }
 
-// What a tick uses has no further user only once the timer's thread has ended: then no tick can follow.
+// The objects of a tick are released only when the timer's thread has ended: then no tick can follow.
 TEST(Timer, EndsWithoutATickWhenItIsStoppedInItsSleep) {
     const auto ticks = std::make_shared<std::atomic<int>>(0);
     {
         Timer timer;
         timer.setInterval([ticks] { ++*ticks; }, 50);
         timer.stopTimer();
-        // The timer itself goes first; its thread must not mind.
+        // Destroys the timer before its thread ends.
     }
     EXPECT_TRUE(eventually([&] { return ticks.use_count() == 1; }));
     EXPECT_EQ(*ticks, 0);
@@ -79,7 +79,7 @@ TEST(EventControl, PublishesTicksUntilItsClockIsReplaced) {
         const auto status = kyo::Status::snapshot();
         EXPECT_EQ(status["clock"]["durationMs"].asInt(), 3'600'000) << "narrowed to the range of int";
         EXPECT_GT(status["clock"]["nextTickMs"].asInt64(), 3'500'000);
-        // A tick of the first clock that was under way may still come; then there are no more.
+        // A running tick of the first clock may still arrive; no more after that.
         auto settled = ticks.value();
         EXPECT_TRUE(eventually([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -87,7 +87,7 @@ TEST(EventControl, PublishesTicksUntilItsClockIsReplaced) {
         }));
     }
     EXPECT_EQ(kyo::Status::snapshot()["clock"]["nextTickMs"].asInt64(), 0) << "stopped with its owner";
-    // The ticks are on the bus: taken out here, or by its thread if another test has started that.
+    // The ticks are on the bus: drain them here, unless another test has started the bus thread.
     PubSubService::getInstance().drainOnce();
     EXPECT_TRUE(log.waitFor("Read from PubSubService Q", 3));
 }

@@ -11,7 +11,7 @@
 namespace vlmProd {
 namespace {
 
-// A consumer that sits in withFront() holds the lock for as long as the producer tries.
+// A consumer in withFront() holds the lock during all tries of the producer.
 TEST(ConcurrentQueue, GivesTheValueUpAfterTenTriesAndCountsIt) {
     kyo::Counter dropped;
     ConcurrentQueue<std::string> queue(&dropped);
@@ -33,7 +33,7 @@ TEST(ConcurrentQueue, GivesTheValueUpAfterTenTriesAndCountsIt) {
     EXPECT_EQ(queue.size(), 1U);
 }
 
-// The producers race each other and the one consumer, who takes while they put.
+// The producers run concurrently with each other and with the one consumer.
 TEST(ConcurrentQueue, KeepsEachProducersOrderAndLosesOnlyWhatItCounts) {
     constexpr int kProducers = 4;
     constexpr int kValues = 20000;

@@ -20,7 +20,7 @@ using testing::UnorderedElementsAre;
 using vlmTest::eventually;
 using vlmTest::LogCapture;
 
-/// Notes what it receives.
+/// Records the messages that it receives.
 class Receiver : public ISubscriber {
   public:
     void setEventSubscriberCallback(std::shared_ptr<EventSubscriberCallback>) override {}
@@ -33,7 +33,7 @@ class Receiver : public ISubscriber {
         }
         const std::lock_guard<std::mutex> lock(m_guard);
         m_payloads.push_back(message.getPayload().asInt());
-        // What a subscriber does to its message is its own affair.
+        // A subscriber owns its copy of the message and may change it.
         message.setPayload(kyo::Json::Value(-1));
     }
 
@@ -49,7 +49,7 @@ class Receiver : public ISubscriber {
     std::vector<int> m_payloads;
 };
 
-/// A bus of its own for each test, driven by hand.
+/// A bus for each test, driven by hand.
 class Bus : public testing::Test {
   protected:
     void publish(int payload) {
@@ -103,7 +103,7 @@ TEST_F(Bus, WeighsAMessageThirtyTwoAndLeavesTheRestQueuedWhenItIsStopped) {
     EXPECT_EQ(bus.queued(), 32U) << "the current message is finished first";
 }
 
-// The bus thread, the publisher and a late subscription race; the bus of the process stays for ever.
+// Bus thread, publisher and a late subscription run concurrently. The process's bus is never destroyed.
 TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
     LogCapture log(0);
     auto& bus = PubSubService::getInstance();
@@ -126,7 +126,7 @@ TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
         late.push_back(std::make_shared<Receiver>());
         bus.addSubscriber(Message::OnEvent, late.back());
     }
-    // A publication that comes just as the thread goes to sleep waits for the next wake-up.
+    // A message published just before the thread sleeps waits for the next wake-up.
     EXPECT_TRUE(eventually([&] { return ticks == 50; }, [&] { bus.awakeThread(); }));
     for (const auto& receiver : late) {
         bus.removeSubscriber(Message::OnEvent, receiver);

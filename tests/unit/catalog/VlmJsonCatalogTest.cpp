@@ -1,4 +1,4 @@
-// The signal catalog: what it answers, and what it says about faults in the file.
+// The signal catalog: its answers, and its messages about errors in the file.
 #include "catalog/VlmJsonCatalog.h"
 
 #include <gmock/gmock.h>
@@ -44,7 +44,7 @@ class VlmJsonCatalogTest : public testing::Test {
     FilesReturnCode m_code = FilesReturnCode::PathNotValid;
 };
 
-TEST_F(VlmJsonCatalogTest, answers_from_the_file_with_properties_in_its_order_and_logged) {
+TEST_F(VlmJsonCatalogTest, AnswersFromTheFileWithPropertiesInItsOrderAndLogged) {
     VlmJsonCatalog catalog(m_path);
     EXPECT_EQ(catalog.getNumberOfServices(), 2);
     EXPECT_EQ(catalog.getCatalogVersion(), "7.1");
@@ -58,11 +58,11 @@ TEST_F(VlmJsonCatalogTest, answers_from_the_file_with_properties_in_its_order_an
     EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 2), ElementsAre("b", "a"));
     EXPECT_THAT(m_log.messages(5), ElementsAre("Populating for the INSTANCE 2 and property = b",
                                                "Populating for the INSTANCE 2 and property = a"));
-    // "01" is instance 1 too, and comes first in the order of the names.
+    // "01" is also instance 1, and the first in the order of names.
     EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 1), ElementsAre("first"));
 }
 
-TEST_F(VlmJsonCatalogTest, what_is_not_in_the_catalog_is_told_by_message_and_code) {
+TEST_F(VlmJsonCatalogTest, WhatIsNotInTheCatalogIsToldByMessageAndCode) {
     VlmJsonCatalog catalog(m_path);
     m_log.clear();
     EXPECT_THAT(catalog.getAllProperties("None", "r", 1), IsEmpty());
@@ -83,7 +83,7 @@ TEST_F(VlmJsonCatalogTest, what_is_not_in_the_catalog_is_told_by_message_and_cod
                             "Service name not found"));
 }
 
-TEST_F(VlmJsonCatalogTest, missing_blocks_and_wrong_types_are_named_and_the_rest_is_loaded) {
+TEST_F(VlmJsonCatalogTest, MissingBlocksAndWrongTypesAreNamedAndTheRestIsLoaded) {
     const VlmJsonCatalog empty(write("[]"));
     EXPECT_TRUE(m_log.has(3, "Failed to get the services info from Json Catalog file"));
     m_log.clear();
@@ -112,7 +112,7 @@ TEST_F(VlmJsonCatalogTest, missing_blocks_and_wrong_types_are_named_and_the_rest
     EXPECT_THAT(catalog.getAllProperties("A", "r", 1), ElementsAre("", "p"));
 }
 
-TEST_F(VlmJsonCatalogTest, an_instance_id_that_is_no_int_is_named_and_thrown) {
+TEST_F(VlmJsonCatalogTest, AnInstanceIdThatIsNoIntIsNamedAndThrown) {
     const auto with = [this](const std::string& id) {
         return write(R"({"services":{"S":{"r":{"instances":{")" + id + R"(":[]}}}}})");
     };
@@ -121,7 +121,7 @@ TEST_F(VlmJsonCatalogTest, an_instance_id_that_is_no_int_is_named_and_thrown) {
     EXPECT_THROW(VlmJsonCatalog{with("2147483648")}, std::out_of_range);
 }
 
-TEST_F(VlmJsonCatalogTest, loading_throws_a_text_and_the_singleton_is_created_once) {
+TEST_F(VlmJsonCatalogTest, LoadingThrowsATextAndTheSingletonIsCreatedOnce) {
     EXPECT_THAT([] { VlmJsonCatalog::getInstance(); },
                 Throws<std::string>("VlmJsonCatalog::getInstance() ERROR: JsonCatalog not created yet!"));
     EXPECT_THAT([] { VlmJsonCatalog(""); }, Throws<std::string>("Catalog file path not provided!"));

@@ -1,4 +1,4 @@
-// vlm-check as a person runs it: exit status and output.
+// vlm-check as a program: exit status and output.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -16,7 +16,7 @@ using testing::HasSubstr;
 
 class VlmCheck : public testing::Test {
   protected:
-    /// Exit status; what was printed goes to m_output.
+    /// Returns the exit status; m_output has the output.
     int run(const std::string& arguments) {
         FILE* pipe = popen((std::string(VLM_CHECK) + " " + arguments + " 2>&1").c_str(), "r");
         std::array<char, 4096> buffer{};
@@ -32,7 +32,7 @@ class VlmCheck : public testing::Test {
     std::string m_output;
 };
 
-TEST_F(VlmCheck, ends_with_0_when_all_files_are_good_and_with_1_when_one_is_not) {
+TEST_F(VlmCheck, EndsWith0WhenAllFilesAreGoodAndWith1WhenOneIsNot) {
     const auto good = m_folder.write("good.json", "// with a comment\n{\"OfferedDataTypes\": [\"A\"]}");
     const auto bad = m_folder.write("bad.json", R"({"OfferedDataTypes": {}})");
     EXPECT_EQ(run(good), 0) << m_output;
@@ -49,7 +49,7 @@ TEST_F(VlmCheck, ends_with_0_when_all_files_are_good_and_with_1_when_one_is_not)
     EXPECT_EQ(result[0]["findings"][0]["path"].asString(), "$.OfferedDataTypes");
 }
 
-TEST_F(VlmCheck, names_what_keeps_a_file_or_the_command_line_from_being_read) {
+TEST_F(VlmCheck, NamesWhatKeepsAFileOrTheCommandLineFromBeingRead) {
     const std::pair<std::string, const char*> cases[] = {
         {m_folder.write("cut.json", "{\"CLOCK\": [\n{\"name\": \"c\",}"),
          "cut.json:2: error: $: is not JSON"},

@@ -38,10 +38,10 @@ const std::map<Kind, std::string> goodTexts = {
      R"({"someip": {"address": "10.0.0.1", "network": "10.0.0.0/8", "discovery": {"port": 30490}},
          "backend": {"transport": "mqtt", "mqtt": {"host": "broker", "tls": true, "caFile": "/dev/null"}}})"}};
 
-/// One change to a good document and the finding that it must give.
+/// One change to a good document, and the expected finding.
 struct Case {
-    std::string find;     ///< part of the good text ...
-    std::string replace;  ///< ... and what stands there instead
+    std::string find;     ///< a part of the good text
+    std::string replace;  ///< its replacement
     Severity severity;
     std::string path;
     std::string reason;
@@ -62,7 +62,7 @@ std::vector<Finding> checkChanged(Kind kind, const std::string& find, const std:
                                    : check(text.replace(at, find.size(), replace), kind);
 }
 
-/// The good document gives no finding, and each change of it its own.
+/// Expects no finding for the good document, and the finding of each change.
 void expectFindings(Kind kind, const std::vector<Case>& cases) {
     EXPECT_TRUE(check(goodTexts.at(kind), kind).empty());
     for (const auto& test : cases) {
@@ -83,7 +83,7 @@ void expectFindings(Kind kind, const std::vector<Case>& cases) {
 constexpr auto E = Severity::Error;
 constexpr auto W = Severity::Warning;
 
-TEST(Check, finds_each_fault_of_a_collector_configuration) {
+TEST(Check, FindsEachFaultOfACollectorConfiguration) {
     expectFindings(
         Kind::Collector,
         {{R"("CLOCK")", R"("CLOK")", E, "$", "\"CLOCK\" is missing", "rename \"CLOK\" to \"CLOCK\""},
@@ -117,7 +117,7 @@ TEST(Check, finds_each_fault_of_a_collector_configuration) {
           "names an earlier CLOCK or COMPARE element", ""}});
 }
 
-TEST(Check, finds_each_fault_of_a_catalog) {
+TEST(Check, FindsEachFaultOfACatalog) {
     const std::string positions = "$.services.GNSS.positions";
     expectFindings(
         Kind::Catalog,
@@ -130,7 +130,7 @@ TEST(Check, finds_each_fault_of_a_catalog) {
          {R"("GNSS": {)", R"("GNSSProxy": {)", W, "$.services.GNSSProxy", "ends in \"Proxy\"", "\"GNSS\""}});
 }
 
-TEST(Check, finds_each_fault_of_an_application_configuration_and_of_a_manifest) {
+TEST(Check, FindsEachFaultOfAnApplicationConfigurationAndOfAManifest) {
     expectFindings(Kind::Application,
                    {{R"("B")", "{}", E, "$.OfferedDataTypes[1]", "is an object; a text is expected", ""},
                     {R"("B")", R"("A")", W, "$.OfferedDataTypes[1]", "offered twice", ""}});
@@ -145,7 +145,7 @@ TEST(Check, finds_each_fault_of_an_application_configuration_and_of_a_manifest) 
          {R"("transport": "mqtt", )", "", W, "$.backend", "\"directory\" is used", "mqtt"}});
 }
 
-TEST(Check, guesses_the_kind_from_the_members_even_when_one_is_misspelt) {
+TEST(Check, GuessesTheKindFromTheMembersEvenWhenOneIsMisspelt) {
     for (const auto& [kind, text] : goodTexts) {
         EXPECT_EQ(guessKind(documentOf(text)), kind) << text;
     }
@@ -154,7 +154,7 @@ TEST(Check, guesses_the_kind_from_the_members_even_when_one_is_misspelt) {
     EXPECT_EQ(guessKind(documentOf("[1]")), std::nullopt);
 }
 
-TEST(Check, suggests_the_nearest_name_or_none) {
+TEST(Check, SuggestsTheNearestNameOrNone) {
     const std::vector<std::string> names = {"positions", "positionsQuality", "doors"};
     EXPECT_EQ(nearest("postions", names), "positions");
     EXPECT_EQ(nearest("Positions", names), "positions");
@@ -166,7 +166,7 @@ TEST(Check, suggests_the_nearest_name_or_none) {
     EXPECT_EQ(nearest(std::string(100000, 'p'), names), "");
 }
 
-TEST(Check, tells_the_line_of_the_value_or_of_what_should_hold_it) {
+TEST(Check, TellsTheLineOfTheValueOrOfWhatShouldHoldIt) {
     const auto wrong = checkChanged(Kind::Collector, "\"index\": 1", "\n \"index\": 9");
     ASSERT_EQ(wrong.size(), 1U);
     EXPECT_EQ(wrong[0].line, 6U);

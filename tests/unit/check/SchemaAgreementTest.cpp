@@ -1,4 +1,4 @@
-// The manifest's schema and the platform's reader say the same in two places; here they are held together.
+// The manifest's schema and the platform's reader must agree.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -14,7 +14,7 @@ namespace {
 
 using kyo::Json::Value;
 
-/// Calls `visit` with the dotted path of each part of the schema's tree.
+/// Calls `visit` with the dotted path of each part of the schema.
 void walk(const Value& schema, const std::string& path,
           const std::function<void(const std::string&, const Value&)>& visit) {
     visit(path, schema);
@@ -23,7 +23,7 @@ void walk(const Value& schema, const std::string& path,
     }
 }
 
-/// A document with that one value at the dotted path.
+/// A document with one value at the dotted path.
 Value documentWith(const std::string& path, const Value& value) {
     Value document(kyo::Json::objectValue);
     Value* at = &document;
@@ -71,7 +71,7 @@ void expectSameTypeAndLimits(const std::string& path, const Value& part) {
     }
 }
 
-TEST(ManifestSchema, has_the_reader_s_keys_types_limits_and_defaults) {
+TEST(ManifestSchema, HasTheReaderSKeysTypesLimitsAndDefaults) {
     Value schema;
     kyo::Json::Reader reader;
     ASSERT_TRUE(reader.parse(vlmCheck::schemaText(vlmCheck::Kind::Manifest), schema))
@@ -83,7 +83,7 @@ TEST(ManifestSchema, has_the_reader_s_keys_types_limits_and_defaults) {
         } else if (path != "$schema") {
             expectSameTypeAndLimits(path, part);
         }
-        // Each default of the schema is written over the built-in one.
+        // Each default of the schema replaces the built-in one.
         std::string error;
         EXPECT_TRUE(!part.isMember("default") ||
                     machine::readManifest(documentWith(path, part["default"]), read, error))

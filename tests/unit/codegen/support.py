@@ -1,4 +1,4 @@
-"""What the tests of the generator share."""
+"""Common parts of the generator's tests."""
 
 import os
 import subprocess
@@ -19,7 +19,7 @@ def generate(folder, *arguments):
 
 
 class Folder(tempfile.TemporaryDirectory):
-    """A folder of descriptions named `interfaces`, made from texts."""
+    """A temporary folder `interfaces` of descriptions, from texts."""
 
     def __enter__(self):
         self.path = Path(super().__enter__()) / "interfaces"

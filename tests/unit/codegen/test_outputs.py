@@ -1,4 +1,4 @@
-"""What the generator makes, where the build itself does not show a fault."""
+"""The generator's output, where the build itself would not show a fault."""
 
 import json
 import unittest

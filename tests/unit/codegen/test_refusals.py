@@ -38,7 +38,7 @@ events:
       kind: {type: Kind, meaning: Which water.}
 """
 
-# What is wrong: text of the good description, what stands there instead, line of the refusal, part of the reason.
+# Errors: text of the good description, its replacement, line of the refusal, part of the reason.
 WRONG = [
     ("an unknown key", "    cycle: 100\n", "    cycle: 100\n    period: 5\n", 17, "'period' is no key of this event"),
     ("a doubled key", "    cycle: 100\n", "    cycle: 100\n    cycle: 5\n", 17, "'cycle' is given twice"),
@@ -91,7 +91,7 @@ class Refusals(unittest.TestCase):
             model.load(folder.path, problems)
             return problems.lines()
 
-    def test_each_fault_is_told_with_file_line_and_reason(self):
+    def test_each_error_is_reported_with_file_line_and_reason(self):
         for what, good, wrong, line, reason in WRONG:
             with self.subTest(what):
                 self.assertIn(good, GOOD)
@@ -99,7 +99,7 @@ class Refusals(unittest.TestCase):
                 told = [text.split(": ")[0] for text in refusals if reason in text]
                 self.assertEqual(told, [f"interfaces/spring.yaml:{line}"], refusals)
 
-    def test_what_two_files_share_is_told_in_the_second(self):
+    def test_a_collision_of_two_files_is_reported_in_the_second(self):
         self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second()}), [])
         for what, change, line in (
                 ("service id 0x1101", ("0x1102", "0x1101"), 4),
@@ -109,7 +109,7 @@ class Refusals(unittest.TestCase):
                 self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second(change)}),
                                  [f"interfaces/well.yaml:{line}: {what} is also that of interfaces/spring.yaml"])
 
-    def test_the_program_tells_all_faults_of_all_files_in_order_and_writes_nothing(self):
+    def test_the_program_reports_all_errors_of_all_files_in_order_and_writes_nothing(self):
         with Folder() as folder:
             folder.write("spring.yaml",
                          GOOD.replace("type: uint16", "type: uint24").replace("cycle: 100\n", "cycle: x\n"))

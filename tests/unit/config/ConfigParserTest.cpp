@@ -60,7 +60,7 @@ class ConfigParserTest : public testing::Test {
     ConfigErrorCode m_code = ConfigErrorCode::OnEventTypeNotFound;
 };
 
-TEST_F(ConfigParserTest, the_clock_never_goes_below_a_minute) {
+TEST_F(ConfigParserTest, TheClockNeverGoesBelowAMinute) {
     const std::string tooShort = "ZEPH-43664: Field 'duration' is less than 1 minute so setting it to 60000";
     const struct {
         const char* duration;
@@ -82,7 +82,7 @@ TEST_F(ConfigParserTest, the_clock_never_goes_below_a_minute) {
     }
 }
 
-TEST_F(ConfigParserTest, of_several_clocks_the_first_counts_and_all_names_drive_on_events) {
+TEST_F(ConfigParserTest, OfSeveralClocksTheFirstCountsAndAllNamesDriveOnEvents) {
     Document document =
         withClock(R"({"name":"","duration":70000},{"name":"b","duration":1},{},{"name":"b"})");
     document.compare = R"("COMPARE":[{"name":"b"},{"name":"hot"},{"name":"hot"}],)";
@@ -100,7 +100,7 @@ TEST_F(ConfigParserTest, of_several_clocks_the_first_counts_and_all_names_drive_
     EXPECT_TRUE(m_log.has(3, "Didn't find the onEvent type for cold"));
 }
 
-TEST_F(ConfigParserTest, validation_names_what_is_missing_and_stops_at_the_first_fault) {
+TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
     Document noCollect, noClock, noReport, namelessReport, twoReports;
     noCollect.collect = R"("OTHER":1)";
     noClock.clock = R"("CLOCK":null,)";
@@ -141,7 +141,7 @@ TEST_F(ConfigParserTest, validation_names_what_is_missing_and_stops_at_the_first
     }
 }
 
-TEST_F(ConfigParserTest, a_member_of_the_wrong_type_is_named_with_its_place_and_refused) {
+TEST_F(ConfigParserTest, AMemberOfTheWrongTypeIsNamedWithItsPlaceAndRefused) {
     const struct {
         const char* document;
         const char* message;
@@ -167,7 +167,7 @@ TEST_F(ConfigParserTest, a_member_of_the_wrong_type_is_named_with_its_place_and_
     }
 }
 
-TEST_F(ConfigParserTest, the_first_elements_count_and_what_the_json_conversion_accepts_stays_accepted) {
+TEST_F(ConfigParserTest, TheFirstElementsCountAndWhatTheJsonConversionAcceptsStaysAccepted) {
     ASSERT_TRUE(parse(R"({"CONFIG":[{"name":17,"version":1.5},"ignored"],
         "CLOCK":[{"name":true,"duration":60000.9},{"duration":"ignored"}],
         "REPORT":[{"name":3,"application":"a1"},{"name":"r2","application":"a2"}],
@@ -201,7 +201,7 @@ TEST_F(ConfigParserTest, the_first_elements_count_and_what_the_json_conversion_a
                             "compare on event name and type"));
 }
 
-TEST_F(ConfigParserTest, a_document_or_file_is_refused_with_the_code_of_its_fault) {
+TEST_F(ConfigParserTest, ADocumentOrFileIsRefusedWithTheCodeOfItsFault) {
     const vlmTest::TemporaryFolder folder;
     for (const char* text : {"{}", "[]", "null"}) {
         EXPECT_FALSE(parse(text));
@@ -227,7 +227,7 @@ TEST_F(ConfigParserTest, a_document_or_file_is_refused_with_the_code_of_its_faul
     EXPECT_TRUE(m_log.has(7, " configfile=" + good));
 }
 
-TEST_F(ConfigParserTest, collectors_are_listed_and_the_first_of_two_with_one_key_gets_the_records) {
+TEST_F(ConfigParserTest, CollectorsAreListedAndTheFirstOfTwoWithOneKeyGetsTheRecords) {
     // Over two services that share a resource name.
     ASSERT_TRUE(
         parse(withCollect(R"({"name":"c1","serv":"Gnss","res":"position","index":2,"history":9000000000},
@@ -269,7 +269,7 @@ TEST_F(ConfigParserTest, collectors_are_listed_and_the_first_of_two_with_one_key
     EXPECT_THAT(indexes, ElementsAre(5, 2, 3)) << "names are case-sensitive";
 }
 
-TEST_F(ConfigParserTest, lookups_by_name_answer_their_last_result_when_they_fail) {
+TEST_F(ConfigParserTest, LookupsByNameAnswerTheirLastResultWhenTheyFail) {
     ASSERT_TRUE(parse(withCollect(R"({"name":"a","serv":"S","res":"r","index":1},
                                      {"name":"b","serv":"S","res":"q","index":2},
                                      {"name":"c","serv":"T","res":"q","index":7})")));

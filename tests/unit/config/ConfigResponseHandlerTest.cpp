@@ -118,7 +118,7 @@ class ConfigResponseHandlerTest : public testing::Test {
     LogCapture m_log;
 };
 
-TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_clock) {
+TEST_F(ConfigResponseHandlerTest, SetsThePipelineUpFromTheParserToTheClock) {
     const vlmTest::TemporaryFolder folder;
     ASSERT_TRUE(m_handler.doBaseSetupFromLocalConfig(folder.write("collector.json", kFirst)));
     const auto messages = m_log.messages();
@@ -149,7 +149,7 @@ TEST_F(ConfigResponseHandlerTest, sets_the_pipeline_up_from_the_parser_to_the_cl
     ASSERT_TRUE(m_log.waitFor("Successfully discovered the service AirbagProxy"));
 }
 
-TEST_F(ConfigResponseHandlerTest, a_further_configuration_adds_to_what_is_there_and_replaces_the_clock) {
+TEST_F(ConfigResponseHandlerTest, AFurtherConfigurationAddsToWhatIsThereAndReplacesTheClock) {
     ASSERT_TRUE(setUp(kFirst));
     ASSERT_TRUE(m_log.waitFor("Successfully discovered the service"));
     m_gnss->calls();
@@ -173,7 +173,7 @@ TEST_F(ConfigResponseHandlerTest, a_further_configuration_adds_to_what_is_there_
     }
 }
 
-TEST_F(ConfigResponseHandlerTest, a_configuration_that_is_refused_changes_nothing_and_says_so) {
+TEST_F(ConfigResponseHandlerTest, AConfigurationThatIsRefusedChangesNothingAndSaysSo) {
     EXPECT_FALSE(m_handler.doBaseSetupFromLocalConfig("/absent.json"));
     EXPECT_THAT(
         m_log.messages(3),
@@ -202,7 +202,7 @@ TEST_F(ConfigResponseHandlerTest, a_configuration_that_is_refused_changes_nothin
     EXPECT_EQ(m_log.count(5, "Inserting record into collector object"), 1u);
 }
 
-TEST_F(ConfigResponseHandlerTest, a_pass_tries_what_is_not_subscribed_and_rests_between_services) {
+TEST_F(ConfigResponseHandlerTest, APassTriesWhatIsNotSubscribedAndRestsBetweenServices) {
     int pauses = 0;
     const auto pass = [&] {
         m_handler.subscribeOnce(
@@ -222,7 +222,7 @@ TEST_F(ConfigResponseHandlerTest, a_pass_tries_what_is_not_subscribed_and_rests_
     EXPECT_THAT(m_airbag->calls(), ElementsAre("subscribe crashes", "subscribe crashes"));
 }
 
-TEST_F(ConfigResponseHandlerTest, one_thread_subscribes_and_it_may_have_nothing_to_do) {
+TEST_F(ConfigResponseHandlerTest, OneThreadSubscribesAndItMayHaveNothingToDo) {
     EXPECT_FALSE(m_handler.doBaseSetupFromLocalConfig(""));
     std::thread([this] { m_handler.subscribeResources(); }).detach();
     ASSERT_TRUE(m_log.waitFor("Size of All services and Resources = 0"));
@@ -233,7 +233,7 @@ TEST_F(ConfigResponseHandlerTest, one_thread_subscribes_and_it_may_have_nothing_
 
 // Threads that race: two that hand over configurations, two that dispatch records, one that subscribes and
 // one that reads the status.
-TEST_F(ConfigResponseHandlerTest, configurations_records_and_passes_do_not_disturb_each_other) {
+TEST_F(ConfigResponseHandlerTest, ConfigurationsRecordsAndPassesDoNotDisturbEachOther) {
     ASSERT_TRUE(setUp(kFirst));
     kyo::Log::setReportingLevel(0);
     std::atomic<int> configuring{2};

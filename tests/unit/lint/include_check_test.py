@@ -1,4 +1,4 @@
-"""Which includes the check refuses, with the tree's own layers and files of the test."""
+"""The includes that the check refuses, with the tree's own layers and files of the test."""
 import shutil
 import subprocess
 import sys
@@ -11,7 +11,7 @@ SOURCE = Path(sys.argv.pop(1))
 
 class IncludeCheck(unittest.TestCase):
     def check(self, file, *includes):
-        """What the check says of a tree that holds that file, and every file that it includes."""
+        """The check's output for a tree with this file and every file that it includes."""
         with tempfile.TemporaryDirectory() as folder:
             root = Path(folder)
             shutil.copy(SOURCE / "layers.txt", root)
@@ -33,11 +33,11 @@ class IncludeCheck(unittest.TestCase):
     def test_an_include_upward_is_named_with_file_and_line(self):
         self.assertEqual(self.check("bus/A.h", "base/B.h", "report/C.h"), ['bus/A.h:3: bus/ may not include "report/C.h"'])
 
-    def test_neighbours_of_one_layer_do_not_know_each_other(self):
+    def test_folders_of_one_layer_may_not_include_each_other(self):
         self.assertEqual(len(self.check("catalog/A.cpp", "bus/B.h")), 1)
         self.assertEqual(len(self.check("platform/linux/backend/A.cpp", "platform/linux/state/B.h")), 1)
 
-    def test_the_application_sees_the_interfaces_alone(self):
+    def test_the_application_may_include_only_the_platform_interface(self):
         self.assertEqual(len(self.check("app/A.cpp", "platform/linux/machine/Manifest.h")), 1)
         self.assertEqual(len(self.check("platform/linux/log/A.cpp", "base/VlmLog.h")), 1)
         self.assertEqual(len(self.check("platform/api/kyo/A.h", "platform/linux/machine/Manifest.h")), 1)

@@ -59,8 +59,8 @@ inline int openForWriting(const std::string& path) {
 
 class ChildProcess {
   public:
-    /// Starts the program with these variables ("NAME=value") added to the test's environment.
-    /// `standardOutput` and `standardError` are descriptors; -1 leaves the test's own.
+    /// Starts the program with these variables ("NAME=value") in addition to the test's environment.
+    /// `standardOutput` and `standardError` are descriptors; -1 keeps the test's own.
     ChildProcess(std::vector<std::string> command, const std::vector<std::string>& environment = {},
                  int standardOutput = -1, int standardError = -1) {
         command.insert(command.begin(), environment.begin(), environment.end());
@@ -95,7 +95,7 @@ class ChildProcess {
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     void signal(int number) const { ::kill(m_pid, number); }
-    /// The exit status; -1 when the program ended by a signal, -2 when it did not end in time.
+    /// The exit status; -1 after a signal, -2 when the program did not end in time.
     int wait() {
         int status = 0;
         if (!eventually([&] { return ::waitpid(m_pid, &status, WNOHANG) == m_pid; }, [] {},
@@ -110,13 +110,13 @@ class ChildProcess {
     pid_t m_pid = -1;
 };
 
-/// What a program that ran to its end has left.
+/// The result of a program that has ended.
 struct Outcome {
     int status = 0;
     std::string out;
     std::string err;
 
-    /// What log_probe tells of itself at its end.
+    /// The status that log_probe prints at its end.
     kyo::Json::Value probeStatus() const {
         kyo::Json::Value value;
         kyo::Json::Reader reader;
@@ -127,7 +127,7 @@ struct Outcome {
     }
 };
 
-/// With its standard output there, or else in a file.
+/// Runs the program with its standard output at the given descriptor, or else in a file.
 inline Outcome runToItsEnd(const std::vector<std::string>& command,
                            const std::vector<std::string>& environment = {}, int standardOutput = -1) {
     const TemporaryFolder folder;

@@ -1,4 +1,4 @@
-// Lines on standard output: their shape, and what happens when nobody reads them.
+// Lines on standard output: their format, and a missing reader.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ using vlmTest::linesOf;
 
 namespace {
 
-/// Runs the probe, with its standard output there or else in a file.
+/// Runs the probe with its standard output at the given descriptor, or else in a file.
 vlmTest::Outcome probe(std::vector<std::string> words, int standardOutput = -1) {
     const vlmTest::TemporaryFolder noDaemonHasItsPipeHere;
     words.insert(words.begin(), LOG_PROBE);
@@ -35,7 +35,7 @@ struct Pipe {
         EXPECT_EQ(::pipe2(both.data(), O_CLOEXEC), 0);
         return both;
     }
-    /// What is in it, once nobody writes any more.
+    /// The content, once nobody writes any more.
     std::string rest() {
         writer.close();
         std::string text;
@@ -51,7 +51,7 @@ struct Pipe {
     Descriptor writer{ends[1]};
 };
 
-/// Each line must be whole; counts those per thread, which must be in order.
+/// Returns the number of lines. Each must be whole, and those of a thread in order.
 int countLines(const std::string& text) {
     const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} DEBUG   thread (\d+) line (\d+) x*end)");
     std::map<int, int> last;
@@ -88,13 +88,13 @@ TEST(Console, LinesOfManyThreadsArriveWholeWithTimeAndLevelAlsoWhenTheProcessExi
 
 TEST(Console, AReaderThatStallsCostsLinesWhichAreCountedButHoldsUpNobody) {
     Pipe pipe;
-    const auto outcome = probe({"lines", "2", "30000", "120"}, pipe.writer);  // although nobody reads a byte
+    const auto outcome = probe({"lines", "2", "30000", "120"}, pipe.writer);  // without a reader
     EXPECT_EQ(::fcntl(pipe.writer, F_GETFL) & O_NONBLOCK, 0)
         << "the pipe is shared: its flags are not ours to change";
     EXPECT_GT(droppedBy(outcome), 0u);
     EXPECT_LE(droppedBy(outcome), 60'001u);
     std::string arrived = pipe.rest();
-    arrived.resize(arrived.rfind('\n') + 1);  // the exit cut the last one
+    arrived.resize(arrived.rfind('\n') + 1);  // the exit truncated the last one
     EXPECT_GT(countLines(arrived), 100);
 }
 

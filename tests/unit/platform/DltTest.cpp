@@ -1,4 +1,4 @@
-// The log through a real DLT daemon, private to this test: its own folder for pipes and its own port.
+// The log through a real DLT daemon with its own folder for pipes and its own port.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -73,7 +73,8 @@ class Dlt : public testing::Test {
             [&] { return readFile(m_received).find("New client connection") != std::string::npos; }));
     }
 
-    /// Runs the probe until the daemon has passed on `last`. "<level> <text>" of what it passed on, in order.
+    /// Runs the probe until the daemon has forwarded `last`. Returns the messages as "<level> <text>", in
+    /// order.
     std::vector<std::string> received(std::vector<std::string> words, const std::string& last) {
         words.insert(words.begin(), {LOG_PROBE, "say"});
         m_outcome = vlmTest::runToItsEnd(words, {"DLT_PIPE_DIR=" + m_folder.path(), "VLM_MACHINE_MANIFEST="});
@@ -119,14 +120,14 @@ TEST_F(Dlt, ALongMessageIsSplitIntoWholeCharactersAndNothingOfItIsLost) {
     }
     text += "end";
     auto pieces = received({text, "short"}, "debug short");
-    ASSERT_EQ(pieces.size(), 6u);  // 1,383 bytes each, and the short one
+    ASSERT_EQ(pieces.size(), 6u);  // pieces of 1,383 bytes, and the short line
     pieces.pop_back();
     std::string joined;
     for (const std::string& piece : pieces) {
         joined += piece.substr(6);
     }
     EXPECT_EQ(joined, text);
-    EXPECT_THAT(m_outcome.out, HasSubstr(text));  // the console has it in one
+    EXPECT_THAT(m_outcome.out, HasSubstr(text));  // the console does not split it
 }
 
 TEST(DltPieces, AreCutBetweenCharactersWhereThereAreSome) {
@@ -137,6 +138,6 @@ TEST(DltPieces, AreCutBetweenCharactersWhereThereAreSome) {
     for (std::size_t limit = 1; limit <= 9; ++limit) {
         EXPECT_EQ(pieceLength(text, limit), expected[limit - 1]) << limit;
     }
-    EXPECT_EQ(pieceLength("\x80\x80\x80\x80\x80\x80\x80\x80", 5), 5u);  // no UTF-8: still moves on
+    EXPECT_EQ(pieceLength("\x80\x80\x80\x80\x80\x80\x80\x80", 5), 5u);  // no UTF-8: still advances
     EXPECT_EQ(pieceLength("\xC3\xBC\xC3\xBC", 1), 1u);
 }

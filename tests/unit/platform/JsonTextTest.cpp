@@ -1,4 +1,4 @@
-// The compact JSON text: what stands in records, reports and envelopes must read back as it was.
+// The compact JSON text of records, reports and envelopes must read back as the same value.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,7 +42,7 @@ TEST(JsonText, NumbersReadBackWithTypeAndValue) {
         EXPECT_EQ(back[i].isDouble(), all[i].isDouble()) << text(all[i]);
     }
     EXPECT_EQ(text(Value(0.1)), "0.1");
-    EXPECT_EQ(text(Value(5.0)), "5.0");  // a real stays one
+    EXPECT_EQ(text(Value(5.0)), "5.0");  // stays a real number
     EXPECT_EQ(text(Value(5)), "5");
     for (const double number : {std::nan(""), HUGE_VAL, -HUGE_VAL}) {
         EXPECT_EQ(text(Value(number)), "null");

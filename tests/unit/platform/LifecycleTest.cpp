@@ -1,4 +1,4 @@
-// What the service manager is told.
+// The notifications to the service manager.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -25,7 +25,7 @@ class ServiceManager {
     }
     ~ServiceManager() { ::unsetenv("NOTIFY_SOCKET"); }
 
-    /// The next notification; empty when there is none.
+    /// The next notification, or empty.
     std::string next() {
         char text[512];
         const auto got = ::recv(m_socket, text, sizeof text, MSG_DONTWAIT);

@@ -36,7 +36,7 @@ TEST(LineQueue, IsFullByLinesAndByBytesAndHasRoomAgainOnceDrained) {
     EXPECT_TRUE(byBytes.push("z", 5));
 }
 
-// Short lines fill many blocks, a long one has a block of its own, and reading goes on in the middle of all.
+// Short lines fill many blocks, a long line has its own block, and reading happens in between.
 TEST(LineBuffer, KeepsTheOrderOfLinesOfAnyLengthWhileItIsReadAndFilledInTurn) {
     LineBuffer buffer;
     std::size_t written = 0;
@@ -45,7 +45,7 @@ TEST(LineBuffer, KeepsTheOrderOfLinesOfAnyLengthWhileItIsReadAndFilledInTurn) {
     const auto text = [](std::size_t number) {
         return std::string(number % 97 == 0 ? 200'000 : number % 500, static_cast<char>('a' + number % 26));
     };
-    // A long line may be the first one after the buffer was read to its end.
+    // A long line may be the first after the buffer was emptied.
     buffer.append({"short", 0, 1});
     buffer.pop();
     buffer.append({text(0), 1, 2});
@@ -122,21 +122,21 @@ std::atomic<int> g_handled{0};
 
 void logFromHandler(int) {
     const int before = errno;
-    g_interrupted->push({}, 1);  // without a text: a handler must not allocate one
+    g_interrupted->push({}, 1);  // without a text: a handler must not allocate
     g_handled.fetch_add(1);
     errno = before;
 }
 
 }  // namespace
 
-// push() allocates where its own flag says that the interrupted thread was not in there; the thread sanitizer
-// does not know that flag.
+// push() allocates only if its flag shows that the interrupted thread was not inside; the thread sanitizer
+// does not know that.
 extern "C" const char* __tsan_default_options() {
     return "report_signal_unsafe=0";
 }
 
-// The handler interrupts a thread that may hold the queue's lock; were it to wait for it, this test would
-// hang.
+// The handler interrupts a thread that may hold the queue's lock. If the handler waited for it, this test
+// would hang.
 TEST(LineQueue, AHandlerThatInterruptsALoggingThreadGivesUpItsLineRatherThanWait) {
     LineQueue queue(1u << 20, 512u << 20);
     g_interrupted = &queue;

@@ -10,7 +10,7 @@ using vlmTest::readFile;
 
 namespace {
 
-/// Runs the probe; what it said on standard error.
+/// Runs the probe and returns its standard error.
 std::string runWithLog(const vlmTest::TemporaryFolder& folder, const std::string& log,
                        std::vector<std::string> words) {
     const std::string manifest =
@@ -38,8 +38,8 @@ TEST(LogFile, HoldsTheLinesUpToItsOwnLevelWhateverTheCapForOthersIs) {
 TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
     const vlmTest::TemporaryFolder folder;
     const std::string log = R"("fileMaxBytes": 20000, "file": ")" + folder.file("vlm.log") + "\"";
-    // A run's lines may come as one write of nearly 8,000 bytes: six runs need more than two files, however
-    // the writes fall.
+    // A run's lines may come in one write of nearly 8,000 bytes: six runs need more than two files in any
+    // case.
     for (int run = 0; run < 6; ++run) {
         runWithLog(folder, log, {"lines", "1", "60", "100"});
     }

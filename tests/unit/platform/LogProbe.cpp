@@ -1,4 +1,4 @@
-// Logs through kyo::Log and ara::log as its arguments say, and exits from where they say:
+// Logs through kyo::Log and ara::log and exits, as its arguments demand:
 //     log_probe lines THREADS COUNT [SIZE]   COUNT lines from each thread, filled up to SIZE bytes
 //     log_probe say TEXT...                  one line at level 7 for each text; "@300" waits 300 ms, "@3" is
 //                                            shorter than that and so stands for level 3 from there on
@@ -52,7 +52,7 @@ void sayLines(int threads, int count, std::size_t size) {
     }
 }
 
-/// As an object does that ends the process while it is made.
+/// Ends the process in its constructor.
 struct Ender {
     Ender() {
         std::string status;

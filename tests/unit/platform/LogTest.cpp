@@ -1,4 +1,4 @@
-// Composing a line, and who gets it.
+// Composing a line, and its receivers.
 #include "kyo/Log.h"
 
 #include <gmock/gmock.h>
@@ -75,12 +75,12 @@ TEST(Log, ALineGoesToTheLoggerUpToTheReportingLevelAndNowhereBeforeOneIsSet) {
     kyo::Log::setReportingLevel(5);
     say(5, "five");
     say(7, "seven");
-    {  // composed although its level is off: still goes nowhere
+    {  // composed although its level is off: not passed on
         kyo::Log line;
         line.get(6) << "six";
     }
     kyo::Log::setReportingLevel(9);
-    EXPECT_EQ(kyo::Log::getReportingLevel(), 7);  // the manifest's default cap
+    EXPECT_EQ(kyo::Log::getReportingLevel(), 7);  // the manifest's default limit
     say(7, "seven");
     EXPECT_THAT(recorder.lines, ElementsAre(Pair("five", 5), Pair("seven", 7)));
     EXPECT_EQ(kyo::Log::getFileOutputLevel(), -1);

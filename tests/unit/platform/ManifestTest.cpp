@@ -1,4 +1,4 @@
-// Each wrong manifest is refused with the key that is wrong.
+// A wrong manifest is refused, with the wrong key.
 #include "machine/Manifest.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-// The state socket: its protocol, and that no client can hurt another one or the process.
+// The state socket: its protocol, and its protection against bad clients.
 #include "state/StateServer.h"
 
 #include <gmock/gmock.h>
@@ -45,13 +45,13 @@ class TestClient {
         ::setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &writing, sizeof writing);
     }
 
-    /// False when the server takes nothing any more.
+    /// Returns false when the server accepts no more bytes.
     bool send(const std::string& text) {
         return ::send(m_socket, text.data(), text.size(), MSG_NOSIGNAL) > 0;
     }
     void finishSending() { ::shutdown(m_socket, SHUT_WR); }
 
-    /// The next line, without its end; "<closed>" or "<silence>" where none comes.
+    /// The next line, without its end; "<closed>" or "<silence>" if none comes.
     std::string line() {
         std::string text;
         char byte = 0;
@@ -80,7 +80,7 @@ class StateServerTest : public testing::Test {
   protected:
     std::string path() const { return m_folder.file("vlm.sock"); }
 
-    /// A server that confirms at once, unless the state is called "later".
+    /// Starts a server that confirms at once, except the state "later".
     void serve(const StateServerLimits& limits = {}) {
         m_server = std::make_unique<StateServer>(
             path(),
@@ -90,7 +90,7 @@ class StateServerTest : public testing::Test {
                     throw std::runtime_error("the component failed");
                 }
                 if (state != "later") {
-                    while (m_self.load() == nullptr) {  // asked before serve() has returned
+                    while (m_self.load() == nullptr) {  // requested before serve() has returned
                     }
                     m_self.load()->confirm(id, state, "success");
                 }
@@ -99,7 +99,7 @@ class StateServerTest : public testing::Test {
         m_self = m_server.get();
     }
 
-    /// What the making of a server there fails with; 0 when it does not.
+    /// The error of creating a server at `path`, or 0.
     static int failure(const std::string& path) {
         try {
             const StateServer server(path, [](std::uint32_t, const std::string&) {});
@@ -109,10 +109,10 @@ class StateServerTest : public testing::Test {
         return 0;
     }
 
-    /// Has the state "later" requested as request 1.
+    /// Lets the client request the state "later" as request 1.
     void requestLater(TestClient& client) {
         client.send(stateRequest("later"));
-        client.finishSending();  // the last line needs no end, and the answer still comes
+        client.finishSending();  // the last line needs no line end; the answer still comes
         ASSERT_TRUE(eventually([&] { return m_lastId.load() == 1; }));
     }
 
@@ -151,7 +151,7 @@ TEST_F(StateServerTest, StatesAreConfirmedWithTheirIdAndWhatIsNoRequestIsRefused
               R"({"requestId":2,"result":"success","state":"anything"})");
     kyo::Status::counter("server.test").add(5);
     EXPECT_THAT(client.ask("\n \r\n" + kStatus),
-                HasSubstr(R"("server":{"test":5})"));  // empty lines are nothing
+                HasSubstr(R"("server":{"test":5})"));  // empty lines are ignored
 
     for (const char* const end : {"", "\n"}) {
         TestClient endless(path());
@@ -224,7 +224,7 @@ TEST_F(StateServerTest, AClientThatDawdlesOrReadsNothingHoldsUpNobodyAndIsLetGoO
     }
     EXPECT_LT(sent, 2000) << "what is not read must stop what can be asked";
     expectAlive();
-    EXPECT_THAT(greedy.line(), HasSubstr("refused"));  // and once it reads, it is served on
+    EXPECT_THAT(greedy.line(), HasSubstr("refused"));  // is served again once it reads
 }
 
 TEST_F(StateServerTest, ManyClientsPushOutTheOneThatIsSilentLongest) {
@@ -239,7 +239,7 @@ TEST_F(StateServerTest, ManyClientsPushOutTheOneThatIsSilentLongest) {
         EXPECT_THAT(clients.back()->ask(kStatus), HasSubstr("refused")) << i;
     }
     EXPECT_EQ(clients[0]->line(), "<closed>");
-    EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::Sent);  // one that waits stays
+    EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::Sent);  // a waiting client stays
     EXPECT_THAT(waiting.line(), HasSubstr("success"));
 }
 
@@ -301,7 +301,7 @@ TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndPlacesThatCannotBeTrustedOrU
     EXPECT_EQ(failure(inner), EPERM);
 }
 
-// Requests race with the end of the server.
+// Requests come while the server shuts down.
 TEST_F(StateServerTest, TheServerCanEndWhileClientsAsk) {
     for (int round = 0; round < 20; ++round) {
         std::atomic<int> handled{0};

@@ -1,4 +1,4 @@
-// vlm-state and vlm-status against a served socket.
+// vlm-state and vlm-status with a server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,7 +31,7 @@ class StateTools : public testing::Test {
         command.insert(command.end(), {"--socket", m_folder.file("s")});
         return vlmTest::runToItsEnd(command, {"VLM_MACHINE_MANIFEST="});
     }
-    /// Runs the tool, which must end with that status and have said that.
+    /// Runs the tool and expects its exit status and output.
     void expectOf(const std::vector<std::string>& command, int status, const std::string& out,
                   const std::string& err = "") {
         const auto outcome = run(command);

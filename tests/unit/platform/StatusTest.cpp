@@ -22,7 +22,7 @@ TEST(Status, TheSnapshotNestsDottedNamesAndReadsGaugesAsTheyAreNow) {
     EXPECT_EQ(first["test"]["one"]["dropped"].asUInt64(), 4u);
     EXPECT_EQ(first["test"]["level"].asInt(), 7);
     EXPECT_EQ(second["test"]["level"].asInt(), 8);
-    Status::gauge("test.level", [] { return Value(); });  // no reference to this function's locals stays
+    Status::gauge("test.level", [] { return Value(); });  // no reference to local variables remains
 }
 
 TEST(Status, NamesThatMeetKeepBothValues) {
@@ -49,7 +49,7 @@ TEST(Status, AGaugeMayThrowAndMayUseTheStatusItself) {
     EXPECT_TRUE(snapshot["self"]["gauge"].asBool());
 }
 
-// Threads that count and register race with one that takes snapshots.
+// Threads count and register while another takes snapshots.
 TEST(Status, CountsAreExactWhileSnapshotsAreTaken) {
     std::atomic<bool> stop{false};
     std::thread watcher([&] {

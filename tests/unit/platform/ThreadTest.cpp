@@ -1,4 +1,4 @@
-// Threads of the support library; the thread sanitizer watches these tests.
+// kyo::Thread; meant for the thread sanitizer.
 #include "kyo/Thread.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +43,7 @@ TEST(Thread, ASecondStartDoesNothingAndJoinWaitsForTheEnd) {
     EXPECT_EQ(worker.runs.load(), 1);
 }
 
-// run() detaches its own thread while start() may not have returned yet.
+// run() detaches its own thread, possibly before start() has returned.
 TEST(Thread, ManyWorkersMayDetachThemselves) {
     std::vector<std::unique_ptr<Worker>> workers;
     for (int i = 0; i < 50; ++i) {

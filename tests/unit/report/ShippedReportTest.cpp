@@ -14,7 +14,7 @@ using vlmProd::ShippedReport;
 
 }  // namespace
 
-TEST(ShippedReport, holds_the_writers_text_with_and_without_the_catalog_id_wherever_that_stands) {
+TEST(ShippedReport, HoldsTheWritersTextWithAndWithoutTheCatalogIdWhereverThatStands) {
     for (const char* const text :
          {R"({"catalogId":"c","signalCollections":[{"samples":[1.5,"\u00e9"]}],"zone":null})",
           R"({"applicationName":"a","catalogId":"c","signalCollections":null})",
@@ -34,7 +34,7 @@ TEST(ShippedReport, holds_the_writers_text_with_and_without_the_catalog_id_where
     }
 }
 
-TEST(ShippedReport, is_not_readable_when_it_is_no_report_or_nested_too_deep) {
+TEST(ShippedReport, IsNotReadableWhenItIsNoReportOrNestedTooDeep) {
     EXPECT_FALSE(ShippedReport().isReadable());
     EXPECT_FALSE(ShippedReport(Value("text")).isReadable());
     EXPECT_EQ(ShippedReport(Value("text")).text(), "\"text\"");

@@ -1,4 +1,4 @@
-"""vlm-soak tells growth from the coming and going of ticks, and from the filling of queues at the start."""
+"""vlm-soak distinguishes growth from the variation of ticks and from the filling of queues at the start."""
 import contextlib
 import importlib.machinery
 import importlib.util
@@ -13,7 +13,7 @@ loader.exec_module(soak)
 
 
 def is_level(memory):
-    """Of an hour's rows, with what `memory` gives for a second."""
+    """The evaluation of an hour's rows; `memory` gives the memory at a second."""
     rows = [{"seconds": s, "memoryKiB": memory(s), "threads": 17 + (s % 60 < 5) * 9, "descriptors": 21}
             for s in range(0, 3600, 5)]
     with contextlib.redirect_stdout(io.StringIO()):
@@ -25,7 +25,7 @@ class SoakJudgement(unittest.TestCase):
         chance = random.Random(1)
         self.noise = lambda: chance.randint(0, 300)
 
-    def test_what_comes_and_goes_with_each_tick_is_level(self):
+    def test_variation_with_each_tick_is_level(self):
         self.assertTrue(is_level(lambda s: 40000 + (s % 60) * 100 + self.noise()))
 
     def test_a_start_that_fills_up_is_level(self):

@@ -15,7 +15,7 @@ namespace {
 
 using testing::ElementsAre;
 
-/// An adapter over a middleware that the test plays.
+/// An adapter; the test plays its middleware.
 class VLMSpring : public ServiceAdapterBase {
   public:
     VLMSpring() : ServiceAdapterBase("VLMSpring", "SpringProxy") {
@@ -51,7 +51,7 @@ class ServiceAdapterTest : public testing::Test {
         log.clear();
     }
 
-    /// Takes all records out of the ingress queue; tells how many are of that collector.
+    /// Takes all records from the ingress queue and returns the number of those for that collector.
     static int recordsOf(const std::string& collector) {
         int count = 0;
         for (TextedRecord record; IngressQueue::getInstance()->takeRecord(&record);) {
@@ -120,7 +120,7 @@ TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
                             "Error in creating resource, service " + name + " not found in the list"));
 }
 
-// The middleware delivers while the configuration thread creates resources and sets names.
+// The middleware delivers while the configuration's thread creates resources and sets names.
 TEST_F(ServiceAdapterTest, ReceivesWhileItIsConfigured) {
     adapter.createResourceObject({"flows"});
     adapter.setSomeIPKey("flows", "kind");

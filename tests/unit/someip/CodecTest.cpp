@@ -40,7 +40,7 @@ struct Decoded {
 };
 
 Decoded decode(const Bytes& payload) {
-    // A buffer of exactly this size, so that the address sanitizer sees one byte too far.
+    // A buffer of exactly this size, so that the address sanitizer detects reading past it.
     const auto exact = std::make_unique<std::uint8_t[]>(payload.size());
     std::copy(payload.begin(), payload.end(), exact.get());
     Decoded out;
@@ -105,7 +105,7 @@ TEST(Codec, TakesMembersInAnyOrderTextsOfAnyWidthSkipsUnknownOnesAndCountsDouble
 
 TEST(Codec, AStructureThatEndsBeforeItsMembersDoIsTold) {
     const Bytes whole = kU8 + kU16 + kU32 + kF64 + kText + Bytes{0x77, 0xFF, 0, 0, 0, 2, 1, 2};
-    // Where a member ends, the structure may end as well.
+    // A structure may end after each member.
     const std::set<std::size_t> ends = {0, 3, 7, 13, 23, 32};
     for (std::size_t size = 0; size < whole.size(); ++size) {
         const auto decoded =
@@ -117,7 +117,7 @@ TEST(Codec, AStructureThatEndsBeforeItsMembersDoIsTold) {
             EXPECT_THAT(decoded.samples, IsEmpty());
         }
     }
-    // A structure in front that is good does not save the one behind it.
+    // A good structure does not save the wrong one after it.
     EXPECT_EQ(decode(lengthAnd(lengthAnd(kU8) + lengthAnd({0x00, 0x01}))).report.result,
               DecodeResult::Truncated);
 }

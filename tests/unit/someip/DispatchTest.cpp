@@ -64,7 +64,7 @@ struct Dispatching : ::testing::Test {
         std::copy(datagram.begin(), datagram.end(), exact.get());
         dispatcher.onDatagram(from, {exact.get(), datagram.size()}, now);
     }
-    /// How much a counter grows by hearing that.
+    /// The increase of a counter by this datagram.
     std::uint64_t counted(kyo::Counter& counter, const Bytes& datagram, const Endpoint& from = kServer) {
         const auto before = counter.value();
         hear(datagram, from);

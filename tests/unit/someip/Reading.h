@@ -1,5 +1,5 @@
 #pragma once
-/// A data type as the generator makes them, with a member of every kind, and the service that it belongs to.
+/// A data type like the generated ones, with a member of every kind, and its service.
 #include <cstdint>
 #include <optional>
 #include <string>

@@ -1,6 +1,5 @@
 #pragma once
-/// Service discovery driven by hand: a clock that stands still until it is moved, and what was sent, read
-/// again.
+/// Service discovery driven by hand: the test moves the clock and reads the sent messages.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -51,7 +50,7 @@ struct SdNews : someip::SdObserver {
     bool admits = true;
 };
 
-/// False where the datagram is no discovery message.
+/// Returns false unless the datagram is a discovery message.
 inline bool readDiscovery(std::span<const std::uint8_t> datagram, someip::SdMessage& message) {
     someip::MessageReader messages(datagram);
     someip::Header header;
@@ -60,7 +59,7 @@ inline bool readDiscovery(std::span<const std::uint8_t> datagram, someip::SdMess
     return messages.next(header, body) && parseSdMessage(header, body, message, error);
 }
 
-/// One sent message, read again.
+/// One sent message, decoded.
 struct SentSd {
     bool multicast;
     someip::Endpoint to;
@@ -81,7 +80,8 @@ inline std::vector<SentSd> readAgain(const std::vector<someip::SdOutbox::Datagra
     return all;
 }
 
-/// "find 1.65535", "offer 1.1", "stop-offer 1.1", "subscribe 1.1/2", "ack 1.1/2" and so on, of one message.
+/// The entries of one message: "find 1.65535", "offer 1.1", "stop-offer 1.1", "subscribe 1.1/2", "ack 1.1/2"
+/// ...
 inline std::vector<std::string> describe(const someip::SdMessage& message) {
     using Type = someip::SdEntryType;
     static const std::map<Type, std::pair<std::string, std::string>> names{
@@ -101,7 +101,7 @@ inline std::vector<std::string> describe(const someip::SdMessage& message) {
     return texts;
 }
 
-/// A device on the other side, as far as its messages go.
+/// The messages of a peer.
 struct SdPeer {
     explicit SdPeer(someip::Endpoint where) : endpoint(where) {}
 
@@ -132,7 +132,7 @@ struct SdPeer {
         one.unicast = {{endpoint.address, 50000}};
         return one;
     }
-    /// The next message, by multicast or to whom this is about.
+    /// The peer's next message, by multicast or unicast.
     std::vector<std::uint8_t> message(bool multicast, const std::vector<someip::SdEntry>& entries) {
         for (const auto& one : entries) {
             (multicast ? outbox.multicast() : outbox.to({1, 1})).add(one);
@@ -180,7 +180,7 @@ struct SdBench : ::testing::Test {
         return all;
     }
 
-    /// That all that was sent came by multicast as one message of these entries; the times between them.
+    /// Expects that every sent message was a multicast with these entries. Returns the times between them.
     std::vector<std::chrono::milliseconds> gapsBetween(const std::vector<std::string>& entries) const {
         std::vector<std::chrono::milliseconds> gaps;
         for (std::size_t i = 0; i < sent.size(); ++i) {

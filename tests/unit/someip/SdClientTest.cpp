@@ -25,7 +25,7 @@ struct SdClientSteps : SdBench {
     void hearAcknowledgement(std::uint16_t group = 1, std::uint32_t ttl = 3) {
         hearUnicast(vehicle, {SdPeer::acknowledge(1, group, ttl)});
     }
-    /// Found, subscribed and acknowledged.
+    /// Finds the service and acknowledges the subscription.
     void settle() {
         want(kGroup1);
         hearOffer();
@@ -34,7 +34,7 @@ struct SdClientSteps : SdBench {
         observer.take();
         takeSent();
     }
-    /// The seconds after which group 1 is asked for, with an offer each second.
+    /// The seconds at which eventgroup 1 is requested, with an offer each second.
     std::vector<int> triedAfter(bool refused) {
         std::vector<int> tried;
         for (int second = 1; second <= 20; ++second) {
@@ -92,7 +92,7 @@ TEST_F(SdClientSteps, AnOfferIsAnsweredBySubscriptionsInTheSameStepAndOneMessage
     EXPECT_EQ(sent[0].message.entries.at(0).ttl, 3u);
     EXPECT_THAT(sent[0].message.entries.at(0).unicast, ElementsAre(Endpoint{0x7F000001, 45000}));
     EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1", "subscribe 1.1/2"));
-    // The offer first, the wish later.
+    // First the offer, then the request.
     want({kService1, 3});
     EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/3"));
 }

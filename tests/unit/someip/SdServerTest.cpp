@@ -17,7 +17,7 @@ struct SdServerSteps : SdBench {
         server().offer({service, 1, 1}, 7, {1, 2}, now);
         collect();
     }
-    /// Offered and through with the repetitions.
+    /// Offers the service and passes the repetitions.
     void settle() {
         offered();
         advance(300ms);

@@ -13,7 +13,7 @@ using namespace vlmVehicle;
 
 constexpr double metresPerDegree = 111320;
 
-TEST(DriveModel, way_place_and_energy_are_what_speed_and_power_make_of_them) {
+TEST(DriveModel, WayPlaceAndEnergyAreWhatSpeedAndPowerMakeOfThem) {
     DriveModel model;
     const auto& s = model.state();
     const VehicleState before = s;
@@ -49,7 +49,7 @@ TEST(DriveModel, way_place_and_energy_are_what_speed_and_power_make_of_them) {
     EXPECT_NEAR(s.energyRecuperated - before.energyRecuperated, recuperated, 1e-6);
 }
 
-TEST(DriveModel, goes_where_a_record_goes_and_derives_the_rest_from_it) {
+TEST(DriveModel, GoesWhereARecordGoesAndDerivesTheRestFromIt) {
     DriveModel model;
     double latitude = 50;
     for (int i = 0; i < 500; ++i) {  // 10 s due north at 20 m/s
@@ -64,7 +64,7 @@ TEST(DriveModel, goes_where_a_record_goes_and_derives_the_rest_from_it) {
     EXPECT_NEAR(model.state().front.wheelSpeedLeft, 20, 0.1);
 }
 
-TEST(DriveModel, gives_the_same_drive_for_the_same_seed_however_it_is_stepped) {
+TEST(DriveModel, GivesTheSameDriveForTheSameSeedHoweverItIsStepped) {
     DriveModel once(7);
     DriveModel often(7);
     DriveModel other(8);
@@ -83,7 +83,7 @@ TEST(DriveModel, gives_the_same_drive_for_the_same_seed_however_it_is_stepped) {
     EXPECT_NE(once.state().fusedErrorNorth, other.state().fusedErrorNorth);
 }
 
-TEST(DriveModel, stays_a_possible_car_whatever_is_done_to_it) {
+TEST(DriveModel, StaysAPossibleCarWhateverIsDoneToIt) {
     std::mt19937 random(3);
     DriveModel model;
     const auto& controls = controlNames();

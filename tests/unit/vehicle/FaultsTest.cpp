@@ -8,7 +8,7 @@ namespace {
 using namespace vlmVehicle;
 using testing::HasSubstr;
 
-TEST(Fault, is_read_from_its_words) {
+TEST(Fault, IsReadFromItsWords) {
     Fault fault;
     std::string error;
     ASSERT_TRUE(Fault::parse("truncated GNSS.positions 3", fault, error)) << error;

@@ -27,7 +27,7 @@ std::string changed(const std::string& find, const std::string& replace) {
     return text.replace(text.find(find), find.size(), replace);
 }
 
-TEST(GpxTrack, gives_place_speed_and_course_between_its_points) {
+TEST(GpxTrack, GivesPlaceSpeedAndCourseBetweenItsPoints) {
     GpxTrack track;
     std::string error;
     ASSERT_TRUE(GpxTrack::read(trackText, "t.gpx", track, error)) << error;
@@ -56,7 +56,7 @@ const qdr::services::DescribedEvent& temperatures() {
     throw std::logic_error("no temperatures");
 }
 
-TEST(CsvRecording, makes_samples_of_rows_and_notifications_of_times) {
+TEST(CsvRecording, MakesSamplesOfRowsAndNotificationsOfTimes) {
     const char* const text =
         "\xEF\xBB\xBFtimestamp, type ,temperaturePhysicalValue,temperatureValueType,displayUnit\r\n"
         "1700000000000,outside,-3.5,valid,celsius\r\n"
@@ -80,7 +80,7 @@ TEST(CsvRecording, makes_samples_of_rows_and_notifications_of_times) {
     EXPECT_EQ(sparse.size(), 2U);
 }
 
-TEST(Replay, a_fault_is_named_with_its_line) {
+TEST(Replay, AFaultIsNamedWithItsLine) {
     std::string error;
     GpxTrack track;
     const std::pair<std::string, const char*> tracks[] = {

@@ -1,4 +1,4 @@
-// The rules against the descriptions of all services, and the services against each other.
+// The rules must match the descriptions of all services, and the services must be consistent.
 #include "tools/vehicle/SampleMaker.h"
 
 #include <gmock/gmock.h>
@@ -51,7 +51,7 @@ const FieldInfo& keyField(const DescribedEvent& event) {
     return *fieldOf(event, event.key().empty() ? event.members().front() : event.key());
 }
 
-/// Calls `look` with states all over the example scenarios and the plain drive.
+/// Calls `look` with states throughout the example scenarios and the plain drive.
 void throughAllStories(const std::function<void(const VehicleState&, const std::string& where)>& look) {
     std::vector<Scenario> stories{Scenario::plainDrive()};
     for (const auto& file : std::filesystem::directory_iterator(VLM_EXAMPLES "/scenarios")) {
@@ -74,7 +74,7 @@ void throughAllStories(const std::function<void(const VehicleState&, const std::
     }
 }
 
-/// NaN, which equals nothing, for a text.
+/// NaN for a text, since it equals nothing.
 double number(const FieldValue& value) {
     return std::visit(
         [](const auto& v) {
@@ -106,8 +106,8 @@ std::map<std::string, FieldValues> samplesOf(const VehicleState& state, const st
     return result;
 }
 
-// What a rule names wrong would be left out.
-TEST(Rules, name_events_and_fields_that_are_described) {
+// A rule with a wrong name would have no effect.
+TEST(Rules, NameEventsAndFieldsThatAreDescribed) {
     const auto& events = AllServices::get().events;
     for (const auto& name : RuleBook::standard().names()) {
         const auto dot = name.rfind('.');
@@ -119,12 +119,12 @@ TEST(Rules, name_events_and_fields_that_are_described) {
     }
 }
 
-TEST(Samples, of_every_event_and_key_come_and_can_be_sent) {
+TEST(Samples, OfEveryEventAndKeyComeAndCanBeSent) {
     SampleMaker maker;
     std::map<std::string, std::set<int>> keysOf;
     throughAllStories([&](const VehicleState& state, const std::string&) {
         if (std::fmod(state.time + 0.5, 10) > 1) {
-            return;  // every 10 s is enough for so many
+            return;  // every 10 s is enough
         }
         for (const auto& [path, event] : AllServices::get().events) {
             const auto samples = maker.make(path.substr(0, path.find('.')), *event, state, wallMs);
@@ -142,7 +142,7 @@ TEST(Samples, of_every_event_and_key_come_and_can_be_sent) {
     }
 }
 
-TEST(Samples, of_different_services_tell_the_same_story_at_every_moment) {
+TEST(Samples, OfDifferentServicesTellTheSameStoryAtEveryMoment) {
     throughAllStories([](const VehicleState& state, const std::string& where) {
         SCOPED_TRACE(where + " at " + std::to_string(state.time));
         const auto story = [&](const char* path) { return samplesOf(state, path); };
@@ -190,7 +190,7 @@ TEST(Samples, of_different_services_tell_the_same_story_at_every_moment) {
     });
 }
 
-TEST(Samples, count_per_event_and_key_and_follow_the_scenario_s_overrides) {
+TEST(Samples, CountPerEventAndKeyAndFollowTheScenarioSOverrides) {
     SampleMaker maker;
     const VehicleState state;
     const auto* positions = AllServices::get().events.at("GNSS.positions");
@@ -216,7 +216,7 @@ TEST(Samples, count_per_event_and_key_and_follow_the_scenario_s_overrides) {
     }
 }
 
-TEST(FieldValue, is_brought_into_the_range_and_type_of_its_field) {
+TEST(FieldValue, IsBroughtIntoTheRangeAndTypeOfItsField) {
     const FieldInfo percent{"p", "uint8", "%", "", true, 0, 100, {}};
     EXPECT_EQ(number(fit(Reading(130.0), percent)), 100);
     EXPECT_EQ(number(fit(Reading(-3.0), percent)), 0);

@@ -29,7 +29,7 @@ void play(ScenarioPlayer& player, DriveModel& model, double seconds) {
     }
 }
 
-TEST(Scenario, sets_controls_by_time_course_and_condition) {
+TEST(Scenario, SetsControlsByTimeCourseAndCondition) {
     DriveModel model;
     auto player = playerOf(R"({"start": {"latitude": 48, "chargeState": 40}, "phases": [
         {"name": "a", "duration": 10, "set": {"gear": "drive", "belt.driver": "open"},
@@ -59,7 +59,7 @@ TEST(Scenario, sets_controls_by_time_course_and_condition) {
     EXPECT_TRUE(c.hazard) << "what was set stays";
 }
 
-TEST(Scenario, phases_follow_each_other_end_early_and_are_left_out) {
+TEST(Scenario, PhasesFollowEachOtherEndEarlyAndAreLeftOut) {
     DriveModel model;
     auto player = playerOf(R"({"loop": true, "phases": [
         {"name": "drive off", "duration": 60, "until": "speed >= 10", "set": {"targetSpeed": 50}},
@@ -74,12 +74,12 @@ TEST(Scenario, phases_follow_each_other_end_early_and_are_left_out) {
         }
     }
     ASSERT_GE(phases.size(), 4U);
-    // The second time it is fast enough from the beginning: the phase lasts one step.
+    // The second time the car is fast enough at the start: the phase lasts one step.
     EXPECT_THAT(std::vector<std::string>(phases.begin(), phases.begin() + 4),
                 testing::ElementsAre("drive off", "roll", "drive off", "roll"));
 }
 
-TEST(Scenario, overrides_hold_in_their_time_and_while_their_condition_does) {
+TEST(Scenario, OverridesHoldInTheirTimeAndWhileTheirConditionDoes) {
     DriveModel model;
     auto player = playerOf(R"({"overrides": [
           {"event": "GNSS.positions", "key": 2, "field": "latitude", "value": null, "from": 1, "to": 3}],
@@ -94,7 +94,7 @@ TEST(Scenario, overrides_hold_in_their_time_and_while_their_condition_does) {
     EXPECT_TRUE(player.overrides(model.state()).empty());
 }
 
-TEST(Scenario, a_fault_in_the_file_is_named_with_its_place) {
+TEST(Scenario, AFaultInTheFileIsNamedWithItsPlace) {
     const std::pair<const char*, const char*> cases[] = {
         {R"({"phases": []})", "phases: at least one phase"},
         {R"({"phases": [{"name": "a"}]})", "phases[0].duration: a number of seconds above 0"},
