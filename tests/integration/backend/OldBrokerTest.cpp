@@ -95,7 +95,7 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     ::close(second);
 }
 
-TEST(SilentBroker, DoesNotHoldUpTheEnd) {
+TEST(SilentBroker, DoesNotDelayTheEnd) {
     const Listener listener;
     auto transport =
         std::make_unique<MqttTransport>(settingsFor(listener), kyo::orx::Presence{"Catalog 1", {}});

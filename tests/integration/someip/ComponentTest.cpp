@@ -42,7 +42,7 @@ TEST(Component, ServesProxiesAndSkeletonsThatWereMadeBeforeItAndOutliveIt) {
     EXPECT_TRUE(out.Send({numbered(2)}));
 }
 
-TEST(Component, AWrongConfigurationIsToldAndStartsNothing) {
+TEST(Component, AWrongConfigurationIsLoggedAndStartsNothing) {
     const LogCapture log{5};
     const Component_singleton wrong(false, "{\"address\": 5}");
     const Component_singleton broken(false, "no JSON");

@@ -39,7 +39,7 @@ struct DeviceTalk : ::testing::Test {
 
 }  // namespace
 
-TEST_F(DeviceTalk, EventsMayOvertakeTheAcknowledgementAndTheEndIsTold) {
+TEST_F(DeviceTalk, EventsMayOvertakeTheAcknowledgementAndTheEndIsSent) {
     offer();
     EXPECT_EQ(receiver, runtime.eventEndpoint());
     sendEvent(1, 1);

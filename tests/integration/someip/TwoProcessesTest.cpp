@@ -57,7 +57,7 @@ TEST_F(ClientAndServer, SamplesArriveAsTheyWereSentAndInOrderLargeOnesInSegments
     EXPECT_EQ(client.got[1001], Reading{});
 }
 
-TEST_F(ClientAndServer, OnlySubscribedEventsAreSentAndTheServerIsToldWhoComesAndGoes) {
+TEST_F(ClientAndServer, OnlySubscribedEventsAreSentAndTheServerLearnsWhoSubscribes) {
     server.readings.setSubscriptionHandler([&](const std::string& peer, bool subscribed) {
         const std::lock_guard lock(guard);
         told.push_back(peer + (subscribed ? " came" : " went"));
@@ -82,7 +82,7 @@ TEST_F(ClientAndServer, OnlySubscribedEventsAreSentAndTheServerIsToldWhoComesAnd
     EXPECT_TRUE(server.sendUntilReceived(client, 1));
 }
 
-TEST_F(ClientAndServer, WhoIsKilledOrSaysGoodByeOrFallsSilentIsServedAgain) {
+TEST_F(ClientAndServer, APeerThatIsKilledOrStopsOrFallsSilentIsServedAgain) {
     auto forServer = settingsFor(2);
     forServer.discovery.ttlSeconds = 1;
     forServer.discovery.cyclicOfferMs = 200;
@@ -208,7 +208,7 @@ TEST_F(ClientAndServer, ASlowHandlerDoesNotLoseTheService) {
     client.readings.reset();
 }
 
-TEST_F(ClientAndServer, APortThatIsTakenIsToldOnceAndTriedUntilItIsFree) {
+TEST_F(ClientAndServer, APortThatIsTakenIsLoggedOnceAndRetriedUntilItIsFree) {
     std::string error;
     auto squatter = someip::UdpSocket::open({addressOf(1), discoveryPort()}, {}, error);
     ASSERT_NE(squatter, nullptr) << error;
@@ -225,7 +225,7 @@ TEST_F(ClientAndServer, APortThatIsTakenIsToldOnceAndTriedUntilItIsFree) {
     EXPECT_TRUE(server.sendUntilReceived(client, 1));
 }
 
-TEST_F(ClientAndServer, AnAddressOfAnotherMachineIsToldAndTheEndIsQuick) {
+TEST_F(ClientAndServer, AnAddressOfAnotherMachineIsLoggedAndTheEndIsQuick) {
     auto settings = settingsFor(1);
     settings.address = "192.0.2.1";
     ASSERT_TRUE(clientSide.start(settings, false));

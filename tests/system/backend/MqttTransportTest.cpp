@@ -129,7 +129,7 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
     EXPECT_EQ(backend.on("test/vehicle/data")[0], text(envelope("1", 300000)));
 }
 
-TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndSaysSoItselfWhenItEnds) {
+TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndByItselfWhenItEnds) {
     Broker broker(m_port);
     Observer backend(m_settings, {"test/vehicle/status"});
     Vehicle vehicle(m_settings);
@@ -150,7 +150,7 @@ TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndSaysSoItselfWhenItEn
     EXPECT_EQ(late.on("test/vehicle/status")[0], kOffline) << "it is retained";
 }
 
-TEST_F(MqttBackendTest, GivesUpWhatWaitedForABrokerThatCameBackWithALowerLimit) {
+TEST_F(MqttBackendTest, DropsWhatWaitedForABrokerThatCameBackWithALowerLimit) {
     Broker broker(m_port);
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(m_log.waitFor("connected to the broker"));
@@ -177,7 +177,7 @@ TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
     EXPECT_TRUE(m_log.hasPart(3, "An envelope cannot be sent: 100 messages"));
 }
 
-TEST_F(MqttBackendTest, GivesUpAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelForTheNext) {
+TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelForTheNext) {
     const struct {
         const char* limit;
         int result;
@@ -204,7 +204,7 @@ TEST_F(MqttBackendTest, GivesUpAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannel
     }
 }
 
-TEST_F(MqttBackendTest, TellsOfAWrongPasswordOnceAndEntersWhenItIsRight) {
+TEST_F(MqttBackendTest, LogsAWrongPasswordOnceAndConnectsWhenItIsRight) {
     const vlmTest::TemporaryFolder folder;
     const auto accessFor = [&folder](const std::string& password) {
         const std::string file = folder.write("passwords", "vehicle:" + password + "\n");

@@ -7,7 +7,7 @@
 
 using vlmProd::CounterLog;
 
-TEST(CounterLog, TellsWhatChangedAtMostOnceAMinute) {
+TEST(CounterLog, LogsWhatChangedAtMostOnceAMinute) {
     vlmTest::LogCapture log;
     auto& lost = kyo::Status::counter("test.dropped");
     CounterLog counters;

@@ -32,7 +32,7 @@ TEST(AraLogger, GivesEachLevelItsSeverity) {
         "[^\n]+DEBUG +l7\n[^\n]+INFO +l8\n[^\n]+INFO +l9\n");
 }
 
-TEST(HeartBeat, SaysThatThereIsNoHealthManagement) {
+TEST(HeartBeat, LogsThatThereIsNoHealthManagement) {
     struct Unsupervised : vlmProd::vlmHeartBeat {
         Unsupervised() : vlmHeartBeat(Unconnected{}) {}
     };

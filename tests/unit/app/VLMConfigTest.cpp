@@ -41,7 +41,7 @@ TEST_F(VLMConfigTest, KeysLeadThroughMembersAndElements) {
     EXPECT_EQ(m_config.getArraySize("Top"), 0u);
 }
 
-TEST_F(VLMConfigTest, AKeyThatCannotBeResolvedSaysWhyAtItsKnownLine) {
+TEST_F(VLMConfigTest, AKeyThatCannotBeResolvedLogsWhyAtItsKnownLine) {
     const std::string unclosed = "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=";
     const std::string outside = "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=";
     const std::string absent = "Config::getJsonValue() - Key not present in JSON! ";

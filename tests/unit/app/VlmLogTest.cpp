@@ -29,7 +29,7 @@ using vlmProd::logSignature;
 using vlmTest::LogCapture;
 using vlmTest::LoggedLine;
 
-TEST(LogSignature, IsWrittenTheSameWhateverCompilerPrintedIt) {
+TEST(LogSignature, IsTheSameForEveryCompiler) {
     const std::pair<const char*, const char*> cases[] = {
         {"const Json::Value& vlmProd::VLMConfig::getJsonValue(const std::string&, int)",
          "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int)"},

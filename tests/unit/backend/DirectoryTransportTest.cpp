@@ -116,7 +116,7 @@ void limitFileSize(rlim_t bytes) {
     ::setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskTellsOnceAndOpensTheChannelWhenThereIsRoom) {
+TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChannelWhenThereIsSpace) {
     Backend backend(m_folder.path());
     ASSERT_TRUE(backend.awaitControls(1));
     ASSERT_EQ(backend.transport.send(envelope("kept", 100)), 0);

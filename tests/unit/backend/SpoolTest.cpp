@@ -318,7 +318,7 @@ class RecordingDisk : public SpoolDisk {
     std::vector<Change> m_log;
 };
 
-TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndBringsNothingBackWhoseDeletionWasWritten) {
+TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndRestoresNothingWhoseDeletionWasWritten) {
     const vlmTest::LogCapture quiet;
     std::mt19937 chance(20260101);
     std::size_t cuts = 0;

@@ -145,7 +145,7 @@ TEST_F(SubmissionControl, NeverResendsWhatNeverLeftButTheLastGoodReportIfThereIs
     EXPECT_THAT(sentNames(), ElementsAre("lost", "good", "lost too", "good", "next"));
 }
 
-TEST_F(SubmissionControl, TellsOfTheBytesInTheQueueOfAMissingLinkAndOfAnUnknownStatus) {
+TEST_F(SubmissionControl, LogsTheBytesInTheQueueAMissingLinkAndAnUnknownStatus) {
     add("unsent");
     const std::string text = kyo::Json::FastWriter().write(report("unsent"));
     EXPECT_THAT(m_log.messages(5),

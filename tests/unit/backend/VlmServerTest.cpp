@@ -109,7 +109,7 @@ TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
     EXPECT_EQ(sent(report("r"))["eventTicket"], "ticket");
 }
 
-TEST_F(BackendLink, TellsAMessageInOrderAndPutsTheReportIntoTheEnvelope) {
+TEST_F(BackendLink, LogsAMessageInOrderAndPutsTheReportIntoTheEnvelope) {
     m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "older"));
     m_log.clear();
     m_server.handleMasterControlCallBack(control(0, 0, {"TypeA", "TypeB"}, "newest"));

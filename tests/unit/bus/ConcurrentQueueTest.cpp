@@ -12,7 +12,7 @@ namespace vlmProd {
 namespace {
 
 // A consumer in withFront() holds the lock during all tries of the producer.
-TEST(ConcurrentQueue, GivesTheValueUpAfterTenTriesAndCountsIt) {
+TEST(ConcurrentQueue, DropsTheValueAfterTenTriesAndCountsIt) {
     kyo::Counter dropped;
     ConcurrentQueue<std::string> queue(&dropped);
     queue.put("first", 1);

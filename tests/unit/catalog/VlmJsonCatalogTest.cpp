@@ -62,7 +62,7 @@ TEST_F(VlmJsonCatalogTest, AnswersFromTheFileWithPropertiesInItsOrderAndLogged) 
     EXPECT_THAT(catalog.getAllProperties("GNSS", "positions", 1), ElementsAre("first"));
 }
 
-TEST_F(VlmJsonCatalogTest, WhatIsNotInTheCatalogIsToldByMessageAndCode) {
+TEST_F(VlmJsonCatalogTest, WhatIsNotInTheCatalogIsReportedByMessageAndCode) {
     VlmJsonCatalog catalog(m_path);
     m_log.clear();
     EXPECT_THAT(catalog.getAllProperties("None", "r", 1), IsEmpty());

@@ -166,7 +166,7 @@ TEST(Check, SuggestsTheNearestNameOrNone) {
     EXPECT_EQ(nearest(std::string(100000, 'p'), names), "");
 }
 
-TEST(Check, TellsTheLineOfTheValueOrOfWhatShouldHoldIt) {
+TEST(Check, ReportsTheLineOfTheValueOrOfItsParent) {
     const auto wrong = checkChanged(Kind::Collector, "\"index\": 1", "\n \"index\": 9");
     ASSERT_EQ(wrong.size(), 1U);
     EXPECT_EQ(wrong[0].line, 6U);

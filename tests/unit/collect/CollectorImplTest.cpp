@@ -113,7 +113,7 @@ TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothingAndElseTakesOverWh
         R"({"propertyValuePairs":{"speed2D":1},"timestamp":"10"}],"serviceName":"GNSSProxy"})");
 }
 
-TEST_F(CollectorImplTest, TellsAnInsertionAndADrainInTheirOrder) {
+TEST_F(CollectorImplTest, LogsAnInsertionAndADrainInTheirOrder) {
     CollectorImpl collector = make(0);
     LogCapture log;
     insert(collector, recordAt(10));
@@ -150,7 +150,7 @@ TEST_F(CollectorImplTest, TellsAnInsertionAndADrainInTheirOrder) {
                     "signalCollections data: " + compactText(collection)));
 }
 
-TEST_F(CollectorImplTest, TellsTheDifferenceFrontMinusBackAndTestsBackMinusFront) {
+TEST_F(CollectorImplTest, LogsTheDifferenceFrontMinusBackAndTestsBackMinusFront) {
     CollectorImpl collector = make(100);
     LogCapture log;
     collector.moveToLagState();

@@ -173,7 +173,7 @@ TEST_F(ConfigResponseHandlerTest, AFurtherConfigurationAddsToWhatIsThereAndRepla
     }
 }
 
-TEST_F(ConfigResponseHandlerTest, AConfigurationThatIsRefusedChangesNothingAndSaysSo) {
+TEST_F(ConfigResponseHandlerTest, AConfigurationThatIsRefusedChangesNothingAndIsLogged) {
     EXPECT_FALSE(m_handler.doBaseSetupFromLocalConfig("/absent.json"));
     EXPECT_THAT(
         m_log.messages(3),

@@ -137,7 +137,7 @@ extern "C" const char* __tsan_default_options() {
 
 // The handler interrupts a thread that may hold the queue's lock. If the handler waited for it, this test
 // would hang.
-TEST(LineQueue, AHandlerThatInterruptsALoggingThreadGivesUpItsLineRatherThanWait) {
+TEST(LineQueue, AHandlerThatInterruptsALoggingThreadDropsItsLineInsteadOfWaiting) {
     LineQueue queue(1u << 20, 512u << 20);
     g_interrupted = &queue;
     struct sigaction action {};

@@ -23,7 +23,7 @@ std::string runWithLog(const vlmTest::TemporaryFolder& folder, const std::string
 
 }  // namespace
 
-TEST(LogFile, HoldsTheLinesUpToItsOwnLevelWhateverTheCapForOthersIs) {
+TEST(LogFile, HoldsTheLinesUpToItsOwnLevelRegardlessOfTheLimitForOthers) {
     const vlmTest::TemporaryFolder folder;
     const std::string log = R"("maxLevel": 0, "fileLevel": 3, "file": ")" + folder.file("vlm.log") + "\"";
     runWithLog(folder, log, {"say", "detail", "@3", "first"});
@@ -35,7 +35,7 @@ TEST(LogFile, HoldsTheLinesUpToItsOwnLevelWhateverTheCapForOthersIs) {
     EXPECT_TRUE(lines[1].ends_with(" 3 second"));
 }
 
-TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
+TEST(LogFile, StartsAgainAtItsLimitAndKeepsThePreviousFile) {
     const vlmTest::TemporaryFolder folder;
     const std::string log = R"("fileMaxBytes": 20000, "file": ")" + folder.file("vlm.log") + "\"";
     // A run's lines may come in one write of nearly 8,000 bytes: six runs need more than two files in any
@@ -54,7 +54,7 @@ TEST(LogFile, StartsAnewAtItsLimitAndKeepsOneFileBefore) {
     EXPECT_LT(kept, 360u);
 }
 
-TEST(LogFile, OneThatCannotBeOpenedIsToldOnceAndCostsNothingElse) {
+TEST(LogFile, OneThatCannotBeOpenedIsReportedOnceAndCostsNothingElse) {
     const vlmTest::TemporaryFolder folder;
     const auto said = runWithLog(folder, R"("file": "/nowhere/vlm.log")", {"lines", "1", "10"});
     EXPECT_EQ(linesOf(said)[0], "The log file /nowhere/vlm.log cannot be opened: No such file or directory");

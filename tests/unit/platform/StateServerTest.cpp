@@ -176,7 +176,7 @@ TEST_F(StateServerTest, AConfirmationMayComeLaterFromAnotherThreadAndMustMatchTh
     EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::NotAsked);
 }
 
-TEST_F(StateServerTest, TheComponentIsToldWhenTheRequesterIsGone) {
+TEST_F(StateServerTest, TheComponentLearnsThatTheRequesterIsGone) {
     serve();
     {
         TestClient client(path());

@@ -54,7 +54,7 @@ kyo::Json::Value snapshotOf(const std::string& text) {
 
 }  // namespace
 
-TEST_F(StateTools, PrintWhatIsAnsweredAndTellSuccessByTheirExitStatus) {
+TEST_F(StateTools, PrintTheAnswerAndReportSuccessByTheirExitStatus) {
     for (const std::string tool : {VLM_STATE, VLM_STATUS}) {
         const std::string word = tool == VLM_STATE ? "kOn" : "1";
         expectOf({tool, word}, 1, "", "nobody answers at " + m_folder.file("s") + ": ");
@@ -93,7 +93,7 @@ TEST_F(StateTools, VlmStatusFollowsThroughARestart) {
     EXPECT_TRUE(vlmTest::eventually([&] { return lines("services 0/0") > before; }));
 }
 
-TEST(StatusText, TheLiveLineTellsTheEssentialsAndTheRateBetweenTwoLooks) {
+TEST(StatusText, TheLiveLineShowsTheEssentialsAndTheRateBetweenTwoCalls) {
     const char* const kText = R"({"services":{"found":4,"configured":5},"events":{"subscribed":9},
         "samples":{"received":%s},"records":{"waiting":12},"clock":{"nextTickMs":31400},
         "reports":{"built":3,"sent":2,"waiting":1},"backend":{"open":true},

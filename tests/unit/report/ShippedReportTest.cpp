@@ -14,7 +14,7 @@ using vlmProd::ShippedReport;
 
 }  // namespace
 
-TEST(ShippedReport, HoldsTheWritersTextWithAndWithoutTheCatalogIdWhereverThatStands) {
+TEST(ShippedReport, HoldsTheWritersTextWithAndWithoutTheCatalogIdAtAnyPlace) {
     for (const char* const text :
          {R"({"catalogId":"c","signalCollections":[{"samples":[1.5,"\u00e9"]}],"zone":null})",
           R"({"applicationName":"a","catalogId":"c","signalCollections":null})",

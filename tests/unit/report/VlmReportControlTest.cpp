@@ -106,7 +106,7 @@ TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheir
     EXPECT_TRUE(log.has(5, "Size of Aggregated output data = 0"));
 }
 
-TEST_F(VlmReportControlTest, TellsTheBatchInItsOrderAndLeavesOutWhatTheFromBlockDoesNotName) {
+TEST_F(VlmReportControlTest, LogsTheBatchInItsOrderAndLeavesOutWhatTheFromBlockDoesNotName) {
     configure(R"([{"name": "r", "application": "a", "from": ["x", "y"]}])");
     control.addToReport(collectionOf("x"));
     log.clear();

@@ -67,7 +67,7 @@ TEST_F(ResourceTest, GivesACollectorToARecordOfItsServiceResourceAndIndexOnly) {
     EXPECT_EQ(compactText(through(recordOf(0U))), compactText(recordOf(0U)));
 }
 
-TEST_F(ResourceTest, TellsItsConfigurationAndARecordInTheirOrder) {
+TEST_F(ResourceTest, LogsItsConfigurationAndARecordInTheirOrder) {
     LogCapture log;
     resource.setCollectorName("GNSSProxy", "positions", 1, "fused");
     resource.setSomeIPIndexAttribute(1, {"zeta"});
@@ -91,7 +91,7 @@ TEST_F(ResourceTest, TellsItsConfigurationAndARecordInTheirOrder) {
     EXPECT_EQ(log.lines().front().signature, "void vlmProd::Resource::processData(kyo::Json::Value)");
 }
 
-TEST_F(ResourceTest, TellsTheCompletedRecordAsTheWriterWouldWhereverTheNewMembersBelong) {
+TEST_F(ResourceTest, LogsTheCompletedRecordAsTheWriterWouldWhereverTheNewMembersBelong) {
     resource.setCollectorName("", "positions", 1, "fu\"sed");
     for (const char* const text : {R"({"type":1})", R"({"aaa":"}{","type":1,"zz":[{"index":5}]})",
                                    R"({"collectorName":"brought along","index":9,"type":1})"}) {

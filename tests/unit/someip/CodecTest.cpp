@@ -103,7 +103,7 @@ TEST(Codec, TakesMembersInAnyOrderTextsOfAnyWidthSkipsUnknownOnesAndCountsDouble
     }
 }
 
-TEST(Codec, AStructureThatEndsBeforeItsMembersDoIsTold) {
+TEST(Codec, AStructureThatEndsInsideAMemberIsReported) {
     const Bytes whole = kU8 + kU16 + kU32 + kF64 + kText + Bytes{0x77, 0xFF, 0, 0, 0, 2, 1, 2};
     // A structure may end after each member.
     const std::set<std::size_t> ends = {0, 3, 7, 13, 23, 32};

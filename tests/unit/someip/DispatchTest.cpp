@@ -123,7 +123,7 @@ TEST_F(Dispatching, RefusesAndCountsWhatIsNotForIt) {
     EXPECT_TRUE(log.messages(3).empty()) << "a stranger cannot fill the log";
 }
 
-TEST_F(Dispatching, ATruncatedStructureIsToldOnceWithItsEventAndTheSubscriptionLivesOn) {
+TEST_F(Dispatching, ATruncatedStructureIsLoggedOnceWithItsEventAndTheSubscriptionContinues) {
     const Bytes truncated = {0, 0, 0, 6, 0, 0, 0, 2, 0x00, 0x01};
     EXPECT_EQ(counted(counters().truncated, messageOf(truncated)), 1u);
     EXPECT_EQ(counted(counters().truncated, messageOf(truncated)), 1u);
@@ -137,7 +137,7 @@ TEST_F(Dispatching, ATruncatedStructureIsToldOnceWithItsEventAndTheSubscriptionL
     EXPECT_EQ(counted(counters().malformed, messageOf({0, 0, 0, 9})), 1u);
 }
 
-TEST_F(Dispatching, AHandlerThatThrowsIsToldAndTheNextMessageComes) {
+TEST_F(Dispatching, AHandlerThatThrowsIsLoggedAndTheNextMessageComes) {
     dispatcher.setRoutes(
         {{kServer, std::make_shared<EventReceiver>(
                        kMeter, 1, kReadings, [this](std::span<const std::uint8_t>, someip::DecodeReport&) {
@@ -189,7 +189,7 @@ TEST_F(Dispatching, JoinsSegmentsAndCountsWhatNeverBecameAMessage) {
     EXPECT_EQ(counters().tpDropped.value(), before + 1);
 }
 
-TEST(RateLimits, TellTheFirstAndThenOncePerInterval) {
+TEST(RateLimits, ReportTheFirstAndThenOncePerInterval) {
     RateLimit limit(60s);
     Clock::time_point now{1h};
     EXPECT_EQ(limit.note(now), 0u);

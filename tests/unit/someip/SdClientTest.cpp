@@ -197,7 +197,7 @@ TEST_F(SdClientSteps, ATtlWithoutEndLastsUntilTheRebootAndARefusalIsTriedAgainEv
     EXPECT_EQ(client().find(kService1), nullptr);
 }
 
-TEST_F(SdClientSteps, StopsWhatItHasSubscribedWhenTheLastWishGoesAndAtTheEnd) {
+TEST_F(SdClientSteps, StopsASubscriptionWithTheLastRequestForItAndAtTheEnd) {
     want(kGroup1);
     want(kGroup1);
     want(kGroup2);

@@ -56,7 +56,7 @@ TEST_F(PeerSessions, AMessageThatWasOvertakenIsNoReboot) {
     EXPECT_EQ(judge(kUnicast, 1, true), Verdict::Rebooted) << "1 is where a new life begins";
 }
 
-TEST_F(PeerSessions, MulticastAndUnicastAreJudgedApartAndOneRebootIsToldOnce) {
+TEST_F(PeerSessions, MulticastAndUnicastAreJudgedSeparatelyAndOneRebootIsReportedOnce) {
     judge(kMulticast, 50, true);
     EXPECT_EQ(judge(kUnicast, 1, true), Verdict::Fine);
     EXPECT_EQ(judge(kUnicast, 2, true), Verdict::Fine);

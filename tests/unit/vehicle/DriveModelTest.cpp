@@ -83,7 +83,7 @@ TEST(DriveModel, GivesTheSameDriveForTheSameSeedHoweverItIsStepped) {
     EXPECT_NE(once.state().fusedErrorNorth, other.state().fusedErrorNorth);
 }
 
-TEST(DriveModel, StaysAPossibleCarWhateverIsDoneToIt) {
+TEST(DriveModel, StaysAPossibleCarUnderAllControls) {
     std::mt19937 random(3);
     DriveModel model;
     const auto& controls = controlNames();

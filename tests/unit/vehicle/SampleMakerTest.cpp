@@ -142,7 +142,7 @@ TEST(Samples, OfEveryEventAndKeyComeAndCanBeSent) {
     }
 }
 
-TEST(Samples, OfDifferentServicesTellTheSameStoryAtEveryMoment) {
+TEST(Samples, OfDifferentServicesAreConsistentAtEveryMoment) {
     throughAllStories([](const VehicleState& state, const std::string& where) {
         SCOPED_TRACE(where + " at " + std::to_string(state.time));
         const auto story = [&](const char* path) { return samplesOf(state, path); };
