@@ -24,12 +24,9 @@ PubSubService& PubSubService::getInstance() {
 
 PubSubService::PubSubService() : m_messages(&kyo::Status::counter("queue.bus.dropped")) {}
 
-PubSubService::~PubSubService() = default;
-
 void PubSubService::addMessageToQueue(Message& message) {
     m_messages.put(message, kMessageWeight);
-    const std::lock_guard<kyo::Mutex> lock(m_mutex);
-    m_condition.broadcast();
+    wake();
 }
 
 void PubSubService::addSubscriber(Message::MessageTopicType topic, std::shared_ptr<ISubscriber> subscriber) {
@@ -56,9 +53,9 @@ void PubSubService::removeSubscriber(Message::MessageTopicType topic,
 }
 
 void PubSubService::awakeThread() {
-    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    const SleepLock lock = lockSleep();
     VLM_LOG(5, "Waking up the pubsub service thread");
-    m_condition.broadcast();
+    broadcast();
 }
 
 void PubSubService::stopThread() {
@@ -72,14 +69,13 @@ void PubSubService::releasePubSubService() {
 void PubSubService::run() {
     VLM_LOG(6, "Started PubSubService consumer");
     detach();
-    m_running = true;
+    const Running running(*this);
     while (!m_stop && drainOnce()) {
-        const std::lock_guard<kyo::Mutex> lock(m_mutex);
+        const SleepLock lock = lockSleep();
         VLM_LOG(5, "Going to wait mode in vlm pubsub service thread. There is no messages to process");
-        m_condition.wait(m_mutex);
+        sleepUntilWoken();
         VLM_LOG(5, "VLM Pubsub service thread has awaken up to process message");
     }
-    m_running = false;
 }
 
 bool PubSubService::drainOnce() {

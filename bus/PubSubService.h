@@ -1,15 +1,13 @@
 #pragma once
-#include <atomic>
 #include <map>
 #include <memory>
 #include <set>
 
 #include "base/ConcurrentQueue.h"
+#include "base/Worker.h"
 #include "bus/Message.h"
 #include "bus/Subscriber.h"
 #include "kyo/Mutex.h"
-#include "kyo/Thread.h"
-#include "kyo/ThreadCondition.h"
 
 namespace vlmProd {
 
@@ -18,13 +16,12 @@ namespace vlmProd {
 ///
 /// The base setup calls start() once; the thread runs until the process ends. Subscribers may be added at any
 /// time. A message published just before the bus thread sleeps is delivered with the next one.
-class PubSubService : public kyo::Thread {
+class PubSubService : public Worker {
   public:
     /// Created on first use and never destroyed: its thread waits on the condition until the process ends.
     static PubSubService& getInstance();
 
     PubSubService();
-    ~PubSubService() override;
 
     void run() override;
 
@@ -41,21 +38,15 @@ class PubSubService : public kyo::Thread {
 
     /// Starts the delivery of one message to all subscribers of its topic.
     void processMessage(Message& message);
-    /// Processes the queued messages: one round of the bus thread. Returns false when the stop flag ended it.
-    bool drainOnce();
+    /// Processes the queued messages. Returns false when the stop flag ended it.
+    bool drainOnce() override;
     /// The sum of the weights of the queued messages.
     unsigned int queued() { return m_messages.size(); }
-    bool isRunning() const { return m_running; }
 
   private:
     using Subscribers = std::set<std::shared_ptr<ISubscriber>>;
 
-    kyo::Mutex m_mutex;  ///< for sleeping and waking only
-    kyo::ThreadCondition m_condition;
     ConcurrentQueue<Message> m_messages;
-    std::atomic<bool> m_stop{false};
-    std::atomic<bool> m_running{false};
-
     kyo::Mutex m_tableMutex;
     std::map<Message::MessageTopicType, Subscribers> m_subscribers;  ///< guarded by m_tableMutex
 };

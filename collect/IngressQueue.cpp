@@ -1,9 +1,8 @@
 #include "collect/IngressQueue.h"
 
-#include <chrono>
+#include <atomic>
 #include <mutex>
 #include <system_error>
-#include <thread>
 #include <utility>
 
 #include "base/DetachedThread.h"
@@ -39,8 +38,6 @@ IngressQueue* IngressQueue::getInstance() {
 
 IngressQueue::IngressQueue() : m_records(&kyo::Status::counter("queue.ingress.dropped")) {}
 
-IngressQueue::~IngressQueue() = default;
-
 void IngressQueue::insertRecord(kyo::Json::Value& record) {
     insertRecord(TextedRecord(record));
 }
@@ -57,13 +54,13 @@ void IngressQueue::insertRecord(TextedRecord record) {
     if (m_records.put(std::move(record), length)) {
         converted.add();
     }
-    m_condition.broadcast();
+    broadcast();
 }
 
 void IngressQueue::SendWakeupSignal() {
-    const std::lock_guard<kyo::Mutex> lock(m_mutex);
+    const SleepLock lock = lockSleep();
     VLM_LOG(5, "Waking up Ingress queue thread to process the record");
-    m_condition.broadcast();
+    broadcast();
 }
 
 void IngressQueue::stopIngressQueueThread() {
@@ -72,17 +69,10 @@ void IngressQueue::stopIngressQueueThread() {
 }
 
 void IngressQueue::releaseIngressQueue() {
-    m_stop = true;
-    SendWakeupSignal();
-    // The thread must be out of this object, and above all out of its wait, before the object goes.
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (started() && !m_ended) {
-        if (std::chrono::steady_clock::now() > limit) {
-            VLM_LOG(3, "The ingress queue's thread does not end; the queue stays");
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        m_condition.broadcast();
+    stopIngressQueueThread();
+    if (!waitForEnd()) {
+        VLM_LOG(3, "The ingress queue's thread does not end; the queue stays");
+        return;
     }
     auto* self = this;
     ingressSingleton.compare_exchange_strong(self, nullptr);
@@ -92,18 +82,13 @@ void IngressQueue::releaseIngressQueue() {
 void IngressQueue::run() {
     VLM_LOG(5, "Started IngressQueue consumer");
     detach();
-    m_running = true;
+    const Running running(*this);
     while (!m_stop && drainOnce()) {
-        if (m_stop) {
-            break;
-        }
-        const std::lock_guard<kyo::Mutex> lock(m_mutex);
+        const SleepLock lock = lockSleep();
         VLM_LOG(7, "Conditional wait because There is nothing to process in Ingress queue.");
-        m_condition.wait(m_mutex);
+        sleepUntilWoken();
         VLM_LOG(7, "Awaken Inress queue thread to process records");
     }
-    m_running = false;
-    m_ended = true;  // the last touch: releaseIngressQueue() may destroy this object now
 }
 
 bool IngressQueue::takeRecord(TextedRecord* record) {
@@ -119,7 +104,7 @@ bool IngressQueue::drainOnce() {
         VLM_LOG_AS(5, kRun, "From ingress Q~");
         dispatch(std::move(record));
     }
-    return true;
+    return !m_stop;
 }
 
 void IngressQueue::dispatch(TextedRecord record) {

@@ -1,14 +1,11 @@
 #pragma once
-#include <atomic>
 #include <functional>
 #include <utility>
 
 #include "base/ConcurrentQueue.h"
+#include "base/Worker.h"
 #include "collect/TextedRecord.h"
 #include "kyo/Json.h"
-#include "kyo/Mutex.h"
-#include "kyo/Thread.h"
-#include "kyo/ThreadCondition.h"
 
 namespace vlmProd {
 
@@ -19,7 +16,7 @@ namespace vlmProd {
 /// The base setup names the receiver and calls start() once; the thread runs until the process ends.
 /// Producers wake it without its lock: a record that comes just as the thread goes to sleep waits for the
 /// next one.
-class IngressQueue : public kyo::Thread {
+class IngressQueue : public Worker {
   public:
     using Dispatch = std::function<void(TextedRecord)>;
 
@@ -28,7 +25,6 @@ class IngressQueue : public kyo::Thread {
     static IngressQueue* getInstance();
 
     IngressQueue();
-    ~IngressQueue() override;
 
     /// Names the receiver of the records, which is called on a thread of its own for each one. Before
     /// start().
@@ -47,24 +43,18 @@ class IngressQueue : public kyo::Thread {
     /// Stops the thread and destroys this object.
     void releaseIngressQueue();
 
-    /// Dispatches what is queued now: one round of the thread. False when the stop flag ended it.
-    bool drainOnce();
+    /// Dispatches the queued records. Returns false when the stop flag is set.
+    bool drainOnce() override;
     /// Takes the oldest record out. False when there is none.
     bool takeRecord(TextedRecord* record);
     /// Bytes of compact JSON text waiting.
     unsigned int queuedBytes() { return m_records.size(); }
-    bool isRunning() const { return m_running; }
 
   private:
     void dispatch(TextedRecord record);
 
     Dispatch m_dispatch;  ///< set once, before the thread starts
     ConcurrentQueue<TextedRecord> m_records;
-    kyo::Mutex m_mutex;  ///< for sleeping and waking only
-    kyo::ThreadCondition m_condition;
-    std::atomic<bool> m_stop{false};
-    std::atomic<bool> m_running{false};
-    std::atomic<bool> m_ended{false};
 };
 
 }  // namespace vlmProd

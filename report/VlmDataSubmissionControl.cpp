@@ -32,8 +32,6 @@ VlmDataSubmissionControl* VlmDataSubmissionControl::getInstance() {
 VlmDataSubmissionControl::VlmDataSubmissionControl()
     : m_shippingQueue(&kyo::Status::counter("queue.shipping.dropped")) {}
 
-VlmDataSubmissionControl::~VlmDataSubmissionControl() = default;
-
 void VlmDataSubmissionControl::initializeServer(std::string serverName,
                                                 std::vector<std::string> offeredDataTypes,
                                                 std::shared_ptr<ConfigurationReceiver> configurations) {
@@ -77,26 +75,31 @@ bool VlmDataSubmissionControl::addReportToShippingQueue(ShippedReport report) {
 }
 
 void VlmDataSubmissionControl::run() {
+    const Running running(*this);
     VLM_LOG(7, "VlmDataSubmissionControl thread starting up");
     VLM_LOG(7, "Starting to read from Shipping queue");
     startServer();
-    while (!m_stop) {
-        if (m_shippingQueue.size() > 0 && !m_sendNextData) {
-            // Set before the send, as a quick result 0 may clear it at once; and with the lock, so that a
-            // result that found the queue empty a moment ago does not clear it after this.
-            const std::lock_guard<std::recursive_mutex> sending(m_sendMutex);
-            m_sendNextData = true;
-            processReportFromQueue();
-        }
-        const std::lock_guard<kyo::Mutex> lock(m_wakeupMutex);
+    while (!m_stop && drainOnce()) {
+        const SleepLock lock = lockSleep();
         if (m_stop) {
             break;
         }
         VLM_LOG(7, "Conditional wait because There is no report in shipping queue");
-        m_wakeupCondition.wait(m_wakeupMutex);
+        sleepUntilWoken();
         VLM_LOG(7, "Awaken VlmDataSubmissionControl thread to process shipping queue");
     }
     VLM_LOG_PLAIN(5, "Exiting VlmDataSubmissionControl thread");
+}
+
+bool VlmDataSubmissionControl::drainOnce() {
+    if (m_shippingQueue.size() > 0 && !m_sendNextData) {
+        // Set before the send, as a quick result 0 may clear it at once; and with the lock, so that a
+        // result that found the queue empty a moment ago does not clear it after this.
+        const std::lock_guard<std::recursive_mutex> sending(m_sendMutex);
+        m_sendNextData = true;
+        processReportFromQueue();
+    }
+    return !m_stop;
 }
 
 void VlmDataSubmissionControl::processReportFromQueue() {
@@ -175,15 +178,14 @@ void VlmDataSubmissionControl::processReportBasedOnDataDelivery(orxStatus status
 }
 
 void VlmDataSubmissionControl::SendWakeupSignal() {
-    const std::lock_guard<kyo::Mutex> lock(m_wakeupMutex);
-    m_wakeupCondition.broadcast();
+    wake();
 }
 
 void VlmDataSubmissionControl::stopVlmDataSubmissionControl() {
     m_stop = true;
-    const std::lock_guard<kyo::Mutex> lock(m_wakeupMutex);
+    const SleepLock lock = lockSleep();
     VLM_LOG_PLAIN(5, "Waking up Vlm Data Submission Control Thread to process the shipping queue");
-    m_wakeupCondition.broadcast();
+    broadcast();
 }
 
 std::int32_t VlmDataSubmissionControl::send(ShippedReport& report) {

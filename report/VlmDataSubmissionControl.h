@@ -7,10 +7,9 @@
 #include <vector>
 
 #include "base/ConcurrentQueue.h"
+#include "base/Worker.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
-#include "kyo/Thread.h"
-#include "kyo/ThreadCondition.h"
 #include "report/ShippedReport.h"
 #include "report/VlmServer.h"
 #include "report/orxStatus.h"
@@ -22,13 +21,12 @@ namespace vlmProd {
 ///
 /// Its thread makes the first send of each burst, the backend link's callback thread the others. In local
 /// mode there is no link and no thread, and nothing empties the queue.
-class VlmDataSubmissionControl : public kyo::Thread {
+class VlmDataSubmissionControl : public Worker {
   public:
     /// Created on first use and never destroyed: its thread sleeps on the condition until the process ends.
     static VlmDataSubmissionControl* getInstance();
 
     VlmDataSubmissionControl();
-    ~VlmDataSubmissionControl() override;
 
     /// Creates the backend link. Before start().
     void initializeServer(std::string serverName, std::vector<std::string> offeredDataTypes,
@@ -54,6 +52,8 @@ class VlmDataSubmissionControl : public kyo::Thread {
     std::uint64_t waitingReports() const { return m_waiting; }
 
     void run() override;
+    /// Sends one report unless a delivery result is awaited. Returns false when the stop flag is set.
+    bool drainOnce() override;
 
   private:
     std::int32_t send(ShippedReport& report);
@@ -62,10 +62,7 @@ class VlmDataSubmissionControl : public kyo::Thread {
     kyo::Mutex m_addMutex;  ///< one report at a time is added, so that the logged sizes belong to it
     ConcurrentQueue<ShippedReport> m_shippingQueue;  ///< weighted with the lengths of their texts
     std::uint64_t m_bytesAdded = 0;                  ///< guarded by m_addMutex
-    std::atomic<bool> m_stop{false};
-    kyo::Mutex m_wakeupMutex;
-    kyo::ThreadCondition m_wakeupCondition;
-    ShippedReport m_lastReport;               ///< guarded by m_sendMutex; with its catalog id
+    ShippedReport m_lastReport;                      ///< guarded by m_sendMutex; with its catalog id
     std::atomic<bool> m_sendNextData{false};  ///< a report was handed to the link and its result is awaited
     std::shared_ptr<VlmServer> m_link;        ///< set once, before the thread starts
 

@@ -2,9 +2,8 @@
 
 #include <unistd.h>
 
-#include <chrono>
+#include <atomic>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -61,8 +60,6 @@ VlmReportControl::VlmReportControl()
 
 VlmReportControl::VlmReportControl(Ship ship)
     : m_ship(std::move(ship)), m_collections(&kyo::Status::counter("queue.report.dropped")) {}
-
-VlmReportControl::~VlmReportControl() = default;
 
 void VlmReportControl::initializeReportControl(Value reports, std::string configName,
                                                std::string configVersion) {
@@ -126,8 +123,7 @@ std::map<std::string, std::shared_ptr<VlmReport>> VlmReportControl::reports() co
 void VlmReportControl::addToReport(SignalCollection collection) {
     VLM_LOG_AS(5, kAddToReport, "Inside VlmReportControl::addToReport\n\n\n");
     m_collections.put(std::move(collection), kCollectionWeight);
-    const std::lock_guard<kyo::Mutex> lock(m_mutex);
-    m_condition.broadcast();
+    wake();
 }
 
 void VlmReportControl::processReportQueue(const std::vector<SignalCollection>& aggregated) {
@@ -143,8 +139,7 @@ void VlmReportControl::processReportQueue(const std::vector<SignalCollection>& a
 }
 
 void VlmReportControl::SendWakeupSignal() {
-    const std::lock_guard<kyo::Mutex> lock(m_mutex);
-    m_condition.broadcast();
+    wake();
 }
 
 void VlmReportControl::stopVlmReportControlThread() {
@@ -154,22 +149,16 @@ void VlmReportControl::stopVlmReportControlThread() {
 void VlmReportControl::releaseVlmReportControl() {
     m_stop = true;
     SendWakeupSignal();
-    // The thread must be out of this object, and above all out of its wait, before the object goes.
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (started() && !m_ended) {
-        if (std::chrono::steady_clock::now() > limit) {
-            VLM_LOG(3, "Report control's thread does not end; the control stays");
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        SendWakeupSignal();
+    if (!waitForEnd()) {
+        VLM_LOG(3, "Report control's thread does not end; the control stays");
+        return;
     }
     auto* self = this;
     reportControlSingleton.compare_exchange_strong(self, nullptr);
     delete this;
 }
 
-void VlmReportControl::drainOnce() {
+bool VlmReportControl::drainOnce() {
     std::vector<SignalCollection> aggregated;
     SignalCollection collection;
     while (m_collections.take(&collection)) {
@@ -183,24 +172,21 @@ void VlmReportControl::drainOnce() {
     VLM_LOG_AS(5, kRun, "Aggreegated output data = " << arrayText(pointersTo(aggregated)));
     if (aggregated.empty()) {
         VLM_LOG_AS(4, kRun, "The Report control thread does not have any aggregated data to report.");
-        return;
+    } else {
+        processReportQueue(aggregated);
     }
-    processReportQueue(aggregated);
+    return !m_stop;
 }
 
 void VlmReportControl::run() {
     VLM_LOG(5, "Started VlmReportControl consumer");
     detach();
-    m_running = true;
-    while (!m_stop) {
-        drainOnce();
-        if (m_stop) {
-            break;
-        }
+    const Running running(*this);
+    while (!m_stop && drainOnce()) {
         {
-            const std::lock_guard<kyo::Mutex> lock(m_mutex);
+            const SleepLock lock = lockSleep();
             VLM_LOG(7, "Conditional wait because There is nothing to process in Report queue.");
-            m_condition.wait(m_mutex);
+            sleepUntilWoken();
             VLM_LOG(7, "Awaken Report Control thread to process records");
         }
         if (!m_stop) {
@@ -209,8 +195,6 @@ void VlmReportControl::run() {
         }
     }
     VLM_LOG(5, "Exiting the ReportControl thread");
-    m_running = false;
-    m_ended = true;  // the last touch: releaseVlmReportControl() may destroy this object now
 }
 
 }  // namespace vlmProd

@@ -1,5 +1,4 @@
 #pragma once
-#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -7,10 +6,9 @@
 #include <vector>
 
 #include "base/ConcurrentQueue.h"
+#include "base/Worker.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
-#include "kyo/Thread.h"
-#include "kyo/ThreadCondition.h"
 #include "report/ShippedReport.h"
 #include "report/SignalCollection.h"
 #include "report/VlmReport.h"
@@ -23,7 +21,7 @@ namespace vlmProd {
 ///
 /// The first step of the base setup starts the thread, which then runs until the process ends. All operations
 /// may be called from any thread.
-class VlmReportControl : public kyo::Thread {
+class VlmReportControl : public Worker {
   public:
     using Ship = std::function<void(ShippedReport)>;
 
@@ -35,7 +33,6 @@ class VlmReportControl : public kyo::Thread {
     VlmReportControl();
     /// A control whose reports go to `ship`, called on the control's thread.
     explicit VlmReportControl(Ship ship);
-    ~VlmReportControl() override;
 
     void run() override;
 
@@ -58,22 +55,16 @@ class VlmReportControl : public kyo::Thread {
     /// Stops the thread and destroys this object.
     void releaseVlmReportControl();
 
-    /// Ships what is queued now: one round of the thread.
-    void drainOnce();
+    /// Ships the queued collections. Returns false when the stop flag is set.
+    bool drainOnce() override;
     /// 24 for each queued collection.
     unsigned int queued() { return m_collections.size(); }
-    bool isRunning() const { return m_running; }
 
   private:
     std::map<std::string, std::shared_ptr<VlmReport>> reports() const;
 
     const Ship m_ship;
     ConcurrentQueue<SignalCollection> m_collections;
-    kyo::Mutex m_mutex;  ///< for sleeping and waking only
-    kyo::ThreadCondition m_condition;
-    std::atomic<bool> m_stop{false};
-    std::atomic<bool> m_running{false};
-    std::atomic<bool> m_ended{false};
 
     mutable kyo::Mutex m_configurationMutex;  ///< guards the members below
     std::map<std::string, std::shared_ptr<VlmReport>> m_reportMap;

@@ -12,7 +12,6 @@ namespace vlmProd {
 
 namespace {
 
-constexpr const char* kProcessServiceNames = "void vlmProd::ServiceDiscovery::processServiceNames()";
 constexpr unsigned int kNameWeight = 1;
 constexpr std::chrono::seconds kPause{2};
 
@@ -52,50 +51,49 @@ void ServiceDiscovery::discoverService(std::vector<std::string>& services) {
 }
 
 void ServiceDiscovery::SendWakeupSignal() {
-    const std::lock_guard<kyo::Mutex> lock(m_wakeUpMutex);
+    const SleepLock lock = lockSleep();
     VLM_LOG(5, "Waking up Service discovery Thread to process the serviceName");
-    m_wakeUp.broadcast();
+    broadcast();
 }
 
 void ServiceDiscovery::stopServiceDiscoveryThread() {
     m_stop = true;
-    const std::lock_guard<kyo::Mutex> lock(m_wakeUpMutex);
+    const SleepLock lock = lockSleep();
     VLM_LOG(5, "Waking up Service discovery Thread to process the serviceName and exit.");
-    m_wakeUp.broadcast();
+    broadcast();
 }
 
 void ServiceDiscovery::run() {
+    const Running running(*this);
     VLM_LOG(7, "ServiceDiscovery thread starting up");
     VLM_LOG(7, "Starting to read from queue");
     while (!m_stop) {
         if (m_names.size() != 0) {
-            processServiceNames();
+            drainOnce();
         } else {
-            const std::lock_guard<kyo::Mutex> lock(m_wakeUpMutex);
+            const SleepLock lock = lockSleep();
             VLM_LOG(7, "Conditional wait because There is nothing to discover services.");
-            m_wakeUp.wait(m_wakeUpMutex);
+            sleepUntilWoken();
         }
     }
 }
 
 void ServiceDiscovery::processServiceNames() {
-    while (processNextName()) {
+    std::string name;
+    while (m_names.take(&name)) {
+        VLM_LOG(5, "Processing the service name " << name);
+        if (m_findService(name)) {
+            VLM_LOG(5, "Successfully discovered the service " << name);
+        } else {
+            push(name);
+        }
+        m_pause(kPause);
     }
 }
 
-bool ServiceDiscovery::processNextName() {
-    std::string name;
-    if (!m_names.take(&name)) {
-        return false;
-    }
-    VLM_LOG_AS(5, kProcessServiceNames, "Processing the service name " << name);
-    if (m_findService(name)) {
-        VLM_LOG_AS(5, kProcessServiceNames, "Successfully discovered the service " << name);
-    } else {
-        push(name);
-    }
-    m_pause(kPause);
-    return true;
+bool ServiceDiscovery::drainOnce() {
+    processServiceNames();
+    return !m_stop;
 }
 
 }  // namespace vlmProd

@@ -1,14 +1,11 @@
 #pragma once
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "base/ConcurrentQueue.h"
-#include "kyo/Mutex.h"
-#include "kyo/Thread.h"
-#include "kyo/ThreadCondition.h"
+#include "base/Worker.h"
 
 namespace vlmProd {
 
@@ -18,7 +15,7 @@ namespace vlmProd {
 ///
 /// The base setup creates and starts one, and leaves it to the operating system: its thread waits on the
 /// condition until the process ends. All operations but the thread's own may be called from any thread.
-class ServiceDiscovery : public kyo::Thread {
+class ServiceDiscovery : public Worker {
   public:
     using FindService = std::function<bool(const std::string&)>;
     using Pause = std::function<void(std::chrono::seconds)>;
@@ -43,10 +40,7 @@ class ServiceDiscovery : public kyo::Thread {
 
     /// Tries each queued name, and those that it puts back, until the queue is empty.
     void processServiceNames();
-    /// Takes one name, tries it, and pauses. False when the queue is empty.
-    bool processNextName();
-    /// How many names are queued.
-    unsigned int pending() { return m_names.size(); }
+    bool drainOnce() override;
 
   private:
     void push(std::string name);
@@ -54,9 +48,6 @@ class ServiceDiscovery : public kyo::Thread {
     const FindService m_findService;
     const Pause m_pause;
     ConcurrentQueue<std::string> m_names;
-    std::atomic<bool> m_stop{false};
-    kyo::Mutex m_wakeUpMutex;  ///< for sleeping and waking only
-    kyo::ThreadCondition m_wakeUp;
 };
 
 }  // namespace vlmProd

@@ -103,6 +103,20 @@ TEST_F(Bus, WeighsAMessageThirtyTwoAndLeavesTheRestQueuedWhenItIsStopped) {
     EXPECT_EQ(bus.queued(), 32U) << "the current message is finished first";
 }
 
+TEST(PubSubServiceThread, SleepsOnWhenItIsStoppedAndEndsAtTheNextWakeUp) {
+    LogCapture log;
+    PubSubService bus;
+    bus.start();
+    ASSERT_TRUE(
+        log.waitFor("Going to wait mode in vlm pubsub service thread. There is no messages to process"));
+    bus.stopThread();
+    EXPECT_TRUE(bus.isRunning());
+    Message message;
+    EXPECT_TRUE(eventually([&] { return !bus.isRunning(); }, [&] { bus.addMessageToQueue(message); }));
+    EXPECT_GE(bus.queued(), 32U) << "what woke it stays queued";
+    EXPECT_FALSE(log.has(6, "Read from PubSubService Q"));
+}
+
 // Bus thread, publisher and a late subscription run concurrently. The process's bus is never destroyed.
 TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
     LogCapture log(0);
