@@ -26,13 +26,13 @@ void CounterLog::look(Clock::time_point now) {
     auto counters = kyo::Status::counters();
     std::string changes;
     for (const auto& [name, count] : counters) {
-        const auto before = m_told[name];
+        const auto before = m_logged[name];
         if (count != before && !belongsToLog(name)) {
             changes += (changes.empty() ? "" : ", ") + name + ' ' + std::to_string(count) + " (+" +
                        std::to_string(count - before) + ')';
         }
     }
-    m_told = std::move(counters);
+    m_logged = std::move(counters);
     if (!changes.empty()) {
         VLM_LOG(5, "Counters that changed: " << changes);
     }

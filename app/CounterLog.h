@@ -18,7 +18,7 @@ class CounterLog {
 
   private:
     Clock::time_point m_next{};
-    std::map<std::string, std::uint64_t> m_told;
+    std::map<std::string, std::uint64_t> m_logged;
 };
 
 }  // namespace vlmProd

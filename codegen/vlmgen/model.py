@@ -393,9 +393,9 @@ class _Reader:
                 self._problems.add(node.key_places["writers"], f"event '{name}' has writers but no key")
             first = event.fields[0]
             if first.possible_values() is None:
-                self._problems.add(first.place, f"'{first.name}' tells the instances of the unkeyed event '{name}' "
-                                                "apart: it must be an enumeration or an integer with a range of at "
-                                                f"most {MOST_INSTANCES} values")
+                self._problems.add(first.place, f"'{first.name}' selects the instance of the unkeyed event '{name}': "
+                                                "it must be an enumeration or an integer with a range of at most "
+                                                f"{MOST_INSTANCES} values")
         return event
 
     def _fields(self, service, event_name, node, privacy_group, enumerations):

@@ -82,7 +82,7 @@ class _Converter:
         if isinstance(node, yaml.ScalarNode):
             return Located(_scalar(node), place)
         if node in self._open:
-            self._problems.add(place, "an alias stands inside what it repeats")
+            self._problems.add(place, "an alias is inside the value that it repeats")
             return Located(None, place)
         self._open.append(node)
         result = self._sequence(node, place) if isinstance(node, yaml.SequenceNode) else self._mapping(node, place)

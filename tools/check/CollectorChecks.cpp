@@ -91,8 +91,7 @@ void checkReports(const Place& root, Findings& findings) {
     for (const auto& report : root.member("REPORT").elements()) {
         const std::string name = report.member("name").text();
         if (!name.empty() && !reports.insert(name).second) {
-            findings.error(report.member("name"),
-                           "a report named " + inQuotes(name) + " stands above already",
+            findings.error(report.member("name"), "another report is named " + inQuotes(name),
                            "give each report a name of its own");
         }
         if (report.member("application").text().empty()) {
@@ -184,7 +183,7 @@ void checkCollectors(const Place& root, const CatalogView* catalog, Findings& fi
         const std::string name = collector.member("name").text();
         if (!name.empty() && !pathOfName.emplace(name, collector.path).second) {
             findings.error(collector.member("name"),
-                           "a collector named " + inQuotes(name) + " stands at " + pathOfName[name] +
+                           "a collector named " + inQuotes(name) + " exists at " + pathOfName[name] +
                                " already: the whole configuration is refused",
                            "give each collector a name of its own");
         }

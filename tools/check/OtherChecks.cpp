@@ -19,7 +19,7 @@ void checkInstances(const Place& resource, Findings& findings) {
         return;
     }
     if (instances.value->empty()) {
-        findings.warning(instances, "has no instance: nothing of this resource can be asked for", "");
+        findings.warning(instances, "has no instance: this resource cannot be collected", "");
     }
     std::map<int, std::string> seen;
     for (const auto& id : instances.value->getMemberNames()) {
@@ -60,7 +60,7 @@ void checkInstances(const Place& resource, Findings& findings) {
 void checkApplicationConfiguration(const Document& document, Findings& findings) {
     const Place types = Place::rootOf(document).member("OfferedDataTypes");
     if (types.value->isArray() && types.value->empty()) {
-        findings.warning(types, "is empty: the backend is told of no data type", "name at least one");
+        findings.warning(types, "is empty: no data type is announced to the backend", "name at least one");
     }
     std::set<std::string> seen;
     for (const auto& type : types.elements()) {

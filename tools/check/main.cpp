@@ -93,12 +93,12 @@ std::optional<Document> openCatalog(const std::string& path, std::string& proble
 }
 
 int run(int argc, char** argv) {
-    cxxopts::Options options(
-        "vlm-check",
-        "Tells whether collector configurations, application configurations, signal catalogs "
-        "and machine manifests are good.\nExit status: 0 when all are (warnings allowed), else 1.");
-    options.add_options()("catalog", "signal catalog that names are held against",
-                          cxxopts::value<std::string>(), "FILE")(
+    cxxopts::Options options("vlm-check",
+                             "Checks collector configurations, application configurations, signal catalogs "
+                             "and machine manifests.\n"
+                             "Exit status: 0 when all are good (warnings allowed), else 1.");
+    options.add_options()("catalog", "signal catalog for checking names", cxxopts::value<std::string>(),
+                          "FILE")(
         "kind", "collector, application, catalog or manifest; guessed from the content without it",
         cxxopts::value<std::string>(), "KIND")("json", "findings as a JSON array")("h,help", "this text")(
         "files", "files to check", cxxopts::value<std::vector<std::string>>());
@@ -149,7 +149,7 @@ int run(int argc, char** argv) {
             if (!kind) {
                 result.findings.push_back(
                     {Severity::Error, 1, "$", "looks like none of the known files",
-                     "say what it is with --kind collector|application|catalog|manifest"});
+                     "give its kind with --kind collector|application|catalog|manifest"});
             } else {
                 result.kind = nameOf(*kind);
                 const auto found = checkDocument(document, *kind, catalog ? &*catalog : nullptr);

@@ -45,7 +45,7 @@ bool StateSocket::connect(const std::string& path, std::string& error) {
     }
     const int reason = errno;
     close();
-    error = "nobody answers at " + path + ": " + std::strerror(reason);
+    error = "no process answers at " + path + ": " + std::strerror(reason);
     if (reason == ENOENT || reason == ECONNREFUSED) {
         error += ". Is vlmmaster running, as this user and with this VLM_MACHINE_MANIFEST?";
     } else if (reason == EACCES || reason == EPERM) {

@@ -93,7 +93,7 @@ int main(int argc, char** argv) {
     try {
         cxxopts::Options options("vlm-status", "Prints vlmmaster's status, or follows it as one live line.");
         options.positional_help("[seconds]");
-        options.add_options()("follow", "go on, every second or as many seconds as given")(
+        options.add_options()("follow", "repeat every second, or at the given number of seconds")(
             "json", "the status as JSON")("socket",
                                           "path of the state socket; default: the machine manifest's",
                                           cxxopts::value<std::string>())(

@@ -98,7 +98,7 @@ std::vector<ControlName> makeControls() {
         number("rain", "rain, mm/h", &Controls::rain),
         toggle("tunnel", "in a tunnel: dark, and no satellites", &Controls::tunnel),
         number("friction", "friction of the road; 0.9 is dry, 0.2 is ice", &Controls::friction),
-        number("obstacleDistance", "distance to what the parking sensors see, m; 0 for nothing",
+        number("obstacleDistance", "distance to the obstacle at the parking sensors, m; 0 for none",
                &Controls::obstacleDistance),
         toggle("climate", "air conditioning", &Controls::climate),
         number("climateTarget", "temperature set inside, degC", &Controls::climateTarget),

@@ -368,7 +368,7 @@ bool Vehicle::command(const std::string& line, std::string& error) {
     }
     Fault fault;
     if (!Fault::parse(line, fault, error)) {
-        error += "; \"help\" lists what is possible";
+        error += "; \"help\" lists the commands";
         return false;
     }
     if (!concernsSomething(fault)) {

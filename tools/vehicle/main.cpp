@@ -146,12 +146,12 @@ Arguments readArguments(int argc, char** argv) {
         "Offers vehicle services over SOME/IP and sends their events.\n"
         "Commands on standard input: set CONTROL VALUE, status, quit, and faults; see --list.");
     // clang-format off
-    options.add_options("What is offered")
+    options.add_options("Services")
         ("services", "services to offer, by comma; all of them without it", cxxopts::value<std::vector<std::string>>(), "NAMES")
         ("rate", "how much faster than their natural rates events are sent", cxxopts::value<double>()->default_value("1"), "FACTOR")
         ("period-ms", "one period for all events", cxxopts::value<unsigned>(), "MS")
         ("period", "period of one event; may be repeated", cxxopts::value<std::vector<std::string>>(), "SERVICE.EVENT=MS");
-    options.add_options("What the vehicle does")
+    options.add_options("Drive")
         ("scenario", "story for all services; a plain drive without it", cxxopts::value<std::string>(), "FILE")
         ("gpx", "recorded track for position and speed", cxxopts::value<std::string>(), "FILE")
         ("csv", "recorded samples of an event; may be repeated", cxxopts::value<std::vector<std::string>>(), "SERVICE.EVENT=FILE")

@@ -36,8 +36,8 @@ constexpr std::size_t kBigBatch = 256;
 constexpr auto kGatherTime = milliseconds(1);
 constexpr auto kFlushLimit = milliseconds(600);
 constexpr auto kLetGoLimit = milliseconds(3000);
-constexpr auto kTellPeriod = std::chrono::minutes(1);
-constexpr auto kFirstTellDelay = std::chrono::seconds(1);
+constexpr auto kLogPeriod = std::chrono::minutes(1);
+constexpr auto kFirstLogDelay = std::chrono::seconds(1);
 
 /// The queue, the thread and the sinks of all streams. Created by InitLogging and never destroyed: other
 /// threads log until the process ends. Its thread ends in an exit handler that runs before libdlt's own.
@@ -139,7 +139,7 @@ class Backend {
             if (m_givingUp.load() || (ending && lines == 0 && !pending)) {
                 break;
             }
-            tellDropped();
+            logDropped();
             sleep(lines);
         }
         if (m_dlt != nullptr) {
@@ -169,9 +169,9 @@ class Backend {
             wait[2] = {m_dlt->descriptor(), static_cast<short>(m_dlt->blocked() ? POLLOUT : 0), 0};
             limit = m_dlt->connected() ? milliseconds(-1) : milliseconds(1000);
         }
-        if (m_tellAt != Clock::time_point{}) {
+        if (m_logAt != Clock::time_point{}) {
             const auto left =
-                std::chrono::duration_cast<milliseconds>(m_tellAt - Clock::now()) + milliseconds(1);
+                std::chrono::duration_cast<milliseconds>(m_logAt - Clock::now()) + milliseconds(1);
             limit = limit.count() < 0 ? std::max(left, milliseconds(0))
                                       : std::min(limit, std::max(left, milliseconds(0)));
         }
@@ -194,7 +194,7 @@ class Backend {
         if (!m_dlt->connected()) {
             m_wasConnected = true;
             m_unreadBefore = m_unread.value();
-            KYO_LOG(3, "The DLT daemon is gone; the log goes on without it");
+            KYO_LOG(3, "The DLT daemon is gone; the log continues without it");
         } else if (m_wasConnected) {
             KYO_LOG(3,
                     "The DLT daemon is back; messages that it missed: " << m_unread.value() - m_unreadBefore);
@@ -202,26 +202,26 @@ class Backend {
     }
 
     /// Logs the number of dropped lines, if any, at most once a minute.
-    void tellDropped() {
+    void logDropped() {
         const std::uint64_t console = m_droppedConsole.value();
         const std::uint64_t dlt = m_droppedDlt.value();
-        if (console == m_toldConsole && dlt == m_toldDlt) {
+        if (console == m_loggedConsole && dlt == m_loggedDlt) {
             return;
         }
         const auto now = Clock::now();
-        if (m_tellAt == Clock::time_point{}) {
-            m_tellAt = std::max(now + kFirstTellDelay, m_noTellBefore);
+        if (m_logAt == Clock::time_point{}) {
+            m_logAt = std::max(now + kFirstLogDelay, m_noLogBefore);
         }
-        if (now < m_tellAt) {
+        if (now < m_logAt) {
             return;
         }
         KYO_LOG(3, "Log lines were dropped as their reader could not keep up: "
-                       << console - m_toldConsole << " for the console, " << dlt - m_toldDlt
+                       << console - m_loggedConsole << " for the console, " << dlt - m_loggedDlt
                        << " for the DLT daemon");
-        m_toldConsole = console;
-        m_toldDlt = dlt;
-        m_noTellBefore = now + kTellPeriod;
-        m_tellAt = {};
+        m_loggedConsole = console;
+        m_loggedDlt = dlt;
+        m_noLogBefore = now + kLogPeriod;
+        m_logAt = {};
     }
 
     // Constant after construction.
@@ -243,10 +243,10 @@ class Backend {
     std::unique_ptr<DltSink> m_dlt;
     bool m_wasConnected = false;
     std::uint64_t m_unreadBefore = 0;
-    std::uint64_t m_toldConsole = 0;
-    std::uint64_t m_toldDlt = 0;
-    Clock::time_point m_tellAt{};        ///< when to log the drops; zero: nothing to log
-    Clock::time_point m_noTellBefore{};  ///< not within a minute after the last time
+    std::uint64_t m_loggedConsole = 0;
+    std::uint64_t m_loggedDlt = 0;
+    Clock::time_point m_logAt{};        ///< when to log the drops; zero: nothing to log
+    Clock::time_point m_noLogBefore{};  ///< not within a minute after the last time
 };
 
 std::atomic<Backend*> g_backend{nullptr};

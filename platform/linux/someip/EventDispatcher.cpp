@@ -32,10 +32,10 @@ void EventDispatcher::onDatagram(const Endpoint& from, std::span<const std::uint
     }
     if (messages.malformed() || datagram.empty()) {
         counters().malformed.add();
-        if (const auto untold = m_broken.note(now)) {
+        if (const auto unlogged = m_broken.note(now)) {
             KYO_LOG(5, "A datagram from " << toText(from) << " with " << datagram.size()
-                                          << " bytes is no sequence of messages (" << *untold
-                                          << " more since this was last told)");
+                                          << " bytes is no sequence of messages (" << *unlogged
+                                          << " more since the last such message)");
         }
     }
 }
@@ -70,11 +70,11 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
     }
     if (accepted == nullptr) {
         (rightPeer ? counters().wrongVersion : counters().wrongPeer).add();
-        if (const auto untold = m_strange.note(now)) {
+        if (const auto unlogged = m_strange.note(now)) {
             KYO_LOG(5, "A notification of " << found->second.front().receiver->name() << " is not taken from "
                                             << toText(from) << " with interface version "
-                                            << header.interfaceVersion << " (" << *untold
-                                            << " more since this was last told)");
+                                            << header.interfaceVersion << " (" << *unlogged
+                                            << " more since the last such message)");
         }
         return;
     }

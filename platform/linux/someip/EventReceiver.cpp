@@ -56,10 +56,10 @@ void EventReceiver::deliver(std::span<const std::uint8_t> payload, std::uint16_t
         m_handler(payload, report);
     } catch (const std::exception& failure) {
         counters().handlerFailures.add();
-        tell(m_failed, std::string("A receive handler has failed: ") + failure.what(), from);
+        logLimited(m_failed, std::string("A receive handler has failed: ") + failure.what(), from);
     } catch (...) {
         counters().handlerFailures.add();
-        tell(m_failed, "A receive handler has failed: unknown exception", from);
+        logLimited(m_failed, "A receive handler has failed: unknown exception", from);
     }
     if (report.doubledMembers != 0) {
         counters().doubledMembers.add(report.doubledMembers);
@@ -69,19 +69,21 @@ void EventReceiver::deliver(std::span<const std::uint8_t> payload, std::uint16_t
     }
     const bool truncated = report.result == DecodeResult::Truncated;
     (truncated ? counters().truncated : counters().malformed).add();
-    tell(m_undecodable, truncated ? report.error : "A notification cannot be decoded: " + report.error, from);
+    logLimited(m_undecodable, truncated ? report.error : "A notification cannot be decoded: " + report.error,
+               from);
 }
 
-void EventReceiver::tell(RateLimit& limit, const std::string& what, const Endpoint& from) {
-    std::optional<std::uint64_t> untold;
+void EventReceiver::logLimited(RateLimit& limit, const std::string& what, const Endpoint& from) {
+    std::optional<std::uint64_t> unlogged;
     {
         const std::lock_guard lock(m_limits);
-        untold = limit.note(std::chrono::steady_clock::now());
+        unlogged = limit.note(std::chrono::steady_clock::now());
     }
-    if (untold) {
+    if (unlogged) {
         KYO_LOG(3, what << " (" << m_name << ", from " << toText(from)
-                        << (*untold == 0 ? std::string()
-                                         : ", " + std::to_string(*untold) + " more since this was last told")
+                        << (*unlogged == 0
+                                ? std::string()
+                                : ", " + std::to_string(*unlogged) + " more since the last such message")
                         << ")");
     }
 }

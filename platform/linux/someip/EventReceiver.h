@@ -34,7 +34,7 @@ class EventReceiver {
 
   private:
     void judgeSession(std::uint16_t session) noexcept;
-    void tell(RateLimit& limit, const std::string& what, const Endpoint& from);
+    void logLimited(RateLimit& limit, const std::string& what, const Endpoint& from);
 
     const EventgroupKey m_eventgroup;
     const std::uint16_t m_event;

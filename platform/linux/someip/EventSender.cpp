@@ -74,7 +74,7 @@ bool EventSender::admits(const Endpoint& receiver) const {
     }
 }
 
-void EventSender::tell(const Endpoint& receiver, bool subscribed) {
+void EventSender::notify(const Endpoint& receiver, bool subscribed) {
     const CallGate::Pass pass(m_gate);
     std::shared_ptr<const SubscriptionHandler> handler;
     {

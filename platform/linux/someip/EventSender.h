@@ -36,7 +36,7 @@ class EventSender {
     void setPolicy(SubscriptionPolicy policy);
     bool admits(const Endpoint& receiver) const;
     /// Calls the subscription handler.
-    void tell(const Endpoint& receiver, bool subscribed);
+    void notify(const Endpoint& receiver, bool subscribed);
     /// Neither handler nor policy is called afterwards. Waits for one that is running.
     void close() noexcept;
 

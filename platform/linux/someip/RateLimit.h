@@ -16,20 +16,20 @@ class RateLimit {
     /// Counts one occurrence. If it should be logged, returns the number of occurrences since the last logged
     /// one.
     std::optional<std::uint64_t> note(std::chrono::steady_clock::time_point now) {
-        if (m_told && now - *m_told < m_interval) {
-            ++m_untold;
+        if (m_logged && now - *m_logged < m_interval) {
+            ++m_unlogged;
             return std::nullopt;
         }
-        m_told = now;
-        const auto untold = m_untold;
-        m_untold = 0;
-        return untold;
+        m_logged = now;
+        const auto unlogged = m_unlogged;
+        m_unlogged = 0;
+        return unlogged;
     }
 
   private:
     const std::chrono::steady_clock::duration m_interval;
-    std::optional<std::chrono::steady_clock::time_point> m_told;
-    std::uint64_t m_untold = 0;
+    std::optional<std::chrono::steady_clock::time_point> m_logged;
+    std::uint64_t m_unlogged = 0;
 };
 
 }  // namespace someip

@@ -176,7 +176,7 @@ void Runtime::end(bool sayGoodBye, std::chrono::milliseconds limit) {
         const std::lock_guard lock(m_guard);
         m_leftBehind.push_back(worker);
     }
-    tell(notices, nullptr);
+    notify(notices, nullptr);
 }
 
 void Runtime::setSilent(bool silent) {
@@ -369,13 +369,13 @@ void Runtime::serviceDown(const RemoteService& service, const char* reason) {
 
 void Runtime::subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) {
     m_routesVersion.fetch_add(1);
-    const auto tell = [&](int level, const char* what) {
+    const auto log = [&](int level, const char* what) {
         KYO_LOG(level, "Eventgroup " << hex(eventgroup.eventgroup) << " of service "
                                      << nameOf(eventgroup.service) << what);
     };
     switch (state) {
         case SubscriptionState::Idle:
-            tell(7, ": not subscribed");
+            log(7, ": not subscribed");
             if (m_network != nullptr) {
                 for (auto& [group, users] : m_network->wantedGroups) {
                     users.erase(eventgroup);
@@ -383,15 +383,15 @@ void Runtime::subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionS
             }
             break;
         case SubscriptionState::Requested:
-            tell(7, ": subscription requested");
+            log(7, ": subscription requested");
             break;
         case SubscriptionState::Acknowledged:
             m_refused.erase(eventgroup);
-            tell(5, ": subscribed");
+            log(5, ": subscribed");
             break;
         case SubscriptionState::Refused:
             // The request is repeated, but logged once.
-            tell(m_refused.insert(eventgroup).second ? 3 : 7, ": subscription refused by the service");
+            log(m_refused.insert(eventgroup).second ? 3 : 7, ": subscription refused by the service");
             break;
     }
 }
@@ -447,12 +447,12 @@ void Runtime::peerRebooted(const Endpoint& peer) {
     KYO_LOG(5, "Peer " << toText(peer) << " has rebooted");
 }
 
-void Runtime::tell(std::vector<Notice>& notices, const std::atomic<bool>* stop) {
+void Runtime::notify(std::vector<Notice>& notices, const std::atomic<bool>* stop) {
     for (const Notice& notice : notices) {
         if (stop != nullptr && stop->load(std::memory_order_relaxed)) {
             break;
         }
-        notice.sender->tell(notice.receiver, notice.subscribed);
+        notice.sender->notify(notice.receiver, notice.subscribed);
     }
     notices.clear();
 }
@@ -607,7 +607,7 @@ Clock::time_point Runtime::step(Worker& worker, DatagramBatch& batch,
         deadline = m_network == nullptr ? m_retryAt : m_network->discovery().nextDeadline();
         notices.swap(m_notices);
     }
-    tell(notices, &worker.stop);
+    notify(notices, &worker.stop);
     return deadline;
 }
 
@@ -619,10 +619,10 @@ void Runtime::receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, Datagram
             const Endpoint from = batch.from(i);
             if (!m_network->range().contains(from.address)) {
                 counters().sdForeign.add();
-                if (const auto untold = m_sdForeign.note(now)) {
+                if (const auto unlogged = m_sdForeign.note(now)) {
                     KYO_LOG(3, "Service discovery from " << toText(from) << " is not heard: it is outside of "
-                                                         << m_settings.network << " (" << *untold
-                                                         << " more since this was last told)");
+                                                         << m_settings.network << " (" << *unlogged
+                                                         << " more since the last such message)");
                 }
                 continue;
             }
@@ -630,10 +630,10 @@ void Runtime::receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, Datagram
             std::string error;
             if (!m_network->discovery().onDatagram(from, group, batch.bytes(i), now, error)) {
                 counters().sdMalformed.add();
-                if (const auto untold = m_sdMalformed.note(now)) {
+                if (const auto unlogged = m_sdMalformed.note(now)) {
                     KYO_LOG(3, "Malformed service discovery from " << toText(from) << ": " << error << " ("
-                                                                   << *untold
-                                                                   << " more since this was last told)");
+                                                                   << *unlogged
+                                                                   << " more since the last such message)");
                 }
             }
         }

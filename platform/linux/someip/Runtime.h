@@ -116,7 +116,7 @@ class Runtime final : private SdObserver {
                        EventDispatcher& dispatcher, std::uint64_t& routesSeen);
     static void joinGroups(NetworkAccess& network, const Worker& worker);
     static void countDropped(NetworkAccess::Inlet& inlet, const DatagramBatch& batch);
-    static void tell(std::vector<Notice>& notices, const std::atomic<bool>* stop);
+    static void notify(std::vector<Notice>& notices, const std::atomic<bool>* stop);
 
     std::atomic<bool> m_networkIsUp{false};
     std::atomic<bool> m_silent{false};

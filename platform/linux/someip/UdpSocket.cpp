@@ -76,7 +76,7 @@ std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Optio
     sockaddr_in bound{};
     socklen_t size = sizeof bound;
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
-        return failed("cannot ask for the endpoint of", fd);
+        return failed("cannot get the endpoint of", fd);
     }
     return std::unique_ptr<UdpSocket>(new UdpSocket(fd, fromSystem(bound)));
 }

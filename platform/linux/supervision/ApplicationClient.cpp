@@ -43,7 +43,8 @@ ApplicationClient::~ApplicationClient() = default;
 void ApplicationClient::ReportApplicationState(ApplicationState state) {
     const int sent = ::sd_notify(0, notificationOf(state));
     if (sent < 0) {
-        KYO_LOG(3, "The service manager cannot be told of " << nameOf(state) << ": " << std::strerror(-sent));
+        KYO_LOG(
+            3, "The service manager cannot be notified of " << nameOf(state) << ": " << std::strerror(-sent));
     } else {
         KYO_LOG(7, "Application state "
                        << nameOf(state)

@@ -18,8 +18,8 @@ SupervisionEntity::~SupervisionEntity() = default;
 void SupervisionEntity::CheckpointReached(std::uint16_t supervisionId, std::uint16_t checkpointId) {
     const int sent = ::sd_notify(0, "WATCHDOG=1");
     if (sent < 0) {
-        KYO_LOG(3,
-                "The watchdog cannot be told that " << m_instance << " is alive: " << std::strerror(-sent));
+        KYO_LOG(3, "The watchdog cannot be notified that " << m_instance
+                                                           << " is alive: " << std::strerror(-sent));
     } else {
         KYO_LOG(7, m_instance << " reached checkpoint " << checkpointId << " of supervision " << supervisionId
                               << (sent > 0 ? "" : ", no watchdog"));

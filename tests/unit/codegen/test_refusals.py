@@ -67,7 +67,7 @@ WRONG = [
     ("a doubled eventgroup", "eventId: 0x8002", "eventId: 0x8002, eventgroup: 1", 27,
      "eventgroup 0x0001 is also that of 'flows'"),
     ("an unkeyed event whose first field cannot be enumerated", "cycle: 1000\n    fields:\n", "cycle: 1000\n    fields:"
-     "\n      amount: {type: uint8, meaning: Much.}\n", 30, "'amount' tells the instances of the unkeyed event 'alarms'"),
+     "\n      amount: {type: uint8, meaning: Much.}\n", 30, "'amount' selects the instance of the unkeyed event 'alarms'"),
 ]
 
 

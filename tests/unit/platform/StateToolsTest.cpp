@@ -57,7 +57,7 @@ kyo::Json::Value snapshotOf(const std::string& text) {
 TEST_F(StateTools, PrintTheAnswerAndReportSuccessByTheirExitStatus) {
     for (const std::string tool : {VLM_STATE, VLM_STATUS}) {
         const std::string word = tool == VLM_STATE ? "kOn" : "1";
-        expectOf({tool, word}, 1, "", "nobody answers at " + m_folder.file("s") + ": ");
+        expectOf({tool, word}, 1, "", "no process answers at " + m_folder.file("s") + ": ");
         expectOf({tool, word}, 1, "", "Is vlmmaster running");
     }
     expectOf({VLM_STATUS, "soon"}, 1, "", "seconds are expected");
