@@ -1,5 +1,4 @@
 #pragma once
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,8 +11,8 @@ using timerCallback = std::function<void()>;
 /// Calls a function periodically from a detached thread, on the steady clock.
 ///
 /// The thread shares ownership of everything it uses: the timer may be destroyed or set again at any time.
-/// After a stop the thread makes no further call and ends when its current sleep ends. Any thread may call
-/// the operations; they do not block.
+/// A stop wakes the thread, which ends without a further call. Nobody waits for that, as a call may itself
+/// stop the timer or set it again. Any thread may call the operations; they do not block.
 class Timer {
   public:
     Timer() = default;
@@ -32,12 +31,9 @@ class Timer {
     std::int64_t millisecondsToNextTick() const;
 
   private:
-    struct Loop {
-        std::atomic<bool> clear{false};           ///< true: stopped
-        std::atomic<std::int64_t> nextTickMs{0};  ///< on the steady clock
-    };
+    struct Loop;
 
-    static void tick(const std::shared_ptr<Loop>& loop, const timerCallback& callback, int interval);
+    static void tick(Loop& loop, const timerCallback& callback, int interval);
 
     mutable std::mutex m_mutex;    ///< guards m_loop
     std::shared_ptr<Loop> m_loop;  ///< the current thread's; empty before the first start

@@ -10,7 +10,7 @@ using vlmTest::ScriptedClient;
 
 namespace {
 
-/// One server for all inputs, since each leaves a timer's thread that sleeps for eleven minutes.
+/// One server for all inputs; startAnew() brings it into a known state.
 vlmProd::VlmServer& server() {
     static auto* const instance = [] {
         vlmFuzz::logToNowhere();

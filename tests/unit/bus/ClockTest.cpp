@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 
 #include "bus/EventControl.h"
@@ -31,16 +33,23 @@ TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {
     timer.stopTimer();
 }
 
+std::ptrdiff_t threadCount() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
 // The objects of a tick are released only when the timer's thread has ended: then no tick can follow.
-TEST(Timer, EndsWithoutATickWhenItIsStoppedInItsSleep) {
+TEST(Timer, LeavesNoThreadsAsleepAndMakesNoTickWhenItIsStoppedOrReplaced) {
     const auto ticks = std::make_shared<std::atomic<int>>(0);
-    {
+    const auto before = threadCount();
+    for (int round = 0; round < 100; ++round) {
         Timer timer;
-        timer.setInterval([ticks] { ++*ticks; }, 50);
+        timer.setInterval([ticks] { ++*ticks; }, 3'600'000);
+        timer.setInterval([ticks] { ++*ticks; }, 3'600'000);
         timer.stopTimer();
-        // Destroys the timer before its thread ends.
+        // Destroys the timer before its threads end.
     }
     EXPECT_TRUE(eventually([&] { return ticks.use_count() == 1; }));
+    EXPECT_TRUE(eventually([&] { return threadCount() <= before; }));
     EXPECT_EQ(*ticks, 0);
 }
 
