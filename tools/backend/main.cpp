@@ -1,6 +1,5 @@
 /// vlm-backend: the bench's backend behind an MQTT broker. docs/mqtt.md describes the topics.
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 
 #include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
+#include "kyo/WakeFd.h"
 #include "machine/Manifest.h"
 #include "tools/backend/Backend.h"
 
@@ -129,26 +129,20 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
 /// What the network thread received, for the main thread.
 class Inbox {
   public:
-    Inbox() : m_bell(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    ~Inbox() { ::close(m_bell); }
-    Inbox(const Inbox&) = delete;
-    Inbox& operator=(const Inbox&) = delete;
-
-    int bell() const { return m_bell; }
+    int bell() const { return m_bell.get(); }
     void put(std::string topic, std::string payload) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_messages.emplace_back(std::move(topic), std::move(payload));
-        ::eventfd_write(m_bell, 1);
+        m_bell.wake();
     }
     std::deque<std::pair<std::string, std::string>> takeAll() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        eventfd_t count = 0;
-        ::eventfd_read(m_bell, &count);
+        m_bell.reset();
         return std::exchange(m_messages, {});
     }
 
   private:
-    const int m_bell;
+    const kyo::WakeFd m_bell;
     std::mutex m_mutex;
     std::deque<std::pair<std::string, std::string>> m_messages;  ///< guarded by m_mutex
 };

@@ -4,7 +4,6 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +21,7 @@
 #include <utility>
 
 #include "kyo/Status.h"
+#include "kyo/WakeFd.h"
 
 namespace kyo::orx {
 
@@ -76,12 +76,8 @@ struct MqttConnection::State {
           clientId(std::move(id)),
           subscriptions(std::move(topics)),
           will(std::move(w)),
-          handlers(std::move(h)),
-          wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    ~State() {
-        client.reset();
-        ::close(wakeUp);
-    }
+          handlers(std::move(h)) {}
+    ~State() { client.reset(); }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
@@ -103,7 +99,6 @@ struct MqttConnection::State {
     void onPublish(int messageId, int reason);
     static State& of(void* object) { return *static_cast<State*>(object); }
 
-    void wake() const { ::eventfd_write(wakeUp, 1); }
     std::string broker() const { return settings.host + ':' + std::to_string(settings.port); }
 
     // Set once.
@@ -112,7 +107,7 @@ struct MqttConnection::State {
     const std::vector<std::string> subscriptions;
     const Will will;
     const Handlers handlers;
-    const int wakeUp;  ///< eventfd: something to send, or stopping
+    const WakeFd wakeUp;  ///< something to send, or stopping
 
     mutable std::mutex mutex;
     // Guarded by the mutex; the client is replaced by the network thread only, which may use it without.
@@ -163,7 +158,7 @@ void MqttConnection::start() {
 
 void MqttConnection::stop() {
     m_state->stopping = true;
-    m_state->wake();
+    m_state->wakeUp.wake();
     std::unique_lock<std::mutex> lock(m_state->mutex);
     m_state->ended.wait_until(lock, SteadyClock::now() + kStopLimit, [this] { return !m_state->running; });
 }
@@ -190,7 +185,7 @@ std::int32_t MqttConnection::publish(const std::string& topic, const std::string
             error = mosquitto_strerror(result);
             return kFailed;
         }
-        state.wake();
+        state.wakeUp.wake();
     }
     state.unconfirmedBytes += message.bytes();
     state.unconfirmed.push_back(std::move(message));
@@ -467,14 +462,13 @@ int MqttConnection::State::serve() {
         }
         const bool wantsWrite = mosquitto_want_write(client.get());
         pollfd handles[] = {{socket, static_cast<short>(POLLIN | (wantsWrite ? POLLOUT : 0)), 0},
-                            {wakeUp, POLLIN, 0}};
+                            {wakeUp.get(), POLLIN, 0}};
         const int wait = leaveAt ? 20 : kPollMs;
         if (::poll(handles, 2, wait) < 0 && errno != EINTR) {
             return MOSQ_ERR_ERRNO;
         }
         if ((handles[1].revents & POLLIN) != 0) {
-            eventfd_t count = 0;
-            ::eventfd_read(wakeUp, &count);
+            wakeUp.reset();
         }
         if (handles[0].revents != 0) {
             // Under TLS a packet may wait in the library where poll() does not see it: read until it says
@@ -512,10 +506,9 @@ void MqttConnection::State::waitBeforeReconnect() {
         if (left <= 0) {
             return;
         }
-        pollfd handle{wakeUp, POLLIN, 0};
+        pollfd handle{wakeUp.get(), POLLIN, 0};
         if (::poll(&handle, 1, static_cast<int>(left)) > 0) {
-            eventfd_t count = 0;
-            ::eventfd_read(wakeUp, &count);
+            wakeUp.reset();
         }
     }
 }

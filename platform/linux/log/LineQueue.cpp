@@ -1,11 +1,6 @@
 #include "log/LineQueue.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <ctime>
-#include <system_error>
 
 namespace kyo {
 
@@ -28,15 +23,7 @@ std::int64_t wallClockAheadNs() noexcept {
 }
 
 LineQueue::LineQueue(std::size_t maxLines, std::size_t maxBytes)
-    : m_maxLines(maxLines), m_maxBytes(maxBytes), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_wake < 0) {
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-    }
-}
-
-LineQueue::~LineQueue() {
-    ::close(m_wake);
-}
+    : m_maxLines(maxLines), m_maxBytes(maxBytes) {}
 
 bool LineQueue::push(std::string_view text, std::uint8_t level) noexcept {
     if (t_inPush) {
@@ -83,13 +70,7 @@ bool LineQueue::prepareSleep() {
 
 void LineQueue::finishSleep() {
     m_sleeping.store(false, std::memory_order_relaxed);
-    std::uint64_t count = 0;
-    [[maybe_unused]] const auto got = ::read(m_wake, &count, sizeof count);
-}
-
-void LineQueue::wake() noexcept {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto put = ::write(m_wake, &one, sizeof one);
+    m_wake.reset();
 }
 
 }  // namespace kyo

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "kyo/WakeFd.h"
 #include "log/LineBuffer.h"
 
 namespace kyo {
@@ -19,9 +20,6 @@ class LineQueue {
   public:
     /// Throws std::system_error when the system has no descriptor left.
     LineQueue(std::size_t maxLines, std::size_t maxBytes);
-    ~LineQueue();
-    LineQueue(const LineQueue&) = delete;
-    LineQueue& operator=(const LineQueue&) = delete;
 
     /// Adds the time to the line and queues a copy. Returns false, and the line is lost, when the queue is
     /// full or the calling thread is already inside push() (a signal handler that interrupted it).
@@ -34,16 +32,16 @@ class LineQueue {
     bool prepareSleep();
     /// Consumer: to be called after sleeping; resets the descriptor.
     void finishSleep();
-    int wakeDescriptor() const { return m_wake; }
+    int wakeDescriptor() const { return m_wake.get(); }
     /// Wakes the consumer. Any thread; async-signal-safe.
-    void wake() noexcept;
+    void wake() noexcept { m_wake.wake(); }
 
     std::uint64_t pushed() const noexcept { return m_pushed.load(std::memory_order_acquire); }
 
   private:
     const std::size_t m_maxLines;
     const std::size_t m_maxBytes;
-    int m_wake = -1;
+    const WakeFd m_wake;
 
     std::atomic<bool> m_sleeping{false};
     std::atomic<std::uint64_t> m_pushed{0};

@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,10 +9,10 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <system_error>
 #include <thread>
 
+#include "kyo/WakeFd.h"
 #include "log/PlatformLog.h"
 #include "someip/Counters.h"
 
@@ -50,17 +49,14 @@ ReassemblyLimits limitsOf(const machine::SomeIpSettings& settings) {
 /// The thread from start() to stop(), and the eventfd that wakes it. The thread shares ownership, since it
 /// may outlive the runtime while it is in a handler.
 struct Runtime::Worker {
-    Worker() : epoll(::epoll_create1(EPOLL_CLOEXEC)), wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        watch(wakeUp);
-    }
-    ~Worker() {
-        if (epoll >= 0) {
-            ::close(epoll);
+    /// Throws std::system_error when the system has no descriptor left.
+    Worker() : epoll(::epoll_create1(EPOLL_CLOEXEC)) {
+        if (epoll < 0) {
+            throw std::system_error(errno, std::generic_category(), "epoll");
         }
-        if (wakeUp >= 0) {
-            ::close(wakeUp);
-        }
+        watch(wakeUp.get());
     }
+    ~Worker() { ::close(epoll); }
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
 
@@ -71,22 +67,14 @@ struct Runtime::Worker {
         ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
     }
     void unwatch(int fd) const noexcept { ::epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr); }
-    void wake() const noexcept {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = ::write(wakeUp, &one, sizeof one);
-    }
-    void drain() const noexcept {
-        std::uint64_t count = 0;
-        [[maybe_unused]] const auto taken = ::read(wakeUp, &count, sizeof count);
-    }
     void finished() {
         const std::lock_guard lock(guard);
         done = true;
         ended.notify_all();
     }
 
+    const kyo::WakeFd wakeUp;
     const int epoll;
-    const int wakeUp;
     std::atomic<bool> stop{false};
     std::thread thread;
     ReassemblyLimits limits;
@@ -114,23 +102,20 @@ bool Runtime::start(const machine::SomeIpSettings& settings, bool providesServic
         KYO_LOG(3, "The middleware runs already");
         return false;
     }
-    auto worker = std::make_shared<Worker>();
-    if (worker->epoll < 0 || worker->wakeUp < 0) {
-        KYO_LOG(3, "The middleware cannot be started: " << std::strerror(errno));
-        return false;
-    }
-    worker->limits = limitsOf(settings);
     m_settings = settings;
     m_providesServices = providesServices;
     m_openFailure.clear();
+    std::shared_ptr<Worker> worker;
     try {
+        worker = std::make_shared<Worker>();
+        worker->limits = limitsOf(settings);
         // The new thread waits for the lock before it does anything.
         worker->thread = std::thread([this, worker] {
             work(*worker);
             worker->finished();
         });
     } catch (const std::system_error& failure) {
-        KYO_LOG(3, "The middleware's thread cannot be started: " << failure.what());
+        KYO_LOG(3, "The middleware cannot be started: " << failure.what());
         return false;
     }
     m_worker = std::move(worker);
@@ -160,7 +145,7 @@ void Runtime::end(bool sayGoodBye, std::chrono::milliseconds limit) {
         closeNetwork(sayGoodBye);
         notices.swap(m_notices);
     }
-    worker->wake();
+    worker->wakeUp.wake();
     bool done = false;
     if (worker->thread.get_id() != std::this_thread::get_id()) {
         std::unique_lock lock(worker->guard);
@@ -197,7 +182,7 @@ Endpoint Runtime::eventEndpoint() const {
 
 void Runtime::wake() const {
     if (m_worker != nullptr) {
-        m_worker->wake();
+        m_worker->wakeUp.wake();
     }
 }
 
@@ -531,8 +516,8 @@ void Runtime::work(Worker& worker) {
         bool discovery = false;
         for (int i = 0; i < count; ++i) {
             const int fd = ready[static_cast<std::size_t>(i)].data.fd;
-            if (fd == worker.wakeUp) {
-                worker.drain();
+            if (fd == worker.wakeUp.get()) {
+                worker.wakeUp.reset();
                 discovery = true;
             } else if (network != nullptr && (fd == network->discoveryUnicast.socket->fd() ||
                                               fd == network->discoveryGroup.socket->fd())) {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -61,10 +60,6 @@ StateServer::StateServer(std::string path, StateHandler onState, const StateServ
     try {
         prepareFolder();
         listen();
-        m_wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (m_wake < 0) {
-            fail(errno, "eventfd");
-        }
         sigset_t all;
         sigset_t before;
         ::sigfillset(&all);
@@ -84,7 +79,7 @@ StateServer::StateServer(std::string path, StateHandler onState, const StateServ
 
 StateServer::~StateServer() {
     m_ending.store(true);
-    wake();
+    m_wake.wake();
     m_thread.join();
     closeAll();
 }
@@ -97,9 +92,6 @@ void StateServer::closeAll() {
     if (m_listener >= 0) {
         ::unlink(m_path.c_str());
         ::close(m_listener);
-    }
-    if (m_wake >= 0) {
-        ::close(m_wake);
     }
     if (m_lock >= 0) {
         ::close(m_lock);
@@ -170,11 +162,6 @@ void StateServer::listen() {
     }
 }
 
-void StateServer::wake() noexcept {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto put = ::write(m_wake, &one, sizeof one);
-}
-
 void StateServer::run() {
     ::pthread_setname_np(::pthread_self(), "state");
     std::vector<pollfd> wait;
@@ -183,7 +170,8 @@ void StateServer::run() {
         const auto now = Clock::now();
         const auto next =
             std::min(sweep(now), m_acceptAfter > now ? m_acceptAfter : Clock::time_point::max());
-        wait.assign({pollfd{m_wake, POLLIN, 0}, pollfd{m_acceptAfter > now ? -1 : m_listener, POLLIN, 0}});
+        wait.assign(
+            {pollfd{m_wake.get(), POLLIN, 0}, pollfd{m_acceptAfter > now ? -1 : m_listener, POLLIN, 0}});
         ids.clear();
         {
             const std::lock_guard<std::mutex> lock(m_guard);
@@ -204,8 +192,7 @@ void StateServer::run() {
             continue;
         }
         if (wait[0].revents != 0) {
-            std::uint64_t count = 0;
-            [[maybe_unused]] const auto got = ::read(m_wake, &count, sizeof count);
+            m_wake.reset();
         }
         for (std::size_t i = 0; i < ids.size() && !m_ending.load(); ++i) {
             const short what = wait[i + 2].revents;
@@ -432,7 +419,7 @@ StateServer::Confirmation StateServer::confirm(std::uint32_t requestId, const st
             return Confirmation::RequesterGone;
         }
     }
-    wake();  // the thread sends the rest and closes the client when done
+    m_wake.wake();  // the thread sends the rest and closes the client when done
     return Confirmation::Sent;
 }
 

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "kyo/Json.h"
+#include "kyo/WakeFd.h"
 
 namespace ara::stm {
 
@@ -72,7 +73,6 @@ class StateServer {
     void refuse(std::uint64_t id, const std::string& reason);
     bool makeRoom();
     Clock::time_point sweep(Clock::time_point now);
-    void wake() noexcept;
     bool hasRequest(std::uint64_t client) const;
 
     static void append(Client& client, const kyo::Json::Value& document);
@@ -83,7 +83,7 @@ class StateServer {
     const StateServerLimits m_limits;
     int m_lock = -1;  ///< the lock file, locked while we serve the socket
     int m_listener = -1;
-    int m_wake = -1;
+    const kyo::WakeFd m_wake;
     std::atomic<bool> m_ending{false};
 
     mutable std::mutex m_guard;
