@@ -10,6 +10,7 @@
 #include "qdr/services/obdinformation/datatypes.h"
 #include "qdr/services/powertrain/datatypes.h"
 #include "qdr/services/temperature/datatypes.h"
+#include "someip/Samples.h"
 
 namespace {
 
