@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load soak coverage clean
+.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -28,6 +28,7 @@ help:
 	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run'
 	@echo 'make load      5,000 and 20,000 samples a second over all services, for MINUTES=n each (10)'
 	@echo 'make soak      everything at its natural rate for HOURS=n (1), memory and losses as a plot'
+	@echo 'make mutants   plants faults one at a time: FILES="bus/*.cpp ..." SEED=n MINUTES=n, and lists what no test noticed'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
@@ -88,6 +89,9 @@ load:
 	@$(MAKE) --no-print-directory configure PRESET=$(LOAD_PRESET)
 	cmake --build --preset $(LOAD_PRESET) -j $(JOBS) --target bench_throughput
 	bench/run --build build/$(LOAD_PRESET) --load $(or $(MINUTES),10)
+
+mutants: deps
+	tools/mutants/mutants.py $(if $(FILES),--files $(foreach pattern,$(FILES),'$(pattern)')) --seed $(or $(SEED:0=),1) --minutes $(or $(MINUTES),10)
 
 HOURS ?= 1
 
