@@ -19,10 +19,6 @@
 
 namespace someip {
 
-/// Structures in one payload, at most. An empty structure costs its sender four bytes and the receiver a
-/// whole object, so the size of the datagram does not limit the memory.
-inline constexpr std::size_t kMaxSamplesPerMessage = 16384;
-
 namespace detail {
 
 template <typename T, bool = std::is_enum_v<T>>

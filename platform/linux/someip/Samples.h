@@ -1,6 +1,7 @@
 #pragma once
 /// Converts samples to event payloads and back. The two functions are defined in someip/Codec.h; generated
 /// code instantiates them once per data type, so that receivers and senders need not compile the codec.
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -8,6 +9,10 @@
 #include <vector>
 
 namespace someip {
+
+/// Structures in one payload, at most. An empty structure costs its sender four bytes and the receiver a
+/// whole object, so the size of the datagram does not limit the memory.
+inline constexpr std::size_t kMaxSamplesPerMessage = 16384;
 
 /// Why a payload was refused.
 enum class DecodeResult : std::uint8_t {
