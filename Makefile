@@ -80,7 +80,7 @@ SEED ?= 0
 
 # One at a time, since they also measure times.
 faults: configure
-	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm_catalog_file
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-spool vlm_catalog_file
 	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
 
 LOAD_PRESET ?= release

@@ -177,7 +177,7 @@ void startCollection(const std::string& localFile, const std::string& serverName
     } else {
         auto configurations = std::make_shared<ConfigControlPanel>(
             [](kyo::Json::Value configuration, std::string recordId, std::string recordBody) {
-                ConfigResponseHandler::getInstance()->takeFromBackend(
+                return ConfigResponseHandler::getInstance()->takeFromBackend(
                     std::move(configuration), std::move(recordId), std::move(recordBody));
             });
         VlmDataSubmissionControl::getInstance()->initializeServer(serverName, offeredDataTypes,

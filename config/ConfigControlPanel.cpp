@@ -94,25 +94,28 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
 
     VLM_LOG(5, "Encoded string = " << recordBody);
     kyo::Json::Value configuration;
-    bool good = false;
+    std::string reason;
     try {
         const auto bytes = Botan::base64_decode(recordBody, true);
         const std::string decoded(bytes.begin(), bytes.end());
         VLM_LOG(5, "De-coded string = " << decoded);
         kyo::Json::Reader reader;
-        good = reader.parse(decoded, configuration, false);
-        if (!good) {
-            VLM_LOG(3, "[0].recordBody is not JSON: " << reader.getFormattedErrorMessages());
+        if (!reader.parse(decoded, configuration, false)) {
+            reason = "[0].recordBody is not JSON: " + reader.getFormattedErrorMessages();
         }
     } catch (const std::exception& error) {
-        VLM_LOG(3, "[0].recordBody is not base64: " << error.what());
+        reason = std::string("[0].recordBody is not base64: ") + error.what();
     }
-    if (!good) {
+    if (!reason.empty()) {
         refused.add();
+        VLM_LOG(3, reason);
         VLM_LOG(3, "Can not parse from string to json to get config.");
-        return;
+    } else {
+        reason = m_handler(std::move(configuration), recordId, std::move(recordBody));
     }
-    m_handler(std::move(configuration), std::move(recordId), std::move(recordBody));
+    if (m_outcome) {
+        m_outcome(recordId, reason.empty(), reason);
+    }
 }
 
 }  // namespace vlmProd

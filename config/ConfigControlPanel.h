@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "bus/Timer.h"
 #include "kyo/Json.h"
@@ -19,9 +20,10 @@ namespace vlmProd {
 class ConfigControlPanel : public ConfigurationReceiver,
                            public std::enable_shared_from_this<ConfigControlPanel> {
   public:
-    /// Takes a parsed configuration, with identifier and text of the record that it came in.
-    using ConfigurationHandler =
-        std::function<void(kyo::Json::Value configuration, std::string recordId, std::string recordBody)>;
+    /// Takes a parsed configuration, with identifier and text of the record that it came in. Returns why it
+    /// does not run; an empty text when it does.
+    using ConfigurationHandler = std::function<std::string(kyo::Json::Value configuration,
+                                                           std::string recordId, std::string recordBody)>;
 
     /// Configurations go to `handler`, called on the thread of the answer.
     explicit ConfigControlPanel(ConfigurationHandler handler);
@@ -38,11 +40,13 @@ class ConfigControlPanel : public ConfigurationReceiver,
     /// One answer: an array whose first element has "recordId" and "recordBody", a configuration in base64.
     /// One that cannot be used is logged and configures nothing.
     void ConfigResponseCallback(kyo::Json::Value response) override;
+    void setOutcomeFunction(OutcomeFunction outcome) override { m_outcome = std::move(outcome); }
 
   private:
     std::atomic<bool> m_retryStarted{false};
     const std::shared_ptr<Timer> m_retryTimer;
     const ConfigurationHandler m_handler;
+    OutcomeFunction m_outcome;  ///< set once, before the first answer
 
     kyo::Mutex m_mutex;
     std::function<void()> m_requestFunction;  ///< guarded by m_mutex

@@ -60,8 +60,10 @@ bool ConfigResponseHandler::doBaseSetupFromOrxConfigResponse(Value config, std::
     return setUp([this, &config] { return createConfigParserFromJson(config); });
 }
 
-void ConfigResponseHandler::takeFromBackend(Value config, std::string recordId, std::string recordBody) {
-    doBaseSetupFromOrxConfigResponse(std::move(config), std::move(recordId), std::move(recordBody));
+std::string ConfigResponseHandler::takeFromBackend(Value config, std::string recordId,
+                                                   std::string recordBody) {
+    const bool isGood =
+        doBaseSetupFromOrxConfigResponse(std::move(config), std::move(recordId), std::move(recordBody));
     try {
         startDetached([this] { subscribeResources(); });
     } catch (const std::system_error& error) {
@@ -69,6 +71,7 @@ void ConfigResponseHandler::takeFromBackend(Value config, std::string recordId, 
         failed.add();
         VLM_LOG(3, "No thread to subscribe the resources could be started: " << error.what());
     }
+    return isGood ? "" : "the base setup refused it; the vehicle's log tells why";
 }
 
 // The order matters: the ingress queue runs before any collector exists, the collectors have subscribed to

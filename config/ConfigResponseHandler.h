@@ -47,8 +47,9 @@ class ConfigResponseHandler {
     bool doBaseSetupFromOrxConfigResponse(kyo::Json::Value config, std::string recordId = "",
                                           std::string recordBody = "");
 
-    /// The setup from the backend's configuration, and a thread that subscribes the resources.
-    void takeFromBackend(kyo::Json::Value config, std::string recordId, std::string recordBody);
+    /// The setup from the backend's configuration, and a thread that subscribes the resources. Returns why
+    /// the configuration does not run; an empty text when it does.
+    std::string takeFromBackend(kyo::Json::Value config, std::string recordId, std::string recordBody);
 
     // Steps of the setup, which calls them one after the other.
     bool createConfigParserFromFile(std::string path);

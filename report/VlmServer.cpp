@@ -121,6 +121,10 @@ VlmServer::VlmServer(std::string serverName, std::vector<std::string> offeredDat
     }
     m_client->registerMasterControlCallback(
         [this](kyo::Json::Value message) { handleMasterControlCallBack(std::move(message)); });
+    m_configurations->setOutcomeFunction(
+        [this](const std::string& recordId, bool isAccepted, const std::string& reason) {
+            m_client->ConfigurationAccepted(recordId, isAccepted, reason);
+        });
     m_client->registerConfigResponseCallback([receiver = m_configurations](kyo::Json::Value response) {
         receiver->ConfigResponseCallback(std::move(response));
     });
@@ -129,6 +133,7 @@ VlmServer::VlmServer(std::string serverName, std::vector<std::string> offeredDat
 VlmServer::~VlmServer() {
     m_configurations->stopConfigRequestRetry();
     m_configurations->setRequestFunction(nullptr);
+    m_configurations->setOutcomeFunction(nullptr);
 }
 
 void VlmServer::registerDataDeliveryCallback(DataDeliveryCallback callback) {

@@ -70,5 +70,7 @@ std::int32_t OrxClient::SendOrxData(const Json::Value& envelope) {
 std::int32_t OrxClient::RequestConfiguration() {
     return 0;
 }
+void OrxClient::ConfigurationAccepted(const std::string& /*recordId*/, bool /*isAccepted*/,
+                                      const std::string& /*reason*/) {}
 
 }  // namespace kyo

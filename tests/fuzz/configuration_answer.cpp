@@ -24,6 +24,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         vlmProd::ConfigErrorCode code = vlmProd::ConfigErrorCode::Ok;
         vlmFuzz::require(parser.parseFromJson(configuration, code) || code != vlmProd::ConfigErrorCode::Ok,
                          "what is refused has a code");
+        return std::string();
     });
     Value document;
     Value answer;

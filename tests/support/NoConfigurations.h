@@ -10,6 +10,7 @@ class NoConfigurations : public vlmProd::ConfigurationReceiver {
     void startConfigRequestRetry() override {}
     void stopConfigRequestRetry() override {}
     void ConfigResponseCallback(kyo::Json::Value /*response*/) override {}
+    void setOutcomeFunction(OutcomeFunction /*outcome*/) override {}
 };
 
 }  // namespace vlmTest

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <utility>
 
+#include "backend/Compression.h"
 #include "backend/ConfigurationFile.h"
 #include "backend/Transport.h"
 #include "base/JsonFields.h"
@@ -56,6 +57,10 @@ Backend::Backend(Settings settings, Print print)
     : m_settings(std::move(settings)), m_print(std::move(print)) {}
 
 std::vector<Outgoing> Backend::onMessage(const std::string& topic, const std::string& payload) {
+    if (const auto at = topic.rfind("/data");
+        at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/')) {
+        return onData(topic.substr(0, at), topic.substr(at + 5), payload);
+    }
     Value content;
     kyo::Json::Reader reader;
     if (!reader.parse(payload, content, false) || !content.isObject()) {
@@ -68,10 +73,47 @@ std::vector<Outgoing> Backend::onMessage(const std::string& topic, const std::st
     if (const auto prefix = prefixOf(topic, "/config/request")) {
         return onRequest(*prefix);
     }
-    if (const auto prefix = prefixOf(topic, "/data")) {
-        return onEnvelope(*prefix, content, payload.size());
-    }
     return {};
+}
+
+/// `form`: "", "/zstd", "/plain/17".
+std::vector<Outgoing> Backend::onData(const std::string& prefix, const std::string& form,
+                                      const std::string& payload) {
+    std::istringstream parts(form);
+    std::string encoding;
+    std::string number;
+    std::getline(parts, encoding, '/');
+    std::getline(parts, encoding, '/');
+    std::getline(parts, number);
+    std::string text;
+    std::string error;
+    if (!encoding.empty() && encoding != "plain" && encoding != "zstd") {
+        m_print(prefix + "/data: the encoding \"" + encoding + "\" is not known");
+        return {};
+    }
+    if (!kyo::orx::decompress(encoding == "zstd" ? kyo::orx::Encoding::Zstd : kyo::orx::Encoding::Plain,
+                              payload, text, error)) {
+        m_print(prefix + "/data: " + error);
+        return {};
+    }
+    Value content;
+    kyo::Json::Reader reader;
+    if (!reader.parse(text, content, false) || !content.isObject()) {
+        m_print(prefix +
+                "/data: " + (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
+        return {};
+    }
+    return onEnvelope(prefix, content, payload.size(), number);
+}
+
+bool Backend::import(const std::string& prefix, const std::string& line) {
+    Value content;
+    if (!kyo::Json::Reader().parse(line, content, false) || !content.isObject() ||
+        !member(content, "envelope").isObject()) {
+        return false;
+    }
+    onEnvelope(prefix, content["envelope"], line.size(), compactText(member(content, "spool")));
+    return true;
 }
 
 std::vector<Outgoing> Backend::setOpen(bool open) {
@@ -87,15 +129,18 @@ std::vector<Outgoing> Backend::setOpen(bool open) {
 }
 
 /// Always a whole message, as each one replaces all that the vehicle knew.
-Outgoing Backend::masterControl(const std::string& prefix, const Vehicle& vehicle, int result,
-                                bool newTicket) {
+Outgoing Backend::masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket,
+                                const std::string& messageId) {
     m_ticket += newTicket ? 1 : 0;
     const std::vector<std::string> standard{kyo::orx::kDefaultDataType};
     const auto& permitted = !m_settings.permitted.empty() ? m_settings.permitted
                             : !vehicle.offered.empty()    ? vehicle.offered
                                                           : standard;
-    const Value message = kyo::orx::masterControl("bench-" + std::to_string(m_ticket), permitted,
-                                                  m_settings.open ? 0 : 1, result);
+    Value message = kyo::orx::masterControl("bench-" + std::to_string(m_ticket), permitted,
+                                            m_settings.open ? 0 : 1, result);
+    if (m_settings.namesEnvelopes && !messageId.empty()) {
+        message["messageId"] = messageId;
+    }
     return {prefix + "/mastercontrol", compactText(message), {}, m_settings.open};
 }
 
@@ -128,8 +173,8 @@ std::vector<Outgoing> Backend::onRequest(const std::string& prefix) {
     return {{prefix + "/config/response", compactText(answer), {}, std::nullopt}};
 }
 
-std::vector<Outgoing> Backend::onEnvelope(const std::string& prefix, const Value& envelope,
-                                          std::size_t bytes) {
+std::vector<Outgoing> Backend::onEnvelope(const std::string& prefix, const Value& envelope, std::size_t bytes,
+                                          const std::string& spoolNumber) {
     Vehicle& vehicle = m_vehicles[prefix];
     const std::string id = textOf(member(envelope, "messageId"));
     const bool again =
@@ -165,6 +210,7 @@ std::vector<Outgoing> Backend::onEnvelope(const std::string& prefix, const Value
                        textOf(member(report, "sequenceNumber")) + ": " + std::to_string(collections.size()) +
                        " collections, " + std::to_string(samples) + " samples, " + std::to_string(bytes) +
                        " bytes";
+    line += spoolNumber.empty() ? "" : ", number " + spoolNumber + " of the spool";
     line += again ? ", again" : "";
     line += result == kSilence ? ", no answer" : ", result " + std::to_string(result);
     m_print(line);
@@ -172,7 +218,7 @@ std::vector<Outgoing> Backend::onEnvelope(const std::string& prefix, const Value
     if (result == kSilence) {
         return {};
     }
-    std::vector<Outgoing> out{masterControl(prefix, vehicle, result, false)};
+    std::vector<Outgoing> out{masterControl(prefix, vehicle, result, false, id)};
     out.back().after = m_settings.answerAfter;
     if (result != 0 && m_settings.open) {
         out.push_back(masterControl(prefix, vehicle, 0, true));

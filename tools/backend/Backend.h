@@ -23,6 +23,7 @@ struct Settings {
     std::chrono::milliseconds answerAfter{0};
     std::chrono::milliseconds reopenAfter{1000};  ///< from a result that is not 0 to the opening message
     bool open = true;                             ///< whether the channel is open at the start
+    bool namesEnvelopes = true;                   ///< whether a result says which envelope it belongs to
     std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
 };
@@ -49,10 +50,15 @@ class Backend {
 
     Backend(Settings settings, Print print);
 
-    /// A message on <prefix>/status, <prefix>/config/request or <prefix>/data. What is to be sent in answer.
+    /// A message on <prefix>/status, <prefix>/config/request or <prefix>/data, the last one with what
+    /// MqttConnection::Form puts behind it. What is to be sent in answer.
     std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload);
     /// Opens or closes the channel to all vehicles that are online.
     std::vector<Outgoing> setOpen(bool open);
+
+    /// One line of what `vlm-spool export` writes, as if it had come from that vehicle. False when it is
+    /// none.
+    bool import(const std::string& prefix, const std::string& line);
 
     bool isOpen() const { return m_settings.open; }
     const Totals& totals() const { return m_totals; }
@@ -65,11 +71,14 @@ class Backend {
         std::deque<std::string> recentIds;
     };
 
-    Outgoing masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket);
+    Outgoing masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket,
+                           const std::string& messageId = "");
+    std::vector<Outgoing> onData(const std::string& prefix, const std::string& form,
+                                 const std::string& payload);
     std::vector<Outgoing> onStatus(const std::string& prefix, const kyo::Json::Value& status);
     std::vector<Outgoing> onRequest(const std::string& prefix);
     std::vector<Outgoing> onEnvelope(const std::string& prefix, const kyo::Json::Value& envelope,
-                                     std::size_t bytes);
+                                     std::size_t bytes, const std::string& spoolNumber);
     bool storeEnvelope(const kyo::Json::Value& envelope);
 
     Settings m_settings;

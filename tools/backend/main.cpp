@@ -3,10 +3,13 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <cxxopts.hpp>
 #include <deque>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -40,6 +43,7 @@ void print(const std::string& line) {
 struct Options {
     machine::MqttBackend mqtt;
     std::string prefix;
+    std::string import;
     vlmBackend::Settings backend;
 };
 
@@ -70,6 +74,9 @@ cxxopts::Options describeOptions() {
     add("reopen-after", "milliseconds from a result other than 0 to the opening message",
         cxxopts::value<unsigned>()->default_value("1000"));
     add("closed", "start with a closed channel");
+    add("unnamed", "results do not say which envelope they belong to");
+    add("import", "take the envelopes of that file, which vlm-spool has exported, and end",
+        cxxopts::value<std::string>()->default_value(""));
     add("h,help", "this text");
     return options;
 }
@@ -105,6 +112,8 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
         out.backend.configuration = given["config"].as<std::string>();
         out.backend.store = given["store"].as<std::string>();
         out.backend.open = given.count("closed") == 0;
+        out.backend.namesEnvelopes = given.count("unnamed") == 0;
+        out.import = given["import"].as<std::string>();
         out.backend.answerAfter = milliseconds(given["answer-after"].as<unsigned>());
         out.backend.reopenAfter = milliseconds(given["reopen-after"].as<unsigned>());
         for (const std::string& type : given["types"].as<std::vector<std::string>>()) {
@@ -147,6 +156,27 @@ class Inbox {
     std::deque<std::pair<std::string, std::string>> m_messages;  ///< guarded by m_mutex
 };
 
+/// What vlm-spool has exported. The exit status.
+int importFile(const Options& options) {
+    std::ifstream file(options.import);
+    if (!file) {
+        std::cerr << "vlm-backend: " << options.import << ": " << std::strerror(errno) << '\n';
+        return 1;
+    }
+    vlmBackend::Backend backend(options.backend, print);
+    std::size_t number = 0;
+    for (std::string line; std::getline(file, line);) {
+        ++number;
+        if (!backend.import(options.prefix, line)) {
+            std::cerr << "vlm-backend: " << options.import << ':' << number << ": no exported envelope\n";
+            return 1;
+        }
+    }
+    print(std::to_string(backend.totals().envelopes) + " envelopes, " +
+          std::to_string(backend.totals().repeated) + " of them again");
+    return 0;
+}
+
 /// The main thread: signals, commands, messages, and answers that are due later.
 class Program {
   public:
@@ -154,7 +184,8 @@ class Program {
         : m_backend(options.backend, print),
           m_connection(
               options.mqtt, "vlm-backend-" + std::to_string(::getpid()),
-              {options.prefix + "/status", options.prefix + "/config/request", options.prefix + "/data"}, {},
+              {options.prefix + "/status", options.prefix + "/config/request", options.prefix + "/data/#"},
+              {},
               {[] {},
                [this](const std::string& topic, std::string payload, bool retained) {
                    // Only a presence may be older than the connection.
@@ -263,6 +294,9 @@ int main(int argc, char** argv) try {
     const auto options = readOptions(argc, argv, status);
     if (!options) {
         return status;
+    }
+    if (!options->import.empty()) {
+        return importFile(*options);
     }
     // Before the network thread is made, so that it has them blocked too.
     sigset_t signals;

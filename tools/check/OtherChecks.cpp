@@ -151,6 +151,16 @@ void checkManifest(const Document& document, Findings& findings) {
     if (!tls.password.empty() && tls.user.empty()) {
         findings.warning(mqtt.member("password"), "is not used without a user", "add \"user\"");
     }
+    const Place backendPlace = root.member("backend");
+    if (manifest.backend.spool && manifest.backend.transport != "mqtt") {
+        findings.warning(backendPlace.member("spool"),
+                         "is not used: the folder backend keeps envelopes by itself",
+                         "add \"transport\": \"mqtt\"");
+    }
+    if (backendPlace.has("remember") && !manifest.backend.spool) {
+        findings.warning(backendPlace.member("remember"), "is not used without a spool, where it is kept",
+                         "add \"spool\"");
+    }
     const auto& discovery = manifest.someip.discovery;
     if (discovery.cyclicOfferMs >= discovery.ttlSeconds * std::uint64_t{1000}) {
         findings.warning(root.member("someip").member("discovery"),

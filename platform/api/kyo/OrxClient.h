@@ -42,6 +42,11 @@ class OrxClient {
     /// Requests the collection configuration from the backend; the answer comes by callback.
     std::int32_t RequestConfiguration();
 
+    /// Tells whether the application runs a configuration that came by callback, and why not. The platform
+    /// may keep an accepted one for a start without the backend. May be called from inside the callback;
+    /// blocks for a flush to disk at most.
+    void ConfigurationAccepted(const std::string& recordId, bool isAccepted, const std::string& reason);
+
   private:
     class Implementation;
     std::unique_ptr<Implementation> m_implementation;

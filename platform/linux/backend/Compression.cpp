@@ -34,6 +34,10 @@ std::string Compressor::compress(std::string_view text) {
     return out;
 }
 
+std::unique_ptr<Compressor> makeCompressor(const machine::Compression& settings) {
+    return settings.method == "zstd" ? std::make_unique<Compressor>(settings.level) : nullptr;
+}
+
 bool decompress(Encoding encoding, std::string_view payload, std::string& text, std::string& error,
                 std::size_t limit) {
     text.clear();

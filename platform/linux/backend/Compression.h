@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "machine/Manifest.h"
+
 namespace kyo::orx {
 
 /// How the text of an envelope is written, on disk and on the wire.
@@ -32,6 +34,9 @@ class Compressor {
     struct Context;
     const std::unique_ptr<Context> m_context;
 };
+
+/// As the manifest says; none for plain text.
+std::unique_ptr<Compressor> makeCompressor(const machine::Compression& settings);
 
 /// The text of an untrusted payload. The length that a frame claims is compared with `limit` before any
 /// memory is taken for it. False with the reason in `error`.

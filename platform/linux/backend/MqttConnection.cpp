@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <list>
 #include <mutex>
@@ -58,10 +59,47 @@ struct Unconfirmed {
     bool retain;
     MqttConnection::Kind kind;
     int messageId;  ///< of the current connection; 0 before it was sent there
+    MqttConnection::Form form;
 
     /// The largest that its packet can be: fixed header, lengths, identifier and properties beside the texts.
-    std::size_t bytes() const { return topic.size() + payload.size() + 16; }
+    std::size_t bytes() const {
+        const std::size_t told = form.encoding.size() + form.spoolNumber.size() + form.contentType.size();
+        return topic.size() + payload.size() + 16 + (told == 0 ? 0 : told + 32);
+    }
 };
+
+constexpr const char* kEncodingProperty = "encoding";
+constexpr const char* kSpoolProperty = "spool";
+constexpr std::size_t kLongestForm = 64;
+
+/// What stands behind the topic of a message of that form with MQTT 3.1.1.
+std::string suffixOf(const std::string& encoding, const std::string& spoolNumber) {
+    return (encoding.empty() ? "" : '/' + encoding) + (spoolNumber.empty() ? "" : '/' + spoolNumber);
+}
+
+/// The same, from the properties of a message that came.
+std::string suffixOf(const mosquitto_property* properties) {
+    std::string encoding;
+    std::string spoolNumber;
+    char* name = nullptr;
+    char* value = nullptr;
+    bool isFurther = false;
+    while ((properties = mosquitto_property_read_string_pair(properties, MQTT_PROP_USER_PROPERTY, &name,
+                                                             &value, isFurther)) != nullptr) {
+        if (name != nullptr && value != nullptr && std::strlen(value) <= kLongestForm) {
+            if (std::strcmp(name, kEncodingProperty) == 0) {
+                encoding = value;
+            } else if (std::strcmp(name, kSpoolProperty) == 0) {
+                spoolNumber = value;
+            }
+        }
+        std::free(name);
+        std::free(value);
+        name = value = nullptr;
+        isFurther = true;
+    }
+    return suffixOf(encoding, spoolNumber);
+}
 
 struct ClientDeleter {
     void operator()(mosquitto* client) const { mosquitto_destroy(client); }
@@ -89,6 +127,7 @@ struct MqttConnection::State {
     void waitBeforeReconnect();
     void tellDown(const std::string& cause);
     void giveUpLargest();
+    void loseWhatWasForThisConnection();
     void sendUnconfirmed();
     int hand(Unconfirmed& message);
     void settle(const std::vector<Unconfirmed>& messages, int reason);
@@ -115,6 +154,7 @@ struct MqttConnection::State {
     std::list<Unconfirmed> unconfirmed;
     std::size_t unconfirmedBytes = 0;
     std::size_t largestPacket = 0;  ///< the broker's limit; 0: none known
+    std::size_t receiveMaximum = 1;
     bool connected = false;
     bool running = false;
     std::condition_variable ended;
@@ -163,11 +203,20 @@ void MqttConnection::stop() {
     m_state->ended.wait_until(lock, SteadyClock::now() + kStopLimit, [this] { return !m_state->running; });
 }
 
+std::size_t MqttConnection::receiveMaximum() const {
+    const std::lock_guard<std::mutex> lock(m_state->mutex);
+    return m_state->receiveMaximum;
+}
+
 std::int32_t MqttConnection::publish(const std::string& topic, const std::string& payload, bool retain,
-                                     Kind kind, std::string& error) {
+                                     Kind kind, std::string& error, Form form) {
     State& state = *m_state;
-    Unconfirmed message{topic, payload, retain, kind, 0};
+    Unconfirmed message{topic, payload, retain, kind, 0, std::move(form)};
     const std::lock_guard<std::mutex> lock(state.mutex);
+    if (!state.connected && message.form.isForOneConnection) {
+        error = "no connection to the broker";
+        return kNotConnected;
+    }
     if (state.largestPacket != 0 && message.bytes() > state.largestPacket) {
         error = std::to_string(payload.size()) + " bytes do not fit into the broker's largest packet of " +
                 std::to_string(state.largestPacket);
@@ -263,16 +312,16 @@ bool MqttConnection::State::makeClient(std::string& error) {
         raw, [](mosquitto*, void* object, int messageId, int reason, const mosquitto_property*) {
             of(object).onPublish(messageId, reason);
         });
-    mosquitto_message_v5_callback_set(
-        raw, [](mosquitto*, void* object, const mosquitto_message* message, const mosquitto_property*) {
-            State& state = of(object);
-            if (!state.stopping) {
-                state.handlers.message(message->topic,
-                                       std::string(static_cast<const char*>(message->payload),
-                                                   static_cast<std::size_t>(message->payloadlen)),
-                                       message->retain);
-            }
-        });
+    mosquitto_message_v5_callback_set(raw, [](mosquitto*, void* object, const mosquitto_message* message,
+                                              const mosquitto_property* properties) {
+        State& state = of(object);
+        if (!state.stopping) {
+            state.handlers.message(message->topic + suffixOf(properties),
+                                   std::string(static_cast<const char*>(message->payload),
+                                               static_cast<std::size_t>(message->payloadlen)),
+                                   message->retain);
+        }
+    });
     mosquitto_subscribe_v5_callback_set(raw, [](mosquitto*, void* object, int, int count, const int* granted,
                                                 const mosquitto_property*) {
         State& state = of(object);
@@ -306,6 +355,8 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     }
     std::uint32_t limit = 0;
     mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &limit, false);
+    std::uint16_t atOnce = 0;
+    mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &atOnce, false);
     if (everConnected) {
         reconnects.add();
     }
@@ -321,6 +372,7 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     {
         const std::lock_guard<std::mutex> lock(mutex);
         largestPacket = limit;
+        receiveMaximum = atOnce == 0 ? 0xFFFF : atOnce;
         connected = true;
     }
     sendUnconfirmed();
@@ -333,9 +385,25 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
 /// unconfirmed is sent on the next one. The mutex must be held.
 int MqttConnection::State::hand(Unconfirmed& message) {
     message.messageId = 0;
-    const int result = mosquitto_publish(client.get(), &message.messageId, message.topic.c_str(),
-                                         static_cast<int>(message.payload.size()), message.payload.data(),
-                                         kQos, message.retain);
+    const MqttConnection::Form& form = message.form;
+    const bool isTold = protocol == MQTT_PROTOCOL_V5;
+    mosquitto_property* properties = nullptr;
+    if (isTold && !form.contentType.empty()) {
+        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, form.contentType.c_str());
+    }
+    if (isTold && !form.encoding.empty()) {
+        mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, kEncodingProperty,
+                                           form.encoding.c_str());
+    }
+    if (isTold && !form.spoolNumber.empty()) {
+        mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, kSpoolProperty,
+                                           form.spoolNumber.c_str());
+    }
+    const std::string topic = message.topic + (isTold ? "" : suffixOf(form.encoding, form.spoolNumber));
+    const int result = mosquitto_publish_v5(client.get(), &message.messageId, topic.c_str(),
+                                            static_cast<int>(message.payload.size()), message.payload.data(),
+                                            kQos, message.retain, properties);
+    mosquitto_property_free_all(&properties);
     return result == MOSQ_ERR_NO_CONN ? MOSQ_ERR_SUCCESS : result;
 }
 
@@ -364,8 +432,13 @@ void MqttConnection::State::sendUnconfirmed() {
 
 void MqttConnection::State::settle(const std::vector<Unconfirmed>& messages, int reason) {
     for (const Unconfirmed& message : messages) {
-        if (!stopping) {
+        if (stopping) {
+            continue;
+        }
+        if (!message.form.isForOneConnection) {
             handlers.settled(message.kind, reason);
+        } else if (handlers.settledOnce) {
+            handlers.settledOnce(message.form.tag, reason);
         }
     }
 }
@@ -426,6 +499,23 @@ void MqttConnection::State::giveUpLargest() {
                             broker() + " refuses its size");
     }
     settle(unfit, MQTT_RC_PACKET_TOO_LARGE);
+}
+
+void MqttConnection::State::loseWhatWasForThisConnection() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (auto at = unconfirmed.begin(); at != unconfirmed.end();) {
+            if (at->form.isForOneConnection) {
+                unconfirmedBytes -= at->bytes();
+                at = unconfirmed.erase(at);
+            } else {
+                ++at;
+            }
+        }
+    }
+    if (handlers.lost && !stopping) {
+        handlers.lost();
+    }
 }
 
 int MqttConnection::State::connectOnce() {
@@ -543,6 +633,7 @@ void MqttConnection::State::run() {
         if (tooLarge) {
             giveUpLargest();
         }
+        loseWhatWasForThisConnection();
         waitBeforeReconnect();
     }
     const std::lock_guard<std::mutex> lock(mutex);

@@ -26,11 +26,26 @@ class MqttConnection {
     struct Handlers {
         /// The connection stands and the subscriptions are asked for.
         std::function<void()> connected;
+        /// A message with a Form has it in its topic, as with 3.1.1, however it was told.
         std::function<void(const std::string& topic, std::string payload, bool retained)> message;
         /// The broker answered a published message: an MQTT 5 reason code, see taken().
         std::function<void(Kind kind, int reason)> settled;
         /// A line for the log: level 3 for troubles, 5 for progress.
         std::function<void(int level, const std::string& text)> say;
+        /// As settled(), for a message that was for one connection only.
+        std::function<void(std::uint64_t tag, int reason)> settledOnce = {};
+        /// The connection is gone, and with it what was for it only.
+        std::function<void()> lost = {};
+    };
+
+    /// What a message is, told by properties with MQTT 5 and by the topic with 3.1.1:
+    /// <topic>/<encoding>/<number>.
+    struct Form {
+        std::string contentType;
+        std::string encoding;             ///< empty: nothing is told
+        std::string spoolNumber;          ///< empty: none
+        bool isForOneConnection = false;  ///< not kept for the next one; settledOnce() gets the tag
+        std::uint64_t tag = 0;
     };
 
     struct Will {
@@ -46,6 +61,7 @@ class MqttConnection {
     static constexpr std::int32_t kTooLarge = -1001;   ///< beyond what the broker takes
     static constexpr std::int32_t kQueueFull = -1002;  ///< too much is unconfirmed already
     static constexpr std::int32_t kFailed = -1003;     ///< libmosquitto refused it
+    static constexpr std::int32_t kNotConnected = -1004;
 
     /// `will` may have an empty topic: none. Nothing happens before start().
     MqttConnection(machine::MqttBackend settings, std::string clientId,
@@ -65,7 +81,15 @@ class MqttConnection {
     /// 0 when the message was sent or is kept for the broker's return. `error` gets the cause otherwise.
     /// Any thread; does not block on the network.
     std::int32_t publish(const std::string& topic, const std::string& payload, bool retain, Kind kind,
-                         std::string& error);
+                         std::string& error) {
+        return publish(topic, payload, retain, kind, error, {});
+    }
+    /// kNotConnected only for a message that is for one connection.
+    std::int32_t publish(const std::string& topic, const std::string& payload, bool retain, Kind kind,
+                         std::string& error, Form form);
+
+    /// How many messages the broker takes before it has confirmed the first. Of the last connection.
+    std::size_t receiveMaximum() const;
 
     /// True when a message of that kind waits for the broker's confirmation.
     bool unconfirmed(Kind kind) const;

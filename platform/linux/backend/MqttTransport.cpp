@@ -24,6 +24,14 @@ std::string clientIdOf(const std::string& prefix) {
     return id;
 }
 
+/// How a message with an envelope says what it is.
+MqttConnection::Form formOf(Encoding encoding) {
+    MqttConnection::Form form;
+    form.contentType = encoding == Encoding::Zstd ? "application/zstd" : "application/json";
+    form.encoding = nameOf(encoding);
+    return form;
+}
+
 void logLine(int level, const std::string& text) {
     KYO_LOG(level, text);
 }
@@ -50,9 +58,12 @@ Json::Value presenceMessage(const Presence& presence, const char* state) {
     return message;
 }
 
-MqttTransport::MqttTransport(machine::MqttBackend settings, Presence presence)
+MqttTransport::MqttTransport(machine::MqttBackend settings, machine::Compression compression,
+                             Presence presence, Hooks hooks)
     : m_presence(std::move(presence)),
       m_prefix(topicPrefix(settings)),
+      m_hooks(std::move(hooks)),
+      m_compressor(makeCompressor(compression)),
       m_patience(kFirstPatience),
       m_connection(settings, clientIdOf(m_prefix),
                    {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
@@ -61,15 +72,20 @@ MqttTransport::MqttTransport(machine::MqttBackend settings, Presence presence)
                     [this](const std::string& topic, const std::string& payload, bool retained) {
                         onMessage(topic, payload, retained);
                     },
-                    [this](int kind, int reason) { onSettled(kind, reason); }, logLine}) {}
+                    [this](int kind, int reason) { onSettled(kind, reason); }, logLine, m_hooks.settled,
+                    m_hooks.lost}) {}
 
 MqttTransport::~MqttTransport() {
+    stop();
+    m_callbacks.stop();
+}
+
+void MqttTransport::stop() {
     std::string error;
     m_connection.publish(m_prefix + "/status",
                          Json::FastWriter().write(presenceMessage(m_presence, "offline")), true, Status_,
                          error);
     m_connection.stop();
-    m_callbacks.stop();
 }
 
 void MqttTransport::start() {
@@ -81,8 +97,17 @@ std::int32_t MqttTransport::send(const Json::Value& envelope) {
     static Counter& sent = Status::counter("orx.sent");
     static Counter& failed = Status::counter("orx.failed");
     std::string error;
+    std::string payload = Json::FastWriter().write(envelope);
+    MqttConnection::Form form;
+    if (m_compressor) {
+        const std::lock_guard<std::mutex> lock(m_compressorMutex);
+        if (std::string compressed = m_compressor->compress(payload); !compressed.empty()) {
+            payload = std::move(compressed);
+            form = formOf(Encoding::Zstd);
+        }
+    }
     const std::int32_t result =
-        m_connection.publish(m_prefix + "/data", Json::FastWriter().write(envelope), false, Data, error);
+        m_connection.publish(m_prefix + "/data", payload, false, Data, error, std::move(form));
     if (result == 0) {
         sent.add();
         return 0;
@@ -115,7 +140,25 @@ std::int32_t MqttTransport::requestConfiguration() {
     return result;
 }
 
+std::int32_t MqttTransport::sendSpooled(const SpooledEnvelope& envelope, std::string& error) {
+    MqttConnection::Form form = formOf(envelope.encoding);
+    form.spoolNumber = std::to_string(envelope.number);
+    form.isForOneConnection = true;
+    form.tag = envelope.number;
+    return m_connection.publish(m_prefix + "/data", envelope.payload, false, Spooled, error, std::move(form));
+}
+
+bool MqttTransport::publishHealth(const Json::Value& health) {
+    std::string error;
+    return !m_connection.unconfirmed(Health) &&
+           m_connection.publish(m_prefix + "/health", Json::FastWriter().write(health), true, Health,
+                                error) == 0;
+}
+
 void MqttTransport::onConnected() {
+    if (m_hooks.connected) {
+        m_hooks.connected(m_connection.receiveMaximum());
+    }
     if (m_connection.unconfirmed(Status_)) {
         return;  // the library sends that one again
     }
@@ -146,9 +189,27 @@ void MqttTransport::onMessage(const std::string& topic, const std::string& paylo
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_lastControl = content;
         }
-        deliverMasterControl(std::move(content));
+        if (m_hooks.masterControl) {
+            m_hooks.masterControl(content);
+        } else {
+            deliverMasterControl(std::move(content));
+        }
+    } else if (topic != m_prefix + "/config/response") {
+        ignored.add();
+        KYO_LOG(3, topic << ": ignored, as nothing is expected there");
+    } else if (m_hooks.configuration) {
+        m_hooks.configuration(std::move(content));
     } else {
-        deliverConfigResponse(std::move(content));
+        bool isNew = false;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            isNew = m_lastConfiguration.answered(content);
+        }
+        if (isNew) {
+            deliverConfigResponse(std::move(content));
+        } else {
+            KYO_LOG(5, topic << ": not passed on, as it says what the last one said");
+        }
     }
 }
 

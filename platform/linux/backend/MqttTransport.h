@@ -1,9 +1,15 @@
 #pragma once
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
+#include "backend/Compression.h"
 #include "backend/MqttConnection.h"
+#include "backend/Remembered.h"
+#include "backend/Spool.h"
+#include "backend/SpoolFile.h"
 #include "backend/Transport.h"
 #include "machine/Manifest.h"
 
@@ -17,7 +23,19 @@ namespace kyo::orx {
 /// can never be delivered: the client repeats an opening message, so that the next one takes its turn.
 class MqttTransport : public Transport {
   public:
-    MqttTransport(machine::MqttBackend settings, Presence presence);
+    /// What a spool between client and broker needs to hear; all on the network thread. Messages of the
+    /// backend then go there and to no callback.
+    struct Hooks {
+        std::function<void(std::size_t receiveMaximum)> connected;
+        std::function<void()> lost;
+        std::function<void(const Json::Value&)> masterControl;
+        std::function<void(Json::Value)> configuration;
+        /// The broker answered an envelope of the spool: an MQTT 5 reason code.
+        std::function<void(std::uint64_t number, int reason)> settled;
+    };
+
+    MqttTransport(machine::MqttBackend settings, machine::Compression compression, Presence presence,
+                  Hooks hooks = {});
     ~MqttTransport() override;
 
     void start() override;
@@ -25,8 +43,15 @@ class MqttTransport : public Transport {
     std::int32_t send(const Json::Value& envelope) override;
     std::int32_t requestConfiguration() override;
 
+    /// Sends an envelope of a spool on this connection, or not at all. MqttConnection's codes, not logged.
+    std::int32_t sendSpooled(const SpooledEnvelope& envelope, std::string& error);
+    /// False when the message before is not confirmed yet.
+    bool publishHealth(const Json::Value& health);
+    /// Ends the connection. No hook is called afterwards.
+    void stop();
+
   private:
-    enum Kind : int { Status_, Request, Data };
+    enum Kind : int { Status_, Request, Data, Spooled, Health };
 
     void onConnected();
     void onMessage(const std::string& topic, const std::string& payload, bool retained);
@@ -37,9 +62,14 @@ class MqttTransport : public Transport {
     // Set once.
     const Presence m_presence;
     const std::string m_prefix;
+    const Hooks m_hooks;
 
-    std::mutex m_mutex;                    ///< guards what follows
-    Json::Value m_lastControl;             ///< the last master-control message
+    std::mutex m_compressorMutex;
+    const std::unique_ptr<Compressor> m_compressor;  ///< guarded by m_compressorMutex; none: plain text
+
+    std::mutex m_mutex;         ///< guards what follows
+    Json::Value m_lastControl;  ///< the last master-control message
+    RememberedConfiguration m_lastConfiguration{{}, Spool::ordinaryDisk(), std::nullopt};
     std::chrono::milliseconds m_patience;  ///< before the next opening after a refused size
 
     MqttConnection m_connection;  ///< last: its thread uses all of the above

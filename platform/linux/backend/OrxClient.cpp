@@ -4,6 +4,8 @@
 
 #include "backend/DirectoryTransport.h"
 #include "backend/MqttTransport.h"
+#include "backend/SpoolTransport.h"
+#include "log/PlatformLog.h"
 #include "machine/Manifest.h"
 
 namespace kyo {
@@ -12,8 +14,14 @@ namespace {
 
 std::unique_ptr<orx::Transport> makeTransport(orx::Presence presence) {
     const machine::BackendSettings& settings = machine::manifest().backend;
+    if (settings.transport == "mqtt" && settings.spool) {
+        return std::make_unique<orx::SpoolTransport>(settings, std::move(presence));
+    }
     if (settings.transport == "mqtt") {
-        return std::make_unique<orx::MqttTransport>(settings.mqtt, std::move(presence));
+        return std::make_unique<orx::MqttTransport>(settings.mqtt, settings.compression, std::move(presence));
+    }
+    if (settings.spool) {
+        KYO_LOG(3, "backend.spool is not used: the folder backend keeps envelopes by itself");
     }
     return std::make_unique<orx::DirectoryTransport>(settings.directory, std::move(presence));
 }
@@ -51,6 +59,11 @@ std::int32_t OrxClient::SendOrxData(const Json::Value& envelope) {
 
 std::int32_t OrxClient::RequestConfiguration() {
     return m_implementation->transport->requestConfiguration();
+}
+
+void OrxClient::ConfigurationAccepted(const std::string& recordId, bool isAccepted,
+                                      const std::string& reason) {
+    m_implementation->transport->configurationAccepted(recordId, isAccepted, reason);
 }
 
 }  // namespace kyo

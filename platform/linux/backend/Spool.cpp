@@ -104,13 +104,15 @@ bool readFile(const fs::path& file, std::uint64_t limit, std::string& content) {
     return good;
 }
 
-void eraseNumber(std::deque<Spool::Entry>& entries, std::uint64_t number) {
+bool eraseNumber(std::deque<Spool::Entry>& entries, std::uint64_t number) {
     const auto found =
         std::lower_bound(entries.begin(), entries.end(), number,
                          [](const Spool::Entry& entry, std::uint64_t n) { return entry.number < n; });
     if (found != entries.end() && found->number == number) {
         entries.erase(found);
+        return true;
     }
+    return false;
 }
 
 std::optional<Spool::Entry> firstAbove(const std::deque<Spool::Entry>& entries, std::uint64_t after) {
@@ -344,28 +346,32 @@ Spool::Stored Spool::store(SpooledEnvelope& envelope, std::string& error) {
 }
 
 /// Deletes the file; the highest number stays as a name, so that no other envelope gets it after a restart.
-void Spool::discard(const fs::path& file, std::uint64_t number) {
+/// False when it was not there.
+bool Spool::discard(const fs::path& file, std::uint64_t number) {
     if (number < m_highest) {
-        m_disk.remove(file);
-        return;
+        return m_disk.remove(file) != ENOENT;
     }
     const fs::path marker = m_settings.folder / (paddedNumber(number) + std::string(kLast));
-    if (m_disk.rename(file, marker) != 0) {
-        return;
+    if (const int code = m_disk.rename(file, marker); code != 0) {
+        return code != ENOENT;
     }
     m_disk.truncate(marker);
     if (!m_marker.empty()) {
         m_disk.remove(m_marker);
     }
     m_marker = marker;
+    return true;
 }
 
-void Spool::forget(const Entry& entry) {
-    m_waiting -= m_waiting > 0 ? 1 : 0;
-    m_bytes -= std::min(m_bytes, onDisk(entry.bytes));
+/// `wasThere` false: somebody else may have deleted it, or it was dropped and forgotten before.
+void Spool::forget(const Entry& entry, bool wasThere) {
+    const bool isAhead = eraseNumber(m_ahead, entry.number);
+    const bool isRecent = eraseNumber(m_recent, entry.number);
+    if (wasThere || isAhead || isRecent) {
+        m_waiting -= m_waiting > 0 ? 1 : 0;
+        m_bytes -= std::min(m_bytes, onDisk(entry.bytes));
+    }
     m_onTheirWay.erase(entry.number);
-    eraseNumber(m_ahead, entry.number);
-    eraseNumber(m_recent, entry.number);
 }
 
 bool Spool::makeRoom(std::uint64_t needed) {
@@ -393,8 +399,7 @@ bool Spool::makeRoom(std::uint64_t needed) {
 
 void Spool::dropOne(const Entry& entry) {
     static Counter& dropped = Status::counter("spool.dropped.full");
-    discard(fileOf(m_settings.folder, entry), entry.number);
-    forget(entry);
+    forget(entry, discard(fileOf(m_settings.folder, entry), entry.number));
     dropped.add();
     ++m_dropsNotLogged;
     logDrops();
@@ -420,6 +425,17 @@ bool Spool::dropBad() {
     return true;
 }
 
+std::size_t Spool::purgeBad() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<Entry> entries;
+    list(bad(), [&entries](const Entry& entry) { entries.push_back(entry); });
+    for (const Entry& entry : entries) {
+        discard(fileOf(bad(), entry), entry.number);
+    }
+    m_badBytes = 0;
+    return entries.size();
+}
+
 void Spool::logDrops() {
     const auto now = std::chrono::steady_clock::now();
     if (now >= m_nextDropLog) {
@@ -438,7 +454,7 @@ bool Spool::read(const Entry& entry, SpooledEnvelope& envelope) {
     if (!readFile(file, kLargestFile, content)) {
         const int code = errno;
         if (code == ENOENT) {
-            forget(entry);
+            forget(entry, false);
         } else {
             setAsideLocked(entry, std::string("it cannot be read: ") + std::strerror(code));
         }
@@ -458,8 +474,7 @@ bool Spool::read(const Entry& entry, SpooledEnvelope& envelope) {
 
 void Spool::remove(const Entry& entry) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    discard(fileOf(m_settings.folder, entry), entry.number);
-    forget(entry);
+    forget(entry, discard(fileOf(m_settings.folder, entry), entry.number));
 }
 
 void Spool::setAside(const Entry& entry, const std::string& why) {
@@ -473,8 +488,10 @@ void Spool::setAsideLocked(const Entry& entry, const std::string& why) {
     const fs::path to = fileOf(bad(), entry);
     KYO_LOG(3, from.string() << " moves to bad/: " << why);
     setAside.add();
-    forget(entry);
-    if (m_disk.makeFolder(bad()) == 0 && m_disk.rename(from, to) == 0) {
+    int code = m_disk.makeFolder(bad());
+    code = code == 0 ? m_disk.rename(from, to) : code;
+    forget(entry, code != ENOENT);
+    if (code == 0) {
         struct stat now {};
         m_badBytes += ::stat(to.c_str(), &now) == 0 ? onDisk(static_cast<std::uint64_t>(now.st_size)) : 0;
     }
@@ -499,8 +516,7 @@ void Spool::dropOld(std::int64_t nowMs) {
     std::uint64_t count = 0;
     for (auto oldest = oldestLocked(); oldest && m_oldestMs > 0 && nowMs - m_oldestMs > limit;
          oldest = oldestLocked()) {
-        discard(fileOf(m_settings.folder, *oldest), oldest->number);
-        forget(*oldest);
+        forget(*oldest, discard(fileOf(m_settings.folder, *oldest), oldest->number));
         dropped.add();
         ++count;
     }

@@ -71,6 +71,8 @@ class Spool {
     void remove(const Entry& entry);
     /// Moves one to bad/, counts it and logs why.
     void setAside(const Entry& entry, const std::string& why);
+    /// Deletes what is in bad/. Returns how many files that were.
+    std::size_t purgeBad();
     /// One that is on its way is dropped for room only if nothing else is left.
     void setOnItsWay(std::uint64_t number, bool isOnItsWay);
     /// Drops what is older than the limit, at that wall-clock time. An envelope of the future has no age.
@@ -100,8 +102,8 @@ class Spool {
     bool makeRoom(std::uint64_t needed);
     bool dropBad();
     void dropOne(const Entry& entry);
-    void forget(const Entry& entry);
-    void discard(const std::filesystem::path& file, std::uint64_t number);
+    void forget(const Entry& entry, bool wasThere);
+    bool discard(const std::filesystem::path& file, std::uint64_t number);
     void setAsideLocked(const Entry& entry, const std::string& why);
     void logDrops();
     std::filesystem::path bad() const { return m_settings.folder / "bad"; }

@@ -38,6 +38,9 @@ class Transport {
     virtual void start() = 0;
     virtual std::int32_t send(const Json::Value& envelope) = 0;
     virtual std::int32_t requestConfiguration() = 0;
+    /// What the application made of a configuration that was passed on.
+    virtual void configurationAccepted(const std::string& /*recordId*/, bool /*isAccepted*/,
+                                       const std::string& /*reason*/) {}
 
   protected:
     Transport() = default;

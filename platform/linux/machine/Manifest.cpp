@@ -215,26 +215,62 @@ void readMqtt(Section& section, const Value& value, const std::string& path, Mqt
     }
 }
 
+void readSpool(Section& section, const Value& value, const std::string& path, SpoolBackend& out) {
+    constexpr auto isPath = [](const std::string& text) { return !text.empty(); };
+    constexpr auto isPolicy = [](const std::string& text) { return text == "oldest" || text == "newest"; };
+    section.read(
+        value, path,
+        {{"path", section.checkedText(out.path, isPath, "the path of a folder is expected")},
+         {"maxBytes", section.number(out.maxBytes, 1u << 20, std::uint64_t{1} << 40)},
+         {"maxAgeSeconds", section.number(out.maxAgeSeconds, 0, 3'153'600'000)},
+         {"whenFull", section.checkedText(out.whenFull, isPolicy, "\"oldest\" or \"newest\" is expected")},
+         {"resultTimeoutSeconds", section.number(out.resultTimeoutSeconds, 1, 86'400)},
+         {"window", section.number(out.window, 1, 16)},
+         {"drainJitterSeconds", section.number(out.drainJitterSeconds, 0, 3'600)}});
+}
+
 void readBackend(Section& section, const Value& value, const std::string& path, BackendSettings& out) {
     constexpr auto isTransport = [](const std::string& text) {
         return text == "directory" || text == "mqtt";
     };
     constexpr auto isPath = [](const std::string& text) { return !text.empty(); };
-    section.read(value, path,
-                 {{"transport",
-                   section.checkedText(out.transport, isTransport, "\"directory\" or \"mqtt\" is expected")},
-                  {"directory",
-                   [&](const Value& inner, const std::string& innerPath) {
-                       section.read(
-                           inner, innerPath,
+    constexpr auto isMethod = [](const std::string& text) { return text == "none" || text == "zstd"; };
+    section.read(
+        value, path,
+        {{"transport",
+          section.checkedText(out.transport, isTransport, "\"directory\" or \"mqtt\" is expected")},
+         {"directory",
+          [&](const Value& inner, const std::string& innerPath) {
+              section.read(inner, innerPath,
                            {{"path", section.checkedText(out.directory.path, isPath,
                                                          "the path of a folder is expected")},
                             {"configuration", section.checkedText(out.directory.configuration, isPath,
                                                                   "the path of a file is expected")}});
-                   }},
-                  {"mqtt", [&](const Value& inner, const std::string& innerPath) {
-                       readMqtt(section, inner, innerPath, out.mqtt);
-                   }}});
+          }},
+         {"mqtt", [&](const Value& inner,
+                      const std::string& innerPath) { readMqtt(section, inner, innerPath, out.mqtt); }},
+         {"spool",
+          [&](const Value& inner, const std::string& innerPath) {
+              readSpool(section, inner, innerPath, out.spool.emplace());
+          }},
+         {"compression",
+          [&](const Value& inner, const std::string& innerPath) {
+              section.read(inner, innerPath,
+                           {{"method", section.checkedText(out.compression.method, isMethod,
+                                                           "\"none\" or \"zstd\" is expected")},
+                            {"level", section.number(out.compression.level, 1, 19)}});
+          }},
+         {"remember", [&](const Value& inner, const std::string& innerPath) {
+              section.read(inner, innerPath,
+                           {{"afterSeconds", [&](const Value& seconds, const std::string& at) {
+                                 if (seconds.isNull()) {
+                                     out.remember.afterSeconds.reset();
+                                 } else {
+                                     section.number(out.remember.afterSeconds.emplace(), 0, 86'400)(seconds,
+                                                                                                    at);
+                                 }
+                             }}});
+          }}});
 }
 
 /// Ends the process: nothing sensible can be done with settings that nobody meant. Without exit handlers, as

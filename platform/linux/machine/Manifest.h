@@ -3,6 +3,7 @@
 /// VLM_MACHINE_MANIFEST. Every member has a default that works on one machine without a file.
 /// docs/manifest.md describes each key; an unknown key or a wrong type is an error that names it.
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "kyo/Json.h"
@@ -65,10 +66,32 @@ struct MqttBackend {
     std::string keyFile;
 };
 
+struct SpoolBackend {
+    std::string path = "vlm-spool";           ///< folder; made when missing
+    std::uint64_t maxBytes = 512u << 20;      ///< of all that is in it
+    std::uint64_t maxAgeSeconds = 0;          ///< 0: none
+    std::string whenFull = "oldest";          ///< "oldest" or "newest" is dropped
+    std::uint32_t resultTimeoutSeconds = 60;  ///< without a result by then an envelope is sent again
+    std::uint32_t window = 16;                ///< most envelopes on their way at a time
+    std::uint32_t drainJitterSeconds = 5;     ///< longest random wait before a backlog is sent
+};
+
+struct Compression {
+    std::string method = "none";  ///< "none" or "zstd"
+    int level = 3;
+};
+
+struct RememberBackend {
+    std::optional<std::uint32_t> afterSeconds = 30;  ///< none: never
+};
+
 struct BackendSettings {
     std::string transport = "directory";  ///< "directory" or "mqtt"
     DirectoryBackend directory;
     MqttBackend mqtt;
+    std::optional<SpoolBackend> spool;  ///< none: what waits for the broker waits in memory
+    Compression compression;
+    RememberBackend remember;  ///< without a spool nothing is remembered
 };
 
 struct Manifest {

@@ -38,8 +38,9 @@ TEST(MinimalPlatform, BringsASampleOfItsVehicleIntoAnEnvelope) {
     Vehicle::instance().offer(gnss::kInterface);
     auto& setup = *ConfigResponseHandler::getInstance();
     auto& submission = *VlmDataSubmissionControl::getInstance();
-    submission.initializeServer("MinimalCatalog", {"VlmReport"},
-                                std::make_shared<ConfigControlPanel>([](auto&&...) {}));
+    submission.initializeServer(
+        "MinimalCatalog", {"VlmReport"},
+        std::make_shared<ConfigControlPanel>([](auto&&...) { return std::string(); }));
     submission.start();
     kyo::Json::Value configuration;
     ASSERT_TRUE(kyo::Json::Reader().parse(kConfiguration, configuration));

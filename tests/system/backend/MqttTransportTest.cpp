@@ -79,7 +79,7 @@ class Observer {
 class Vehicle : public vlmTest::TransportClient {
   public:
     explicit Vehicle(const machine::MqttBackend& settings)
-        : m_transport(std::make_unique<MqttTransport>(settings,
+        : m_transport(std::make_unique<MqttTransport>(settings, machine::Compression{},
                                                       kyo::orx::Presence{"Catalog 1", {"TypeA", "TypeB"}})) {
         listenTo(*m_transport);
         m_transport->start();

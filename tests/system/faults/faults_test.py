@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Faults around a vehicle computer: peers that die, stall or refuse, a bad network, a wrong clock, a full disk.
 
-The environment is that of tests/support/processes.py, and VLM_BACKEND, VLM_SOURCE. VLM_FAULT_ROUNDS tells how often
+The environment is that of tests/support/processes.py, and VLM_BACKEND, VLM_SPOOL, VLM_SOURCE. VLM_FAULT_ROUNDS tells how often
 each fault is made (a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster
 clock, as nothing ticks faster than once a minute.
 """
@@ -24,6 +24,7 @@ from relay import Relay  # noqa: E402
 
 SOURCE = Path(os.environ["VLM_SOURCE"])
 BACKEND = os.environ["VLM_BACKEND"]
+SPOOL = os.environ["VLM_SPOOL"]
 CONFIGURATION = str(SOURCE / "examples/collector.json")
 APPLICATION = str(SOURCE / "examples/application.json")
 ROUNDS = int(os.environ.get("VLM_FAULT_ROUNDS", "0"))
@@ -288,6 +289,91 @@ class BrokerFaults(FaultTest):
         self.told["connected again"] = self.master.count("orx.reconnects")
         self.check_each_report_is_accounted_for()
         self.finish()
+
+
+class SpoolFaults(FaultTest):
+    """The process is killed while envelopes are written, wait, are sent and are deleted."""
+
+    def setUp(self):
+        super().setUp()
+        self.need("mosquitto")
+        self.broker_port = free_tcp_port()
+        self.store = os.path.join(self.folder, "store.jsonl")
+        self.spool = os.path.join(self.folder, "spool")
+        self.log = os.path.join(self.folder, "log.txt")
+        Path(self.folder, "mosquitto.conf").write_text(f"listener {self.broker_port} 127.0.0.1\nallow_anonymous true\n")
+        self.start_broker()
+        self.start_vehicle()
+        self.start_peer("backend", BACKEND, "--port", str(self.broker_port), "--prefix", "vlm/faults",
+                        "--config", CONFIGURATION, "--store", self.store)
+
+    def start_broker(self):
+        self.broker = self.start_peer("broker", program("mosquitto"), "-c", os.path.join(self.folder, "mosquitto.conf"))
+
+    def start_process(self):
+        mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "reconnectMaxSeconds": 5}
+        self.start_master(log={"maxLevel": 5, "console": False, "file": self.log, "fileLevel": 5},
+                          backend={"transport": "mqtt", "mqtt": mqtt, "compression": {"method": "zstd"},
+                                   "spool": {"path": self.spool, "drainJitterSeconds": 0},
+                                   "remember": {"afterSeconds": 0}})
+
+    def confirmed(self):
+        """What the application was told that it is taken over, as far as the log got to its file."""
+        ids, last = set(), None
+        for line in Path(self.log).read_text(errors="replace").splitlines():
+            if "create UniqueMessageId: " in line:
+                last = line.rsplit(" ", 1)[1]
+            elif "Send vlm Data State: SUCCESS" in line and last:
+                ids.add(last)
+        return ids
+
+    def waiting(self):
+        lines = subprocess.run([SPOOL, "list", self.spool], check=True, capture_output=True, text=True).stdout.splitlines()
+        return {line.rsplit(" ", 1)[1] for line in lines[:-1]}
+
+    def arrivals(self):
+        try:
+            return [json.loads(line) for line in Path(self.store).read_text().splitlines(True) if line.endswith("\n")]
+        except OSError:
+            return []
+
+    def kill_process(self):
+        """With what can be said at that moment: what has arrived and is deleted never comes again."""
+        self.random_pause(4)
+        self.master.kill()
+        before = self.arrivals()
+        gone = {envelope["messageId"] for envelope in before} - self.waiting()
+        self.gone.append((len(before), gone))
+        self.told["kills"] = self.told.get("kills", 0) + 1
+
+    def test_killed_at_random_moments_it_loses_nothing_that_it_has_confirmed(self):
+        self.gone = []
+        self.start_process()
+        self.wait_for_all_services()
+        wait_until(lambda: self.arrivals(), "a first report", 60)
+        for _ in range(ROUNDS or 2):
+            self.kill(self.broker)
+            self.kill_process()
+            self.start_process()
+            self.kill_process()
+            self.start_broker()
+            self.start_process()
+            self.kill_process()
+            self.start_process()
+        self.master.wait_for_count("clock.ticks", 1, 60)
+        confirmed = self.confirmed()
+        wait_until(lambda: confirmed <= {envelope["messageId"] for envelope in self.arrivals()},
+                   lambda: f"what was confirmed; {self.status()}", 60)
+        arrivals = self.arrivals()
+        names = {}
+        for envelope in arrivals:
+            names.setdefault(envelope["orxClientDataReport"], set()).add(envelope["messageId"])
+        self.assertEqual([ids for ids in names.values() if len(ids) != 1], [])
+        again = len(arrivals) - len({envelope["messageId"] for envelope in arrivals})
+        for count, gone in self.gone:
+            self.assertEqual({e["messageId"] for e in arrivals[count:]} & gone, set(), "came again after its deletion")
+        self.told.update({"confirmed": len(confirmed), "arrived": len(arrivals), "of them again": again})
+        self.assertGreater(len(confirmed), 2)
 
 
 class DiskFaults(FaultTest):

@@ -33,10 +33,12 @@ kyo::Json::Value record(const std::string& id, const std::string& body) {
 class ConfigAnswer : public testing::Test {
   protected:
     LogCapture m_log;
+    std::string m_reason;
     std::vector<std::pair<kyo::Json::Value, std::string>> m_handedOver;
     std::shared_ptr<ConfigControlPanel> m_panel = std::make_shared<ConfigControlPanel>(
         [this](kyo::Json::Value configuration, std::string recordId, std::string) {
             m_handedOver.emplace_back(std::move(configuration), std::move(recordId));
+            return m_reason;
         });
 };
 
@@ -54,6 +56,21 @@ TEST_F(ConfigAnswer, HandsTheDecodedConfigurationOnAndNamesReportsAfterTheRecord
     EXPECT_THAT(m_log.messages(5), ElementsAre("Received Config response size = 1",
                                                "ZEPH-50057 Using OrxConfig recordId as CatalogId: record-7",
                                                "Encoded string = " + body, "De-coded string = " + text));
+}
+
+TEST_F(ConfigAnswer, TellsTheClientWhatBecameOfAConfiguration) {
+    std::vector<std::string> outcomes;
+    m_panel->setOutcomeFunction([&](const std::string& id, bool isAccepted, const std::string& reason) {
+        outcomes.push_back(id + (isAccepted ? " runs" : ": " + reason));
+    });
+    m_panel->ConfigResponseCallback(record("a", base64("{}")));
+    m_reason = "not good";
+    m_panel->ConfigResponseCallback(record("b", base64("{}")));
+    m_panel->ConfigResponseCallback(record("c", base64("{")));
+    ASSERT_EQ(outcomes.size(), 3u);
+    EXPECT_EQ(outcomes[0], "a runs");
+    EXPECT_EQ(outcomes[1], "b: not good");
+    EXPECT_EQ(outcomes[2].find("c: [0].recordBody is not JSON: "), 0u) << outcomes[2];
 }
 
 TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {

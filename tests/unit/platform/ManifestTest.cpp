@@ -59,6 +59,13 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
     EXPECT_EQ(manifest.state.socket, "/run/x.sock");
     EXPECT_EQ(manifest.backend.directory.configuration, "c");
     EXPECT_EQ(manifest.backend.mqtt.keyFile, "k");
+    EXPECT_FALSE(manifest.backend.spool);
+    EXPECT_EQ(manifest.backend.remember.afterSeconds, 30u);
+    ASSERT_TRUE(machine::readManifest(
+        parse(R"({"backend": {"spool": {}, "remember": {"afterSeconds": null}}})"), manifest, error))
+        << error;
+    EXPECT_EQ(manifest.backend.spool->maxBytes, 512u << 20);
+    EXPECT_FALSE(manifest.backend.remember.afterSeconds);
 }
 
 TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
@@ -79,6 +86,13 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
          "someip.discovery.initialDelayMinMs: no more than"},
         {R"({"backend": {"transport": "http"}})", "backend.transport: \"directory\" or \"mqtt\""},
         {R"({"backend": {"directory": {"path": ""}}})", "backend.directory.path: the path"},
+        {R"({"backend": {"spool": {"path": ""}}})", "backend.spool.path: the path"},
+        {R"({"backend": {"spool": {"whenFull": "never"}}})",
+         "backend.spool.whenFull: \"oldest\" or \"newest\""},
+        {R"({"backend": {"compression": {"method": "gzip"}}})",
+         "backend.compression.method: \"none\" or \"zstd\""},
+        {R"({"backend": {"remember": {"afterSeconds": -1}}})",
+         "backend.remember.afterSeconds: a number from 0"},
         {R"({"backend": {"mqtt": {"host": ""}}})", "backend.mqtt.host: a host name"},
         {R"({"backend": {"mqtt": {"prefix": "vlm/#"}}})", "backend.mqtt.prefix: a topic"},
         {R"({"backend": {"mqtt": {"reconnectMinSeconds": 60}}})",

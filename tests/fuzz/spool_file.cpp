@@ -1,0 +1,34 @@
+/// A file of the spool. An accepted one is written the same, and its payload can be decompressed or is
+/// refused.
+#include "Fuzzing.h"
+#include "backend/SpoolFile.h"
+
+using vlmFuzz::require;
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    // The first byte chooses whether the checksum is the input's or the right one.
+    vlmFuzz::Input in({data, size});
+    const bool isGiven = (in.byte() & 1) != 0;
+    std::string content = vlmFuzz::textOf(in.rest());
+    kyo::orx::SpooledEnvelope envelope;
+    std::string error;
+    if (!isGiven && content.size() > kyo::orx::kSpoolHeaderBytes) {
+        envelope.messageId = content.substr(0, static_cast<unsigned char>(content[0]) % 64);
+        envelope.payload = content.substr(envelope.messageId.size());
+        envelope.encoding = kyo::orx::Encoding::Zstd;
+        content = writeSpoolFile(envelope);
+        require(readSpoolFile(content, envelope, error), "what is written is read");
+    }
+    if (!readSpoolFile(content, envelope, error)) {
+        require(!error.empty(), "what is refused has a reason");
+        return 0;
+    }
+    require(writeSpoolFile(envelope) == content, "what is read is written the same");
+    std::string text;
+    constexpr std::size_t limit = 1u << 20;
+    if (!decompress(envelope.encoding, envelope.payload, text, error, limit)) {
+        require(!error.empty(), "a payload that is refused has a reason");
+    }
+    require(text.size() <= limit, "no text is longer than its limit");
+    return 0;
+}

@@ -1,0 +1,265 @@
+/// The spool against a real broker: outages, restarts, both forms on the wire, what the application sees.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Processes.h"
+#include "backend/MqttConnection.h"
+#include "backend/SpoolTransport.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TransportClient.h"
+#include "tools/backend/Backend.h"
+
+namespace {
+
+using kyo::orx::masterControl;
+using kyo::orx::MqttConnection;
+using kyo::orx::SpoolDisk;
+using kyo::orx::SpoolTransport;
+using vlmTest::Broker;
+using vlmTest::envelope;
+using vlmTest::eventually;
+using vlmTest::TemporaryFolder;
+
+std::string text(const kyo::Json::Value& value) {
+    return kyo::Json::FastWriter().write(value);
+}
+
+/// A backend that stores what comes, and answers as its script says.
+class Backend {
+  public:
+    explicit Backend(const machine::MqttBackend& settings, vlmBackend::Settings script = {})
+        : m_backend(std::move(script), [](const std::string&) {}),
+          m_connection(
+              settings, "backend", {"test/vehicle/status", "test/vehicle/data/#", "test/vehicle/health"}, {},
+              {[this] { m_connected = true; },
+               [this](const std::string& topic, const std::string& payload, bool) { take(topic, payload); },
+               [](int, int) {}, [](int, const std::string&) {}}) {
+        m_connection.start();
+        EXPECT_TRUE(eventually([this] { return m_connected.load(); }));
+    }
+    void say(const kyo::Json::Value& control) {
+        std::string error;
+        EXPECT_EQ(m_connection.publish("test/vehicle/mastercontrol", text(control), false, 0, error), 0)
+            << error;
+    }
+    std::vector<std::string> topics() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_topics;
+    }
+    std::size_t payloadBytes() const { return m_payloadBytes; }
+    void stop() { m_connection.stop(); }
+
+  private:
+    void take(const std::string& topic, const std::string& payload) {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (topic.find("/data") != std::string::npos) {
+                m_topics.push_back(topic);
+                m_payloadBytes += payload.size();
+            }
+        }
+        for (const auto& answer : m_backend.onMessage(topic, payload)) {
+            std::string error;
+            m_connection.publish(answer.topic, answer.payload, false, 0, error);
+        }
+    }
+    std::atomic<bool> m_connected{false};
+    std::atomic<std::size_t> m_payloadBytes{0};
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_topics;
+    vlmBackend::Backend m_backend;
+    MqttConnection m_connection;
+};
+
+class Vehicle : public vlmTest::TransportClient {
+  public:
+    explicit Vehicle(const machine::BackendSettings& settings,
+                     SpoolDisk& disk = kyo::orx::Spool::ordinaryDisk())
+        : m_transport(
+              std::make_unique<SpoolTransport>(settings, kyo::orx::Presence{"Catalog 1", {"TypeA"}}, disk)) {
+        listenTo(*m_transport);
+        m_transport->start();
+    }
+    SpoolTransport& transport() { return *m_transport; }
+    void send(int from, int to, std::size_t size = 100) {
+        for (int i = from; i <= to; ++i) {
+            const std::size_t before = controls().size();
+            EXPECT_EQ(m_transport->send(envelope(std::to_string(i), size)), 0);
+            EXPECT_TRUE(awaitControls(before + 1)) << "no answer for " << i;
+        }
+    }
+
+  private:
+    std::unique_ptr<SpoolTransport> m_transport;
+};
+
+class SpoolBackendTest : public testing::Test {
+  protected:
+    SpoolBackendTest() {
+        m_settings.transport = "mqtt";
+        m_settings.mqtt.port = m_port;
+        m_settings.mqtt.prefix = "test/vehicle";
+        m_settings.mqtt.reconnectMaxSeconds = 1;
+        m_settings.spool.emplace().path = m_folder.file("spool");
+        m_settings.spool->drainJitterSeconds = 0;
+    }
+    std::set<std::string> stored() const {
+        std::ifstream file(m_folder.file("store"));
+        std::set<std::string> ids;
+        for (std::string line; std::getline(file, line);) {
+            kyo::Json::Value content;
+            EXPECT_TRUE(kyo::Json::Reader().parse(line, content));
+            ids.insert(content["messageId"].asString());
+        }
+        return ids;
+    }
+    vlmBackend::Settings script(std::vector<int> results = {0}) const {
+        vlmBackend::Settings settings;
+        settings.store = m_folder.file("store");
+        settings.results = std::move(results);
+        return settings;
+    }
+    std::uint64_t waiting() const {
+        std::uint64_t count = 0;
+        kyo::orx::Spool::list(m_folder.file("spool"), [&count](const auto&) { ++count; });
+        return count;
+    }
+
+    TemporaryFolder m_folder;
+    vlmTest::LogCapture m_log;
+    const std::uint16_t m_port = vlmTest::freePort();
+    machine::BackendSettings m_settings;
+};
+
+TEST_F(SpoolBackendTest, WaitsForAFirstOpeningThenOutlivesBrokerAndProcess) {
+    {
+        Vehicle vehicle(m_settings);
+        EXPECT_TRUE(vehicle.controls().empty());
+        {
+            Broker broker(m_port);
+            Backend backend(m_settings.mqtt, script());
+            ASSERT_TRUE(vehicle.awaitControls(1));
+            EXPECT_EQ(vehicle.controls()[0]["permittedDataType"][0], "TypeA");
+            vehicle.send(1, 3);
+            EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
+            EXPECT_EQ(stored(), (std::set<std::string>{"1", "2", "3"}));
+        }
+        vehicle.send(4, 30);  // without a broker, and yet each is answered
+        EXPECT_EQ(waiting(), 27u);
+    }
+    m_settings.compression.method = "zstd";
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(vehicle.awaitControls(1));  // from memory
+    vehicle.send(31, 40, 20000);
+    Broker broker(m_port);
+    Backend backend(m_settings.mqtt, script());
+    EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
+    EXPECT_EQ(stored().size(), 40u);
+    const auto topics = backend.topics();
+    EXPECT_EQ(topics.front(), "test/vehicle/data/plain/4");
+    EXPECT_EQ(topics.back(), "test/vehicle/data/zstd/40");
+    EXPECT_LT(backend.payloadBytes(), 10000u);
+}
+
+TEST_F(SpoolBackendTest, KeepsResultsAndClosuresToItselfButPassesAWithdrawnPermissionOn) {
+    Broker broker(m_port);
+    Backend backend(m_settings.mqtt, script({1, 2, 0}));
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    vehicle.send(1, 2);
+    EXPECT_EQ(vehicle.controls().size(), 3u);
+    for (const auto& control : vehicle.controls()) {
+        EXPECT_EQ(control["backendChannelControl"], 0);
+        EXPECT_EQ(control["dataDeliveryResult"], 0);
+    }
+    EXPECT_TRUE(eventually([&] { return backend.topics().size() == 1; }));
+    backend.say(masterControl("t", {"TypeA"}, 0, 0));
+    EXPECT_TRUE(eventually([&] { return backend.topics().size() >= 2; }));
+    backend.say(masterControl("t", {"TypeA"}, 0, 0));
+    EXPECT_TRUE(eventually([&] {
+        backend.say(masterControl("t", {"TypeA"}, 0, 0));
+        return waiting() == 0;
+    }));
+    EXPECT_EQ(vehicle.controls().size(), 3u);
+    backend.say(masterControl("t", {}, 0, 0));
+    ASSERT_TRUE(vehicle.awaitControls(4));
+    EXPECT_TRUE(vehicle.controls()[3]["permittedDataType"].empty());
+    EXPECT_EQ(stored(), (std::set<std::string>{"1", "2"}));
+}
+
+TEST_F(SpoolBackendTest, MovesWhatTheBrokerNeverTakesAsideAndSendsTheOthers) {
+    Broker broker(m_port, "allow_anonymous true\nmax_packet_size 50000\n");
+    Backend backend(m_settings.mqtt, script());
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    vehicle.send(1, 1);
+    vehicle.send(2, 2, 100000);
+    vehicle.send(3, 3);
+    EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
+    EXPECT_EQ(stored(), (std::set<std::string>{"1", "3"}));
+    EXPECT_TRUE(m_log.waitFor("moves to bad/"));
+}
+
+TEST_F(SpoolBackendTest, AnswersNothingWhileTheDiskTakesNothingAndLosesNothingByIt) {
+    class FullDisk : public SpoolDisk {
+      public:
+        int write(const Path& file, std::string_view content) override {
+            return isFull ? ENOSPC : SpoolDisk::write(file, content);
+        }
+        std::atomic<bool> isFull{false};
+    };
+    FullDisk disk;
+    Broker broker(m_port);
+    Backend backend(m_settings.mqtt, script());
+    Vehicle vehicle(m_settings, disk);
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    disk.isFull = true;
+    EXPECT_EQ(vehicle.transport().send(envelope("1")), 0);
+    EXPECT_TRUE(m_log.waitFor("No space left on device; trying again every second"));
+    EXPECT_EQ(vehicle.transport().send(envelope("2")), -EAGAIN);
+    EXPECT_EQ(vehicle.controls().size(), 1u);
+    disk.isFull = false;
+    ASSERT_TRUE(vehicle.awaitControls(2));
+    vehicle.send(2, 2);
+    EXPECT_TRUE(eventually([&] { return stored().size() == 2; }));
+}
+
+TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
+    kyo::Json::Value record(kyo::Json::arrayValue);
+    record[0]["recordId"] = "trip-7";
+    record[0]["recordBody"] = "e30=";
+    m_settings.remember.afterSeconds = 0;
+    {
+        Broker broker(m_port);
+        Backend backend(m_settings.mqtt, script());
+        Vehicle vehicle(m_settings);
+        ASSERT_TRUE(vehicle.awaitControls(1));
+        EXPECT_EQ(vehicle.transport().requestConfiguration(), 0);
+        std::string error;
+        MqttConnection other(m_settings.mqtt, "other", {}, {},
+                             {[] {}, [](auto&&...) {}, [](int, int) {}, [](int, const std::string&) {}});
+        other.start();
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(other.publish("test/vehicle/config/response", text(record), false, 0, error), 0);
+        }
+        ASSERT_TRUE(vehicle.awaitAnswers(1));
+        EXPECT_TRUE(m_log.waitFor("is the one that was passed on last"));
+        EXPECT_EQ(vehicle.answers().size(), 1u);
+        vehicle.transport().configurationAccepted("trip-7", true, "");
+    }
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    vehicle.transport().requestConfiguration();
+    ASSERT_TRUE(vehicle.awaitAnswers(1));
+    EXPECT_EQ(vehicle.answers()[0], record);
+    EXPECT_TRUE(m_log.waitFor("the remembered one stands in: trip-7"));
+}
+
+}  // namespace

@@ -1,0 +1,320 @@
+/// What is sent from the spool and when, what counts as arrived, and what is remembered: by hand, without a
+/// clock.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "backend/Compression.h"
+#include "backend/Forwarder.h"
+#include "backend/Health.h"
+#include "backend/Remembered.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kyo::orx::BackendControl;
+using kyo::orx::Forwarder;
+using kyo::orx::RememberedConfiguration;
+using kyo::orx::Spool;
+using Numbers = std::vector<std::uint64_t>;
+
+/// A forwarder with a spool of numbers, whose envelopes are named after them.
+class ForwarderTest : public testing::Test {
+  protected:
+    void store(std::uint64_t count) {
+        for (std::uint64_t i = 0; i < count; ++i) {
+            m_waiting[++m_highest] = true;
+        }
+    }
+    /// Sends all that may be sent now.
+    Numbers send() {
+        Numbers sent;
+        while (const auto entry = m_forwarder.next(m_now, m_highest, source())) {
+            m_forwarder.sent(*entry, std::to_string(entry->number), m_now);
+            sent.push_back(entry->number);
+            if (sent.size() > 100) {
+                ADD_FAILURE() << "sends without an end";
+                break;
+            }
+        }
+        return sent;
+    }
+    Forwarder::Source source() {
+        return [this](std::uint64_t after) -> std::optional<Spool::Entry> {
+            const auto found = m_waiting.upper_bound(after);
+            return found == m_waiting.end() ? std::nullopt : std::optional(Spool::Entry{found->first, 1});
+        };
+    }
+    Numbers take(int channel, int result, const std::string& id = "") {
+        Numbers arrived;
+        for (const auto& entry : m_forwarder.take({"t", {"TypeA"}, channel, result, id})) {
+            arrived.push_back(entry.number);
+            m_waiting.erase(entry.number);
+        }
+        return arrived;
+    }
+    void connect(std::size_t receiveMaximum = 100) {
+        m_forwarder.connected(receiveMaximum, m_highest, m_now);
+    }
+
+    Forwarder::TimePoint m_now{1h};
+    std::map<std::uint64_t, bool> m_waiting;
+    std::uint64_t m_highest = 0;
+    Forwarder m_forwarder{{60s, 16}};
+};
+
+TEST_F(ForwarderTest, TakesAnOpeningAsTheResultOfOneConfirmedEnvelopeOfABackendThatNamesNone) {
+    store(3);
+    connect();
+    EXPECT_EQ(send(), Numbers{});  // closed until the backend opens
+    EXPECT_EQ(take(0, 0), Numbers{});
+    EXPECT_EQ(send(), Numbers{1});
+    EXPECT_EQ(take(0, 0), Numbers{});  // the broker has not confirmed it
+    m_forwarder.confirmed(1);
+    EXPECT_EQ(take(0, 0), Numbers{1});
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.confirmed(2);
+    EXPECT_EQ(take(0, 1), Numbers{});
+    EXPECT_EQ(send(), Numbers{});
+    EXPECT_EQ(take(0, 0), Numbers{});
+    EXPECT_EQ(send(), Numbers{2});  // again
+    m_forwarder.confirmed(2);
+    m_forwarder.lost();
+    connect();
+    EXPECT_EQ(take(0, 0), Numbers{});  // the first message of a connection is no result
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.confirmed(2);
+    EXPECT_EQ(take(0, 2), Numbers{});
+    EXPECT_EQ(send(), Numbers{});
+    take(0, 0);
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.confirmed(2);
+    EXPECT_EQ(take(3, 0), Numbers{});  // closed, and open again: nobody knows whether it arrived
+    EXPECT_EQ(take(0, 0), Numbers{});
+    EXPECT_EQ(send(), Numbers{2});
+}
+
+TEST_F(ForwarderTest, WidensItsWindowWhileResultsNameTheirEnvelopes) {
+    store(60);
+    connect(12);
+    take(0, 0);
+    EXPECT_EQ(send(), Numbers{1});
+    EXPECT_EQ(take(0, 0, "1"), Numbers{1});
+    EXPECT_EQ(send(), (Numbers{2, 3}));
+    EXPECT_EQ(take(0, 0, "3"), Numbers{3});
+    EXPECT_EQ(send(), (Numbers{4, 5, 6}));
+    for (const char* id : {"2", "4", "5"}) {
+        take(0, 0, id);
+        send();
+    }
+    EXPECT_EQ(m_forwarder.window(), 12u);  // the broker's Receive Maximum
+    EXPECT_EQ(m_forwarder.onTheirWay(), 12u);
+    EXPECT_EQ(take(0, 0, "nobody's"), Numbers{});
+
+    EXPECT_EQ(take(0, 1, "7"), Numbers{});
+    EXPECT_EQ(send(), Numbers{});
+    m_forwarder.confirmed(8);
+    EXPECT_EQ(take(0, 0), Numbers{});  // an opening, and no result of one that may be on its way
+    EXPECT_EQ(m_forwarder.window(), 1u);
+    for (const char* id : {"6", "8", "9", "10", "11", "12", "13", "14", "15", "16", "17"}) {
+        take(0, 0, id);
+    }
+    EXPECT_EQ(send().front(), 7u);
+    EXPECT_EQ(take(0, 2, "7"), Numbers{});
+    EXPECT_EQ(send(), Numbers{});
+    m_now += 61s;
+    take(0, 0);
+    EXPECT_EQ(send().front(), 7u);
+}
+
+TEST_F(ForwarderTest, SendsAgainAfterATimeOutAndThenBelievesOpeningsAgain) {
+    store(2);
+    connect();
+    take(0, 0);
+    send();
+    take(0, 0, "1");
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.confirmed(2);
+    EXPECT_EQ(take(0, 0), Numbers{});  // this backend names what it means
+    EXPECT_EQ(m_forwarder.wakeAt(m_now), m_now + 60s);
+    m_now += 59s;
+    EXPECT_EQ(send(), Numbers{});
+    m_now += 1s;
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.confirmed(2);
+    EXPECT_EQ(take(0, 0), Numbers{2});  // another backend may be there
+}
+
+TEST_F(ForwarderTest, LetsNewEnvelopesPassEverySecondTimeWhileABacklogDrains) {
+    store(4);
+    connect();
+    store(2);
+    take(0, 0);
+    Numbers order;
+    for (int i = 0; i < 7; ++i) {
+        for (const std::uint64_t number : send()) {
+            order.push_back(number);
+        }
+        if (order.size() < 7 && m_forwarder.onTheirWay() == 1) {
+            m_forwarder.confirmed(order.back());
+            take(0, 0);
+        }
+        if (i == 3) {
+            store(1);
+        }
+    }
+    EXPECT_EQ(order, (Numbers{5, 1, 6, 2, 7, 3, 4}));
+}
+
+TEST_F(ForwarderTest, WaitsBeforeABacklogButNotWithWhatIsNew) {
+    store(2);
+    m_forwarder.connected(100, m_highest, m_now + 5s);
+    take(0, 0);
+    EXPECT_EQ(send(), Numbers{});
+    EXPECT_EQ(m_forwarder.wakeAt(m_now), m_now + 5s);
+    store(1);
+    EXPECT_EQ(send(), Numbers{3});
+    take(0, 0, "3");
+    m_now += 5s;
+    EXPECT_EQ(send(), (Numbers{1, 2}));
+    m_forwarder.lost();
+    connect();
+    take(0, 0);
+    EXPECT_EQ(send(), Numbers{1});  // from the beginning
+    m_forwarder.skip({1, 1});       // was moved aside
+    m_waiting.erase(1);
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.undelivered(2);
+    EXPECT_EQ(send(), Numbers{});
+    take(0, 0);
+    EXPECT_EQ(send(), Numbers{2});
+    m_forwarder.unsent(2);
+    EXPECT_EQ(send(), Numbers{});
+    m_now += 1s;
+    EXPECT_EQ(send(), Numbers{2});
+}
+
+TEST(BackendControlTest, IsRefusedWholeWhenAMemberIsWrong) {
+    const auto read = [](const char* text, BackendControl& control) {
+        kyo::Json::Value message;
+        kyo::Json::Reader().parse(text, message, false);
+        std::string fault;
+        return readBackendControl(message, control, fault) ? "" : fault;
+    };
+    BackendControl control;
+    EXPECT_EQ(read(R"({"eventTicket":"t","permittedDataType":["A"],"backendChannelControl":0,
+                       "dataDeliveryResult":0,"messageId":"m"})",
+                   control),
+              "");
+    EXPECT_TRUE(control.opens());
+    EXPECT_EQ(control.messageId, "m");
+    EXPECT_EQ(read("{}", control = {}), "");
+    EXPECT_FALSE(control.opens());
+    EXPECT_EQ(read("[]", control), "an object is expected");
+    EXPECT_EQ(read(R"({"messageId":7})", control), "\"messageId\": a text is expected");
+    EXPECT_EQ(read(R"({"permittedDataType":["A",1]})", control),
+              "\"permittedDataType\"[1]: a text is expected");
+    EXPECT_EQ(read(R"({"dataDeliveryResult":1e10})", control),
+              "\"dataDeliveryResult\": a 32-bit number is expected");
+}
+
+TEST(CompressionTest, BringsATextBackAndBelievesNoLengthThatIsBeyondItsLimit) {
+    std::string text;
+    for (int i = 0; i < 5000; ++i) {
+        text += "{\"latitude\":" + std::to_string(i * 7919 % 1000) + "}";
+    }
+    kyo::orx::Compressor compressor(3);
+    const std::string payload = compressor.compress(text);
+    EXPECT_LT(payload.size(), text.size() / 3);
+    std::string back;
+    std::string error;
+    EXPECT_TRUE(decompress(kyo::orx::Encoding::Zstd, payload, back, error)) << error;
+    EXPECT_EQ(back, text);
+    EXPECT_FALSE(decompress(kyo::orx::Encoding::Zstd, payload, back, error, text.size() - 1));
+    EXPECT_NE(error.find("more than the limit"), std::string::npos) << error;
+    EXPECT_FALSE(decompress(kyo::orx::Encoding::Zstd, payload.substr(0, payload.size() - 9), back, error));
+    EXPECT_FALSE(decompress(kyo::orx::Encoding::Zstd, "no frame", back, error));
+    EXPECT_FALSE(decompress(kyo::orx::Encoding::Plain, text, back, error, 10));
+    const std::string bomb = compressor.compress(std::string(200u << 20, ' '));
+    EXPECT_FALSE(decompress(kyo::orx::Encoding::Zstd, bomb, back, error));
+}
+
+kyo::Json::Value configuration(const std::string& id, const std::string& body) {
+    kyo::Json::Value answer(kyo::Json::arrayValue);
+    answer[0]["recordId"] = id;
+    answer[0]["recordBody"] = body;
+    return answer;
+}
+
+TEST(RememberedConfigurationTest, StandsInForABackendThatIsSilentAndGoesOnAskingIt) {
+    const vlmTest::TemporaryFolder folder;
+    const RememberedConfiguration::Clock::time_point start{1h};
+    const auto remembering = [&folder](std::optional<std::chrono::seconds> after) {
+        return RememberedConfiguration(folder.path(), Spool::ordinaryDisk(), after);
+    };
+    {
+        auto first = remembering(30s);
+        first.requested(start);
+        EXPECT_FALSE(first.standIn(start + 30s));  // nothing is remembered yet
+        EXPECT_FALSE(first.isToAsk(start + 30s));
+        EXPECT_TRUE(first.answered(kyo::Json::Value(kyo::Json::arrayValue)));
+        EXPECT_TRUE(first.answered(configuration("a", "e30=")));
+        EXPECT_FALSE(first.answered(configuration("a", "e30=")));  // says the same
+        EXPECT_EQ(first.accepted("a"), 0);
+        EXPECT_TRUE(first.answered(configuration("b", "bad")));
+        EXPECT_EQ(first.accepted("a"), 0);  // too late: it is not the last one
+    }
+    {
+        auto second = remembering(30s);
+        EXPECT_FALSE(second.standIn(start));  // nobody has asked
+        second.requested(start);
+        EXPECT_EQ(second.wakeAt(), start + 30s);
+        EXPECT_FALSE(second.standIn(start + 29s));
+        EXPECT_FALSE(second.isToAsk(start + 29s));  // the application does
+        const auto answer = second.standIn(start + 30s);
+        ASSERT_TRUE(answer);
+        EXPECT_EQ((*answer)[0]["recordId"], "a");
+        EXPECT_FALSE(second.standIn(start + 31s));
+        EXPECT_FALSE(second.isToAsk(start + 31s));
+        second.connected();
+        EXPECT_TRUE(second.isToAsk(start + 32s));
+        EXPECT_FALSE(second.isToAsk(start + 33s));
+        EXPECT_TRUE(second.isToAsk(start + 32s + 11min));
+        EXPECT_FALSE(second.answered(configuration("a", "e30=")));  // it runs already
+        EXPECT_FALSE(second.isToAsk(start + 1h));
+        EXPECT_TRUE(second.answered(configuration("a", "e30K")));
+    }
+    auto never = remembering(std::nullopt);
+    never.requested(start);
+    EXPECT_FALSE(never.standIn(start + 24h));
+    auto atOnce = remembering(0s);
+    atOnce.requested(start);
+    EXPECT_TRUE(atOnce.standIn(start));
+}
+
+TEST(HealthTest, IsToldAfterAConfigurationOnceAMinuteAndOtherwiseEveryFive) {
+    using kyo::orx::Health;
+    Health health;
+    Health::Clock::time_point now{1h};
+    EXPECT_TRUE(health.due(now, 1, 2));
+    EXPECT_FALSE(health.due(now + 61s, 5, 6));
+    health.noteConfiguration("a", false, "why");
+    health.noteConfiguration("b", true, "");
+    const auto message = health.due(now + 70s, 3, 4);
+    ASSERT_TRUE(message);
+    EXPECT_EQ((*message)["waitingEnvelopes"].asUInt(), 3u);
+    EXPECT_EQ((*message)["configurations"][0]["state"], "refused");
+    EXPECT_EQ((*message)["configurations"][0]["reason"], "why");
+    EXPECT_EQ((*message)["configurations"][1]["state"], "applied");
+    health.noteConfiguration("a", true, "");
+    EXPECT_FALSE(health.due(now + 80s, 3, 4));
+    EXPECT_TRUE(health.due(now + 131s, 3, 4));
+    EXPECT_FALSE(health.due(now + 131s + 299s, 3, 4));
+    EXPECT_TRUE(health.due(now + 131s + 301s, 3, 4));
+}
+
+}  // namespace
