@@ -1,6 +1,6 @@
 /// Every event of every described service, from a skeleton through real sockets and the service's adapter to
-/// the record that enters the pipeline, and the catalog that offers it. Driven by the descriptions; the law
-/// counts the result.
+/// the record that enters the pipeline, and the catalog that offers it. Driven by the descriptions; the
+/// result must match the required tables.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -22,7 +22,7 @@
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/RecordValue.h"
-#include "tests/unit/bindings/Law.h"
+#include "tests/unit/codegen/Required.h"
 
 namespace vlmProd {
 
@@ -224,24 +224,24 @@ std::vector<Value> recordsOf(EventUnderTest& one) {
     return records;
 }
 
-/// Whether the records have the members that the law counts.
-void expectLawful(const vlmTest::LawfulEvent& lawful, const std::vector<Value>& records) {
+/// Expects the members of the required tables in the records.
+void expectRequired(const vlmTest::RequiredEvent& required, const std::vector<Value>& records) {
     const std::set<std::string> common{"timestamp", "serviceName", "resName", "collectorName", "index"};
     std::set<std::string> added;
     std::set<int> withFields;
     for (const Value& record : records) {
         for (const std::string& name : record.getMemberNames()) {
-            if (common.count(name) == 0 && name != lawful.key) {
+            if (common.count(name) == 0 && name != required.key) {
                 added.insert(name);
                 withFields.insert(record.get("index", -1).asInt());
             }
         }
     }
-    if (lawful.key == "-") {
-        EXPECT_EQ(added, std::set<std::string>(lawful.members.begin(), lawful.members.end()));
+    if (required.key == "-") {
+        EXPECT_EQ(added, std::set<std::string>(required.members.begin(), required.members.end()));
     } else {
-        EXPECT_EQ(added.size(), lawful.memberCount);
-        EXPECT_EQ(withFields, std::set<int>(lawful.writers.begin(), lawful.writers.end()));
+        EXPECT_EQ(added.size(), required.memberCount);
+        EXPECT_EQ(withFields, std::set<int>(required.writers.begin(), required.writers.end()));
     }
 }
 
@@ -263,7 +263,7 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     new ac::com::runtime::Component_singleton(
         true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
     auto made = makeRegisteredAdapters();
-    const auto registry = vlmTest::readLaw("registry");
+    const auto registry = vlmTest::readRequired("registry");
     ASSERT_EQ(made.size(), registry.size());
     for (std::size_t place = 0; place < made.size(); ++place) {
         EXPECT_EQ(made[place].first, registry[place].at(1));
@@ -290,8 +290,8 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     }
     ASSERT_NO_FATAL_FAILURE(connect(adapters, events));
 
-    const auto law = vlmTest::lawfulEvents();
-    EXPECT_EQ(events.size(), law.size());
+    const auto allRequired = vlmTest::requiredEvents();
+    EXPECT_EQ(events.size(), allRequired.size());
     Value catalog;
     std::ifstream file(VLM_CATALOG_FILE);
     ASSERT_TRUE(kyo::Json::Reader().parse(file, catalog));
@@ -307,24 +307,24 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
             record.removeMember("timestamp");
             EXPECT_EQ(compactText(record), compactText(one->cases()[i].record)) << one->cases()[i].what;
         }
-        const auto lawful = std::find_if(law.begin(), law.end(), [&](const auto& row) {
+        const auto required = std::find_if(allRequired.begin(), allRequired.end(), [&](const auto& row) {
             const std::string serviceName =
                 row.registryKey == "-" ? row.adapter.substr(3) + "Proxy" : row.registryKey;
             return serviceName == one->serviceName() && row.event == one->event().name();
         });
-        ASSERT_NE(lawful, law.end());
-        expectLawful(*lawful, records);
-        if (lawful->registryKey != "-") {
+        ASSERT_NE(required, allRequired.end());
+        expectRequired(*required, records);
+        if (required->registryKey != "-") {
             const std::string name = one->serviceName().substr(0, one->serviceName().rfind("Proxy"));
-            expectInCatalog(catalog["services"][name][lawful->event], *one);
+            expectInCatalog(catalog["services"][name][required->event], *one);
             ++registered;
         }
-        for (const auto& row : vlmTest::readLaw("written_fields")) {
-            if (row.at(0) == lawful->adapter && row.at(1) == lawful->event) {
+        for (const auto& row : vlmTest::readRequired("written_fields")) {
+            if (row.at(0) == required->adapter && row.at(1) == required->event) {
                 EXPECT_EQ(one->fieldsOf(std::stoi(row.at(2))), vlmTest::splitText(row.at(3), ' '));
             }
         }
-        if (lawful->event == "additionalRadarInformation") {
+        if (required->event == "additionalRadarInformation") {
             EXPECT_THAT(one->fieldsOf(1), testing::Contains("unvailability")) << "misspelled on purpose";
         }
     }

@@ -14,8 +14,8 @@
 #include "someip/Runtime.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
-#include "tests/unit/someip/Reading.h"
-#include "tests/unit/someip/SdBench.h"
+#include "tests/unit/platform/linux/someip/Reading.h"
+#include "tests/unit/platform/linux/someip/SdBench.h"
 
 namespace vlmTest {
 

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/unit/platform/ChildProcess.h"
 
 namespace vlmTest {
 

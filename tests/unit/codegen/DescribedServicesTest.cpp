@@ -8,7 +8,7 @@
 #include "qdr/services/gnss/datatypes.h"
 #include "qdr/services/registration.h"
 #include "services/Resource.h"
-#include "tests/unit/bindings/Law.h"
+#include "tests/unit/codegen/Required.h"
 
 namespace {
 
@@ -17,9 +17,9 @@ using namespace qdr::services;
 TEST(DescribedServices, EveryDataTypeIsRegisteredWithItsFields) {
     registerAllTypes();
     registerAllTypes();
-    for (const auto& lawful : vlmTest::lawfulEvents()) {
+    for (const auto& required : vlmTest::requiredEvents()) {
         const std::string name =
-            "qdr::services::" + lawful.nameSpace + "::datatypes::DT_" + lawful.event + "_struct";
+            "qdr::services::" + required.nameSpace + "::datatypes::DT_" + required.event + "_struct";
         SCOPED_TRACE(name);
         const auto type = rttr::type::get_by_name(name);
         ASSERT_TRUE(type.is_valid());
@@ -27,11 +27,11 @@ TEST(DescribedServices, EveryDataTypeIsRegisteredWithItsFields) {
         for (const auto& property : type.get_properties()) {
             properties.push_back(property.get_name().to_string());
         }
-        if (lawful.key == "-") {
-            EXPECT_EQ(properties, lawful.members);
+        if (required.key == "-") {
+            EXPECT_EQ(properties, required.members);
         } else {
-            EXPECT_THAT(properties, testing::Contains(lawful.key));
-            EXPECT_GT(properties.size(), lawful.memberCount);
+            EXPECT_THAT(properties, testing::Contains(required.key));
+            EXPECT_GT(properties.size(), required.memberCount);
         }
     }
 }

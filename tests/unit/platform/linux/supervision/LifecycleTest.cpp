@@ -9,7 +9,7 @@
 
 #include "ara/exec/application_client.h"
 #include "ara/phm/supervision.h"
-#include "tests/unit/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <regex>
 
 #include "log/ConsoleSink.h"
-#include "tests/unit/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 
 using testing::HasSubstr;
 using vlmTest::Descriptor;

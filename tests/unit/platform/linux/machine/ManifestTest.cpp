@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/unit/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 
 using machine::Manifest;
 using testing::AllOf;

@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "tests/unit/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 
 using vlmTest::linesOf;
 using vlmTest::readFile;

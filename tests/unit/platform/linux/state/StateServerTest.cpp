@@ -15,8 +15,8 @@
 #include <system_error>
 
 #include "kyo/Status.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
-#include "tests/unit/platform/ChildProcess.h"
 
 using ara::stm::StateServer;
 using ara::stm::StateServerLimits;

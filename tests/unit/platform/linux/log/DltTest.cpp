@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "log/DltSink.h"
-#include "tests/unit/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

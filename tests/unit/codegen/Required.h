@@ -1,5 +1,6 @@
 #pragma once
-/// The tables of the law (tests/unit/bindings/law), read for tests.
+/// Reads the tables in required/: what every event of every service must have, independent of its
+/// description.
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -19,9 +20,9 @@ inline std::vector<std::string> splitText(const std::string& text, char separato
     return parts;
 }
 
-struct LawfulEvent {
+struct RequiredEvent {
     std::string adapter;
-    std::string registryKey;  ///< "-" where the registry never makes the adapter
+    std::string registryKey;  ///< "-" if the registry does not create the adapter
     std::string nameSpace;
     std::string event;
     std::string key;                   ///< "-" for an unkeyed event
@@ -30,8 +31,8 @@ struct LawfulEvent {
     std::vector<std::string> members;  ///< unkeyed: all, in order
 };
 
-inline std::vector<std::vector<std::string>> readLaw(const std::string& table) {
-    const std::string path = std::string(VLM_LAW_DIR) + "/" + table + ".psv";
+inline std::vector<std::vector<std::string>> readRequired(const std::string& table) {
+    const std::string path = std::string(VLM_REQUIRED_DIR) + "/" + table + ".psv";
     std::ifstream file(path);
     if (!file) {
         throw std::runtime_error("cannot read " + path);
@@ -45,10 +46,10 @@ inline std::vector<std::vector<std::string>> readLaw(const std::string& table) {
     return rows;
 }
 
-inline std::vector<LawfulEvent> lawfulEvents() {
-    std::vector<LawfulEvent> events;
-    for (const auto& row : readLaw("events")) {
-        LawfulEvent event{row.at(0), row.at(1), row.at(2), row.at(3), row.at(4), {}, 0, {}};
+inline std::vector<RequiredEvent> requiredEvents() {
+    std::vector<RequiredEvent> events;
+    for (const auto& row : readRequired("events")) {
+        RequiredEvent event{row.at(0), row.at(1), row.at(2), row.at(3), row.at(4), {}, 0, {}};
         if (event.key == "-") {
             event.members = splitText(row.at(6), ' ');
         } else {

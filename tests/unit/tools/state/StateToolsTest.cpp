@@ -7,7 +7,7 @@
 
 #include "kyo/Status.h"
 #include "state/StateServer.h"
-#include "tests/unit/platform/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tools/state/StatusText.h"
 
 using testing::HasSubstr;
