@@ -3,19 +3,36 @@
 
 The environment is that of tests/support/processes.py.
 """
+import base64
+import contextlib
 import json
 import os
+import re
+import resource
+import shutil
 import signal
+import socket
+import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
+from datetime import datetime
+from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import CATALOG, STOP_LIMIT, Vlmmaster  # noqa: E402
+from processes import (CATALOG, STOP_LIMIT, Vehicle, Vlmmaster, faster_clock, free_tcp_port, free_udp_port,  # noqa: E402
+                       merged, wait_until)
 
 MAIN = " int main(int, char**) "
+BROKER = shutil.which("mosquitto", path=os.environ["PATH"] + ":/usr/sbin")
 STATE = (" main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)> ")
+
+
+def pattern_of(row):
+    """In the rows of these tests # is a number and … any text."""
+    return re.escape(row).replace(r"\#", r"\d+").replace("…", ".*")
 
 
 class ProcessTest(unittest.TestCase):
@@ -38,15 +55,32 @@ class ProcessTest(unittest.TestCase):
 
     def start(self, *arguments, **options):
         folder = tempfile.mkdtemp(dir=self.folder)
+        log = os.path.join(folder, "log")
+        options["manifest"] = merged({"log": {"file": log, "fileMaxBytes": 100_000_000}}, options.get("manifest", {}))
         master = Vlmmaster(arguments, folder, **options)
+        master.log = Path(log)
         self.addCleanup(master.kill)
         return master
 
-    def assert_in_order(self, lines, expected):
+    @staticmethod
+    def times(master, text):
+        return [datetime.fromisoformat(line[:23]) for line in master.log.read_text().splitlines() if line.endswith(text)]
+
+    @staticmethod
+    def shortest_pause(times):
+        """In seconds; a busy machine makes some longer."""
+        return min((after - before).total_seconds() for before, after in zip(times, times[1:]))
+
+    @staticmethod
+    def logged(master):
+        """The log file's lines: level and text."""
+        return [line[24:] for line in master.log.read_text().splitlines()]
+
+    def assert_in_order(self, lines, rows):
         remaining = iter(lines)
-        for text in expected:
-            self.assertTrue(any(text in line for line in remaining),
-                            f"{text!r} is missing, or out of order, in:\n" + "\n".join(lines[-60:]))
+        for row in rows:
+            self.assertTrue(any(re.search(pattern_of(row), line) for line in remaining),
+                            f"{row!r} is missing, or out of order, in:\n" + "\n".join(lines[-60:]))
 
 
 class EndsOfStartUp(ProcessTest):
@@ -59,33 +93,35 @@ class EndsOfStartUp(ProcessTest):
         self.assertNotIn("absent", master.text())
 
     def test_command_lines_and_files_that_do_not_lead_to_the_main_loop(self):
-        last = [MAIN + "Unknown exception", MAIN + "Exiting from main"]
+        last = ["5" + MAIN + "Unknown exception", "5" + MAIN + "Exiting from main"]
         application = ["-c", self.application]
         broken = self.write("broken.json", '{\n"OfferedDataTypes": [')
         malformed = self.write("malformed.json", '{"meta": ')
         nameless = self.write("nameless.json", "{}")
         front = self.write("front.json", json.dumps({
             "meta": {"vlmVersion": "1"}, "services": {"GNSS": {"positions": {"instances": {"front": []}}}}}))
+        ends = "3" + MAIN + "Start-up ends: "
         for arguments, catalog, status, expected in (
                 (["-l", self.collector], CATALOG, 0, [
-                    MAIN + "VLM Will start with local configuration " + self.collector,
-                    "VLM Config::getInstance() ERROR: VLM Config not created yet!", *last]),
-                (["--none"], CATALOG, 0, ["none", *last]),
-                (["-c", "/absent.json"], CATALOG, 0, ["VLM Config file path not valid", *last]),
-                (["-c", self.folder], CATALOG, 0, ["VLM Config file path not valid", *last]),
-                (["-c", broken], CATALOG, 250, [broken, "VLM config file parsing not successful, check format"]),
+                    "3" + MAIN + "No application configuration is named",
+                    "5" + MAIN + "VLM Will start with local configuration " + self.collector,
+                    ends + "VLM Config::getInstance() ERROR: VLM Config not created yet!", *last]),
+                (["--none"], CATALOG, 0, [ends + "…none…", *last]),
+                (["-c", "/absent.json"], CATALOG, 0, [ends + "VLM Config file path not valid", *last]),
+                (["-c", self.folder], CATALOG, 0, [ends + "VLM Config file path not valid", *last]),
+                (["-c", broken], CATALOG, 250, ["7 …configfile=" + broken, "1 …VLM config file parsing not successful, check format"]),
                 (application, "none", 1, [
-                    MAIN + "VLM Config Object is created", MAIN + "Offered Data Types Size = 2",
-                    MAIN + "after creating component_client", "Catalog file path not valid."]),
-                (application, malformed, 250, ["catalog file parsing not successful, check format"]),
+                    "5" + MAIN + "VLM Config Object is created", "5" + MAIN + "Offered Data Types Size = 2",
+                    "5" + MAIN + "after creating component_client", "3 …Catalog file path not valid."]),
+                (application, malformed, 250, ["3 …catalog file parsing not successful, check format"]),
                 (application, nameless, 0, [
-                    MAIN + "Successfully created the catalog file parser", "Server name from JSON catalog is empty",
-                    *last]),
-                (application, front, 0, ["services.GNSS.positions.instances.front", *last])):
+                    "5" + MAIN + "Successfully created the catalog file parser",
+                    ends + "Server name from JSON catalog is empty", *last]),
+                (application, front, 0, ["3 …services.GNSS.positions.instances.front", *last])):
             with self.subTest(arguments=arguments, catalog=catalog):
                 master = self.start(*arguments, catalog=catalog)
                 self.assertEqual(master.end(), status, master.text())
-                self.assert_in_order(master.lines, expected)
+                self.assert_in_order(self.logged(master), expected)
 
 
 class MainLoop(ProcessTest):
@@ -115,19 +151,54 @@ class MainLoop(ProcessTest):
             " void signal_handler(int32_t) SIGNAL HANDLER HAPPENED= 15",
             MAIN + "Exiting from main"])
 
+    def test_a_thread_that_cannot_be_started_ends_start_up_as_a_runtime_error(self):
+        local = os.path.join(self.folder, "local")
+        os.mkfifo(local)
+        master = self.start("-c", self.application, "-l", local)
+        with open(local, "w") as file:  # once vlmmaster reads it
+            size = int(Path(f"/proc/{master.process.pid}/statm").read_text().split()[0]) * os.sysconf("SC_PAGE_SIZE")
+            resource.prlimit(master.process.pid, resource.RLIMIT_AS, (size + (2 << 20),) * 2)
+            file.write(Path(self.collector).read_text())
+        self.assertEqual(master.end(), 0, master.text())
+        self.assert_in_order(master.lines, [MAIN + "Runtime error: ", MAIN + "Exiting from main"])
+
     def test_a_configuration_that_is_refused_or_odd_leaves_the_process_living(self):
         odd = self.write("odd.json", '{"OfferedDataTypes": ["a", ["b"], 3]}')
         absent = os.path.join(self.folder, "absent.json")
         wrong = self.write("wrong.json", '{"COLLECT": [{"name": "a", "index": "1"}]}')
-        for local, reason in ((absent, "it is empty or cannot be opened"), (wrong, "COLLECT[0].index")):
-            master = self.start("-c", odd, "-l", local)
+        nowhere = {"state": {"socket": "/no/folder/socket"}}
+        for local, reason, manifest in ((absent, "it is empty or cannot be opened", nowhere),
+                                        (wrong, "COLLECT[0].index", {})):
+            master = self.start("-c", odd, "-l", local, manifest=manifest)
             master.wait_for("OfferedDataTypes[1]: a text is expected, found an array")
             master.wait_for(MAIN + "Offered Data Types Size = 2")
+            if manifest:
+                master.wait_for(MAIN + "VLM Component client creation failed, ERR = generic:2")
             master.wait_for(reason)
             master.wait_for("Create Config parser from failed FAILED")
             master.see("Size of All services and Resources = 0")
             master.see(MAIN + "Sleeping for 30 secs")
             self.assertEqual(master.stop(signal.SIGABRT), 0, master.text())
+
+
+class Retry(ProcessTest):
+    def test_the_configuration_is_asked_for_every_eleven_minutes_until_it_comes(self):
+        clock = faster_clock(200)
+        if clock is None:
+            self.skipTest("libfaketime is needed")
+        wanted = os.path.join(self.folder, "wanted.json")
+        master = self.start("-c", self.application, environment=clock, manifest={
+            "log": {"console": False},
+            "backend": {"directory": {"path": os.path.join(self.folder, "backend"), "configuration": wanted}}})
+        master.wait_for_count("config.requests", 3)
+        os.rename(self.collector, wanted)
+        master.wait_for_count("clock.ticks", 1)
+        requests = master.count("config.requests")
+        master.wait_for_count("clock.ticks", 12)
+        self.assertEqual(master.count("config.requests"), requests, "no more than were needed")
+        self.assertEqual(master.stop(), 0)
+        asked = self.times(master, "The configuration answer holds no record; the request goes on")
+        self.assertAlmostEqual(self.shortest_pause(asked), 660, delta=60)
 
 
 class Stops(ProcessTest):
@@ -150,6 +221,143 @@ class Stops(ProcessTest):
             master.process.send_signal(signal.SIGTERM)
             master.process.send_signal(signal.SIGINT)
         self.assertEqual(master.end(STOP_LIMIT), 0, master.text())
+
+
+class DrivenRun(ProcessTest):
+    """One run from start to stop, with a vehicle, a backend that paces it, a service manager and a log daemon."""
+
+    SPEED = 20  # a tick every three seconds
+
+    def setUp(self):
+        super().setUp()
+        self.clock = faster_clock(self.SPEED)
+        if self.clock is None or not BROKER:
+            self.skipTest("libfaketime and mosquitto are needed")
+        self.broker_port, self.port = free_tcp_port(), free_udp_port()
+        self.peer(BROKER, "-p", str(self.broker_port))
+        self.heard = os.path.join(self.folder, "heard")
+        wait_until(self.broker_answers, "the broker")
+        self.peer("mosquitto_sub", "-p", str(self.broker_port), "-t", "d/#", "-F", "%t %p", output=self.heard)
+        vehicle = Vehicle(self.folder, self.port, "--services", "GNSS,Temperature", "--period-ms", "2000",
+                          environment=self.clock)
+        self.addCleanup(vehicle.end)
+        self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(self.manager.close)
+        self.manager.bind(os.path.join(self.folder, "manager"))
+        os.mkfifo(os.path.join(self.folder, "dlt"))
+        daemon = os.open(os.path.join(self.folder, "dlt"), os.O_RDWR)
+        self.dlt = bytearray()
+        threading.Thread(target=lambda: [self.dlt.extend(os.read(daemon, 65536)) for _ in iter(int, 1)], daemon=True).start()
+
+    def peer(self, *command, output=os.devnull):
+        with open(output, "wb") as out:
+            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.DEVNULL)
+        self.addCleanup(lambda: (process.kill(), process.wait()))
+
+    def broker_answers(self):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.broker_port)) == 0
+
+    def publish(self, topic, message):
+        subprocess.run(["mosquitto_pub", "-p", str(self.broker_port), "-t", topic, "-m", json.dumps(message)], check=True)
+
+    def control(self, result=0, channel=0, permitted=("a",)):
+        self.publish("d/mastercontrol", {"eventTicket": "t", "permittedDataType": permitted,
+                                         "backendChannelControl": channel, "dataDeliveryResult": result})
+
+    def configure(self, number, *collects):
+        body = json.dumps({
+            "CONFIG": [{"name": "driven", "version": number}], "CLOCK": [{"name": "tick", "duration": 60000}],
+            "REPORT": [{"name": "all", "application": "test", "from": [name for name, *_ in collects]}],
+            "COLLECT": [dict(zip(("name", "serv", "res", "index"), row), history=5000, on="tick") for row in collects]})
+        self.answer(number, base64.b64encode(body.encode()).decode())
+
+    def answer(self, number, body):
+        self.publish("d/config/response", [{"recordId": f"record{number}", "recordBody": body}])
+
+    def on_topic(self, topic):
+        with open(self.heard) as file:
+            return [json.loads(line.split(" ", 1)[1]) for line in file if line.startswith(topic + " ") and line.endswith("\n")]
+
+    def numbers(self, count):
+        """The numbers of the reports that came, once there are that many."""
+        envelopes = wait_until(lambda: len(found := self.on_topic("d/data")) >= count and found, f"{count} envelopes")
+        return [json.loads(e["orxClientDataReport"])["sequenceNumber"] for e in envelopes]
+
+    def test_each_line_comes_with_its_text_level_and_form_and_each_peer_hears_what_it_must(self):
+        master = self.start(
+            "-c", self.application, port=self.port,
+            manifest={"log": {"console": False, "dlt": True},
+                      "backend": {"transport": "mqtt", "mqtt": {"port": self.broker_port, "prefix": "d"}}},
+            environment={**self.clock, "NOTIFY_SOCKET": os.path.join(self.folder, "manager"), "DLT_PIPE_DIR": self.folder})
+        wait_until(lambda: self.on_topic("d/status"), "the presence")
+        self.assertIn(b"APP_INSTANCE_ID=vlmmaster\0", self.heap_of(master))
+        self.control()
+        wait_until(lambda: self.on_topic("d/config/request"), "the request")
+        self.configure("1", ("position", "GNSS", "positions", 1))
+        self.assertEqual(self.numbers(1), [1])
+        self.answer("2", "!!")  # its identifier is in force all the same
+        master.wait_for_count("reports.queued", 3)
+        # Closed with result 2, or by an empty list, the channel lets the last report come again when it opens.
+        self.control(result=2, channel=1)
+        self.control()
+        self.assertEqual(self.numbers(2), [1, 1])
+        self.control()
+        self.assertEqual(self.numbers(3), [1, 1, 2])
+        self.control(permitted=())
+        self.control()
+        self.assertEqual(self.numbers(4), [1, 1, 2, 2])
+        # One that is refused changes nothing; a further one reaches the thread that subscribes already.
+        self.configure("3")
+        self.configure("4", ("outside", "Temperature", "temperatures", 0))
+        master.wait_for_count("events.subscribed", 2)
+        for state in ("kPrepSD", "kOn", "kNew"):
+            self.assertEqual(master.ask({"request": "state", "state": state})["state"], state)
+        self.assertEqual(master.stop(), 0, master.text())
+
+        notices = self.notices()
+        self.assertEqual((notices[0], notices[-1]), ("READY=1\nSTATUS=Running", "STOPPING=1\nSTATUS=Terminating"))
+        self.assertEqual(set(notices[1:-1]), {"WATCHDOG=1"})
+        alive = self.times(master, "Sleeping for 30 secs")
+        self.assertEqual(len(notices) - 2, len(alive))
+        self.assertAlmostEqual(self.shortest_pause(alive), 30, delta=4)
+        self.check_lines(self.logged(master))
+        self.check_dlt(self.logged(master))
+
+    @staticmethod
+    def heap_of(master):
+        """Where a process's own variables are; what /proc shows as its environment is that of its start."""
+        maps = Path(f"/proc/{master.process.pid}/maps").read_text()
+        begin, end = (int(at, 16) for at in re.search(r"^(\w+)-(\w+) .*\[heap\]$", maps, re.M).groups())
+        with open(f"/proc/{master.process.pid}/mem", "rb") as memory:
+            memory.seek(begin)
+            return memory.read(end - begin)
+
+    def notices(self):
+        self.manager.setblocking(False)
+        found = []
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                found.append(self.manager.recv(500).decode())
+        return found
+
+    def check_lines(self, lines):
+        rows = [row for row in Path(__file__).with_name("lines.txt").read_text().splitlines() if row[:1].isdigit()]
+        text = "\n".join(lines)
+        missing = [row for row in rows if not re.search(f"^{pattern_of(row)}$", text, re.M)]
+        self.assertEqual(missing, [])
+
+    def check_dlt(self, lines):
+        """Application and severity of what the log daemon got, by the level of the same line in the file."""
+        severities = {"3": 2, "4": 3, "5": 4, "6": 5, "7": 5}
+        severity = {line[2:].encode(): severities[line[0]] for line in lines if line}
+        seen = set()
+        for found in re.finditer(rb"(?s)(.)\x01VLM\0VLM\0....(..)", self.dlt):
+            text = bytes(self.dlt[found.end():found.end() + int.from_bytes(found[2], "little") - 1])
+            if text in severity:
+                self.assertEqual(found[1][0] >> 4, severity[text], text)
+                seen.add(severity[text])
+        self.assertEqual(seen, set(severities.values()))
 
 
 if __name__ == "__main__":
