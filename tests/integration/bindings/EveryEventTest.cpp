@@ -21,6 +21,7 @@
 #include "services/adapters/RegisteredAdapters.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/FieldValues.h"
 #include "tests/support/RecordValue.h"
 #include "tests/unit/codegen/Required.h"
 
@@ -40,6 +41,7 @@ using qdr::services::FieldInfo;
 using qdr::services::FieldValue;
 using qdr::services::FieldValues;
 using vlmTest::eventually;
+using vlmTest::valueFor;
 
 /// One sample and the record that must come of it, but for its time.
 struct Case {
@@ -47,26 +49,6 @@ struct Case {
     FieldValues sample;
     Value record;
 };
-
-/// A value that the field can have; a different one for each field of an event.
-FieldValue valueFor(const FieldInfo& field, std::size_t place) {
-    const std::string type = field.type;
-    if (!field.enumerators.empty()) {
-        return field.enumerators[place % field.enumerators.size()].value;
-    }
-    if (type == "bool") {
-        return place % 2 == 0;
-    }
-    if (type == "string") {
-        return "text " + std::to_string(place);
-    }
-    if (type == "float" || type == "double") {
-        const double value = (field.hasRange ? field.minimum : 0) + 0.25 * static_cast<double>(place);
-        return type == "float" ? static_cast<double>(static_cast<float>(value)) : value;
-    }
-    return static_cast<std::int64_t>(field.hasRange ? field.minimum : 0) +
-           static_cast<std::int64_t>(place % 2);
-}
 
 /// The form in which a record holds the value.
 Value inRecord(const FieldInfo& field, const FieldValue& value) {

@@ -467,7 +467,7 @@ class ClockFaults(FaultTest):
 class DltFaults(FaultTest):
     def setUp(self):
         super().setUp()
-        self.need("dlt-daemon")
+        self.need("dlt-daemon", "dlt-receive")
         self.pipes = os.path.join(self.folder, "dlt")
         os.mkdir(self.pipes)
         self.dlt_port = free_tcp_port()
@@ -477,11 +477,14 @@ class DltFaults(FaultTest):
             f"RingbufferMaxSize = 10000000\nRingbufferStepSize = 500000\nPersistanceStoragePath = {self.pipes}\n"
             f"ControlSocketPath = {self.pipes}/ctrl.sock\nBindAddress = ::ffff:127.0.0.1\n")
         self.start_daemon()
+        self.start_peer("received", "stdbuf", "-oL", "dlt-receive", "-a", "-p", str(self.dlt_port), "127.0.0.1")
         self.start_vehicle()
         self.start_master(log={"maxLevel": 7, "console": False, "dlt": True},
                           environment={**self.clock, "DLT_PIPE_DIR": self.pipes})
         self.wait_for_all_services()
         self.wait_for_messages(100)
+        received = Path(self.folder, "received.txt")  # debug messages too, which the daemon's own level would hide
+        wait_until(lambda: b"VLM- VLM- log debug" in received.read_bytes(), "a debug message through the daemon")
 
     def start_daemon(self):
         self.daemon = self.start_peer("daemon", "dlt-daemon", "-c", f"{self.pipes}/dlt.conf", "-t", self.pipes, "-p",

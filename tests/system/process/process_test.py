@@ -352,12 +352,17 @@ class DrivenRun(ProcessTest):
         severities = {"3": 2, "4": 3, "5": 4, "6": 5, "7": 5}
         severity = {line[2:].encode(): severities[line[0]] for line in lines if line}
         seen = set()
-        for found in re.finditer(rb"(?s)(.)\x01VLM\0VLM\0....(..)", self.dlt):
-            text = bytes(self.dlt[found.end():found.end() + int.from_bytes(found[2], "little") - 1])
-            if text in severity:
-                self.assertEqual(found[1][0] >> 4, severity[text], text)
-                seen.add(severity[text])
+        messages = [(found[1][0] >> 4, self.dlt[found.end():found.end() + int.from_bytes(found[2], "little") - 1])
+                    for found in re.finditer(rb"(?s)(.)\x01VLM\0VLM\0....(..)", self.dlt)]
+        for level, text in messages:
+            if bytes(text) in severity:
+                self.assertEqual(level, severity[bytes(text)], text)
+                seen.add(level)
         self.assertEqual(seen, set(severities.values()))
+        # A long line comes in pieces, and what waits at the end comes too.
+        texts = b"".join(bytes(text) for _, text in messages)
+        self.assertIn(max(lines, key=len)[2:].encode(), texts)
+        self.assertIn(b"Exiting from main", texts)
 
 
 if __name__ == "__main__":

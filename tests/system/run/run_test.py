@@ -28,25 +28,29 @@ FIVE = {"GNSSProxy", "TemperatureProxy", "DrivingRangeProxy", "ChassisProxy", "A
 
 
 def children_of(pid):
-    def parent(stat):
-        try:
-            return int(stat.read_text().rsplit(")", 1)[1].split()[1])
-        except OSError:
-            return 0  # has ended
-    return [int(stat.parent.name) for stat in Path("/proc").glob("[0-9]*/stat") if parent(stat) == pid]
+    try:
+        return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+    except OSError:
+        return []  # has ended
+
+
+def still_there(pids):
+    return [pid for pid in pids if Path(f"/proc/{pid}").exists()]
 
 
 class Bench:
-    """One run of tools/run/vlm-run, with its output in a file."""
+    """One run of tools/run/vlm-run, with its output in a file or on a terminal."""
 
-    def __init__(self, folder, *arguments, catalog=CATALOG):
+    def __init__(self, folder, *arguments, catalog=CATALOG, terminal=None):
         self.folder = Path(folder)
         self.output = self.folder.parent / (self.folder.name + ".txt")
+        take_terminal = (lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)) if terminal else None
         with open(self.output, "wb") as out:
             self.process = subprocess.Popen(
                 [WITH_CATALOG, catalog, str(SOURCE / "tools/run/vlm-run"), "--build", os.environ["VLM_BUILD"],
                  "--folder", folder, "--discovery-port", str(free_udp_port()), *arguments],
-                stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT, start_new_session=True)
+                stdin=terminal or subprocess.DEVNULL, stdout=terminal or out, stderr=subprocess.STDOUT,
+                start_new_session=True, preexec_fn=take_terminal)
 
     def text(self):
         return self.output.read_text(errors="replace")
@@ -83,8 +87,15 @@ class Bench:
         started = children_of(self.process.pid)
         self.process.send_signal(number)
         status = self.process.wait(40)
-        left = [pid for pid in started if Path(f"/proc/{pid}").exists()]
-        return status, left
+        return status, still_there(started)
+
+    def abandon(self):
+        """Ends what a failed test has left: the run, and all that it started."""
+        started = children_of(self.process.pid)
+        self.process.poll() is None and self.process.kill()
+        self.process.wait()
+        for pid in still_there(started):
+            os.kill(pid, signal.SIGKILL)
 
 
 class Run(unittest.TestCase):
@@ -99,7 +110,7 @@ class Run(unittest.TestCase):
 
     def start(self, *arguments, **more):
         bench = Bench(str(Path(self.folder.name) / "run"), *arguments, **more)
-        self.addCleanup(lambda: bench.process.poll() is None and bench.process.kill())
+        self.addCleanup(bench.abandon)
         return bench
 
     def check_end(self, bench, *number):
@@ -164,23 +175,17 @@ class Run(unittest.TestCase):
     def test_the_end_of_its_terminal_ends_everything(self):
         master, terminal = pty.openpty()
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 72, 0, 0))
-        folder = Path(self.folder.name) / "run"
-        process = subprocess.Popen(
-            [WITH_CATALOG, CATALOG, str(SOURCE / "tools/run/vlm-run"), "--build", os.environ["VLM_BUILD"], "--folder",
-             str(folder), "--discovery-port", str(free_udp_port()), "--backend", "mqtt"],
-            stdin=terminal, stdout=terminal, stderr=terminal, start_new_session=True,
-            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        bench = self.start("--backend", "mqtt", terminal=terminal)
         os.close(terminal)
-        self.addCleanup(lambda: process.poll() is None and process.kill())
         shown = b""
         while b"| samples" not in shown:
             self.assertTrue(select.select([master], [], [], DEADLINE)[0], shown)
             shown += os.read(master, 65536)
-        started = children_of(process.pid)
+        started = children_of(bench.process.pid)
         self.assertEqual(len(started), 4, "broker, backend, vehicle and vlmmaster")
         os.close(master)
-        process.wait(40)
-        wait_until(lambda: not [pid for pid in started if Path(f"/proc/{pid}").exists()], "the end of all processes")
+        bench.process.wait(40)
+        wait_until(lambda: not still_there(started), "the end of all processes")
 
     def test_a_discovery_port_that_is_taken_is_named_with_its_holder(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:

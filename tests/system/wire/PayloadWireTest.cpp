@@ -4,30 +4,12 @@
 #include "ac/com/runtime/component.h"
 #include "qdr/services/described.h"
 #include "tests/integration/someip/Bench.h"
+#include "tests/support/FieldValues.h"
 
 using namespace vlmTest;
 using namespace qdr::services;
 
 namespace {
-
-/// A valid value of the field; different for each field if the type allows.
-FieldValue valueFor(const FieldInfo& field, unsigned number) {
-    const std::string type = field.type;
-    if (!field.enumerators.empty()) {
-        return field.enumerators[number % field.enumerators.size()].value;
-    }
-    if (type == "string") {
-        return "text " + std::to_string(number);
-    }
-    if (type == "bool") {
-        return number % 2 == 0;
-    }
-    if (type == "float" || type == "double") {
-        return -0.25 * number;  // exact in both widths
-    }
-    const auto value = static_cast<std::int64_t>(number % 100);
-    return type[0] == 'u' ? value : -value;
-}
 
 std::string lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });

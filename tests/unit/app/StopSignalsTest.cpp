@@ -42,23 +42,6 @@ class StopSignals : public testing::Test {
     StopSignals() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(StopSignals, ThatCameBeforeTheWaitEndItAndAreLogged) {
-    for (const int number : {SIGINT, SIGTERM, SIGABRT}) {
-        EXPECT_EXIT(
-            {
-                prepare();
-                ::kill(::getpid(), number);
-                if (exitRequested()) {
-                    std::_Exit(1);  // not before the wait
-                }
-                vlmProd::waitForStopSignal(seconds(600));
-                std::_Exit(exitRequested() ? 0 : 2);
-            },
-            testing::ExitedWithCode(0),
-            "^5 void signal_handler\\(int32_t\\) SIGNAL HANDLER HAPPENED= " + std::to_string(number) + "\n$");
-    }
-}
-
 TEST_F(StopSignals, AreTheOnlyOnesThatEndTheWaitEarly) {
     EXPECT_EXIT(
         {

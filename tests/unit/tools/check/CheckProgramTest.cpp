@@ -37,6 +37,7 @@ TEST_F(VlmCheck, EndsWith0WhenAllFilesAreGoodAndWith1WhenOneIsNot) {
     const auto bad = m_folder.write("bad.json", R"({"OfferedDataTypes": {}})");
     EXPECT_EQ(run(good), 0) << m_output;
     EXPECT_THAT(m_output, HasSubstr("good.json: good (application configuration)\n"));
+    EXPECT_EQ(run(bad + " " + good), 1);
     EXPECT_EQ(run(good + " " + bad), 1);
     EXPECT_THAT(m_output,
                 HasSubstr("bad.json:1: error: $.OfferedDataTypes: is an object; an array is expected\n"));

@@ -11,12 +11,6 @@ using testing::HasSubstr;
 TEST(Fault, IsReadFromItsWords) {
     Fault fault;
     std::string error;
-    ASSERT_TRUE(Fault::parse("truncated GNSS.positions 3", fault, error)) << error;
-    EXPECT_EQ(fault.kind, Fault::Wire);
-    EXPECT_EQ(fault.wire, someip::WireFault::TruncatedStructure);
-    EXPECT_EQ(fault.count, 3);
-    EXPECT_TRUE(fault.concerns("GNSS", "positions"));
-    EXPECT_FALSE(fault.concerns("GNSS", "positionsQuality"));
     ASSERT_TRUE(Fault::parseTimed("30:silence Airbag 2.5", fault, error)) << error;
     EXPECT_EQ(fault.at, 30);
     EXPECT_EQ(fault.kind, Fault::Silence);

@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <stdexcept>
-#include <thread>
-#include <vector>
+
+#include "tests/support/Together.h"
 
 using kyo::Status;
 using kyo::Json::Value;
@@ -51,28 +51,18 @@ TEST(Status, AGaugeMayThrowAndMayUseTheStatusItself) {
 
 // Threads count and register while another takes snapshots.
 TEST(Status, CountsAreExactWhileSnapshotsAreTaken) {
-    std::atomic<bool> stop{false};
-    std::thread watcher([&] {
-        while (!stop.load()) {
-            Status::snapshot();
+    vlmTest::Together threads(4, [](int t) {
+        kyo::Counter& shared = Status::counter("race.shared");
+        for (int i = 0; i < 2000; ++i) {
+            shared.add();
+            if (i % 100 == 0) {
+                Status::counter("race.own" + std::to_string(t * 1000 + i)).add();
+            }
         }
     });
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            kyo::Counter& shared = Status::counter("race.shared");
-            for (int i = 0; i < 2000; ++i) {
-                shared.add();
-                if (i % 100 == 0) {
-                    Status::counter("race.own" + std::to_string(t * 1000 + i)).add();
-                }
-            }
-        });
+    while (threads.running()) {
+        Status::snapshot();
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    stop = true;
-    watcher.join();
+    threads.join();
     EXPECT_EQ(Status::snapshot()["race"]["shared"].asInt(), 8000);
 }

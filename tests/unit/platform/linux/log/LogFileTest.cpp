@@ -21,6 +21,11 @@ std::string runWithLog(const vlmTest::TemporaryFolder& folder, const std::string
     return outcome.err;
 }
 
+bool isOpenToOthers(const std::string& path) {
+    using std::filesystem::perms;
+    return (std::filesystem::status(path).permissions() & perms::others_all) != perms::none;
+}
+
 }  // namespace
 
 TEST(LogFile, HoldsTheLinesUpToItsOwnLevelRegardlessOfTheLimitForOthers) {
@@ -29,6 +34,7 @@ TEST(LogFile, HoldsTheLinesUpToItsOwnLevelRegardlessOfTheLimitForOthers) {
     runWithLog(folder, log, {"say", "detail", "@3", "first"});
     runWithLog(folder, log, {"say", "@3", "second"});
     const auto lines = linesOf(readFile(folder.file("vlm.log")));
+    EXPECT_FALSE(isOpenToOthers(folder.file("vlm.log")));
     ASSERT_EQ(lines.size(), 2u) << readFile(folder.file("vlm.log"));
     EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} 3 first)")))
         << lines[0];
@@ -49,6 +55,7 @@ TEST(LogFile, StartsAgainAtItsLimitAndKeepsThePreviousFile) {
     EXPECT_LE(before.size(), 20'000u);
     EXPECT_TRUE(now.ends_with(" 7 thread 0 line 59 " + std::string(83, 'x') + "end\n"))
         << now.substr(now.size() - 130);
+    EXPECT_FALSE(isOpenToOthers(folder.file("vlm.log")));
     const auto kept = linesOf(before + now).size();
     EXPECT_GT(kept, 90u);
     EXPECT_LT(kept, 360u);

@@ -105,15 +105,6 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
     }
 }
 
-TEST(Manifest, TheOneInPackagingIsGood) {
-    const std::string text =
-        vlmTest::readFile(std::string(SOURCE_FOLDER) + "/packaging/machine-manifest.json");
-    Manifest manifest;
-    std::string error;
-    EXPECT_TRUE(machine::readManifest(parse(text), manifest, error)) << error;
-    EXPECT_NE(manifest.someip.address, Manifest{}.someip.address);
-}
-
 TEST(Manifest, TheProcessUsesTheFileThatTheVariableNamesOrEndsWithStatus1AndAReason) {
     const vlmTest::TemporaryFolder folder;
     const auto runProbe = [&](const std::string& file) {
