@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
 #include "tests/support/TemporaryFolder.h"
@@ -283,6 +285,33 @@ TEST_F(ConfigParserTest, LookupsByNameAnswerTheirLastResultWhenTheyFail) {
     m_parser.getServiceAndResource("a", m_code);
     EXPECT_THAT(m_parser.getServiceAndResource("c", m_code), ElementsAre(Pair("S", "r"), Pair("T", "q")))
         << "with the pair of the lookup before";
+}
+
+TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) {
+    ASSERT_TRUE(parse(Document()));
+    const std::string service = "\nService name does not exist";
+    const std::string collector = "\nCollector name does not exist";
+    const struct {
+        std::function<void()> query;
+        int code;
+        std::string message;
+    } cases[] = {
+        {[&] { m_parser.getResources("None", m_code); }, 7, "Service name doesn't exist"},
+        {[&] { m_parser.getIndexNumber("c1", "None", "position", m_code); }, 7, service},
+        {[&] { m_parser.getIndexNumber("c1", "Gnss", "none", m_code); }, 8, "\nResource name does not exist"},
+        {[&] { m_parser.getIndexNumber("none", "Gnss", "position", m_code); }, 12, collector},
+        {[&] { m_parser.getServiceName("none", m_code); }, 12, collector},
+        {[&] { m_parser.getServiceAndResource("none", m_code); }, 12, collector},
+        {[&] { ConfigParser().configReportBlock(m_code); }, 11,
+         "Failed to get the report from Json Configuration file"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        m_log.clear();
+        c.query();
+        EXPECT_EQ(static_cast<int>(m_code), c.code);
+        EXPECT_THAT(m_log.messages(3), ElementsAre(c.message));
+    }
 }
 
 }  // namespace
