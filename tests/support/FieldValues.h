@@ -18,8 +18,7 @@ inline qdr::services::FieldValue valueFor(const qdr::services::FieldInfo& field,
         return "text " + std::to_string(place);
     }
     if (type == "float" || type == "double") {
-        const double value = (field.hasRange ? field.minimum : 0) + 0.25 * static_cast<double>(place);
-        return type == "float" ? static_cast<double>(static_cast<float>(value)) : value;
+        return -0.25 * static_cast<double>(place);  // exact in both widths
     }
     if (field.hasRange) {
         return static_cast<std::int64_t>(field.minimum) + static_cast<std::int64_t>(place % 2);
