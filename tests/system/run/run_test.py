@@ -4,6 +4,7 @@
 The environment is that of tests/support/processes.py, and VLM_BUILD and VLM_SOURCE, the build folder and the
 checkout. The vehicle and vlmmaster get a faster clock, as nothing ticks faster than once a minute.
 """
+import contextlib
 import fcntl
 import json
 import os
@@ -95,7 +96,9 @@ class Bench:
         self.process.poll() is None and self.process.kill()
         self.process.wait()
         for pid in still_there(started):
-            os.kill(pid, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+        wait_until(lambda: not still_there(started), "the end of all processes")
 
 
 class Run(unittest.TestCase):
