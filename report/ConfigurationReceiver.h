@@ -17,8 +17,8 @@ class ConfigurationReceiver {
     /// Repeats the request until an answer has come. Only the first call has an effect.
     virtual void startConfigRequestRetry() = 0;
     virtual void stopConfigRequestRetry() = 0;
-    /// Takes one answer of the backend; on the backend client's thread. What became of it goes to the function
-    /// of setOutcomeFunction().
+    /// Takes one answer of the backend; on the backend client's thread. What became of it goes to the
+    /// function of setOutcomeFunction().
     virtual void ConfigResponseCallback(kyo::Json::Value response) = 0;
 
     /// Gets the record's identifier, whether its configuration runs, and why not.

@@ -69,7 +69,7 @@ int protocolLevel(const std::string& packet) {
 TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     LogCapture log;
     const Listener listener;
-    MqttTransport transport(settingsFor(listener), {"Catalog 1", {}});
+    MqttTransport transport(settingsFor(listener), {}, {"Catalog 1", {}});
     transport.start();
 
     const int first = listener.accept();
