@@ -48,10 +48,10 @@ void outputQueue(benchmark::State& state) {
     measure(state, [] {
         vlmProd::CollectorImpl collector("bench", 1, "GNSS", "positions", 1, "clock",
                                          vlmProd::CollectorOnEventType::Clock);
-        collector.insertRecord(vlmProd::TextedRecord(recordOf41()));  // one-time allocations
+        collector.insertRecord(vlmProd::Record(recordOf41()));  // one-time allocations
         const std::size_t before = heapInUse();
         for (int i = 0; i < kRecords; ++i) {
-            collector.insertRecord(vlmProd::TextedRecord(recordOf41()));
+            collector.insertRecord(vlmProd::Record(recordOf41()));
         }
         return static_cast<double>(heapInUse() - before) / kRecords;
     });
@@ -61,10 +61,10 @@ void outputQueue(benchmark::State& state) {
 void ingressQueue(benchmark::State& state) {
     measure(state, [] {
         vlmProd::IngressQueue queue;
-        queue.insertRecord(vlmProd::TextedRecord(recordOf41()));
+        queue.insertRecord(vlmProd::Record(recordOf41()));
         const std::size_t before = heapInUse();
         for (int i = 0; i < kRecords; ++i) {
-            queue.insertRecord(vlmProd::TextedRecord(recordOf41()));
+            queue.insertRecord(vlmProd::Record(recordOf41()));
         }
         return static_cast<double>(heapInUse() - before) / kRecords;
     });

@@ -80,7 +80,7 @@ vlmProd::VlmDataSubmissionControl& submission() {
 std::unique_ptr<vlmProd::VlmReportControl> reportControl(int collectors) {
     haveCatalog();
     auto control = std::make_unique<vlmProd::VlmReportControl>(
-        [](vlmProd::ShippedReport report) { submission().addReportToShippingQueue(std::move(report)); });
+        [](vlmProd::Report report) { submission().addReportToShippingQueue(std::move(report)); });
     Value reports(kyo::Json::arrayValue);
     reports[0]["name"] = "report";
     reports[0]["application"] = "bench";

@@ -34,11 +34,7 @@ void Collector::tick(CollectorImpl& impl, Message message) {
     impl.onOnEventCallback(std::move(message));
 }
 
-void Collector::insertRecord(kyo::Json::Value& record) {
-    insertRecord(TextedRecord(record));
-}
-
-void Collector::insertRecord(TextedRecord record) {
+void Collector::insertRecord(Record record) {
     VLM_LOG_AS(5, kInsertRecord, "Inserting record into collector object");
     m_impl->insertRecord(std::move(record));
 }

@@ -17,9 +17,8 @@ class Collector : public ICollector {
               std::string resourceName, int index, std::string onEventName, CollectorOnEventType type);
 
     void onOnEventCallback(Message message) override;
-    void insertRecord(kyo::Json::Value& record) override;
-    /// The same for a record that is written already.
-    void insertRecord(TextedRecord record);
+    void insertRecord(kyo::Json::Value& record) override { insertRecord(Record(record)); }
+    void insertRecord(Record record);
     void setHistoryDuration(long long duration) override;
 
     void subForOnEvent();

@@ -1,19 +1,21 @@
 #include "collect/CollectorImpl.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <mutex>
 #include <string_view>
 #include <utility>
 
+#include "base/CompactJson.h"
+#include "base/JsonFields.h"
 #include "base/VlmLog.h"
-#include "collect/CollectionWriter.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 
 namespace vlmProd {
 
-using kyo::Json::StaticString;
 using kyo::Json::Value;
 
 namespace {
@@ -38,6 +40,104 @@ void left(kyo::Counter& reason) {
     recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
     reason.add();
 }
+
+Value valueOf(const std::string& json) {
+    Value value;
+    kyo::Json::Reader().parse(json, value);
+    return value;
+}
+
+bool isInteger(std::string_view json) {
+    const std::string_view digits = json.substr(json.starts_with('-') ? 1 : 0);
+    return !digits.empty() &&
+           std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+/// A value's text as that of a JSON string, the empty one for none. Nearly all are strings and integers, for
+/// which reading them would cost more than all the rest of a tick.
+std::string asString(const std::string& json) {
+    if (json.starts_with('"')) {
+        return json;
+    }
+    return isInteger(json) ? '"' + json + '"' : compactText(textOf(json.empty() ? Value() : valueOf(json)));
+}
+
+/// A value's text as that of an integer, 0 for what is none.
+std::string asInt(const std::string& json) {
+    int number = 0;
+    if (!isInteger(json) ||
+        std::from_chars(json.data(), json.data() + json.size(), number).ec != std::errc()) {
+        toInt(json.empty() ? Value() : valueOf(json), number);
+    }
+    return std::to_string(number);
+}
+
+/// The text of a signal collection. All but `historyLength` are texts of values.
+std::string collectionText(std::string_view collectName, std::string_view serviceName,
+                           std::string_view resourceName, unsigned int historyLength, std::string_view index,
+                           std::string_view endOfHistory, std::string_view samples) {
+    std::string text;
+    text.reserve(256 + collectName.size() + serviceName.size() + resourceName.size() + samples.size());
+    ObjectWriter collection(text);
+    collection.value("causeOfSubmit").append("0");
+    collection.value("collectName").append(collectName);
+    collection.value("endOfHistory").append(endOfHistory);
+    collection.value("historyLength").append(std::to_string(historyLength));
+    collection.value("index").append(index);
+    collection.value("lagLength").append("0");
+    collection.value("resourceName").append(resourceName);
+    collection.value("samples").append(samples);
+    collection.value("serviceName").append(serviceName);
+    collection.end();
+    return text;
+}
+
+/// The samples of a signal collection, oldest first. What a record says of itself is taken out of it; a
+/// record that lacks such a member takes over that of the record before it. The collection says what the last
+/// record says.
+class Samples {
+  public:
+    /// Appends the record's sample. The sample's text, valid until the next call.
+    std::string_view add(std::string_view record) {
+        if (m_count++ != 0) {
+            m_text.push_back(',');
+        }
+        const std::size_t begin = m_text.size();
+        ObjectWriter sample(m_text);
+        ObjectWriter pairs(sample.value("propertyValuePairs"));
+        for (ObjectReader members(record); members.next();) {
+            const auto* const known = std::find(std::begin(kKnown), std::end(kKnown), members.name());
+            if (known == std::end(kKnown)) {
+                pairs.member(members.member());
+            } else {
+                m_last[static_cast<std::size_t>(known - std::begin(kKnown))] = members.value();
+            }
+        }
+        pairs.end();
+        sample.value("timestamp").append(asString(m_last[Timestamp]));
+        sample.end();
+        return std::string_view(m_text).substr(begin);
+    }
+
+    /// The collection of all that was added. `collector` is the name that its records have: a text cannot
+    /// give back each name's bytes.
+    SignalCollection finish(const std::string& collector) {
+        m_text.push_back(']');
+        const std::string name = asString(m_last[CollectorName]);
+        return {name == compactText(collector) ? collector : textOf(valueOf(name)),
+                collectionText(name, asString(m_last[ServiceName]), asString(m_last[ResName]), m_count,
+                               asInt(m_last[Index]), asString(m_last[Timestamp]), m_text)};
+    }
+
+  private:
+    enum Known { CollectorName, ServiceName, ResName, Index, Timestamp, Count };
+    static constexpr std::string_view kKnown[Count] = {"collectorName", "serviceName", "resName", "index",
+                                                       "timestamp"};
+
+    std::array<std::string, Count> m_last;  ///< texts of the values that were there last; empty: none yet
+    std::string m_text = "[";
+    unsigned int m_count = 0;
+};
 
 }  // namespace
 
@@ -71,15 +171,11 @@ void CollectorImpl::onOnEventCallback(Message /*message*/) {
     moveToHistoryState();
 }
 
-void CollectorImpl::insertRecord(Value& record) {
-    insertRecord(TextedRecord(record));
-}
-
-void CollectorImpl::insertRecord(TextedRecord record) {
+void CollectorImpl::insertRecord(Record record) {
     VLM_LOG_AS(5, kInsertRecord, "Adding new record to InputQ for the Collector: " << m_name);
     std::string text;  // the queue takes the record's own
-    const bool told = kyo::Log::enabled(5);
-    if (told) {
+    const bool traced = kyo::Log::enabled(5);
+    if (traced) {
         text = record.text;
     }
     // One insertion at a time: in the History state every record passes at once. Two that met in the input
@@ -88,7 +184,7 @@ void CollectorImpl::insertRecord(TextedRecord record) {
     if (m_input.put(std::move(record), kRecordWeight)) {
         recordsWaiting().fetch_add(1, std::memory_order_relaxed);
     }
-    if (told) {
+    if (traced) {
         VLM_LOG_AS(5, kInsertRecord,
                    "Record inserted to Input queue for the Collector " << m_name << " recordJson: " << text);
     }
@@ -136,10 +232,10 @@ bool CollectorImpl::validateRecord() {
     for (;;) {
         std::int64_t front = 0;
         std::int64_t back = 0;
-        if (!m_input.withFront([&front](const TextedRecord& record) { front = record.timestamp; })) {
+        if (!m_input.withFront([&front](const Record& record) { front = record.timestamp; })) {
             return false;
         }
-        m_input.withBack([&back](const TextedRecord& record) { back = record.timestamp; });
+        m_input.withBack([&back](const Record& record) { back = record.timestamp; });
         // Time stamps are whatever a record says: the difference must not overflow.
         const auto difference =
             static_cast<std::int64_t>(static_cast<std::uint64_t>(front) - static_cast<std::uint64_t>(back));
@@ -157,7 +253,7 @@ bool CollectorImpl::validateRecord() {
         }
         VLM_LOG(5, "Difference is greater than history.");
         VLM_LOG(5, "Removed expired record for the Collector: " << m_name);
-        TextedRecord discarded;
+        Record discarded;
         if (m_input.take(&discarded)) {
             left(expired);
         }
@@ -181,15 +277,15 @@ void CollectorImpl::moveRecFromInputqToOutputq() {
             "ZEPH-44035: Collector: "
                 << m_name
                 << " VLM ensures that no new entry are going to be missed during the restart the new event");
-        TextedRecord record;
+        Record record;
         if (!m_input.take(&record)) {
             return;
         }
         VLM_LOG(5,
                 "Taking data from input queue for the Collector: " << m_name << " jsonCopy: " << record.text);
         std::string text;
-        const bool told = kyo::Log::enabled(5);
-        if (told) {
+        const bool traced = kyo::Log::enabled(5);
+        if (traced) {
             text = record.text;
         }
         if (m_output.put(std::move(record.text), kRecordWeight)) {
@@ -197,7 +293,7 @@ void CollectorImpl::moveRecFromInputqToOutputq() {
         } else {
             recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
         }
-        if (told) {
+        if (traced) {
             VLM_LOG(5, "Moved data from input queue to output queue for the Collector: "
                            << m_name << " jsonCopy: " << text);
         }
@@ -217,39 +313,27 @@ void CollectorImpl::moveRecordFromOutputqToReportBuffer() {
     VlmReportControl::getInstance().addToReport(buildCollection());
 }
 
-SignalCollection CollectorImpl::emptyCollection() const {
-    Value collection(kyo::Json::objectValue);
-    collection[StaticString("collectName")] = m_name;
-    collection[StaticString("serviceName")] = m_serviceName;
-    collection[StaticString("resourceName")] = m_resourceName;
-    collection[StaticString("historyLength")] = 0;
-    collection[StaticString("lagLength")] = 0;
-    collection[StaticString("index")] = m_index;
-    collection[StaticString("endOfHistory")] = static_cast<kyo::Json::Int64>(m_lastOnEvent.load());
-    collection[StaticString("causeOfSubmit")] = 0;
-    collection[StaticString("samples")] = Value();
-    return SignalCollection(collection);
-}
-
 SignalCollection CollectorImpl::buildCollection() {
     if (m_output.size() == 0) {
         VLM_LOG_AS(5, kMoveToReport, "Output queue of Collector " << m_name << " is empty");
-        return emptyCollection();
+        return {m_name,
+                collectionText(compactText(m_name), compactText(m_serviceName), compactText(m_resourceName),
+                               0, std::to_string(m_index), std::to_string(m_lastOnEvent), "null")};
     }
-    CollectionWriter writer;
+    Samples samples;
     std::string record;
     while (m_output.take(&record)) {
         recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
         VLM_LOG_AS(
             5, kMoveToReport,
             "moveRecordFromOutputqToReportBuffer for the Collector: " << m_name << " jsonCopy " << record);
-        const std::string_view sample = writer.add(record);
+        const std::string_view sample = samples.add(record);
         VLM_LOG_AS(5, kMoveToReport, "Sample: " << sample);
         VLM_LOG_AS(
             5, kMoveToReport,
             "ZEPH-43126: Collector: " << m_name << " collects the last sample data and it´s timestamp");
     }
-    SignalCollection collection = writer.finish();
+    SignalCollection collection = samples.finish(m_name);
     VLM_LOG_AS(5, kMoveToReport,
                "ZEPH-64284: Collector: " << m_name << " creating the end_of_history for the report");
     VLM_LOG_AS(5, kMoveToReport,

@@ -6,7 +6,7 @@
 #include "base/ConcurrentQueue.h"
 #include "collect/CollectorOnEventType.h"
 #include "collect/ICollector.h"
-#include "collect/TextedRecord.h"
+#include "collect/Record.h"
 #include "kyo/Mutex.h"
 #include "kyo/ThreadCondition.h"
 #include "report/SignalCollection.h"
@@ -29,9 +29,8 @@ class CollectorImpl : public ICollector {
     CollectorImpl& operator=(const CollectorImpl&) = delete;
 
     void onOnEventCallback(Message message) override;
-    void insertRecord(kyo::Json::Value& record) override;
-    /// The same for a record that is written already.
-    void insertRecord(TextedRecord record);
+    void insertRecord(kyo::Json::Value& record) override { insertRecord(Record(record)); }
+    void insertRecord(Record record);
     void setHistoryDuration(long long duration) override { m_history = duration; }
 
     void setState(ICollector::State state) { m_state = state; }
@@ -56,11 +55,10 @@ class CollectorImpl : public ICollector {
   private:
     /// Trims the input queue. True when its records may pass. Call with m_mutex held.
     bool validateRecord();
-    SignalCollection emptyCollection() const;
 
     std::atomic<ICollector::State> m_state{ICollector::History};
     const std::string m_name;
-    ConcurrentQueue<TextedRecord> m_input;
+    ConcurrentQueue<Record> m_input;
     ConcurrentQueue<std::string> m_output;  ///< texts of records
     kyo::Mutex m_insertMutex;  ///< held by an insertion from the put to the move; taken before m_mutex
     kyo::Mutex m_mutex;        ///< held while records are trimmed or pass between the queues

@@ -38,11 +38,7 @@ IngressQueue* IngressQueue::getInstance() {
 
 IngressQueue::IngressQueue() : m_records(&kyo::Status::counter("queue.ingress.dropped")) {}
 
-void IngressQueue::insertRecord(kyo::Json::Value& record) {
-    insertRecord(TextedRecord(record));
-}
-
-void IngressQueue::insertRecord(TextedRecord record) {
+void IngressQueue::insertRecord(Record record) {
     if (kyo::Log::enabled(7)) {
         kyo::Log().get(7) << kInsertRecord << ':' << __LINE__;
     }
@@ -91,12 +87,12 @@ void IngressQueue::run() {
     }
 }
 
-bool IngressQueue::takeRecord(TextedRecord* record) {
+bool IngressQueue::takeRecord(Record* record) {
     return m_records.take(record);
 }
 
 bool IngressQueue::drainOnce() {
-    TextedRecord record;
+    Record record;
     while (takeRecord(&record)) {
         if (m_stop) {
             return false;
@@ -107,7 +103,7 @@ bool IngressQueue::drainOnce() {
     return !m_stop;
 }
 
-void IngressQueue::dispatch(TextedRecord record) {
+void IngressQueue::dispatch(Record record) {
     static auto& dispatched = kyo::Status::counter("records.dispatched");
     static auto& failed = kyo::Status::counter("threads.failed");
     // The function is copied: the thread may outlive this object.

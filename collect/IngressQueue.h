@@ -4,7 +4,7 @@
 
 #include "base/ConcurrentQueue.h"
 #include "base/Worker.h"
-#include "collect/TextedRecord.h"
+#include "collect/Record.h"
 #include "kyo/Json.h"
 
 namespace vlmProd {
@@ -18,7 +18,7 @@ namespace vlmProd {
 /// next one.
 class IngressQueue : public Worker {
   public:
-    using Dispatch = std::function<void(TextedRecord)>;
+    using Dispatch = std::function<void(Record)>;
 
     /// Created on the first call. Left to the operating system: its thread waits on the condition until the
     /// process ends.
@@ -32,11 +32,10 @@ class IngressQueue : public Worker {
 
     void run() override;
 
-    /// Queues the record's text and wakes the thread; returns quickly. Called on middleware threads. A record
+    /// Queues the record and wakes the thread; returns quickly. Called on middleware threads. A record
     /// whose queue could not be locked in ten tries is lost and counted.
-    void insertRecord(kyo::Json::Value& record);
-    /// The same for a record that is written already.
-    void insertRecord(TextedRecord record);
+    void insertRecord(Record record);
+    void insertRecord(kyo::Json::Value& record) { insertRecord(Record(record)); }
     void SendWakeupSignal();
     /// Ends the thread at its next check. A record that it takes then is dropped.
     void stopIngressQueueThread();
@@ -46,15 +45,15 @@ class IngressQueue : public Worker {
     /// Dispatches the queued records. Returns false when the stop flag is set.
     bool drainOnce() override;
     /// Takes the oldest record out. False when there is none.
-    bool takeRecord(TextedRecord* record);
+    bool takeRecord(Record* record);
     /// Bytes of compact JSON text waiting.
     unsigned int queuedBytes() { return m_records.size(); }
 
   private:
-    void dispatch(TextedRecord record);
+    void dispatch(Record record);
 
     Dispatch m_dispatch;  ///< set once, before the thread starts
-    ConcurrentQueue<TextedRecord> m_records;
+    ConcurrentQueue<Record> m_records;
 };
 
 }  // namespace vlmProd

@@ -171,7 +171,7 @@ bool ConfigResponseHandler::initializeServiceDiscovery() {
 void ConfigResponseHandler::startIngressQueue() {
     IngressQueue& queue = *IngressQueue::getInstance();
     if (!queue.started()) {
-        queue.setDispatch([](TextedRecord record) {
+        queue.setDispatch([](Record record) {
             ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record));
         });
     }
@@ -266,11 +266,7 @@ void ConfigResponseHandler::configureIndex(const std::string& service, const std
     services().setCollectorName(proxy, resource, index, collect->second);
 }
 
-void ConfigResponseHandler::sendRecordsToCollectorObject(Value record) {
-    sendRecordsToCollectorObject(TextedRecord(record));
-}
-
-void ConfigResponseHandler::sendRecordsToCollectorObject(TextedRecord record) {
+void ConfigResponseHandler::sendRecordsToCollectorObject(Record record) {
     static auto& withoutCollector = kyo::Status::counter("records.withoutCollector");
     std::shared_ptr<Collector> collector;
     {

@@ -14,7 +14,7 @@
 
 #include "bus/EventControl.h"
 #include "collect/Collector.h"
-#include "collect/TextedRecord.h"
+#include "collect/Record.h"
 #include "config/ConfigParser.h"
 #include "kyo/Json.h"
 #include "services/ServiceDiscovery.h"
@@ -61,8 +61,10 @@ class ConfigResponseHandler {
 
     /// Hands the record to the collector that its "collectorName" names, or drops and counts it. Called on
     /// the ingress queue's dispatch threads, many at once.
-    void sendRecordsToCollectorObject(kyo::Json::Value record);
-    void sendRecordsToCollectorObject(TextedRecord record);
+    void sendRecordsToCollectorObject(Record record);
+    void sendRecordsToCollectorObject(kyo::Json::Value record) {
+        sendRecordsToCollectorObject(Record(record));
+    }
 
     /// Subscribes what is configured in endless passes, as long as the process lives. Returns at once when
     /// another thread does it already.

@@ -16,18 +16,18 @@ std::vector<const SignalCollection*> pointersTo(const std::vector<SignalCollecti
     return pointers;
 }
 
-void appendArray(std::string& out, const std::vector<const SignalCollection*>& collections) {
-    char before = '[';
-    for (const auto* collection : collections) {
-        out.push_back(std::exchange(before, ','));
-        out.append(collection->text);
-    }
-    out.append(collections.empty() ? "[]" : "]");
-}
-
 std::string arrayText(const std::vector<const SignalCollection*>& collections) {
+    std::size_t length = 2;
+    for (const auto* collection : collections) {
+        length += collection->text.size() + 1;
+    }
     std::string text;
-    appendArray(text, collections);
+    text.reserve(length);
+    text.push_back('[');
+    for (const auto* collection : collections) {
+        text.append(collection == collections.front() ? "" : ",").append(collection->text);
+    }
+    text.push_back(']');
     return text;
 }
 

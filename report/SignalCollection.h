@@ -7,8 +7,7 @@
 
 namespace vlmProd {
 
-/// What one collector held at a tick, on its way to the reports: compact text, which goes into them as it
-/// stands, and the collector's name, by which they choose.
+/// What one collector held at a tick, on its way to the reports.
 struct SignalCollection {
     SignalCollection() = default;
     SignalCollection(std::string name, std::string json)
@@ -16,13 +15,12 @@ struct SignalCollection {
     /// Writes the collection; its name is that of its member "collectName", or empty.
     explicit SignalCollection(const kyo::Json::Value& collection);
 
-    std::string collectName;
-    std::string text;
+    std::string collectName;  ///< by which a report chooses: the configuration's bytes
+    std::string text;         ///< base/CompactJson.h; goes into the reports as it is
 };
 
 std::vector<const SignalCollection*> pointersTo(const std::vector<SignalCollection>& collections);
-/// Appends a JSON array of them.
-void appendArray(std::string& out, const std::vector<const SignalCollection*>& collections);
+/// A JSON array of them.
 std::string arrayText(const std::vector<const SignalCollection*>& collections);
 
 }  // namespace vlmProd

@@ -51,14 +51,10 @@ void VlmDataSubmissionControl::startServer() {
     }
 }
 
-bool VlmDataSubmissionControl::addReportToShippingQueue(kyo::Json::Value& report) {
-    return addReportToShippingQueue(ShippedReport(report));
-}
-
-bool VlmDataSubmissionControl::addReportToShippingQueue(ShippedReport report) {
+bool VlmDataSubmissionControl::addReportToShippingQueue(Report report) {
     static kyo::Counter& queued = kyo::Status::counter("reports.queued");
     const std::lock_guard<kyo::Mutex> lock(m_addMutex);
-    const auto length = static_cast<unsigned int>(report.text().size());
+    const auto length = static_cast<unsigned int>(report.length());
     VLM_LOG_PLAIN_AS(5, kAddReport, "ZEPH-49288 VLM sending the Report to ShippingBuffer: " << report.text());
     VLM_LOG_PLAIN_AS(5, kAddReport, "Size of SHIP QUEUE BEFORE INSERT = " << m_shippingQueue.size());
     // Counted before it can be taken, so that the count never falls below zero.
@@ -106,7 +102,7 @@ void VlmDataSubmissionControl::processReportFromQueue() {
     static kyo::Counter& discarded = kyo::Status::counter("reports.discarded");
     static kyo::Counter& sent = kyo::Status::counter("reports.sent");
     const std::lock_guard<std::recursive_mutex> lock(m_sendMutex);
-    ShippedReport report;
+    Report report;
     if (!m_shippingQueue.take(&report)) {
         VLM_LOG_PLAIN(5,
                       "Since shipping queue is empty and send next data is true. Enabling to send data when "
@@ -188,7 +184,7 @@ void VlmDataSubmissionControl::stopVlmDataSubmissionControl() {
     broadcast();
 }
 
-std::int32_t VlmDataSubmissionControl::send(ShippedReport& report) {
+std::int32_t VlmDataSubmissionControl::send(const Report& report) {
     static kyo::Counter& failed = kyo::Status::counter("reports.failed");
     const std::int32_t result = m_link->sendToOrx(report);
     if (result != 0) {

@@ -10,7 +10,7 @@
 #include "base/Worker.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
-#include "report/ShippedReport.h"
+#include "report/Report.h"
 #include "report/VlmServer.h"
 #include "report/orxStatus.h"
 
@@ -35,8 +35,10 @@ class VlmDataSubmissionControl : public Worker {
     void startServer();
 
     /// Queues a report; always true. Any thread. The queue has no limit of length.
-    bool addReportToShippingQueue(kyo::Json::Value& report);
-    bool addReportToShippingQueue(ShippedReport report);
+    bool addReportToShippingQueue(Report report);
+    bool addReportToShippingQueue(kyo::Json::Value& report) {
+        return addReportToShippingQueue(Report(report));
+    }
 
     /// Sends the oldest queued report, or returns to idle when there is none.
     void processReportFromQueue();
@@ -56,13 +58,13 @@ class VlmDataSubmissionControl : public Worker {
     bool drainOnce() override;
 
   private:
-    std::int32_t send(ShippedReport& report);
+    std::int32_t send(const Report& report);
     void becomeIdle();
 
     kyo::Mutex m_addMutex;  ///< one report at a time is added, so that the logged sizes belong to it
-    ConcurrentQueue<ShippedReport> m_shippingQueue;  ///< weighted with the lengths of their texts
-    std::uint64_t m_bytesAdded = 0;                  ///< guarded by m_addMutex
-    ShippedReport m_lastReport;                      ///< guarded by m_sendMutex; with its catalog id
+    ConcurrentQueue<Report> m_shippingQueue;  ///< weighted with the lengths of their texts
+    std::uint64_t m_bytesAdded = 0;           ///< guarded by m_addMutex
+    Report m_lastReport;                      ///< guarded by m_sendMutex
     std::atomic<bool> m_sendNextData{false};  ///< a report was handed to the link and its result is awaited
     std::shared_ptr<VlmServer> m_link;        ///< set once, before the thread starts
 

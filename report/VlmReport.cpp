@@ -50,29 +50,26 @@ bool VlmReport::isCollectionPartOfReport(std::string collectorName) {
     return found;
 }
 
-ShippedReport VlmReport::createReport(const std::vector<SignalCollection>& collections,
-                                      std::string catalogId) {
+Report VlmReport::createReport(const std::vector<SignalCollection>& collections, std::string catalogId) {
     VLM_LOG_AS(5, kCreateReport,
                "ZEPH-46511: VLM wants to create a report with following data from VLM configuration");
     VLM_LOG_AS(5, kCreateReport, "ZEPH-49289: VLM wants to create the datetime for the report");
     char createDatetime[24];
     std::snprintf(createDatetime, sizeof createDatetime, "%llu", kyo::DateTime::getCurrentTimeMs());
-    Value report(kyo::Json::objectValue);
-    report[StaticString("functionId")] = m_functionId;
-    report[StaticString("configName")] = m_configName;
-    report[StaticString("configVersion")] = m_configVersion;
-    report[StaticString("applicationName")] = m_applicationName;
-    report[StaticString("reportName")] = m_reportName;
-    report[StaticString("catalogId")] = catalogId;
-    report[StaticString("sequenceNumber")] = m_sequenceNumber;
-    report[StaticString("numPartitions")] = m_numPartitions;
-    report[StaticString("transactionTypeId")] = m_transactionTypeId;
-    report[StaticString("createDatetime")] = createDatetime;
+    Report report;
+    Value& members = report.members;
+    members[StaticString("functionId")] = m_functionId;
+    members[StaticString("configName")] = m_configName;
+    members[StaticString("configVersion")] = m_configVersion;
+    members[StaticString("applicationName")] = m_applicationName;
+    members[StaticString("reportName")] = m_reportName;
+    members[StaticString("catalogId")] = catalogId;
+    members[StaticString("sequenceNumber")] = m_sequenceNumber;
+    members[StaticString("numPartitions")] = m_numPartitions;
+    members[StaticString("transactionTypeId")] = m_transactionTypeId;
+    members[StaticString("createDatetime")] = createDatetime;
 
     VLM_LOG_AS(5, kCreateReport, "Before report Filter, old Data = " << arrayText(pointersTo(collections)));
-    // No collections at all leave null, collections that all belong elsewhere an empty array.
-    report[StaticString("signalCollections")] =
-        Value(collections.empty() ? kyo::Json::nullValue : kyo::Json::arrayValue);
     std::vector<const SignalCollection*> gathered;
     for (const auto& collection : collections) {
         if (isCollectionPartOfReport(collection.collectName)) {
@@ -83,16 +80,17 @@ ShippedReport VlmReport::createReport(const std::vector<SignalCollection>& colle
                 "The collector " << collection.collectName << "Is not part of report " << m_reportName);
         }
     }
-    VLM_LOG_AS(5, kCreateReport,
-               "After report Filter, new Data = " << (collections.empty() ? "null" : arrayText(gathered)));
-    ShippedReport shipped(report, gathered);
+    // No collections at all leave null, collections that all belong elsewhere an empty array.
+    members[StaticString("signalCollections")] = Value();
+    report.collections = collections.empty() ? "null" : arrayText(gathered);
+    VLM_LOG_AS(5, kCreateReport, "After report Filter, new Data = " << report.collections);
 
     VLM_LOG_AS(5, kCreateReport,
                "ZEPH-49280 VLM increasing SequenceNumber for each sent Report: " << m_sequenceNumber);
     ++m_sequenceNumber;
     static auto& built = kyo::Status::counter("reports.built");
     built.add();
-    return shipped;
+    return report;
 }
 
 }  // namespace vlmProd

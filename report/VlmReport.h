@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "report/ShippedReport.h"
+#include "report/Report.h"
 #include "report/SignalCollection.h"
 
 namespace vlmProd {
@@ -23,7 +23,7 @@ class VlmReport {
     bool isCollectionPartOfReport(std::string collectorName);
 
     /// Builds the report from those of the signal collections that belong to it, and counts it.
-    ShippedReport createReport(const std::vector<SignalCollection>& collections, std::string catalogId);
+    Report createReport(const std::vector<SignalCollection>& collections, std::string catalogId);
 
     std::string getReportName() const { return m_reportName; }
     void setPrivacyType(PrivacyGroup group) { m_privacyGroup = group; }

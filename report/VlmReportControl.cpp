@@ -54,7 +54,7 @@ VlmReportControl& VlmReportControl::getInstance() {
 }
 
 VlmReportControl::VlmReportControl()
-    : VlmReportControl([](ShippedReport report) {
+    : VlmReportControl([](Report report) {
           VlmDataSubmissionControl::getInstance()->addReportToShippingQueue(std::move(report));
       }) {}
 
@@ -132,7 +132,7 @@ void VlmReportControl::processReportQueue(const std::vector<SignalCollection>& a
     std::string catalogId;
     getCatalogId(catalogId);
     for (const auto& [name, report] : configured) {
-        ShippedReport built = report->createReport(aggregated, catalogId);
+        Report built = report->createReport(aggregated, catalogId);
         VLM_LOG_AS(5, kProcessReportQueue, "ZEPH-49288: VLM wants to send the VLM Report to shipping buffer");
         m_ship(std::move(built));
     }

@@ -9,7 +9,7 @@
 #include "base/Worker.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
-#include "report/ShippedReport.h"
+#include "report/Report.h"
 #include "report/SignalCollection.h"
 #include "report/VlmReport.h"
 
@@ -23,7 +23,7 @@ namespace vlmProd {
 /// may be called from any thread.
 class VlmReportControl : public Worker {
   public:
-    using Ship = std::function<void(ShippedReport)>;
+    using Ship = std::function<void(Report)>;
 
     /// Created on first use. Left to the operating system: its thread waits on the condition until the
     /// process ends.

@@ -96,10 +96,10 @@ std::string makeSalt() {
 }
 
 /// Which event an envelope tells of: one identifier per configured report.
-std::string makeEventId(const ShippedReport& report) {
+std::string makeEventId(const Report& report) {
     std::string id = "VLM";
     for (const char* key : {"applicationName", "reportName"}) {
-        const std::string part = textOf(report.member(key));
+        const std::string part = textOf(member(report.members, key));
         if (!part.empty()) {
             id += '.' + part;
         }
@@ -242,17 +242,14 @@ bool VlmServer::isAnythingPermitted() const {
 }
 
 std::int32_t VlmServer::sendToOrx(kyo::Json::Value& report) {
-    if (!isAnythingPermitted()) {
-        return kNothingPermitted;
-    }
-    ShippedReport shipped(report);
-    if (report.isObject()) {
+    const Report whole(report);
+    if (report.isObject() && isAnythingPermitted()) {
         report.removeMember("catalogId");
     }
-    return sendToOrx(shipped);
+    return sendToOrx(whole);
 }
 
-std::int32_t VlmServer::sendToOrx(ShippedReport& report) {
+std::int32_t VlmServer::sendToOrx(const Report& report) {
     if (!isAnythingPermitted()) {
         return kNothingPermitted;
     }
@@ -275,12 +272,13 @@ std::int32_t VlmServer::sendToOrx(ShippedReport& report) {
     envelope["isCallbackAbilityRequested"] = true;
     VLM_LOG_AS(5, kSendToOrx, "ZEPH-48831 VLM setting Callback Ability to: " << true);
 
-    const std::string catalogId = textOf(report.member("catalogId"));
+    const std::string catalogId = textOf(member(report.members, "catalogId"));
     VLM_LOG_AS(5, kSendToOrx, "ZEPH-50057 Using OrxConfig recordId as CatalogId: " << catalogId);
     // Reports of one tick have the same creation time; name and number tell them apart, also when sent again.
-    const std::string messageId = getUniqueMessageId(
-        catalogId, textOf(report.member("createDatetime")),
-        textOf(report.member("reportName")) + '#' + textOf(report.member("sequenceNumber")));
+    const std::string messageId =
+        getUniqueMessageId(catalogId, textOf(member(report.members, "createDatetime")),
+                           textOf(member(report.members, "reportName")) + '#' +
+                               textOf(member(report.members, "sequenceNumber")));
     envelope["messageId"] = messageId;
     VLM_LOG_AS(5, kSendToOrx,
                "ZEPH-51421 VLM using catlogId and createDateTime to create UniqueMessageId: " << messageId);
@@ -289,7 +287,7 @@ std::int32_t VlmServer::sendToOrx(ShippedReport& report) {
     const auto seconds = static_cast<kyo::Json::UInt64>(kyo::DateTime::getCurrentTimeMs() / 1000);
     envelope["timestamp"] = seconds;
     VLM_LOG_AS(5, kSendToOrx, "ZEPH-48804 VLM Send data timestamp: " << seconds);
-    envelope["orxClientDataReport"] = report.withoutCatalogId();
+    envelope["orxClientDataReport"] = report.textToSend();
     VLM_LOG_AS(5, kSendToOrx, "ZEPH-48865 VLM sends Report as ORX DATA = " << envelope);
 
     const std::lock_guard<kyo::Mutex> lock(m_sendMutex);

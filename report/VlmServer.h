@@ -10,7 +10,7 @@
 #include "kyo/Mutex.h"
 #include "kyo/OrxClient.h"
 #include "report/ConfigurationReceiver.h"
-#include "report/ShippedReport.h"
+#include "report/Report.h"
 #include "report/orxStatus.h"
 
 namespace vlmProd {
@@ -44,11 +44,11 @@ class VlmServer {
     /// with a member of the wrong type is refused whole, and what was known stays.
     void handleMasterControlCallBack(kyo::Json::Value message);
 
-    /// Sends one report in an envelope. Takes the member "catalogId" out of `report`. 0: sent;
-    /// kNothingPermitted; otherwise the client's code. Blocks for at most the client's flush to disk.
+    /// Sends one report, without its catalog id, in an envelope. Returns 0 when it was sent,
+    /// kNothingPermitted, or the client's code. Blocks for at most the client's flush to disk.
+    std::int32_t sendToOrx(const Report& report);
+    /// Also takes the member "catalogId" out of `report`.
     std::int32_t sendToOrx(kyo::Json::Value& report);
-    /// The same for a report that is text already. It keeps its catalog id, but no longer in its text.
-    std::int32_t sendToOrx(ShippedReport& report);
 
     /// The identifier of a message, a UUID in text form. The same inputs give the same identifier, so that
     /// the backend knows a repeated report. Reports of one millisecond differ in `adjustment`.

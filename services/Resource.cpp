@@ -1,14 +1,12 @@
 #include "services/Resource.h"
 
-#include <algorithm>
-#include <memory>
+#include <iterator>
 #include <mutex>
-#include <optional>
+#include <string_view>
 #include <utility>
 
-#include "base/CompactObject.h"
+#include "base/CompactJson.h"
 #include "base/JsonFields.h"
-#include "base/StableText.h"
 #include "base/VlmLog.h"
 #include "collect/IngressQueue.h"
 
@@ -19,39 +17,12 @@ using kyo::Json::Value;
 
 namespace {
 
-std::string collectorKey(std::string_view service, std::string_view resource, int index) {
-    std::string key(service);
-    return key.append("|").append(resource).append("|").append(std::to_string(index));
-}
-
 std::string_view textIn(const Value& record, std::string_view name) {
     const char* begin = nullptr;
     const char* end = nullptr;
     const Value* const found = record.find(name.data(), name.data() + name.size());
     return found != nullptr && found->getString(&begin, &end) ? std::string_view(begin, end - begin)
                                                               : std::string_view();
-}
-
-/// Puts the member into the compact text of an object, where the writer would. False when it is there
-/// already.
-bool insertMember(std::string& object, std::string_view name, const Value& value) {
-    std::size_t at = object.size() - 1;  // before the closing brace
-    bool first = true;
-    bool last = true;
-    for (CompactObject members(object); last && members.next(); first = false) {
-        if (members.name() == name) {
-            return false;
-        }
-        if (members.name() > name) {
-            at = static_cast<std::size_t>(members.whole().data() - object.data());
-            last = false;
-        }
-    }
-    std::string member(last && !first ? "," : "");
-    member.append(1, '"').append(name).append("\":");
-    kyo::Json::appendCompact(member, value);
-    object.insert(at, member.append(last ? "" : ","));
-    return true;
 }
 
 }  // namespace
@@ -90,31 +61,7 @@ void Resource::setCollectorName(std::string service, std::string resource, int i
     VLM_LOG(5, "setCollectorName ::servName,resrName,index,collectName" << service << "," << resource << ","
                                                                         << index << "," << collector);
     const std::unique_lock lock(m_configuration);
-    m_collectorNames[collectorKey(service, resource, index)] = collector;
-    if (resource != m_name) {
-        return;  // no record of this resource can match it
-    }
-    const auto at =
-        std::lower_bound(m_routes.begin(), m_routes.end(), std::pair(index, std::string_view(service)),
-                         [](const Route& route, const auto& key) {
-                             return std::pair(route.index, std::string_view(route.service)) < key;
-                         });
-    if (at != m_routes.end() && at->index == index && at->service == service) {
-        at->collector = stableText(collector);
-    } else {
-        m_routes.insert(at, Route{index, std::move(service), stableText(collector)});
-    }
-}
-
-std::optional<StaticString> Resource::findCollector(int index, std::string_view service) const {
-    const auto at = std::lower_bound(m_routes.begin(), m_routes.end(), std::pair(index, service),
-                                     [](const Route& route, const auto& key) {
-                                         return std::pair(route.index, std::string_view(route.service)) < key;
-                                     });
-    if (at == m_routes.end() || at->index != index || at->service != service) {
-        return std::nullopt;
-    }
-    return at->collector;
+    m_collectorNames[{index, std::move(service), std::move(resource)}] = std::move(collector);
 }
 
 void Resource::setSubscribed() {
@@ -129,16 +76,13 @@ bool Resource::isSubscribed() {
 
 void Resource::processData(Value record) {
     // Asked once, so that the trace is whole or absent.
-    const bool told = kyo::Log::enabled(5);
-    std::string text;  // written once; the trace shows it before and after it is completed, and by members
-    if (told) {
-        text.reserve(std::size_t{40} * record.size());
-        kyo::Json::appendCompact(text, record);
-    }
+    const bool traced = kyo::Log::enabled(5);
+    const std::string incomplete = traced ? compactText(record) : "";
+    const std::size_t members = record.size();
     std::size_t indexes = 0;
     std::size_t attributes = 0;
     int index = 0;
-    std::optional<StaticString> collector;
+    bool found = false;
     {
         const std::shared_lock lock(m_configuration);
         indexes = m_indexAttributes.size();
@@ -149,37 +93,34 @@ void Resource::processData(Value record) {
         }
         // A sample without its key is not one of index 0.
         if (key != nullptr && !key->isNull() && toInt(*key, index)) {
-            collector = findCollector(index, textIn(record, "serviceName"));
+            const auto collector = m_collectorNames.find(
+                std::tuple(index, textIn(record, "serviceName"), std::string_view(m_name)));
+            found = collector != m_collectorNames.end();
+            if (found) {
+                record[StaticString("collectorName")] = collector->second;
+                record[StaticString("index")] = index;
+            }
         }
     }
-    if (told) {
-        VLM_LOG(5, "jsonData: " << text);
+    Record complete(record);
+    if (traced) {
+        VLM_LOG(5, "jsonData: " << incomplete);
         VLM_LOG(5, "Size of someip index map = " << indexes);
         VLM_LOG(5, "Size of attributes = " << attributes);
-        VLM_LOG(5, "JSON VALUES MEMBER SIZE = " << record.size());
-    }
-    if (collector) {
-        if (told) {
-            VLM_LOG(5, "COLLECT NAME FOUND = " << collector->c_str() << "for key = "
-                                               << collectorKey(textIn(record, "serviceName"), m_name, index));
+        VLM_LOG(5, "JSON VALUES MEMBER SIZE = " << members);
+        if (found) {
+            VLM_LOG(5, "COLLECT NAME FOUND = " << complete.collectorName
+                                               << "for key = " << textIn(record, "serviceName") << '|'
+                                               << m_name << '|' << index);
         }
-        record[StaticString("collectorName")] = Value(*collector);
-        record[StaticString("index")] = Value(index);
-    }
-    if (told) {
-        if (collector && !(insertMember(text, "collectorName", Value(*collector)) &&
-                           insertMember(text, "index", Value(index)))) {
-            text = compactText(record);  // it has brought one of them along
-        }
-        for (CompactObject members(text); members.next();) {
-            VLM_LOG(5, "[" << members.name() << "]:" << members.value());
+        for (ObjectReader object(complete.text); object.next();) {
+            VLM_LOG(5, "[" << object.name() << "]:" << object.value());
         }
         if (record.isObject()) {
-            VLM_LOG(5, "FAST WRITER = " << text);
+            VLM_LOG(5, "FAST WRITER = " << complete.text);
         }
     }
-    IngressQueue::getInstance()->insertRecord(told ? TextedRecord(record, std::move(text))
-                                                   : TextedRecord(record));
+    IngressQueue::getInstance()->insertRecord(std::move(complete));
 }
 
 }  // namespace vlmProd

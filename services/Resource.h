@@ -1,10 +1,10 @@
 #pragma once
 #include <atomic>
+#include <functional>
 #include <map>
-#include <optional>
 #include <shared_mutex>
 #include <string>
-#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "kyo/Event.h"
@@ -57,14 +57,6 @@ class Resource {
     kyo::Json::Value workValue() const;
 
   private:
-    /// A collector as the sample path finds it: by index and service, without composing a key.
-    struct Route {
-        int index;
-        std::string service;
-        kyo::Json::StaticString collector;
-    };
-
-    std::optional<kyo::Json::StaticString> findCollector(int index, std::string_view service) const;
     void addTo(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
     void insertEnum(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
 
@@ -74,8 +66,8 @@ class Resource {
     mutable std::shared_mutex m_configuration;  ///< guards the members below
     std::string m_someIPKey;
     std::map<int, std::vector<std::string>> m_indexAttributes;
-    std::map<std::string, std::string> m_collectorNames;  ///< by service|resource|index
-    std::vector<Route> m_routes;                          ///< m_collectorNames of this resource, by index
+    /// By index, service and resource.
+    std::map<std::tuple<int, std::string, std::string>, std::string, std::less<>> m_collectorNames;
     std::vector<std::string> m_attributes;
 
     mutable kyo::Mutex m_workMutex;  ///< guards m_work

@@ -185,7 +185,7 @@ void Pipeline::burst(int samples) {
 
 void Pipeline::sampleByHand() {
     inject();
-    TextedRecord record;
+    Record record;
     if (IngressQueue::getInstance()->takeRecord(&record)) {
         ConfigResponseHandler::getInstance()->sendRecordsToCollectorObject(std::move(record));
     }

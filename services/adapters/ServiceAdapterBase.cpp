@@ -5,7 +5,6 @@
 #include <thread>
 #include <utility>
 
-#include "base/StableText.h"
 #include "base/VlmLog.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
@@ -33,9 +32,7 @@ std::string namespaceOf(std::string_view className) {
 }  // namespace
 
 ServiceAdapterBase::ServiceAdapterBase(const char* className, std::string serviceName)
-    : m_className(className),
-      m_serviceName(std::move(serviceName)),
-      m_serviceNameInRecords(stableText(m_serviceName)) {}
+    : m_className(className), m_serviceName(std::move(serviceName)) {}
 
 bool ServiceAdapterBase::initProxy() {
     const std::lock_guard<std::mutex> connecting(m_connecting);
@@ -180,7 +177,7 @@ Value ServiceAdapterBase::newRecord(const char* event) const {
     Value record(kyo::Json::objectValue);
     record[StaticString("timestamp")] =
         Value(static_cast<kyo::Json::UInt64>(kyo::DateTime::getCurrentTimeMs()));
-    record[StaticString("serviceName")] = Value(m_serviceNameInRecords);
+    record[StaticString("serviceName")] = Value(StaticString(m_serviceName.c_str()));
     record[StaticString("resName")] = Value(StaticString(event));
     return record;
 }

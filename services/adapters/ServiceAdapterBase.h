@@ -63,7 +63,8 @@ class ServiceAdapterBase : public BaseServiceObject {
     /// The event's resource for one sample; says so when there is none. Like a map's subscript, it leaves an
     /// empty entry behind then.
     std::shared_ptr<Resource> resourceOfSample(const char* event);
-    /// A record with the members that every record has. `event` must live until the process ends.
+    /// A record with the members that every record has. It refers to `event` and to this adapter's name: it
+    /// must not outlive them.
     kyo::Json::Value newRecord(const char* event) const;
     static void countReceived(std::size_t samples);
     static void forward(Resource& resource, kyo::Json::Value&& record);
@@ -71,7 +72,6 @@ class ServiceAdapterBase : public BaseServiceObject {
   private:
     const char* const m_className;
     const std::string m_serviceName;
-    const kyo::Json::StaticString m_serviceNameInRecords;
     std::chrono::milliseconds m_attemptPause{1000};
     std::mutex m_connecting;  ///< one initProxy() at a time
     std::atomic<bool> m_found{false};

@@ -41,7 +41,7 @@ void askEverything(ConfigParser& parser) {
     require(code == ConfigErrorCode::Ok, "what was accepted is accepted again");
 
     int shipped = 0;
-    VlmReportControl control([&shipped](const ShippedReport&) { ++shipped; });
+    VlmReportControl control([&shipped](const Report&) { ++shipped; });
     const kyo::Json::Value reports = parser.configReportBlock(code);
     control.initializeReportControl(reports, parser.getConfigName(), parser.getConfigVersion());
     std::vector<SignalCollection> collections;

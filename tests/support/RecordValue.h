@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "collect/TextedRecord.h"
+#include "collect/Record.h"
 #include "kyo/Json.h"
 
 namespace vlmTest {
@@ -14,7 +14,7 @@ inline kyo::Json::Value valueOf(const std::string& text) {
     EXPECT_TRUE(kyo::Json::Reader().parse(text, value)) << text;
     return value;
 }
-inline kyo::Json::Value valueOf(const vlmProd::TextedRecord& record) {
+inline kyo::Json::Value valueOf(const vlmProd::Record& record) {
     return valueOf(record.text);
 }
 

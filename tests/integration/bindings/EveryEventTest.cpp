@@ -199,7 +199,7 @@ std::vector<Value> recordsOf(EventUnderTest& one) {
     EXPECT_TRUE(one.send()) << one.event().error();
     EXPECT_TRUE(eventually([&] { return converted.value() >= goal; }));
     std::vector<Value> records;
-    TextedRecord record;
+    Record record;
     while (IngressQueue::getInstance()->takeRecord(&record)) {
         records.push_back(vlmTest::valueOf(record));
     }

@@ -56,7 +56,7 @@ class OddDescription : public testing::Test {
 
     /// The one record that waits, as compact text without its time.
     std::string record() {
-        TextedRecord record;
+        Record record;
         if (!IngressQueue::getInstance()->takeRecord(&record)) {
             return "none";
         }

@@ -26,7 +26,7 @@ Value recordAt(int timestamp) {
 TEST(IngressQueue, WeighsARecordWithTheLengthOfItsTextAndDropsTheOneThatItTakesAfterTheStop) {
     const LogCapture log;
     IngressQueue queue;
-    queue.setDispatch([](const TextedRecord&) { ADD_FAILURE() << "dispatched after the stop"; });
+    queue.setDispatch([](const Record&) { ADD_FAILURE() << "dispatched after the stop"; });
     Value record = recordAt(5);
     queue.insertRecord(record);
     EXPECT_EQ(log.lines().front().signature, "void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&)");
@@ -44,7 +44,7 @@ TEST(IngressQueueThread, DispatchesAllThatWasPutWhileItSleptAfterOneWakeUpAndEnd
     // Shared with the dispatch threads.
     const auto dispatched = std::make_shared<std::atomic<std::uint64_t>>(0);
     auto* const queue = new IngressQueue;
-    queue->setDispatch([dispatched](const TextedRecord&) { ++*dispatched; });
+    queue->setDispatch([dispatched](const Record&) { ++*dispatched; });
     queue->start();
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Ingress queue."));
     EXPECT_TRUE(log.has(5, "Started IngressQueue consumer"));

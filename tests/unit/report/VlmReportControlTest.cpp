@@ -33,7 +33,7 @@ SignalCollection collectionOf(const std::string& collector) {
 /// What was shipped.
 class Shipped {
   public:
-    void add(const ShippedReport& shipped) {
+    void add(const Report& shipped) {
         const std::lock_guard<std::mutex> lock(m_guard);
         m_reports.push_back(valueOf(shipped.text()));
     }
@@ -69,7 +69,7 @@ class VlmReportControlTest : public testing::Test {
 
     LogCapture log;
     const std::shared_ptr<Shipped> shipped = std::make_shared<Shipped>();
-    VlmReportControl control{[to = shipped](const ShippedReport& report) { to->add(report); }};
+    VlmReportControl control{[to = shipped](const Report& report) { to->add(report); }};
 };
 
 TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheirNames) {
@@ -172,8 +172,7 @@ TEST_F(VlmReportControlTest, RefusesWrongTypesByNameAndKeepsTheRest) {
 
 // The tick threads of two collectors race the control's thread, while a configuration adds a report.
 TEST_F(VlmReportControlTest, MakesOneBatchOfACollectorsTick) {
-    auto* const threaded =
-        new VlmReportControl([to = shipped](const ShippedReport& report) { to->add(report); });
+    auto* const threaded = new VlmReportControl([to = shipped](const Report& report) { to->add(report); });
     threaded->initializeReportControl(valueOf(R"([{"name": "r", "from": ["x", "y"]}])"), "", "");
     threaded->start();
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Report queue."));

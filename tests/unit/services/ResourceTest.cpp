@@ -35,7 +35,7 @@ Value recordOf(const Value& type) {
 class ResourceTest : public testing::Test {
   protected:
     ResourceTest() {
-        TextedRecord old;
+        Record old;
         while (IngressQueue::getInstance()->takeRecord(&old)) {
         }
         resource.setSomeIPKey("type");
@@ -43,7 +43,7 @@ class ResourceTest : public testing::Test {
 
     Value through(Value record) {
         resource.processData(std::move(record));
-        TextedRecord taken;
+        Record taken;
         EXPECT_TRUE(IngressQueue::getInstance()->takeRecord(&taken));
         return valueOf(taken);
     }

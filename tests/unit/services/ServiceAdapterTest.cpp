@@ -54,7 +54,7 @@ class ServiceAdapterTest : public testing::Test {
     /// Takes all records from the ingress queue and returns the number of those for that collector.
     static int recordsOf(const std::string& collector) {
         int count = 0;
-        for (TextedRecord record; IngressQueue::getInstance()->takeRecord(&record);) {
+        for (Record record; IngressQueue::getInstance()->takeRecord(&record);) {
             count += record.collectorName == collector ? 1 : 0;
         }
         return count;

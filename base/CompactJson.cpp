@@ -1,4 +1,4 @@
-#include "base/CompactObject.h"
+#include "base/CompactJson.h"
 
 namespace vlmProd {
 
@@ -69,13 +69,13 @@ std::size_t behindValue(std::string_view text, std::size_t at) {
 
 }  // namespace
 
-CompactObject::CompactObject(std::string_view text) : m_text(text) {
+ObjectReader::ObjectReader(std::string_view text) : m_text(text) {
     if (text.empty() || text.front() != '{') {
         m_at = kNone;
     }
 }
 
-bool CompactObject::next() {
+bool ObjectReader::next() {
     // Only the first character is a brace before a member.
     if (m_at >= m_text.size() || (m_at != 0 && m_text[m_at] != ',')) {
         return false;
@@ -95,9 +95,26 @@ bool CompactObject::next() {
     }
     m_name = m_text.substr(begin + 1, colon - begin - 2);
     m_value = m_text.substr(colon + 1, end - colon - 1);
-    m_whole = m_text.substr(begin, end - begin);
+    m_member = m_text.substr(begin, end - begin);
     m_at = end;
     return true;
+}
+
+std::string& ObjectWriter::value(std::string_view name) {
+    separate();
+    m_out.push_back('"');
+    return m_out.append(name).append("\":");
+}
+
+void ObjectWriter::member(std::string_view member) {
+    separate();
+    m_out.append(member);
+}
+
+void ObjectWriter::separate() {
+    if (m_out.back() != '{') {  // no value ends with it
+        m_out.push_back(',');
+    }
 }
 
 }  // namespace vlmProd

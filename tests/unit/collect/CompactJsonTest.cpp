@@ -1,15 +1,13 @@
-#include "collect/CollectionWriter.h"
+#include "base/CompactJson.h"
 
 #include <gmock/gmock.h>
 
-#include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "base/CompactObject.h"
 #include "base/JsonFields.h"
-#include "collect/TextedRecord.h"
-#include "tests/support/LogCapture.h"
+#include "collect/CollectorImpl.h"
 #include "tests/support/RecordValue.h"
 
 namespace vlmProd {
@@ -22,15 +20,15 @@ const std::string kNasty =
     R"({"":0,"a\"b":"}],{[","array":[1,[2,{"x":"]"}],"\\"],"back\\":"\\","comma":",","empty":{},"minus":-1.5e-7,)"
     R"("none":[],"nested":{"collectorName":"inner","deep":[{}]},"null":null,"quote":"\"","true":true,"\u00e4":"\u20ac"})";
 
-TEST(CompactObject, EndsWhereTheTextIsNoObject) {
+TEST(CompactJson, EndsWhereTheTextIsNoObject) {
     for (const char* const text : {"", "{}", "[1]", "{1:2}", "{\"a\"}", "{\"a\":}"}) {
-        EXPECT_FALSE(CompactObject(text).next()) << text;
+        EXPECT_FALSE(ObjectReader(text).next()) << text;
     }
     // Cut off anywhere, in memory of its own so that a sanitizer sees a step too far.
     for (std::size_t length = 0; length < kNasty.size(); ++length) {
         const std::vector<char> cut(kNasty.begin(), kNasty.begin() + static_cast<std::ptrdiff_t>(length));
-        for (CompactObject walk(std::string_view(cut.data(), cut.size())); walk.next();) {
-            EXPECT_TRUE(kNasty.find(walk.whole()) != std::string::npos);
+        for (ObjectReader walk(std::string_view(cut.data(), cut.size())); walk.next();) {
+            EXPECT_TRUE(kNasty.find(walk.member()) != std::string::npos);
         }
     }
 }
@@ -58,7 +56,7 @@ Value slowly(const std::vector<std::string>& records) {
     return samples;
 }
 
-TEST(CollectionWriter, WritesTheTextThatTheWriterMakesOfTheSamples) {
+TEST(CompactJson, TakesTheSamplesOutOfTheRecordsAsReadingAndWritingThemWould) {
     const std::vector<std::string> records{
         R"({"a":1,"collectorName":"c","index":3,"resName":"r","serviceName":"s","timestamp":17,"z":{"index":1}})",
         R"({"collectorName":"c\u00e4\"","timestamp":"some\ttime"})",
@@ -70,31 +68,18 @@ TEST(CollectionWriter, WritesTheTextThatTheWriterMakesOfTheSamples) {
         compactText(valueOf(kNasty)),
         R"({"index":[7],"resName":5,"serviceName":true,"timestamp":null})",
         R"({"collectorName":"last","index":-7,"timestamp":99,"zz":0})"};
-    CollectionWriter writer;
-    std::vector<std::string> before;
-    for (const auto& record : records) {
-        before.push_back(record);
-        const std::string sample(writer.add(record));
-        const Value all = slowly(before);
-        EXPECT_EQ(sample, compactText(all[all.size() - 1]));
+    CollectorImpl collector("c", 1, "s", "r", 3, "minute", CollectorOnEventType::Clock);
+    for (const auto& text : records) {
+        Record record;
+        record.text = text;
+        collector.insertRecord(std::move(record));
     }
-    const SignalCollection collection = writer.finish();
+    const SignalCollection collection = collector.buildCollection();
     EXPECT_EQ(collection.collectName, "last");
     EXPECT_EQ(collection.text,
               R"({"causeOfSubmit":0,"collectName":"last","endOfHistory":"99","historyLength":10,"index":-7,)"
               R"("lagLength":0,"resourceName":"5","samples":)" +
                   compactText(slowly(records)) + R"(,"serviceName":"true"})");
-}
-
-TEST(TextedRecord, LeavesOutANumberThatJsonCannotHoldAlsoWhenTheTextIsThere) {
-    Value record = valueOf(R"({"collectorName":"c","list":[1],"none":null})");
-    record["altitude"] = std::numeric_limits<double>::infinity();
-    record["list"].append(std::numeric_limits<double>::quiet_NaN());
-    vlmTest::LogCapture log;
-    EXPECT_EQ(TextedRecord(record, compactText(record)).text,
-              R"({"collectorName":"c","list":[1,null],"none":null})");
-    EXPECT_THAT(log.messages(3), testing::ElementsAre("A record of the Collector: c has no finite number in "
-                                                      "'altitude'; that member is left out"));
 }
 
 }  // namespace

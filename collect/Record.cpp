@@ -1,0 +1,30 @@
+#include "collect/Record.h"
+
+#include "base/JsonFields.h"
+
+namespace vlmProd {
+
+namespace {
+
+constexpr std::size_t kKeptRoom = std::size_t{64} * 1024;  // more than that is given back
+
+/// The text without room to spare, however it grew.
+std::string written(const kyo::Json::Value& record) {
+    thread_local std::string room;
+    room.clear();
+    kyo::Json::appendCompact(room, record);
+    std::string text(room);
+    if (room.capacity() > kKeptRoom) {
+        std::string().swap(room);
+    }
+    return text;
+}
+
+}  // namespace
+
+Record::Record(const kyo::Json::Value& record)
+    : text(written(record)), collectorName(textOf(member(record, "collectorName"))) {
+    toInt64(member(record, "timestamp"), timestamp);
+}
+
+}  // namespace vlmProd
