@@ -5,8 +5,6 @@
 #include <exception>
 #include <map>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "kyo/Log.h"
 #include "support/Floor.h"
@@ -53,12 +51,12 @@ void conversion(benchmark::State& state, const Sample& sample, Value (*record)(c
     }
 }
 
-void pipeline(benchmark::State& state, const char* name, Kind kind, int collectors, long long historyMs) {
+void pipeline(benchmark::State& state, Kind kind) {
     // Kept for the next repetition, since the process keeps its collectors.
-    static std::map<std::string, std::unique_ptr<Pipeline>> roads;
-    auto& road = roads[name];
+    static std::map<Kind, std::unique_ptr<Pipeline>> roads;
+    auto& road = roads[kind];
     if (!road) {
-        road = std::make_unique<Pipeline>(kind, collectors, historyMs);
+        road = std::make_unique<Pipeline>(kind, 1, 0);
     }
     road->run(kSamples);
     const auto lost = Pipeline::lost();
@@ -68,25 +66,10 @@ void pipeline(benchmark::State& state, const char* name, Kind kind, int collecto
 }
 
 [[maybe_unused]] const int registered = [] {
-    struct One {
-        const char* name;
-        Kind kind;
-        int collectors;
-        long long historyMs;
-    };
-    std::vector<benchmark::internal::Benchmark*> all{
-        benchmark::RegisterBenchmark("positions/floor", positionFloor),
-        benchmark::RegisterBenchmark("notification/floor", airbagFloor)};
-    for (const One& one : {One{"positions/collectors:1", Kind::FullPosition, 1, 0},
-                           One{"positions/collectors:10", Kind::FullPosition, 10, 0},
-                           One{"positions/collectors:100", Kind::FullPosition, 100, 0},
-                           One{"positions/history:1s", Kind::FullPosition, 1, 1'000},
-                           One{"positions/history:10min", Kind::FullPosition, 1, 600'000},
-                           One{"notification/collectors:1", Kind::Notification, 1, 0}}) {
-        all.push_back(benchmark::RegisterBenchmark(one.name, pipeline, one.name, one.kind, one.collectors,
-                                                   one.historyMs));
-    }
-    for (auto* one : all) {
+    for (auto* one : {benchmark::RegisterBenchmark("positions/floor", positionFloor),
+                      benchmark::RegisterBenchmark("positions/pipeline", pipeline, Kind::FullPosition),
+                      benchmark::RegisterBenchmark("notification/floor", airbagFloor),
+                      benchmark::RegisterBenchmark("notification/pipeline", pipeline, Kind::Notification)}) {
         one->Iterations(16)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kMicrosecond);
     }
     benchmark::RegisterBenchmark("conversion/positions", conversion<Position>, fullPosition(),
