@@ -20,7 +20,10 @@ struct Counters {
     kyo::Counter& handlerFailures = kyo::Status::counter("someip.handlerFailures");  ///< exceptions
     kyo::Counter& sent = kyo::Status::counter("someip.sent");  ///< datagrams with events
     kyo::Counter& sendFailed = kyo::Status::counter("someip.sendFailed");
+    kyo::Counter& tpSegments = kyo::Status::counter("someip.tp.segments");    ///< from the right sender
+    kyo::Counter& tpJoined = kyo::Status::counter("someip.tp.joined");        ///< messages made of them
     kyo::Counter& tpDropped = kyo::Status::counter("someip.tp.dropped");      ///< segmented messages
+    kyo::Counter& tpIgnored = kyo::Status::counter("someip.tp.ignored");      ///< segments
     kyo::Counter& sdReceived = kyo::Status::counter("someip.sd.received");    ///< datagrams
     kyo::Counter& sdSent = kyo::Status::counter("someip.sd.sent");            ///< messages
     kyo::Counter& sdMalformed = kyo::Status::counter("someip.sd.malformed");  ///< datagrams

@@ -80,12 +80,13 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
     }
     if (header.isSegment()) {
         const SegmentKey key{from, header.service, header.method, header.client, header.session};
-        const bool complete = m_reassembler.add(key, payload, now, m_joined);
+        counters().tpSegments.add();
+        const bool complete = m_reassembler.add(key, payload, now, payload);
         countDropped();
         if (!complete) {
             return;
         }
-        payload = m_joined;
+        counters().tpJoined.add();
     }
     for (const Route& route : found->second) {
         if (route.source == from && header.interfaceVersion == route.receiver->eventgroup().service.major &&
@@ -104,6 +105,10 @@ void EventDispatcher::countDropped() {
     if (m_reassembler.dropped() != m_droppedBefore) {
         counters().tpDropped.add(m_reassembler.dropped() - m_droppedBefore);
         m_droppedBefore = m_reassembler.dropped();
+    }
+    if (m_reassembler.ignored() != m_ignoredBefore) {
+        counters().tpIgnored.add(m_reassembler.ignored() - m_ignoredBefore);
+        m_ignoredBefore = m_reassembler.ignored();
     }
 }
 

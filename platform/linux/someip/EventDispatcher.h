@@ -40,7 +40,7 @@ class EventDispatcher {
     std::unordered_map<std::uint32_t, std::vector<Route>> m_routes;  ///< by service and event
     Reassembler m_reassembler;
     std::uint64_t m_droppedBefore = 0;
-    std::vector<std::uint8_t> m_joined;
+    std::uint64_t m_ignoredBefore = 0;
     RateLimit m_broken;
     RateLimit m_strange;
     const std::atomic<bool>& m_stop;

@@ -11,6 +11,8 @@ constexpr std::size_t kCompletedKept = 64;
 /// Memory for a segment that waits for its predecessors, besides its bytes; without it many small segments
 /// would use far more memory than the limit.
 constexpr std::size_t kPieceOverhead = 96;
+/// Refused messages that are remembered, for each set that may be open.
+constexpr std::size_t kRefusedPerOpenSet = 4;
 }  // namespace
 
 bool segment(Header header, std::span<const std::uint8_t> payload,
@@ -39,7 +41,7 @@ std::size_t Reassembler::KeyHash::operator()(const SegmentKey& key) const noexce
 }
 
 bool Reassembler::add(const SegmentKey& key, std::span<const std::uint8_t> content, Clock::time_point now,
-                      std::vector<std::uint8_t>& message) {
+                      std::span<const std::uint8_t>& message) {
     expire(now);
     if (content.size() <= kSegmentHeaderSize) {
         ++m_dropped;
@@ -47,31 +49,94 @@ bool Reassembler::add(const SegmentKey& key, std::span<const std::uint8_t> conte
     }
     const auto header = SegmentHeader::read(content.data());
     const auto bytes = content.subspan(kSegmentHeaderSize);
-    // Session 0 means that the sender does not number its messages: the next one has the same key.
-    if (key.session != 0 && completedLately(key, now)) {
-        return false;
-    }
+    const bool first = header.offset == 0;
     const auto known = m_index.find(key);
-    Set& set = known != m_index.end() ? *known->second : open(key, now);
-    if (set.refused) {
+    const bool opened = known == m_index.end();
+    Set* set = opened ? nullptr : &*known->second;
+    if (opened) {
+        const bool repeats = repeatsCompleted(key, header, bytes);
+        if (repeats && !first) {
+            ++m_ignored;
+            return false;
+        }
+        set = open(key, now);
+        if (set == nullptr) {
+            return false;
+        }
+        set->repeats = repeats ? 1 : 0;
+    } else if (set->refused) {
+        if (!first) {
+            ++m_ignored;
+            return false;
+        }
+        set = openAgain(*set, 0, now);
+        if (set == nullptr) {
+            return false;
+        }
+    } else if (set->repeats != 0 && !repeatsCompleted(key, header, bytes)) {
+        set->repeats = 0;
+    }
+    auto placed = place(*set, header, bytes);
+    const bool begins =
+        placed == Placed::Different && (first || (set->again != 0 && set->again == header.offset));
+    if (begins || (placed == Placed::Repeated && first && key.session == 0 && set->held > bytes.size())) {
+        set = openAgain(*set, first ? 0 : set->again, now);
+        if (set == nullptr) {
+            return false;
+        }
+        placed = place(*set, header, bytes);
+    }
+    if (placed == Placed::Repeated) {
+        ++m_ignored;
         return false;
     }
-    if (place(set, header, bytes) == Placed::Refused || m_held > m_limits.maxTotalBytes) {
-        refuse(set);
+    if (placed != Placed::Taken || m_held > m_limits.maxTotalBytes) {
+        refuse(*set);
         return false;
     }
-    if (!set.endKnown || set.front.size() != set.end || !set.ahead.empty()) {
+    if (!set->endKnown || set->front.size() != set->end) {
+        set->repeats += set->repeats != 0 && !opened ? 1 : 0;
         return false;
     }
-    message = std::move(set.front);
-    const Completed completed{key, now + m_limits.timeout};
-    if (m_completed.size() < kCompletedKept) {
-        m_completed.push_back(completed);
-    } else {
-        m_completed[m_nextCompleted] = completed;
-        m_nextCompleted = (m_nextCompleted + 1) % kCompletedKept;
+    keep(*set, now);
+    message = m_completed.back().bytes;
+    return true;
+}
+
+/// Whether the bytes and the end are those that the set has.
+bool Reassembler::agrees(const Set& set, const SegmentHeader& segment,
+                         std::span<const std::uint8_t> bytes) const {
+    const std::size_t from = segment.offset;
+    const std::size_t to = from + bytes.size();
+    if (set.endKnown && (segment.more ? to >= set.end : to != set.end)) {
+        return false;
     }
-    erase(m_index.find(key)->second);
+    if (!segment.more && !set.endKnown) {
+        const auto reached = set.ahead.empty()
+                                 ? set.front.size()
+                                 : set.ahead.rbegin()->first + set.ahead.rbegin()->second.size();
+        if (reached >= to) {
+            return false;
+        }
+    }
+    const auto same = [&](std::size_t start, std::span<const std::uint8_t> held) {
+        const std::size_t low = std::max(from, start);
+        const std::size_t high = std::min(to, start + held.size());
+        return low >= high ||
+               std::memcmp(held.data() + (low - start), bytes.data() + (low - from), high - low) == 0;
+    };
+    if (!same(0, set.front)) {
+        return false;
+    }
+    auto piece = set.ahead.upper_bound(segment.offset);
+    if (piece != set.ahead.begin()) {
+        --piece;
+    }
+    for (; piece != set.ahead.end() && piece->first < to; ++piece) {
+        if (!same(piece->first, piece->second)) {
+            return false;
+        }
+    }
     return true;
 }
 
@@ -80,47 +145,47 @@ Reassembler::Placed Reassembler::place(Set& set, const SegmentHeader& segment,
     const std::size_t from = segment.offset;
     const std::size_t to = from + bytes.size();
     if (to > m_limits.maxMessageBytes || (segment.more && bytes.size() % 16 != 0)) {
-        return Placed::Refused;
+        return Placed::Wrong;
     }
-    const auto next = set.ahead.lower_bound(segment.offset);
-    const bool agreesOnEnd = segment.more ? !set.endKnown || to < set.end : set.endKnown && to == set.end;
-    if (to <= set.front.size()) {
-        const bool same = std::memcmp(set.front.data() + from, bytes.data(), bytes.size()) == 0;
-        return same && agreesOnEnd ? Placed::Repeated : Placed::Refused;
-    }
-    if (from < set.front.size()) {
-        return Placed::Refused;
-    }
-    if (next != set.ahead.end() && next->first == segment.offset) {
-        const bool same = std::ranges::equal(next->second, bytes);
-        return same && agreesOnEnd ? Placed::Repeated : Placed::Refused;
-    }
-    if (next != set.ahead.end() && to > next->first) {
-        return Placed::Refused;
-    }
-    if (next != set.ahead.begin()) {
-        const auto& before = *std::prev(next);
-        if (before.first + before.second.size() > from) {
-            return Placed::Refused;
-        }
+    if (!agrees(set, segment, bytes)) {
+        return Placed::Different;
     }
     if (!segment.more) {
-        const std::size_t reached = set.ahead.empty()
-                                        ? set.front.size()
-                                        : set.ahead.rbegin()->first + set.ahead.rbegin()->second.size();
-        if (set.endKnown || reached > to) {
-            return Placed::Refused;
-        }
         set.end = to;
         set.endKnown = true;
-    } else if (set.endKnown && to >= set.end) {
-        return Placed::Refused;
     }
+    // What is not there yet: from the front on, between the pieces ahead.
+    bool taken = false;
+    std::size_t at = std::max(from, set.front.size());
+    while (at < to) {
+        auto next = set.ahead.upper_bound(static_cast<std::uint32_t>(at));
+        if (next != set.ahead.begin()) {
+            const auto& piece = *std::prev(next);
+            at = std::max(at, piece.first + piece.second.size());
+        }
+        const std::size_t upTo = next == set.ahead.end() ? to : std::min<std::size_t>(to, next->first);
+        if (at < upTo) {
+            insert(set, at, bytes.subspan(at - from, upTo - at));
+            taken = true;
+        }
+        at = std::max({at, upTo, set.front.size()});
+    }
+    if (taken) {
+        return Placed::Taken;
+    }
+    if (from == 0 || from == set.again) {
+        set.again = to;
+    }
+    return Placed::Repeated;
+}
 
+/// Takes bytes that overlap with nothing.
+void Reassembler::insert(Set& set, std::size_t from, std::span<const std::uint8_t> bytes) {
     if (from != set.front.size()) {
         hold(set, bytes.size() + kPieceOverhead);
-        set.ahead.emplace_hint(next, segment.offset, std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
-        return Placed::Taken;
+        set.ahead.emplace(static_cast<std::uint32_t>(from),
+                          std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
+        return;
     }
     hold(set, bytes.size());
     set.front.insert(set.front.end(), bytes.begin(), bytes.end());
@@ -131,7 +196,6 @@ Reassembler::Placed Reassembler::place(Set& set, const SegmentHeader& segment,
         set.held -= kPieceOverhead;
         m_held -= kPieceOverhead;
     }
-    return Placed::Taken;
 }
 
 void Reassembler::hold(Set& set, std::size_t bytes) {
@@ -139,43 +203,83 @@ void Reassembler::hold(Set& set, std::size_t bytes) {
     m_held += bytes;
 }
 
-Reassembler::Set& Reassembler::open(const SegmentKey& key, Clock::time_point now) {
-    if (m_sets.size() >= m_limits.maxOpenSets) {
-        // A new set is more likely to complete than the oldest.
-        if (!m_sets.front().refused) {
-            ++m_dropped;
+/// None when as many as may be are open: then the message is refused as a whole, and counted once.
+Reassembler::Set* Reassembler::open(const SegmentKey& key, Clock::time_point now) {
+    bool full = openSets() >= m_limits.maxOpenSets;
+    if (full) {
+        // What only repeats a complete message is not worth a place.
+        const auto repeat = std::ranges::find_if(m_sets, [](const Set& one) { return one.repeats != 0; });
+        if (repeat != m_sets.end()) {
+            countIncomplete(*repeat);
+            erase(repeat);
+            full = false;
         }
-        erase(m_sets.begin());
     }
     m_sets.emplace_back();
     Set& set = m_sets.back();
     set.key = key;
     set.deadline = now + m_limits.timeout;
     m_index.emplace(key, std::prev(m_sets.end()));
-    return set;
+    if (!full) {
+        return &set;
+    }
+    refuse(set);
+    if (m_refused > kRefusedPerOpenSet * m_limits.maxOpenSets) {
+        erase(std::ranges::find_if(m_sets, [](const Set& one) { return one.refused; }));
+    }
+    return nullptr;
+}
+
+/// Drops a set and opens the next one of its key, with the first `kept` bytes.
+Reassembler::Set* Reassembler::openAgain(Set& set, std::size_t kept, Clock::time_point now) {
+    const SegmentKey key = set.key;
+    auto front = std::move(set.front);
+    front.resize(kept);
+    front.shrink_to_fit();
+    countIncomplete(set);
+    erase(m_index.find(key)->second);
+    Set* next = open(key, now);
+    if (next != nullptr) {
+        next->front = std::move(front);
+        hold(*next, kept);
+    }
+    return next;
 }
 
 void Reassembler::refuse(Set& set) {
-    ++m_dropped;
+    countIncomplete(set);
     m_held -= set.held;
     set.held = 0;
     set.front = {};
     set.ahead.clear();
+    set.repeats = 0;
     set.refused = true;
+    ++m_refused;
+}
+
+void Reassembler::countIncomplete(const Set& set) {
+    if (set.repeats != 0) {
+        m_ignored += set.repeats;
+    } else if (!set.refused) {
+        ++m_dropped;
+    }
 }
 
 void Reassembler::erase(Sets::iterator set) {
     m_held -= set->held;
+    m_refused -= set->refused ? 1 : 0;
     m_index.erase(set->key);
     m_sets.erase(set);
 }
 
 void Reassembler::expire(Clock::time_point now) {
     while (!m_sets.empty() && m_sets.front().deadline <= now) {
-        if (!m_sets.front().refused) {
-            ++m_dropped;
-        }
+        countIncomplete(m_sets.front());
         erase(m_sets.begin());
+    }
+    while (!m_completed.empty() && m_completed.front().until <= now) {
+        m_completedBytes -= m_completed.front().bytes.size();
+        m_completed.pop_front();
     }
 }
 
@@ -183,17 +287,46 @@ Clock::time_point Reassembler::nextDeadline() const {
     return m_sets.empty() ? Clock::time_point::max() : m_sets.front().deadline;
 }
 
-void Reassembler::clear() {
-    m_sets.clear();
-    m_index.clear();
-    m_completed.clear();
-    m_nextCompleted = 0;
-    m_held = 0;
+void Reassembler::forget(const Endpoint& sender, std::uint16_t service) {
+    const auto concerned = [&](const SegmentKey& key) {
+        return key.sender == sender && key.service == service;
+    };
+    for (auto set = m_sets.begin(); set != m_sets.end();) {
+        const auto next = std::next(set);
+        if (concerned(set->key)) {
+            countIncomplete(*set);
+            erase(set);
+        }
+        set = next;
+    }
+    std::erase_if(m_completed, [&](const Completed& one) {
+        m_completedBytes -= concerned(one.key) ? one.bytes.size() : 0;
+        return concerned(one.key);
+    });
 }
 
-bool Reassembler::completedLately(const SegmentKey& key, Clock::time_point now) const {
-    return std::ranges::any_of(m_completed,
-                               [&](const Completed& one) { return one.until > now && one.key == key; });
+/// Moves a complete set to the messages that late segments are compared with.
+void Reassembler::keep(Set& set, Clock::time_point now) {
+    m_completed.push_back({set.key, now + m_limits.timeout, std::move(set.front)});
+    m_completedBytes += m_completed.back().bytes.size();
+    erase(m_index.find(m_completed.back().key)->second);
+    while (m_completed.size() > 1 &&
+           (m_completed.size() > kCompletedKept || m_completedBytes > m_limits.maxMessageBytes)) {
+        m_completedBytes -= m_completed.front().bytes.size();
+        m_completed.pop_front();
+    }
+}
+
+bool Reassembler::repeatsCompleted(const SegmentKey& key, const SegmentHeader& segment,
+                                   std::span<const std::uint8_t> bytes) const {
+    const auto found = std::find_if(m_completed.rbegin(), m_completed.rend(),
+                                    [&](const Completed& one) { return one.key == key; });
+    if (found == m_completed.rend()) {
+        return false;
+    }
+    const std::size_t to = segment.offset + bytes.size();
+    return (segment.more ? to < found->bytes.size() : to == found->bytes.size()) &&
+           std::memcmp(found->bytes.data() + segment.offset, bytes.data(), bytes.size()) == 0;
 }
 
 }  // namespace someip

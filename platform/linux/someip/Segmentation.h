@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <map>
@@ -56,29 +57,34 @@ struct ReassemblyLimits {
     std::chrono::milliseconds timeout{500};  ///< from the first segment of a set
 };
 
-/// Joins segments in any order. An exact repetition of a segment is a doubled datagram and is ignored. Any
-/// other overlap, a gap at the time-out, two different ends, or an exceeded limit drops the whole set of
-/// segments; the caller counts drops through dropped(). Uses no more memory than was received. One thread;
-/// time is an argument.
+/// Joins segments, whatever their order. A segment that is there already byte for byte, as a whole or in
+/// part, is passed over. A set is dropped by other bytes at the same place, a contradiction about the end, a
+/// gap at the time-out or a limit. What still comes of it is ignored until a first segment comes: that opens
+/// the next message, as other bytes than those of a message that was just completed do. Session 0 is no
+/// exception, but a first segment always opens a message there. Holds no more memory than was received, and
+/// the messages completed last, with which late segments are compared. One thread; time is an argument.
 class Reassembler {
   public:
     explicit Reassembler(const ReassemblyLimits& limits) : m_limits(limits) {}
 
-    /// Takes one segment; `content` is everything after the 16 header bytes. Returns true when it completes
-    /// its message, whose payload is then in `message` until the next call.
+    /// Takes one segment: `content` is what follows the 16 header bytes. True when it completed its message,
+    /// whose payload is then in `message`, valid until the next call.
     bool add(const SegmentKey& key, std::span<const std::uint8_t> content, Clock::time_point now,
-             std::vector<std::uint8_t>& message);
-    /// Drops the sets that have timed out.
+             std::span<const std::uint8_t>& message);
+    /// Drops the sets whose time is over.
     void expire(Clock::time_point now);
     /// The next time at which expire() has work; time_point::max() when no set is open.
     Clock::time_point nextDeadline() const;
-    /// Drops everything without counting it.
-    void clear();
+    /// Drops what a sender has begun of a service: it has started anew.
+    void forget(const Endpoint& sender, std::uint16_t service);
 
-    std::size_t openSets() const noexcept { return m_sets.size(); }
+    std::size_t openSets() const noexcept { return m_sets.size() - m_refused; }
+    /// Bytes of the open sets; those of completed messages are no more than one message may have.
     std::size_t heldBytes() const noexcept { return m_held; }
-    /// The number of sets and malformed segments dropped since the start.
+    /// Messages that were begun and dropped since the start, and segments that were no segments.
     std::uint64_t dropped() const noexcept { return m_dropped; }
+    /// Segments that repeat what is there, or belong to a message that was dropped before.
+    std::uint64_t ignored() const noexcept { return m_ignored; }
 
   private:
     struct Set {
@@ -89,17 +95,31 @@ class Reassembler {
         std::size_t held = 0;
         std::size_t end = 0;  ///< size of the message, if endKnown
         bool endKnown = false;
-        bool refused = false;  ///< dropped; kept so that later segments open no new set
+        /// Bytes from 0 on that came again in order: should other bytes follow, they begin the next message.
+        std::size_t again = 0;
+        std::uint64_t repeats = 0;  ///< segments, as long as all repeat the message that was completed before
+        bool refused = false;       ///< dropped already; kept so that what still comes opens no new set
     };
     using Sets = std::list<Set>;  ///< oldest first
 
-    enum class Placed : std::uint8_t { Taken, Repeated, Refused };
+    enum class Placed : std::uint8_t {
+        Taken,
+        Repeated,
+        Different,  ///< contradicts what is there
+        Wrong,      ///< in itself
+    };
     Placed place(Set& set, const SegmentHeader& segment, std::span<const std::uint8_t> bytes);
+    bool agrees(const Set& set, const SegmentHeader& segment, std::span<const std::uint8_t> bytes) const;
+    void insert(Set& set, std::size_t from, std::span<const std::uint8_t> bytes);
     void hold(Set& set, std::size_t bytes);
-    Set& open(const SegmentKey& key, Clock::time_point now);
+    Set* open(const SegmentKey& key, Clock::time_point now);
+    Set* openAgain(Set& set, std::size_t kept, Clock::time_point now);
     void refuse(Set& set);
     void erase(Sets::iterator set);
-    bool completedLately(const SegmentKey& key, Clock::time_point now) const;
+    void countIncomplete(const Set& set);
+    void keep(Set& set, Clock::time_point now);
+    bool repeatsCompleted(const SegmentKey& key, const SegmentHeader& segment,
+                          std::span<const std::uint8_t> bytes) const;
 
     struct KeyHash {
         std::size_t operator()(const SegmentKey& key) const noexcept;
@@ -108,15 +128,18 @@ class Reassembler {
     const ReassemblyLimits m_limits;
     Sets m_sets;
     std::unordered_map<SegmentKey, Sets::iterator, KeyHash> m_index;
+    std::size_t m_refused = 0;  ///< of the sets
     std::size_t m_held = 0;
     std::uint64_t m_dropped = 0;
-    /// The last completed messages: a late duplicate of a segment belongs to one of them.
+    std::uint64_t m_ignored = 0;
+    /// The last messages that were completed: a doubled segment that comes late belongs to one of them.
     struct Completed {
         SegmentKey key;
         Clock::time_point until;
+        std::vector<std::uint8_t> bytes;
     };
-    std::vector<Completed> m_completed;
-    std::size_t m_nextCompleted = 0;
+    std::deque<Completed> m_completed;
+    std::size_t m_completedBytes = 0;
 };
 
 }  // namespace someip

@@ -40,8 +40,24 @@ Bytes content(std::uint32_t offset, bool more, const Bytes& bytes) {
 
 struct Joining : ::testing::Test {
     SegmentKey key(std::uint16_t session) const { return {{0x7F000002, 40000}, 0x4101, 0x8001, 0, session}; }
-    bool add(const Bytes& bytes, std::uint16_t session = 1) {
-        return reassembler.add(key(session), bytes, now, message);
+    bool add(const Bytes& bytes, std::uint16_t session = 1) { return add(key(session), bytes); }
+    bool add(const SegmentKey& key, const Bytes& bytes) {
+        std::span<const std::uint8_t> joined;
+        if (!reassembler.add(key, bytes, now, joined)) {
+            return false;
+        }
+        message.assign(joined.begin(), joined.end());
+        return true;
+    }
+    /// All segments, in order; whether the last one and no other completed the message.
+    bool join(const Bytes& payload, std::uint16_t session) {
+        int completed = 0;
+        bool last = false;
+        for (const auto& bytes : contentsOf(payload)) {
+            last = add(bytes, session);
+            completed += last ? 1 : 0;
+        }
+        return last && completed == 1 && message == payload;
     }
 
     ReassemblyLimits limits{1u << 20, 4u << 20, 8, 500ms};
@@ -62,46 +78,119 @@ TEST_F(Joining, TakesSegmentsInAnyOrderAndPassesOverDoubledOnes) {
         ++session;
         for (std::size_t i = 0; i < order.size(); ++i) {
             EXPECT_EQ(add(contents[order[i]], session), i + 1 == order.size());
-            EXPECT_FALSE(add(contents[order[i]], session)) << "the last one as well opens no new set";
+            EXPECT_FALSE(add(contents[order[i]], session));
         }
         EXPECT_EQ(message, payload);
     } while (std::next_permutation(order.begin(), order.end()));
     EXPECT_EQ(session, 120);
+    now += 1s;
+    reassembler.expire(now);
     EXPECT_EQ(reassembler.openSets(), 0u);
     EXPECT_EQ(reassembler.heldBytes(), 0u);
     EXPECT_EQ(reassembler.dropped(), 0u);
 }
 
-TEST_F(Joining, AnOverlapOrAContradictionDropsTheSet) {
+TEST_F(Joining, OtherBytesOrAContradictionDropTheSet) {
     const Bytes a(32, 1);
     const Bytes b(32, 2);
     const std::vector<std::vector<Bytes>> cases = {
-        {content(0, true, a), content(0, true, b)},                          // other bytes
-        {content(0, true, a), content(16, true, a)},                         // half over the front
-        {content(64, true, a), content(48, true, a)},                        // half over the next
-        {content(64, true, a), content(80, true, a)},                        // half over the one before
+        {content(0, true, a), content(16, true, b)},                         // half over the front
+        {content(64, true, a), content(48, true, b)},                        // half over the next
+        {content(64, true, a), content(80, true, b)},                        // half over the one before
         {content(0, true, a), content(64, false, a), content(96, true, a)},  // behind the end
         {content(64, true, a), content(32, false, a)},                       // an end before what is there
         {content(64, false, a), content(128, false, a)},                     // two ends
         {content(64, false, a), content(64, true, a)},                       // an end that is none
-        {content(0, true, a), content(0, false, a)},                         // an end where more was promised
+        {content(64, true, a), content(64, false, a)},                       // an end where more was promised
         {content(0, true, Bytes(17, 1))},                                    // no multiple of 16
     };
     std::uint16_t session = 0;
     for (const auto& one : cases) {
         ++session;
         const auto before = reassembler.dropped();
+        const auto ignored = reassembler.ignored();
         for (const auto& bytes : one) {
             EXPECT_FALSE(add(bytes, session)) << "case " << session;
         }
         EXPECT_EQ(reassembler.dropped(), before + 1) << "case " << session;
+        EXPECT_EQ(reassembler.openSets(), 0u);
         EXPECT_EQ(reassembler.heldBytes(), 0u);
-        EXPECT_FALSE(add(content(0, true, a), session)) << "what still comes of it opens no new set";
-        EXPECT_EQ(reassembler.heldBytes(), 0u);
+        EXPECT_FALSE(add(content(16, true, a), session)) << "what still comes of it opens no new set";
+        EXPECT_EQ(reassembler.openSets(), 0u);
+        EXPECT_EQ(reassembler.ignored(), ignored + 1) << "but is counted";
         now += 1s;
         reassembler.expire(now);
         EXPECT_EQ(reassembler.dropped(), before + 1) << "dropped once";
     }
+}
+
+TEST_F(Joining, OverlapsOfEqualBytesAreNoContradiction) {
+    const auto payload = pattern(200);
+    const auto part = [&](std::uint32_t from, std::uint32_t to) {
+        return content(from, to < 200, {payload.begin() + from, payload.begin() + to});
+    };
+    EXPECT_FALSE(add(part(0, 64)));
+    EXPECT_FALSE(add(part(96, 128)));
+    EXPECT_FALSE(add(part(144, 160)));
+    EXPECT_FALSE(add(part(48, 112))) << "from the front into the next";
+    EXPECT_FALSE(add(part(16, 48))) << "nothing new";
+    EXPECT_TRUE(add(part(112, 200))) << "over one in between";
+    EXPECT_EQ(message, payload);
+    EXPECT_EQ(reassembler.heldBytes(), 0u);
+    EXPECT_EQ(reassembler.ignored(), 1u);
+    EXPECT_EQ(reassembler.dropped(), 0u);
+}
+
+TEST_F(Joining, NoMessageIsLostToAnotherOneOfTheSameSessionNumber) {
+    for (const std::uint16_t session : {1, 0}) {
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(join(pattern(3000), session)) << "equal ones";
+        }
+        auto other = pattern(3000);
+        other[1500] = 77;
+        EXPECT_TRUE(join(other, session)) << "one that begins like the one before";
+        // One without its end, and then four complete ones; equal in their first segment.
+        auto dropped = reassembler.dropped();
+        add(contentsOf(pattern(5000))[0], session);
+        add(contentsOf(pattern(5000))[1], session);
+        for (std::uint8_t i = 1; i <= 4; ++i) {
+            auto next = pattern(5000);
+            next[2000] = i;
+            EXPECT_TRUE(join(next, session)) << "message " << int(i) << ", session " << session;
+        }
+        EXPECT_EQ(reassembler.dropped(), ++dropped);
+        // One with a hole, so that its end is there already.
+        add(contentsOf(pattern(5000))[0], session);
+        add(contentsOf(pattern(5000))[3], session);
+        auto different = pattern(5000);
+        different[0] = 99;
+        different[4999] = 99;
+        EXPECT_TRUE(join(different, session));
+        EXPECT_EQ(reassembler.dropped(), ++dropped);
+        // One that is refused.
+        add(content(16, true, Bytes(17, 1)), session);
+        EXPECT_TRUE(join(pattern(4000), session));
+        EXPECT_EQ(reassembler.dropped(), ++dropped);
+    }
+    // A sender that has started anew.
+    add(contentsOf(pattern(5000))[1], 5);
+    reassembler.forget(key(5).sender, key(5).service);
+    EXPECT_EQ(reassembler.openSets(), 0u);
+    EXPECT_TRUE(join(pattern(2000), 5));
+}
+
+TEST_F(Joining, ADoubledFirstSegmentThatComesLateIsNoMessage) {
+    const auto contents = contentsOf(pattern(5000));
+    EXPECT_TRUE(join(pattern(5000), 1));
+    for (const auto& bytes : contents) {
+        if (&bytes != &contents.back()) {
+            EXPECT_FALSE(add(bytes));
+        }
+    }
+    now += 1s;
+    reassembler.expire(now);
+    EXPECT_EQ(reassembler.dropped(), 0u);
+    EXPECT_EQ(reassembler.ignored(), 3u);
 }
 
 TEST_F(Joining, AGapAtTheTimeOutDropsTheSet) {
@@ -121,16 +210,21 @@ TEST_F(Joining, AGapAtTheTimeOutDropsTheSet) {
 }
 
 TEST_F(Joining, HoldsNoMoreThanItsCaps) {
-    // Sets: the oldest makes room.
-    for (std::uint16_t session = 1; session <= 9; ++session) {
-        add(content(0, true, Bytes(16, 1)), session);
+    // Sets: with two more than may be open, those two are refused as a whole and counted once each.
+    const auto contents = contentsOf(pattern(5000));
+    std::size_t joined = 0;
+    for (const auto& bytes : contents) {
+        for (std::uint16_t session = 1; session <= 10; ++session) {
+            joined += add(bytes, session) ? 1 : 0;
+        }
+        EXPECT_LE(reassembler.openSets(), 8u);
     }
-    EXPECT_EQ(reassembler.openSets(), 8u);
-    EXPECT_EQ(reassembler.dropped(), 1u);
-    EXPECT_TRUE(add(content(16, false, Bytes(1, 1)), 9));
+    EXPECT_EQ(joined, 8u);
+    EXPECT_EQ(reassembler.dropped(), 2u);
+    EXPECT_EQ(reassembler.ignored(), 6u);
+    EXPECT_TRUE(join(pattern(5000), 10)) << "the next one finds room";
 
     // One message: an offset alone costs nothing, and is refused where it passes the cap.
-    reassembler.clear();
     add(content((1u << 20) - 16, true, Bytes(16, 1)), 20);
     EXPECT_LT(reassembler.heldBytes(), 1000u);
     add(content(1u << 20, false, Bytes(1, 1)), 20);
@@ -138,8 +232,9 @@ TEST_F(Joining, HoldsNoMoreThanItsCaps) {
 
     // All together.
     Reassembler small({1u << 20, 4096, 8, 500ms});
+    std::span<const std::uint8_t> none;
     for (std::uint16_t session = 1; session <= 8; ++session) {
-        small.add(key(session), content(0, true, Bytes(1392, 1)), now, message);
+        small.add(key(session), content(0, true, Bytes(1392, 1)), now, none);
         EXPECT_LE(small.heldBytes(), 4096u);
     }
     EXPECT_GE(small.dropped(), 1u);
@@ -152,7 +247,7 @@ TEST_F(Joining, KeepsSendersAndSessionsApartButForASenderThatDoesNotCount) {
     ++other.sender.port;
     EXPECT_FALSE(add(contents[0], 1));
     EXPECT_FALSE(add(contents[1], 2));
-    EXPECT_FALSE(reassembler.add(other, contents[1], now, message));
+    EXPECT_FALSE(add(other, contents[1]));
     EXPECT_TRUE(add(contents[1], 1));
     EXPECT_EQ(message, payload);
     for (int i = 0; i < 3; ++i) {
