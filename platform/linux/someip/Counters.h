@@ -5,9 +5,10 @@
 namespace someip {
 
 struct Counters {
-    kyo::Counter& datagrams = kyo::Status::counter("someip.datagrams");          ///< received for events
-    kyo::Counter& notifications = kyo::Status::counter("someip.notifications");  ///< handed to a receiver
-    kyo::Counter& malformed = kyo::Status::counter("someip.malformed");          ///< inconsistent content
+    kyo::Counter& datagrams = kyo::Status::counter("someip.datagrams");  ///< received for events
+    kyo::Counter& bundled = kyo::Status::counter("someip.bundled");  ///< messages behind a datagram's first
+    kyo::Counter& notifications = kyo::Status::counter("someip.notifications");  ///< taken by a receiver
+    kyo::Counter& malformed = kyo::Status::counter("someip.malformed");          ///< contradict themselves
     kyo::Counter& truncated = kyo::Status::counter("someip.truncated");  ///< a structure ends too early
     kyo::Counter& doubledMembers = kyo::Status::counter("someip.doubledMembers");
     kyo::Counter& wrongVersion = kyo::Status::counter("someip.wrongVersion");  ///< of protocol or interface

@@ -15,10 +15,23 @@ std::uint32_t routeKey(std::uint16_t service, std::uint16_t event) noexcept {
 
 void EventDispatcher::setRoutes(const std::vector<Route>& routes) {
     m_routes.clear();
+    ++m_routesVersion;
     for (const Route& route : routes) {
-        const auto key = routeKey(route.receiver->eventgroup().service.service, route.receiver->event());
-        m_routes[key].push_back(route);
+        const ServiceKey& service = route.receiver->eventgroup().service;
+        const auto event = route.receiver->event();
+        const auto [place, added] = m_senders.try_emplace({service, route.source});
+        Sender& sender = place->second;
+        if (added || sender.life != route.life) {
+            sender = {};
+            sender.life = route.life;
+            m_reassembler.forget(route.source, service.service);
+        }
+        sender.routesVersion = m_routesVersion;
+        m_routes[routeKey(service.service, event)].push_back(
+            {route, &sender.sessions, &sender.sessions.ofEvent(event)});
     }
+    std::erase_if(m_senders, [&](const auto& one) { return one.second.routesVersion != m_routesVersion; });
+    countDropped();
 }
 
 void EventDispatcher::onDatagram(const Endpoint& from, std::span<const std::uint8_t> datagram,
@@ -27,10 +40,17 @@ void EventDispatcher::onDatagram(const Endpoint& from, std::span<const std::uint
     MessageReader messages(datagram);
     Header header;
     std::span<const std::uint8_t> payload;
+    unsigned parts = 0;
     while (messages.next(header, payload)) {
+        ++parts;
         onMessage(from, header, payload, now);
     }
-    if (messages.malformed() || datagram.empty()) {
+    const bool broken = messages.malformed() || datagram.empty();
+    parts += broken ? 1 : 0;
+    if (parts > 1) {
+        counters().bundled.add(parts - 1);
+    }
+    if (broken) {
         counters().malformed.add();
         if (const auto unlogged = m_broken.note(now)) {
             KYO_LOG(5, "A datagram from " << toText(from) << " with " << datagram.size()
@@ -56,25 +76,22 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
         counters().notSubscribed.add();
         return;
     }
-    const Route* accepted = nullptr;
+    const KnownRoute* accepted = nullptr;
     bool rightPeer = false;
-    for (const Route& route : found->second) {
-        if (route.source != from) {
-            continue;
-        }
-        rightPeer = true;
-        if (header.interfaceVersion == route.receiver->eventgroup().service.major) {
-            accepted = &route;
+    for (const KnownRoute& known : found->second) {
+        rightPeer = rightPeer || known.route.source == from;
+        if (accepts(known.route, from, header)) {
+            accepted = &known;
             break;
         }
     }
     if (accepted == nullptr) {
         (rightPeer ? counters().wrongVersion : counters().wrongPeer).add();
-        if (const auto unlogged = m_strange.note(now)) {
-            KYO_LOG(5, "A notification of " << found->second.front().receiver->name() << " is not taken from "
-                                            << toText(from) << " with interface version "
-                                            << header.interfaceVersion << " (" << *unlogged
-                                            << " more since the last such message)");
+        if (const auto untold = m_strange.note(now)) {
+            KYO_LOG(5, "A notification of " << found->second.front().route.receiver->name()
+                                            << " is not taken from " << toText(from)
+                                            << " with interface version " << header.interfaceVersion << " ("
+                                            << *untold << " more since this was last told)");
         }
         return;
     }
@@ -88,11 +105,42 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
         }
         counters().tpJoined.add();
     }
-    for (const Route& route : found->second) {
-        if (route.source == from && header.interfaceVersion == route.receiver->eventgroup().service.major &&
-            !m_stop.load(std::memory_order_relaxed)) {
-            route.receiver->deliver(payload, header.session, from);
+    const auto verdict = accepted->sessions->judge(*accepted->sequence, header.session);
+    if (verdict.missing != 0) {
+        counters().sessionGaps.add(verdict.missing);
+    }
+    if (verdict.repeated) {
+        counters().sessionRepeats.add();
+    }
+    deliver(found->second, from, header, payload);
+}
+
+void EventDispatcher::deliver(const std::vector<KnownRoute>& routes, const Endpoint& from,
+                              const Header& header, std::span<const std::uint8_t> payload) {
+    using Outcome = EventReceiver::Outcome;
+    auto outcome = Outcome::Closed;  // the first receiver's that is open
+    for (const KnownRoute& known : routes) {
+        if (accepts(known.route, from, header) && !m_stop.load(std::memory_order_relaxed)) {
+            const auto one = known.route.receiver->deliver(payload, from);
+            outcome = outcome == Outcome::Closed ? one : outcome;
         }
+    }
+    switch (outcome) {
+        case Outcome::Taken:
+            counters().notifications.add();
+            break;
+        case Outcome::Closed:
+            counters().notSubscribed.add();
+            break;
+        case Outcome::Truncated:
+            counters().truncated.add();
+            break;
+        case Outcome::Malformed:
+            counters().malformed.add();
+            break;
+        case Outcome::Failed:
+            counters().handlerFailures.add();
+            break;
     }
 }
 

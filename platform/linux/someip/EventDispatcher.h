@@ -1,12 +1,15 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "someip/EventReceiver.h"
+#include "someip/EventSessions.h"
 #include "someip/RateLimit.h"
 #include "someip/Segmentation.h"
 
@@ -20,6 +23,7 @@ class EventDispatcher {
     struct Route {
         Endpoint source;
         std::shared_ptr<EventReceiver> receiver;
+        std::uint64_t life = 0;  ///< of the service: another one means that its sender may have started anew
     };
 
     /// No handler is called while `stop` is set.
@@ -33,11 +37,30 @@ class EventDispatcher {
     Clock::time_point nextDeadline() const { return m_reassembler.nextDeadline(); }
 
   private:
+    /// One service of one sender, from one offer to the next.
+    struct Sender {
+        std::uint64_t life = 0;
+        std::uint64_t routesVersion = 0;  ///< of the last routes that it was part of
+        ServiceSessions sessions;
+    };
+    struct KnownRoute {
+        Route route;
+        ServiceSessions* sessions;
+        SessionSequence* sequence;
+    };
+
     void onMessage(const Endpoint& from, const Header& header, std::span<const std::uint8_t> payload,
                    Clock::time_point now);
+    void deliver(const std::vector<KnownRoute>& routes, const Endpoint& from, const Header& header,
+                 std::span<const std::uint8_t> payload);
+    static bool accepts(const Route& route, const Endpoint& from, const Header& header) noexcept {
+        return route.source == from && header.interfaceVersion == route.receiver->eventgroup().service.major;
+    }
     void countDropped();
 
-    std::unordered_map<std::uint32_t, std::vector<Route>> m_routes;  ///< by service and event
+    std::unordered_map<std::uint32_t, std::vector<KnownRoute>> m_routes;  ///< by service and event
+    std::map<std::pair<ServiceKey, Endpoint>, Sender> m_senders;
+    std::uint64_t m_routesVersion = 0;
     Reassembler m_reassembler;
     std::uint64_t m_droppedBefore = 0;
     std::uint64_t m_ignoredBefore = 0;

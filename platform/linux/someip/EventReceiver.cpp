@@ -21,56 +21,31 @@ EventReceiver::EventReceiver(const ac::com::ServiceInterface& service, std::uint
       m_name(std::string("service ") + service.name + ", event " + event.name),
       m_handler(std::move(handler)) {}
 
-void EventReceiver::judgeSession(std::uint16_t session) noexcept {
-    if (session == 0) {
-        return;  // the sender does not number its messages
-    }
-    const auto last = m_lastSession.load(std::memory_order_relaxed);
-    const auto ahead = static_cast<std::uint16_t>(session - last);
-    if (last == 0) {  // NOLINT(bugprone-branch-clone): the cases differ in what they count
-        m_lastSession.store(session, std::memory_order_relaxed);
-    } else if (ahead == 0) {
-        counters().sessionRepeats.add();
-    } else if (ahead < 0x8000) {
-        // 0xFFFF is followed by 1: there is no session 0.
-        const unsigned missing = ahead - 1u - (session < last ? 1u : 0u);
-        if (missing != 0) {
-            counters().sessionGaps.add(missing);
-        }
-        m_lastSession.store(session, std::memory_order_relaxed);
-    } else if (session == 1) {
-        m_lastSession.store(session, std::memory_order_relaxed);  // the sender has restarted
-    }
-}
-
-void EventReceiver::deliver(std::span<const std::uint8_t> payload, std::uint16_t session,
-                            const Endpoint& from) {
+EventReceiver::Outcome EventReceiver::deliver(std::span<const std::uint8_t> payload, const Endpoint& from) {
     const CallGate::Pass pass(m_gate);
     if (!pass) {
-        return;
+        return Outcome::Closed;
     }
-    judgeSession(session);
-    counters().notifications.add();
     DecodeReport report;
     try {
         m_handler(payload, report);
     } catch (const std::exception& failure) {
-        counters().handlerFailures.add();
         logLimited(m_failed, std::string("A receive handler has failed: ") + failure.what(), from);
+        return Outcome::Failed;
     } catch (...) {
-        counters().handlerFailures.add();
         logLimited(m_failed, "A receive handler has failed: unknown exception", from);
+        return Outcome::Failed;
     }
     if (report.doubledMembers != 0) {
         counters().doubledMembers.add(report.doubledMembers);
     }
     if (report.result == DecodeResult::Good) {
-        return;
+        return Outcome::Taken;
     }
     const bool truncated = report.result == DecodeResult::Truncated;
-    (truncated ? counters().truncated : counters().malformed).add();
     logLimited(m_undecodable, truncated ? report.error : "A notification cannot be decoded: " + report.error,
                from);
+    return truncated ? Outcome::Truncated : Outcome::Malformed;
 }
 
 void EventReceiver::logLimited(RateLimit& limit, const std::string& what, const Endpoint& from) {

@@ -1,5 +1,4 @@
 #pragma once
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -27,13 +26,20 @@ class EventReceiver {
     /// "service GNSS, event positions"
     const std::string& name() const noexcept { return m_name; }
 
-    /// Calls the handler; counts and logs decoding errors and exceptions.
-    void deliver(std::span<const std::uint8_t> payload, std::uint16_t session, const Endpoint& from);
-    /// No handler is called afterwards. Waits for a running handler, unless the handler itself is the caller.
+    /// What became of a notification.
+    enum class Outcome : std::uint8_t {
+        Taken,
+        Closed,  ///< no handler is called any more
+        Truncated,
+        Malformed,
+        Failed,  ///< the handler threw
+    };
+    /// Calls the handler. What it could not use is logged here; the caller counts.
+    Outcome deliver(std::span<const std::uint8_t> payload, const Endpoint& from);
+    /// After this no handler is called; waits for one that is under way unless the caller is inside it.
     void close() noexcept { m_gate.close(); }
 
   private:
-    void judgeSession(std::uint16_t session) noexcept;
     void logLimited(RateLimit& limit, const std::string& what, const Endpoint& from);
 
     const EventgroupKey m_eventgroup;
@@ -41,8 +47,7 @@ class EventReceiver {
     const std::string m_name;
     const Handler m_handler;
     CallGate m_gate;
-    std::atomic<std::uint32_t> m_lastSession{0};  ///< 0: none yet
-    std::mutex m_limits;                          ///< guards the two below
+    std::mutex m_limits;  ///< guards the two below
     RateLimit m_undecodable;
     RateLimit m_failed;
 };

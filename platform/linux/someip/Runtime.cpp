@@ -258,7 +258,7 @@ std::vector<EventDispatcher::Route> Runtime::routes() const {
         // An event may overtake the acknowledgement: they come through different sockets.
         if (service != nullptr &&
             (state == SubscriptionState::Requested || state == SubscriptionState::Acknowledged)) {
-            routes.push_back({service->endpoint, receiver});
+            routes.push_back({service->endpoint, receiver, service->life});
         }
     }
     return routes;

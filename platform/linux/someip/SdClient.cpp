@@ -206,9 +206,10 @@ void SdClient::onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_p
     if (m_offers.size() >= (isWanted(key) ? 2 * kMaxOffers : kMaxOffers)) {
         return;
     }
-    const auto added =
-        m_offers.insert_or_assign(key, Offer{{key, entry.minor, endpoint, peer}, after(entry.ttl, now)})
-            .first;
+    const auto added = m_offers
+                           .insert_or_assign(key, Offer{{key, entry.minor, endpoint, peer, ++m_lives},
+                                                        after(entry.ttl, now)})
+                           .first;
     for (auto& [wanted, search] : m_searches) {
         if (matches(wanted, key)) {
             search.next = Clock::time_point::max();

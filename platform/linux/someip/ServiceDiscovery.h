@@ -46,8 +46,9 @@ struct EventgroupKey {
 struct RemoteService {
     ServiceKey key;
     std::uint32_t minor = 0;
-    Endpoint endpoint;  ///< the source of its events
-    Endpoint peer;      ///< of its service discovery
+    Endpoint endpoint;       ///< where its events come from
+    Endpoint peer;           ///< its service discovery
+    std::uint64_t life = 0;  ///< differs from one appearance to the next
 };
 
 enum class SubscriptionState : std::uint8_t {
@@ -173,6 +174,7 @@ class SdClient {
     SdOutbox& m_outbox;
     SdObserver& m_observer;
     std::minstd_rand& m_random;
+    std::uint64_t m_lives = 0;
     std::map<ServiceKey, Search> m_searches;
     Offers m_offers;
     Subscriptions m_subscriptions;

@@ -85,7 +85,7 @@ TEST_F(Dispatching, HandsANotificationToEachReceiver) {
     hear(messageOf(payloadOf(5)));
     EXPECT_THAT(got, ElementsAre(5, 5));
     stop = true;
-    hear(messageOf(payloadOf(6)));
+    EXPECT_EQ(counted(counters().notSubscribed, messageOf(payloadOf(6))), 1u);
     EXPECT_THAT(got, ElementsAre(5, 5)) << "nothing is handed over after the end";
 }
 
@@ -126,7 +126,7 @@ TEST_F(Dispatching, RefusesAndCountsWhatIsNotForIt) {
 TEST_F(Dispatching, ATruncatedStructureIsLoggedOnceWithItsEventAndTheSubscriptionContinues) {
     const Bytes truncated = {0, 0, 0, 6, 0, 0, 0, 2, 0x00, 0x01};
     EXPECT_EQ(counted(counters().truncated, messageOf(truncated)), 1u);
-    EXPECT_EQ(counted(counters().truncated, messageOf(truncated)), 1u);
+    EXPECT_EQ(counted(counters().notifications, messageOf(truncated)), 0u) << "counted once";
     EXPECT_THAT(
         log.messages(3),
         ElementsAre("Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is "
@@ -150,21 +150,78 @@ TEST_F(Dispatching, AHandlerThatThrowsIsLoggedAndTheNextMessageComes) {
     EXPECT_THAT(log.messages(3), ElementsAre(HasSubstr("no room (service Meter, event readings")));
 }
 
-TEST_F(Dispatching, CountsNumbersThatNeverCameAndThoseThatCameAgain) {
+TEST_F(Dispatching, CountsNumbersThatNeverCameOnceItKnowsThatTheSenderCounts) {
     const auto payload = payloadOf(1);
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 7)), 0u);
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 8)), 0u);
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 11)), 2u);
-    EXPECT_EQ(counted(counters().sessionRepeats, messageOf(payload, 11)), 1u);
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 10)), 0u) << "late, not lost twice";
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 0xFFFF)), 0u) << "older still";
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 1)), 0u) << "the sender has started anew";
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 0)), 0u) << "a sender that does not count";
-    for (const std::uint16_t session : {0x7000, 0xE000, 0xFFFE}) {
-        hear(messageOf(payload, session));
+    const auto gaps = [&](std::initializer_list<std::uint16_t> sessions) {
+        const auto before = counters().sessionGaps.value();
+        for (const auto session : sessions) {
+            hear(messageOf(payload, session));
+        }
+        return counters().sessionGaps.value() - before;
+    };
+    EXPECT_EQ(gaps({7, 9, 10}), 0u) << "not known yet";
+    const auto count = [&](std::uint16_t from, std::uint16_t to) {
+        for (; from <= to; ++from) {
+            EXPECT_EQ(gaps({from}), 0u) << from;
+        }
+    };
+    count(11, 40);
+    EXPECT_EQ(gaps({43, 44}), 2u);
+    EXPECT_EQ(counted(counters().sessionRepeats, messageOf(payload, 44)), 1u);
+    EXPECT_EQ(gaps({46, 45, 47, 30, 48}), 0u) << "overtaken, and late";
+    EXPECT_EQ(gaps({0, 0, 49}), 0u) << "not every message counts";
+    EXPECT_EQ(gaps({20001, 50, 51, 54, 55}), 2u) << "a stray one costs nothing and hides nothing";
+    EXPECT_EQ(gaps({1000, 1001}), 944u) << "an outage";
+    EXPECT_EQ(gaps({40000, 40001}), 38998u) << "a long one";
+    EXPECT_EQ(gaps({1, 2, 3}), 0u) << "a new start";
+    EXPECT_EQ(gaps({0xFF00, 0xFF01}), 0xFF00u - 4u);
+    EXPECT_EQ(gaps({0xFFFE, 0xFFFF, 1, 3, 4}), 252u + 1u) << "no number 0";
+    count(5, 30);
+    EXPECT_EQ(gaps({40000, 40001, 5, 6, 7}), 39969u) << "a new start whose first numbers were lost";
+    EXPECT_EQ(got.size(), 94u) << "none is kept back";
+}
+
+TEST_F(Dispatching, FindsNoGapsInASenderThatCountsItsEventsTogetherButThoseThatAre) {
+    const auto send = [&](const ac::com::EventInterface& event, std::uint16_t session) {
+        auto message = messageOf(payloadOf(1), session);
+        storeBig(&message[2], event.eventId);
+        return counted(counters().sessionGaps, message);
+    };
+    const auto routes = [&](std::uint64_t life) {
+        const auto alarms = std::make_shared<EventReceiver>(
+            kMeter, 1, kAlarms, [](std::span<const std::uint8_t>, someip::DecodeReport&) {});
+        return std::vector<EventDispatcher::Route>{{kServer, receiver(), life}, {kServer, alarms, life}};
+    };
+    std::uint64_t gaps = 0;
+    for (std::uint16_t session = 1; session <= 240; session += 2) {
+        gaps += send(kReadings, session);  // the other event is not subscribed
     }
-    EXPECT_EQ(counted(counters().sessionGaps, messageOf(payload, 1)), 1u) << "there is no session 0";
-    EXPECT_EQ(got.size(), 12u) << "none is kept back";
+    EXPECT_EQ(gaps, 0u);
+
+    // Both are, and one comes rarely.
+    dispatcher.setRoutes(routes(1));
+    std::uint16_t session = 0;
+    for (int i = 0; i < 500; ++i) {
+        gaps += send(i % 50 == 49 ? kAlarms : kReadings, ++session);
+    }
+    EXPECT_EQ(gaps, 0u);
+    session = static_cast<std::uint16_t>(session + 3);
+    gaps += send(kReadings, ++session);
+    gaps += send(kAlarms, ++session);
+    EXPECT_EQ(gaps, 3u);
+
+    // A new life that counts each event apart, both in step.
+    dispatcher.setRoutes(routes(2));
+    for (session = 100; session < 130; ++session) {
+        gaps += send(kReadings, session);
+        gaps += send(kAlarms, session);
+    }
+    EXPECT_EQ(gaps, 3u);
+    gaps += send(kAlarms, session);
+    gaps += send(kReadings, ++session);
+    gaps += send(kAlarms, session);
+    gaps += send(kReadings, ++session);
+    EXPECT_EQ(gaps, 4u) << "one reading";
 }
 
 TEST_F(Dispatching, JoinsSegmentsAndCountsWhatNeverBecameAMessage) {
@@ -180,6 +237,16 @@ TEST_F(Dispatching, JoinsSegmentsAndCountsWhatNeverBecameAMessage) {
         hear(datagram);
     }
     EXPECT_EQ(got.size(), 100u);
+
+    // A sender that has started anew under the same port.
+    hear(datagrams[0]);
+    const auto begun = counters().tpDropped.value();
+    dispatcher.setRoutes({{kServer, receiver(), 1}});
+    EXPECT_EQ(counters().tpDropped.value(), begun);
+    for (const Bytes& datagram : datagrams) {
+        hear(datagram);
+    }
+    EXPECT_EQ(got.size(), 200u);
 
     datagrams[0].at(11) = 4;  // another session
     hear(datagrams[0]);
