@@ -40,7 +40,6 @@ struct Witness : SdObserver {
     void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) override {
         require(up.contains(eventgroup.service) && isMulticast(group.address), "a group is one");
     }
-    bool admitSubscriber(const EventgroupKey&, const Endpoint&) override { return true; }
     void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) override {
         require(eventgroup.service == kOffered && eventgroup.eventgroup <= 2,
                 "only what is offered has subscribers");

@@ -41,10 +41,6 @@ void EventPublication::setSubscriptionHandler(std::function<void(const std::stri
     m_sender->setHandler(std::move(handler));
 }
 
-void EventPublication::setSubscriptionPolicy(std::function<bool(const std::string&)> admit) {
-    m_sender->setPolicy(std::move(admit));
-}
-
 std::vector<std::uint8_t>& EventPublication::messageBuffer() {
     thread_local std::vector<std::uint8_t> buffer;
     if (buffer.capacity() > (256u << 10)) {

@@ -59,9 +59,6 @@ class EventPublication {
     /// `handler` is called on a thread of the middleware, outside any lock, when a peer subscribes for the
     /// first time and when its subscription ends. `peer` is its receiving endpoint ("127.0.0.1:40001").
     void setSubscriptionHandler(std::function<void(const std::string& peer, bool subscribed)> handler);
-    /// `admit` decides whether a peer may subscribe; a refusal is sent to the peer. It is called with the
-    /// lock of the middleware held, so it must not call into the middleware. Empty: every peer may subscribe.
-    void setSubscriptionPolicy(std::function<bool(const std::string& peer)> admit);
 
   protected:
     EventPublication(SkeletonBase& owner, const EventInterface& event);

@@ -54,26 +54,6 @@ void EventSender::setHandler(SubscriptionHandler handler) {
     m_handler = handler ? std::make_shared<const SubscriptionHandler>(std::move(handler)) : nullptr;
 }
 
-void EventSender::setPolicy(SubscriptionPolicy policy) {
-    const std::lock_guard lock(m_guard);
-    m_policy = policy ? std::make_shared<const SubscriptionPolicy>(std::move(policy)) : nullptr;
-}
-
-bool EventSender::admits(const Endpoint& receiver) const {
-    const CallGate::Pass pass(m_gate);
-    std::shared_ptr<const SubscriptionPolicy> policy;
-    {
-        const std::lock_guard lock(m_guard);
-        policy = m_policy;
-    }
-    try {
-        return !pass || policy == nullptr || (*policy)(toText(receiver));
-    } catch (...) {
-        counters().handlerFailures.add();
-        return false;
-    }
-}
-
 void EventSender::notify(const Endpoint& receiver, bool subscribed) {
     const CallGate::Pass pass(m_gate);
     std::shared_ptr<const SubscriptionHandler> handler;

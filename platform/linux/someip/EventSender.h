@@ -20,7 +20,6 @@ namespace someip {
 class EventSender {
   public:
     using SubscriptionHandler = std::function<void(const std::string& peer, bool subscribed)>;
-    using SubscriptionPolicy = std::function<bool(const std::string& peer)>;
 
     EventSender(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event);
 
@@ -33,11 +32,9 @@ class EventSender {
 
     std::size_t subscribers() const;
     void setHandler(SubscriptionHandler handler);
-    void setPolicy(SubscriptionPolicy policy);
-    bool admits(const Endpoint& receiver) const;
     /// Calls the subscription handler.
     void notify(const Endpoint& receiver, bool subscribed);
-    /// Neither handler nor policy is called afterwards. Waits for one that is running.
+    /// The handler is not called afterwards. Waits for one that is running.
     void close() noexcept;
 
     /// Called by the runtime: the socket and the subscribers to send to.
@@ -63,11 +60,10 @@ class EventSender {
     const ac::com::EventInterface m_event;
     std::atomic<std::uint32_t> m_session{0};
     std::atomic<bool> m_silent{false};
-    mutable CallGate m_gate;
-    mutable std::mutex m_guard;  ///< guards the three below
+    CallGate m_gate;
+    mutable std::mutex m_guard;  ///< guards the two below
     std::shared_ptr<const Target> m_target;
     std::shared_ptr<const SubscriptionHandler> m_handler;
-    std::shared_ptr<const SubscriptionPolicy> m_policy;
 };
 
 /// One offered instance. All but the first group is guarded by the runtime's lock.

@@ -89,7 +89,7 @@ Runtime& Runtime::process() {
 }
 
 Runtime::~Runtime() {
-    end(true, std::chrono::hours(24));
+    stop(std::chrono::hours(24));
     for (const auto& worker : m_leftBehind) {
         std::unique_lock lock(worker->guard);
         worker->ended.wait(lock, [&] { return worker->done; });
@@ -124,14 +124,6 @@ bool Runtime::start(const machine::SomeIpSettings& settings, bool providesServic
 }
 
 void Runtime::stop(std::chrono::milliseconds limit) {
-    end(true, limit);
-}
-
-void Runtime::abandon() {
-    end(false, std::chrono::milliseconds(400));
-}
-
-void Runtime::end(bool sayGoodBye, std::chrono::milliseconds limit) {
     std::shared_ptr<Worker> worker;
     std::vector<Notice> notices;
     {
@@ -142,7 +134,7 @@ void Runtime::end(bool sayGoodBye, std::chrono::milliseconds limit) {
         worker = std::move(m_worker);
         m_worker = nullptr;
         worker->stop.store(true);
-        closeNetwork(sayGoodBye);
+        closeNetwork(true);
         notices.swap(m_notices);
     }
     worker->wakeUp.wake();
@@ -386,20 +378,6 @@ void Runtime::multicastGiven(const EventgroupKey& eventgroup, const Endpoint& gr
     if (groups.contains(group) || groups.size() < kMaxEventGroups) {
         groups[group].insert(eventgroup);
     }
-}
-
-bool Runtime::admitSubscriber(const EventgroupKey& eventgroup, const Endpoint& receiver) {
-    for (const auto& provider : m_providers) {
-        if (provider->key() != eventgroup.service) {
-            continue;
-        }
-        for (const auto& sender : provider->senders) {
-            if (sender->eventgroup() == eventgroup.eventgroup && !sender->admits(receiver)) {
-                return false;
-            }
-        }
-    }
-    return true;
 }
 
 void Runtime::subscriberChanged(const EventgroupKey& eventgroup, const Endpoint& receiver, bool subscribed) {

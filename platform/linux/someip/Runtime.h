@@ -44,8 +44,6 @@ class Runtime final : private SdObserver {
     /// handler that takes longer keeps its thread, which ends when the handler returns. No other handler is
     /// called afterwards. Called from a handler, it does not wait at all.
     void stop(std::chrono::milliseconds limit = std::chrono::milliseconds(400));
-    /// Ends like a killed process, without a message on the wire. Followed by start(), it is a reboot.
-    void abandon();
     /// While silent, sends neither events nor service discovery.
     void setSilent(bool silent);
 
@@ -91,7 +89,6 @@ class Runtime final : private SdObserver {
     void serviceDown(const RemoteService& service, const char* reason) override;
     void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) override;
     void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) override;
-    bool admitSubscriber(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
     void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
     void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
     void peerRebooted(const Endpoint& peer) override;
@@ -105,7 +102,6 @@ class Runtime final : private SdObserver {
     void subscriberChanged(const EventgroupKey& eventgroup, const Endpoint& receiver, bool subscribed);
     void wake() const;
 
-    void end(bool sayGoodBye, std::chrono::milliseconds limit);
     // Called by the thread.
     void work(Worker& worker);
     Clock::time_point step(Worker& worker, DatagramBatch& batch, std::shared_ptr<NetworkAccess>& network);

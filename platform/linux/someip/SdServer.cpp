@@ -91,7 +91,7 @@ bool SdServer::admit(const EventgroupKey& key, const SdEntry& entry, const Endpo
     const auto service = m_offered.find(key.service);
     return service != m_offered.end() && !entry.unicast.empty() &&
            std::ranges::count(service->second.eventgroups, key.eventgroup) != 0 && receiver.port != 0 &&
-           m_network.contains(receiver.address) && m_observer.admitSubscriber(key, receiver);
+           m_network.contains(receiver.address);
 }
 
 void SdServer::onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {

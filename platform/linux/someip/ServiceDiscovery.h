@@ -67,7 +67,6 @@ class SdObserver {
     virtual void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) = 0;
     /// The acknowledgement names a multicast group that carries the events.
     virtual void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) = 0;
-    virtual bool admitSubscriber(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
     virtual void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
     virtual void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
     virtual void peerRebooted(const Endpoint& peer) = 0;

@@ -43,6 +43,13 @@ inline machine::SomeIpSettings settingsFor(int host) {
     return settings;
 }
 
+/// Ends it like a killed process, without a message on the wire.
+inline void kill(someip::Runtime& runtime) {
+    runtime.setSilent(true);
+    runtime.stop();
+    runtime.setSilent(false);
+}
+
 inline Reading numbered(int number) {
     Reading reading;
     reading.offset = number;

@@ -194,7 +194,7 @@ TEST(HandlersUnderStress, NoneIsCalledAfterItsEnd) {
         for (int life = 0; life < 5; ++life) {
             const auto before = received.load();
             EXPECT_TRUE(eventually([&] { return received > before + 20; }));
-            life % 2 == 0 ? runtime.stop(20s) : runtime.abandon();
+            life % 2 == 0 ? runtime.stop(20s) : kill(runtime);
             runtime.start(settingsFor(1), true);
         }
         over = true;

@@ -53,6 +53,20 @@ TEST_F(DeviceTalk, EventsMayOvertakeTheAcknowledgementAndTheEndIsSent) {
     EXPECT_EQ(subscription.ttl, 0u);
 }
 
+TEST_F(DeviceTalk, ARefusedSubscriptionIsLoggedOnceAndAcceptedLater) {
+    for (int refusal = 0; refusal < 2; ++refusal) {
+        device->sendDiscovery(device->offer(60));
+        ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+        device->answer(subscription, from, 0);
+    }
+    ASSERT_TRUE(log.waitFor("subscription refused by the service", 2));
+    EXPECT_FALSE(client.readings->subscribed());
+    EXPECT_EQ(log.messages(3).size(), 1u);
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    device->answer(subscription, from, 60);
+    EXPECT_TRUE(client.subscribed());
+}
+
 TEST_F(DeviceTalk, ServiceDiscoveryFromOutsideTheNetworkIsNotHeard) {
     runtime.stop();
     auto settings = settingsFor(1);

@@ -33,7 +33,6 @@ struct SdNews : someip::SdObserver {
     void multicastGiven(const someip::EventgroupKey& key, const someip::Endpoint& group) override {
         news.push_back("group " + text(key) + " " + someip::toText(group));
     }
-    bool admitSubscriber(const someip::EventgroupKey&, const someip::Endpoint&) override { return admits; }
     void subscriberAdded(const someip::EventgroupKey& key, const someip::Endpoint& receiver) override {
         news.push_back("added " + text(key) + " " + someip::toText(receiver));
     }
@@ -47,7 +46,6 @@ struct SdNews : someip::SdObserver {
     std::vector<std::string> take() { return std::exchange(news, {}); }
 
     std::vector<std::string> news;
-    bool admits = true;
 };
 
 /// Returns false unless the datagram is a discovery message.

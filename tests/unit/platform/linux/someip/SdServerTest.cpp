@@ -104,15 +104,6 @@ TEST_F(SdServerSteps, RefusesWhatItDoesNotHave) {
     EXPECT_THAT(takeSent(), IsEmpty()) << "a subscription by multicast is not meant for it";
 }
 
-TEST_F(SdServerSteps, APolicyMayEndASubscription) {
-    settle();
-    hearUnicast(client, {client.subscribe(1, 1)});
-    observer.admits = false;
-    hearUnicast(client, {client.subscribe(1, 1)});
-    EXPECT_THAT(observer.take(), ElementsAre("added 1.1/1 127.0.0.3:50000", "removed 1.1/1 127.0.0.3:50000"));
-    EXPECT_THAT(takeSent(), ElementsAre("ack 1.1/1", "nack 1.1/1"));
-}
-
 TEST_F(SdServerSteps, SubscribersOfOneEventgroupAreBounded) {
     settle();
     for (std::uint16_t port = 1; port <= SdServer::kMaxSubscribers + 1; ++port) {
