@@ -11,8 +11,9 @@
 #include <sstream>
 
 #include "base/FileText.h"
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/FieldReader.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 
@@ -41,6 +42,17 @@ long long readDigits(const std::string& key, std::size_t& at) {
 
 bool isValidIndex(const Value& array, long long index) {
     return index >= 0 && index < static_cast<long long>(array.size());
+}
+
+/// The value where it is a whole number that the type holds, else the default; `fault` names one out of
+/// range.
+template <typename Number>
+Number wholeNumber(const Value& value, const std::string& key, Number otherwise, std::string& fault) {
+    FieldReader reader("application configuration", Reading::Exact);
+    if (value.isIntegral() && !reader.root(value, key).number(otherwise)) {
+        fault = reader.faults().front();
+    }
+    return otherwise;
 }
 
 }  // namespace
@@ -136,27 +148,19 @@ std::string VLMConfig::getString(const std::string& key, const std::string& defa
 }
 
 std::int32_t VLMConfig::getInt(const std::string& key, std::int32_t defaultValue, int arrayIndex) {
-    const Value& value = getJsonValue(key, arrayIndex);
-    int number = 0;
-    if (!value.isIntegral()) {
-        return defaultValue;
-    }
-    if (!toInt(value, number)) {
-        VLM_LOG(3, key << ": " << compactText(value) << " is out of the range of a 32-bit number");
-        return defaultValue;
+    std::string fault;
+    const std::int32_t number = wholeNumber(getJsonValue(key, arrayIndex), key, defaultValue, fault);
+    if (!fault.empty()) {
+        VLM_LOG(3, fault);
     }
     return number;
 }
 
 std::int64_t VLMConfig::getLong(const std::string& key, std::int64_t defaultValue, int arrayIndex) {
-    const Value& value = getJsonValue(key, arrayIndex);
-    std::int64_t number = 0;
-    if (!value.isIntegral()) {
-        return defaultValue;
-    }
-    if (!toInt64(value, number)) {
-        VLM_LOG(3, key << ": " << compactText(value) << " is out of the range of a 64-bit number");
-        return defaultValue;
+    std::string fault;
+    const std::int64_t number = wholeNumber(getJsonValue(key, arrayIndex), key, defaultValue, fault);
+    if (!fault.empty()) {
+        VLM_LOG(3, fault);
     }
     return number;
 }

@@ -22,11 +22,11 @@
 #include "ara/exec/application_client.h"
 #include "ara/stm/component_client.h"
 #include "base/DetachedThread.h"
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "config/ConfigControlPanel.h"
 #include "config/ConfigResponseHandler.h"
+#include "json/FieldReader.h"
 #include "kyo/Log.h"
 #include "report/VlmDataSubmissionControl.h"
 
@@ -101,20 +101,15 @@ void loadApplicationConfiguration(const CommandLine& commandLine) {
 
 std::vector<std::string> readOfferedDataTypes() {
     std::vector<std::string> offered;
+    FieldReader reader("application configuration", Reading::Converting);
     const kyo::Json::Value& types = VLMConfig::getInstance()->getJsonValue("OfferedDataTypes");
-    if (!types.isArray() && !types.isNull()) {
-        VLM_LOG_PLAIN_AS(3, kMain,
-                         "OfferedDataTypes: an array of texts is expected, found " << kindOf(types));
-    }
-    for (kyo::Json::ArrayIndex i = 0; types.isArray() && i < types.size(); ++i) {
-        std::string type;
-        if (toText(types[i], type)) {
+    for (const Field& element : reader.root(types, "OfferedDataTypes").elements("an array of texts")) {
+        if (std::string type; element.name(type)) {
             offered.push_back(type);
-        } else {
-            VLM_LOG_PLAIN_AS(3, kMain,
-                             "OfferedDataTypes[" << i << "]: a text is expected, found " << kindOf(types[i])
-                                                 << "; it is left out");
         }
+    }
+    for (const std::string& fault : reader.faults()) {
+        VLM_LOG_PLAIN_AS(3, kMain, fault << "; it is left out");
     }
     VLM_LOG_PLAIN_AS(5, kMain, "Offered Data Types Size = " << offered.size());
     return offered;

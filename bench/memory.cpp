@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "collect/CollectorImpl.h"
 #include "collect/IngressQueue.h"
 #include "kyo/Log.h"

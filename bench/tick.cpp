@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "kyo/Log.h"
 #include "report/VlmDataSubmissionControl.h"
 #include "report/VlmReportControl.h"

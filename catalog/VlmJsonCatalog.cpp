@@ -5,8 +5,9 @@
 #include <utility>
 
 #include "base/FileText.h"
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/FieldReader.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 
@@ -20,35 +21,11 @@ VlmJsonCatalog* catalogSingleton = nullptr;
 
 constexpr int kMalformedFile = -6;  // exit status 250
 
-void nameMismatch(const std::string& place, const char* expected, const Value& value) {
-    VLM_LOG(3, place << ": " << expected << " is expected, found " << kindOf(value));
-}
-
-std::string textField(const Value& object, const char* key, const std::string& place) {
-    std::string text;
-    if (!toText(member(object, key), text)) {
-        nameMismatch(place + "." + key, "a text", member(object, key));
+// Each operation logs what it finds wrong, under its own signature.
+#define LOG_FAULTS(reader)                             \
+    for (const std::string& fault : reader.faults()) { \
+        VLM_LOG(3, fault);                             \
     }
-    return text;
-}
-
-std::int32_t numberField(const Value& object, const char* key, const std::string& place) {
-    int number = 0;
-    if (!toInt(member(object, key), number)) {
-        nameMismatch(place + "." + key, "a 32-bit number", member(object, key));
-    }
-    return number;
-}
-
-/// Returns the member if it is an object, else null; logs if it is something else.
-const Value& objectMember(const Value& object, const std::string& key, const std::string& place) {
-    const Value& value = member(object, key);
-    if (!value.isObject() && !value.isNull()) {
-        nameMismatch(place, "an object", value);
-        return Value::nullSingleton();
-    }
-    return value;
-}
 
 }  // namespace
 
@@ -98,27 +75,33 @@ VlmJsonCatalog::VlmJsonCatalog(const std::string& path) {
 }
 
 void VlmJsonCatalog::PopulateServiceInfo() {
-    const Value& services = objectMember(m_document, "services", "services");
-    if (services.isNull()) {
+    FieldReader reader("catalog", Reading::Converting);
+    const Field services = reader.root(m_document)["services"];
+    const std::vector<std::string> names = services.names();
+    LOG_FAULTS(reader);
+    if (!services.value().isObject()) {
         VLM_LOG(3, "Failed to get the services info from Json Catalog file");
         return;
     }
     m_numberOfServices = 0;
-    for (const std::string& name : services.getMemberNames()) {
-        AddSingleServiceInfoToMap(name, services);
+    for (const std::string& name : names) {
+        AddSingleServiceInfoToMap(name, services.value());
         ++m_numberOfServices;
     }
 }
 
 void VlmJsonCatalog::AddSingleServiceInfoToMap(const std::string& name, const Value& services) {
-    const Value& service = objectMember(services, name, "services." + name);
-    if (service.isNull()) {
+    FieldReader reader("catalog", Reading::Converting);
+    const Field service = reader.root(services, "services")[name];
+    const std::vector<std::string> resourceNames = service.names();
+    LOG_FAULTS(reader);
+    if (!service.value().isObject()) {
         VLM_LOG(3, "Couldnot find the JSON value for the service " << name);
         return;
     }
     ServicesStruct info;
-    for (const std::string& resourceName : service.getMemberNames()) {
-        info.resources.emplace(resourceName, getResourceInfoForService(name, resourceName, service));
+    for (const std::string& resourceName : resourceNames) {
+        info.resources.emplace(resourceName, getResourceInfoForService(name, resourceName, service.value()));
     }
     m_services.emplace(name, std::move(info));
 }
@@ -127,65 +110,65 @@ ResourceStruct VlmJsonCatalog::getResourceInfoForService(const std::string& serv
                                                          const std::string& resourceName,
                                                          const Value& serviceObject) {
     ResourceStruct info;
-    const std::string place = "services." + serviceName + "." + resourceName;
-    const Value& resource = objectMember(serviceObject, resourceName, place);
-    if (resource.isNull()) {
+    FieldReader reader("catalog", Reading::Converting);
+    const Field resource = reader.root(serviceObject, "services." + serviceName)[resourceName];
+    resource.object();
+    resource["loadFactor"].number(info.loadFactor);
+    resource["serviceId"].name(info.serviceId);
+    resource["someipKeyProperty"].name(info.someipKeyProperty);
+    LOG_FAULTS(reader);
+    if (!resource.value().isObject()) {
         VLM_LOG(3, "Couldnot find the JSON value for the resource " << resourceName);
         return info;
     }
-    info.loadFactor = numberField(resource, "loadFactor", place);
-    info.serviceId = textField(resource, "serviceId", place);
-    info.someipKeyProperty = textField(resource, "someipKeyProperty", place);
-    PopulateInstancesOfResource(place + ".instances", resource, info.instances);
+    PopulateInstancesOfResource(resource.place(), resource.value(), info.instances);
     return info;
 }
 
 void VlmJsonCatalog::PopulateInstancesOfResource(
     const std::string& place, const Value& resourceObject,
     std::map<std::int32_t, std::vector<PropertyInfoStruct>>& instances) {
-    const Value& all = objectMember(resourceObject, "instances", place);
-    if (all.isNull()) {
-        VLM_LOG(3, "Couldnot find the instances JSON value for the resource ");
-        return;
-    }
-    for (const std::string& name : all.getMemberNames()) {
-        const std::string instancePlace = place + "." + name;
+    FieldReader reader("catalog", Reading::Converting);
+    const Field all = reader.root(resourceObject, place)["instances"];
+    for (const std::string& name : all.names()) {
+        const Field instance = all[name];
         std::int32_t id = 0;
         try {
             id = std::stoi(name);
         } catch (const std::exception&) {
-            VLM_LOG(3, instancePlace << ": an instance id is a decimal number of 32 bits");
+            VLM_LOG(3, instance.place() << ": an instance id is a decimal number of 32 bits");
             throw;
         }
-        const Value& properties = member(all, name);
-        if (!properties.isArray()) {
-            nameMismatch(instancePlace, "an array", properties);
-            continue;
-        }
         std::vector<PropertyInfoStruct> infos;
-        for (kyo::Json::ArrayIndex i = 0; i < properties.size(); ++i) {
-            const std::string propertyPlace = instancePlace + "[" + std::to_string(i) + "]";
-            const Value& property = properties[i];
-            if (!property.isObject()) {
-                nameMismatch(propertyPlace, "an object", property);
+        for (const Field& property : instance.elements()) {
+            if (!property.object()) {
                 continue;
             }
-            infos.push_back({textField(property, "property", propertyPlace),
-                             textField(property, "signal", propertyPlace),
-                             numberField(property, "privacy_group", propertyPlace)});
+            PropertyInfoStruct& info = infos.emplace_back();
+            property["property"].name(info.propertyName);
+            property["signal"].name(info.signalName);
+            property["privacy_group"].number(info.privacyGroup);
         }
-        instances.emplace(id, std::move(infos));
+        if (instance.value().isArray()) {
+            instances.emplace(id, std::move(infos));
+        }
+    }
+    LOG_FAULTS(reader);
+    if (!all.value().isObject()) {
+        VLM_LOG(3, "Couldnot find the instances JSON value for the resource ");
     }
 }
 
 std::string VlmJsonCatalog::getCatalogVersion() {
     const std::lock_guard<std::mutex> lock(m_versionGuard);
-    const Value& meta = objectMember(m_document, "meta", "meta");
-    if (meta.isNull()) {
+    FieldReader reader("catalog", Reading::Converting);
+    const Field meta = reader.root(m_document)["meta"];
+    m_catalogVersion.clear();
+    meta.object();
+    meta["vlmVersion"].text(m_catalogVersion);
+    LOG_FAULTS(reader);
+    if (!meta.value().isObject()) {
         VLM_LOG(3, "Failed to get the services info from Json Catalog file");
-        m_catalogVersion.clear();
-    } else {
-        m_catalogVersion = textField(meta, "vlmVersion", "meta");
     }
     return m_catalogVersion;
 }

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "base/CompactJson.h"
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "base/VlmLog.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"

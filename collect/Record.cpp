@@ -1,6 +1,6 @@
 #include "collect/Record.h"
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 

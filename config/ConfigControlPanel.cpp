@@ -6,8 +6,8 @@
 #include <mutex>
 #include <utility>
 
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/FieldReader.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 
@@ -62,31 +62,24 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
     if (response.size() > 0) {  // NOLINT(readability-container-size-empty)
         m_retryTimer->stopTimer();
     }
-    if (!response.isArray()) {
-        refused.add();
-        VLM_LOG(3, "Configuration answer refused: an array is expected, not " << kindOf(response));
-        return;
-    }
-    if (response.empty()) {
-        refused.add();
-        VLM_LOG(3, "The configuration answer holds no record; the request goes on");
-        return;
-    }
-
-    const kyo::Json::Value& record = response[0];
+    FieldReader reader("the answer", Reading::Converting);
+    const auto records = reader.root(response).elements();
     std::string recordId;
     std::string recordBody;
-    std::string wrong;
-    if (!record.isObject()) {
-        wrong = std::string("[0]: an object is expected, not ") + kindOf(record);
-    } else if (const auto& value = member(record, "recordId"); !toText(value, recordId)) {
-        wrong = std::string("[0].recordId: a text is expected, not ") + kindOf(value);
-    } else if (const auto& body = member(record, "recordBody"); !toText(body, recordBody)) {
-        wrong = std::string("[0].recordBody: a text is expected, not ") + kindOf(body);
+    if (!records.empty()) {
+        records[0].object();
+        records[0].expect(!records[0].value().isNull(), "an object");
+        records[0]["recordId"].text(recordId);
+        records[0]["recordBody"].text(recordBody);
     }
-    if (!wrong.empty()) {
+    if (!reader.good()) {
         refused.add();
-        VLM_LOG(3, "Configuration answer refused, " << wrong);
+        VLM_LOG(3, "Configuration answer refused, " << reader.faults().front());
+        return;
+    }
+    if (records.empty()) {
+        refused.add();
+        VLM_LOG(3, "The configuration answer holds no record; the request goes on");
         return;
     }
     VLM_LOG(5, "ZEPH-50057 Using OrxConfig recordId as CatalogId: " << recordId);
@@ -99,9 +92,9 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
         const auto bytes = Botan::base64_decode(recordBody, true);
         const std::string decoded(bytes.begin(), bytes.end());
         VLM_LOG(5, "De-coded string = " << decoded);
-        kyo::Json::Reader reader;
-        if (!reader.parse(decoded, configuration, false)) {
-            reason = "[0].recordBody is not JSON: " + reader.getFormattedErrorMessages();
+        kyo::Json::Reader json;
+        if (!json.parse(decoded, configuration, false)) {
+            reason = "[0].recordBody is not JSON: " + json.getFormattedErrorMessages();
         }
     } catch (const std::exception& error) {
         reason = std::string("[0].recordBody is not base64: ") + error.what();

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <set>
+#include <tuple>
+#include <utility>
 
 #include "base/FileText.h"
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 
@@ -15,160 +17,105 @@ namespace {
 
 constexpr std::int32_t kShortestClockMs = 60000;
 
-bool has(const Value& object, const char* key) {
-    return object.isObject() && object.isMember(key);
-}
-
-std::string text(const Value& object, const char* key) {
-    return textOf(member(object, key));
-}
-
-int number(const Value& object, const char* key) {
-    int value = 0;
-    toInt(member(object, key), value);
-    return value;
+void readCollect(const Field& element, ConfigParser::Collect& collect) {
+    element["name"].name(collect.name);
+    element["serv"].name(collect.serv);
+    element["res"].name(collect.res);
+    element["on"].name(collect.on);
+    const Field index = element["index"];
+    // An empty text is an absent index to the validation, which has its own message for it.
+    if (collect.indexText = textOf(index.value()); index.value() != "") {
+        index.number(collect.index);
+    }
+    if (const Field history = element["history"]; !history.isAbsent()) {
+        history.number(collect.history.emplace());
+    }
 }
 
 bool contains(const std::vector<std::string>& list, const std::string& name) {
     return std::find(list.begin(), list.end(), name) != list.end();
 }
 
-/// What the fields must convert to, so that everything behind the validation may read them. What is not
-/// listed is ignored, whatever it holds.
-enum class FieldType { Text, Integer, Index, Integer64, ListOfTexts };
-
-struct Field {
-    const char* key;
-    FieldType type;
-    bool onlyInFirstElement;
-};
-
-struct Block {
-    const char* name;
-    bool onlyFirstElement;
-    std::vector<Field> fields;
-};
-
-const std::vector<Block>& blocks() {
-    static const auto* const table = new std::vector<Block>{
-        {"CONFIG", true, {{"name", FieldType::Text, true}, {"version", FieldType::Text, true}}},
-        {"CLOCK", false, {{"name", FieldType::Text, false}, {"duration", FieldType::Integer, true}}},
-        {"REPORT",
-         false,
-         {{"name", FieldType::Text, false},
-          {"application", FieldType::Text, false},
-          {"from", FieldType::ListOfTexts, false}}},
-        {"COLLECT",
-         false,
-         {{"name", FieldType::Text, false},
-          {"serv", FieldType::Text, false},
-          {"res", FieldType::Text, false},
-          {"index", FieldType::Index, false},
-          {"history", FieldType::Integer64, false},
-          {"on", FieldType::Text, false}}},
-        {"COMPARE", false, {{"name", FieldType::Text, false}}},
-    };
-    return *table;
-}
-
-std::string found(const Value& value) {
-    std::string what = std::string(", found ") + kindOf(value);
-    if (!value.isArray() && !value.isObject() && !value.isNull()) {
-        constexpr std::size_t longest = 60;
-        const std::string shown = compactText(value);
-        what += " (" + (shown.size() > longest ? shown.substr(0, longest) + "..." : shown) + ")";
+/// The elements of a block, each an object; null stands for an empty one.
+std::vector<Field> objects(const Field& block) {
+    const auto elements = block.elements("an array of objects");
+    for (const Field& element : elements) {
+        element.object();
     }
-    return what;
-}
-
-/// Empty when the value converts, else what was expected and what stands there.
-std::string mismatch(const Value& value, FieldType type) {
-    std::string asText;
-    std::int64_t asInteger64 = 0;
-    int asInteger = 0;
-    switch (type) {
-        case FieldType::Text:
-            return toText(value, asText) ? "" : "a text is expected" + found(value);
-        case FieldType::Index:
-            // An empty text is an absent index to the validation, which has its own message for it.
-            if (value.isString() && textOf(value).empty()) {
-                return "";
-            }
-            [[fallthrough]];
-        case FieldType::Integer:
-            return toInt(value, asInteger)
-                       ? ""
-                       : "a number from -2147483648 to 2147483647 is expected" + found(value);
-        case FieldType::Integer64:
-            return toInt64(value, asInteger64) ? "" : "a 64-bit number is expected" + found(value);
-        case FieldType::ListOfTexts:
-            return value.isArray() || value.isNull() ? "" : "an array of texts is expected" + found(value);
-    }
-    return "";
+    return elements;
 }
 
 }  // namespace
 
 ConfigParser::ConfigParser() = default;
 
-const Value& ConfigParser::block(const char* name) const {
-    return member(m_document, name);
+bool ConfigParser::has(const char* block) const {
+    return !member(m_document, block).isNull();
 }
 
-/// Logs every member that cannot be converted to what it is read as, with its place.
-bool ConfigParser::everyFieldConverts() const {
-    bool good = true;
-    const auto refuse = [&good](const std::string& place, const std::string& reason) {
-        VLM_LOG_AS(3, "bool vlmProd::ConfigParser::everyFieldConverts()", place << ": " << reason);
-        good = false;
-    };
-    if (!m_document.isObject() && !m_document.isNull()) {
-        refuse("collector configuration", "an object is expected" + found(m_document));
+/// Reads what the system uses; what else the document holds is ignored.
+void ConfigParser::read(const Field& document) {
+    document.object();
+    document["CONFIG"].elements("an array of objects");
+    const Field config = document["CONFIG"][0];
+    config.object();
+    config["name"].name(m_config.name);
+    config["version"].name(m_config.version);
+    for (const Field& element : objects(document["CLOCK"])) {
+        Clock& clock = m_clocks.emplace_back();
+        if (const Field name = element["name"]; !name.isAbsent()) {
+            name.name(clock.name.emplace());
+        }
+        if (const Field duration = element["duration"]; !duration.isAbsent() && m_clocks.size() == 1) {
+            duration.number(clock.duration.emplace());
+        }
+    }
+    for (const Field& element : objects(document["REPORT"])) {
+        Report& report = m_reports.emplace_back();
+        element["name"].name(report.name);
+        element["application"].name(report.application);
+        for (const Field& from : element["from"].elements("an array of texts")) {
+            std::string collector;
+            from.name(collector);
+        }
+    }
+    for (const Field& element : objects(document["COLLECT"])) {
+        readCollect(element, m_collects.emplace_back());
+    }
+    for (const Field& element : objects(document["COMPARE"])) {
+        element["name"].name(m_compareNames.emplace_back());
+    }
+}
+
+/// Reads, validates and extracts the held document. `signature` is the calling operation's.
+bool ConfigParser::accept(ConfigErrorCode& code, const std::string& signature, int levelOfSuccess) {
+    FieldReader reader("collector configuration", Reading::Converting);
+    read(reader.root(m_document));
+    for (const std::string& fault : reader.faults()) {
+        VLM_LOG_AS(3, signature, fault);
+    }
+    if (!reader.good()) {
+        m_refusal = reader.faults().front();
+    }
+    if (!reader.good() || !ValidateCollectBlock(code) || !ValidateClockName(code) || !ValidateReport(code)) {
+        VLM_LOG_AS(3, signature, "Invalid configuration file");
+        code = ConfigErrorCode::InvalidConfiguration;
         return false;
     }
-    for (const Block& description : blocks()) {
-        const Value& array = block(description.name);
-        if (!array.isArray()) {
-            if (!array.isNull()) {
-                refuse(description.name, "an array of objects is expected" + found(array));
-            }
-            continue;
-        }
-        const kyo::Json::ArrayIndex count =
-            description.onlyFirstElement ? std::min(array.size(), 1u) : array.size();
-        for (kyo::Json::ArrayIndex i = 0; i < count; ++i) {
-            const Value& object = array[i];
-            const std::string place = description.name + ("[" + std::to_string(i) + "]");
-            if (!object.isObject()) {
-                refuse(place, "an object is expected" + found(object));
-                continue;
-            }
-            for (const Field& field : description.fields) {
-                if (field.onlyInFirstElement && i > 0) {
-                    continue;
-                }
-                const Value& value = member(object, field.key);
-                const std::string fieldPlace = place + "." + field.key;
-                if (const std::string reason = mismatch(value, field.type); !reason.empty()) {
-                    refuse(fieldPlace, reason);
-                } else if (field.type == FieldType::ListOfTexts) {
-                    for (kyo::Json::ArrayIndex k = 0; k < value.size(); ++k) {
-                        if (const std::string elementReason = mismatch(value[k], FieldType::Text);
-                            !elementReason.empty()) {
-                            refuse(fieldPlace + "[" + std::to_string(k) + "]", elementReason);
-                        }
-                    }
-                }
-            }
-        }
-    }
-    return good;
+    VLM_LOG_AS(levelOfSuccess, signature, "Valid configuration file");
+    populateConfig(code);
+    populateClock(code);
+    populateReport(code);
+    populateCollect(code);
+    populateOnEventType();
+    return true;
 }
 
 bool ConfigParser::parseFromLocalFile(std::string& path, ConfigErrorCode& code) {
     VLM_LOG(7, " configfile=" << path);
     std::string content;
     if (path.empty() || !readWholeFile(path, content)) {
+        m_refusal = "it cannot be opened";
         code = ConfigErrorCode::EmptyInput;
         return false;
     }
@@ -177,129 +124,116 @@ bool ConfigParser::parseFromLocalFile(std::string& path, ConfigErrorCode& code) 
         // The text names the catalog although this is the collector configuration; it is known so.
         VLM_LOG(3, "Catalog file parsing not successful, check format");
         VLM_LOG(3, path << ": " << reader.getFormattedErrorMessages());
+        m_refusal = "it is not JSON";
         code = ConfigErrorCode::InvalidConfiguration;
         return false;
     }
     m_configFilePath = path;
-    if (!everyFieldConverts() || !ValidateCollectBlock(code) || !ValidateClockName(code) ||
-        !ValidateReport(code)) {
-        VLM_LOG(3, "Invalid configuration file");
-        code = ConfigErrorCode::InvalidConfiguration;
-        return false;
-    }
     // On the failure's level, so that a quiet log still tells which of the two it was.
-    VLM_LOG(3, "Valid configuration file");
-    populateConfig(code);
-    populateClock(code);
-    populateReport(code);
-    populateCollect(code);
-    populateOnEventType();
-    return true;
+    return accept(code, logSignature(__PRETTY_FUNCTION__), 3);
 }
 
 bool ConfigParser::parseFromJson(Value& json, ConfigErrorCode& code) {
     VLM_TRACE(7);
     if (json.empty()) {
+        m_refusal = "it is empty";
         code = ConfigErrorCode::EmptyInput;
         return false;
     }
     m_document = json;
-    if (!everyFieldConverts() || !ValidateCollectBlock(code) || !ValidateClockName(code) ||
-        !ValidateReport(code)) {
-        VLM_LOG(3, "Invalid configuration file");
-        code = ConfigErrorCode::InvalidConfiguration;
-        return false;
-    }
-    VLM_LOG(5, "Valid configuration file");
-    populateConfig(code);
-    populateClock(code);
-    populateReport(code);
-    populateCollect(code);
-    populateOnEventType();
-    return true;
+    return accept(code, logSignature(__PRETTY_FUNCTION__), 5);
 }
 
+// The checks differ in the codes that they leave; the parses replace them.
 bool ConfigParser::ValidateCollectBlock(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& collect = block("COLLECT");
-    if (collect.isNull()) {
+    if (!has("COLLECT")) {
         VLM_LOG(3, "Failed to get collector block from config file");
+        m_refusal = "COLLECT is missing";
         code = ConfigErrorCode::BlockOrFieldMissing;
         return false;
     }
     std::set<std::string> seen;
-    for (const Value& clause : collect) {
-        const std::string name = text(clause, "name");
-        if (name.empty()) {
+    for (std::size_t i = 0; i < m_collects.size(); ++i) {
+        const Collect& collect = m_collects[i];
+        m_refusal = "COLLECT[" + std::to_string(i) + "].";
+        if (collect.name.empty()) {
             VLM_LOG(5, "Field 'name' not present");
+            m_refusal += "name is missing";
             code = ConfigErrorCode::BlockOrFieldMissing;
             return false;
         }
-        if (!seen.insert(name).second) {
+        if (!seen.insert(collect.name).second) {
             VLM_LOG(5, "Invalid configuration: duplicate collector name");
+            m_refusal += "name is an earlier collector's: " + collect.name;
             code = ConfigErrorCode::InvalidConfiguration;
             return false;
         }
-        const std::string serv = text(clause, "serv");
-        if (serv.empty()) {
+        if (collect.serv.empty()) {
             VLM_LOG(5, "Field 'serv' is not present");
+            m_refusal += "serv is missing";
             return false;
         }
-        const std::string res = text(clause, "res");
-        if (res.empty()) {
+        if (collect.res.empty()) {
             VLM_LOG(5, "Field 'res' is not present");
+            m_refusal += "res is missing";
             return false;
         }
-        const std::string index = text(clause, "index");
-        if (index.empty()) {
+        if (collect.indexText.empty()) {
             VLM_LOG(5, "Field 'index' is not present");
+            m_refusal += "index is missing";
             return false;
         }
         VLM_LOG(5,
                 "ZEPH-46143: VLM Configuration, Collect clause mandatory arguments = name, serv, res, index: "
-                    << name << ", " << serv << ", " << res << ", " << index);
+                    << collect.name << ", " << collect.serv << ", " << collect.res << ", "
+                    << collect.indexText);
     }
+    m_refusal.clear();
     return true;
 }
 
 bool ConfigParser::ValidateClockName(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& clock = block("CLOCK");
-    if (clock.isNull()) {
+    if (!has("CLOCK")) {
         VLM_LOG(3, "Failed to get the clock from Json Configuration file");
+        m_refusal = "CLOCK is missing";
         code = ConfigErrorCode::BlockOrFieldMissing;
         return false;
     }
-    if (clock.size() > 1) {
-        VLM_LOG(5, "Size= " << clock.size() << ", only the first clock object will be considered");
+    if (m_clocks.size() > 1) {
+        VLM_LOG(5, "Size= " << m_clocks.size() << ", only the first clock object will be considered");
     }
     VLM_LOG(5, "ZEPH-47316: VLM wants to define the name of the VLM Clock");
-    if (!has(element(clock, 0), "name")) {
+    if (m_clocks.empty() || !m_clocks[0].name) {
         VLM_LOG(3, "Invalid configuration: field 'Clock name' is not present");
+        m_refusal = "CLOCK[0].name is missing";
         code = ConfigErrorCode::BlockOrFieldMissing;
         return false;
     }
-    m_clockName = text(element(clock, 0), "name");
+    m_clockName = *m_clocks[0].name;
     return true;
 }
 
 bool ConfigParser::ValidateReport(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& reports = block("REPORT");
-    if (reports.isNull()) {
+    if (!has("REPORT")) {
         VLM_LOG(3, "Failed to get the Report from Json Configuration file");
+        m_refusal = "REPORT is missing";
         code = ConfigErrorCode::BlockOrFieldMissing;
         return false;
     }
     std::set<std::string> seen;
-    for (const Value& report : reports) {
-        const std::string name = text(report, "name");
-        if (name.empty()) {
+    for (const Report& report : m_reports) {
+        const std::string place = "REPORT[" + std::to_string(&report - m_reports.data()) + "].name ";
+        if (report.name.empty()) {
             VLM_LOG(5, "Field 'Report name' not present");
+            m_refusal = place + "is missing";
             return false;
         }
-        if (!seen.insert(name).second) {
+        if (!seen.insert(report.name).second) {
             VLM_LOG(5, "Invalid configuration file as report name already found");
+            m_refusal = place + "is an earlier report's: " + report.name;
             code = ConfigErrorCode::InvalidConfiguration;
             return false;
         }
@@ -317,87 +251,82 @@ bool ConfigParser::ValidateConfiguration(ConfigErrorCode& code) {
 
 void ConfigParser::populateConfig(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& config = block("CONFIG");
-    if (config.isNull()) {
+    if (!has("CONFIG")) {
         VLM_LOG(3, "Failed to get the configuration from Json Configuration file");
         code = ConfigErrorCode::ConfigBlockMissing;
     }
-    m_configName = text(element(config, 0), "name");
-    m_configVersion = text(element(config, 0), "version");
+    m_configName = m_config.name;
+    m_configVersion = m_config.version;
 }
 
 void ConfigParser::populateClock(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& clock = block("CLOCK");
-    if (clock.isNull()) {
+    if (!has("CLOCK")) {
         VLM_LOG(3, "Failed to get the clock from Json Configuration file");
         code = ConfigErrorCode::BlockOrFieldMissing;
         return;
     }
-    if (clock.size() > 1) {
-        VLM_LOG(5, "Size= " << clock.size() << ", only the first clock object will be considered");
+    if (m_clocks.size() > 1) {
+        VLM_LOG(5, "Size= " << m_clocks.size() << ", only the first clock object will be considered");
     }
-    const Value& first = element(clock, 0);
-    m_clockName = text(first, "name");
+    const Clock first = m_clocks.empty() ? Clock() : m_clocks[0];
+    m_clockName = first.name.value_or("");
     VLM_LOG(5, "ZEPH-42903: VLM wants to configure the duration of the VLM Clock");
     m_clockDuration = kShortestClockMs;
-    if (!has(first, "duration")) {
+    if (!first.duration) {
         VLM_LOG(5, "ZEPH-43664: Field 'duration' not present, setting it to 60000");
-    } else if (const int duration = number(first, "duration"); duration < kShortestClockMs) {
+    } else if (*first.duration < kShortestClockMs) {
         VLM_LOG(5, "ZEPH-43664: Field 'duration' is less than 1 minute so setting it to 60000");
     } else {
-        m_clockDuration = duration;
+        m_clockDuration = *first.duration;
     }
 }
 
 void ConfigParser::populateReport(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& reports = block("REPORT");
-    if (reports.isNull()) {
+    if (!has("REPORT")) {
         VLM_LOG(3, "Failed to get the report from Json Configuration file");
         code = ConfigErrorCode::ReportBlockMissing;
     }
-    m_reportName = text(element(reports, 0), "name");
-    m_applicationName = text(element(reports, 0), "application");
+    const Report first = m_reports.empty() ? Report() : m_reports[0];
+    m_reportName = first.name;
+    m_applicationName = first.application;
 }
 
 void ConfigParser::populateCollect(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& collect = block("COLLECT");
-    if (collect.isNull()) {
+    if (!has("COLLECT")) {
         VLM_LOG(3, "Failed to get the collect services from Json Configuration file");
         code = ConfigErrorCode::BlockOrFieldMissing;
     }
-    for (const Value& clause : collect) {
-        m_listOfCollectorNames.push_back(text(clause, "name"));
-        m_listOfServiceNames.push_back(text(clause, "serv"));
-        m_listOfResourceNames.push_back(text(clause, "res"));
-        m_listOfIndexes.push_back(number(clause, "index"));
+    for (const Collect& collect : m_collects) {
+        m_listOfCollectorNames.push_back(collect.name);
+        m_listOfServiceNames.push_back(collect.serv);
+        m_listOfResourceNames.push_back(collect.res);
+        m_listOfIndexes.push_back(collect.index);
     }
 }
 
 void ConfigParser::populateOnEventType() {
-    const Value& clocks = block("CLOCK");
-    if (clocks.isNull()) {
+    if (!has("CLOCK")) {
         VLM_LOG(
             3,
             "Failed to get the clock block from Json Configuration file, can not set the OnEvent Type info.");
     }
-    for (const Value& clock : clocks) {
-        const std::string name = text(clock, "name");
+    for (const Clock& clock : m_clocks) {
+        const std::string name = clock.name.value_or("");
         if (!m_onEventTypes.emplace(name, CollectorOnEventType::Clock).second) {
             VLM_LOG(5, name << "On Event type name already exists");
         }
     }
-    const Value& compares = block("COMPARE");
-    if (compares.isNull()) {
+    if (!has("COMPARE")) {
         VLM_LOG(3,
                 "Failed to get the compare block from Json Configuration file, can not set the compare on "
                 "event name and type");
         return;
     }
-    for (const Value& compare : compares) {
-        if (!m_onEventTypes.emplace(text(compare, "name"), CollectorOnEventType::Compare).second) {
+    for (const std::string& name : m_compareNames) {
+        if (!m_onEventTypes.emplace(name, CollectorOnEventType::Compare).second) {
             VLM_LOG(5, "onName already exists");
         }
     }
@@ -405,68 +334,59 @@ void ConfigParser::populateOnEventType() {
 
 Value ConfigParser::configReportBlock(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& reports = block("REPORT");
-    if (reports.isNull()) {
+    if (!has("REPORT")) {
         VLM_LOG(3, "Failed to get the report from Json Configuration file");
         code = ConfigErrorCode::ReportBlockMissing;
     }
-    return reports;
+    return member(m_document, "REPORT");
 }
 
 Value ConfigParser::getAllCollectorBlock() {
     VLM_TRACE(7);
-    return block("COLLECT");
+    return member(m_document, "COLLECT");
 }
 
 void ConfigParser::getAllCollects(std::map<std::string, std::string>& out) {
     VLM_TRACE(7);
-    for (const Value& clause : block("COLLECT")) {
-        const std::string serv = text(clause, "serv");
-        const std::string res = text(clause, "res");
-        const int index = number(clause, "index");
-        const std::string name = text(clause, "name");
-        if (serv.empty() || res.empty() || name.empty()) {
+    for (const Collect& collect : m_collects) {
+        if (collect.serv.empty() || collect.res.empty() || collect.name.empty()) {
             VLM_LOG(5, "service name or resource name or collect name is empty. Please check config");
             continue;
         }
-        out.emplace(serv + "Proxy|" + res + "|" + std::to_string(index), name);
+        out.emplace(collect.serv + "Proxy|" + collect.res + "|" + std::to_string(collect.index),
+                    collect.name);
     }
 }
 
 void ConfigParser::getAllCollectorNames(ConfigErrorCode& code, std::map<std::string, long long>& out) {
     code = ConfigErrorCode::Ok;
-    const Value& collect = block("COLLECT");
-    if (collect.isNull()) {
+    if (!has("COLLECT")) {
         VLM_LOG(3, "Failed to get the services info from Json Catalog file");
         code = ConfigErrorCode::BlockOrFieldMissing;
         return;
     }
     VLM_LOG(5, "ZEPH-46130: VLM Configuration, Collect clause optional arguments = history");
-    for (const Value& clause : collect) {
+    for (const Collect& collect : m_collects) {
         VLM_LOG(5, "ZEPH-43134 VLM wants to define the VLM Collector default value for History as 0");
-        const std::string name = text(clause, "name");
-        std::int64_t history = 0;
-        if (has(clause, "history")) {
-            toInt64(member(clause, "history"), history);
-            VLM_LOG(5, "History Found for collector: " << name);
+        if (collect.history) {
+            VLM_LOG(5, "History Found for collector: " << collect.name);
         } else {
-            VLM_LOG(5, "History not Found for collector: " << name);
+            VLM_LOG(5, "History not Found for collector: " << collect.name);
         }
-        out.emplace(name, history);
+        out.emplace(collect.name, collect.history.value_or(0));
     }
 }
 
 std::vector<std::string> ConfigParser::getAllConfiguredServices(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
     std::vector<std::string> services;
-    const Value& collect = block("COLLECT");
-    if (collect.isNull()) {
+    if (!has("COLLECT")) {
         VLM_LOG(3, "Failed to get the configured services from Json Configuration file");
         code = ConfigErrorCode::BlockOrFieldMissing;
     }
-    for (const Value& clause : collect) {
-        if (const std::string serv = text(clause, "serv"); !contains(services, serv)) {
-            services.push_back(serv);
+    for (const Collect& collect : m_collects) {
+        if (!contains(services, collect.serv)) {
+            services.push_back(collect.serv);
         }
     }
     return services;
@@ -474,31 +394,28 @@ std::vector<std::string> ConfigParser::getAllConfiguredServices(ConfigErrorCode&
 
 int ConfigParser::getCollectorObjCount(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
-    const Value& collect = block("COLLECT");
-    if (collect.isNull()) {
+    if (!has("COLLECT")) {
         VLM_LOG(3, "Failed to get the collector obj count from Json Configuration file");
         code = ConfigErrorCode::BlockOrFieldMissing;
     }
-    return static_cast<int>(collect.size());
+    return static_cast<int>(m_collects.size());
 }
 
 void ConfigParser::getAllIndexes(std::string serv, std::string res, std::vector<int>& out) {
-    for (const Value& clause : block("COLLECT")) {
-        if (text(clause, "serv") != serv || text(clause, "res") != res) {
+    for (const Collect& collect : m_collects) {
+        if (collect.serv != serv || collect.res != res) {
             continue;
         }
         VLM_LOG(5, "Service " << serv << "  and Resource " << res << "   match found");
-        const int index = number(clause, "index");
-        if (std::find(out.begin(), out.end(), index) == out.end()) {
-            out.push_back(index);
+        if (std::find(out.begin(), out.end(), collect.index) == out.end()) {
+            out.push_back(collect.index);
         }
     }
 }
 
 void ConfigParser::populateAllServicesAndResources(std::map<std::string, std::vector<std::string>>& out) {
-    for (const Value& clause : block("COLLECT")) {
-        const std::string serv = text(clause, "serv");
-        const std::string res = text(clause, "res");
+    for (const Collect& collect : m_collects) {
+        const auto& [serv, res] = std::tie(collect.serv, collect.res);
         const auto [entry, isNew] = out.emplace(serv, std::vector<std::string>{res});
         if (isNew) {
             continue;
@@ -516,14 +433,13 @@ void ConfigParser::populateAllServicesAndResources(std::map<std::string, std::ve
 
 int ConfigParser::getResourceIndexValue(std::string serv, std::string res) {
     int index = -1;
-    const Value& collect = block("COLLECT");
-    if (collect.isNull()) {
+    if (!has("COLLECT")) {
         VLM_LOG(3, "Failed to get the collect services from Json Configuration file");
         return index;
     }
-    for (const Value& clause : collect) {
-        if (text(clause, "serv") == serv && text(clause, "res") == res) {
-            index = number(clause, "index");
+    for (const Collect& collect : m_collects) {
+        if (collect.serv == serv && collect.res == res) {
+            index = collect.index;
             VLM_LOG(5, "Got the someip index val = " << index << "  for service " << serv << "  and resource "
                                                      << res);
         }
@@ -538,9 +454,9 @@ std::string ConfigParser::getResources(std::string serv, ConfigErrorCode& code) 
         code = ConfigErrorCode::ServiceNotFound;
         return m_rememberedResource;
     }
-    for (const Value& clause : block("COLLECT")) {
-        if (text(clause, "serv") == serv) {
-            m_rememberedResource = text(clause, "res");
+    for (const Collect& collect : m_collects) {
+        if (collect.serv == serv) {
+            m_rememberedResource = collect.res;
         }
     }
     return m_rememberedResource;
@@ -553,9 +469,9 @@ std::string ConfigParser::getServiceName(std::string collectName, ConfigErrorCod
         code = ConfigErrorCode::CollectorNotFound;
         return m_rememberedService;
     }
-    for (const Value& clause : block("COLLECT")) {
-        if (text(clause, "name") == collectName) {
-            m_rememberedService = text(clause, "serv");
+    for (const Collect& collect : m_collects) {
+        if (collect.name == collectName) {
+            m_rememberedService = collect.serv;
         }
     }
     return m_rememberedService;
@@ -574,9 +490,8 @@ int ConfigParser::getIndexNumber(std::string collectName, std::string serv, std:
         code = ConfigErrorCode::ServiceNotFound;
         return m_rememberedIndex;
     }
-    const Value& collect = block("COLLECT");
-    for (const Value& clause : collect) {
-        if (text(clause, "serv") != serv) {
+    for (const Collect& collect : m_collects) {
+        if (collect.serv != serv) {
             continue;
         }
         if (!contains(m_listOfResourceNames, res)) {
@@ -585,9 +500,9 @@ int ConfigParser::getIndexNumber(std::string collectName, std::string serv, std:
             continue;
         }
         // By the resource's name alone, whatever the service: callers rely on the last one.
-        for (const Value& other : collect) {
-            if (text(other, "res") == res) {
-                m_rememberedIndex = number(other, "index");
+        for (const Collect& other : m_collects) {
+            if (other.res == res) {
+                m_rememberedIndex = other.index;
             }
         }
     }
@@ -603,10 +518,10 @@ std::map<std::string, std::string> ConfigParser::getServiceAndResource(std::stri
         code = ConfigErrorCode::CollectorNotFound;
         return pairs;
     }
-    for (const Value& clause : block("COLLECT")) {
-        if (text(clause, "name") == collectName) {
-            m_rememberedService = text(clause, "serv");
-            m_rememberedResource = text(clause, "res");
+    for (const Collect& collect : m_collects) {
+        if (collect.name == collectName) {
+            m_rememberedService = collect.serv;
+            m_rememberedResource = collect.res;
         }
         // Also for the elements before it: the pair of the lookup before stands in the answer then.
         pairs.emplace(m_rememberedService, m_rememberedResource);

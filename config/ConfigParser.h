@@ -1,10 +1,12 @@
 #pragma once
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "collect/CollectorOnEventType.h"
+#include "json/FieldReader.h"
 #include "kyo/Json.h"
 
 namespace vlmProd {
@@ -31,6 +33,17 @@ enum class ConfigErrorCode : std::int32_t {
 /// operation at a time, as the lookups that remember their last result change the object.
 class ConfigParser {
   public:
+    /// What one element of "COLLECT" says; empty or 0 what it leaves out.
+    struct Collect {
+        std::string name;
+        std::string serv;
+        std::string res;
+        std::string on;
+        std::string indexText;  ///< the index as the document has it
+        std::int32_t index = 0;
+        std::optional<std::int64_t> history;  ///< ms
+    };
+
     ConfigParser();
 
     /// True when the document was accepted and the getters may be used. On false `code` tells why, the
@@ -91,11 +104,38 @@ class ConfigParser {
     /// `Clock` with OnEventTypeNotFound for a name that no clock and no compare block has.
     CollectorOnEventType getOnEventType(std::string name, ConfigErrorCode& code);
 
+    /// What each element of "COLLECT" says, in document order.
+    const std::vector<Collect>& collects() const { return m_collects; }
+
+    /// Why the last parse refused its document: "COLLECT[2].serv is missing".
+    const std::string& refusal() const { return m_refusal; }
+
   private:
-    bool everyFieldConverts() const;
-    const kyo::Json::Value& block(const char* name) const;
+    struct Config {
+        std::string name;
+        std::string version;
+    };
+    struct Clock {
+        std::optional<std::string> name;
+        std::optional<std::int32_t> duration;  ///< of the first clock alone
+    };
+    struct Report {
+        std::string name;
+        std::string application;
+    };
+
+    void read(const Field& document);
+    bool accept(ConfigErrorCode& code, const std::string& signature, int levelOfSuccess);
+    bool has(const char* block) const;
 
     kyo::Json::Value m_document;
+    // What the document's blocks say; empty where a block is left out.
+    Config m_config;
+    std::vector<Clock> m_clocks;
+    std::vector<Report> m_reports;
+    std::vector<Collect> m_collects;
+    std::vector<std::string> m_compareNames;
+    std::string m_refusal;
     std::string m_configFilePath;
     std::string m_configName;
     std::string m_configVersion;

@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "base/DetachedThread.h"
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
 #include "bus/PubSubService.h"
 #include "catalog/VlmJsonCatalog.h"
@@ -23,11 +22,6 @@ constexpr const char* kSendRecords =
     "void vlmProd::ConfigResponseHandler::sendRecordsToCollectorObject(kyo::Json::Value)";
 constexpr std::chrono::seconds kPauseBetweenServices{4};
 constexpr std::chrono::seconds kPauseBetweenPasses{10};
-
-std::string reasonOf(ConfigErrorCode code) {
-    return code == ConfigErrorCode::EmptyInput ? "it is empty or cannot be opened"
-                                               : "it was refused, the lines above tell why";
-}
 
 }  // namespace
 
@@ -125,8 +119,8 @@ bool ConfigResponseHandler::createConfigParserFromFile(std::string path) {
     ConfigErrorCode code = ConfigErrorCode::Ok;
     if (!parser->parseFromLocalFile(path, code)) {
         VLM_LOG(3, "Config file parsing failed");
-        VLM_LOG(3,
-                "Nothing is collected from the collector configuration " << path << ": " << reasonOf(code));
+        VLM_LOG(
+            3, "Nothing is collected from the collector configuration " << path << ": " << parser->refusal());
         return false;
     }
     return adopt(parser);
@@ -137,7 +131,7 @@ bool ConfigResponseHandler::createConfigParserFromJson(Value& config) {
     ConfigErrorCode code = ConfigErrorCode::Ok;
     if (!parser->parseFromJson(config, code)) {
         VLM_LOG(3, "Config file parsing failed");
-        VLM_LOG(3, "The backend's collector configuration changes nothing: " << reasonOf(code));
+        VLM_LOG(3, "The backend's collector configuration changes nothing: " << parser->refusal());
         return false;
     }
     return adopt(parser);
@@ -182,36 +176,28 @@ void ConfigResponseHandler::createCollectorObjects() {
     ConfigErrorCode code = ConfigErrorCode::Ok;
     std::map<std::string, long long> collectorNames;
     m_configParser->getAllCollectorNames(code, collectorNames);
-    const Value blocks = m_configParser->getAllCollectorBlock();
-    if (collectorNames.empty() || blocks.empty()) {
+    if (collectorNames.empty() || m_configParser->getAllCollectorBlock().empty()) {
         VLM_LOG(3, "No Collector records found in config file.");
         return;
     }
-    for (const Value& block : blocks) {
-        const std::string name = textOf(member(block, "name"));
-        VLM_LOG(5, "Creating collector object for " << name);
+    for (const ConfigParser::Collect& collect : m_configParser->collects()) {
+        VLM_LOG(5, "Creating collector object for " << collect.name);
         {
             const std::shared_lock<std::shared_mutex> lock(m_tableMutex);
-            if (m_collectorMap.count(name) != 0) {
-                VLM_LOG(5, "Collector " << name << " exists and stays as it is");
+            if (m_collectorMap.count(collect.name) != 0) {
+                VLM_LOG(5, "Collector " << collect.name << " exists and stays as it is");
                 continue;
             }
         }
-        const std::string serv = textOf(member(block, "serv"));
-        const std::string res = textOf(member(block, "res"));
-        const std::string on = textOf(member(block, "on"));
-        int index = 0;
-        toInt(member(block, "index"), index);
-        std::int64_t history = 0;
-        toInt64(member(block, "history"), history);
-        CollectorOnEventType type = m_configParser->getOnEventType(on, code);
+        CollectorOnEventType type = m_configParser->getOnEventType(collect.on, code);
         if (code != ConfigErrorCode::Ok) {
-            VLM_LOG(4, "Didn't find the OnEvent type for " << name << ". Hence defaulting to Clock.");
+            VLM_LOG(4, "Didn't find the OnEvent type for " << collect.name << ". Hence defaulting to Clock.");
             type = CollectorOnEventType::Clock;
         }
-        auto collector = std::make_shared<Collector>(name, history, serv, res, index, on, type);
+        auto collector = std::make_shared<Collector>(collect.name, collect.history.value_or(0), collect.serv,
+                                                     collect.res, collect.index, collect.on, type);
         const std::unique_lock<std::shared_mutex> lock(m_tableMutex);
-        m_collectorMap.emplace(name, std::move(collector));
+        m_collectorMap.emplace(collect.name, std::move(collector));
     }
 }
 

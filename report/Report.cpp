@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "base/CompactJson.h"
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 

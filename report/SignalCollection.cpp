@@ -1,6 +1,6 @@
 #include "report/SignalCollection.h"
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 

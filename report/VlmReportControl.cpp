@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/FieldReader.h"
 #include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
 
@@ -26,19 +26,6 @@ constexpr const char* kProcessReportQueue =
 
 std::atomic<VlmReportControl*> reportControlSingleton{nullptr};
 std::mutex reportControlSingletonGuard;
-
-std::string place(kyo::Json::ArrayIndex report, const char* name) {
-    return "REPORT[" + std::to_string(report) + "]." + name;
-}
-
-/// The text, or empty with a message for what cannot be one.
-std::string readText(const Value& value, const std::string& where) {
-    std::string text;
-    if (!toText(value, text)) {
-        VLM_LOG(3, where << " is " << kindOf(value) << ", not a text; it is left out");
-    }
-    return text;
-}
 
 }  // namespace
 
@@ -63,34 +50,21 @@ VlmReportControl::VlmReportControl(Ship ship)
 
 void VlmReportControl::initializeReportControl(Value reports, std::string configName,
                                                std::string configVersion) {
-    if (!reports.isArray()) {
-        VLM_LOG(3, "REPORT is " << kindOf(reports) << ", not an array; no report is configured");
-        return;
-    }
-    for (kyo::Json::ArrayIndex i = 0; i < reports.size(); ++i) {
-        const Value& block = reports[i];
+    FieldReader reader("REPORT", Reading::Converting);
+    for (const Field& block : reader.root(reports, "REPORT").elements("an array of objects")) {
         std::string name;
-        if (!block.isObject() || !toText(member(block, "name"), name)) {
-            VLM_LOG(3, place(i, "name") << " is no text; the report is left out");
+        std::string application;
+        if (!block.object() || !block["name"].name(name)) {
             continue;
         }
-        const std::string application = readText(member(block, "application"), place(i, "application"));
+        block["application"].name(application);
         const auto report = std::make_shared<VlmReport>(name);
-        const Value& from = member(block, "from");
-        if (!from.isArray() && !from.isNull()) {
-            VLM_LOG(3, place(i, "from")
-                           << " is " << kindOf(from) << ", not an array; the report gathers nothing");
-        }
         std::vector<std::string> collectors;
-        for (kyo::Json::ArrayIndex k = 0; from.isArray() && k < from.size(); ++k) {
-            std::string collector;
-            if (!toText(from[k], collector)) {
-                VLM_LOG(3, place(i, "from")
-                               << "[" << k << "] is " << kindOf(from[k]) << ", not a text; it is left out");
-                continue;
+        for (const Field& element : block["from"].elements("an array of texts")) {
+            if (std::string collector; element.name(collector)) {
+                VLM_LOG(5, "Collector from 'From' block: " << collector);
+                collectors.push_back(std::move(collector));
             }
-            VLM_LOG(5, "Collector from 'From' block: " << collector);
-            collectors.push_back(std::move(collector));
         }
         report->setCollectorsName(std::move(collectors));
         report->setApplicationName(application);
@@ -102,6 +76,9 @@ void VlmReportControl::initializeReportControl(Value reports, std::string config
         }
         VLM_LOG(5, "ApplicationName, ConfigName, ConfigVersion: " << application << ", " << configName << ", "
                                                                   << configVersion);
+    }
+    for (const std::string& fault : reader.faults()) {
+        VLM_LOG(3, fault << "; it is left out");
     }
 }
 

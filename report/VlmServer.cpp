@@ -13,8 +13,9 @@
 #include <utility>
 
 #include "base/DetachedThread.h"
-#include "base/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/FieldReader.h"
+#include "json/JsonFields.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
 
@@ -40,38 +41,17 @@ struct MasterControl {
     int dataDeliveryResult = 0;
 };
 
-/// Checks the whole message, so that one with a fault changes nothing. False with what is wrong in `fault`.
-bool readMasterControl(const kyo::Json::Value& message, MasterControl& out, std::string& fault) {
-    const auto wrong = [&fault](const std::string& what, const char* expected,
-                                const kyo::Json::Value& found) {
-        fault = what + ": " + expected + " is expected, not " +
-                (found.isNumeric() ? compactText(found) : kindOf(found));
-        return false;
-    };
-    if (!message.isObject()) {
-        return wrong("the message", "an object", message);
+MasterControl readMasterControl(const Field& message) {
+    MasterControl control;
+    message.object();
+    message.expect(!message.value().isNull(), "an object");
+    for (const Field& type : message["permittedDataType"].elements("an array of texts")) {
+        type.text(control.permittedDataTypes.emplace_back());
     }
-    const kyo::Json::Value& types = member(message, "permittedDataType");
-    if (!types.isArray() && !types.isNull()) {
-        return wrong("\"permittedDataType\"", "an array of texts", types);
-    }
-    out.permittedDataTypes.resize(types.size());
-    for (kyo::Json::ArrayIndex i = 0; i < types.size(); ++i) {
-        if (!toText(types[i], out.permittedDataTypes[i])) {
-            return wrong("\"permittedDataType\"[" + std::to_string(i) + "]", "a text", types[i]);
-        }
-    }
-    if (const auto& value = member(message, "dataDeliveryResult"); !toInt(value, out.dataDeliveryResult)) {
-        return wrong("\"dataDeliveryResult\"", "a 32-bit number", value);
-    }
-    if (const auto& value = member(message, "backendChannelControl");
-        !toInt(value, out.backendChannelControl)) {
-        return wrong("\"backendChannelControl\"", "a 32-bit number", value);
-    }
-    if (const auto& value = member(message, "eventTicket"); !toText(value, out.eventTicket)) {
-        return wrong("\"eventTicket\"", "a text", value);
-    }
-    return true;
+    message["dataDeliveryResult"].number(control.dataDeliveryResult);
+    message["backendChannelControl"].number(control.backendChannelControl);
+    message["eventTicket"].text(control.eventTicket);
+    return control;
 }
 
 /// A client, or none when the platform cannot make one.
@@ -154,11 +134,11 @@ void VlmServer::handleMasterControlCallBack(kyo::Json::Value message) {
     VLM_LOG(5, "Data Delivery result = " << member(message, "dataDeliveryResult"));
     VLM_LOG(5, "Backend Channel Control result = " << member(message, "backendChannelControl"));
     VLM_LOG(5, "Size of Supported Data Types = " << member(message, "permittedDataType").size());
-    MasterControl control;
-    std::string fault;
-    if (!readMasterControl(message, control, fault)) {
+    FieldReader reader("the message", Reading::Converting);
+    MasterControl control = readMasterControl(reader.root(message));
+    if (!reader.good()) {
         refused.add();
-        VLM_LOG(3, "Master control refused, " << fault);
+        VLM_LOG(3, "Master control refused, " << reader.faults().front());
         return;
     }
     for (const std::string& type : control.permittedDataTypes) {

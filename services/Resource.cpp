@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "base/CompactJson.h"
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "base/VlmLog.h"
 #include "collect/IngressQueue.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "base/VlmLog.h"
 #include "eb/com/optional.h"
 #include "qdr/services/registration.h"

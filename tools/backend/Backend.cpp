@@ -11,7 +11,7 @@
 #include "backend/Compression.h"
 #include "backend/ConfigurationFile.h"
 #include "backend/Transport.h"
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 
 namespace vlmBackend {
 

@@ -159,26 +159,6 @@ std::string memberPath(const std::string& parent, const std::string& key) {
     return plain ? parent + "." + key : parent + "[" + inQuotes(key) + "]";
 }
 
-const char* kindOf(const Value& value) {
-    switch (value.type()) {
-        case kyo::Json::nullValue:
-            return "null";
-        case kyo::Json::intValue:
-        case kyo::Json::uintValue:
-        case kyo::Json::realValue:
-            return "a number";
-        case kyo::Json::stringValue:
-            return "a text";
-        case kyo::Json::booleanValue:
-            return "a boolean";
-        case kyo::Json::arrayValue:
-            return "an array";
-        case kyo::Json::objectValue:
-            return "an object";
-    }
-    return "an unknown value";
-}
-
 std::string inQuotes(const std::string& text) {
     constexpr std::size_t longest = 80;
     std::string result = "\"";

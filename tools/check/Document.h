@@ -70,9 +70,6 @@ class Findings {
 /// The path of a member: "$.a", or "$[\"odd name\"]" if the name needs quotes.
 std::string memberPath(const std::string& parent, const std::string& key);
 
-/// "a text", "an array", ...
-const char* kindOf(const kyo::Json::Value& value);
-
 /// The text in quotation marks; shortened if long.
 std::string inQuotes(const std::string& text);
 

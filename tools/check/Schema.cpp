@@ -17,11 +17,15 @@
 #include <valijson/validator.hpp>
 #pragma GCC diagnostic pop
 
+#include "json/FieldReader.h"
+#include "json/JsonFields.h"
 #include "tools/check/Suggest.h"
 
 namespace vlmCheck {
 
 using kyo::Json::Value;
+using vlmProd::kindOf;
+using vlmProd::member;
 
 struct Schema::Compiled {
     valijson::Schema schema;
@@ -29,31 +33,26 @@ struct Schema::Compiled {
 
 namespace {
 
-const Value& get(const Value& object, const std::string& key) {
-    const Value* found = object.isObject() ? object.find(key.data(), key.data() + key.size()) : nullptr;
-    return found != nullptr ? *found : Value::nullSingleton();
-}
-
 /// The part of a schema about one member; null without one.
 const Value& memberSchema(const Value& schema, const std::string& key) {
-    const Value& named = get(get(schema, "properties"), key);
+    const Value& named = member(member(schema, "properties"), key);
     if (!named.isNull()) {
         return named;
     }
-    const Value& patterns = get(schema, "patternProperties");
+    const Value& patterns = member(schema, "patternProperties");
     for (const auto& pattern : patterns.getMemberNames()) {
         if (std::regex_search(key, std::regex(pattern))) {
             return patterns[pattern];
         }
     }
-    const Value& others = get(schema, "additionalProperties");
+    const Value& others = member(schema, "additionalProperties");
     return others.isObject() ? others : Value::nullSingleton();
 }
 
 const Value& elementSchema(const Value& schema, kyo::Json::ArrayIndex index) {
-    const Value& items = get(schema, "items");
+    const Value& items = member(schema, "items");
     if (items.isArray()) {
-        return index < items.size() ? items[index] : get(schema, "additionalItems");
+        return index < items.size() ? items[index] : member(schema, "additionalItems");
     }
     return items;
 }
@@ -63,8 +62,8 @@ std::string number(const Value& value) {
 }
 
 std::string range(const Value& schema) {
-    const Value& minimum = get(schema, "minimum");
-    const Value& maximum = get(schema, "maximum");
+    const Value& minimum = member(schema, "minimum");
+    const Value& maximum = member(schema, "maximum");
     if (minimum.isInt() && minimum.asInt() == kyo::Json::Value::minInt) {
         return "";  // the full range of the system's integers
     }
@@ -79,7 +78,7 @@ std::string range(const Value& schema) {
 
 /// The schema's requirement in words.
 std::string expected(const Value& schema) {
-    const Value& choices = get(schema, "enum");
+    const Value& choices = member(schema, "enum");
     if (choices.isArray()) {
         std::vector<std::string> names;
         for (const auto& choice : choices) {
@@ -87,7 +86,7 @@ std::string expected(const Value& schema) {
         }
         return "one of " + listed(names) + " is expected";
     }
-    const std::string type = get(schema, "type").asString();
+    const std::string type = member(schema, "type").asString();
     if (type == "string") {
         return "a text is expected";
     }
@@ -111,7 +110,7 @@ std::string shown(const Value& value) {
 }
 
 bool refusesOthers(const Value& schema) {
-    const Value& others = get(schema, "additionalProperties");
+    const Value& others = member(schema, "additionalProperties");
     return others.isBool() && !others.asBool();
 }
 
@@ -121,11 +120,11 @@ std::optional<std::string> converted(const Value& value, const Value& schema, bo
     if (strict) {
         return std::nullopt;
     }
-    const std::string type = get(schema, "type").asString();
+    const std::string type = member(schema, "type").asString();
     if (type == "string" && (value.isNumeric() || value.isBool())) {
         return "the text " + inQuotes(value.asString());
     }
-    if (type == "string" && value.isNull() && get(schema, "minLength").isNull()) {
+    if (type == "string" && value.isNull() && member(schema, "minLength").isNull()) {
         return "an empty text";
     }
     if (type == "integer" && (value.isBool() || value.isNull())) {
@@ -133,8 +132,8 @@ std::optional<std::string> converted(const Value& value, const Value& schema, bo
     }
     if (type == "integer" && value.isDouble()) {
         const double whole = std::trunc(value.asDouble());
-        const Value& minimum = get(schema, "minimum");
-        const Value& maximum = get(schema, "maximum");
+        const Value& minimum = member(schema, "minimum");
+        const Value& maximum = member(schema, "maximum");
         const double low = minimum.isNumeric() ? minimum.asDouble() : -9.2233720368547e18;
         const double high = maximum.isNumeric() ? maximum.asDouble() : 9.2233720368547e18;
         if (whole >= low && whole <= high) {
@@ -168,16 +167,16 @@ void checkMemberNames(const Place& place, const Value& schema, Findings& finding
             continue;  // for editors
         }
         std::vector<std::string> free;
-        for (const auto& known : get(schema, "properties").getMemberNames()) {
+        for (const auto& known : member(schema, "properties").getMemberNames()) {
             if (!place.value->isMember(known)) {
                 free.push_back(known);
             }
         }
         std::string suggestion = didYouMean(key, free);
-        if (suggestion.empty() && !get(schema, "properties").empty()) {
-            suggestion = "known here: " + listed(get(schema, "properties").getMemberNames());
+        if (suggestion.empty() && !member(schema, "properties").empty()) {
+            suggestion = "known here: " + listed(member(schema, "properties").getMemberNames());
         }
-        if (refused && !get(schema, "patternProperties").empty()) {
+        if (refused && !member(schema, "patternProperties").empty()) {
             findings.error(child, inQuotes(key) + " is no instance id: vlmmaster may not start with it",
                            "write a decimal number");
         } else if (refused) {
@@ -212,7 +211,7 @@ void translate(const Place& place, const Value& schema, bool strict, const std::
             }
         }
         const std::string mistyped = nearest(key, unknown);
-        const std::string meaning = get(memberSchema(schema, key), "description").asString();
+        const std::string meaning = member(memberSchema(schema, key), "description").asString();
         findings.error(place, inQuotes(key) + " is missing",
                        mistyped.empty() ? meaning : "rename " + inQuotes(mistyped) + " to " + inQuotes(key));
     } else if (startsWith(message, "Value type not permitted")) {
@@ -225,23 +224,23 @@ void translate(const Place& place, const Value& schema, bool strict, const std::
                 place,
                 scalar ? "is " + std::string(kindOf(value)) + " (" + shown(value) + "); " + expected(schema)
                        : "is " + std::string(kindOf(value)) + "; " + expected(schema),
-                get(schema, "description").asString());
+                member(schema, "description").asString());
         }
     } else if (startsWith(message, "Failed to match against any enum")) {
         std::vector<std::string> choices;
-        for (const auto& choice : get(schema, "enum")) {
+        for (const auto& choice : member(schema, "enum")) {
             choices.push_back(choice.asString());
         }
         findings.error(place, "is " + shown(value) + "; " + expected(schema),
                        didYouMean(place.text(), choices));
     } else if (startsWith(message, "Expected number")) {
         findings.error(place, "is " + shown(value) + "; " + expected(schema),
-                       get(schema, "description").asString());
+                       member(schema, "description").asString());
     } else if (startsWith(message, "Array should contain no fewer") ||
                startsWith(message, "String should be no fewer")) {
-        findings.error(place, "is empty", get(schema, "description").asString());
+        findings.error(place, "is empty", member(schema, "description").asString());
     } else {
-        findings.error(place, message, get(schema, "description").asString());
+        findings.error(place, message, member(schema, "description").asString());
     }
 }
 
@@ -311,7 +310,7 @@ void Schema::check(const Document& document, Findings& findings) const {
 }
 
 std::vector<std::string> Schema::topLevelNames() const {
-    return get(m_document, "properties").getMemberNames();
+    return member(m_document, "properties").getMemberNames();
 }
 
 }  // namespace vlmCheck

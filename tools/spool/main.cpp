@@ -15,7 +15,7 @@
 
 #include "backend/Compression.h"
 #include "backend/Spool.h"
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "kyo/Json.h"
 
 namespace {

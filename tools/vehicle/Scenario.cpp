@@ -1,249 +1,149 @@
 #include "tools/vehicle/Scenario.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <stdexcept>
 
+#include "json/FieldReader.h"
 #include "tools/check/Document.h"
 #include "tools/check/Suggest.h"
 
 namespace vlmVehicle {
 
 using kyo::Json::Value;
-using vlmCheck::kindOf;
+using vlmProd::Field;
 
 namespace {
 
-/// Reads members and remembers the first error.
-class Reading {
-  public:
-    explicit Reading(std::string& error) : m_error(error) { error.clear(); }
-    bool good() const { return m_error.empty(); }
+std::optional<Condition> readCondition(const Field& field) {
+    std::string text;
+    if (field.isAbsent() || !field.text(text)) {
+        return std::nullopt;
+    }
+    Condition result;
+    std::string reason;
+    return Condition::parse(text, result, reason) || field.fault(reason) ? std::optional(result)
+                                                                         : std::nullopt;
+}
 
-    void fail(const std::string& path, const std::string& reason) {
-        if (good()) {
-            m_error = path + ": " + reason;
+/// {"control": value, ...}
+std::vector<std::pair<std::string, std::string>> readSettings(const Field& field) {
+    std::vector<std::pair<std::string, std::string>> result;
+    for (const auto& name : field.names()) {
+        const Value& setting = field[name].value();
+        if (!setting.isBool() && !setting.isString() && !setting.isNumeric()) {
+            field[name].expect(false, "a number or a word");
+            continue;
         }
-    }
-    bool object(const Value& value, const std::string& path, const std::vector<std::string>& known) {
-        if (!value.isObject()) {
-            fail(path, std::string("an object is expected, not ") + kindOf(value));
-            return false;
-        }
-        for (const auto& key : value.getMemberNames()) {
-            if (std::find(known.begin(), known.end(), key) == known.end()) {
-                const std::string hint = vlmCheck::didYouMean(key, known);
-                fail(path, "\"" + key + "\" is not known here" + (hint.empty() ? "" : "; " + hint));
-                return false;
-            }
-        }
-        return true;
-    }
-    const Value& list(const Value& parent, const std::string& key, const std::string& path) {
-        const Value& value = parent.isMember(key) ? parent[key] : Value::nullSingleton();
-        if (!value.isNull() && !value.isArray()) {
-            fail(path, std::string("an array is expected, not ") + kindOf(value));
-            return Value::nullSingleton();
-        }
-        return value;
-    }
-    double number(const Value& parent, const std::string& key, const std::string& path, double otherwise) {
-        if (!parent.isMember(key)) {
-            return otherwise;
-        }
-        if (!parent[key].isNumeric()) {
-            fail(path + "." + key, std::string("a number is expected, not ") + kindOf(parent[key]));
-            return otherwise;
-        }
-        return parent[key].asDouble();
-    }
-    std::string text(const Value& parent, const std::string& key, const std::string& path) {
-        if (!parent.isMember(key)) {
-            return {};
-        }
-        if (!parent[key].isString()) {
-            fail(path + "." + key, std::string("a text is expected, not ") + kindOf(parent[key]));
-            return {};
-        }
-        return parent[key].asString();
-    }
-    bool flag(const Value& parent, const std::string& key, const std::string& path, bool otherwise) {
-        if (!parent.isMember(key)) {
-            return otherwise;
-        }
-        if (!parent[key].isBool()) {
-            fail(path + "." + key, std::string("true or false is expected, not ") + kindOf(parent[key]));
-        }
-        return parent[key].isBool() ? parent[key].asBool() : otherwise;
-    }
-    std::optional<Condition> condition(const Value& parent, const std::string& key, const std::string& path) {
-        if (!parent.isMember(key)) {
-            return std::nullopt;
-        }
-        Condition result;
+        const std::string as = setting.isBool() ? std::to_string(setting.asBool()) : setting.asString();
+        Controls trial;
         std::string reason;
-        if (!Condition::parse(text(parent, key, path), result, reason)) {
-            fail(path + "." + key, reason);
+        if (!setControl(trial, name, as, reason)) {
+            field.fault(reason);
         }
-        return result;
-    }
-    /// Reads {"control": value, ...}.
-    std::vector<std::pair<std::string, std::string>> settings(const Value& value, const std::string& path) {
-        std::vector<std::pair<std::string, std::string>> result;
-        if (value.isNull()) {
-            return result;
-        }
-        if (!value.isObject()) {
-            fail(path, std::string("an object is expected, not ") + kindOf(value));
-            return result;
-        }
-        for (const auto& name : value.getMemberNames()) {
-            const Value& setting = value[name];
-            std::string as;
-            if (setting.isBool()) {
-                as = setting.asBool() ? "1" : "0";
-            } else if (setting.isString() || setting.isNumeric()) {
-                as = setting.asString();
-            } else {
-                fail(path + "." + name,
-                     std::string("a number or a word is expected, not ") + kindOf(setting));
-            }
-            Controls trial;
-            std::string reason;
-            if (good() && !setControl(trial, name, as, reason)) {
-                fail(path, reason);
-            }
-            result.emplace_back(name, as);
-        }
-        return result;
-    }
-
-  private:
-    std::string& m_error;
-};
-
-std::vector<FieldOverride> readOverrides(Reading& reading, const Value& parent, const std::string& path) {
-    std::vector<FieldOverride> result;
-    const Value& list = reading.list(parent, "overrides", path);
-    for (kyo::Json::ArrayIndex i = 0; i < list.size(); ++i) {
-        const std::string here = path + "[" + std::to_string(i) + "]";
-        const Value& entry = list[i];
-        if (!reading.object(entry, here, {"event", "field", "key", "value", "from", "to", "while"})) {
-            break;
-        }
-        FieldOverride override;
-        const std::string event = reading.text(entry, "event", here);
-        const auto dot = event.find('.');
-        if (dot == std::string::npos) {
-            reading.fail(here + ".event", "\"Service.event\" is expected");
-            break;
-        }
-        override.service = event.substr(0, dot);
-        override.event = event.substr(dot + 1);
-        override.field = reading.text(entry, "field", here);
-        if (override.field.empty()) {
-            reading.fail(here, "\"field\" is missing");
-        }
-        if (!entry.isMember("value") || entry["value"].isArray() || entry["value"].isObject()) {
-            reading.fail(here, "\"value\" is missing, or no number, text, boolean or null");
-        }
-        override.value = entry["value"];
-        if (entry.isMember("key")) {
-            override.key = static_cast<int>(reading.number(entry, "key", here, 0));
-        }
-        override.from = reading.number(entry, "from", here, 0);
-        override.to = reading.number(entry, "to", here, 0);
-        override.condition = reading.condition(entry, "while", here);
-        result.push_back(std::move(override));
+        result.emplace_back(name, as);
     }
     return result;
 }
 
-Scenario::Phase readPhase(Reading& reading, const Value& value, const std::string& path) {
-    Scenario::Phase phase;
-    if (!reading.object(value, path,
-                        {"name", "duration", "if", "until", "set", "at", "course", "when", "overrides"})) {
-        return phase;
+FieldOverride readOverride(const Field& field) {
+    FieldOverride override;
+    std::string event;
+    field["event"].text(event);
+    const auto dot = event.find('.');
+    if (field["event"].expect(dot != std::string::npos, "\"Service.event\"")) {
+        override.service = event.substr(0, dot);
+        override.event = event.substr(dot + 1);
     }
-    phase.name = reading.text(value, "name", path);
-    phase.duration = reading.number(value, "duration", path, 0);
-    if (phase.duration <= 0) {
-        reading.fail(path + ".duration", "a number of seconds above 0 is expected");
+    field["field"].text(override.field);
+    if (override.field.empty()) {
+        field.fault("\"field\" is missing");
     }
-    phase.condition = reading.condition(value, "if", path);
-    phase.until = reading.condition(value, "until", path);
-    if (value.isMember("set")) {
-        phase.changes.push_back({0, reading.settings(value["set"], path + ".set")});
+    override.value = field["value"].value();
+    if (field["value"].isAbsent() || override.value.isArray() || override.value.isObject()) {
+        field.fault("\"value\" is missing, or no number, text, boolean or null");
     }
-    const Value& changes = reading.list(value, "at", path + ".at");
-    for (kyo::Json::ArrayIndex i = 0; i < changes.size(); ++i) {
-        const std::string here = path + ".at[" + std::to_string(i) + "]";
-        if (reading.object(changes[i], here, {"time", "set"})) {
-            phase.changes.push_back({reading.number(changes[i], "time", here, 0),
-                                     reading.settings(changes[i]["set"], here + ".set")});
+    if (const Field key = field["key"]; !key.isAbsent()) {
+        key.number(override.key.emplace());
+    }
+    field["from"].number(override.from);
+    field["to"].number(override.to);
+    override.condition = readCondition(field["while"]);
+    field.refuseOthers();
+    return override;
+}
+
+std::vector<FieldOverride> readOverrides(const Field& list) {
+    std::vector<FieldOverride> result;
+    for (const Field& entry : list.elements()) {
+        result.push_back(readOverride(entry));
+    }
+    return result;
+}
+
+Scenario::Course readCourse(const Field& field, const std::string& name) {
+    const ControlName* control = findControl(name);
+    if (control == nullptr || !control->words.empty()) {
+        std::vector<std::string> numbers;
+        for (const auto& known : controlNames()) {
+            if (known.words.empty()) {
+                numbers.push_back(known.name);
+            }
         }
+        const std::string hint = vlmCheck::didYouMean(name, numbers);
+        field.fault("no control with a number has that name" + (hint.empty() ? "" : "; " + hint));
+    }
+    Scenario::Course course{name, {}};
+    for (const Field& entry : field.elements()) {
+        const Value& point = entry.value();
+        if (!point.isArray() || point.size() != 2 || !point[0].isNumeric() || !point[1].isNumeric()) {
+            field.expect(false, "points [seconds, value]");
+            break;
+        }
+        if (!course.points.empty() && point[0].asDouble() < course.points.back().first) {
+            field.fault("the points' times must not go back");
+        }
+        course.points.emplace_back(point[0].asDouble(), point[1].asDouble());
+    }
+    field.expect(!course.points.empty(), "at least one point");
+    return course;
+}
+
+Scenario::Phase readPhase(const Field& field) {
+    Scenario::Phase phase;
+    field["name"].text(phase.name);
+    if (field["duration"].number(phase.duration)) {
+        field["duration"].expect(phase.duration > 0, "a number of seconds above 0");
+    }
+    phase.condition = readCondition(field["if"]);
+    phase.until = readCondition(field["until"]);
+    phase.changes.push_back({0, readSettings(field["set"])});
+    for (const Field& change : field["at"].elements()) {
+        double time = 0;
+        change["time"].number(time);
+        phase.changes.push_back({time, readSettings(change["set"])});
+        change.refuseOthers();
     }
     std::stable_sort(phase.changes.begin(), phase.changes.end(),
                      [](const auto& a, const auto& b) { return a.time < b.time; });
-    if (value.isMember("course") &&
-        reading.object(
-            value["course"], path + ".course",
-            value["course"].isObject() ? value["course"].getMemberNames() : std::vector<std::string>())) {
-        for (const auto& name : value["course"].getMemberNames()) {
-            const std::string here = path + ".course." + name;
-            const ControlName* control = findControl(name);
-            if (control == nullptr || !control->words.empty()) {
-                std::vector<std::string> numbers;
-                for (const auto& known : controlNames()) {
-                    if (known.words.empty()) {
-                        numbers.push_back(known.name);
-                    }
-                }
-                const std::string hint = vlmCheck::didYouMean(name, numbers);
-                reading.fail(here,
-                             "no control with a number has that name" + (hint.empty() ? "" : "; " + hint));
-            }
-            Scenario::Course course{name, {}};
-            const Value& points = reading.list(value["course"], name, here);
-            for (const auto& point : points) {
-                if (!point.isArray() || point.size() != 2 || !point[0].isNumeric() || !point[1].isNumeric()) {
-                    reading.fail(here, "points [seconds, value] are expected");
-                    break;
-                }
-                if (!course.points.empty() && point[0].asDouble() < course.points.back().first) {
-                    reading.fail(here, "the points' times must not go back");
-                }
-                course.points.emplace_back(point[0].asDouble(), point[1].asDouble());
-            }
-            if (course.points.empty()) {
-                reading.fail(here, "at least one point is expected");
-            }
-            phase.courses.push_back(std::move(course));
-        }
+    const Field courses = field["course"];
+    for (const auto& name : courses.names()) {
+        phase.courses.push_back(readCourse(courses[name], name));
     }
-    const Value& reactions = reading.list(value, "when", path + ".when");
-    for (kyo::Json::ArrayIndex i = 0; i < reactions.size(); ++i) {
-        const std::string here = path + ".when[" + std::to_string(i) + "]";
-        if (reading.object(reactions[i], here, {"if", "set", "once"})) {
-            const auto condition = reading.condition(reactions[i], "if", here);
-            if (!condition) {
-                reading.fail(here, "\"if\" is missing");
-                break;
-            }
-            phase.reactions.push_back({*condition,
-                                       {0, reading.settings(reactions[i]["set"], here + ".set")},
-                                       reading.flag(reactions[i], "once", here, true)});
+    for (const Field& reaction : field["when"].elements()) {
+        const auto condition = readCondition(reaction["if"]);
+        if (reaction["if"].isAbsent()) {
+            reaction.fault("\"if\" is missing");
         }
+        bool once = true;
+        reaction["once"].flag(once);
+        phase.reactions.push_back(
+            {condition.value_or(Condition()), {0, readSettings(reaction["set"])}, once});
+        reaction.refuseOthers();
     }
-    phase.overrides = readOverrides(reading, value, path + ".overrides");
+    phase.overrides = readOverrides(field["overrides"]);
+    field.refuseOthers();
     return phase;
 }
-
-const std::vector<std::string> startNames = {
-    "latitude",           "longitude",           "altitude",   "heading", "odometer", "chargeState",
-    "batteryTemperature", "interiorTemperature", "consumption"};
 
 }  // namespace
 
@@ -256,44 +156,38 @@ double Scenario::duration() const {
 }
 
 bool Scenario::read(const Value& document, Scenario& out, std::string& error) {
-    Reading reading(error);
+    vlmProd::FieldReader reader("scenario", vlmProd::Reading::Exact);
+    const Field field = reader.root(document);
     Scenario result;
-    if (!reading.object(document, "scenario",
-                        {"name", "description", "loop", "start", "set", "phases", "overrides", "faults"})) {
-        return false;
+    field["name"].text(result.name);
+    field["description"].text(result.description);
+    field["loop"].flag(result.loop);
+    const Field start = field["start"];
+    for (const char* name : {"latitude", "longitude", "altitude", "heading", "odometer", "chargeState",
+                             "batteryTemperature", "interiorTemperature", "consumption"}) {
+        double ignored = 0;
+        start[name].number(ignored);
     }
-    result.name = reading.text(document, "name", "scenario");
-    result.description = reading.text(document, "description", "scenario");
-    result.loop = reading.flag(document, "loop", "scenario", false);
-    if (document.isMember("start") && reading.object(document["start"], "start", startNames)) {
-        result.start = document["start"];
-        for (const auto& name : result.start.getMemberNames()) {
-            reading.number(result.start, name, "start", 0);
-        }
+    start.refuseOthers();
+    result.start = start.value();
+    for (const Field& phase : field["phases"].elements()) {
+        result.phases.push_back(readPhase(phase));
     }
-    const Value& phases = reading.list(document, "phases", "phases");
-    for (kyo::Json::ArrayIndex i = 0; i < phases.size() && reading.good(); ++i) {
-        result.phases.push_back(readPhase(reading, phases[i], "phases[" + std::to_string(i) + "]"));
+    Change first{0, readSettings(field["set"])};
+    if (field["phases"].expect(!result.phases.empty(), "at least one phase")) {
+        auto& changes = result.phases[0].changes;
+        changes.insert(changes.begin(), std::move(first));
     }
-    if (result.phases.empty()) {
-        reading.fail("phases", "at least one phase is expected");
-    } else if (document.isMember("set")) {
-        result.phases[0].changes.insert(result.phases[0].changes.begin(),
-                                        {0, reading.settings(document["set"], "set")});
+    result.overrides = readOverrides(field["overrides"]);
+    for (const Field& fault : field["faults"].elements()) {
+        fault.text(result.faults.emplace_back());
     }
-    result.overrides = readOverrides(reading, document, "overrides");
-    for (const auto& fault : reading.list(document, "faults", "faults")) {
-        if (!fault.isString()) {
-            reading.fail("faults", "texts are expected");
-            break;
-        }
-        result.faults.push_back(fault.asString());
+    field.refuseOthers();
+    error = reader.good() ? "" : reader.faults().front();
+    if (reader.good()) {
+        out = std::move(result);
     }
-    if (!reading.good()) {
-        return false;
-    }
-    out = std::move(result);
-    return true;
+    return reader.good();
 }
 
 bool Scenario::readFile(const std::string& path, Scenario& out, std::string& error) {

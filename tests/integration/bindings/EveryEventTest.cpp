@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "ac/com/runtime/component.h"
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "collect/IngressQueue.h"
 #include "kyo/Status.h"
 #include "qdr/services/described.h"

@@ -93,22 +93,23 @@ TEST_F(VlmJsonCatalogTest, MissingBlocksAndWrongTypesAreNamedAndTheRestIsLoaded)
              "s":[], "t":{"instances":[]}},
         "B":3, "C":null}})"));
     EXPECT_EQ(catalog.getCatalogVersion(), "");
-    EXPECT_THAT(
-        m_log.messages(3),
-        ElementsAre("services.A.r.loadFactor: a 32-bit number is expected, found a text",
-                    "services.A.r.serviceId: a text is expected, found an array",
-                    "services.A.r.someipKeyProperty: a text is expected, found an object",
-                    "services.A.r.instances.1[0]: an object is expected, found a number",
-                    "services.A.r.instances.1[1].property: a text is expected, found an array",
-                    "services.A.r.instances.1[1].privacy_group: a 32-bit number is expected, found a number",
-                    "services.A.s: an object is expected, found an array",
-                    "Couldnot find the JSON value for the resource s",
-                    "services.A.t.instances: an object is expected, found an array",
-                    "Couldnot find the instances JSON value for the resource ",
-                    "services.B: an object is expected, found a number",
-                    "Couldnot find the JSON value for the service B",
-                    "Couldnot find the JSON value for the service C",
-                    "meta.vlmVersion: a text is expected, found an array"));
+    EXPECT_THAT(m_log.messages(3),
+                ElementsAre("services.A.r.loadFactor: a number from -2147483648 to 2147483647 is expected, "
+                            "found a text (\"x\")",
+                            "services.A.r.serviceId: a text is expected, found an array",
+                            "services.A.r.someipKeyProperty: a text is expected, found an object",
+                            "services.A.r.instances.1[0]: an object is expected, found a number (5)",
+                            "services.A.r.instances.1[1].property: a text is expected, found an array",
+                            "services.A.r.instances.1[1].privacy_group: a number from -2147483648 to "
+                            "2147483647 is expected, found a number (4294967296)",
+                            "services.A.s: an object is expected, found an array",
+                            "Couldnot find the JSON value for the resource s",
+                            "services.A.t.instances: an object is expected, found an array",
+                            "Couldnot find the instances JSON value for the resource ",
+                            "services.B: an object is expected, found a number (3)",
+                            "Couldnot find the JSON value for the service B",
+                            "Couldnot find the JSON value for the service C",
+                            "meta.vlmVersion: a text is expected, found an array"));
     EXPECT_THAT(catalog.getAllProperties("A", "r", 1), ElementsAre("", "p"));
 }
 

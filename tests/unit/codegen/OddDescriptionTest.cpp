@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "collect/IngressQueue.h"
 #include "qdr/services/described.h"
 #include "qdr/services/oddities/datatypes.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "collect/CollectorImpl.h"
 #include "tests/support/RecordValue.h"
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <memory>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"

@@ -78,13 +78,15 @@ TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
         kyo::Json::Value answer;
         const char* complaint;
     } cases[] = {
-        {valueOf("17"), "Configuration answer refused: an array is expected, not a number"},
+        {valueOf("17"),
+         "Configuration answer refused, the answer: an array is expected, found a number (17)"},
         {valueOf("[]"), "The configuration answer holds no record; the request goes on"},
-        {valueOf("[\"text\"]"), "Configuration answer refused, [0]: an object is expected, not a text"},
+        {valueOf("[\"text\"]"),
+         "Configuration answer refused, [0]: an object is expected, found a text (\"text\")"},
         {valueOf("[{\"recordId\":[],\"recordBody\":\"\"}]"),
-         "Configuration answer refused, [0].recordId: a text is expected, not an array"},
+         "Configuration answer refused, [0].recordId: a text is expected, found an array"},
         {valueOf("[{\"recordId\":\"a\",\"recordBody\":{}}]"),
-         "Configuration answer refused, [0].recordBody: a text is expected, not an object"},
+         "Configuration answer refused, [0].recordBody: a text is expected, found an object"},
         {record("a", "no base64!"), "Can not parse from string to json to get config."},
     };
     for (const auto& wrong : cases) {

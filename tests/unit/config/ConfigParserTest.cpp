@@ -151,7 +151,7 @@ TEST_F(ConfigParserTest, AMemberOfTheWrongTypeIsNamedWithItsPlaceAndRefused) {
         {R"([1])", "collector configuration: an object is expected, found an array"},
         {R"({"CLOCK":"tick"})", "CLOCK: an array of objects is expected, found a text (\"tick\")"},
         {R"({"COLLECT":[{}, 5]})", "COLLECT[1]: an object is expected, found a number (5)"},
-        {R"({"COMPARE":[null]})", "COMPARE[0]: an object is expected, found nothing"},
+        {R"({"COMPARE":[[]]})", "COMPARE[0]: an object is expected, found an array"},
         {R"({"COLLECT":[{},{},{"index":"2"}]})",
          "COLLECT[2].index: a number from -2147483648 to 2147483647 is expected, found a text (\"2\")"},
         {R"({"COLLECT":[{"history":1e19}]})",

@@ -178,8 +178,7 @@ TEST_F(ConfigResponseHandlerTest, AConfigurationThatIsRefusedChangesNothingAndIs
     EXPECT_THAT(
         m_log.messages(3),
         ElementsAre("Config file parsing failed",
-                    "Nothing is collected from the collector configuration /absent.json: it is empty or "
-                    "cannot be opened",
+                    "Nothing is collected from the collector configuration /absent.json: it cannot be opened",
                     "Create Config parser from failed FAILED"));
     EXPECT_FALSE(m_discovery.started());
     ASSERT_TRUE(setUp(kFirst));

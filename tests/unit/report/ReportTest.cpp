@@ -2,7 +2,7 @@
 // leaves is the one that it makes of the report without its catalog id.
 #include <gtest/gtest.h>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "report/Report.h"
 #include "tests/support/RecordValue.h"
 

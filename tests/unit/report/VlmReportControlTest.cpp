@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "kyo/DateTime.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
@@ -161,13 +161,14 @@ TEST_F(VlmReportControlTest, RefusesWrongTypesByNameAndKeepsTheRest) {
     control.addToReport(collectionOf("6"));
     control.drainOnce();
     EXPECT_THAT(shipped->reports(), ElementsAre("5#1: x 6", "n#1:"));
-    EXPECT_THAT(log.messages(3),
-                ElementsAre("REPORT[0].name is no text; the report is left out",
-                            "REPORT[1].name is no text; the report is left out",
-                            "REPORT[2].application is an object, not a text; it is left out",
-                            "REPORT[2].from[1] is an array, not a text; it is left out",
-                            "REPORT[3].from is a text, not an array; the report gathers nothing",
-                            "REPORT is an object, not an array; no report is configured"));
+    EXPECT_THAT(
+        log.messages(3),
+        ElementsAre("REPORT[0]: an object is expected, found a number (7); it is left out",
+                    "REPORT[1].name: a text is expected, found an array; it is left out",
+                    "REPORT[2].application: a text is expected, found an object; it is left out",
+                    "REPORT[2].from[1]: a text is expected, found an array; it is left out",
+                    "REPORT[3].from: an array of texts is expected, found a text (\"x\"); it is left out",
+                    "REPORT: an array of objects is expected, found an object; it is left out"));
 }
 
 // The tick threads of two collectors race the control's thread, while a configuration adds a report.

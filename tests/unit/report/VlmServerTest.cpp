@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "base/JsonFields.h"
 #include "config/ConfigControlPanel.h"
+#include "json/JsonFields.h"
 #include "report/VlmServer.h"
 #include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/Eventually.h"
@@ -86,14 +86,15 @@ TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
         const char* json;
         const char* complaint;
     } cases[] = {
-        {"dataDeliveryResult", "\"0\"", "\"dataDeliveryResult\": a 32-bit number is expected, not a text"},
+        {"dataDeliveryResult", "\"0\"",
+         "dataDeliveryResult: a number from -2147483648 to 2147483647 is expected, found a text (\"0\")"},
         {"backendChannelControl", "4294967296",
-         "\"backendChannelControl\": a 32-bit number is expected, not 4294967296"},
-        {"eventTicket", "[]", "\"eventTicket\": a text is expected, not an array"},
+         "backendChannelControl: a number from -2147483648 to 2147483647 is expected, found a number "
+         "(4294967296)"},
+        {"eventTicket", "[]", "eventTicket: a text is expected, found an array"},
         {"permittedDataType", "\"TypeA\"",
-         "\"permittedDataType\": an array of texts is expected, not a text"},
-        {"permittedDataType", "[\"TypeB\", {}]",
-         "\"permittedDataType\"[1]: a text is expected, not an object"},
+         "permittedDataType: an array of texts is expected, found a text (\"TypeA\")"},
+        {"permittedDataType", "[\"TypeB\", {}]", "permittedDataType[1]: a text is expected, found an object"},
     };
     for (const auto& wrong : cases) {
         kyo::Json::Value message = control(2, 1, {"TypeB"}, "other");
@@ -105,7 +106,8 @@ TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
         EXPECT_FALSE(m_server.isBlocked());
     }
     m_server.handleMasterControlCallBack(kyo::Json::Value("text"));
-    EXPECT_TRUE(m_log.has(3, "Master control refused, the message: an object is expected, not a text"));
+    EXPECT_TRUE(
+        m_log.has(3, "Master control refused, the message: an object is expected, found a text (\"text\")"));
     EXPECT_EQ(sent(report("r"))["eventTicket"], "ticket");
 }
 

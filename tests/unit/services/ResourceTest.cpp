@@ -5,7 +5,7 @@
 #include <rttr/variant.h>
 #include <string>
 
-#include "base/JsonFields.h"
+#include "json/JsonFields.h"
 #include "collect/IngressQueue.h"
 #include "qdr/services/airbag/datatypes.h"
 #include "tests/support/LogCapture.h"

@@ -103,7 +103,7 @@ TEST(Scenario, AFaultInTheFileIsNamedWithItsPlace) {
         {R"({"phases": [{"duration": 1, "set": {"gear": "fifth"}}]})",
          "gear cannot be \"fifth\": one of park, reverse, neutral, drive"},
         {R"({"phases": [{"duration": 1}, {"duration": 1, "at": [{"time": "x", "set": {}}]}]})",
-         "phases[1].at[0].time: a number is expected, not a text"},
+         "phases[1].at[0].time: a number is expected, found a text (\"x\")"},
         {R"({"phases": [{"duration": 1, "until": "sped > 3"}]})",
          "nothing is called \"sped\"; did you mean \"speed\"?"},
         {R"({"phases": [{"duration": 1, "until": "speed > 3 or rain > 1"}]})",

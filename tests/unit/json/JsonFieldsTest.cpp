@@ -1,5 +1,5 @@
-// Reading documents whose content nobody vouches for.
-#include "base/JsonFields.h"
+// Reading untrusted documents.
+#include "json/JsonFields.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,4 @@
-#include "base/JsonFields.h"
-
-#include <limits>
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 
@@ -14,10 +12,6 @@ const Value& member(const Value& object, const std::string& key) {
     return found != nullptr ? *found : Value::nullSingleton();
 }
 
-const Value& element(const Value& array, kyo::Json::ArrayIndex index) {
-    return array.isArray() && array.isValidIndex(index) ? array[index] : Value::nullSingleton();
-}
-
 bool toText(const Value& value, std::string& out) {
     if (value.isArray() || value.isObject()) {
         out.clear();
@@ -25,15 +19,6 @@ bool toText(const Value& value, std::string& out) {
     }
     out = value.asString();
     return true;
-}
-
-bool toInt(const Value& value, int& out) {
-    if (!value.isString() && value.isConvertibleTo(kyo::Json::intValue)) {
-        out = value.asInt();
-        return true;
-    }
-    out = 0;
-    return false;
 }
 
 bool toInt64(const Value& value, std::int64_t& out) {
@@ -55,30 +40,17 @@ bool toInt64(const Value& value, std::int64_t& out) {
     return false;
 }
 
+bool toInt(const Value& value, int& out) {
+    std::int64_t number = 0;
+    const bool fits = toInt64(value, number) && number == static_cast<int>(number);
+    out = fits ? static_cast<int>(number) : 0;
+    return fits;
+}
+
 std::string textOf(const Value& value) {
     std::string text;
     toText(value, text);
     return text;
-}
-
-const char* kindOf(const Value& value) {
-    switch (value.type()) {
-        case kyo::Json::nullValue:
-            return "nothing";
-        case kyo::Json::intValue:
-        case kyo::Json::uintValue:
-        case kyo::Json::realValue:
-            return "a number";
-        case kyo::Json::stringValue:
-            return "a text";
-        case kyo::Json::booleanValue:
-            return "a boolean";
-        case kyo::Json::arrayValue:
-            return "an array";
-        case kyo::Json::objectValue:
-            return "an object";
-    }
-    return "an unknown value";
 }
 
 std::string compactText(const Value& value) {
