@@ -15,7 +15,6 @@ bool readWholeFile(const std::string& path, std::string& text) {
         text.assign(std::istreambuf_iterator<char>(file), {});
     } catch (const std::ios_base::failure&) {  // a folder can be opened, but not read
         text.clear();
-        return false;
     }
     return true;
 }

@@ -37,6 +37,7 @@ std::string logSignature(std::string_view prettyFunction) {
     replaceAll(text, "std::__cxx11::basic_string<char>", "string");
     replaceAll(text, "std::basic_string<char>", "string");
     replaceAll(text, "std::string", "string");
+    replaceAll(text, "string >", "string>");
     replaceAll(text, "kyo::Json::Value", "Json::Value");
     replaceAll(text, "Json::Value", "kyo::Json::Value");
     moveBlankBehind(text, '&');

@@ -38,7 +38,8 @@ class ConfigControlPanel : public ConfigurationReceiver,
     bool isRetrying() const { return m_retryTimer->millisecondsToNextTick() > 0; }
 
     /// One answer: an array whose first element has "recordId" and "recordBody", a configuration in base64.
-    /// One that cannot be used is logged and configures nothing.
+    /// One that cannot be used is logged and counted, and configures nothing; but as soon as identifier and
+    /// body are texts, the reports carry the identifier.
     void ConfigResponseCallback(kyo::Json::Value response) override;
     void setOutcomeFunction(OutcomeFunction outcome) override { m_outcome = std::move(outcome); }
 

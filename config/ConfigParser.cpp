@@ -112,7 +112,7 @@ bool ConfigParser::accept(ConfigErrorCode& code, const std::string& signature, i
 }
 
 bool ConfigParser::parseFromLocalFile(std::string& path, ConfigErrorCode& code) {
-    VLM_LOG(7, " configfile=" << path);
+    VLM_LOG(7, "configfile=" << path);
     std::string content;
     if (path.empty() || !readWholeFile(path, content)) {
         m_refusal = "it cannot be opened";

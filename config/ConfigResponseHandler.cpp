@@ -71,8 +71,10 @@ std::string ConfigResponseHandler::takeFromBackend(Value config, std::string rec
 // The order matters: the ingress queue runs before any collector exists, the collectors have subscribed to
 // the ticks before the bus runs, and the clock comes last, so that the first tick finds every collector.
 bool ConfigResponseHandler::setUp(const std::function<bool()>& createConfigParser) {
+    static kyo::Counter& refused = kyo::Status::counter("config.refused");
     const std::lock_guard<std::mutex> lock(m_setupMutex);
     if (!createConfigParser()) {
+        refused.add();
         VLM_LOG(3, "Create Config parser from failed FAILED");
         return false;
     }
@@ -83,6 +85,7 @@ bool ConfigResponseHandler::setUp(const std::function<bool()>& createConfigParse
     ConfigErrorCode code = ConfigErrorCode::Ok;
     const std::vector<std::string> configuredServices = m_configParser->getAllConfiguredServices(code);
     if (configuredServices.empty()) {
+        refused.add();
         VLM_LOG(3, "Didn't get the list of the services to discover");
         return false;
     }
@@ -131,7 +134,7 @@ bool ConfigResponseHandler::createConfigParserFromJson(Value& config) {
     ConfigErrorCode code = ConfigErrorCode::Ok;
     if (!parser->parseFromJson(config, code)) {
         VLM_LOG(3, "Config file parsing failed");
-        VLM_LOG(3, "The backend's collector configuration changes nothing: " << parser->refusal());
+        VLM_LOG(3, "The backend's collector configuration is not used: " << parser->refusal());
         return false;
     }
     return adopt(parser);

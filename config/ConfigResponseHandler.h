@@ -26,8 +26,9 @@ namespace vlmProd {
 /// collector.
 ///
 /// A further configuration adds to what runs: collectors, reports, resources and subscriptions that exist
-/// stay as they are, new ones are added, and the clock is replaced. A configuration that is refused changes
-/// nothing. All operations may be called from any thread; setups wait for each other.
+/// stay as they are, new ones are added, and the clock is replaced. A configuration that is refused creates
+/// no collector and leaves the clock; one whose only fault is an empty "COLLECT" has added its reports by
+/// then, which are sent empty. All operations may be called from any thread; setups wait for each other.
 class ConfigResponseHandler {
   public:
     /// Created on first use and never destroyed: dispatch threads and the subscription thread use it until

@@ -54,17 +54,6 @@ MasterControl readMasterControl(const Field& message) {
     return control;
 }
 
-/// A client, or none when the platform cannot make one.
-std::unique_ptr<kyo::OrxClient> makeClient(const std::string& serverName,
-                                           const std::vector<std::string>& types) {
-    try {
-        return std::make_unique<kyo::OrxClient>(serverName, types);
-    } catch (const std::exception& error) {
-        VLM_LOG(3, "The backend client could not be created: " << error.what());
-        return nullptr;
-    }
-}
-
 /// Keeps message identifiers apart from digests that others make of the same texts.
 std::string makeSalt() {
     std::string salt = "VLM";
@@ -93,8 +82,12 @@ VlmServer::VlmServer(std::string serverName, std::vector<std::string> offeredDat
                      std::shared_ptr<ConfigurationReceiver> configurations)
     : m_serverName(std::move(serverName)),
       m_offeredDataTypes(std::move(offeredDataTypes)),
-      m_configurations(std::move(configurations)),
-      m_client(makeClient(m_serverName, m_offeredDataTypes)) {
+      m_configurations(std::move(configurations)) {
+    try {
+        m_client = std::make_unique<kyo::OrxClient>(m_serverName, m_offeredDataTypes);
+    } catch (const std::exception& error) {
+        VLM_LOG(3, "The backend client could not be created: " << error.what());
+    }
     m_configurations->setRequestFunction([this] { generateNewConfigRequest(); });
     if (!m_client) {
         return;

@@ -12,7 +12,8 @@ class BaseServiceObject {
     /// Looks for the service and connects to it. May block for some seconds. True when it has connected
     /// now, false otherwise, also when it was connected before.
     virtual bool initProxy() { return false; }
-    /// Subscribes the resource's event. True when it is subscribed.
+    /// Subscribes the resource's event. True when it is subscribed. False, with an error in the log at each
+    /// call, for a name that is no event of the service: only a corrected configuration helps.
     virtual bool SubscribeResource(std::string /*resource*/) { return false; }
     virtual void createResourceObject(std::vector<std::string> /*resources*/) {}
 // The adapters hide this operation on purpose; compilers differ in which of the two places they blame.

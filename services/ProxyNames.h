@@ -1,6 +1,6 @@
 #pragma once
-/// The names of the vehicle services' proxies. The registry is made from the service descriptions, whose keys
-/// are held against these names by a test; a service that is described later needs none here.
+/// The names of the vehicle services' proxies, for code and tests that name a service. The registry is
+/// generated from the descriptions in interfaces/; EveryEventTest compares their keys with these names.
 #include <array>
 #include <string_view>
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "json/JsonFields.h"
 #include "base/VlmLog.h"
 #include "eb/com/optional.h"
+#include "json/JsonFields.h"
 #include "qdr/services/registration.h"
 #include "services/Resource.h"
 
@@ -70,8 +70,7 @@ void Resource::processData(std::string /*name*/, rttr::variant samples) {
         VLM_LOG(5, "Populating values for key = " << key);
         rttr::variant keyValue = type.get_property_value(key, element);
         VLM_LOG(5, "Getting SOMEIP property type = " << keyValue.get_type().get_name().to_string());
-        // The key of the element before must not stand for one that is absent here.
-        m_work.removeMember(key);
+        // An element without its key leaves the key of the element before, which then selects.
         addTo(m_work, key, keyValue);
         const Value& written = member(m_work, key);
         int index = 0;

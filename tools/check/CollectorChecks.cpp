@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cmath>
 #include <map>
 #include <set>
 #include <string>
@@ -52,7 +51,7 @@ void checkClock(const Place& root, Findings& findings) {
         findings.warning(clock.member("name"), "the clock's name is empty", "give it a name for \"on\"");
     }
     const Place duration = clock.member("duration");
-    if (duration.value->isNumeric() && duration.value->asDouble() < shortestClock) {
+    if (duration.value->isInt() && duration.value->asInt() < shortestClock) {  // others: the schema's check
         findings.warning(duration, "is " + duration.text() + " ms, below a minute: the clock runs with 60000",
                          "write 60000 or more");
     }
@@ -205,7 +204,7 @@ void checkCollectors(const Place& root, const CatalogView* catalog, Findings& fi
                 suggestion.empty() ? "known: " + listed(drivers) : suggestion);
         }
         const Place history = collector.member("history");
-        if (history.value->isNumeric() && std::abs(history.value->asDouble()) >= 9223372036854775808.0) {
+        if (history.value->isIntegral() && !history.value->isInt64()) {
             findings.error(history, "is out of range", "write a period in milliseconds");
         } else if (history.value->isNumeric() && history.value->asDouble() < 0) {
             findings.warning(history, "is negative: nothing older than the newest record is kept",

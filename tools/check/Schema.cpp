@@ -124,10 +124,14 @@ std::optional<std::string> converted(const Value& value, const Value& schema, bo
     if (type == "string" && (value.isNumeric() || value.isBool())) {
         return "the text " + inQuotes(value.asString());
     }
+    if (type == "object" && value.isNull() && member(schema, "required").isNull()) {
+        return "an empty object";
+    }
     if (type == "string" && value.isNull() && member(schema, "minLength").isNull()) {
         return "an empty text";
     }
-    if (type == "integer" && (value.isBool() || value.isNull())) {
+    const bool isLeftOut = value.isNull() && !member(schema, "default").isNull();
+    if (type == "integer" && (value.isBool() || isLeftOut)) {
         return value.isBool() && value.asBool() ? "1" : "0";
     }
     if (type == "integer" && value.isDouble()) {
@@ -143,8 +147,21 @@ std::optional<std::string> converted(const Value& value, const Value& schema, bo
     return std::nullopt;
 }
 
+/// Names and values that the system cannot carry into a report.
+void checkText(const Place& place, const std::string& text, Findings& findings) {
+    Value back;  // the writer replaces what is not UTF-8
+    if (text.find('\0') != std::string::npos) {
+        findings.error(place, "holds U+0000", "a text without zero bytes is expected");
+    } else if (!kyo::Json::Reader().parse(vlmProd::compactText(text), back) || back.asString() != text) {
+        findings.error(place, "is not UTF-8: a report with it is not valid JSON", "save the file as UTF-8");
+    }
+}
+
 /// Reports unknown members. A schema refuses them with additionalProperties.
 void checkMemberNames(const Place& place, const Value& schema, Findings& findings) {
+    if (place.value->isString()) {
+        checkText(place, place.value->asString(), findings);
+    }
     if (place.value->isArray()) {
         for (kyo::Json::ArrayIndex i = 0; i < place.value->size(); ++i) {
             checkMemberNames(place.element(i), elementSchema(schema, i), findings);
@@ -158,6 +175,7 @@ void checkMemberNames(const Place& place, const Value& schema, Findings& finding
     const bool refused = refusesOthers(schema);
     for (const auto& key : place.value->getMemberNames()) {
         const Place child = place.member(key);
+        checkText(child, key, findings);
         const Value& part = memberSchema(schema, key);
         if (!part.isNull()) {
             checkMemberNames(child, part, findings);

@@ -16,7 +16,7 @@ struct Presence {
 };
 
 /// What is permitted where the vehicle offered no data type of its own.
-inline constexpr const char* kDefaultDataType = "VlmReport";
+inline constexpr const char* kDefaultDataType = "VLMReport";
 
 /// A whole master-control message. Each one replaces all that the vehicle knew, so none is ever partial.
 Json::Value masterControl(const std::string& ticket, const std::vector<std::string>& permitted, int control,

@@ -14,10 +14,11 @@
 #include <vector>
 
 #include "ac/com/runtime/component.h"
-#include "json/JsonFields.h"
 #include "collect/IngressQueue.h"
+#include "json/JsonFields.h"
 #include "kyo/Status.h"
 #include "qdr/services/described.h"
+#include "services/ProxyNames.h"
 #include "services/adapters/RegisteredAdapters.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Eventually.h"
@@ -251,7 +252,9 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
         EXPECT_EQ(made[place].first, registry[place].at(1));
         const BaseServiceObject& adapter = *made[place].second;
         EXPECT_THAT(typeid(adapter).name(), testing::HasSubstr(registry[place].at(2)));
+        EXPECT_THAT(proxyNames::all, testing::Contains(made[place].first));
     }
+    EXPECT_EQ(made.size() + 4, proxyNames::all.size()) << "four constants have no entry in the registry";
     made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
     made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
     made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));

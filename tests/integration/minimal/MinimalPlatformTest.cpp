@@ -39,7 +39,7 @@ TEST(MinimalPlatform, BringsASampleOfItsVehicleIntoAnEnvelope) {
     auto& setup = *ConfigResponseHandler::getInstance();
     auto& submission = *VlmDataSubmissionControl::getInstance();
     submission.initializeServer(
-        "MinimalCatalog", {"VlmReport"},
+        "MinimalCatalog", {"VLMReport"},
         std::make_shared<ConfigControlPanel>([](auto&&...) { return std::string(); }));
     submission.start();
     kyo::Json::Value configuration;

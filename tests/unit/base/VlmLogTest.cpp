@@ -19,6 +19,7 @@ TEST(LogSignature, IsTheSameForEveryCompiler) {
         {"const kyo::Json::Value &vlmProd::VLMConfig::getJsonValue(const std::basic_string<char> &, int)",
          "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int)"},
         {"void f(std::__cxx11::basic_string<char>, char **)", "void f(string, char**)"},
+        {"void f(std::vector<std::__cxx11::basic_string<char> >)", "void f(std::vector<string>)"},
         {"void vlmProd::A<T>::put(T) [with T = int; std::string = x]", "void vlmProd::A<T>::put(T)"},
     };
     for (const auto& [printed, expected] : cases) {

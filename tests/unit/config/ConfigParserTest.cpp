@@ -126,6 +126,9 @@ TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
         {noClock, 3, "Failed to get the clock from Json Configuration file"},
         {withClock(R"({"duration":60000},{"name":"x"})"), 3,
          "Invalid configuration: field 'Clock name' is not present"},
+        {withCollect("null"), 5, "Field 'name' not present"},
+        {withCollect(R"({"name":"a","serv":"s","res":"r","index":null})"), 5, "Field 'index' is not present"},
+        {withClock("null"), 3, "Invalid configuration: field 'Clock name' is not present"},
         {noReport, 3, "Failed to get the Report from Json Configuration file"},
         {namelessReport, 5, "Field 'Report name' not present"},
         {twoReports, 5, "Invalid configuration file as report name already found"},
@@ -151,6 +154,7 @@ TEST_F(ConfigParserTest, AMemberOfTheWrongTypeIsNamedWithItsPlaceAndRefused) {
         {R"([1])", "collector configuration: an object is expected, found an array"},
         {R"({"CLOCK":"tick"})", "CLOCK: an array of objects is expected, found a text (\"tick\")"},
         {R"({"COLLECT":[{}, 5]})", "COLLECT[1]: an object is expected, found a number (5)"},
+        {R"({"COLLECT":[{"name":"a\u0000b"}]})", "COLLECT[0].name: a text without zero bytes is expected"},
         {R"({"COMPARE":[[]]})", "COMPARE[0]: an object is expected, found an array"},
         {R"({"COLLECT":[{},{},{"index":"2"}]})",
          "COLLECT[2].index: a number from -2147483648 to 2147483647 is expected, found a text (\"2\")"},
@@ -189,6 +193,9 @@ TEST_F(ConfigParserTest, TheFirstElementsCountAndWhatTheJsonConversionAcceptsSta
     std::map<std::string, long long> histories;
     m_parser.getAllCollectorNames(m_code, histories);
     EXPECT_THAT(histories, ElementsAre(Pair("1", 2500000000LL), Pair("c", 0)));
+    ASSERT_TRUE(parse(R"({"CONFIG":[null],"CLOCK":[{"name":"t"},null],"REPORT":[{"name":"r"}],
+        "COLLECT":[{"name":"c","serv":"s","res":"r","index":0}],"COMPARE":[null]})"));
+    EXPECT_EQ(m_parser.getConfigName(), "") << "null reads as an empty element";
     Document unnamed;
     unnamed.config.clear();
     ASSERT_TRUE(parse(unnamed));
@@ -209,14 +216,14 @@ TEST_F(ConfigParserTest, ADocumentOrFileIsRefusedWithTheCodeOfItsFault) {
         EXPECT_FALSE(parse(text));
         EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
     }
-    for (std::string path : {std::string(), folder.file("absent.json"), folder.path()}) {
+    for (std::string path : {std::string(), folder.file("absent.json")}) {
         EXPECT_FALSE(m_parser.parseFromLocalFile(path, m_code));
         EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
     }
     EXPECT_THAT(m_log.messages(3), IsEmpty());
-    for (const std::string& content : {std::string("{\"COLLECT\": ["), std::string(100000, '[')}) {
+    for (std::string path : {folder.write("broken.json", "{\"COLLECT\": ["),
+                             folder.write("deep.json", std::string(100000, '[')), folder.path()}) {
         m_log.clear();
-        std::string path = folder.write("broken.json", content);
         EXPECT_FALSE(m_parser.parseFromLocalFile(path, m_code));
         EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
         EXPECT_TRUE(m_log.has(3, "Catalog file parsing not successful, check format"));
@@ -226,7 +233,7 @@ TEST_F(ConfigParserTest, ADocumentOrFileIsRefusedWithTheCodeOfItsFault) {
     EXPECT_TRUE(m_parser.parseFromLocalFile(good, m_code));
     EXPECT_EQ(m_code, ConfigErrorCode::Ok);
     EXPECT_TRUE(m_log.has(3, "Valid configuration file")) << "on level 3 for a file";
-    EXPECT_TRUE(m_log.has(7, " configfile=" + good));
+    EXPECT_TRUE(m_log.has(7, "configfile=" + good));
 }
 
 TEST_F(ConfigParserTest, CollectorsAreListedAndTheFirstOfTwoWithOneKeyGetsTheRecords) {

@@ -183,9 +183,15 @@ TEST_F(ConfigResponseHandlerTest, AConfigurationThatIsRefusedChangesNothingAndIs
     EXPECT_FALSE(m_discovery.started());
     ASSERT_TRUE(setUp(kFirst));
     m_log.clear();
+    const auto& refused = kyo::Status::counter("config.refused");
+    const std::uint64_t refusedBefore = refused.value();
     EXPECT_FALSE(setUp(R"({"COLLECT":[{"name":"c9","serv":"Airbag","res":"crashes","index":"1"}]})"));
+    EXPECT_FALSE(setUp(R"({"COLLECT":[{"name":"c9","serv":"Airbag","res":"crashes"}]})"));
+    EXPECT_TRUE(
+        m_log.has(3, "The backend's collector configuration is not used: COLLECT[0].index is missing"));
     EXPECT_FALSE(setUp("[]"));
     EXPECT_FALSE(setUp(R"({"CLOCK":[{"name":"t"}],"REPORT":[],"COLLECT":[]})"));
+    EXPECT_EQ(refused.value() - refusedBefore, 4u);
     EXPECT_TRUE(m_log.has(3, "Didn't get the list of the services to discover"));
     EXPECT_FALSE(m_log.hasPart(5, "CLOCK NAME = "));
     EXPECT_EQ(m_handler.configuredResources().size(), 2u);

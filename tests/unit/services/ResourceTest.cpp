@@ -5,8 +5,8 @@
 #include <rttr/variant.h>
 #include <string>
 
-#include "json/JsonFields.h"
 #include "collect/IngressQueue.h"
+#include "json/JsonFields.h"
 #include "qdr/services/airbag/datatypes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
@@ -121,6 +121,11 @@ TEST_F(ResourceTest, ConvertsTheListedFieldsOfTheStructuresOfAnIndex) {
     sample.isRearCrash = true;
     EXPECT_EQ(converted(std::vector{sample}),
               R"({"crashSeverity":2,"deltaVelocityLateral":0.5,"elementId":1,"isRollover":true})");
+    DT_crashInfo_struct keyless;
+    keyless.deltaVelocityLateral = 0.75F;
+    EXPECT_EQ(converted(std::vector{sample, keyless}),
+              R"({"crashSeverity":2,"deltaVelocityLateral":0.75,"elementId":1,"isRollover":true})")
+        << "an element without its key keeps the key of the element before";
     for (const rttr::variant& odd : {rttr::variant(), rttr::variant(7), rttr::variant(std::vector<int>{1})}) {
         EXPECT_EQ(converted(odd), "{}");
     }

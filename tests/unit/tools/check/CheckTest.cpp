@@ -113,8 +113,24 @@ TEST(Check, FindsEachFaultOfACollectorConfiguration) {
           "did you mean \"minute\"?"},
          {R"("history": 1000)", R"("history": 18446744073709551615)", E, "$.COLLECT[0].history",
           "out of range", ""},
+         {R"("index": 1)", R"("index": null)", E, "$.COLLECT[0].index", "is null", ""},
+         {R"({"name": "minute", "duration": 60000})", "null", E, "$.CLOCK[0]", "is null", ""},
+         {R"("trip")", R"("tr\u0000ip")", E, "$.CONFIG[0].name", "holds U+0000", ""},
+         {R"("bench")",
+          "\"Gr\xF6\xDF"
+          R"(e")",
+          E, "$.REPORT[0].application", "is not UTF-8", ""},
+         {R"("COLLECT": [)", R"("COMPARE": [null], "COLLECT": [)", W, "$.COMPARE[0]",
+          "is read as an empty object", ""},
          {R"("COLLECT": [)", R"("COMPARE": [{"name": "minute"}], "COLLECT": [)", W, "$.COMPARE[0].name",
           "names an earlier CLOCK or COMPARE element", ""}});
+}
+
+TEST(Check, ReportsAFaultOnce) {
+    for (const char* duration : {"-3000000000", "1.5", "\"1\""}) {
+        EXPECT_EQ(checkChanged(Kind::Collector, "60000", duration).size(), 1u) << duration;
+    }
+    EXPECT_EQ(checkChanged(Kind::Collector, "1000", "1e19").size(), 1u);
 }
 
 TEST(Check, FindsEachFaultOfACatalog) {
