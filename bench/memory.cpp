@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "json/JsonFields.h"
 #include "collect/CollectorImpl.h"
 #include "collect/IngressQueue.h"
+#include "json/JsonFields.h"
 #include "kyo/Log.h"
 #include "support/Floor.h"
 

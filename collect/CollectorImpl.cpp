@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "base/CompactJson.h"
-#include "json/JsonFields.h"
 #include "base/VlmLog.h"
+#include "json/JsonFields.h"
 #include "kyo/DateTime.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"

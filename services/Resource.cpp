@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "base/CompactJson.h"
-#include "json/JsonFields.h"
 #include "base/VlmLog.h"
 #include "collect/IngressQueue.h"
+#include "json/JsonFields.h"
 
 namespace vlmProd {
 

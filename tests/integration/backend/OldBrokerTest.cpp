@@ -97,8 +97,8 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
 
 TEST(SilentBroker, DoesNotDelayTheEnd) {
     const Listener listener;
-    auto transport =
-        std::make_unique<MqttTransport>(settingsFor(listener), machine::Compression{}, kyo::orx::Presence{"Catalog 1", {}});
+    auto transport = std::make_unique<MqttTransport>(settingsFor(listener), machine::Compression{},
+                                                     kyo::orx::Presence{"Catalog 1", {}});
     transport->start();
     const int connection = listener.accept();
     ASSERT_GE(connection, 0);

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "json/JsonFields.h"
 #include "collect/IngressQueue.h"
+#include "json/JsonFields.h"
 #include "qdr/services/described.h"
 #include "qdr/services/oddities/datatypes.h"
 #include "qdr/services/oddities/interface.h"

@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "json/JsonFields.h"
 #include "collect/CollectorImpl.h"
+#include "json/JsonFields.h"
 #include "tests/support/RecordValue.h"
 
 namespace vlmProd {

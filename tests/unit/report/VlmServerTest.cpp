@@ -56,7 +56,9 @@ class BackendLink : public testing::Test {
 
     LogCapture m_log;
     const std::shared_ptr<Calls> m_calls = std::make_shared<Calls>();
-    VlmServer m_server{"Catalog 1", {"TypeA"}, std::make_shared<ConfigControlPanel>([](auto&&...) { return std::string(); })};
+    VlmServer m_server{"Catalog 1", {"TypeA"}, std::make_shared<ConfigControlPanel>([](auto&&...) {
+                           return std::string();
+                       })};
 };
 
 TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce) {
