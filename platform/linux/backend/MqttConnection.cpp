@@ -93,8 +93,8 @@ std::string suffixOf(const mosquitto_property* properties) {
                 spoolNumber = value;
             }
         }
-        std::free(name);
-        std::free(value);
+        std::free(name);   // NOLINT(cppcoreguidelines-no-malloc): the library allocates them
+        std::free(value);  // NOLINT(cppcoreguidelines-no-malloc)
         name = value = nullptr;
         isFurther = true;
     }

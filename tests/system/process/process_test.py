@@ -110,7 +110,7 @@ class EndsOfStartUp(ProcessTest):
                     ends + "VLM Config::getInstance() ERROR: VLM Config not created yet!", *last]),
                 (["--none"], CATALOG, 0, [ends + "…none…", *last]),
                 (["-c", "/absent.json"], CATALOG, 0, [ends + "VLM Config file path not valid", *last]),
-                (["-c", self.folder], CATALOG, 0, [ends + "VLM Config file path not valid", *last]),
+                (["-c", self.folder], CATALOG, 250, ["1 …VLM config file parsing not successful, check format"]),
                 (["-c", broken], CATALOG, 250, ["7 …configfile=" + broken, "1 …VLM config file parsing not successful, check format"]),
                 (application, "none", 1, [
                     "5" + MAIN + "VLM Config Object is created", "5" + MAIN + "Offered Data Types Size = 2",
@@ -169,7 +169,7 @@ class MainLoop(ProcessTest):
         absent = os.path.join(self.folder, "absent.json")
         wrong = self.write("wrong.json", '{"COLLECT": [{"name": "a", "index": "1"}]}')
         nowhere = {"state": {"socket": "/no/folder/socket"}}
-        for local, reason, manifest in ((absent, "it is empty or cannot be opened", nowhere),
+        for local, reason, manifest in ((absent, "absent.json: it cannot be opened", nowhere),
                                         (wrong, "COLLECT[0].index", {})):
             master = self.start("-c", odd, "-l", local, manifest=manifest)
             master.wait_for("OfferedDataTypes[1]: a text is expected, found an array")

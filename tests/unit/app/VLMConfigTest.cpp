@@ -104,7 +104,7 @@ TEST_F(VLMConfigTest, TheVersionIsTheDigestOfTheFile) {
 TEST_F(VLMConfigTest, LoadingThrowsATextAndTheSingletonIsCreatedOnce) {
     EXPECT_THAT([] { VLMConfig::createSingleton(""); },
                 Throws<std::string>("VLM Config file path not provided!"));
-    EXPECT_THAT([&] { VLMConfig::createSingleton(m_folder.path()); },
+    EXPECT_THAT([&] { VLMConfig::createSingleton(m_folder.file("missing.json")); },
                 Throws<std::string>("VLM Config file path not valid"));
     const std::string path = m_folder.file("vlm.json");
     m_log.clear();
