@@ -31,7 +31,7 @@ Counter& delivered() {
 }  // namespace
 
 std::shared_ptr<SpoolTransport::Figures> SpoolTransport::makeFigures() {
-    const auto figures = std::make_shared<Figures>();
+    auto figures = std::make_shared<Figures>();
     const auto whole = [](std::uint64_t number) { return Json::Value(static_cast<Json::UInt64>(number)); };
     Status::gauge("spool.waiting", [=] { return whole(figures->waiting); });
     Status::gauge("spool.bytes", [=] { return whole(figures->bytes); });

@@ -45,8 +45,8 @@ class EventDispatcher {
     };
     struct KnownRoute {
         Route route;
-        ServiceSessions* sessions;
-        SessionSequence* sequence;
+        ServiceSessions* sessions = nullptr;
+        SessionSequence* sequence = nullptr;
     };
 
     void onMessage(const Endpoint& from, const Header& header, std::span<const std::uint8_t> payload,
