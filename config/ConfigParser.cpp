@@ -24,7 +24,8 @@ void readCollect(const Field& element, ConfigParser::Collect& collect) {
     element["on"].name(collect.on);
     const Field index = element["index"];
     // An empty text is an absent index to the validation, which has its own message for it.
-    if (collect.indexText = textOf(index.value()); index.value() != "") {
+    collect.indexText = textOf(index.value());
+    if (!index.value().isString() || !collect.indexText.empty()) {
         index.number(collect.index);
     }
     if (const Field history = element["history"]; !history.isAbsent()) {
@@ -38,7 +39,7 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
 
 /// The elements of a block, each an object; null stands for an empty one.
 std::vector<Field> objects(const Field& block) {
-    const auto elements = block.elements("an array of objects");
+    auto elements = block.elements("an array of objects");
     for (const Field& element : elements) {
         element.object();
     }
