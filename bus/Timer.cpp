@@ -1,10 +1,13 @@
 #include "bus/Timer.h"
 
-#include <pthread.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
@@ -16,49 +19,49 @@ namespace vlmProd {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
+std::int64_t steadyMs() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
 
 }  // namespace
 
 /// What a timer shares with the thread of one setting.
 struct Timer::Loop {
-    Loop() {
-        // libfaketime does not know the call with which std::condition_variable waits on the steady clock.
-        pthread_condattr_t attributes;
-        ::pthread_condattr_init(&attributes);
-        ::pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-        ::pthread_cond_init(&stopped, &attributes);
-        ::pthread_condattr_destroy(&attributes);
+    // Without a descriptor the thread sleeps out its interval, and a stop waits that long for its end.
+    Loop() : wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~Loop() {
+        if (wake >= 0) {
+            ::close(wake);
+        }
     }
-    ~Loop() { ::pthread_cond_destroy(&stopped); }
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
 
     void stop() {
-        const std::lock_guard<std::mutex> lock(mutex);
         clear = true;
-        ::pthread_cond_broadcast(&stopped);
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wake, &one, sizeof one);
     }
-    /// Sleeps until the next tick or the stop. The caller holds the mutex.
+    /// Sleeps until the next tick or the stop. poll() has a relative time-out, so that setting the wall clock
+    /// neither stretches nor cuts it.
     void sleep() {
-        const auto due = nextTick.time_since_epoch();
-        const auto seconds = std::chrono::floor<std::chrono::seconds>(due);
-        const timespec at{seconds.count(), std::chrono::nanoseconds(due - seconds).count()};
-        while (!clear && ::pthread_cond_timedwait(&stopped, mutex.native_handle(), &at) != ETIMEDOUT) {
+        for (std::int64_t left = nextTickMs - steadyMs(); left > 0 && !clear;
+             left = nextTickMs - steadyMs()) {
+            pollfd stopped{wake, POLLIN, 0};
+            ::poll(&stopped, 1, static_cast<int>(left));
         }
     }
 
-    std::mutex mutex;  ///< guards the members below
-    pthread_cond_t stopped{};
-    bool clear = false;  ///< true: stopped
-    Clock::time_point nextTick;
+    const int wake;                           ///< readable after the stop
+    std::atomic<bool> clear{false};           ///< true: stopped
+    std::atomic<std::int64_t> nextTickMs{0};  ///< on the steady clock
 };
 
 void Timer::setInterval(timerCallback callback, int interval) {
     VLM_TRACE(7);
     auto loop = std::make_shared<Loop>();
-    loop->nextTick = Clock::now() + milliseconds(std::max(interval, 0));
+    loop->nextTickMs = steadyMs() + std::max(interval, 0);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_loop) {
@@ -85,27 +88,22 @@ void Timer::stopTimer() {
 
 std::int64_t Timer::millisecondsToNextTick() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_loop) {
+    if (!m_loop || m_loop->clear) {
         return 0;
     }
-    const std::lock_guard<std::mutex> loopLock(m_loop->mutex);
-    const auto left = std::chrono::duration_cast<milliseconds>(m_loop->nextTick - Clock::now());
-    return m_loop->clear ? 0 : std::max<std::int64_t>(left.count(), 0);
+    return std::max<std::int64_t>(m_loop->nextTickMs - steadyMs(), 0);
 }
 
 void Timer::tick(Loop& loop, const timerCallback& callback, int interval) {
-    std::unique_lock<std::mutex> lock(loop.mutex);
     while (!loop.clear) {
         if (interval > 0) {
-            loop.nextTick = Clock::now() + milliseconds(interval);
+            loop.nextTickMs = steadyMs() + interval;
             loop.sleep();
         }
         if (loop.clear) {
             return;
         }
-        lock.unlock();
         callback();
-        lock.lock();
     }
 }
 
