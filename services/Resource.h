@@ -4,6 +4,7 @@
 #include <map>
 #include <shared_mutex>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -57,6 +58,17 @@ class Resource {
     kyo::Json::Value workValue() const;
 
   private:
+    /// Compares keys of strings with keys of views, so that a look-up copies no text.
+    struct KeyLess {
+        using is_transparent = void;
+        template <typename A, typename B>
+        bool operator()(const A& a, const B& b) const {
+            using View = std::tuple<int, std::string_view, std::string_view>;
+            return View(std::get<0>(a), std::get<1>(a), std::get<2>(a)) <
+                   View(std::get<0>(b), std::get<1>(b), std::get<2>(b));
+        }
+    };
+
     void addTo(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
     void insertEnum(kyo::Json::Value& work, const std::string& name, rttr::variant& value);
 
@@ -67,7 +79,7 @@ class Resource {
     std::string m_someIPKey;
     std::map<int, std::vector<std::string>> m_indexAttributes;
     /// By index, service and resource.
-    std::map<std::tuple<int, std::string, std::string>, std::string, std::less<>> m_collectorNames;
+    std::map<std::tuple<int, std::string, std::string>, std::string, KeyLess> m_collectorNames;
     std::vector<std::string> m_attributes;
 
     mutable kyo::Mutex m_workMutex;  ///< guards m_work
