@@ -361,7 +361,8 @@ class SpoolFaults(FaultTest):
             self.kill_process()
             self.start_process()
         self.master.wait_for_count("clock.ticks", 1, 60)
-        confirmed = self.confirmed()
+        # Kills in quick succession leave few; the next ticks bring more.
+        confirmed = wait_until(lambda: len(taken := self.confirmed()) > 2 and taken, self.status, 200, 0.2)
         wait_until(lambda: confirmed <= {envelope["messageId"] for envelope in self.arrivals()},
                    lambda: f"what was confirmed; {self.status()}", 60)
         arrivals = self.arrivals()
@@ -373,7 +374,7 @@ class SpoolFaults(FaultTest):
         for count, gone in self.gone:
             self.assertEqual({e["messageId"] for e in arrivals[count:]} & gone, set(), "came again after its deletion")
         self.told.update({"confirmed": len(confirmed), "arrived": len(arrivals), "of them again": again})
-        self.assertGreater(len(confirmed), 0)
+        self.assertGreater(len(confirmed), 2)
 
 
 class DiskFaults(FaultTest):
