@@ -58,6 +58,10 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     group.port = settings.discovery.port;
     const bool multicast = isMulticast(group.address);
 
+    auto lock = EndpointLock::take({address, settings.discovery.port}, error);
+    if (lock == nullptr) {
+        return nullptr;
+    }
     UdpSocket::Options options;
     options.receiveBufferBytes = settings.receiveBufferBytes;
     const std::shared_ptr<const UdpSocket> events =
@@ -69,12 +73,13 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     options.receiveBufferBytes = kDiscoveryBufferBytes;
     options.broadcast = !multicast;
     options.interfaceAddress = multicast ? address : 0;
+    // Other stacks on this machine may bind the port at all addresses.
+    options.shared = true;
     const std::shared_ptr<const UdpSocket> unicast =
         UdpSocket::open({address, settings.discovery.port}, options, error);
     if (unicast == nullptr) {
         return nullptr;
     }
-    options.shared = true;
     options.join = multicast;
     const std::shared_ptr<const UdpSocket> groupSocket = UdpSocket::open(group, options, error);
     if (groupSocket == nullptr) {
@@ -82,6 +87,7 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     }
 
     std::shared_ptr<NetworkAccess> access(new NetworkAccess(settings, range, events->endpoint(), observer));
+    access->m_lock = std::move(lock);
     access->events.socket = events;
     access->discoveryUnicast.socket = unicast;
     access->discoveryGroup.socket = groupSocket;

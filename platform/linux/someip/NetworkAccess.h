@@ -5,6 +5,7 @@
 #include <string>
 
 #include "machine/Manifest.h"
+#include "someip/EndpointLock.h"
 #include "someip/ServiceDiscovery.h"
 #include "someip/UdpSocket.h"
 
@@ -45,6 +46,7 @@ class NetworkAccess {
 
     const Network m_range;
     Endpoint m_group;
+    std::unique_ptr<const EndpointLock> m_lock;  ///< of the unicast discovery endpoint
     ServiceDiscovery m_discovery;
 };
 

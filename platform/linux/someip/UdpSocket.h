@@ -17,7 +17,7 @@ class UdpSocket {
   public:
     struct Options {
         std::uint32_t receiveBufferBytes = 0;  ///< 0: the system's default
-        bool shared = false;                   ///< others may bind the same endpoint (group addresses)
+        bool shared = false;                   ///< others that say so too may bind the same endpoint
         bool broadcast = false;                ///< may send to a broadcast address
         Address interfaceAddress = 0;          ///< for joining and sending to multicast groups
         bool join = false;                     ///< join the endpoint as a multicast group

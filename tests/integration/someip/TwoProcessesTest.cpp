@@ -211,6 +211,33 @@ TEST_F(ClientAndServer, APortThatIsTakenIsLoggedOnceAndRetriedUntilItIsFree) {
     EXPECT_TRUE(server.sendUntilReceived(client, 1));
 }
 
+TEST_F(ClientAndServer, TheDiscoveryPortIsSharedWithAnotherStackWhicheverStartsFirst) {
+    someip::UdpSocket::Options shared;
+    shared.shared = true;
+    const someip::Endpoint everywhere{0, discoveryPort()};
+    std::string error;
+    auto neighbour = someip::UdpSocket::open(everywhere, shared, error);
+    ASSERT_NE(neighbour, nullptr) << error;
+    connect();
+    EXPECT_TRUE(server.sendUntilReceived(client, 1));
+    neighbour.reset();
+    neighbour = someip::UdpSocket::open(everywhere, shared, error);
+    ASSERT_NE(neighbour, nullptr) << error;
+    serverSide.stop();
+    ASSERT_TRUE(serverSide.start(settingsFor(2), true));
+    EXPECT_TRUE(server.sendUntilReceived(client, 2));
+    someip::DatagramBatch heard;
+    EXPECT_GT(heard.receive(*neighbour), 0u) << "it hears the group as well";
+
+    someip::Runtime second;
+    ASSERT_TRUE(second.start(settingsFor(1), false));
+    EXPECT_FALSE(second.networkIsUp());
+    EXPECT_THAT(log.messages(3),
+                ElementsAre(HasSubstr("another process of this kind uses " + addressText(1))));
+    clientSide.stop();
+    EXPECT_TRUE(eventually([&] { return second.networkIsUp(); }));
+}
+
 TEST_F(ClientAndServer, AnAddressOfAnotherMachineIsLoggedAndTheEndIsQuick) {
     auto settings = settingsFor(1);
     settings.address = "192.0.2.1";

@@ -203,6 +203,36 @@ class Retry(ProcessTest):
         self.assertAlmostEqual(self.shortest_pause(asked), 660, delta=60)
 
 
+class SharedMachine(ProcessTest):
+    def neighbour(self, port):
+        output = self.write("neighbour.txt", "")
+        with open(output, "wb") as out:
+            process = subprocess.Popen([sys.executable, os.path.join(os.path.dirname(__file__), "neighbour.py"), str(port)],
+                                       stdin=subprocess.DEVNULL, stdout=out, stderr=out)
+        self.addCleanup(lambda: (process.kill(), process.wait()))
+        wait_until(lambda: Path(output).read_text().startswith("bound\n"), lambda: Path(output).read_text())
+        return output
+
+    def test_another_stack_shares_the_discovery_port_whichever_starts_first_and_a_second_vlmmaster_waits(self):
+        for neighbour_first in (True, False):
+            port = free_udp_port()
+            heard = self.neighbour(port) if neighbour_first else None
+            arguments = ("-c", self.application, "-l", self.collector)
+            master = self.start(*arguments, port=port)
+            master.wait_for("SOME/IP is up")
+            heard = heard or self.neighbour(port)
+            vehicle = Vehicle(self.folder, port, "--services", "GNSS", "--period-ms", "50")
+            self.addCleanup(vehicle.end)
+            master.wait_for_count("samples.received", 10)
+            wait_until(lambda: "127.0.0.2" in Path(heard).read_text(), "the vehicle's offers at the neighbour")
+            second = self.start(*arguments, port=port)
+            second.wait_for(f"SOME/IP is not up, trying again: another process of this kind uses 127.0.0.1:{port}")
+            master.kill()
+            second.wait_for("SOME/IP is up")
+            self.assertEqual(second.stop(), 0)
+            vehicle.end()
+
+
 class Stops(ProcessTest):
     """A stop at any moment ends the process soon, with status 0."""
 
