@@ -13,10 +13,6 @@ namespace {
 constexpr const char* kAddReport =
     "bool vlmProd::VlmDataSubmissionControl::addReportToShippingQueue(kyo::Json::Value&)";
 
-bool canSend(const VlmServer& link) {
-    return !link.isBlocked() && link.isAnythingPermitted();
-}
-
 }  // namespace
 
 VlmDataSubmissionControl* VlmDataSubmissionControl::getInstance() {
@@ -39,7 +35,7 @@ void VlmDataSubmissionControl::initializeServer(std::string serverName,
                                          std::move(configurations));
     kyo::Status::gauge("backend.open", [link = std::weak_ptr<VlmServer>(m_link)] {
         const std::shared_ptr<VlmServer> held = link.lock();
-        return kyo::Json::Value(held && canSend(*held));
+        return kyo::Json::Value(held && held->isOpen());
     });
 }
 
@@ -101,6 +97,7 @@ bool VlmDataSubmissionControl::drainOnce() {
 void VlmDataSubmissionControl::processReportFromQueue() {
     static kyo::Counter& discarded = kyo::Status::counter("reports.discarded");
     static kyo::Counter& sent = kyo::Status::counter("reports.sent");
+    static kyo::Counter& failed = kyo::Status::counter("reports.failed");
     const std::lock_guard<std::recursive_mutex> lock(m_sendMutex);
     Report report;
     if (!m_shippingQueue.take(&report)) {
@@ -122,26 +119,31 @@ void VlmDataSubmissionControl::processReportFromQueue() {
         discarded.add();
         return;
     }
-    if (!canSend(*m_link)) {
+    if (!m_link->isOpen()) {
         VLM_LOG(3, "Could not sent the orx data = " << report.text());
         discarded.add();
         return;
     }
     VLM_LOG_PLAIN(5, "GOING to SEND the ORX Data " << report.text());
-    if (send(report) == 0) {
+    const std::int32_t result = m_link->sendToOrx(report);
+    if (result == 0) {
         sent.add();
         m_lastReport = std::move(report);
+    } else {
+        // What the backend has forbidden a moment ago has not reached the client.
+        (result == VlmServer::kNothingPermitted ? discarded : failed).add();
     }
 }
 
 void VlmDataSubmissionControl::processLastReport() {
     static kyo::Counter& resent = kyo::Status::counter("reports.resent");
+    static kyo::Counter& failed = kyo::Status::counter("reports.resendFailed");
     const std::lock_guard<std::recursive_mutex> lock(m_sendMutex);
     if (!m_link) {
         VLM_LOG(3, "ORx Server is null.");
         return;
     }
-    if (!canSend(*m_link)) {
+    if (!m_link->isOpen()) {
         return;
     }
     if (!m_lastReport.isReadable()) {
@@ -150,8 +152,11 @@ void VlmDataSubmissionControl::processLastReport() {
         becomeIdle();
         return;
     }
-    if (send(m_lastReport) == 0) {
+    const std::int32_t result = m_link->sendToOrx(m_lastReport);
+    if (result == 0) {
         resent.add();
+    } else if (result != VlmServer::kNothingPermitted) {
+        failed.add();
     }
 }
 
@@ -182,15 +187,6 @@ void VlmDataSubmissionControl::stopVlmDataSubmissionControl() {
     const SleepLock lock = lockSleep();
     VLM_LOG_PLAIN(5, "Waking up Vlm Data Submission Control Thread to process the shipping queue");
     broadcast();
-}
-
-std::int32_t VlmDataSubmissionControl::send(const Report& report) {
-    static kyo::Counter& failed = kyo::Status::counter("reports.failed");
-    const std::int32_t result = m_link->sendToOrx(report);
-    if (result != 0) {
-        failed.add();
-    }
-    return result;
 }
 
 void VlmDataSubmissionControl::becomeIdle() {

@@ -58,7 +58,6 @@ class VlmDataSubmissionControl : public Worker {
     bool drainOnce() override;
 
   private:
-    std::int32_t send(const Report& report);
     void becomeIdle();
 
     kyo::Mutex m_addMutex;  ///< one report at a time is added, so that the logged sizes belong to it

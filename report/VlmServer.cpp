@@ -145,14 +145,13 @@ void VlmServer::handleMasterControlCallBack(kyo::Json::Value message) {
         const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
         m_permittedDataTypes = std::move(control.permittedDataTypes);
         m_eventTicket = std::move(control.eventTicket);
+        m_dataDeliveryResult = control.dataDeliveryResult;
+        m_backendChannelControl = control.backendChannelControl;
     }
-    m_dataDeliveryResult = control.dataDeliveryResult;
-    m_backendChannelControl = control.backendChannelControl;
-
-    if (!isBlocked() && isAnythingPermitted()) {
+    if (isOpen()) {
         actOnOpenChannel();
     } else {
-        actOnClosedChannel();
+        actOnClosedChannel(control.dataDeliveryResult);
     }
 }
 
@@ -162,6 +161,10 @@ void VlmServer::actOnOpenChannel() {
     {
         const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
         state = m_sendState;
+        if (state == Sent && m_resultAwaited) {
+            m_resultAwaited = false;
+            acknowledged.add();
+        }
     }
     if (state == NothingSent) {
         try {
@@ -176,9 +179,6 @@ void VlmServer::actOnOpenChannel() {
             deliver(orxStatus::SendNext);
         }
     } else if (state == Sent) {
-        if (m_resultAwaited.exchange(false)) {
-            acknowledged.add();
-        }
         deliver(orxStatus::SendNext);
     } else if (state == Failed) {
         deliver(orxStatus::SendLast);
@@ -191,14 +191,14 @@ void VlmServer::actOnOpenChannel() {
     }
 }
 
-void VlmServer::actOnClosedChannel() {
+void VlmServer::actOnClosedChannel(std::int32_t result) {
     {
         const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
         if (m_sendState == Sent) {
             m_sendState = Failed;
         }
     }
-    if (m_dataDeliveryResult == 2) {
+    if (result == 2) {
         deliver(orxStatus::Stop);
     }
 }
@@ -207,6 +207,16 @@ void VlmServer::deliver(orxStatus status) {
     if (m_dataDeliveryCallback) {
         m_dataDeliveryCallback(status);
     }
+}
+
+bool VlmServer::isBlocked() const {
+    const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
+    return m_backendChannelControl != 0 || m_dataDeliveryResult != 0;
+}
+
+bool VlmServer::isOpen() const {
+    const std::lock_guard<kyo::Mutex> lock(m_controlMutex);
+    return m_backendChannelControl == 0 && m_dataDeliveryResult == 0 && !m_permittedDataTypes.empty();
 }
 
 bool VlmServer::isAnythingPermitted() const {
@@ -272,9 +282,21 @@ std::int32_t VlmServer::sendToOrx(const Report& report) {
     } else {
         VLM_LOG_AS(5, kSendToOrx, "Send vlm Data State: SUCCESS ");
         m_sendState = Sent;
-        m_resultAwaited = true;
+        noteSent(messageId);
     }
     return result;
+}
+
+void VlmServer::noteSent(const std::string& messageId) {
+    static kyo::Counter& overtaken = kyo::Status::counter("reports.overtaken");
+    if (messageId == m_lastMessageId) {
+        return;  // a repeat: its report is acknowledged already, or still awaits that
+    }
+    if (m_resultAwaited) {
+        overtaken.add();
+    }
+    m_lastMessageId = messageId;
+    m_resultAwaited = true;
 }
 
 std::string VlmServer::getUniqueMessageId(const std::string& catalogId, const std::string& createDatetime,

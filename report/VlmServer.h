@@ -1,5 +1,4 @@
 #pragma once
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -60,15 +59,19 @@ class VlmServer {
 
     /// True while the last master-control message closed the channel or told of a failed delivery, and
     /// before the first one.
-    bool isBlocked() const { return m_backendChannelControl != 0 || m_dataDeliveryResult != 0; }
+    bool isBlocked() const;
     /// True while the backend accepts at least one type of data.
     bool isAnythingPermitted() const;
+    /// Not blocked, and something is permitted: both as one message said it.
+    bool isOpen() const;
 
   private:
     enum SendState : std::int32_t { NothingSent = 0, Sent = 1, Failed = 2 };
 
     void actOnOpenChannel();
-    void actOnClosedChannel();
+    void actOnClosedChannel(std::int32_t result);
+    /// Which report awaits a result from now on. m_sendMutex must be held.
+    void noteSent(const std::string& messageId);
     void deliver(orxStatus status);
 
     // Set once, before the client is started.
@@ -80,16 +83,18 @@ class VlmServer {
     mutable kyo::Mutex m_controlMutex;
     std::string m_eventTicket;                      ///< guarded by m_controlMutex
     std::vector<std::string> m_permittedDataTypes;  ///< guarded by m_controlMutex
+    std::int32_t m_backendChannelControl =
+        3;                                  ///< guarded by m_controlMutex; closed until the backend opens it
+    std::int32_t m_dataDeliveryResult = 0;  ///< guarded by m_controlMutex
 
-    std::atomic<std::int32_t> m_backendChannelControl{3};  ///< closed until the backend says otherwise
-    std::atomic<std::int32_t> m_dataDeliveryResult{0};
-    std::atomic<bool> m_resultAwaited{false};  ///< a report was sent and no result 0 was counted for it
-    bool m_configurationRequested = false;     ///< client's thread only
+    bool m_configurationRequested = false;  ///< client's thread only
 
     /// Held from handing an envelope over until it is noted how that went: a master-control message that
     /// answers the envelope must not be judged by the state before it.
     kyo::Mutex m_sendMutex;
     std::int32_t m_sendState = NothingSent;  ///< guarded by m_sendMutex
+    std::string m_lastMessageId;             ///< guarded by m_sendMutex; of the last report that was sent
+    bool m_resultAwaited = false;  ///< guarded by m_sendMutex; no result 0 was counted for that report
 
     std::unique_ptr<kyo::OrxClient> m_client;  ///< last: its thread uses all of the above
 };

@@ -4,6 +4,9 @@
 
 #include <atomic>
 #include <map>
+#include <mutex>
+#include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -159,6 +162,97 @@ TEST_F(SubmissionControl, LogsTheBytesInTheQueueAMissingLinkAndAnUnknownStatus) 
     EXPECT_THAT(m_log.messages(3), ElementsAre("ORx Server is null.", "ORx Server is null.",
                                                "orx status is to stop sending data",
                                                "Do not know the status of last report sent"));
+}
+
+/// How much the counters have grown since this was made.
+class Growth {
+  public:
+    std::uint64_t of(const std::string& name) const {
+        const auto before = m_before.find(name);
+        return kyo::Status::counter(name).value() - (before == m_before.end() ? 0 : before->second);
+    }
+
+  private:
+    const std::map<std::string, std::uint64_t> m_before = kyo::Status::counters();
+};
+
+TEST_F(SubmissionControl, CountsOneLostReportWhenOpeningsComeFasterThanTheClientTakesEnvelopes) {
+    startOpen();
+    const Growth growth;
+    std::atomic<int> taken{0};
+    backend().answerSends([&taken] { return ++taken > 100 ? -1002 : 0; });
+    for (int i = 0; i < 200; ++i) {
+        add("report", i);
+    }
+    ASSERT_TRUE(sent(1));
+    const auto waiting = [this] { return m_control.waitingReports(); };
+    ASSERT_TRUE(awaits([&] { return waiting() == 199; }));
+    for (int i = 0; i < 400; ++i) {
+        backend().masterControl(control());
+    }
+    EXPECT_EQ(growth.of("reports.sent"), 100u);
+    EXPECT_EQ(growth.of("reports.failed"), 1u);
+    EXPECT_EQ(growth.of("reports.resendFailed"), 300u);
+    EXPECT_EQ(waiting(), 99u);
+}
+
+/// Openings, results, closings, refusals in any order: what the counters say is what has happened.
+TEST_F(SubmissionControl, AccountsForEachReportWhateverTheBackendAndTheClientAnswer) {
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::minstd_rand chance(seed);
+    startOpen();
+    const Growth growth;
+    std::atomic<int> answer{0};
+    std::mutex mutex;
+    std::vector<int> answers;  // one for each envelope that the client was given
+    backend().answerSends([&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        answers.push_back(answer);
+        return answers.back();
+    });
+    add("report", 0);
+    ASSERT_TRUE(awaits([&] { return growth.of("reports.sent") == 1; }));
+    const std::vector<kyo::Json::Value> messages{control(),  control(),     control(),        control(1),
+                                                 control(2), control(0, 1), control(0, 0, {})};
+    int added = 1;
+    for (int step = 0; step < 3000; ++step) {
+        const auto dice = chance() % 10;
+        if (dice < 4) {
+            add("report", added++);
+        } else if (dice < 9) {
+            backend().masterControl(messages[chance() % messages.size()]);
+        } else {
+            answer = chance() % 2 == 0 ? 0 : -28;
+        }
+    }
+    answer = 0;
+    EXPECT_TRUE(awaits([&] {
+        backend().masterControl(control());
+        return m_control.waitingReports() == 0 &&
+               growth.of("reports.sent") ==
+                   growth.of("reports.acknowledged") + growth.of("reports.overtaken");
+    })) << "each report that was sent is acknowledged, or a later one was sent before that";
+
+    const auto dropped = growth.of("queue.shipping.dropped");
+    EXPECT_EQ(growth.of("reports.queued"), added - dropped);
+    EXPECT_EQ(growth.of("reports.queued"),
+              growth.of("reports.sent") + growth.of("reports.failed") + growth.of("reports.discarded"));
+    const auto envelopes = backend().envelopes();
+    ASSERT_EQ(envelopes.size(), answers.size());
+    std::uint64_t taken = 0;
+    std::set<int> arrived;
+    for (std::size_t i = 0; i < envelopes.size(); ++i) {
+        if (answers[i] == 0) {
+            ++taken;
+            arrived.insert(reportIn(envelopes[i])["sequenceNumber"].asInt());
+        }
+    }
+    EXPECT_EQ(taken, growth.of("reports.sent") + growth.of("reports.resent"));
+    EXPECT_EQ(envelopes.size() - taken, growth.of("reports.failed") + growth.of("reports.resendFailed"));
+    EXPECT_EQ(arrived.size(), growth.of("reports.sent"));
+    EXPECT_EQ(added - arrived.size(), growth.of("reports.failed") + growth.of("reports.discarded") + dropped)
+        << "what never arrived was counted where it was lost, once";
 }
 
 /// Report control and others add, the thread makes first sends, the backend's thread answers: each report

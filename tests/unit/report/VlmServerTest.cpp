@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +15,7 @@
 #include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Together.h"
 
 namespace {
 
@@ -79,6 +81,26 @@ TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce
     const std::lock_guard<std::mutex> lock(m_calls->mutex);
     EXPECT_THAT(m_calls->statuses, ElementsAre(orxStatus::SendNext, orxStatus::SendNext));
     EXPECT_THAT(m_calls->threads, testing::Not(testing::Contains(std::this_thread::get_id())));
+}
+
+TEST_F(BackendLink, NeverLooksOpenBetweenTwoMessagesThatCloseIt) {
+    kyo::Log::setReportingLevel(0);  // which leaves little but the instant in question
+    std::atomic<bool> done{false};
+    std::atomic<int> seenOpen{0};
+    vlmTest::Together observers(2, [&](int) {
+        while (!done) {
+            seenOpen += !m_server.isBlocked() ? 1 : 0;
+        }
+    });
+    const auto undelivered = control(1, 0);
+    const auto closed = control(0, 3);
+    for (int i = 0; i < 40000; ++i) {
+        m_server.handleMasterControlCallBack(undelivered);
+        m_server.handleMasterControlCallBack(closed);
+    }
+    done = true;
+    observers.join();
+    EXPECT_EQ(seenOpen, 0);
 }
 
 TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
