@@ -174,7 +174,7 @@ void DirectoryTransport::start() {
                                   << m_configuration.string());
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_probing = true;
-    m_callbacks.post([this] { probe(); });
+    m_callbacks.postDuty([this] { probe(); });
 }
 
 std::int32_t DirectoryTransport::send(const Json::Value& envelope) {
@@ -195,7 +195,7 @@ std::int32_t DirectoryTransport::send(const Json::Value& envelope) {
     }
     sent.add();
     noteSuccess();
-    deliverMasterControl(opening());
+    deliverOwnMasterControl(opening());
     return 0;
 }
 
@@ -219,7 +219,7 @@ void DirectoryTransport::probe() {
     }
     noteSuccess();
     m_opened = true;
-    deliverMasterControl(opening());
+    deliverOwnMasterControl(opening());
 }
 
 void DirectoryTransport::noteFailure(int error, const char* doing, std::size_t bytes) {
@@ -231,7 +231,7 @@ void DirectoryTransport::noteFailure(int error, const char* doing, std::size_t b
     }
     if (!m_probing) {
         m_probing = true;
-        m_callbacks.post([this] { probe(); }, kProbePeriod);
+        m_callbacks.postDuty([this] { probe(); }, kProbePeriod);
     }
 }
 

@@ -246,7 +246,7 @@ void MqttTransport::repeatOpening(int result, std::chrono::milliseconds delay) {
     }
     Json::Value message = last;
     message["dataDeliveryResult"] = result;
-    deliverMasterControl(std::move(message), delay);
+    deliverOwnMasterControl(std::move(message), delay);
 }
 
 }  // namespace kyo::orx

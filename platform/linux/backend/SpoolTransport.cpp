@@ -149,7 +149,7 @@ std::int32_t SpoolTransport::send(const Json::Value& envelope) {
 void SpoolTransport::answer() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_isPending = false;
-    deliverMasterControl(masterControl(m_control.ticket, m_control.permitted, 0, 0));
+    deliverOwnMasterControl(masterControl(m_control.ticket, m_control.permitted, 0, 0));
 }
 
 void SpoolTransport::logDiskTrouble(const std::string& cause) {
@@ -312,7 +312,7 @@ void SpoolTransport::openSpool(Clock::time_point now) {
             m_forwarder.setNamed(remembered->namesEnvelopes);
             if (!m_control.permitted.empty()) {
                 m_hasSpoken = true;
-                deliverMasterControl(masterControl(m_control.ticket, m_control.permitted, 0, 0));
+                deliverOwnMasterControl(masterControl(m_control.ticket, m_control.permitted, 0, 0));
             }
         }
     }

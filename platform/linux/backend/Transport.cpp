@@ -17,20 +17,29 @@ Json::Value masterControl(const std::string& ticket, const std::vector<std::stri
     return message;
 }
 
-void Transport::deliverMasterControl(Json::Value message, std::chrono::milliseconds delay) {
-    m_callbacks.post(
-        [this, message = std::move(message)] {
-            if (m_onMasterControl) {
-                m_onMasterControl(message);
+void Transport::deliverMasterControl(Json::Value message) {
+    m_callbacks.post([this, message = std::move(message)]() mutable {
+        if (m_onMasterControl) {
+            m_onMasterControl(std::move(message));
+        }
+    });
+}
+
+void Transport::deliverOwnMasterControl(Json::Value message, std::chrono::milliseconds delay,
+                                        std::function<bool()> isValid) {
+    m_callbacks.postDuty(
+        [this, message = std::move(message), isValid = std::move(isValid)]() mutable {
+            if (m_onMasterControl && (!isValid || isValid())) {
+                m_onMasterControl(std::move(message));
             }
         },
         delay);
 }
 
 void Transport::deliverConfigResponse(Json::Value answer) {
-    m_callbacks.post([this, answer = std::move(answer)] {
+    m_callbacks.post([this, answer = std::move(answer)]() mutable {
         if (m_onConfigResponse) {
-            m_onConfigResponse(answer);
+            m_onConfigResponse(std::move(answer));
         }
     });
 }

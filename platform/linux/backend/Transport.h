@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -45,7 +46,12 @@ class Transport {
   protected:
     Transport() = default;
 
-    void deliverMasterControl(Json::Value message, std::chrono::milliseconds delay = {});
+    /// A message of the backend: dropped and counted when too many wait.
+    void deliverMasterControl(Json::Value message);
+    /// One that the client composes, and that is never dropped. After `delay`, `isValid` says on the callback
+    /// thread whether it is still to be delivered.
+    void deliverOwnMasterControl(Json::Value message, std::chrono::milliseconds delay = {},
+                                 std::function<bool()> isValid = nullptr);
     void deliverConfigResponse(Json::Value answer);
 
     /// A derived class stops it first in its destructor, as posted work uses the derived object.

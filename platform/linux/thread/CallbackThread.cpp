@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <exception>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <string>
@@ -37,12 +38,20 @@ CallbackThread::~CallbackThread() {
 }
 
 bool CallbackThread::post(std::function<void()> work, std::chrono::milliseconds delay) {
+    return put(std::move(work), delay, kLimit);
+}
+
+void CallbackThread::postDuty(std::function<void()> work, std::chrono::milliseconds delay) {
+    put(std::move(work), delay, std::numeric_limits<std::size_t>::max());
+}
+
+bool CallbackThread::put(std::function<void()> work, std::chrono::milliseconds delay, std::size_t limit) {
     static Counter& dropped = Status::counter("orx.callbacks.dropped");
     const std::lock_guard<std::mutex> lock(m_state->mutex);
     if (m_state->stopping) {
         return false;
     }
-    if (m_state->waiting.size() >= kLimit) {
+    if (m_state->waiting.size() >= limit) {
         dropped.add();
         return false;
     }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -154,6 +155,28 @@ TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMadeAndWritesIntoPlainFilesO
 
     std::filesystem::create_directory(m_file);
     EXPECT_EQ(Backend(m_folder.path()).transport.send(envelope("1")), -EISDIR);
+}
+
+TEST_F(DirectoryBackend, TriesTheFolderAgainThoughNoFurtherCallbackWasTakenWhenItFailed) {
+    std::mutex gate;
+    std::atomic<int> controls{0};
+    DirectoryTransport transport({m_folder.path(), "collector.json"}, {"Catalog 1", {"TypeA"}});
+    transport.setMasterControlCallback([&](kyo::Json::Value) { ++controls; });
+    transport.setConfigResponseCallback(
+        [&](kyo::Json::Value) { const std::lock_guard<std::mutex> wait(gate); });
+    transport.start();
+    ASSERT_TRUE(eventually([&] { return controls == 1; }));
+    {
+        const std::lock_guard<std::mutex> closed(gate);
+        while (transport.requestConfiguration() == 0) {
+        }
+        std::filesystem::remove(m_file);
+        std::filesystem::create_directory(m_file);
+        EXPECT_EQ(transport.send(envelope("1")), -EISDIR);
+    }
+    std::filesystem::remove(m_file);
+    EXPECT_TRUE(eventually([&] { return controls == 2; }));
+    EXPECT_EQ(transport.send(envelope("1")), 0);
 }
 
 TEST(CallbackThreadTest, KeepsOrderSurvivesExceptionsAndForgetsWhatWaitsWhenStopped) {
