@@ -8,6 +8,7 @@
 
 #include "base/VlmLog.h"
 #include "json/FieldReader.h"
+#include "json/TextLimits.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 
@@ -16,6 +17,8 @@ namespace vlmProd {
 namespace {
 
 constexpr int kRetryMs = 660000;
+/// Of a collector configuration: some ten times one that collects everything.
+constexpr TextLimits kConfiguration{64u << 20, 64, 100'000};
 
 }  // namespace
 
@@ -93,7 +96,9 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
         const std::string decoded(bytes.begin(), bytes.end());
         VLM_LOG(5, "De-coded string = " << decoded);
         kyo::Json::Reader json;
-        if (!json.parse(decoded, configuration, false)) {
+        if (std::string fault; !isWithin(kConfiguration, decoded, fault)) {
+            reason = "[0].recordBody: " + fault;
+        } else if (!json.parse(decoded, configuration, false)) {
             reason = "[0].recordBody is not JSON: " + json.getFormattedErrorMessages();
         }
     } catch (const std::exception& error) {

@@ -31,7 +31,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     int least = 0;
     if (kind == 'f') {
         std::string error;
-        answer = kyo::orx::readConfigurationAnswer(vlmFuzz::fileWith(text), error);
+        answer = kyo::orx::readConfigurationAnswer(vlmFuzz::fileWith(text), 8u << 20, error);
         least = vlmFuzz::parse(text, document) ? 1 : 0;
     } else if (kind == 'b') {
         Value record(kyo::Json::objectValue);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "backend/Transport.h"
+#include "machine/Manifest.h"
 #include "tests/support/Eventually.h"
 
 namespace vlmTest {
@@ -50,6 +51,13 @@ class TransportClient {
     std::vector<kyo::Json::Value> m_controls;
     std::vector<kyo::Json::Value> m_answers;
 };
+
+/// A backend behind that broker.
+inline machine::BackendSettings behind(const machine::MqttBackend& broker) {
+    machine::BackendSettings settings;
+    settings.mqtt = broker;
+    return settings;
+}
 
 /// An envelope of about `size` bytes.
 inline kyo::Json::Value envelope(const std::string& id, std::size_t size = 0) {

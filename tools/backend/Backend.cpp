@@ -23,6 +23,7 @@ using vlmProd::textOf;
 namespace {
 
 constexpr std::size_t kRecentIds = 1000;
+constexpr std::uint64_t kMostBytes = 64u << 20;  // the most that a vehicle's manifest can allow
 
 /// What stands before the suffix, if the topic has it.
 std::optional<std::string> prefixOf(const std::string& topic, const std::string& suffix) {
@@ -167,7 +168,7 @@ std::vector<Outgoing> Backend::onRequest(const std::string& prefix) {
         return {};
     }
     std::string error;
-    const Value answer = kyo::orx::readConfigurationAnswer(m_settings.configuration, error);
+    const Value answer = kyo::orx::readConfigurationAnswer(m_settings.configuration, kMostBytes, error);
     m_print(prefix + " asks for a configuration: " +
             (error.empty() ? textOf(answer[0]["recordId"]) : "an empty answer, as " + error));
     return {{prefix + "/config/response", compactText(answer), {}, std::nullopt}};

@@ -13,19 +13,18 @@
 
 namespace kyo::orx {
 
-namespace {
-
-constexpr std::uintmax_t kLargest = 64u << 20;
-
-}  // namespace
-
-Json::Value readConfigurationAnswer(const std::filesystem::path& file, std::string& error) {
+Json::Value readConfigurationAnswer(const std::filesystem::path& file, std::uint64_t mostBytes,
+                                    std::string& error) {
     Json::Value answer(Json::arrayValue);
     error.clear();
     std::error_code code;
     const std::uintmax_t size = std::filesystem::file_size(file, code);
-    if (code || size > kLargest) {
-        error = file.string() + " cannot be read: " + (code ? code.message() : "it is larger than 64 MiB");
+    if (code || size / 3 * 4 > mostBytes) {
+        error =
+            file.string() + " cannot be read: " +
+            (code ? code.message()
+                  : std::to_string(size) + " bytes in base64 are more than backend.maxConfigurationBytes (" +
+                        std::to_string(mostBytes) + ")");
         return answer;
     }
     std::ifstream in(file, std::ios::binary);

@@ -150,11 +150,13 @@ int tryAppending(const std::filesystem::path& file, std::size_t bytes) {
 
 }  // namespace
 
-DirectoryTransport::DirectoryTransport(machine::DirectoryBackend settings, Presence presence)
+DirectoryTransport::DirectoryTransport(machine::DirectoryBackend settings, Presence presence,
+                                       machine::MessageLimits limits)
     : m_folder(settings.path),
       m_envelopes(m_folder / "envelopes.jsonl"),
       m_configuration(m_folder / settings.configuration),  // an absolute path stays as it is
-      m_presence(std::move(presence)) {
+      m_presence(std::move(presence)),
+      m_limits(limits) {
     // A file at its limit of size is an error of the write, not the end of the process.
     std::signal(SIGXFSZ, SIG_IGN);
 }
@@ -245,7 +247,7 @@ void DirectoryTransport::noteSuccess() {
 
 Json::Value DirectoryTransport::readConfiguration() const {
     std::string error;
-    Json::Value answer = readConfigurationAnswer(m_configuration, error);
+    Json::Value answer = readConfigurationAnswer(m_configuration, m_limits.configurationBytes, error);
     if (!error.empty()) {
         KYO_LOG(3, "Collector configuration " << error);
     }

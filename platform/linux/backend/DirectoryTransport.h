@@ -18,7 +18,8 @@ namespace kyo::orx {
 /// A line is whole or not there: what a failed write or a crash left is cut off.
 class DirectoryTransport : public Transport {
   public:
-    DirectoryTransport(machine::DirectoryBackend settings, Presence presence);
+    DirectoryTransport(machine::DirectoryBackend settings, Presence presence,
+                       machine::MessageLimits limits = {});
     ~DirectoryTransport() override;
 
     void start() override;
@@ -39,6 +40,7 @@ class DirectoryTransport : public Transport {
     const std::filesystem::path m_envelopes;
     const std::filesystem::path m_configuration;
     const Presence m_presence;
+    const machine::MessageLimits m_limits;
 
     std::mutex m_mutex;             ///< one writer at a time; guards what follows
     std::string m_failure;          ///< the cause that was told last; empty while the folder can be written

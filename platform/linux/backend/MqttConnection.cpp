@@ -34,7 +34,8 @@ using std::chrono::milliseconds;
 constexpr int kQos = 1;
 constexpr milliseconds kStopLimit{2000};
 constexpr milliseconds kDrainLimit{500};
-constexpr int kPollMs = 500;  // how late the library's own time-outs may be seen
+constexpr std::size_t kPacketOverhead = 65'536;  // header, topic and properties beside a message
+constexpr int kPollMs = 500;                     // how late the library's own time-outs may be seen
 
 void initialiseLibrary() {
     static std::once_flag once;
@@ -109,12 +110,14 @@ using Client = std::unique_ptr<mosquitto, ClientDeleter>;
 }  // namespace
 
 struct MqttConnection::State {
-    State(machine::MqttBackend s, std::string id, std::vector<std::string> topics, Will w, Handlers h)
+    State(machine::MqttBackend s, std::string id, std::vector<std::string> topics, Will w, Handlers h,
+          std::size_t largest)
         : settings(std::move(s)),
           clientId(std::move(id)),
           subscriptions(std::move(topics)),
           will(std::move(w)),
-          handlers(std::move(h)) {}
+          handlers(std::move(h)),
+          largestMessage(largest) {}
     ~State() { client.reset(); }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
@@ -146,7 +149,8 @@ struct MqttConnection::State {
     const std::vector<std::string> subscriptions;
     const Will will;
     const Handlers handlers;
-    const WakeFd wakeUp;  ///< something to send, or stopping
+    const std::size_t largestMessage;  ///< that the handler gets; 0: no limit
+    const WakeFd wakeUp;               ///< something to send, or stopping
 
     mutable std::mutex mutex;
     // Guarded by the mutex; the client is replaced by the network thread only, which may use it without.
@@ -173,9 +177,10 @@ struct MqttConnection::State {
 };
 
 MqttConnection::MqttConnection(machine::MqttBackend settings, std::string clientId,
-                               std::vector<std::string> subscriptions, Will will, Handlers handlers)
+                               std::vector<std::string> subscriptions, Will will, Handlers handlers,
+                               std::size_t largestMessage)
     : m_state(std::make_shared<State>(std::move(settings), std::move(clientId), std::move(subscriptions),
-                                      std::move(will), std::move(handlers))) {
+                                      std::move(will), std::move(handlers), largestMessage)) {
     initialiseLibrary();
 }
 
@@ -315,10 +320,16 @@ bool MqttConnection::State::makeClient(std::string& error) {
     mosquitto_message_v5_callback_set(raw, [](mosquitto*, void* object, const mosquitto_message* message,
                                               const mosquitto_property* properties) {
         State& state = of(object);
-        if (!state.stopping) {
+        const auto size = static_cast<std::size_t>(message->payloadlen);
+        if (state.largestMessage != 0 && size > state.largestMessage) {
+            static Counter& refused = Status::counter("orx.refused");
+            refused.add();
+            state.handlers.say(3, std::string(message->topic) + ": refused, at most " +
+                                      std::to_string(state.largestMessage) + " bytes are expected, found " +
+                                      std::to_string(size));
+        } else if (!state.stopping) {
             state.handlers.message(message->topic + suffixOf(properties),
-                                   std::string(static_cast<const char*>(message->payload),
-                                               static_cast<std::size_t>(message->payloadlen)),
+                                   std::string(static_cast<const char*>(message->payload), size),
                                    message->retain);
         }
     });
@@ -522,8 +533,18 @@ int MqttConnection::State::connectOnce() {
     libraryError.clear();
     refusal.clear();
     errno = 0;
-    return mosquitto_connect(client.get(), settings.host.c_str(), settings.port,
-                             static_cast<int>(settings.keepAliveSeconds));
+    mosquitto_property* properties = nullptr;
+    if (largestMessage != 0 && protocol == MQTT_PROTOCOL_V5) {
+        mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE,
+                                     static_cast<std::uint32_t>(largestMessage + kPacketOverhead));
+    }
+    const int result =
+        mosquitto_connect_bind_v5(client.get(), settings.host.c_str(), settings.port,
+                                  static_cast<int>(settings.keepAliveSeconds), nullptr, properties);
+    const int systemError = errno;
+    mosquitto_property_free_all(&properties);
+    errno = systemError;
+    return result;
 }
 
 /// Serves the connection until it ends. The library's code.

@@ -63,9 +63,12 @@ class MqttConnection {
     static constexpr std::int32_t kFailed = -1003;     ///< libmosquitto refused it
     static constexpr std::int32_t kNotConnected = -1004;
 
-    /// `will` may have an empty topic: none. Nothing happens before start().
+    /// `will` may have an empty topic: none. A message of more than `largestMessage` bytes is refused and
+    /// counted in "orx.refused", and an MQTT 5 broker is asked to send none; 0: no limit. Nothing happens
+    /// before start().
     MqttConnection(machine::MqttBackend settings, std::string clientId,
-                   std::vector<std::string> subscriptions, Will will, Handlers handlers);
+                   std::vector<std::string> subscriptions, Will will, Handlers handlers,
+                   std::size_t largestMessage = 0);
     /// As stop().
     ~MqttConnection();
     MqttConnection(const MqttConnection&) = delete;

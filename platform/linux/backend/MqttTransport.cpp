@@ -6,12 +6,17 @@
 #include <algorithm>
 #include <utility>
 
+#include "json/TextLimits.h"
 #include "kyo/Status.h"
 #include "log/PlatformLog.h"
 
 namespace kyo::orx {
 
 namespace {
+
+// More than any message of a backend needs. What a configuration answer contains is one text here.
+constexpr std::size_t kMostLevels = 32;
+constexpr std::size_t kMostValues = 1000;
 
 constexpr std::chrono::milliseconds kFirstPatience{200};
 constexpr std::chrono::milliseconds kLongestPatience{600000};
@@ -58,22 +63,22 @@ Json::Value presenceMessage(const Presence& presence, const char* state) {
     return message;
 }
 
-MqttTransport::MqttTransport(machine::MqttBackend settings, machine::Compression compression,
-                             Presence presence, Hooks hooks)
+MqttTransport::MqttTransport(const machine::BackendSettings& settings, Presence presence, Hooks hooks)
     : m_presence(std::move(presence)),
-      m_prefix(topicPrefix(settings)),
+      m_prefix(topicPrefix(settings.mqtt)),
+      m_limits(settings.limits),
       m_hooks(std::move(hooks)),
-      m_compressor(makeCompressor(compression)),
+      m_compressor(makeCompressor(settings.compression)),
       m_patience(kFirstPatience),
-      m_connection(settings, clientIdOf(m_prefix),
-                   {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
-                   {m_prefix + "/status", Json::FastWriter().write(presenceMessage(m_presence, "offline"))},
-                   {[this] { onConnected(); },
-                    [this](const std::string& topic, const std::string& payload, bool retained) {
-                        onMessage(topic, payload, retained);
-                    },
-                    [this](int kind, int reason) { onSettled(kind, reason); }, logLine, m_hooks.settled,
-                    m_hooks.lost}) {}
+      m_connection(
+          settings.mqtt, clientIdOf(m_prefix), {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
+          {m_prefix + "/status", Json::FastWriter().write(presenceMessage(m_presence, "offline"))},
+          {[this] { onConnected(); },
+           [this](const std::string& topic, const std::string& payload, bool retained) {
+               onMessage(topic, payload, retained);
+           },
+           [this](int kind, int reason) { onSettled(kind, reason); }, logLine, m_hooks.settled, m_hooks.lost},
+          std::max(m_limits.masterControlBytes, m_limits.configurationBytes)) {}
 
 MqttTransport::~MqttTransport() {
     stop();
@@ -177,6 +182,14 @@ void MqttTransport::onMessage(const std::string& topic, const std::string& paylo
         KYO_LOG(3, topic << ": ignored, as it was retained and so may be of another time");
         return;
     }
+    const bool isControl = topic == m_prefix + "/mastercontrol";
+    const std::size_t mostBytes = isControl ? m_limits.masterControlBytes : m_limits.configurationBytes;
+    if (std::string fault; !vlmProd::isWithin({mostBytes, kMostLevels, kMostValues}, payload, fault)) {
+        static Counter& refused = Status::counter("orx.refused");
+        refused.add();
+        KYO_LOG(3, topic << ": refused, " << fault);
+        return;
+    }
     Json::Reader reader;
     Json::Value content;
     if (!reader.parse(payload, content, false)) {
@@ -184,7 +197,7 @@ void MqttTransport::onMessage(const std::string& topic, const std::string& paylo
         KYO_LOG(3, topic << ": ignored, as it is not JSON: " << reader.getFormattedErrorMessages());
         return;
     }
-    if (topic == m_prefix + "/mastercontrol") {
+    if (isControl) {
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_lastControl = content;

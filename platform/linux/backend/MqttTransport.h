@@ -34,8 +34,7 @@ class MqttTransport : public Transport {
         std::function<void(std::uint64_t number, int reason)> settled;
     };
 
-    MqttTransport(machine::MqttBackend settings, machine::Compression compression, Presence presence,
-                  Hooks hooks = {});
+    MqttTransport(const machine::BackendSettings& settings, Presence presence, Hooks hooks = {});
     ~MqttTransport() override;
 
     void start() override;
@@ -62,6 +61,7 @@ class MqttTransport : public Transport {
     // Set once.
     const Presence m_presence;
     const std::string m_prefix;
+    const machine::MessageLimits m_limits;
     const Hooks m_hooks;
 
     std::mutex m_compressorMutex;

@@ -18,12 +18,13 @@ std::unique_ptr<orx::Transport> makeTransport(orx::Presence presence) {
         return std::make_unique<orx::SpoolTransport>(settings, std::move(presence));
     }
     if (settings.transport == "mqtt") {
-        return std::make_unique<orx::MqttTransport>(settings.mqtt, settings.compression, std::move(presence));
+        return std::make_unique<orx::MqttTransport>(settings, std::move(presence));
     }
     if (settings.spool) {
         KYO_LOG(3, "backend.spool is not used: the folder backend keeps envelopes by itself");
     }
-    return std::make_unique<orx::DirectoryTransport>(settings.directory, std::move(presence));
+    return std::make_unique<orx::DirectoryTransport>(settings.directory, std::move(presence),
+                                                     settings.limits);
 }
 
 }  // namespace

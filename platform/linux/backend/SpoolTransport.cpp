@@ -63,8 +63,7 @@ SpoolTransport::SpoolTransport(const machine::BackendSettings& settings, Presenc
                       settings.remember.afterSeconds
                           ? std::optional(std::chrono::seconds(*settings.remember.afterSeconds))
                           : std::nullopt),
-      m_link(std::make_unique<MqttTransport>(settings.mqtt, settings.compression, std::move(presence),
-                                             hooks())) {}
+      m_link(std::make_unique<MqttTransport>(settings, std::move(presence), hooks())) {}
 
 SpoolTransport::~SpoolTransport() {
     m_link->stop();

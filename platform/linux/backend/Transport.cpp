@@ -2,7 +2,15 @@
 
 #include <utility>
 
+#include "kyo/Status.h"
+
 namespace kyo::orx {
+
+namespace {
+
+constexpr int kMostAnswersWaiting = 8;
+
+}  // namespace
 
 Json::Value masterControl(const std::string& ticket, const std::vector<std::string>& permitted, int control,
                           int result) {
@@ -37,11 +45,21 @@ void Transport::deliverOwnMasterControl(Json::Value message, std::chrono::millis
 }
 
 void Transport::deliverConfigResponse(Json::Value answer) {
-    m_callbacks.post([this, answer = std::move(answer)]() mutable {
+    static Counter& dropped = Status::counter("orx.callbacks.dropped");
+    if (m_answersWaiting >= kMostAnswersWaiting) {
+        dropped.add();
+        return;
+    }
+    ++m_answersWaiting;
+    const bool isPosted = m_callbacks.post([this, answer = std::move(answer)]() mutable {
+        --m_answersWaiting;
         if (m_onConfigResponse) {
             m_onConfigResponse(std::move(answer));
         }
     });
+    if (!isPosted) {
+        --m_answersWaiting;
+    }
 }
 
 }  // namespace kyo::orx

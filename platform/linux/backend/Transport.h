@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -52,12 +53,15 @@ class Transport {
     /// thread whether it is still to be delivered.
     void deliverOwnMasterControl(Json::Value message, std::chrono::milliseconds delay = {},
                                  std::function<bool()> isValid = nullptr);
+    /// Dropped and counted, too, when several wait: an answer may be large.
     void deliverConfigResponse(Json::Value answer);
 
     /// A derived class stops it first in its destructor, as posted work uses the derived object.
     CallbackThread m_callbacks;
 
   private:
+    std::atomic<int> m_answersWaiting{0};
+
     // Set once, before start().
     JsonCallback m_onMasterControl;
     JsonCallback m_onConfigResponse;

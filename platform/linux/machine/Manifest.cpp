@@ -136,6 +136,8 @@ void read(const Field& backend, BackendSettings& out) {
         return text == "directory" || text == "mqtt";
     };
     readChecked(backend["transport"], out.transport, isTransport, "\"directory\" or \"mqtt\"");
+    backend["maxMasterControlBytes"].number(out.limits.masterControlBytes, 1024, 1u << 26);
+    backend["maxConfigurationBytes"].number(out.limits.configurationBytes, 1024, 1u << 26);
     const Field directory = backend["directory"];
     readChecked(directory["path"], out.directory.path, isFilled, "the path of a folder");
     readChecked(directory["configuration"], out.directory.configuration, isFilled, "the path of a file");

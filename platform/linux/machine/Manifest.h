@@ -66,6 +66,12 @@ struct MqttBackend {
     std::string keyFile;
 };
 
+/// How long a message of the backend may be; a longer one is refused before it is read.
+struct MessageLimits {
+    std::uint32_t masterControlBytes = 64u << 10;
+    std::uint32_t configurationBytes = 8u << 20;  ///< of an answer, whose body is base64
+};
+
 struct SpoolBackend {
     std::string path = "vlm-spool";           ///< folder; made when missing
     std::uint64_t maxBytes = 512u << 20;      ///< of all that is in it
@@ -87,6 +93,7 @@ struct RememberBackend {
 
 struct BackendSettings {
     std::string transport = "directory";  ///< "directory" or "mqtt"
+    MessageLimits limits;
     DirectoryBackend directory;
     MqttBackend mqtt;
     std::optional<SpoolBackend> spool;  ///< none: what waits for the broker waits in memory

@@ -52,11 +52,11 @@ class Listener {
     std::uint16_t m_port = 0;
 };
 
-machine::MqttBackend settingsFor(const Listener& listener) {
-    machine::MqttBackend settings;
-    settings.port = listener.port();
-    settings.prefix = "test/old";
-    settings.reconnectMaxSeconds = 1;
+machine::BackendSettings settingsFor(const Listener& listener) {
+    machine::BackendSettings settings;
+    settings.mqtt.port = listener.port();
+    settings.mqtt.prefix = "test/old";
+    settings.mqtt.reconnectMaxSeconds = 1;
     return settings;
 }
 
@@ -69,7 +69,7 @@ int protocolLevel(const std::string& packet) {
 TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     LogCapture log;
     const Listener listener;
-    MqttTransport transport(settingsFor(listener), {}, {"Catalog 1", {}});
+    MqttTransport transport(settingsFor(listener), {"Catalog 1", {}});
     transport.start();
 
     const int first = listener.accept();
@@ -97,8 +97,8 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
 
 TEST(SilentBroker, DoesNotDelayTheEnd) {
     const Listener listener;
-    auto transport = std::make_unique<MqttTransport>(settingsFor(listener), machine::Compression{},
-                                                     kyo::orx::Presence{"Catalog 1", {}});
+    auto transport =
+        std::make_unique<MqttTransport>(settingsFor(listener), kyo::orx::Presence{"Catalog 1", {}});
     transport->start();
     const int connection = listener.accept();
     ASSERT_GE(connection, 0);

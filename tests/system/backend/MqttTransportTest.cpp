@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,6 +13,7 @@
 #include "Processes.h"
 #include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
+#include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"
@@ -79,7 +81,7 @@ class Observer {
 class Vehicle : public vlmTest::TransportClient {
   public:
     explicit Vehicle(const machine::MqttBackend& settings)
-        : m_transport(std::make_unique<MqttTransport>(settings, machine::Compression{},
+        : m_transport(std::make_unique<MqttTransport>(vlmTest::behind(settings),
                                                       kyo::orx::Presence{"Catalog 1", {"TypeA", "TypeB"}})) {
         listenTo(*m_transport);
         m_transport->start();
@@ -202,6 +204,56 @@ TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelFo
         EXPECT_EQ(vehicle.transport().send(envelope("small")), 0);
         EXPECT_TRUE(backend.awaits("test/vehicle/data", 1));
     }
+}
+
+/// The most memory that the process has had since the last call, in KiB.
+std::size_t peakSinceLastCall() {
+    std::size_t peak = 0;
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            peak = std::stoul(line.substr(6));
+        }
+    }
+    std::ofstream("/proc/self/clear_refs") << '5';
+    return peak;
+}
+
+TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
+    const vlmTest::TemporaryFolder folder;
+    Broker broker(m_port);
+    Vehicle vehicle(m_settings);
+    Observer backend(m_settings, {"test/vehicle/status"});
+    ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
+    std::string nested;
+    while (nested.size() < 3'000'000) {
+        nested += "[[[],[]],[[]]],";
+    }
+    const auto publish = [&](const std::string& topic, const std::string& message) {
+        const std::string file = folder.write("message", message);
+        return vlmTest::ChildProcess({"mosquitto_pub", "-p", std::to_string(m_port), "-q", "1", "-t",
+                                      "test/vehicle/" + topic, "-f", file})
+                   .wait() == 0;
+    };
+    const std::string control = R"({"ignored":[)" + nested + "[]]," + text(kOpening).substr(1);
+    const std::string answer =
+        R"([{"ignored":[)" + nested + nested + R"([]],"recordId":"r","recordBody":"e30="}])";
+    const std::string tooLong = R"([{"ignored":[)" + nested + nested + nested + nested + "[]]}]";
+    const auto refused = kyo::Status::counter("orx.refused").value();
+    const std::size_t before = (peakSinceLastCall(), peakSinceLastCall());
+    ASSERT_TRUE(publish("mastercontrol", control));
+    EXPECT_TRUE(
+        m_log.waitFor("test/vehicle/mastercontrol: refused, at most 65536 bytes are expected, found"));
+    ASSERT_TRUE(publish("config/response", answer));
+    EXPECT_TRUE(m_log.waitFor("test/vehicle/config/response: refused, at most 1000 values are expected"));
+    ASSERT_TRUE(publish("config/response", tooLong))
+        << "which the broker keeps, as this side has asked it to";
+    backend.say("test/vehicle/mastercontrol", text(kOpening));
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    const std::size_t moved = peakSinceLastCall() - before;
+    EXPECT_LT(moved, 32u << 10);
+    EXPECT_EQ(kyo::Status::counter("orx.refused").value() - refused, 2u);
+    EXPECT_EQ(vehicle.answers().size(), 0u);
 }
 
 TEST_F(MqttBackendTest, LogsAWrongPasswordOnceAndConnectsWhenItIsRight) {

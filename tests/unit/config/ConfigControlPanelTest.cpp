@@ -97,6 +97,15 @@ TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
     EXPECT_TRUE(m_handedOver.empty());
 }
 
+TEST_F(ConfigAnswer, IsRefusedBeforeAHostileBodyTakesFiftyTimesItsSizeInMemory) {
+    m_log.clear();
+    m_panel->ConfigResponseCallback(record("a", base64('[' + std::string(200'000, ',') + ']')));
+    m_panel->ConfigResponseCallback(record("a", base64(std::string(900, '['))));
+    EXPECT_TRUE(m_log.has(3, "[0].recordBody: at most 100000 values are expected, exceeded at offset 99999"));
+    EXPECT_TRUE(m_log.has(3, "[0].recordBody: at most 64 levels are expected, exceeded at offset 64"));
+    EXPECT_TRUE(m_handedOver.empty());
+}
+
 TEST_F(ConfigAnswer, EndsTheRetryWithAnyAnswerButAnEmptyOne) {
     m_panel->executeConfigRetry();  // no request function yet
     int asked = 0;

@@ -179,6 +179,14 @@ TEST_F(DirectoryBackend, TriesTheFolderAgainThoughNoFurtherCallbackWasTakenWhenI
     EXPECT_EQ(transport.send(envelope("1")), 0);
 }
 
+TEST_F(DirectoryBackend, AnswersWithNoConfigurationBeyondTheLimit) {
+    m_folder.write("collector.json", std::string(2000, ' '));
+    DirectoryTransport transport({m_folder.path(), "collector.json"}, {"Catalog 1", {"TypeA"}}, {1024, 2048});
+    transport.start();
+    EXPECT_EQ(transport.requestConfiguration(), 0);
+    EXPECT_TRUE(m_log.waitFor("2000 bytes in base64 are more than backend.maxConfigurationBytes (2048)"));
+}
+
 TEST(CallbackThreadTest, KeepsOrderSurvivesExceptionsAndForgetsWhatWaitsWhenStopped) {
     LogCapture log;
     CallbackThread callbacks;

@@ -94,6 +94,8 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"backend": {"remember": {"afterSeconds": -1}}})",
          "backend.remember.afterSeconds: a number from 0"},
         {R"({"backend": {"mqtt": {"host": ""}}})", "backend.mqtt.host: a host name"},
+        {R"({"backend": {"maxMasterControlBytes": 10}})",
+         "backend.maxMasterControlBytes: a number from 1024"},
         {R"({"backend": {"mqtt": {"prefix": "vlm/#"}}})", "backend.mqtt.prefix: a topic"},
         {R"({"backend": {"mqtt": {"reconnectMinSeconds": 60}}})",
          "backend.mqtt.reconnectMinSeconds: no more than"},
