@@ -14,6 +14,7 @@
 
 #include "ac/com/runtime/component.h"
 #include "app/CounterLog.h"
+#include "app/ProcessEnd.h"
 #include "app/RunningState.h"
 #include "app/StopSignals.h"
 #include "app/VLMConfig.h"
@@ -209,6 +210,7 @@ std::string reason() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    skipDestructorsAtExit();
     blockStopSignals();
     std::unique_ptr<ara::stm::ComponentClient> componentClient;  // declared first, so it is destroyed last
     ::setenv("APP_INSTANCE_ID", kApplicationName, 1);
@@ -237,6 +239,9 @@ int main(int argc, char** argv) {
     } catch (...) {
         VLM_LOG_PLAIN_AS(3, kMain, "Start-up ends: " << reason());
         VLM_LOG_PLAIN_AS(5, kMain, "Unknown exception");
+    }
+    if (const std::size_t waiting = VlmDataSubmissionControl::getInstance()->waitingReports(); waiting > 0) {
+        VLM_LOG_PLAIN_AS(3, kMain, waiting << " reports in the shipping queue are lost with the process");
     }
     VLM_LOG_PLAIN_AS(5, kMain, "Exiting from main");
     heartBeat.reset();

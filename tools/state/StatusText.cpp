@@ -69,9 +69,9 @@ Values flatten(const Value& snapshot) {
 
 bool countsLoss(const std::string& name) {
     // Without "orx.failed" and "reports.resendFailed", which count attempts.
-    constexpr std::array<std::string_view, 7> kOthers{
-        "someip.kernelDropped", "someip.malformed", "someip.truncated", "someip.sd.malformed",
-        "threads.failed",       "reports.failed",   "reports.discarded"};
+    constexpr std::array<std::string_view, 8> kOthers{
+        "someip.kernelDropped", "someip.malformed", "someip.truncated",  "someip.sd.malformed",
+        "threads.failed",       "reports.failed",   "reports.discarded", "orx.givenUp"};
     if (countsLostLogLines(name)) {
         return false;
     }

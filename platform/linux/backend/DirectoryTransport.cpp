@@ -186,6 +186,10 @@ std::int32_t DirectoryTransport::send(const Json::Value& envelope) {
     line.push_back('\n');
 
     const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_left) {
+        failed.add();
+        return -ESHUTDOWN;
+    }
     int error = makeFolder(m_folder);
     if (error == 0) {
         error = appendLine(m_envelopes, line);
@@ -199,6 +203,11 @@ std::int32_t DirectoryTransport::send(const Json::Value& envelope) {
     noteSuccess();
     deliverOwnMasterControl(opening());
     return 0;
+}
+
+void DirectoryTransport::leave() {
+    const std::lock_guard<std::mutex> lock(m_mutex);  // an envelope that is being written is waited for
+    m_left = true;
 }
 
 std::int32_t DirectoryTransport::requestConfiguration() {

@@ -27,6 +27,7 @@ class DirectoryTransport : public Transport {
     std::int32_t send(const Json::Value& envelope) override;
     /// The answer holds one record, or none when the file cannot be read.
     std::int32_t requestConfiguration() override;
+    void leave() override;
 
   private:
     Json::Value opening() const;
@@ -47,6 +48,7 @@ class DirectoryTransport : public Transport {
     std::size_t m_neededBytes = 1;  ///< what the folder must take to count as writable again
     bool m_probing = false;         ///< a probe is due
     bool m_opened = false;          ///< the channel was opened once
+    bool m_left = false;            ///< no further envelope is taken
 };
 
 }  // namespace kyo::orx

@@ -35,7 +35,8 @@ constexpr int kQos = 1;
 constexpr milliseconds kStopLimit{2000};
 constexpr milliseconds kDrainLimit{500};
 constexpr std::size_t kPacketOverhead = 65'536;  // header, topic and properties beside a message
-constexpr int kPollMs = 500;                     // how late the library's own time-outs may be seen
+constexpr int kMostSuspicions = 10;  // ends of a 3.1.1 connection, until its largest message is given up
+constexpr int kPollMs = 500;         // how late the library's own time-outs may be seen
 
 void initialiseLibrary() {
     static std::once_flag once;
@@ -129,9 +130,10 @@ struct MqttConnection::State {
     int serve();
     void waitBeforeReconnect();
     void tellDown(const std::string& cause);
+    void noteUnexplainedEnd();
     void giveUpLargest();
     void loseWhatWasForThisConnection();
-    void sendUnconfirmed();
+    void sendUnconfirmed(std::size_t limit, std::uint16_t atOnce);
     int hand(Unconfirmed& message);
     void settle(const std::vector<Unconfirmed>& messages, int reason);
     std::string causeOf(int code, int systemError) const;
@@ -161,18 +163,23 @@ struct MqttConnection::State {
     std::size_t receiveMaximum = 1;
     bool connected = false;
     bool running = false;
+    bool closed = false;  ///< stop() has returned: nothing more is taken
     std::condition_variable ended;
 
     std::atomic<bool> stopping{false};
 
     // Network thread only.
     bool everConnected = false;
-    bool tooLarge = false;  ///< the broker ended the connection because of a message's size
+    bool tooLarge = false;        ///< the broker ended the connection because of a message's size
+    std::size_t suspect = 0;      ///< size of the largest message when a 3.1.1 connection ended
+    int suspicions = 0;           ///< how many ended so in a row
+    bool confirmsOthers = false;  ///< the broker has confirmed a message on this connection
     int protocol = MQTT_PROTOCOL_V5;
     std::string libraryError;  ///< the library's own words about the last trouble
     std::string refusal;       ///< why the broker refused or ended the connection
     std::string toldCause;     ///< the last trouble that was told; empty while connected
     std::chrono::seconds pause{0};
+    std::optional<SteadyClock::time_point> connectedAt;  ///< of the connection that is or was the last
     std::minstd_rand jitter{std::random_device{}()};
 };
 
@@ -206,6 +213,7 @@ void MqttConnection::stop() {
     m_state->wakeUp.wake();
     std::unique_lock<std::mutex> lock(m_state->mutex);
     m_state->ended.wait_until(lock, SteadyClock::now() + kStopLimit, [this] { return !m_state->running; });
+    m_state->closed = true;
 }
 
 std::size_t MqttConnection::receiveMaximum() const {
@@ -218,6 +226,10 @@ std::int32_t MqttConnection::publish(const std::string& topic, const std::string
     State& state = *m_state;
     Unconfirmed message{topic, payload, retain, kind, 0, std::move(form)};
     const std::lock_guard<std::mutex> lock(state.mutex);
+    if (state.closed) {
+        error = "the connection is closed";
+        return kClosed;
+    }
     if (!state.connected && message.form.isForOneConnection) {
         error = "no connection to the broker";
         return kNotConnected;
@@ -246,10 +258,11 @@ std::int32_t MqttConnection::publish(const std::string& topic, const std::string
     return 0;
 }
 
-bool MqttConnection::unconfirmed(Kind kind) const {
+std::size_t MqttConnection::unconfirmed(Kind kind) const {
     const std::lock_guard<std::mutex> lock(m_state->mutex);
-    return std::any_of(m_state->unconfirmed.begin(), m_state->unconfirmed.end(),
-                       [kind](const Unconfirmed& message) { return message.kind == kind; });
+    return static_cast<std::size_t>(
+        std::count_if(m_state->unconfirmed.begin(), m_state->unconfirmed.end(),
+                      [kind](const Unconfirmed& message) { return message.kind == kind; }));
 }
 
 bool MqttConnection::taken(int reason) {
@@ -372,7 +385,8 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
         reconnects.add();
     }
     everConnected = true;
-    pause = {};
+    connectedAt = SteadyClock::now();
+    confirmsOthers = false;
     toldCause.clear();
     libraryError.clear();
     refusal.clear();
@@ -380,13 +394,7 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     for (const std::string& topic : subscriptions) {
         mosquitto_subscribe(client.get(), nullptr, topic.c_str(), kQos);
     }
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        largestPacket = limit;
-        receiveMaximum = atOnce == 0 ? 0xFFFF : atOnce;
-        connected = true;
-    }
-    sendUnconfirmed();
+    sendUnconfirmed(limit, atOnce);
     if (!stopping) {
         handlers.connected();
     }
@@ -418,11 +426,16 @@ int MqttConnection::State::hand(Unconfirmed& message) {
     return result == MOSQ_ERR_NO_CONN ? MOSQ_ERR_SUCCESS : result;
 }
 
-/// On a new connection: sends again, in order, what no earlier one got confirmed.
-void MqttConnection::State::sendUnconfirmed() {
+/// On a new connection, to a broker that takes packets of up to `limit` bytes and `atOnce` of them
+/// unconfirmed (0: any): sends again, in order, what no earlier one got confirmed. With one lock, so that
+/// what is published meanwhile follows.
+void MqttConnection::State::sendUnconfirmed(std::size_t limit, std::uint16_t atOnce) {
     std::vector<Unconfirmed> unfit;
     {
         const std::lock_guard<std::mutex> lock(mutex);
+        largestPacket = limit;
+        receiveMaximum = atOnce == 0 ? 0xFFFF : atOnce;
+        connected = true;
         for (auto at = unconfirmed.begin(); at != unconfirmed.end();) {
             const bool fits = largestPacket == 0 || at->bytes() <= largestPacket;
             if (fits && hand(*at) == MOSQ_ERR_SUCCESS) {
@@ -467,6 +480,7 @@ void MqttConnection::State::onPublish(int messageId, int reason) {
             unconfirmed.erase(found);
         }
     }
+    confirmsOthers = confirmsOthers || !confirmed.empty();
     settle(confirmed, reason);
 }
 
@@ -487,6 +501,27 @@ std::string MqttConnection::State::causeOf(int code, int systemError) const {
         cause += " (" + libraryError + ")";
     }
     return cause;
+}
+
+/// A broker with MQTT 3.1.1 tells neither its limit nor why it ends a connection. One that confirms smaller
+/// messages, and ends every connection while the same one is the largest unconfirmed, refuses its size.
+void MqttConnection::State::noteUnexplainedEnd() {
+    std::size_t largest = 0;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (const Unconfirmed& message : unconfirmed) {
+            largest = std::max(largest, message.bytes());
+        }
+    }
+    if (largest == 0 || !confirmsOthers) {
+        return;
+    }
+    suspicions = largest == suspect ? suspicions + 1 : 1;
+    suspect = largest;
+    if (suspicions == kMostSuspicions) {
+        tooLarge = true;
+        suspicions = 0;
+    }
 }
 
 /// The broker ended the connection because of a packet's size, without having told its limit before: sent
@@ -606,6 +641,11 @@ int MqttConnection::State::serve() {
 void MqttConnection::State::waitBeforeReconnect() {
     const std::chrono::seconds least{std::max<std::uint32_t>(1, settings.reconnectMinSeconds)};
     const std::chrono::seconds most{std::max<std::uint32_t>(1, settings.reconnectMaxSeconds)};
+    // A broker that ends each connection soon is no reason to begin with the shortest pause again.
+    if (connectedAt && SteadyClock::now() - *connectedAt >= most) {
+        pause = {};
+    }
+    connectedAt.reset();
     pause = std::min(std::max(least, most), std::max(least, pause * 2));
     // A fleet that lost its broker must not return in step.
     const milliseconds full = pause;
@@ -639,8 +679,10 @@ void MqttConnection::State::run() {
             result = serve();
             systemError = errno;
         }
+        bool wasConnected = false;
         {
             const std::lock_guard<std::mutex> lock(mutex);
+            wasConnected = connected;
             connected = false;
             client.reset();
         }
@@ -651,6 +693,9 @@ void MqttConnection::State::run() {
             continue;  // at once, with the older protocol
         }
         tellDown(causeOf(result, systemError));
+        if (wasConnected && triedProtocol == MQTT_PROTOCOL_V311 && result != MOSQ_ERR_KEEPALIVE) {
+            noteUnexplainedEnd();
+        }
         if (tooLarge) {
             giveUpLargest();
         }

@@ -15,6 +15,7 @@ namespace kyo::orx {
 /// not know it gets 3.1.1.
 ///
 /// A lost connection is made again after a pause that doubles from reconnectMinSeconds to
+/// reconnectMaxSeconds, and begins with the shortest again after a connection that lasted for
 /// reconnectMaxSeconds. Changes of the connection are told once each. Sessions are clean: what the broker
 /// had for us while we were away is void; what we published meanwhile is kept here and sent.
 class MqttConnection {
@@ -62,6 +63,7 @@ class MqttConnection {
     static constexpr std::int32_t kQueueFull = -1002;  ///< too much is unconfirmed already
     static constexpr std::int32_t kFailed = -1003;     ///< libmosquitto refused it
     static constexpr std::int32_t kNotConnected = -1004;
+    static constexpr std::int32_t kClosed = -1005;  ///< after stop()
 
     /// `will` may have an empty topic: none. A message of more than `largestMessage` bytes is refused and
     /// counted in "orx.refused", and an MQTT 5 broker is asked to send none; 0: no limit. Nothing happens
@@ -94,8 +96,8 @@ class MqttConnection {
     /// How many messages the broker takes before it has confirmed the first. Of the last connection.
     std::size_t receiveMaximum() const;
 
-    /// True when a message of that kind waits for the broker's confirmation.
-    bool unconfirmed(Kind kind) const;
+    /// How many messages of that kind wait for the broker's confirmation.
+    std::size_t unconfirmed(Kind kind) const;
 
     /// Whether a reason given to settled() means that somebody got the message.
     static bool taken(int reason);

@@ -81,16 +81,21 @@ MqttTransport::MqttTransport(const machine::BackendSettings& settings, Presence 
           std::max(m_limits.masterControlBytes, m_limits.configurationBytes)) {}
 
 MqttTransport::~MqttTransport() {
-    stop();
+    leave();
     m_callbacks.stop();
 }
 
-void MqttTransport::stop() {
-    std::string error;
-    m_connection.publish(m_prefix + "/status",
-                         Json::FastWriter().write(presenceMessage(m_presence, "offline")), true, Status_,
-                         error);
-    m_connection.stop();
+void MqttTransport::leave() {
+    std::call_once(m_left, [this] {
+        std::string error;
+        m_connection.publish(m_prefix + "/status",
+                             Json::FastWriter().write(presenceMessage(m_presence, "offline")), true, Status_,
+                             error);
+        m_connection.stop();
+        if (const std::size_t lost = m_connection.unconfirmed(Data); lost > 0) {
+            KYO_LOG(3, lost << " envelopes are lost with the process, as the broker has not confirmed them");
+        }
+    });
 }
 
 void MqttTransport::start() {
@@ -155,7 +160,7 @@ std::int32_t MqttTransport::sendSpooled(const SpooledEnvelope& envelope, std::st
 
 bool MqttTransport::publishHealth(const Json::Value& health) {
     std::string error;
-    return !m_connection.unconfirmed(Health) &&
+    return m_connection.unconfirmed(Health) == 0 &&
            m_connection.publish(m_prefix + "/health", Json::FastWriter().write(health), true, Health,
                                 error) == 0;
 }
@@ -164,7 +169,7 @@ void MqttTransport::onConnected() {
     if (m_hooks.connected) {
         m_hooks.connected(m_connection.receiveMaximum());
     }
-    if (m_connection.unconfirmed(Status_)) {
+    if (m_connection.unconfirmed(Status_) > 0) {
         return;  // the library sends that one again
     }
     std::string error;
@@ -198,15 +203,14 @@ void MqttTransport::onMessage(const std::string& topic, const std::string& paylo
         return;
     }
     if (isControl) {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_lastControl = content;
-        }
         if (m_hooks.masterControl) {
             m_hooks.masterControl(content);
-        } else {
-            deliverMasterControl(std::move(content));
+            return;
         }
+        const std::lock_guard<std::mutex> lock(m_mutex);  // also so that no repetition of it overtakes it
+        m_lastControl = content;
+        ++m_controls;
+        deliverMasterControl(std::move(content));
     } else if (topic != m_prefix + "/config/response") {
         ignored.add();
         KYO_LOG(3, topic << ": ignored, as nothing is expected there");
@@ -235,8 +239,9 @@ void MqttTransport::onSettled(int kind, int reason) {
         m_patience = kFirstPatience;
         return;
     }
-    static Counter& failed = Status::counter("orx.failed");
-    failed.add();
+    static Counter& givenUp = Status::counter("orx.givenUp");
+    static Counter& undelivered = Status::counter("orx.undelivered");
+    (reason == MQTT_RC_PACKET_TOO_LARGE ? givenUp : undelivered).add();
     if (reason == MQTT_RC_PACKET_TOO_LARGE) {
         KYO_LOG(3, "The broker refuses an envelope for its size; it is given up");
         repeatOpening(0, {});
@@ -259,7 +264,10 @@ void MqttTransport::repeatOpening(int result, std::chrono::milliseconds delay) {
     }
     Json::Value message = last;
     message["dataDeliveryResult"] = result;
-    deliverOwnMasterControl(std::move(message), delay);
+    deliverOwnMasterControl(std::move(message), delay, [this, number = m_controls] {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return number == m_controls;
+    });
 }
 
 }  // namespace kyo::orx

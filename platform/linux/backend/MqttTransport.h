@@ -41,13 +41,13 @@ class MqttTransport : public Transport {
     /// 0 also while the broker is away. MqttConnection's codes otherwise, each logged with its cause.
     std::int32_t send(const Json::Value& envelope) override;
     std::int32_t requestConfiguration() override;
+    /// Gives what waits a moment to go out, as MqttConnection::stop(). No hook is called afterwards.
+    void leave() override;
 
     /// Sends an envelope of a spool on this connection, or not at all. MqttConnection's codes, not logged.
     std::int32_t sendSpooled(const SpooledEnvelope& envelope, std::string& error);
     /// False when the message before is not confirmed yet.
     bool publishHealth(const Json::Value& health);
-    /// Ends the connection. No hook is called afterwards.
-    void stop();
 
   private:
     enum Kind : int { Status_, Request, Data, Spooled, Health };
@@ -55,7 +55,8 @@ class MqttTransport : public Transport {
     void onConnected();
     void onMessage(const std::string& topic, const std::string& payload, bool retained);
     void onSettled(int kind, int reason);
-    /// Repeats the last master-control message, if it was an opening one, with that delivery result.
+    /// Repeats the last master-control message, if it was an opening one, with that delivery result; not if a
+    /// newer one has come by then.
     void repeatOpening(int result, std::chrono::milliseconds delay);
 
     // Set once.
@@ -67,11 +68,13 @@ class MqttTransport : public Transport {
     std::mutex m_compressorMutex;
     const std::unique_ptr<Compressor> m_compressor;  ///< guarded by m_compressorMutex; none: plain text
 
-    std::mutex m_mutex;         ///< guards what follows
-    Json::Value m_lastControl;  ///< the last master-control message
+    std::mutex m_mutex;            ///< guards what follows
+    Json::Value m_lastControl;     ///< the last master-control message
+    std::uint64_t m_controls = 0;  ///< how many have come
     RememberedConfiguration m_lastConfiguration{{}, Spool::ordinaryDisk(), std::nullopt};
     std::chrono::milliseconds m_patience;  ///< before the next opening after a refused size
 
+    std::once_flag m_left;
     MqttConnection m_connection;  ///< last: its thread uses all of the above
 };
 

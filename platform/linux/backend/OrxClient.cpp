@@ -1,5 +1,8 @@
 #include "kyo/OrxClient.h"
 
+#include <cstdlib>
+#include <mutex>
+#include <set>
 #include <utility>
 
 #include "backend/DirectoryTransport.h"
@@ -27,11 +30,47 @@ std::unique_ptr<orx::Transport> makeTransport(orx::Presence presence) {
                                                      settings.limits);
 }
 
+/// The transports of clients that live when the process exits. The application never destroys its own.
+class Living {
+  public:
+    static Living& instance() {
+        static auto* const all = [] {
+            auto* const made = new Living;  // never destroyed, as the exit handler uses it
+            std::atexit([] { instance().leaveAll(); });
+            return made;
+        }();
+        return *all;
+    }
+    void add(orx::Transport* transport) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_transports.insert(transport);
+    }
+    void remove(orx::Transport* transport) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_transports.erase(transport);
+    }
+
+  private:
+    void leaveAll() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (orx::Transport* const transport : m_transports) {
+            transport->leave();
+        }
+    }
+    std::mutex m_mutex;
+    std::set<orx::Transport*> m_transports;  ///< guarded by the mutex
+};
+
 }  // namespace
 
 class OrxClient::Implementation {
   public:
-    explicit Implementation(std::unique_ptr<orx::Transport> chosen) : transport(std::move(chosen)) {}
+    explicit Implementation(std::unique_ptr<orx::Transport> chosen) : transport(std::move(chosen)) {
+        Living::instance().add(transport.get());
+    }
+    ~Implementation() { Living::instance().remove(transport.get()); }
+    Implementation(const Implementation&) = delete;
+    Implementation& operator=(const Implementation&) = delete;
 
     const std::unique_ptr<orx::Transport> transport;
 };

@@ -66,12 +66,7 @@ SpoolTransport::SpoolTransport(const machine::BackendSettings& settings, Presenc
       m_link(std::make_unique<MqttTransport>(settings, std::move(presence), hooks())) {}
 
 SpoolTransport::~SpoolTransport() {
-    m_link->stop();
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
-    }
-    m_changed.notify_all();
+    leave();
     if (m_worker.joinable()) {
         m_worker.join();
     }
@@ -96,10 +91,29 @@ void SpoolTransport::start() {
     m_link->start();
 }
 
+void SpoolTransport::leave() {
+    m_link->leave();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+    }
+    m_changed.notify_all();
+    const std::lock_guard<std::mutex> sending(
+        m_sendMutex);  // an envelope that is being written is waited for
+    if (!m_left && m_pending) {
+        KYO_LOG(3, "1 envelope is lost with the process, as the disk has not taken it");
+    }
+    m_left = true;
+}
+
 std::int32_t SpoolTransport::send(const Json::Value& envelope) {
     static Counter& sent = Status::counter("orx.sent");
     static Counter& failed = Status::counter("orx.failed");
     const std::lock_guard<std::mutex> sending(m_sendMutex);
+    if (m_left) {
+        failed.add();
+        return -ESHUTDOWN;
+    }
     if (m_pending) {
         failed.add();
         KYO_LOG(3, "An envelope cannot be sent: the one before waits for the disk");

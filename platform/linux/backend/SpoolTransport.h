@@ -37,6 +37,7 @@ class SpoolTransport : public Transport {
     /// a one waits already. Blocks for the disk.
     std::int32_t send(const Json::Value& envelope) override;
     std::int32_t requestConfiguration() override;
+    void leave() override;
     void configurationAccepted(const std::string& recordId, bool isAccepted,
                                const std::string& reason) override;
 
@@ -86,6 +87,7 @@ class SpoolTransport : public Transport {
     const std::unique_ptr<Compressor> m_compressor;
     std::optional<SpooledEnvelope> m_pending;  ///< the disk does not take it
     std::string m_lastStored;                  ///< its messageId
+    bool m_left = false;                       ///< no further envelope is taken
     std::string m_diskTrouble;                 ///< logged last; empty while the disk takes envelopes
 
     std::mutex m_mutex;

@@ -40,6 +40,9 @@ class Transport {
     virtual void start() = 0;
     virtual std::int32_t send(const Json::Value& envelope) = 0;
     virtual std::int32_t requestConfiguration() = 0;
+    /// For the end of the process, whose threads may still call the above: takes no further envelope, and
+    /// logs how many of those that it took are lost with the process.
+    virtual void leave() = 0;
     /// What the application made of a configuration that was passed on.
     virtual void configurationAccepted(const std::string& /*recordId*/, bool /*isAccepted*/,
                                        const std::string& /*reason*/) {}

@@ -1,18 +1,25 @@
 /// Brokers that no package provides: one that only knows MQTT 3.1.1, and one that never answers.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <mqtt_protocol.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <vector>
 
+#include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
 
+using kyo::orx::MqttConnection;
 using kyo::orx::MqttTransport;
 using vlmTest::LogCapture;
 
@@ -93,6 +100,95 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
         received += more;
     }
     ::close(second);
+}
+
+/// A broker that welcomes who comes and ends the connection at once. When each came.
+TEST(DroppingBroker, IsTriedAfterLongerAndLongerPauses) {
+    const Listener listener;
+    machine::BackendSettings settings = settingsFor(listener);
+    settings.mqtt.reconnectMaxSeconds = 60;
+    MqttTransport transport(settings, {"Catalog 1", {}});
+    transport.start();
+    std::vector<std::chrono::steady_clock::time_point> came;
+    for (int i = 0; i < 4; ++i) {
+        const int connection = listener.accept();
+        ASSERT_GE(connection, 0);
+        came.push_back(std::chrono::steady_clock::now());
+        Listener::receive(connection);
+        const char welcome[] = {0x20, 3, 0, 0, 0};
+        ASSERT_EQ(::send(connection, welcome, sizeof welcome, 0), 5);
+        Listener::receive(connection);  // what follows upon the welcome
+        ::close(connection);
+    }
+    EXPECT_GT(came[2] - came[1], std::chrono::milliseconds(1490)) << "three quarters of two seconds";
+    EXPECT_GT(came[3] - came[2], std::chrono::milliseconds(2990));
+}
+
+/// Confirms each message until one of more than 127 bytes begins.
+void confirmUntilALongOneBegins(int connection) {
+    std::string received;
+    for (;;) {
+        const std::size_t length = received.size() < 2 ? 0 : static_cast<unsigned char>(received[1]);
+        if (length > 127) {
+            return;
+        }
+        if (received.size() < 2 + length || received.size() < 2) {
+            const std::string more = Listener::receive(connection);
+            if (more.empty()) {
+                return;
+            }
+            received += more;
+            continue;
+        }
+        if ((static_cast<unsigned char>(received[0]) & 0xF0u) == 0x30u) {
+            const std::size_t at = 4u + static_cast<unsigned char>(received[3]);
+            const char confirmation[] = {0x40, 2, received[at], received[at + 1]};
+            EXPECT_EQ(::send(connection, confirmation, sizeof confirmation, MSG_NOSIGNAL), 4);
+        }
+        received.erase(0, 2 + length);
+    }
+}
+
+TEST(OldBroker, IsNotTriedForEverWithAMessageThatItEndsEachConnectionFor) {
+    const Listener listener;
+    std::atomic<std::uint64_t> refused{0};
+    MqttConnection* made = nullptr;
+    const auto publish = [&made](const std::string& payload, int kind, MqttConnection::Form form) {
+        std::string error;
+        EXPECT_EQ(made->publish("t", payload, false, kind, error, std::move(form)), 0) << error;
+    };
+    MqttConnection connection(settingsFor(listener).mqtt, "vehicle", {}, {},
+                              {[&] { publish("small", 1, {}); }, [](const auto&...) {},
+                               [&](int, int) {
+                                   MqttConnection::Form form;
+                                   form.isForOneConnection = true;
+                                   form.tag = 7;
+                                   publish(std::string(1000, 'x'), 2, std::move(form));
+                               },
+                               [](int, const std::string&) {},
+                               [&refused](std::uint64_t tag, int reason) {
+                                   EXPECT_EQ(reason, MQTT_RC_PACKET_TOO_LARGE);
+                                   refused = tag;
+                               }});
+    made = &connection;
+    connection.start();
+    int ends = 0;
+    const char* answer = "\x20\x02\x00\x01";  // no MQTT 5
+    while (refused == 0 && ends < 20) {
+        const int client = listener.accept();
+        ASSERT_GE(client, 0);
+        Listener::receive(client);
+        ASSERT_EQ(::send(client, answer, 4, 0), 4);
+        confirmUntilALongOneBegins(client);
+        ::close(client);
+        ends += answer[3] == 0 ? 1 : 0;
+        answer = "\x20\x02\x00\x00";
+        if (ends == 10) {
+            EXPECT_TRUE(vlmTest::eventually([&] { return refused == 7; }));
+        }
+    }
+    EXPECT_EQ(ends, 10);
+    connection.stop();
 }
 
 TEST(SilentBroker, DoesNotDelayTheEnd) {

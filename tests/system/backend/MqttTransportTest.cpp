@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -167,6 +168,15 @@ TEST_F(MqttBackendTest, DropsWhatWaitedForABrokerThatCameBackWithALowerLimit) {
     EXPECT_EQ(backend.on("test/vehicle/data").back(), text(envelope("after")));
 }
 
+TEST_F(MqttBackendTest, LogsAtTheEndWhatIsLostWithTheProcessAndTakesNothingMore) {
+    Vehicle vehicle(m_settings);
+    EXPECT_EQ(vehicle.transport().send(envelope("1")), 0);
+    EXPECT_EQ(vehicle.transport().send(envelope("2")), 0);
+    vehicle.transport().leave();
+    EXPECT_TRUE(m_log.hasPart(3, "2 envelopes are lost with the process"));
+    EXPECT_EQ(vehicle.transport().send(envelope("3")), MqttConnection::kClosed);
+}
+
 TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
     Vehicle vehicle(m_settings);
     std::size_t taken = 0;
@@ -204,6 +214,55 @@ TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelFo
         EXPECT_EQ(vehicle.transport().send(envelope("small")), 0);
         EXPECT_TRUE(backend.awaits("test/vehicle/data", 1));
     }
+}
+
+TEST_F(MqttBackendTest, RepeatsNoOpeningThatANewerMessageHasOvertaken) {
+    Broker broker(m_port, "allow_anonymous true\nmax_packet_size 20000\n");
+    Vehicle vehicle(m_settings);
+    Observer backend(m_settings);
+    ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
+    const auto closed = masterControl("t", {"TypeA"}, 3, 0);
+    const auto opening = masterControl("u", {"TypeA"}, 0, 0);
+    backend.say("test/vehicle/mastercontrol", text(kOpening));
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    EXPECT_LT(vehicle.transport().send(envelope("big", 30000)), 0);  // repeats the opening in 200 ms
+    backend.say("test/vehicle/mastercontrol", text(closed));
+    backend.say("test/vehicle/mastercontrol", text(opening));
+    ASSERT_TRUE(vehicle.awaitControls(3));
+    EXPECT_LT(vehicle.transport().send(envelope("big", 30000)), 0);  // in 400 ms
+    ASSERT_TRUE(vehicle.awaitControls(4));
+    EXPECT_THAT(vehicle.controls(), testing::ElementsAre(kOpening, closed, opening, opening));
+}
+
+/// What is published in the instant in which the connection comes about goes out once, and after what
+/// waited.
+TEST_F(MqttBackendTest, KeepsTheOrderOfWhatIsPublishedWhileTheConnectionIsMade) {
+    Broker broker(m_port);
+    Observer observer(m_settings, {"order"});
+    std::vector<std::string> expected;
+    for (int turn = 0; turn < 20; ++turn) {
+        std::atomic<bool> now{false};
+        MqttConnection connection(
+            m_settings, "publisher", {}, {},
+            {[] {}, [](const auto&...) {}, [](int, int) {},
+             [&now](int, const std::string& line) { now = now || line.starts_with("connected"); }});
+        const auto publish = [&](int number) {
+            std::string error;
+            expected.push_back(std::to_string(turn) + ' ' + std::to_string(number));
+            EXPECT_EQ(connection.publish("order", expected.back(), false, 0, error), 0) << error;
+        };
+        for (int i = 0; i < 50; ++i) {
+            publish(i);
+        }
+        connection.start();
+        while (!now) {
+        }
+        for (int i = 50; i < 100; ++i) {
+            publish(i);
+        }
+        ASSERT_TRUE(observer.awaits("order", expected.size()));
+    }
+    EXPECT_EQ(observer.on("order"), expected);
 }
 
 /// The most memory that the process has had since the last call, in KiB.

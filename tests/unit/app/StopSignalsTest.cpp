@@ -1,15 +1,18 @@
 // Stops and the main loop. Each test runs in a process of its own, since signals belong to the process.
 #include "app/StopSignals.h"
 
+#include <botan/hash.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <thread>
 
+#include "app/ProcessEnd.h"
 #include "kyo/Log.h"
 
 // The handler logs only when it interrupts the wait, where the thread holds no lock and is outside the
@@ -72,6 +75,28 @@ TEST_F(StopSignals, RaisedByAnAbortInsideTheLogNeitherHangNorLog) {
             std::_Exit(1);
         },
         testing::KilledBySignal(SIGABRT), "^void signal_handler\\(int32_t\\) SIGNAL HANDLER HAPPENED= 6\n$");
+}
+
+TEST_F(StopSignals, EndAProcessWhoseThreadsComputeDigestsUntilThen) {
+    for (int turn = 0; turn < 10; ++turn) {
+        EXPECT_EXIT(
+            {
+                vlmProd::skipDestructorsAtExit();
+                std::atomic<int> digests{0};
+                for (int i = 0; i < 2; ++i) {
+                    std::thread([&digests] {
+                        for (;; ++digests) {
+                            Botan::HashFunction::create_or_throw("SHA-256")->process("text");
+                        }
+                    }).detach();
+                }
+                while (digests < 100) {
+                    std::this_thread::yield();
+                }
+                std::exit(0);
+            },
+            testing::ExitedWithCode(0), "^$");
+    }
 }
 
 }  // namespace

@@ -179,6 +179,14 @@ TEST_F(DirectoryBackend, TriesTheFolderAgainThoughNoFurtherCallbackWasTakenWhenI
     EXPECT_EQ(transport.send(envelope("1")), 0);
 }
 
+TEST_F(DirectoryBackend, TakesNothingMoreWhenTheProcessEnds) {
+    Backend backend(m_folder.path());
+    EXPECT_EQ(backend.transport.send(envelope("1")), 0);
+    backend.transport.leave();
+    EXPECT_EQ(backend.transport.send(envelope("2")), -ESHUTDOWN);
+    EXPECT_EQ(contentOf(m_file), lineOf(envelope("1")));
+}
+
 TEST_F(DirectoryBackend, AnswersWithNoConfigurationBeyondTheLimit) {
     m_folder.write("collector.json", std::string(2000, ' '));
     DirectoryTransport transport({m_folder.path(), "collector.json"}, {"Catalog 1", {"TypeA"}}, {1024, 2048});
