@@ -1,8 +1,8 @@
 #include "backend/MqttConnection.h"
 
-#include <dlfcn.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <openssl/crypto.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -21,6 +21,7 @@
 #include <thread>
 #include <utility>
 
+#include "backend/TlsContext.h"
 #include "kyo/Status.h"
 #include "kyo/WakeFd.h"
 
@@ -42,13 +43,8 @@ void initialiseLibrary() {
     static std::once_flag once;
     std::call_once(once, [] {
         // The network thread may be at work while the process exits, so the TLS library must not free its
-        // tables then. It is reached by name, because it is libmosquitto's dependency and not ours.
-        using Initialise = int (*)(std::uint64_t, const void*);
-        constexpr std::uint64_t noAtExit = 0x00080000;  // OPENSSL_INIT_NO_ATEXIT
-        if (const auto initialise =
-                reinterpret_cast<Initialise>(dlsym(RTLD_DEFAULT, "OPENSSL_init_crypto"))) {
-            initialise(noAtExit, nullptr);
-        }
+        // tables then.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
         mosquitto_lib_init();
     });
 }
@@ -156,7 +152,8 @@ struct MqttConnection::State {
 
     mutable std::mutex mutex;
     // Guarded by the mutex; the client is replaced by the network thread only, which may use it without.
-    Client client;  ///< one for each connection
+    std::unique_ptr<TlsContext> tls;  ///< of the client; none without TLS
+    Client client;                    ///< one for each connection
     std::list<Unconfirmed> unconfirmed;
     std::size_t unconfirmedBytes = 0;
     std::size_t largestPacket = 0;  ///< the broker's limit; 0: none known
@@ -270,6 +267,7 @@ bool MqttConnection::taken(int reason) {
 }
 
 bool MqttConnection::State::makeClient(std::string& error) {
+    std::unique_ptr<TlsContext> madeTls;  // outlives the client that uses it
     Client made(mosquitto_new(clientId.empty() ? nullptr : clientId.c_str(), true, this));
     if (!made) {
         error = "no MQTT client could be made: " + std::string(std::strerror(errno));
@@ -290,21 +288,9 @@ bool MqttConnection::State::makeClient(std::string& error) {
         return false;
     }
     if (settings.tls) {
-        // Both calls keep the verification of the server's certificate and name on.
-        const char* const folder = settings.caFile.empty() ? "/etc/ssl/certs" : nullptr;
-        const char* const file = settings.caFile.empty() ? nullptr : settings.caFile.c_str();
-        const char* const cert = settings.certFile.empty() ? nullptr : settings.certFile.c_str();
-        const char* const key = settings.keyFile.empty() ? nullptr : settings.keyFile.c_str();
-        for (const char* needed : {file, cert, key}) {
-            if (needed != nullptr && ::access(needed, R_OK) != 0) {
-                error = std::string(needed) + " cannot be read: " + std::strerror(errno);
-                return false;
-            }
-        }
-        constexpr int verifyPeer = 1;
-        if (!check(mosquitto_tls_set(raw, file, folder, cert, key, nullptr), "TLS files") ||
-            !check(mosquitto_tls_opts_set(raw, verifyPeer, nullptr, nullptr), "TLS options") ||
-            !check(mosquitto_tls_insecure_set(raw, false), "TLS options")) {
+        madeTls = TlsContext::make(settings, settings.host, error);
+        if (!madeTls || !check(mosquitto_int_option(raw, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0), "TLS options") ||
+            !check(mosquitto_void_option(raw, MOSQ_OPT_SSL_CTX, madeTls->native()), "TLS options")) {
             return false;
         }
     }
@@ -362,7 +348,8 @@ bool MqttConnection::State::makeClient(std::string& error) {
         }
     });
     const std::lock_guard<std::mutex> lock(mutex);
-    client = std::move(made);
+    client = std::move(made);  // before its context is replaced, which the old client used
+    tls = std::move(madeTls);
     return true;
 }
 
@@ -495,6 +482,9 @@ void MqttConnection::State::tellDown(const std::string& cause) {
 std::string MqttConnection::State::causeOf(int code, int systemError) const {
     if (!refusal.empty()) {
         return refusal;
+    }
+    if (tls && !tls->cause().empty()) {
+        return tls->cause();
     }
     std::string cause = code == MOSQ_ERR_ERRNO ? std::strerror(systemError) : mosquitto_strerror(code);
     if (code == MOSQ_ERR_TLS && !libraryError.empty()) {
