@@ -130,6 +130,15 @@ std::string LiveLine::next(const Value& snapshot, std::chrono::steady_clock::tim
     if (const auto open = values.find("backend.open"); open != values.end() && open->second.isBool()) {
         line += open->second.asBool() ? ", backend open" : ", backend closed";
     }
+    if (known("spool.waiting")) {
+        line += " | spool " + number("spool.waiting");
+        if (numberOf(values, "spool.waiting") > 0) {
+            line += " (" + whole(numberOf(values, "spool.bytes") / 1024) + " KiB, oldest " +
+                    number("spool.oldestSeconds") + " s";
+            const double left = numberOf(values, "spool.remainingSeconds");
+            line += left > 0 ? ", empty in " + whole(left) + " s)" : ")";
+        }
+    }
     line += " | lost " + whole(sumOf(values, countsLoss));
     const double lines = sumOf(values, [](const std::string& name) { return countsLostLogLines(name); });
     if (lines > 0) {

@@ -220,11 +220,11 @@ void Forwarder::sent(const Entry& entry, const std::string& messageId, TimePoint
     moveOn(entry.number);
 }
 
-void Forwarder::unsent(std::uint64_t number) {
+void Forwarder::unsent(std::uint64_t number, TimePoint now) {
     if (Item* const item = find(number)) {
         item->state = State::Due;
-        m_retryAt = item->sentAt + std::chrono::seconds(1);
     }
+    m_retryAt = now + std::chrono::seconds(1);
 }
 
 void Forwarder::skip(const Entry& entry) {

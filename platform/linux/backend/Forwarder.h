@@ -64,8 +64,8 @@ class Forwarder {
     std::optional<Entry> next(TimePoint now, std::uint64_t highest, const Source& source);
     /// What next() returned is being sent.
     void sent(const Entry& entry, const std::string& messageId, TimePoint now);
-    /// What next() returned cannot be sent now: it comes again.
-    void unsent(std::uint64_t number);
+    /// What next() returned cannot be read or sent now: it comes again, after a second.
+    void unsent(std::uint64_t number, TimePoint now);
     /// What next() returned is not there any more, or was moved aside.
     void skip(const Entry& entry);
 

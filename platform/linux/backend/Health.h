@@ -23,6 +23,8 @@ class Health {
     /// The message, if it is time for one: after a loss or a configuration at most once a minute, and
     /// otherwise every five minutes.
     std::optional<Json::Value> due(Clock::time_point now, std::uint64_t waiting, std::uint64_t bytes);
+    /// On a new connection the message comes again, as soon as it may: the broker may have lost the last one.
+    void connected() { m_latest = {}; }
     /// The message of due() was not taken; it is due again in a second.
     void notPublished(Clock::time_point now) { m_next = now + std::chrono::seconds(1); }
     /// The next due() may have something.

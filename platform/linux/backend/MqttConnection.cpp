@@ -236,6 +236,11 @@ std::int32_t MqttConnection::publish(const std::string& topic, const std::string
                 std::to_string(state.largestPacket);
         return kTooLarge;
     }
+    if (message.bytes() > kMaxUnconfirmedBytes) {
+        error = std::to_string(payload.size()) + " bytes are more than the " +
+                std::to_string(kMaxUnconfirmedBytes) + " that may wait for the broker";
+        return kTooLarge;
+    }
     if (state.unconfirmed.size() >= kMaxUnconfirmed ||
         state.unconfirmedBytes + message.bytes() > kMaxUnconfirmedBytes) {
         error = std::to_string(state.unconfirmed.size()) + " messages with " +

@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 
 constexpr std::uint64_t kBlock = 4096;
 constexpr std::uint64_t kLargestNumber = 1'000'000'000'000'000'000;
-constexpr std::uint64_t kLargestFile = 1u << 30;
+constexpr std::uint64_t kLargestFile = 65u << 20;  // more cannot be sent
 constexpr std::string_view kFormatName = "vlm-spool ";
 constexpr std::string_view kEnvelope = ".envelope";
 constexpr std::string_view kLast = ".last";
@@ -447,18 +447,21 @@ void Spool::logDrops() {
     }
 }
 
-bool Spool::read(const Entry& entry, SpooledEnvelope& envelope) {
+Spool::Read Spool::read(const Entry& entry, SpooledEnvelope& envelope) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const fs::path file = fileOf(m_settings.folder, entry);
     std::string content;
     if (!readFile(file, kLargestFile, content)) {
         const int code = errno;
+        if (code == EMFILE || code == ENFILE || code == ENOMEM) {
+            return Read::NotNow;
+        }
         if (code == ENOENT) {
             forget(entry, false);
         } else {
             setAsideLocked(entry, std::string("it cannot be read: ") + std::strerror(code));
         }
-        return false;
+        return Read::Gone;
     }
     std::string error;
     bool good = readSpoolFile(content, envelope, error);
@@ -469,7 +472,7 @@ bool Spool::read(const Entry& entry, SpooledEnvelope& envelope) {
     if (!good) {
         setAsideLocked(entry, error);
     }
-    return good;
+    return good ? Read::Whole : Read::Gone;
 }
 
 void Spool::remove(const Entry& entry) {

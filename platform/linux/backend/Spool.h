@@ -19,9 +19,8 @@ namespace kyo::orx {
 ///     <folder>/format                              "vlm-spool 1"
 ///     <folder>/lock                                held by the process that owns the spool
 ///     <folder>/<number>-<bytes>.envelope           waits
-///     <folder>/<number>.last                       the last one that was delivered, so that its number is
-///     not used again <folder>/bad/<number>-<bytes>.envelope       cannot be used, or the broker refuses it
-///     for good
+///     <folder>/<number>.last                       was delivered last: its number is not used again
+///     <folder>/bad/<number>-<bytes>.envelope       cannot be used, or the broker refuses it for good
 ///
 /// The folder is the whole state. Memory does not depend on how much waits: sizes stand in the names, a start
 /// reads names alone, and of these at most kAhead are kept. What is stored is durable when store() returns;
@@ -32,8 +31,8 @@ class Spool {
   public:
     struct Settings {
         std::filesystem::path folder;
-        std::uint64_t maxBytes = 512u
-                                 << 20;   ///< of all files, bad ones included, each in blocks of 4096 bytes
+        /// Of all files, bad ones included, each in blocks of 4096 bytes.
+        std::uint64_t maxBytes = 512u << 20;
         std::uint64_t maxAgeSeconds = 0;  ///< 0: none
         bool dropOldest = true;           ///< when full; otherwise the newest
     };
@@ -43,6 +42,7 @@ class Spool {
         std::uint64_t bytes = 0;
     };
     enum class Stored { Durably, Dropped, NotYet };
+    enum class Read { Whole, Gone, NotNow };
 
     static constexpr std::size_t kAhead = 4096;
 
@@ -65,8 +65,9 @@ class Spool {
 
     /// The waiting envelope with the least number above `after`.
     std::optional<Entry> next(std::uint64_t after);
-    /// False when it is not there any more, or cannot be used and was moved to bad/.
-    bool read(const Entry& entry, SpooledEnvelope& envelope);
+    /// Gone: it is not there any more, or cannot be used and was moved to bad/. NotNow: the system has no
+    /// descriptor or memory left.
+    Read read(const Entry& entry, SpooledEnvelope& envelope);
     /// After its delivery.
     void remove(const Entry& entry);
     /// Moves one to bad/, counts it and logs why.

@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::chrono::seconds kRetry{1};
 constexpr std::chrono::seconds kBetweenTends{5};
+constexpr std::chrono::minutes kBetweenTickets{1};
 constexpr std::uint64_t kBacklog = 16;  ///< fewer are sent without a wait
 
 std::int64_t nowMs() {
@@ -152,6 +153,9 @@ std::int32_t SpoolTransport::send(const Json::Value& envelope) {
         }
     } else {
         m_lastStored = made.messageId;
+        if (outcome == Spool::Stored::Durably) {
+            logDiskTrouble("");
+        }
         answer();
     }
     wake();
@@ -208,6 +212,7 @@ void SpoolTransport::onConnected(std::size_t receiveMaximum) {
     const auto wait = isMuch ? std::uniform_int_distribution<std::int64_t>(0, jitterMs)(m_chance) : 0;
     m_forwarder.connected(receiveMaximum, m_spool.highest(), Clock::now() + std::chrono::milliseconds(wait));
     m_configuration.connected();
+    m_health.connected();
     m_isWoken = true;
     m_changed.notify_all();
 }
@@ -291,7 +296,7 @@ void SpoolTransport::run() {
         openSpool(now);
         retryPending(now);
         settleArrived();
-        writeRemembered();
+        writeRemembered(now);
         keepConfiguration(now);
         tend(now);
         if (forward()) {
@@ -315,6 +320,10 @@ void SpoolTransport::openSpool(Clock::time_point now) {
         return;
     }
     m_isOpen = true;
+    {
+        const std::lock_guard<std::mutex> sending(m_sendMutex);
+        logDiskTrouble("");
+    }
     const auto remembered = readRememberedControl(m_spool.folder());
     KYO_LOG(5, m_spool.waiting() << " envelopes of an earlier run wait in the spool");
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -333,21 +342,19 @@ void SpoolTransport::openSpool(Clock::time_point now) {
 
 void SpoolTransport::retryPending(Clock::time_point now) {
     const std::lock_guard<std::mutex> sending(m_sendMutex);
-    if (!m_isOpen || now < m_nextTry || (!m_pending && m_diskTrouble.empty())) {
+    if (!m_isOpen || now < m_nextTry || !m_pending) {
         return;
     }
     std::string cause;
-    if (m_pending && m_spool.store(*m_pending, cause) == Spool::Stored::NotYet) {
+    if (m_spool.store(*m_pending, cause) == Spool::Stored::NotYet) {
         m_nextTry = now + kRetry;
         logDiskTrouble(cause);
         return;
     }
     logDiskTrouble("");
-    if (m_pending) {
-        m_lastStored = m_pending->messageId;
-        m_pending.reset();
-        answer();
-    }
+    m_lastStored = m_pending->messageId;
+    m_pending.reset();
+    answer();
 }
 
 void SpoolTransport::settleArrived() {
@@ -371,18 +378,28 @@ void SpoolTransport::settleArrived() {
     }
 }
 
-void SpoolTransport::writeRemembered() {
-    RememberedControl now;
+void SpoolTransport::writeRemembered(Clock::time_point now) {
+    RememberedControl last;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_hasSpoken) {
             return;
         }
         m_control.namesEnvelopes = m_forwarder.isNamed();
-        now = m_control;
+        last = m_control;
     }
-    if (m_isOpen && !(now == m_written) && writeRememberedControl(m_disk, m_spool.folder(), now) == 0) {
-        m_written = now;
+    if (!m_isOpen || last == m_written) {
+        return;
+    }
+    // A backend may give out a ticket with each result, and the disk must not wear out for that.
+    const bool isTicketAlone =
+        last.permitted == m_written.permitted && last.namesEnvelopes == m_written.namesEnvelopes;
+    if (isTicketAlone && now < m_nextTicket) {
+        return;
+    }
+    m_nextTicket = now + kBetweenTickets;
+    if (writeRememberedControl(m_disk, m_spool.folder(), last) == 0) {
+        m_written = last;
     }
 }
 
@@ -420,12 +437,16 @@ bool SpoolTransport::forward() {
         return false;
     }
     SpooledEnvelope envelope;
-    const bool isRead = m_spool.read(*entry, envelope);
+    const Spool::Read outcome = m_spool.read(*entry, envelope);
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (connection != m_connection) {
         return true;
     }
-    if (!isRead) {
+    if (outcome == Spool::Read::NotNow) {
+        m_forwarder.unsent(entry->number, Clock::now());
+        return true;
+    }
+    if (outcome == Spool::Read::Gone) {
         m_forwarder.skip(*entry);
         return true;
     }
@@ -441,7 +462,7 @@ bool SpoolTransport::forward() {
         m_forwarder.skip(*entry);
     } else {
         m_spool.setOnItsWay(entry->number, false);
-        m_forwarder.unsent(entry->number);
+        m_forwarder.unsent(entry->number, Clock::now());
     }
     return true;
 }

@@ -66,7 +66,7 @@ class SpoolTransport : public Transport {
     void openSpool(Clock::time_point now);
     void retryPending(Clock::time_point now);
     void settleArrived();
-    void writeRemembered();
+    void writeRemembered(Clock::time_point now);
     void keepConfiguration(Clock::time_point now);
     bool forward();
     void tend(Clock::time_point now);
@@ -109,8 +109,9 @@ class SpoolTransport : public Transport {
     // Worker only.
     bool m_isOpen = false;
     RememberedControl m_written;
-    Clock::time_point m_nextTry{};   ///< of what the disk did not take
-    Clock::time_point m_nextTend{};  ///< of age and figures
+    Clock::time_point m_nextTry{};     ///< of what the disk did not take
+    Clock::time_point m_nextTend{};    ///< of age and figures
+    Clock::time_point m_nextTicket{};  ///< from then on a new ticket alone is written
     Clock::time_point m_lastTend{};
     std::uint64_t m_deliveredThen = 0;
 

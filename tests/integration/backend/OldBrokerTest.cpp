@@ -191,6 +191,14 @@ TEST(OldBroker, IsNotTriedForEverWithAMessageThatItEndsEachConnectionFor) {
     connection.stop();
 }
 
+TEST(AnyBroker, IsNeverGivenAMessageThatIsLargerThanAllThatMayWaitForIt) {
+    MqttConnection connection({}, "vehicle", {}, {}, {});
+    std::string error;
+    EXPECT_EQ(
+        connection.publish("t", std::string(MqttConnection::kMaxUnconfirmedBytes, 'x'), false, 1, error),
+        MqttConnection::kTooLarge);
+}
+
 TEST(SilentBroker, DoesNotDelayTheEnd) {
     const Listener listener;
     auto transport =

@@ -11,6 +11,7 @@
 #include "Processes.h"
 #include "backend/MqttConnection.h"
 #include "backend/SpoolTransport.h"
+#include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"
@@ -207,14 +208,35 @@ TEST_F(SpoolBackendTest, MovesWhatTheBrokerNeverTakesAsideAndSendsTheOthers) {
     EXPECT_TRUE(m_log.waitFor("moves to bad/"));
 }
 
+class FullDisk : public SpoolDisk {
+  public:
+    int write(const Path& file, std::string_view content) override {
+        return isFull ? ENOSPC : SpoolDisk::write(file, content);
+    }
+    std::atomic<bool> isFull{false};
+};
+
+TEST_F(SpoolBackendTest, CountsWhatAFullDiskCostsWhenTheNewestAreDropped) {
+    m_settings.spool->whenFull = "newest";
+    kyo::Counter& dropped = kyo::Status::counter("spool.dropped.disk");
+    const auto before = dropped.value();
+    FullDisk disk;
+    Broker broker(m_port);
+    Backend backend(m_settings.mqtt, script());
+    Vehicle vehicle(m_settings, disk);
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    disk.isFull = true;
+    vehicle.send(1, 3);
+    EXPECT_EQ(dropped.value() - before, 3u);
+    EXPECT_EQ(m_log.messages(3).size(), 1u);  // the cause, once
+    EXPECT_FALSE(m_log.hasPart(5, "takes envelopes again"));
+    disk.isFull = false;
+    vehicle.send(4, 4);
+    EXPECT_TRUE(m_log.waitFor("takes envelopes again"));
+    EXPECT_TRUE(eventually([&] { return stored() == std::set<std::string>{"4"}; }));
+}
+
 TEST_F(SpoolBackendTest, AnswersNothingWhileTheDiskTakesNothingAndLosesNothingByIt) {
-    class FullDisk : public SpoolDisk {
-      public:
-        int write(const Path& file, std::string_view content) override {
-            return isFull ? ENOSPC : SpoolDisk::write(file, content);
-        }
-        std::atomic<bool> isFull{false};
-    };
     FullDisk disk;
     Broker broker(m_port);
     Backend backend(m_settings.mqtt, script());
@@ -229,6 +251,33 @@ TEST_F(SpoolBackendTest, AnswersNothingWhileTheDiskTakesNothingAndLosesNothingBy
     ASSERT_TRUE(vehicle.awaitControls(2));
     vehicle.send(2, 2);
     EXPECT_TRUE(eventually([&] { return stored().size() == 2; }));
+}
+
+TEST_F(SpoolBackendTest, SendsAgainWhatABrokerConfirmedAndThenLost) {
+    for (const bool isNamed : {false, true}) {
+        vlmBackend::Settings settings = script();
+        settings.namesEnvelopes = isNamed;
+        const std::string id = isNamed ? "named" : "unnamed";
+        Broker broker(m_port);
+        Vehicle vehicle(m_settings);
+        {
+            vlmBackend::Settings silent = settings;
+            silent.results = {vlmBackend::kSilence};
+            silent.store.clear();
+            Backend backend(m_settings.mqtt, silent);
+            ASSERT_TRUE(vehicle.awaitControls(1));
+            const auto controls = vehicle.controls().size();
+            EXPECT_EQ(vehicle.transport().send(envelope(id)), 0);
+            ASSERT_TRUE(vehicle.awaitControls(controls + 1));
+            ASSERT_TRUE(
+                eventually([&] { return backend.topics().size() == 1; }));  // so the broker confirmed it
+        }
+        broker.restart("allow_anonymous true\n");
+        // The opening that comes first on the new connection is no result.
+        Backend backend(m_settings.mqtt, settings);
+        EXPECT_TRUE(eventually([&] { return stored().count(id) == 1; }));
+        EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
+    }
 }
 
 TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {

@@ -9,6 +9,7 @@ import fcntl
 import json
 import os
 import pty
+import re
 import select
 import signal
 import socket
@@ -132,6 +133,22 @@ class Run(unittest.TestCase):
 
     def test_a_broker_and_its_backend_get_them_as_well(self):
         self.check_reports_of_all_five("--backend", "mqtt")
+
+    def test_the_spool_fills_while_the_broker_is_away_and_drains_when_it_is_back(self):
+        bench = self.start("--backend", "mqtt", "--speed", "20")
+        pattern = r"mosquitto \(pid (\d+)\).*\n  (\S+) -c (\S+)\n"
+        bench.wait_until(lambda: re.search(pattern, bench.text()), "the broker's name")
+        pid, *command = re.search(pattern, bench.text()).groups()
+        bench.wait_until(lambda: "Report DriveReport" in bench.text(), "a report")
+        os.kill(int(pid), signal.SIGKILL)
+        bench.wait_until(lambda: re.search(r"[2-9] envelopes wait in the spool", bench.text()), "a spool that fills")
+        broker = subprocess.Popen([command[0], "-c", command[1]], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            bench.wait_until(lambda: "the spool is empty again" in bench.text(), "a spool that drains")
+            self.check_end(bench)
+        finally:
+            broker.kill()
+            broker.wait()
 
     def test_everything_that_the_catalog_names_can_be_collected_at_once(self):
         config = SOURCE / "examples/collector-everything.json"

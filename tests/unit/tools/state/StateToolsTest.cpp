@@ -113,6 +113,10 @@ TEST(StatusText, TheLiveLineShowsTheEssentialsAndTheRateBetweenTwoCalls) {
     const std::string second = line.next(snapshot("350", "6"), start + std::chrono::seconds(2));
     EXPECT_THAT(second, HasSubstr("samples 350 (125/s)"));
     EXPECT_THAT(second, HasSubstr("lost 7, log lines dropped 6"));
+    EXPECT_THAT(tools::LiveLine().next(snapshotOf(R"({"spool":{"waiting":12,"bytes":49152,"oldestSeconds":75,
+                    "remainingSeconds":6.3}})"),
+                                       start),
+                HasSubstr("spool 12 (48 KiB, oldest 75 s, empty in 6 s)"));
     EXPECT_THAT(line.next(snapshot("5", "6"), start + std::chrono::seconds(3)), HasSubstr("samples 5, "))
         << "a restarted process has no rate yet";
 }

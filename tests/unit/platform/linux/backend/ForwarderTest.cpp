@@ -192,7 +192,7 @@ TEST_F(ForwarderTest, WaitsBeforeABacklogButNotWithWhatIsNew) {
     EXPECT_EQ(send(), Numbers{});
     take(0, 0);
     EXPECT_EQ(send(), Numbers{2});
-    m_forwarder.unsent(2);
+    m_forwarder.unsent(2, m_now);
     EXPECT_EQ(send(), Numbers{});
     m_now += 1s;
     EXPECT_EQ(send(), Numbers{2});

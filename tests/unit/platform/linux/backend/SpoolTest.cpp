@@ -1,5 +1,6 @@
 /// The spool on disk: order, limits, what cannot be used, and what a power cut leaves.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -41,7 +42,7 @@ std::vector<std::string> idsIn(Spool& spool) {
     std::uint64_t after = 0;
     while (const auto entry = spool.next(after)) {
         after = entry->number;
-        if (SpooledEnvelope read; spool.read(*entry, read)) {
+        if (SpooledEnvelope read; spool.read(*entry, read) == Spool::Read::Whole) {
             ids.push_back(read.messageId);
         }
     }
@@ -211,6 +212,19 @@ TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
     EXPECT_FALSE(fs::exists(Spool::fileOf(spool->folder() / "bad", {1, 141})));
 }
 
+TEST_F(SpoolTest, LeavesAFileWhereItIsWhileTheSystemHasNoDescriptorForIt) {
+    auto spool = opened();
+    store(*spool, envelope("a"));
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    SpooledEnvelope read;
+    EXPECT_EQ(spool->read(*spool->next(0), read), Spool::Read::NotNow);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(idsIn(*spool), std::vector<std::string>{"a"});
+}
+
 TEST_F(SpoolTest, KeepsNothingOfAnEnvelopeThatTheDiskDoesNotTake) {
     auto spool = opened();
     m_disk.refusal = ENOSPC;
@@ -361,7 +375,7 @@ TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndRestoresNothingWhoseDeletion
             std::set<std::uint64_t> found;
             for (auto entry = spool.next(0); entry; entry = spool.next(entry->number)) {
                 SpooledEnvelope read;
-                ASSERT_TRUE(spool.read(*entry, read)) << "a name with half a content";
+                ASSERT_EQ(spool.read(*entry, read), Spool::Read::Whole) << "a name with half a content";
                 EXPECT_EQ(read.messageId, std::to_string(read.number));
                 found.insert(read.number);
             }
