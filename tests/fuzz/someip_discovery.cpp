@@ -33,6 +33,7 @@ struct Witness : SdObserver {
     void serviceDown(const RemoteService& service, const char*) override {
         require(up.erase(service.key) == 1, "only a service that is up goes down");
     }
+    void offerUnusable(const ServiceKey&, const Endpoint&, const char*) override {}
     void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) override {
         require(state == SubscriptionState::Idle || up.contains(eventgroup.service),
                 "only what is offered is subscribed");

@@ -29,6 +29,7 @@ struct Counters {
     kyo::Counter& sdSent = kyo::Status::counter("someip.sd.sent");            ///< messages
     kyo::Counter& sdMalformed = kyo::Status::counter("someip.sd.malformed");  ///< datagrams
     kyo::Counter& sdForeign = kyo::Status::counter("someip.sd.foreign");      ///< from outside the network
+    kyo::Counter& sdUnusable = kyo::Status::counter("someip.sd.unusable");    ///< offers
     kyo::Counter& sdReboots = kyo::Status::counter("someip.sd.reboots");
 };
 

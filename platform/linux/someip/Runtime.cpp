@@ -179,8 +179,8 @@ void Runtime::wake() const {
 }
 
 std::string Runtime::nameOf(const ServiceKey& service) const {
-    const auto known = m_names.find(service.service);
-    return (known == m_names.end() ? std::string() : known->second + " ") + "(" + hex(service.service) +
+    const auto known = m_known.find(service.service);
+    return (known == m_known.end() ? std::string() : known->second.name + " ") + "(" + hex(service.service) +
            ", instance " + std::to_string(service.instance) + ", version " + std::to_string(service.major) +
            ")";
 }
@@ -191,7 +191,7 @@ std::vector<ServiceKey> Runtime::findService(const ac::com::ServiceInterface& se
                                              std::uint16_t instance) {
     const ServiceKey key{service.serviceId, instance, service.majorVersion};
     const std::lock_guard lock(m_guard);
-    m_names.try_emplace(service.serviceId, service.name);
+    m_known.try_emplace(service.serviceId).first->second.name = service.name;
     m_searches.insert(key);
     std::vector<ServiceKey> found;
     if (m_network != nullptr) {
@@ -209,7 +209,7 @@ std::shared_ptr<EventReceiver> Runtime::receive(const ac::com::ServiceInterface&
                                                 EventReceiver::Handler handler) {
     auto receiver = std::make_shared<EventReceiver>(service, instance, event, std::move(handler));
     const std::lock_guard lock(m_guard);
-    m_names.try_emplace(service.serviceId, service.name);
+    m_known.try_emplace(service.serviceId).first->second.name = service.name;
     m_receivers.push_back(receiver);
     m_routesVersion.fetch_add(1);
     if (m_network != nullptr) {
@@ -289,7 +289,7 @@ bool Runtime::offer(const std::shared_ptr<ServiceProvider>& provider) {
                               << " is not offered: the middleware was started for clients only");
         return false;
     }
-    m_names.try_emplace(provider->key().service, provider->service().name);
+    m_known.try_emplace(provider->key().service).first->second.name = provider->service().name;
     provider->offered = true;
     if (std::ranges::find(m_providers, provider) == m_providers.end()) {
         m_providers.push_back(provider);
@@ -331,24 +331,45 @@ void Runtime::stopOffer(const std::shared_ptr<ServiceProvider>& provider) {
 
 // ---------------------------------------------------------------------------------------------- changes
 
+void Runtime::logChange(const RemoteService& service, const char* what, const std::string& reason) {
+    const auto known = m_known.find(service.key.service);
+    ChangeLimit& limit = known == m_known.end() ? m_otherChanges : known->second.changes;
+    if (const auto unlogged = limit.note(Clock::now())) {
+        KYO_LOG(known == m_known.end() ? 7 : 5, "Service " << nameOf(service.key) << what
+                                                           << toText(service.endpoint) << reason
+                                                           << more(*unlogged));
+    }
+}
+
 void Runtime::serviceUp(const RemoteService& service) {
     m_routesVersion.fetch_add(1);
-    const bool wanted = m_names.contains(service.key.service);
-    KYO_LOG(wanted ? 5 : 7, "Service " << nameOf(service.key) << " found at " << toText(service.endpoint));
+    logChange(service, " found at ", "");
 }
 
 void Runtime::serviceDown(const RemoteService& service, const char* reason) {
     m_routesVersion.fetch_add(1);
-    const bool wanted = m_names.contains(service.key.service);
-    KYO_LOG(wanted ? 5 : 7,
-            "Service " << nameOf(service.key) << " lost at " << toText(service.endpoint) << ": " << reason);
+    logChange(service, " lost at ", std::string(": ") + reason);
+}
+
+void Runtime::offerUnusable(const ServiceKey& service, const Endpoint& peer, const char* reason) {
+    counters().sdUnusable.add();
+    const auto known = m_known.find(service.service);
+    RateLimit& limit = known == m_known.end() ? m_otherUnusable : known->second.unusable;
+    if (const auto unlogged = limit.note(Clock::now())) {
+        KYO_LOG(known == m_known.end() ? 7 : 3, "The offer of service "
+                                                    << nameOf(service) << " by " << toText(peer)
+                                                    << " is ignored: " << reason << more(*unlogged));
+    }
 }
 
 void Runtime::subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) {
     m_routesVersion.fetch_add(1);
+    const auto unlogged = m_subscriptionChanges[eventgroup].note(Clock::now());
     const auto log = [&](int level, const char* what) {
-        KYO_LOG(level, "Eventgroup " << hex(eventgroup.eventgroup) << " of service "
-                                     << nameOf(eventgroup.service) << what);
+        if (unlogged) {
+            KYO_LOG(level, "Eventgroup " << hex(eventgroup.eventgroup) << " of service "
+                                         << nameOf(eventgroup.service) << what << more(*unlogged));
+        }
     };
     switch (state) {
         case SubscriptionState::Idle:
@@ -368,7 +389,8 @@ void Runtime::subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionS
             break;
         case SubscriptionState::Refused:
             // The request is repeated, but logged once.
-            log(m_refused.insert(eventgroup).second ? 3 : 7, ": subscription refused by the service");
+            log(unlogged && m_refused.insert(eventgroup).second ? 3 : 7,
+                ": subscription refused by the service");
             break;
     }
 }
@@ -381,9 +403,11 @@ void Runtime::multicastGiven(const EventgroupKey& eventgroup, const Endpoint& gr
 }
 
 void Runtime::subscriberChanged(const EventgroupKey& eventgroup, const Endpoint& receiver, bool subscribed) {
-    KYO_LOG(5, "Eventgroup " << hex(eventgroup.eventgroup) << " of service " << nameOf(eventgroup.service)
-                             << (subscribed ? " is subscribed by " : " is no longer subscribed by ")
-                             << toText(receiver));
+    if (const auto unlogged = m_subscriberChanges[eventgroup].note(Clock::now())) {
+        KYO_LOG(5, "Eventgroup " << hex(eventgroup.eventgroup) << " of service " << nameOf(eventgroup.service)
+                                 << (subscribed ? " is subscribed by " : " is no longer subscribed by ")
+                                 << toText(receiver) << more(*unlogged));
+    }
     for (const auto& provider : m_providers) {
         if (provider->key() != eventgroup.service) {
             continue;
@@ -407,7 +431,9 @@ void Runtime::subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint&
 
 void Runtime::peerRebooted(const Endpoint& peer) {
     counters().sdReboots.add();
-    KYO_LOG(5, "Peer " << toText(peer) << " has rebooted");
+    if (const auto unlogged = m_reboots.note(Clock::now())) {
+        KYO_LOG(5, "Peer " << toText(peer) << " has rebooted" << more(*unlogged));
+    }
 }
 
 void Runtime::notify(std::vector<Notice>& notices, const std::atomic<bool>* stop) {
@@ -661,9 +687,13 @@ void Runtime::joinGroups(NetworkAccess& network, const Worker& worker) {
             inlet.socket = UdpSocket::open(wanted->first, options, error);
             if (inlet.socket != nullptr) {
                 worker.watch(inlet.socket->fd());
-                KYO_LOG(5, "Events come by multicast to " << toText(wanted->first));
-            } else {
-                KYO_LOG(3, "Events by multicast cannot be received: " << error);
+            }
+            if (const auto unlogged = m_groupChanges.note(Clock::now())) {
+                if (inlet.socket != nullptr) {
+                    KYO_LOG(5, "Events come by multicast to " << toText(wanted->first) << more(*unlogged));
+                } else {
+                    KYO_LOG(3, "Events by multicast cannot be received: " << error << more(*unlogged));
+                }
             }
         }
         ++wanted;

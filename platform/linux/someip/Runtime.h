@@ -87,6 +87,7 @@ class Runtime final : private SdObserver {
     // SdObserver. Called with the lock held.
     void serviceUp(const RemoteService& service) override;
     void serviceDown(const RemoteService& service, const char* reason) override;
+    void offerUnusable(const ServiceKey& service, const Endpoint& peer, const char* reason) override;
     void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) override;
     void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) override;
     void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
@@ -99,6 +100,7 @@ class Runtime final : private SdObserver {
     void applyOffer(const ServiceProvider& provider, Clock::time_point now);
     std::vector<EventDispatcher::Route> routes() const;
     std::string nameOf(const ServiceKey& service) const;
+    void logChange(const RemoteService& service, const char* what, const std::string& reason);
     void subscriberChanged(const EventgroupKey& eventgroup, const Endpoint& receiver, bool subscribed);
     void wake() const;
 
@@ -110,7 +112,7 @@ class Runtime final : private SdObserver {
     void refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSeen);
     void receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
                        EventDispatcher& dispatcher, std::uint64_t& routesSeen);
-    static void joinGroups(NetworkAccess& network, const Worker& worker);
+    void joinGroups(NetworkAccess& network, const Worker& worker);
     static void countDropped(NetworkAccess::Inlet& inlet, const DatagramBatch& batch);
     static void notify(std::vector<Notice>& notices, const std::atomic<bool>* stop);
 
@@ -130,9 +132,21 @@ class Runtime final : private SdObserver {
     std::set<ServiceKey> m_searches;
     std::vector<std::shared_ptr<EventReceiver>> m_receivers;
     std::vector<std::shared_ptr<ServiceProvider>> m_providers;
-    std::map<std::uint16_t, std::string> m_names;
-    std::set<EventgroupKey> m_refused;  ///< refusals that were logged
+    /// A service that this process requests or offers.
+    struct KnownService {
+        std::string name;
+        ChangeLimit changes;
+        RateLimit unusable;
+    };
+    std::map<std::uint16_t, KnownService> m_known;
+    std::map<EventgroupKey, ChangeLimit> m_subscriptionChanges;  ///< only of receivers
+    std::map<EventgroupKey, ChangeLimit> m_subscriberChanges;    ///< only of what is offered
+    std::set<EventgroupKey> m_refused;                           ///< refusals that were logged
     std::vector<Notice> m_notices;
+    ChangeLimit m_otherChanges;  ///< of services that this process does not know
+    RateLimit m_otherUnusable;
+    ChangeLimit m_reboots;
+    ChangeLimit m_groupChanges;
     RateLimit m_sdMalformed;
     RateLimit m_sdForeign;
 };

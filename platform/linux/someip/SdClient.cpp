@@ -16,6 +16,9 @@ constexpr auto kBackOffMost = 8s;
 /// A failed subscription is retried at an offer. If none comes within this time after the back-off, it is
 /// retried without one: the server may have a long offer cycle.
 constexpr auto kRetryWithoutOffer = 2s;
+/// An instance that has been silent for so long has moved when another peer offers it: a peer that lives
+/// acknowledges our renewals meanwhile.
+constexpr auto kMovedAfter = 5s;
 
 Clock::time_point after(std::uint32_t ttlSeconds, Clock::time_point now) {
     return ttlSeconds == kTtlUntilReboot ? Clock::time_point::max() : now + std::chrono::seconds(ttlSeconds);
@@ -102,7 +105,7 @@ void SdClient::wantEventgroup(const EventgroupKey& eventgroup, Clock::time_point
     }
     want(eventgroup.service, now);
     if (const auto* service = find(eventgroup.service)) {
-        request(eventgroup, subscription, *service, now);
+        request(eventgroup, subscription, *service, false, now);
     }
 }
 
@@ -132,9 +135,18 @@ SdEntry SdClient::subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) co
 }
 
 void SdClient::request(const EventgroupKey& key, Subscription& subscription, const RemoteService& service,
-                       Clock::time_point now) {
-    m_outbox.to(service.peer).add(subscribeEntry(key, m_times.ttlSeconds));
+                       bool byMulticastOffer, Clock::time_point now) {
+    const bool missed = byMulticastOffer && subscription.byMulticastOffer && !subscription.answered;
+    auto entry = subscribeEntry(key, m_times.ttlSeconds);
+    entry.initialDataRequested = missed || subscription.state != SubscriptionState::Acknowledged;
+    // Some servers remember a refusal, or half a subscription, until it is stopped.
+    if (subscription.state == SubscriptionState::Refused || (missed && !service.explicitInitialData)) {
+        m_outbox.to(service.peer).addPair(subscribeEntry(key, 0), std::move(entry));
+    } else {
+        m_outbox.to(service.peer).add(std::move(entry));
+    }
     subscription.answered = false;
+    subscription.byMulticastOffer = byMulticastOffer;
     // Renewed without an offer, for a TTL that is shorter than the offers' cycle.
     subscription.renewAt =
         m_times.ttlSeconds == kTtlUntilReboot
@@ -160,7 +172,7 @@ void SdClient::set(const EventgroupKey& key, Subscription& subscription, Subscri
     }
 }
 
-void SdClient::subscribeAll(const RemoteService& service, Clock::time_point now) {
+void SdClient::subscribeAll(const RemoteService& service, bool byMulticastOffer, Clock::time_point now) {
     const auto [first, last] = subscriptionsOf(service.key);
     for (auto one = first; one != last; ++one) {
         Subscription& subscription = one->second;
@@ -169,47 +181,67 @@ void SdClient::subscribeAll(const RemoteService& service, Clock::time_point now)
         }
         // The first retry comes with the first offer after an unanswered request; later ones back off.
         const bool unanswered = subscription.state == SubscriptionState::Requested && !subscription.answered;
-        request(one->first, subscription, service, now);
+        request(one->first, subscription, service, byMulticastOffer, now);
         if (unanswered) {
             failed(subscription, now);
         }
     }
 }
 
-void SdClient::onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {
+/// Returns nullptr for an offer that can be used.
+const char* SdClient::whyUnusable(const ServiceKey& key, const SdEntry& entry) const {
+    if (key.instance == 0 || key.instance == kAnyInstance || key.major == kAnyMajor) {
+        return "it names no instance or version";
+    }
+    if (entry.unicast.empty()) {
+        return entry.otherEndpoint ? "it has no endpoint for UDP over IPv4" : "it has no endpoint";
+    }
+    if (entry.contradictory()) {
+        return "its endpoints contradict each other";
+    }
+    if (entry.unicast.front().port == 0) {
+        return "its port is 0";
+    }
+    return m_network.contains(entry.unicast.front().address) ? nullptr
+                                                             : "its endpoint is outside of the network";
+}
+
+void SdClient::onOffer(const SdEntry& entry, const SdOrigin& from, Clock::time_point now) {
+    const Endpoint& peer = from.peer;
     const ServiceKey key{entry.service, entry.instance, entry.major};
     const auto known = m_offers.find(key);
     if (entry.ttl == 0) {
         // Only the offering peer may stop the offer.
         if (known != m_offers.end() && known->second.service.peer == peer) {
-            lose(known, "its offer was stopped", now);
+            lose(known, "its offer was stopped", now, After::Wait);
         }
         return;
     }
-    if (key.instance == kAnyInstance || key.major == kAnyMajor || entry.unicast.empty() ||
-        !m_network.contains(entry.unicast.front().address) || entry.unicast.front().port == 0) {
+    if (const char* const reason = whyUnusable(key, entry)) {
+        m_observer.offerUnusable(key, peer, reason);
         return;
     }
     const Endpoint endpoint = entry.unicast.front();
     if (known != m_offers.end()) {
-        if (known->second.service.peer != peer) {
-            // An instance has one server: another peer's offer is ignored until this offer ends.
+        if (known->second.service.peer != peer && now - known->second.heard < kMovedAfter) {
+            m_observer.offerUnusable(key, peer, "another peer offers the same instance");
             return;
         }
-        if (known->second.service.endpoint == endpoint) {
+        if (known->second.service.peer == peer && known->second.service.endpoint == endpoint) {
             known->second.expiry = after(entry.ttl, now);
-            subscribeAll(known->second.service, now);
+            known->second.heard = now;
+            known->second.service.explicitInitialData = from.explicitInitialData;
+            subscribeAll(known->second.service, from.multicast, now);
             return;
         }
-        lose(known, "its endpoint changed", now);
+        lose(known, "its endpoint changed", now, After::Wait);
     }
     if (m_offers.size() >= (isWanted(key) ? 2 * kMaxOffers : kMaxOffers)) {
+        m_observer.offerUnusable(key, peer, "too many services are offered");
         return;
     }
-    const auto added = m_offers
-                           .insert_or_assign(key, Offer{{key, entry.minor, endpoint, peer, ++m_lives},
-                                                        after(entry.ttl, now)})
-                           .first;
+    const RemoteService service{key, entry.minor, endpoint, peer, ++m_lives, from.explicitInitialData};
+    const auto added = m_offers.insert_or_assign(key, Offer{service, after(entry.ttl, now), now}).first;
     for (auto& [wanted, search] : m_searches) {
         if (matches(wanted, key)) {
             search.next = Clock::time_point::max();
@@ -221,16 +253,18 @@ void SdClient::onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_p
         one->second.notBefore = Clock::time_point::min();
     }
     m_observer.serviceUp(added->second.service);
-    subscribeAll(added->second.service, now);
+    subscribeAll(added->second.service, from.multicast, now);
 }
 
 void SdClient::onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {
     const EventgroupKey key{{entry.service, entry.instance, entry.major}, entry.eventgroup};
     const auto found = m_subscriptions.find(key);
-    const auto* service = find(key.service);
-    if (found == m_subscriptions.end() || service == nullptr || service->peer != peer || entry.counter != 0) {
+    const auto offer = m_offers.find(key.service);
+    if (found == m_subscriptions.end() || offer == m_offers.end() || offer->second.service.peer != peer ||
+        entry.counter != 0) {
         return;
     }
+    offer->second.heard = now;
     Subscription& subscription = found->second;
     if (subscription.state == SubscriptionState::Idle) {
         return;
@@ -250,17 +284,19 @@ void SdClient::onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clo
     }
 }
 
-SdClient::Offers::iterator SdClient::lose(Offers::iterator offer, const char* reason, Clock::time_point now) {
+SdClient::Offers::iterator SdClient::lose(Offers::iterator offer, const char* reason, Clock::time_point now,
+                                          After after) {
     const RemoteService service = offer->second.service;
     const auto next = m_offers.erase(offer);
     const auto [first, last] = subscriptionsOf(service.key);
     for (auto one = first; one != last; ++one) {
         one->second.renewAt = Clock::time_point::max();
+        one->second.byMulticastOffer = false;
         set(one->first, one->second, SubscriptionState::Idle);
     }
     m_observer.serviceDown(service, reason);
     for (auto& [wanted, search] : m_searches) {
-        if (matches(wanted, service.key) && !isOffered(wanted)) {
+        if (after == After::Search && matches(wanted, service.key) && !isOffered(wanted)) {
             startSearch(search, now);
         }
     }
@@ -287,7 +323,7 @@ void SdClient::onTime(Clock::time_point now) {
             if (const auto* service = find(key.service)) {
                 const bool unanswered =
                     subscription.state == SubscriptionState::Requested && !subscription.answered;
-                request(key, subscription, *service, now);
+                request(key, subscription, *service, false, now);
                 if (unanswered) {
                     failed(subscription, now);
                 }

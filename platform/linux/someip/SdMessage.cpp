@@ -10,6 +10,8 @@ constexpr std::size_t kEntrySize = 16;
 constexpr std::size_t kSdFixedSize = 12;  // flags, length of entries, length of options
 constexpr std::uint8_t kFlagReboot = 0x80;
 constexpr std::uint8_t kFlagUnicast = 0x40;
+constexpr std::uint8_t kFlagExplicitInitialData = 0x20;
+constexpr std::uint8_t kInitialDataRequested = 0x80;  // of the byte with the counter
 constexpr std::uint16_t kIpv4OptionLength = 9;
 constexpr std::uint16_t kIpv6OptionLength = 0x15;
 constexpr std::size_t kOptionHeaderSize = 3;  // length and type
@@ -17,7 +19,7 @@ constexpr std::size_t kMaxRun = 15;           // options of one run: 4 bits
 
 /// The used part of an option. An option of another kind keeps its index.
 struct Option {
-    enum Kind : std::uint8_t { Other, Unicast, Multicast } kind = Other;
+    enum Kind : std::uint8_t { Other, Unicast, Multicast, OtherUnicast } kind = Other;
     Endpoint endpoint;
 
     bool operator==(const Option&) const = default;
@@ -46,7 +48,9 @@ bool parseOptions(std::span<const std::uint8_t> bytes, std::vector<Option>& out,
                         "IPv4 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
                     return false;
                 }
-                if (type != SdOptionType::Ipv4SdEndpoint && bytes[9] == kProtocolUdp) {
+                if (type == SdOptionType::Ipv4Endpoint && bytes[9] != kProtocolUdp) {
+                    option.kind = Option::OtherUnicast;
+                } else if (type != SdOptionType::Ipv4SdEndpoint && bytes[9] == kProtocolUdp) {
                     option.kind = type == SdOptionType::Ipv4Endpoint ? Option::Unicast : Option::Multicast;
                     option.endpoint = {loadBig<std::uint32_t>(bytes.data() + 4),
                                        loadBig<std::uint16_t>(bytes.data() + 10)};
@@ -60,6 +64,7 @@ bool parseOptions(std::span<const std::uint8_t> bytes, std::vector<Option>& out,
                         "IPv6 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
                     return false;
                 }
+                option.kind = type == SdOptionType::Ipv6Endpoint ? Option::OtherUnicast : Option::Other;
                 break;
             default:
                 break;
@@ -82,6 +87,8 @@ bool collect(const std::vector<Option>& options, std::size_t first, std::size_t 
             entry.unicast.push_back(options[i].endpoint);
         } else if (options[i].kind == Option::Multicast) {
             entry.multicast.push_back(options[i].endpoint);
+        } else if (options[i].kind == Option::OtherUnicast) {
+            entry.otherEndpoint = true;
         }
     }
     return true;
@@ -104,6 +111,7 @@ bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, Sd
     out.session = header.session;
     out.reboot = (body[0] & kFlagReboot) != 0;
     out.unicast = (body[0] & kFlagUnicast) != 0;
+    out.explicitInitialData = (body[0] & kFlagExplicitInitialData) != 0;
     out.entries.clear();
     const std::size_t entriesSize = loadBig<std::uint32_t>(body.data() + 4);
     if (entriesSize % kEntrySize != 0 || entriesSize > body.size() - kSdFixedSize) {
@@ -136,6 +144,7 @@ bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, Sd
             entry.minor = loadBig<std::uint32_t>(bytes + 12);
         } else {
             entry.counter = bytes[13] & 0x0F;
+            entry.initialDataRequested = (bytes[13] & kInitialDataRequested) != 0;
             entry.eventgroup = loadBig<std::uint16_t>(bytes + 14);
         }
         if (!collect(options, bytes[1], bytes[3] >> 4, entry) ||
@@ -149,7 +158,8 @@ bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, Sd
 }
 
 void SdMessageBuilder::addOnce(SdEntry entry) {
-    const bool waits = std::ranges::any_of(m_entries, [&](const SdEntry& one) {
+    const bool waits = std::ranges::any_of(m_entries, [&](const Waiting& waiting) {
+        const SdEntry& one = waiting.entry;
         return one.type == entry.type && one.service == entry.service && one.instance == entry.instance &&
                one.major == entry.major && one.ttl == entry.ttl;
     });
@@ -165,7 +175,7 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
     std::vector<std::uint8_t> entryBytes;
     std::size_t taken = 0;
     while (first + taken < m_entries.size()) {
-        const SdEntry& entry = m_entries[first + taken];
+        const auto& [entry, withNext] = m_entries[first + taken];
         std::vector<Option> wanted;
         for (const Endpoint& endpoint : entry.unicast) {
             wanted.push_back({Option::Unicast, endpoint});
@@ -177,8 +187,8 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
         const auto found = std::search(options.begin(), options.end(), wanted.begin(), wanted.end());
         const auto index = static_cast<std::size_t>(found - options.begin());
         const std::size_t added = found == options.end() ? wanted.size() : 0;
-        const std::size_t size = kHeaderSize + kSdFixedSize + entryBytes.size() + kEntrySize +
-                                 (options.size() + added) * kOptionSize;
+        const std::size_t size = kHeaderSize + kSdFixedSize + entryBytes.size() +
+                                 (withNext ? 2 : 1) * kEntrySize + (options.size() + added) * kOptionSize;
         // The size limit also keeps option indexes within 8 bits.
         if (taken != 0 && size > kMaxSdMessage) {
             break;
@@ -193,9 +203,11 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
         appendBig(entryBytes, entry.service);
         appendBig(entryBytes, entry.instance);
         appendBig(entryBytes, (std::uint32_t{entry.major} << 24) | (entry.ttl & 0xFFFFFFu));
-        appendBig(entryBytes, entry.isEventgroupEntry()
-                                  ? (std::uint32_t{entry.counter & 0x0Fu} << 16) | entry.eventgroup
-                                  : entry.minor);
+        appendBig(entryBytes,
+                  entry.isEventgroupEntry()
+                      ? (std::uint32_t{entry.initialDataRequested ? kInitialDataRequested : 0u} << 16) |
+                            (std::uint32_t{entry.counter & 0x0Fu} << 16) | entry.eventgroup
+                      : entry.minor);
         ++taken;
     }
 
@@ -210,7 +222,7 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
     out.reserve(kHeaderSize + bodySize);
     out.resize(kHeaderSize);
     writeHeader(header, out.data());
-    const std::uint32_t flags = session.reboot ? kFlagReboot | kFlagUnicast : kFlagUnicast;
+    const std::uint32_t flags = (session.reboot ? kFlagReboot : 0u) | kFlagUnicast | kFlagExplicitInitialData;
     appendBig(out, flags << 24);
     appendBig(out, static_cast<std::uint32_t>(entryBytes.size()));
     out.insert(out.end(), entryBytes.begin(), entryBytes.end());

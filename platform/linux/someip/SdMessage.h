@@ -1,5 +1,6 @@
 #pragma once
 /// Service discovery messages: entries, options and their encoding.
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -46,13 +47,19 @@ struct SdEntry {
     std::uint16_t service = 0;
     std::uint16_t instance = 0;
     std::uint8_t major = 0;
-    std::uint32_t ttl = 0;            ///< seconds, 24 bits
-    std::uint32_t minor = 0;          ///< service entries
-    std::uint8_t counter = 0;         ///< eventgroup entries, 4 bits
-    std::uint16_t eventgroup = 0;     ///< eventgroup entries
-    std::vector<Endpoint> unicast;    ///< IPv4 endpoint options for UDP, in order
-    std::vector<Endpoint> multicast;  ///< IPv4 multicast options for UDP, in order
+    std::uint32_t ttl = 0;              ///< seconds, 24 bits
+    std::uint32_t minor = 0;            ///< service entries
+    std::uint8_t counter = 0;           ///< eventgroup entries, 4 bits
+    bool initialDataRequested = false;  ///< subscribe entries
+    std::uint16_t eventgroup = 0;       ///< eventgroup entries
+    std::vector<Endpoint> unicast;      ///< IPv4 endpoint options for UDP, in order
+    bool otherEndpoint = false;         ///< there are endpoint options, but for TCP or IPv6
+    std::vector<Endpoint> multicast;    ///< IPv4 multicast options for UDP, in order
 
+    /// Two different endpoints for UDP: none of them can be preferred.
+    bool contradictory() const noexcept {
+        return std::ranges::any_of(unicast, [&](const Endpoint& one) { return one != unicast.front(); });
+    }
     bool isEventgroupEntry() const noexcept {
         return type == SdEntryType::Subscribe || type == SdEntryType::SubscribeAck;
     }
@@ -62,6 +69,7 @@ struct SdMessage {
     std::uint16_t session = 0;
     bool reboot = false;
     bool unicast = false;
+    bool explicitInitialData = false;  ///< the sender follows the entries' initialDataRequested
     std::vector<SdEntry> entries;
 };
 
@@ -74,7 +82,12 @@ bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, Sd
 /// equal options only once.
 class SdMessageBuilder {
   public:
-    void add(SdEntry entry) { m_entries.push_back(std::move(entry)); }
+    void add(SdEntry entry) { m_entries.push_back({std::move(entry), false}); }
+    /// Adds two entries with equal options that must follow each other in one message.
+    void addPair(SdEntry first, SdEntry second) {
+        m_entries.push_back({std::move(first), true});
+        m_entries.push_back({std::move(second), false});
+    }
     /// Adds the entry unless one for the same instance is waiting: many equal requests in one message get one
     /// answer.
     void addOnce(SdEntry entry);
@@ -99,7 +112,11 @@ class SdMessageBuilder {
   private:
     std::size_t write(std::size_t first, Session session, std::vector<std::uint8_t>& out) const;
 
-    std::vector<SdEntry> m_entries;
+    struct Waiting {
+        SdEntry entry;
+        bool withNext;  ///< not parted from the entry after it
+    };
+    std::vector<Waiting> m_entries;
 };
 
 }  // namespace someip

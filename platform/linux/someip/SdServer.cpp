@@ -89,7 +89,7 @@ void SdServer::onFind(const SdEntry& entry, const Endpoint& peer) {
 
 bool SdServer::admit(const EventgroupKey& key, const SdEntry& entry, const Endpoint& receiver) {
     const auto service = m_offered.find(key.service);
-    return service != m_offered.end() && !entry.unicast.empty() &&
+    return service != m_offered.end() && !entry.unicast.empty() && !entry.contradictory() &&
            std::ranges::count(service->second.eventgroups, key.eventgroup) != 0 && receiver.port != 0 &&
            m_network.contains(receiver.address);
 }
@@ -105,13 +105,10 @@ void SdServer::onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::ti
             [&](const EventgroupKey& group, const Subscriber& one) { return group == key && same(one); });
         return;
     }
-    SdEntry answer;
+    SdEntry answer = entry;
     answer.type = SdEntryType::SubscribeAck;
-    answer.service = entry.service;
-    answer.instance = entry.instance;
-    answer.major = entry.major;
-    answer.eventgroup = entry.eventgroup;
-    answer.counter = entry.counter;
+    answer.unicast.clear();
+    answer.multicast.clear();
     answer.ttl = 0;
     if (admit(key, entry, receiver)) {
         auto& list = m_subscribers[key];

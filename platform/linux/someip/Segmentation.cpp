@@ -59,7 +59,7 @@ bool Reassembler::add(const SegmentKey& key, std::span<const std::uint8_t> conte
             ++m_ignored;
             return false;
         }
-        set = open(key, now);
+        set = open(key, first, now);
         if (set == nullptr) {
             return false;
         }
@@ -203,8 +203,9 @@ void Reassembler::hold(Set& set, std::size_t bytes) {
     m_held += bytes;
 }
 
-/// None when as many as may be are open: then the message is refused as a whole, and counted once.
-Reassembler::Set* Reassembler::open(const SegmentKey& key, Clock::time_point now) {
+/// None when as many as may be are open: then the message is refused as a whole, and counted once. Where even
+/// the refused ones are too many to remember, it is counted by its first segment.
+Reassembler::Set* Reassembler::open(const SegmentKey& key, bool first, Clock::time_point now) {
     bool full = openSets() >= m_limits.maxOpenSets;
     if (full) {
         // What only repeats a complete message is not worth a place.
@@ -215,6 +216,15 @@ Reassembler::Set* Reassembler::open(const SegmentKey& key, Clock::time_point now
             full = false;
         }
     }
+    if (full && m_refused >= kRefusedPerOpenSet * m_limits.maxOpenSets) {
+        m_forgettingUntil = now + m_limits.timeout;
+        ++(first ? m_dropped : m_ignored);
+        return nullptr;
+    }
+    if (!first && now < m_forgettingUntil) {
+        ++m_ignored;  // probably the rest of one that was refused and not remembered
+        return nullptr;
+    }
     m_sets.emplace_back();
     Set& set = m_sets.back();
     set.key = key;
@@ -224,9 +234,6 @@ Reassembler::Set* Reassembler::open(const SegmentKey& key, Clock::time_point now
         return &set;
     }
     refuse(set);
-    if (m_refused > kRefusedPerOpenSet * m_limits.maxOpenSets) {
-        erase(std::ranges::find_if(m_sets, [](const Set& one) { return one.refused; }));
-    }
     return nullptr;
 }
 
@@ -238,7 +245,7 @@ Reassembler::Set* Reassembler::openAgain(Set& set, std::size_t kept, Clock::time
     front.shrink_to_fit();
     countIncomplete(set);
     erase(m_index.find(key)->second);
-    Set* next = open(key, now);
+    Set* next = open(key, true, now);
     if (next != nullptr) {
         next->front = std::move(front);
         hold(*next, kept);

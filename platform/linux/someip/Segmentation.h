@@ -112,7 +112,7 @@ class Reassembler {
     bool agrees(const Set& set, const SegmentHeader& segment, std::span<const std::uint8_t> bytes) const;
     void insert(Set& set, std::size_t from, std::span<const std::uint8_t> bytes);
     void hold(Set& set, std::size_t bytes);
-    Set* open(const SegmentKey& key, Clock::time_point now);
+    Set* open(const SegmentKey& key, bool first, Clock::time_point now);
     Set* openAgain(Set& set, std::size_t kept, Clock::time_point now);
     void refuse(Set& set);
     void erase(Sets::iterator set);
@@ -129,6 +129,8 @@ class Reassembler {
     Sets m_sets;
     std::unordered_map<SegmentKey, Sets::iterator, KeyHash> m_index;
     std::size_t m_refused = 0;  ///< of the sets
+    Clock::time_point m_forgettingUntil =
+        Clock::time_point::min();  ///< since more were refused than remembered
     std::size_t m_held = 0;
     std::uint64_t m_dropped = 0;
     std::uint64_t m_ignored = 0;

@@ -56,7 +56,7 @@ bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
                     m_server.onFind(entry, from);
                     break;
                 case SdEntryType::Offer:
-                    m_client.onOffer(entry, from, now);
+                    m_client.onOffer(entry, {from, multicast, message.explicitInitialData}, now);
                     break;
                 case SdEntryType::Subscribe:
                     // A subscription is addressed to one server: multicast ones are ignored.

@@ -46,9 +46,10 @@ struct EventgroupKey {
 struct RemoteService {
     ServiceKey key;
     std::uint32_t minor = 0;
-    Endpoint endpoint;       ///< where its events come from
-    Endpoint peer;           ///< its service discovery
-    std::uint64_t life = 0;  ///< differs from one appearance to the next
+    Endpoint endpoint;                 ///< where its events come from
+    Endpoint peer;                     ///< its service discovery
+    std::uint64_t life = 0;            ///< differs from one appearance to the next
+    bool explicitInitialData = false;  ///< its peer sends initial events when a subscription asks for them
 };
 
 enum class SubscriptionState : std::uint8_t {
@@ -64,6 +65,8 @@ class SdObserver {
     virtual ~SdObserver() = default;
     virtual void serviceUp(const RemoteService& service) = 0;
     virtual void serviceDown(const RemoteService& service, const char* reason) = 0;
+    /// An offer that cannot be used, each time it comes.
+    virtual void offerUnusable(const ServiceKey& service, const Endpoint& peer, const char* reason) = 0;
     virtual void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) = 0;
     /// The acknowledgement names a multicast group that carries the events.
     virtual void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) = 0;
@@ -96,6 +99,13 @@ class SdOutbox {
     std::map<Endpoint, SdSessionCounter> m_unicastSessions;
 };
 
+/// The message that an entry came with.
+struct SdOrigin {
+    Endpoint peer;
+    bool multicast = false;
+    bool explicitInitialData = false;
+};
+
 /// The client side: searches services, remembers offers and keeps subscriptions alive.
 class SdClient {
   public:
@@ -121,7 +131,7 @@ class SdClient {
     const RemoteService* find(const ServiceKey& service) const;
     SubscriptionState state(const EventgroupKey& eventgroup) const;
 
-    void onOffer(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
+    void onOffer(const SdEntry& entry, const SdOrigin& from, Clock::time_point now);
     void onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
     void onReboot(const Endpoint& peer, Clock::time_point now);
     void onTime(Clock::time_point now);
@@ -141,11 +151,13 @@ class SdClient {
     struct Offer {
         RemoteService service;
         Clock::time_point expiry;
+        Clock::time_point heard;  ///< the last offer or acknowledgement
     };
     struct Subscription {
         std::uint32_t wishes = 0;
         SubscriptionState state = SubscriptionState::Idle;
         bool answered = false;
+        bool byMulticastOffer = false;  ///< what caused the last request: only then its answer is missed
         std::uint32_t failures = 0;
         Clock::time_point notBefore = Clock::time_point::min();
         Clock::time_point renewAt = Clock::time_point::max();
@@ -158,10 +170,13 @@ class SdClient {
     bool isWanted(const ServiceKey& service) const;
     bool isOffered(const ServiceKey& wanted) const;
     void startSearch(Search& search, Clock::time_point now);
-    Offers::iterator lose(Offers::iterator offer, const char* reason, Clock::time_point now);
-    void subscribeAll(const RemoteService& service, Clock::time_point now);
+    enum class After : std::uint8_t { Search, Wait };  ///< for the next offer
+    Offers::iterator lose(Offers::iterator offer, const char* reason, Clock::time_point now,
+                          After after = After::Search);
+    const char* whyUnusable(const ServiceKey& key, const SdEntry& entry) const;
+    void subscribeAll(const RemoteService& service, bool byMulticastOffer, Clock::time_point now);
     void request(const EventgroupKey& key, Subscription& subscription, const RemoteService& service,
-                 Clock::time_point now);
+                 bool byMulticastOffer, Clock::time_point now);
     void failed(Subscription& subscription, Clock::time_point now);
     void set(const EventgroupKey& key, Subscription& subscription, SubscriptionState state);
     SdEntry subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) const;

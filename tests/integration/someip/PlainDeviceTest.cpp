@@ -104,6 +104,44 @@ TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
     EXPECT_LE(log.messages(3).size(), 1u) << "malformed discovery is told once";
 }
 
+TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAndNamed) {
+    runtime.stop();
+    ASSERT_TRUE(runtime.start(settingsFor(1), true));
+    MeterServer server(runtime);
+    server.base.OfferService();
+    device->sendDiscovery(device->offer());
+    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    log.clear();
+    const auto lines = [&](const char* part) {
+        return std::ranges::count_if(
+            log.messages(-1), [&](const std::string& one) { return one.find(part) != std::string::npos; });
+    };
+    auto wish = device->subscription(kMeter.serviceId, kReadings.eventgroupId);
+    for (int i = 0; i < 100; ++i) {
+        wish.ttl = i % 2 == 0 ? 3 : 0;
+        device->sendDiscovery(wish, &from);
+    }
+    const auto reboots = someip::counters().sdReboots.value();
+    const auto unusable = someip::counters().sdUnusable.value();
+    for (int i = 0; i < 100; ++i) {
+        device->outbox = {};
+        device->sendDiscovery(device->offer());
+        device->sendDiscovery(device->offer(0));
+    }
+    auto noPort = device->offer();
+    noPort.unicast = {{noPort.unicast[0].address, 0}};
+    device->sendDiscovery(noPort);
+    device->sendDiscovery(noPort);
+    ASSERT_TRUE(eventually([&] { return someip::counters().sdUnusable.value() == unusable + 2; }));
+    EXPECT_GE(someip::counters().sdReboots.value(), reboots + 90);
+    for (const char* part : {"subscribed by", "has rebooted", " found at ", " lost at "}) {
+        EXPECT_GE(lines(part), 1) << part;
+        EXPECT_LE(lines(part), 10) << part;
+    }
+    EXPECT_LE(log.lines().size(), 60u);
+    EXPECT_EQ(lines("is ignored: its port is 0"), 1);
+}
+
 // Multicast on the loopback interface: nothing leaves the machine.
 TEST_F(DeviceTalk, EventsMayComeByTheMulticastGroupOfTheAcknowledgement) {
     offer();

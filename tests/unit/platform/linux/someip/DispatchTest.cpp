@@ -265,4 +265,12 @@ TEST(RateLimits, ReportTheFirstAndThenOncePerInterval) {
     }
     EXPECT_EQ(limit.note(now + 60s), 1000u);
     EXPECT_EQ(limit.note(now + 120s), 0u);
+    ChangeLimit changes;
+    int logged = 0;
+    for (int i = 0; i < 1000; ++i) {
+        logged += changes.note(now) ? 1 : 0;
+    }
+    EXPECT_EQ(logged, 10);
+    EXPECT_EQ(more(*changes.note(now + 60s)), " (990 more since the last such message)");
+    EXPECT_EQ(more(*changes.note(now + 60s)), "");
 }

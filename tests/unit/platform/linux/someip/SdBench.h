@@ -26,6 +26,9 @@ struct SdNews : someip::SdObserver {
     void serviceDown(const someip::RemoteService& service, const char*) override {
         news.push_back("down " + text(service.key));
     }
+    void offerUnusable(const someip::ServiceKey& key, const someip::Endpoint&, const char* reason) override {
+        news.push_back("unusable " + text(key) + ": " + reason);
+    }
     void subscriptionChanged(const someip::EventgroupKey& key, someip::SubscriptionState state) override {
         static const char* const names[] = {"idle", "requested", "acknowledged", "refused"};
         news.push_back(std::string(names[static_cast<int>(state)]) + " " + text(key));

@@ -119,8 +119,20 @@ TEST_F(SdClientSteps, OnlyItsOwnerStopsMovesOrAcknowledgesAServiceAndOnlyInsideT
     nowhere.unicast.clear();
     auto any = vehicle.offer(1);
     any.instance = kAnyInstance;
-    hearMulticast(vehicle, {outside, nowhere, any});
-    EXPECT_THAT(observer.take(), IsEmpty());
+    auto noPort = vehicle.offer(1);
+    noPort.unicast = {{0x7F000002, 0}};
+    auto twice = vehicle.offer(1);
+    twice.unicast.push_back({0x7F000002, 40001});
+    hearMulticast(vehicle, {outside, nowhere, any, noPort, twice});
+    auto overTcp = vehicle.message(true, {vehicle.offer(1)});
+    overTcp.at(53) = 6;
+    hear(vehicle, true, overTcp);
+    EXPECT_THAT(
+        observer.take(),
+        ElementsAre("unusable 1.1: its endpoint is outside of the network",
+                    "unusable 1.1: it has no endpoint", "unusable 1.65535: it names no instance or version",
+                    "unusable 1.1: its port is 0", "unusable 1.1: its endpoints contradict each other",
+                    "unusable 1.1: it has no endpoint for UDP over IPv4"));
 
     want(kGroup1);
     hearOffer();
@@ -129,7 +141,7 @@ TEST_F(SdClientSteps, OnlyItsOwnerStopsMovesOrAcknowledgesAServiceAndOnlyInsideT
     hearMulticast(stranger, {stranger.offer(1, 0)});
     hearUnicast(stranger, {SdPeer::acknowledge(1, 1)});
     hearMulticast(vehicle, {SdPeer::acknowledge(1, 1)});
-    EXPECT_THAT(observer.take(), IsEmpty());
+    EXPECT_THAT(observer.take(), ElementsAre("unusable 1.1: another peer offers the same instance"));
     EXPECT_EQ(client().find(kService1)->endpoint, (Endpoint{0x7F000002, 40000}));
     EXPECT_EQ(client().state(kGroup1), SubscriptionState::Requested);
 }
@@ -176,11 +188,94 @@ TEST_F(SdClientSteps, AMissingAnswerOrARefusalIsTriedAgainAtOffersWithGrowingDel
     hearOffer();
     advance(1s);
     hearOffer();
-    ASSERT_THAT(takeSent(), ElementsAre("subscribe 1.1/1"));
+    ASSERT_THAT(takeSent(), ElementsAre("stop-subscribe 1.1/1", "subscribe 1.1/1"));
     hearAcknowledgement();
     EXPECT_EQ(client().state(kGroup1), SubscriptionState::Acknowledged);
     hearAcknowledgement(1, 0);
     EXPECT_EQ(triedAfter(true).at(0), 1) << "once accepted, no back-off is left";
+}
+
+TEST_F(SdClientSteps, AfterAMissedAnswerItStopsAndSubscribesInOneMessageOrAsksForInitialData) {
+    const auto offer = [&](bool multicast, bool explicitInitialData) {
+        auto message = vehicle.message(multicast, {vehicle.offer(1)});
+        message.at(kHeaderSize) &= explicitInitialData ? 0xFF : 0xDF;
+        hear(vehicle, multicast, message);
+    };
+    const auto asksForInitialData = [&] { return sent.back().message.entries.back().initialDataRequested; };
+    want(kGroup1);
+    want(kGroup2);
+    offer(true, false);
+    EXPECT_TRUE(asksForInitialData());
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1", "subscribe 1.1/2"));
+    advance(1s);
+    offer(false, false);
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1", "subscribe 1.1/2"))
+        << "only for the group's offers";
+    hearAcknowledgement(1);
+    hearAcknowledgement(2);
+    offer(true, false);
+    EXPECT_FALSE(asksForInitialData());
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1", "subscribe 1.1/2"));
+    hearAcknowledgement(1);
+    offer(true, false);
+    ASSERT_THAT(sent, SizeIs(1));
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1", "stop-subscribe 1.1/2", "subscribe 1.1/2"));
+    hearAcknowledgement(1);
+    offer(true, true);
+    EXPECT_TRUE(asksForInitialData());
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1", "subscribe 1.1/2"));
+
+    // The two stay together where the entries fill several messages.
+    for (std::uint16_t group = 3; group <= 100; ++group) {
+        want({kService1, group});
+    }
+    offer(true, false);
+    takeSent();
+    advance(1s);
+    offer(true, false);
+    ASSERT_GE(sent.size(), 3u);
+    for (const auto& one : sent) {
+        for (std::size_t i = 0; i < one.message.entries.size(); ++i) {
+            const auto& entry = one.message.entries[i];
+            if (entry.ttl == 0) {
+                ASSERT_LT(i + 1, one.message.entries.size());
+                EXPECT_EQ(one.message.entries[i + 1].eventgroup, entry.eventgroup);
+                EXPECT_NE(one.message.entries[i + 1].ttl, 0u);
+            }
+        }
+    }
+}
+
+TEST_F(SdClientSteps, AServiceThatMovedIsFoundAtItsNewPeerOnceTheOldOneIsSilent) {
+    want(kGroup1);
+    hearOffer(kTtlUntilReboot);
+    for (int second = 0; second < 10; ++second) {
+        hearAcknowledgement(1, kTtlUntilReboot);
+        advance(1s);
+        hearMulticast(stranger, {stranger.offer(1)});
+    }
+    EXPECT_EQ(client().find(kService1)->peer, vehicle.endpoint) << "it lives: it acknowledges";
+    observer.take();
+    advance(4s);
+    takeSent();
+    hearMulticast(stranger, {stranger.offer(1)});
+    EXPECT_THAT(observer.take(),
+                ElementsAre("idle 1.1/1", "down 1.1", "up 1.1 127.0.0.3:40000", "requested 1.1/1"));
+    ASSERT_THAT(sent, SizeIs(1));
+    EXPECT_EQ(sent[0].to, stranger.endpoint);
+}
+
+TEST_F(SdClientSteps, AStoppedInstanceIsAwaitedAndNotReplacedByAnother) {
+    settle();
+    auto second = vehicle.offer(1);
+    second.instance = 2;
+    hearMulticast(vehicle, {second});
+    hearMulticast(vehicle, {vehicle.offer(1, 0)});
+    hearMulticast(vehicle, {second});
+    advance(1s);
+    EXPECT_THAT(takeSent(), IsEmpty()) << "neither a subscription of the second nor a find";
+    hearOffer();
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1"));
 }
 
 TEST_F(SdClientSteps, ATtlWithoutEndLastsUntilTheRebootAndARefusalIsTriedAgainEvenWithoutFurtherOffers) {
@@ -221,7 +316,10 @@ TEST_F(SdClientSteps, OffersNobodyWantsAreRememberedOnlyUpToACap) {
     for (std::uint16_t service = 100; service < 100 + 2 * SdClient::kMaxOffers; ++service) {
         hearMulticast(stranger, {stranger.offer(service, 600)});
     }
-    EXPECT_THAT(observer.take(), SizeIs(SdClient::kMaxOffers));
+    auto heard = observer.take();
+    EXPECT_EQ(std::erase_if(heard, [](const std::string& one) { return one.starts_with("unusable"); }),
+              SdClient::kMaxOffers);
+    EXPECT_THAT(heard, SizeIs(SdClient::kMaxOffers));
     hearOffer();
     EXPECT_THAT(observer.take(), ElementsAre("up 1.1 127.0.0.2:40000")) << "what is wanted finds its place";
 }

@@ -77,6 +77,11 @@ TEST(SdMessages, UnknownEntriesAndOptionsArePassedOver) {
     EXPECT_TRUE(readDiscovery(with(24, 0x04), message)) << "an entry type that is not known";
     EXPECT_THAT(message.entries, SizeIs(0));
     EXPECT_TRUE(readDiscovery(with(46, 0x77), message)) << "an option type that is not known";
+    auto longer = kOffer;
+    longer.insert(longer.end(), {1, 2, 3});
+    storeBig(&longer[4], static_cast<std::uint32_t>(longer.size() - 8));
+    EXPECT_TRUE(readDiscovery(longer, message)) << "bytes after the options";
+    EXPECT_THAT(message.entries.at(0).unicast, SizeIs(1));
     EXPECT_TRUE(readDiscovery(with(67, 0x06), message)) << "a TCP endpoint";
     ASSERT_THAT(message.entries, SizeIs(1));
     EXPECT_THAT(message.entries[0].unicast, SizeIs(0));

@@ -72,9 +72,11 @@ TEST_F(SdServerSteps, AcknowledgesASubscriptionAndReflectsItsCounter) {
     settle();
     auto entry = client.subscribe(1, 2);
     entry.counter = 5;
+    entry.initialDataRequested = true;
     hearUnicast(client, {entry});
     EXPECT_THAT(observer.take(), ElementsAre("added 1.1/2 127.0.0.3:50000"));
     EXPECT_EQ(sent.at(0).message.entries.at(0).counter, 5);
+    EXPECT_TRUE(sent.at(0).message.entries.at(0).initialDataRequested);
     EXPECT_EQ(sent.at(0).message.entries.at(0).ttl, 3u);
     EXPECT_EQ(sent.at(0).to, client.endpoint);
     EXPECT_THAT(takeSent(), ElementsAre("ack 1.1/2"));
@@ -95,10 +97,12 @@ TEST_F(SdServerSteps, RefusesWhatItDoesNotHave) {
     otherMajor.major = 2;
     nowhere.unicast.clear();
     outside.unicast = {{0x08080808, 50000}};
+    auto twice = good;
+    twice.unicast.push_back({0x7F000003, 50001});
     hearUnicast(client, {client.subscribe(9, 1), client.subscribe(1, 9), otherInstance, otherMajor, nowhere,
-                         outside});
+                         outside, twice});
     EXPECT_THAT(takeSent(), ElementsAre("nack 9.1/1", "nack 1.1/9", "nack 1.2/1", "nack 1.1/1", "nack 1.1/1",
-                                        "nack 1.1/1"));
+                                        "nack 1.1/1", "nack 1.1/1"));
     EXPECT_THAT(observer.take(), IsEmpty());
     hearMulticast(client, {client.subscribe(1, 1)});
     EXPECT_THAT(takeSent(), IsEmpty()) << "a subscription by multicast is not meant for it";

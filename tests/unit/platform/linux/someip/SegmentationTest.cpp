@@ -224,6 +224,22 @@ TEST_F(Joining, HoldsNoMoreThanItsCaps) {
     EXPECT_EQ(reassembler.ignored(), 6u);
     EXPECT_TRUE(join(pattern(5000), 10)) << "the next one finds room";
 
+    // Far more: as many as ever come, each is refused once.
+    now += 1s;
+    reassembler.expire(now);
+    const auto before = reassembler.dropped();
+    joined = 0;
+    for (const auto& bytes : contents) {
+        for (std::uint16_t session = 1; session <= 1000; ++session) {
+            joined += add(bytes, session) ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(joined, 8u);
+    EXPECT_EQ(reassembler.dropped(), before + 992);
+    now += 1s;
+    reassembler.expire(now);
+    EXPECT_EQ(reassembler.dropped(), before + 992);
+
     // One message: an offset alone costs nothing, and is refused where it passes the cap.
     add(content((1u << 20) - 16, true, Bytes(16, 1)), 20);
     EXPECT_LT(reassembler.heldBytes(), 1000u);
