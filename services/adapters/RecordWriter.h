@@ -8,13 +8,20 @@
 
 #include "eb/com/optional.h"
 #include "kyo/Json.h"
+#include "kyo/Status.h"
 
 namespace vlmProd {
 
+/// Members of samples that no record contains, as JSON has neither infinity nor "not a number".
+inline kyo::Counter& notFiniteMembers() {
+    static auto& members = kyo::Status::counter("samples.notFinite");
+    return members;
+}
+
 /// Writes the field under its name: real numbers for float and double, unsigned integers for unsigned fields
 /// and enumerations, integers for signed fields, booleans and texts. Writes nothing when the sample does not
-/// carry the field, or when it is a floating-point number that JSON cannot hold. `name` must live until the
-/// process ends.
+/// carry the field, or, counted, when it is a floating-point number that JSON cannot hold. `name` must live
+/// until the process ends.
 template <typename T>
 void putField(kyo::Json::Value& record, const kyo::Json::StaticString& name,
               const eb::com::optional<T>& field) {
@@ -33,6 +40,8 @@ void putField(kyo::Json::Value& record, const kyo::Json::StaticString& name,
     } else if constexpr (std::is_floating_point_v<T>) {
         if (std::isfinite(*field)) {
             record[name] = kyo::Json::Value(static_cast<double>(*field));
+        } else {
+            notFiniteMembers().add();
         }
     } else if constexpr (std::is_unsigned_v<T>) {
         record[name] = kyo::Json::Value(static_cast<kyo::Json::UInt64>(*field));

@@ -18,7 +18,7 @@ import unittest
 from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import (Vehicle, Vlmmaster, fake_clock, faster_clock, free_tcp_port, free_udp_port,  # noqa: E402
+from processes import (Vehicle, Vlmmaster, count_in, fake_clock, faster_clock, free_tcp_port, free_udp_port,  # noqa: E402
                        wait_until)
 from relay import Relay  # noqa: E402
 
@@ -225,6 +225,44 @@ class NetworkFaults(FaultTest):
         self.assertGreater(repeats, counted["events doubled"] / 2)
         self.check_no_gap()
         self.finish()
+
+
+    def test_the_sums_of_the_counters_hold_while_packets_are_mutated(self):
+        """Ten minutes in the long form."""
+        self.need()
+        vehicle_port = free_udp_port()
+        relay = Relay(vehicle_port, self.port, SEED, share=0.01, mutated=0.3)
+        self.addCleanup(relay.end)
+        vehicle = self.start_vehicle(port=vehicle_port)
+        self.start_master()
+        begin = time.monotonic()
+        wait_until(lambda: relay.counted["events forwarded"] >= 3000 and time.monotonic() - begin >= (600 if ROUNDS else 0),
+                   lambda: f"datagrams through the relay: {relay.counted}; {self.status()}", 60 + (720 if ROUNDS else 0))
+        relay.share = relay.mutated = 0
+        vehicle.end(signal.SIGTERM)
+
+        def differences():
+            status = self.master.status()
+            total = lambda *names: sum(count_in(status, name) for name in names)  # noqa: E731
+            return {left: difference for left, difference in (
+                ("datagrams", total("someip.datagrams", "someip.bundled", "someip.tp.joined") - total(
+                    "someip.notifications", "someip.malformed", "someip.truncated", "someip.handlerFailures",
+                    "someip.wrongVersion", "someip.notSubscribed", "someip.wrongPeer", "someip.tp.segments")),
+                ("samples.received", total("samples.received") - total("samples.converted", "queue.ingress.dropped")),
+                ("samples.converted", total("samples.converted") - total("records.dispatched", "threads.failed")),
+                ("records.dispatched", total("records.dispatched") - total(
+                    "records.collected", "records.withoutCollector", "records.expired", "queue.collector.input.dropped",
+                    "queue.collector.output.dropped"))) if difference}
+
+        wait_until(lambda: sum(self.master.count("someip.datagrams", "someip.kernelDropped")) ==
+                   relay.counted["events forwarded"], "the last datagram", 20)
+        wait_until(lambda: not differences(), lambda: f"{differences()} in {self.status()}", 30)
+        for name in ("someip.malformed", "someip.truncated", "someip.wrongVersion", "someip.sd.malformed",
+                       "samples.received", "records.dispatched"):
+            self.told[name] = self.master.count(name)
+            self.assertGreater(self.told[name], 0, name)
+        self.told["mutated"] = relay.counted["mutated"]
+        self.master.stop()
 
 
 class BrokerFaults(FaultTest):

@@ -1,4 +1,4 @@
-"""A network between a vehicle and vlmmaster that loses, doubles and reorders datagrams.
+"""A network between a vehicle and vlmmaster that loses, doubles, reorders and mutates datagrams.
 
 Each side has a discovery port of its own and sees the other side at an address of the relay: what the vehicle
 offers at its event port, vlmmaster finds at the relay's, and the other way round. So all that passes, discovery
@@ -19,10 +19,11 @@ HOLD_SECONDS = 0.03  # an overtaken datagram waits at most this long
 
 
 class Relay:
-    """Loses `share` of all datagrams, doubles as many, and lets the next one overtake as many."""
+    """Loses `share` of all datagrams, doubles as many, and lets the next one overtake as many; changes bytes of
+    `mutated` of them or cuts them."""
 
-    def __init__(self, vehicle_port, master_port, seed, share=0.05):
-        self.share = share
+    def __init__(self, vehicle_port, master_port, seed, share=0.05, mutated=0.0):
+        self.share, self.mutated = share, mutated
         self.counted = Counter()  # by "<events|discovery> <lost|doubled|overtaken|forwarded>"
         self._chance = random.Random(seed)
         self._vehicle_port, self._master_port = vehicle_port, master_port
@@ -79,6 +80,7 @@ class Relay:
     def _from_vehicle(self, channel, data, _):
         told = self._translate(data, "vehicle", self._events_to_master.getsockname())
         to = (BROADCAST if channel.getsockname()[0] == BROADCAST else "127.0.0.1", self._master_port)
+        told = self._mutate(told)
         self._pass("discovery", channel, lambda: self._to_master.sendto(told, to))
 
     def _from_master(self, channel, data, _):
@@ -89,7 +91,23 @@ class Relay:
     def _event(self, channel, data, _):
         to = self._events["master"]
         if to:
+            data = self._mutate(data)
             self._pass("events", channel, lambda: self._events_to_master.sendto(data, to))
+
+    def _mutate(self, data):
+        if self._chance.random() >= self.mutated:
+            return data
+        self.counted["mutated"] += 1
+        data = bytearray(data)
+        for _ in range(self._chance.randint(1, 4)):
+            # The header and the first lengths decide most; a small step of a length does more than a random one.
+            at = self._chance.randrange(min(len(data), self._chance.choice((16, 40, len(data)))))
+            data[at] = self._chance.choice((data[at] ^ 1 << self._chance.randrange(8), 0, 0xFF, self._chance.randrange(256)))
+        if self._chance.random() < 0.1:
+            data = data[:self._chance.randrange(1, len(data) + 1)]
+        if self._chance.random() < 0.1:
+            data = data + data
+        return bytes(data)
 
     def _translate(self, data, side, replacement):
         """Replaces the sender's event endpoint by the relay's, and remembers it."""
