@@ -131,6 +131,7 @@ blank = $(empty) $(empty)
 # reflection library's headers, which one source includes.
 lint: deps-lint configure
 	tools/lint/check-includes
+	tools/lint/check-conformance
 	$(sources) | xargs -0 clang-format --dry-run --Werror
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlm_generate
 	cppcheck -q -j $(JOBS) --std=c++20 --language=c++ --enable=warning,performance,portability --inline-suppr \
