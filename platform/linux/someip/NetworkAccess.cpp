@@ -102,6 +102,18 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     return access;
 }
 
+NetworkAccess::Inlet* NetworkAccess::eventInlet(int fd) noexcept {
+    if (fd == events.socket->fd()) {
+        return &events;
+    }
+    for (auto& [group, inlet] : joinedGroups) {
+        if (inlet.socket != nullptr && inlet.socket->fd() == fd) {
+            return &inlet;
+        }
+    }
+    return nullptr;
+}
+
 bool NetworkAccess::flush(bool silent, std::string& error) {
     bool up = true;
     for (const auto& datagram : m_discovery.outbox().take()) {

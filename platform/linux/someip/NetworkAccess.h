@@ -29,6 +29,12 @@ class NetworkAccess {
     const Network& range() const noexcept { return m_range; }
     const Endpoint& eventEndpoint() const noexcept { return events.socket->endpoint(); }
 
+    bool isDiscovery(int fd) const noexcept {
+        return fd == discoveryUnicast.socket->fd() || fd == discoveryGroup.socket->fd();
+    }
+    /// The inlet of events with that descriptor; nullptr if none has. Used by the thread alone.
+    Inlet* eventInlet(int fd) noexcept;
+
     /// Sends the outbox, or clears it when `silent`. Returns false, with `error`, when the network is gone.
     bool flush(bool silent, std::string& error);
 

@@ -1,20 +1,16 @@
 #include "someip/Runtime.h"
 
 #include <pthread.h>
-#include <sys/epoll.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <system_error>
 #include <thread>
 
-#include "kyo/WakeFd.h"
 #include "log/PlatformLog.h"
 #include "someip/Counters.h"
+#include "someip/EventLoop.h"
 
 namespace someip {
 
@@ -46,35 +42,16 @@ ReassemblyLimits limitsOf(const machine::SomeIpSettings& settings) {
 
 }  // namespace
 
-/// The thread from start() to stop(), and the eventfd that wakes it. The thread shares ownership, since it
-/// may outlive the runtime while it is in a handler.
+/// The thread from start() to stop(), and what it waits for. The thread shares ownership, since it may
+/// outlive the runtime while it is in a handler.
 struct Runtime::Worker {
-    /// Throws std::system_error when the system has no descriptor left.
-    Worker() : epoll(::epoll_create1(EPOLL_CLOEXEC)) {
-        if (epoll < 0) {
-            throw std::system_error(errno, std::generic_category(), "epoll");
-        }
-        watch(wakeUp.get());
-    }
-    ~Worker() { ::close(epoll); }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
-
-    void watch(int fd) const noexcept {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.fd = fd;
-        ::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
-    }
-    void unwatch(int fd) const noexcept { ::epoll_ctl(epoll, EPOLL_CTL_DEL, fd, nullptr); }
     void finished() {
         const std::lock_guard lock(guard);
         done = true;
         ended.notify_all();
     }
 
-    const kyo::WakeFd wakeUp;
-    const int epoll;
+    EventLoop loop;
     std::atomic<bool> stop{false};
     std::thread thread;
     ReassemblyLimits limits;
@@ -137,7 +114,7 @@ void Runtime::stop(std::chrono::milliseconds limit) {
         closeNetwork(true);
         notices.swap(m_notices);
     }
-    worker->wakeUp.wake();
+    worker->loop.wake();
     bool done = false;
     if (worker->thread.get_id() != std::this_thread::get_id()) {
         std::unique_lock lock(worker->guard);
@@ -174,7 +151,7 @@ Endpoint Runtime::eventEndpoint() const {
 
 void Runtime::wake() const {
     if (m_worker != nullptr) {
-        m_worker->wakeUp.wake();
+        m_worker->loop.wake();
     }
 }
 
@@ -505,31 +482,11 @@ void Runtime::work(Worker& worker) {
     std::uint64_t routesSeen = 0;
     auto deadline = step(worker, batch, network);
     while (!worker.stop.load()) {
-        const auto next = std::min(deadline, dispatcher.nextDeadline());
-        int timeout = -1;
-        if (next != Clock::time_point::max()) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()).count();
-            timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, 60000));
-        }
-        std::array<epoll_event, 16> ready{};
-        const int count = ::epoll_wait(worker.epoll, ready.data(), static_cast<int>(ready.size()), timeout);
-
+        const auto ready = worker.loop.wait(std::min(deadline, dispatcher.nextDeadline()));
         // Discovery before events: it decides which peers may send them, and must not wait for slow handlers.
-        std::array<int, ready.size()> eventSockets{};
-        std::size_t eventSocketCount = 0;
-        bool discovery = false;
-        for (int i = 0; i < count; ++i) {
-            const int fd = ready[static_cast<std::size_t>(i)].data.fd;
-            if (fd == worker.wakeUp.get()) {
-                worker.wakeUp.reset();
-                discovery = true;
-            } else if (network != nullptr && (fd == network->discoveryUnicast.socket->fd() ||
-                                              fd == network->discoveryGroup.socket->fd())) {
-                discovery = true;
-            } else {
-                eventSockets[eventSocketCount++] = fd;
-            }
-        }
+        const bool discovery = ready.woken || std::ranges::any_of(ready.readable, [&](int fd) {
+                                   return network != nullptr && network->isDiscovery(fd);
+                               });
         if (discovery || Clock::now() >= deadline) {
             deadline = step(worker, batch, network);
             refreshRoutes(dispatcher, routesSeen);
@@ -537,15 +494,9 @@ void Runtime::work(Worker& worker) {
         if (network == nullptr) {
             continue;
         }
-        for (std::size_t i = 0; i < eventSocketCount; ++i) {
-            if (eventSockets[i] == network->events.socket->fd()) {
-                receiveEvents(*network, network->events, batch, dispatcher, routesSeen);
-                continue;
-            }
-            for (auto& [group, inlet] : network->joinedGroups) {
-                if (inlet.socket != nullptr && inlet.socket->fd() == eventSockets[i]) {
-                    receiveEvents(*network, inlet, batch, dispatcher, routesSeen);
-                }
+        for (const int fd : ready.readable) {
+            if (auto* const inlet = network->eventInlet(fd)) {
+                receiveEvents(*network, *inlet, batch, dispatcher, routesSeen);
             }
         }
         dispatcher.onTime(Clock::now());
@@ -579,15 +530,15 @@ Clock::time_point Runtime::step(Worker& worker, DatagramBatch& batch,
         }
         if (network != m_network) {
             if (network != nullptr) {
-                worker.unwatch(network->events.socket->fd());
-                worker.unwatch(network->discoveryUnicast.socket->fd());
-                worker.unwatch(network->discoveryGroup.socket->fd());
+                worker.loop.unwatch(network->events.socket->fd());
+                worker.loop.unwatch(network->discoveryUnicast.socket->fd());
+                worker.loop.unwatch(network->discoveryGroup.socket->fd());
             }
             network = m_network;
             if (network != nullptr) {
-                worker.watch(network->events.socket->fd());
-                worker.watch(network->discoveryUnicast.socket->fd());
-                worker.watch(network->discoveryGroup.socket->fd());
+                worker.loop.watch(network->events.socket->fd());
+                worker.loop.watch(network->discoveryUnicast.socket->fd());
+                worker.loop.watch(network->discoveryGroup.socket->fd());
             }
         }
         if (network != nullptr) {
@@ -669,7 +620,7 @@ void Runtime::joinGroups(NetworkAccess& network, const Worker& worker) {
         if (wanted->second.empty()) {
             if (joined != network.joinedGroups.end()) {
                 if (joined->second.socket != nullptr) {
-                    worker.unwatch(joined->second.socket->fd());
+                    worker.loop.unwatch(joined->second.socket->fd());
                 }
                 network.joinedGroups.erase(joined);
             }
@@ -686,7 +637,7 @@ void Runtime::joinGroups(NetworkAccess& network, const Worker& worker) {
             auto& inlet = network.joinedGroups[wanted->first];
             inlet.socket = UdpSocket::open(wanted->first, options, error);
             if (inlet.socket != nullptr) {
-                worker.watch(inlet.socket->fd());
+                worker.loop.watch(inlet.socket->fd());
             }
             if (const auto unlogged = m_groupChanges.note(Clock::now())) {
                 if (inlet.socket != nullptr) {
