@@ -123,7 +123,7 @@ sources = git ls-files -z '*.cpp' '*.h'
 format: deps-lint
 	$(sources) | xargs -0 clang-format -i
 
-parts = $(shell tools/lint/check-includes --folders) platform tools
+parts = $(shell tools/lint/check-includes --folders) platform backend tools
 empty =
 blank = $(empty) $(empty)
 

@@ -15,7 +15,7 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"
-#include "tools/backend/Backend.h"
+#include "backend/Backend.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/backend/Backend.h"
+#include "backend/Backend.h"
 
 #include <algorithm>
 #include <cerrno>

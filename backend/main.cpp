@@ -21,7 +21,7 @@
 #include "backend/MqttTransport.h"
 #include "kyo/WakeFd.h"
 #include "machine/Manifest.h"
-#include "tools/backend/Backend.h"
+#include "backend/Backend.h"
 
 namespace {
 
