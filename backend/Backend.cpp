@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <utility>
@@ -24,6 +25,12 @@ namespace {
 
 constexpr std::size_t kRecentIds = 1000;
 constexpr std::uint64_t kMostBytes = 64u << 20;  // the most that a vehicle's manifest can allow
+
+std::int64_t nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
 
 /// What stands before the suffix, if the topic has it.
 std::optional<std::string> prefixOf(const std::string& topic, const std::string& suffix) {
@@ -57,73 +64,173 @@ bool readResults(const std::string& text, std::vector<int>& results) {
 Backend::Backend(Settings settings, Print print)
     : m_settings(std::move(settings)), m_print(std::move(print)) {}
 
-std::vector<Outgoing> Backend::onMessage(const std::string& topic, const std::string& payload) {
-    if (const auto at = topic.rfind("/data");
-        at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/')) {
-        return onData(topic.substr(0, at), topic.substr(at + 5), payload);
+std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages) {
+    std::vector<Outgoing> out;
+    const auto add = [&out](std::vector<Outgoing> more) {
+        std::move(more.begin(), more.end(), std::back_inserter(out));
+    };
+    std::vector<Arrived> arrived;
+    for (const auto& [topic, payload] : messages) {
+        const std::string_view prefix = std::string_view(topic).substr(0, topic.rfind('/'));
+        if (const auto at = topic.rfind("/data");
+            at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/')) {
+            arrived.push_back(decode(topic.substr(0, at), topic.substr(at + 5), payload));
+            continue;
+        }
+        Value content;
+        kyo::Json::Reader reader;
+        if (!reader.parse(payload, content, false) || !content.isObject()) {
+            m_print(topic + ": " +
+                    (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
+        } else if (topic.ends_with("/status")) {
+            add(onStatus(std::string(prefix), content));
+        } else if (topic.ends_with("/health") && m_settings.database != nullptr) {
+            m_settings.database->setHealth(std::string(prefix), compactText(content), nowMs());
+        } else if (const auto asking = prefixOf(topic, "/config/request")) {
+            add(onRequest(*asking));
+        }
     }
-    Value content;
-    kyo::Json::Reader reader;
-    if (!reader.parse(payload, content, false) || !content.isObject()) {
-        m_print(topic + ": " + (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
-        return {};
+    const std::vector<bool> stored = store(arrived);
+    for (std::size_t i = 0; i < arrived.size(); ++i) {
+        add(onEnvelope(arrived[i], stored[i]));
     }
-    if (const auto prefix = prefixOf(topic, "/status")) {
-        return onStatus(*prefix, content);
-    }
-    if (const auto prefix = prefixOf(topic, "/config/request")) {
-        return onRequest(*prefix);
-    }
-    return {};
+    return out;
 }
 
 /// `form`: "", "/zstd", "/plain/17".
-std::vector<Outgoing> Backend::onData(const std::string& prefix, const std::string& form,
-                                      const std::string& payload) {
+Backend::Arrived Backend::decode(const std::string& prefix, const std::string& form,
+                                 const std::string& payload) {
     std::istringstream parts(form);
     std::string encoding;
-    std::string number;
+    Arrived out;
+    store::Received& received = out.received;
+    received.prefix = prefix;
+    received.receivedMs = nowMs();
+    received.wireBytes = payload.size();
     std::getline(parts, encoding, '/');
     std::getline(parts, encoding, '/');
-    std::getline(parts, number);
-    std::string text;
-    std::string error;
+    std::getline(parts, received.spoolNumber);
     if (!encoding.empty() && encoding != "plain" && encoding != "zstd") {
-        m_print(prefix + "/data: the encoding \"" + encoding + "\" is not known");
-        return {};
+        received.reason = "the encoding \"" + encoding + "\" is not known";
+    } else {
+        kyo::orx::decompress(encoding == "zstd" ? kyo::orx::Encoding::Zstd : kyo::orx::Encoding::Plain,
+                             payload, received.text, received.reason);
     }
-    if (!kyo::orx::decompress(encoding == "zstd" ? kyo::orx::Encoding::Zstd : kyo::orx::Encoding::Plain,
-                              payload, text, error)) {
-        m_print(prefix + "/data: " + error);
-        return {};
+    if (!received.reason.empty()) {
+        received.text = payload;
+        m_print(prefix + "/data: " + received.reason);
     }
-    Value content;
-    kyo::Json::Reader reader;
-    if (!reader.parse(text, content, false) || !content.isObject()) {
-        m_print(prefix +
-                "/data: " + (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
-        return {};
-    }
-    return onEnvelope(prefix, content, payload.size(), number);
+    return out;
 }
 
-bool Backend::import(const std::string& prefix, const std::string& line) {
-    Value content;
-    if (!kyo::Json::Reader().parse(line, content, false) || !content.isObject() ||
-        !member(content, "envelope").isObject()) {
-        return false;
+/// What the database tells of what it stored.
+void Backend::describe(Arrived& arrived) {
+    store::Envelope envelope;
+    std::string reason;
+    if (!m_reader.read(arrived.received.text, envelope, reason)) {
+        m_print(arrived.received.prefix + ": no usable envelope: " + reason);
     }
-    onEnvelope(prefix, content["envelope"], line.size(), compactText(member(content, "spool")));
-    return true;
+    arrived.id = envelope.messageId;
+    arrived.report = envelope.report + " #" + std::to_string(envelope.sequence);
+    arrived.collections = envelope.collections;
+    arrived.samples = envelope.samples.size() + envelope.refusedInAll;
+}
+
+/// Which of them may be acknowledged: what is stored, known, or kept as unusable.
+std::vector<bool> Backend::store(std::vector<Arrived>& batch) {
+    std::vector<bool> done(batch.size(), true);
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        done[i] = !batch[i].received.reason.empty() || append(batch[i].received.text);
+    }
+    if (m_settings.database == nullptr) {
+        for (Arrived& one : batch) {
+            describe(one);
+        }
+        return done;
+    }
+    if (batch.empty()) {
+        return done;
+    }
+    std::vector<store::Received> received;
+    received.reserve(batch.size());
+    for (const Arrived& one : batch) {
+        received.push_back(one.received);
+    }
+    const auto results = m_settings.database->put(received);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        const store::Stored& result = results[i];
+        batch[i].id = result.messageId;
+        batch[i].report = result.report;
+        batch[i].known = result.outcome == store::Outcome::Repeated;
+        batch[i].collections = result.collections;
+        batch[i].samples = result.samples + result.refused;
+        if (result.outcome == store::Outcome::Failed) {
+            done[i] = false;
+            describe(batch[i]);  // for the result's messageId
+            if (!std::exchange(m_databaseFailed, true)) {
+                m_print("the database does not take what comes: " + result.reason);
+            }
+        } else if (result.outcome == store::Outcome::Unusable) {
+            m_print(received[i].prefix + ": kept aside: " + result.reason);
+        } else if (result.refused != 0) {
+            m_print(received[i].prefix + ' ' + result.report + ": " + std::to_string(result.refused) +
+                    " samples kept aside: " + result.reason);
+        }
+    }
+    return done;
+}
+
+std::vector<Outgoing> Backend::retry() {
+    try {
+        m_settings.database->sql().query("SELECT 1");
+    } catch (const std::exception&) {
+        return {};
+    }
+    m_databaseFailed = false;
+    m_print("the database is back");
+    return m_settings.open ? openAll() : std::vector<Outgoing>{};
+}
+
+std::size_t Backend::import(const std::string& prefix, const std::vector<std::string>& lines) {
+    std::vector<Arrived> batch;
+    for (const std::string& line : lines) {
+        Arrived one;
+        one.received.prefix = prefix;
+        one.received.receivedMs = nowMs();
+        one.received.wireBytes = line.size();
+        one.received.text = line;
+        Value content;
+        if (line.starts_with("{\"envelope\"")) {  // as vlm-spool writes it
+            if (!kyo::Json::Reader().parse(line, content, false) || !content.isObject() ||
+                !member(content, "envelope").isObject()) {
+                break;
+            }
+            one.received.text = compactText(content["envelope"]);
+            one.received.spoolNumber = compactText(member(content, "spool"));
+        }
+        batch.push_back(std::move(one));
+    }
+    const std::vector<bool> stored = store(batch);
+    std::size_t good = 0;
+    while (good < batch.size() && stored[good] && !batch[good].id.empty()) {
+        onEnvelope(batch[good], true);
+        ++good;
+    }
+    return good;
 }
 
 std::vector<Outgoing> Backend::setOpen(bool open) {
     m_settings.open = open;
     m_print(open ? "channel opened" : "channel closed");
+    return openAll();
+}
+
+/// A control message to all that are online; it opens when the channel is open.
+std::vector<Outgoing> Backend::openAll() {
     std::vector<Outgoing> out;
     for (const auto& [prefix, vehicle] : m_vehicles) {
         if (vehicle.online) {
-            out.push_back(masterControl(prefix, vehicle, 0, open));
+            out.push_back(masterControl(prefix, vehicle, 0, m_settings.open));
         }
     }
     return out;
@@ -155,6 +262,10 @@ std::vector<Outgoing> Backend::onStatus(const std::string& prefix, const Value& 
     }
     m_print(prefix + (vehicle.online ? " online: " : " offline: ") + textOf(member(status, "serverName")) +
             ", offers " + compactText(types));
+    if (m_settings.database != nullptr) {
+        m_settings.database->setPresence(prefix, vehicle.online, textOf(member(status, "serverName")),
+                                         nowMs());
+    }
     if (!vehicle.online) {
         return {};
     }
@@ -174,44 +285,34 @@ std::vector<Outgoing> Backend::onRequest(const std::string& prefix) {
     return {{prefix + "/config/response", compactText(answer), {}, std::nullopt}};
 }
 
-std::vector<Outgoing> Backend::onEnvelope(const std::string& prefix, const Value& envelope, std::size_t bytes,
-                                          const std::string& spoolNumber) {
+std::vector<Outgoing> Backend::onEnvelope(const Arrived& arrived, bool stored) {
+    const std::string& prefix = arrived.received.prefix;
+    const std::string& id = arrived.id;
     Vehicle& vehicle = m_vehicles[prefix];
-    const std::string id = textOf(member(envelope, "messageId"));
     const bool again =
+        arrived.known ||
         std::find(vehicle.recentIds.begin(), vehicle.recentIds.end(), id) != vehicle.recentIds.end();
-    if (!again) {
+    if (!again && stored) {
         vehicle.recentIds.push_back(id);
         if (vehicle.recentIds.size() > kRecentIds) {
             vehicle.recentIds.pop_front();
         }
     }
-
-    Value report;
-    if (!kyo::Json::Reader().parse(textOf(member(envelope, "orxClientDataReport")), report, false)) {
-        m_print(prefix + ": an envelope without a readable report");
-    }
-    const Value& collections = member(report, "signalCollections");
-    std::uint64_t samples = 0;
-    for (kyo::Json::ArrayIndex i = 0; collections.isArray() && i < collections.size(); ++i) {
-        samples += member(collections[i], "samples").size();
-    }
-
     int result = m_settings.results[std::min(vehicle.answered, m_settings.results.size() - 1)];
     ++vehicle.answered;
-    if (!storeEnvelope(envelope)) {
+    if (!stored) {
         result = 1;  // what is not stored is not delivered
     }
     ++m_totals.envelopes;
     m_totals.repeated += again ? 1 : 0;
-    m_totals.samples += samples;
-    m_totals.bytes += bytes;
+    m_totals.samples += arrived.samples;
+    m_totals.bytes += arrived.received.wireBytes;
 
-    std::string line = prefix + ' ' + textOf(member(report, "reportName")) + " #" +
-                       textOf(member(report, "sequenceNumber")) + ": " + std::to_string(collections.size()) +
-                       " collections, " + std::to_string(samples) + " samples, " + std::to_string(bytes) +
-                       " bytes";
-    line += spoolNumber.empty() ? "" : ", number " + spoolNumber + " of the spool";
+    std::string line = prefix + ' ' + arrived.report + ": " + std::to_string(arrived.collections) +
+                       " collections, " + std::to_string(arrived.samples) + " samples, " +
+                       std::to_string(arrived.received.wireBytes) + " bytes";
+    const std::string& number = arrived.received.spoolNumber;
+    line += number.empty() ? "" : ", number " + number + " of the spool";
     line += again ? ", again" : "";
     line += result == kSilence ? ", no answer" : ", result " + std::to_string(result);
     m_print(line);
@@ -221,19 +322,21 @@ std::vector<Outgoing> Backend::onEnvelope(const std::string& prefix, const Value
     }
     std::vector<Outgoing> out{masterControl(prefix, vehicle, result, false, id)};
     out.back().after = m_settings.answerAfter;
-    if (result != 0 && m_settings.open) {
+    if (result != 0 && m_settings.open && (stored || !m_databaseFailed)) {
         out.push_back(masterControl(prefix, vehicle, 0, true));
         out.back().after = m_settings.answerAfter + m_settings.reopenAfter;
     }
     return out;
 }
 
-bool Backend::storeEnvelope(const Value& envelope) {
+bool Backend::append(const std::string& envelope) {
     if (m_settings.store.empty()) {
         return true;
     }
     std::ofstream file(m_settings.store, std::ios::app | std::ios::binary);
-    file << compactText(envelope) << '\n';
+    // One line, whatever white space stands between the members.
+    std::replace_copy(envelope.begin(), envelope.end(), std::ostreambuf_iterator<char>(file), '\n', ' ');
+    file << '\n';
     file.flush();
     if (!file) {
         m_print(m_settings.store.string() + " cannot be written: " + std::strerror(errno));

@@ -1,5 +1,5 @@
 #pragma once
-/// What the bench's backend knows and decides. It owns no thread, no clock and no connection.
+/// What the backend knows and decides. It owns no thread and no connection to a broker.
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "backend/store/Store.h"
 #include "kyo/Json.h"
 
 namespace vlmBackend {
@@ -26,6 +27,12 @@ struct Settings {
     bool namesEnvelopes = true;                   ///< whether a result says which envelope it belongs to
     std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
+    store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
+};
+
+struct Incoming {
+    std::string topic;
+    std::string payload;
 };
 
 struct Outgoing {
@@ -50,15 +57,25 @@ class Backend {
 
     Backend(Settings settings, Print print);
 
-    /// A message on <prefix>/status, <prefix>/config/request or <prefix>/data, the last one with what
-    /// MqttConnection::Form puts behind it. What is to be sent in answer.
-    std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload);
+    /// Messages on <prefix>/status, <prefix>/health, <prefix>/config/request or <prefix>/data, the last one
+    /// with what MqttConnection::Form puts behind it. What is to be sent in answer. The envelopes of one call
+    /// are stored in one transaction.
+    std::vector<Outgoing> onMessages(const std::vector<Incoming>& messages);
+    std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload) {
+        return onMessages({{topic, payload}});
+    }
     /// Opens or closes the channel to all vehicles that are online.
     std::vector<Outgoing> setOpen(bool open);
 
-    /// One line of what `vlm-spool export` writes, as if it had come from that vehicle. False when it is
-    /// none.
-    bool import(const std::string& prefix, const std::string& line);
+    /// Lines that hold an envelope each, or what `vlm-spool export` writes, as if they had come from that
+    /// vehicle. The number of lines that were stored or known; fewer than given: the next one is neither, or
+    /// could not be stored.
+    std::size_t import(const std::string& prefix, const std::vector<std::string>& lines);
+
+    /// The database did not take an envelope; the vehicles wait for an opening message until retry()
+    /// succeeds.
+    bool databaseFailed() const { return m_databaseFailed; }
+    std::vector<Outgoing> retry();
 
     bool isOpen() const { return m_settings.open; }
     const Totals& totals() const { return m_totals; }
@@ -71,20 +88,33 @@ class Backend {
         std::deque<std::string> recentIds;
     };
 
+    /// An envelope on its way through one call.
+    struct Arrived {
+        store::Received received;
+        std::string id;
+        std::string report;
+        bool known = false;  ///< the database has it
+        std::uint64_t collections = 0;
+        std::uint64_t samples = 0;
+    };
+
     Outgoing masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket,
                            const std::string& messageId = "");
-    std::vector<Outgoing> onData(const std::string& prefix, const std::string& form,
-                                 const std::string& payload);
+    Arrived decode(const std::string& prefix, const std::string& form, const std::string& payload);
+    void describe(Arrived& arrived);
+    std::vector<bool> store(std::vector<Arrived>& batch);
+    std::vector<Outgoing> openAll();
     std::vector<Outgoing> onStatus(const std::string& prefix, const kyo::Json::Value& status);
     std::vector<Outgoing> onRequest(const std::string& prefix);
-    std::vector<Outgoing> onEnvelope(const std::string& prefix, const kyo::Json::Value& envelope,
-                                     std::size_t bytes, const std::string& spoolNumber);
-    bool storeEnvelope(const kyo::Json::Value& envelope);
+    std::vector<Outgoing> onEnvelope(const Arrived& arrived, bool stored);
+    bool append(const std::string& envelope);
 
     Settings m_settings;
     const Print m_print;
     std::map<std::string, Vehicle> m_vehicles;  ///< by topic prefix
     Totals m_totals;
+    store::EnvelopeReader m_reader;
+    bool m_databaseFailed = false;
     int m_ticket = 0;
 };
 

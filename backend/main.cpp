@@ -1,14 +1,16 @@
-/// vlm-backend: the bench's backend behind an MQTT broker. docs/mqtt.md describes the topics.
+/// vlm-backend: receives from vehicles through an MQTT broker, or from a file, and stores. docs/mqtt.md
+/// describes the topics, docs/backend.md the database.
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <cxxopts.hpp>
-#include <deque>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -17,11 +19,12 @@
 #include <string>
 #include <utility>
 
+#include "backend/Backend.h"
 #include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
+#include "backend/store/Export.h"
 #include "kyo/WakeFd.h"
 #include "machine/Manifest.h"
-#include "backend/Backend.h"
 
 namespace {
 
@@ -44,11 +47,17 @@ struct Options {
     machine::MqttBackend mqtt;
     std::string prefix;
     std::string import;
+    std::string follow;
+    std::string database;
+    std::string exportForm;  ///< empty: nothing is exported
+    vlmBackend::store::Selection selection;
+    int retentionDays = 0;  ///< 0: for ever
     vlmBackend::Settings backend;
 };
 
 cxxopts::Options describeOptions() {
-    cxxopts::Options options("vlm-backend", "The bench's backend: serves vehicles through an MQTT broker.");
+    cxxopts::Options options("vlm-backend",
+                             "Serves vehicles through an MQTT broker, or takes what files hold.");
     auto add = options.add_options();
     add("host", "broker", cxxopts::value<std::string>()->default_value("127.0.0.1"));
     add("port", "its port", cxxopts::value<std::uint16_t>()->default_value("1883"));
@@ -75,10 +84,54 @@ cxxopts::Options describeOptions() {
         cxxopts::value<unsigned>()->default_value("1000"));
     add("closed", "start with a closed channel");
     add("unnamed", "results do not say which envelope they belong to");
-    add("import", "take the envelopes of that file, which vlm-spool has exported, and end",
+    add("import", "take the envelopes of that file, of vlm-spool or of the directory transport, and end",
         cxxopts::value<std::string>()->default_value(""));
+    add("follow", "take the envelopes of the directory transport's file while it grows; no broker is used",
+        cxxopts::value<std::string>()->default_value(""));
+    add("database", "store all that comes: file of SQLite", cxxopts::value<std::string>()->default_value(""));
+    add("retention", "days after which what was received is deleted; 0: never",
+        cxxopts::value<unsigned>()->default_value("0"));
+    add("export", "write from the database to the output, and end: csv, gpx or jsonl",
+        cxxopts::value<std::string>()->default_value(""));
+    add("vehicle", "of which vehicle; the prefix without vlm/",
+        cxxopts::value<std::string>()->default_value(""));
+    add("columns", "of csv: views and their columns, gnss_positions.latitude,chassis_velocity_info.speed",
+        cxxopts::value<std::vector<std::string>>()->default_value(""));
+    add("from", "measured at this time (UTC, 2026-11-25T10:00:00.000) or later",
+        cxxopts::value<std::string>()->default_value(""));
+    add("to", "measured before this time", cxxopts::value<std::string>()->default_value(""));
+    add("instance", "of gpx: of which instance; without it, the one with the most positions",
+        cxxopts::value<std::int64_t>());
     add("h,help", "this text");
     return options;
+}
+
+void readStorage(const cxxopts::ParseResult& given, Options& out) {
+    out.follow = given["follow"].as<std::string>();
+    out.database = given["database"].as<std::string>();
+    out.retentionDays = static_cast<int>(given["retention"].as<unsigned>());
+    out.exportForm = given["export"].as<std::string>();
+    out.selection.vehicle = given["vehicle"].as<std::string>();
+    for (const std::string& column : given["columns"].as<std::vector<std::string>>()) {
+        if (!column.empty()) {
+            out.selection.columns.push_back(column);
+        }
+    }
+    if (const auto from = given["from"].as<std::string>(); !from.empty()) {
+        out.selection.fromMs = vlmBackend::store::utcMs(from);
+    }
+    if (const auto to = given["to"].as<std::string>(); !to.empty()) {
+        out.selection.toMs = vlmBackend::store::utcMs(to);
+    }
+    if (given.count("instance") != 0) {
+        out.selection.instance = given["instance"].as<std::int64_t>();
+    }
+    if (!out.exportForm.empty() && out.database.empty()) {
+        throw std::invalid_argument("--export: --database names where from");
+    }
+    if (!out.follow.empty() && out.prefix.find_first_of("+#") != std::string::npos) {
+        throw std::invalid_argument("--follow: --prefix names one vehicle");
+    }
 }
 
 /// Nothing when the program has said all there is to say; `status` is then the exit status.
@@ -114,6 +167,7 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
         out.backend.open = given.count("closed") == 0;
         out.backend.namesEnvelopes = given.count("unnamed") == 0;
         out.import = given["import"].as<std::string>();
+        readStorage(given, out);
         out.backend.answerAfter = milliseconds(given["answer-after"].as<unsigned>());
         out.backend.reopenAfter = milliseconds(given["reopen-after"].as<unsigned>());
         for (const std::string& type : given["types"].as<std::vector<std::string>>()) {
@@ -135,70 +189,207 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
     }
 }
 
-/// What the network thread received, for the main thread.
+/// What the network thread received, for the main thread. It takes no more than can be stored: the network
+/// thread waits, and with it the broker.
 class Inbox {
   public:
+    static constexpr std::size_t kMostBytes = 64u << 20;
+
     int bell() const { return m_bell.get(); }
     void put(std::string topic, std::string payload) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_messages.emplace_back(std::move(topic), std::move(payload));
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_room.wait(lock, [this] { return m_bytes < kMostBytes || m_closed; });
+        m_bytes += payload.size();
+        m_messages.push_back({std::move(topic), std::move(payload)});
         m_bell.wake();
     }
-    std::deque<std::pair<std::string, std::string>> takeAll() {
+    std::vector<vlmBackend::Incoming> takeAll() {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_bell.reset();
+        m_bytes = 0;
+        m_room.notify_all();
         return std::exchange(m_messages, {});
+    }
+    /// Nobody takes any more.
+    void close() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_closed = true;
+        m_room.notify_all();
     }
 
   private:
     const kyo::WakeFd m_bell;
     std::mutex m_mutex;
-    std::deque<std::pair<std::string, std::string>> m_messages;  ///< guarded by m_mutex
+    std::condition_variable m_room;
+    std::vector<vlmBackend::Incoming> m_messages;  ///< these three guarded by m_mutex
+    std::size_t m_bytes = 0;
+    bool m_closed = false;
 };
 
-/// What vlm-spool has exported. The exit status.
+/// What vlm-spool has exported, or the directory transport's file. The exit status.
 int importFile(const Options& options) {
     std::ifstream file(options.import);
     if (!file) {
         std::cerr << "vlm-backend: " << options.import << ": " << std::strerror(errno) << '\n';
         return 1;
     }
+    constexpr std::size_t kAtOnce = 32;
     vlmBackend::Backend backend(options.backend, print);
     std::size_t number = 0;
-    for (std::string line; std::getline(file, line);) {
-        ++number;
-        if (!backend.import(options.prefix, line)) {
-            std::cerr << "vlm-backend: " << options.import << ':' << number << ": no exported envelope\n";
+    std::vector<std::string> lines;
+    for (bool more = true; more;) {
+        lines.clear();
+        for (std::string line; lines.size() < kAtOnce && (more = !std::getline(file, line).fail());) {
+            lines.push_back(line);
+        }
+        const std::size_t good = backend.import(options.prefix, lines);
+        if (good < lines.size()) {
+            std::cerr << "vlm-backend: " << options.import << ':' << number + good + 1
+                      << (backend.databaseFailed() ? ": cannot be stored" : ": no envelope") << '\n';
             return 1;
         }
+        number += good;
     }
     print(std::to_string(backend.totals().envelopes) + " envelopes, " +
           std::to_string(backend.totals().repeated) + " of them again");
     return 0;
 }
 
+int exportFrom(const Options& options) {
+    namespace store = vlmBackend::store;
+    const auto sql = store::connect(options.database, true);
+    if (options.exportForm == "csv") {
+        store::exportCsv(*sql, options.selection, std::cout);
+    } else if (options.exportForm == "gpx") {
+        store::exportGpx(*sql, options.selection, std::cout);
+    } else if (options.exportForm == "jsonl") {
+        store::exportEnvelopes(*sql, options.selection, std::cout);
+    } else {
+        throw std::invalid_argument("--export: csv, gpx or jsonl is expected");
+    }
+    std::cout.flush();
+    if (!std::cout) {
+        throw std::runtime_error("the output cannot be written");
+    }
+    return 0;
+}
+
+/// Deletes what is older than the retention, at the start and every hour.
+class Retention {
+  public:
+    Retention(vlmBackend::store::Store* database, int days)
+        : m_database(days > 0 ? database : nullptr), m_days(days) {}
+
+    void run() {
+        const auto now = SteadyClock::now();
+        if (m_database == nullptr || now < m_next) {
+            return;
+        }
+        m_next = now + std::chrono::hours(1);
+        const auto limit = std::chrono::system_clock::now() - std::chrono::days(m_days);
+        try {
+            const auto deleted = m_database->deleteBefore(
+                std::chrono::duration_cast<milliseconds>(limit.time_since_epoch()).count());
+            if (deleted.reports != 0) {
+                print("deleted " + std::to_string(deleted.reports) + " reports with " +
+                      std::to_string(deleted.samples) + " samples that are older than " +
+                      std::to_string(m_days) + " days");
+            }
+        } catch (const std::exception& error) {
+            print(std::string("what is too old could not be deleted: ") + error.what());
+        }
+    }
+
+  private:
+    vlmBackend::store::Store* const m_database;
+    const int m_days;
+    SteadyClock::time_point m_next = SteadyClock::now();
+};
+
+/// Takes line after line of a file that grows, and waits when there is none, until a signal comes. A file
+/// that was moved away or cut is read from the start of what stands there then; what is known changes
+/// nothing.
+class Follower {
+  public:
+    explicit Follower(const Options& options)
+        : m_options(options),
+          m_backend(options.backend, print),
+          m_retention(options.backend.database, options.retentionDays) {}
+
+    void run(int signals) {
+        print("follows " + m_options.follow);
+        for (;;) {
+            pollfd handle{signals, POLLIN, 0};
+            if (::poll(&handle, 1, readOn() ? 0 : kPauseMs) > 0) {
+                return;
+            }
+            m_retention.run();
+        }
+    }
+
+  private:
+    static constexpr int kPauseMs = 500;
+    static constexpr std::size_t kAtOnce = 32;
+
+    /// Whether there may be more to read at once.
+    bool readOn() {
+        std::ifstream file(m_options.follow, std::ios::binary);
+        struct stat found {};
+        if (!file || ::stat(m_options.follow.c_str(), &found) != 0) {
+            return false;
+        }
+        if (found.st_ino != m_inode || found.st_size < m_offset) {
+            m_inode = found.st_ino;
+            m_offset = 0;
+        }
+        file.seekg(m_offset);
+        std::vector<std::string> lines;
+        std::vector<off_t> ends{m_offset};
+        for (std::string line; lines.size() < kAtOnce && std::getline(file, line) && !file.eof();) {
+            ends.push_back(ends.back() + static_cast<off_t>(line.size()) + 1);
+            lines.push_back(std::move(line));
+        }
+        std::size_t good = m_backend.import(m_options.prefix, lines);
+        if (good < lines.size() && !m_backend.databaseFailed()) {
+            print(m_options.follow + ": the line at byte " + std::to_string(ends[good]) + " is no envelope");
+            ++good;
+        } else if (m_backend.databaseFailed()) {
+            m_backend.retry();
+        }
+        m_offset = ends[good];
+        return good == kAtOnce;
+    }
+
+    const Options& m_options;
+    vlmBackend::Backend m_backend;
+    Retention m_retention;
+    ino_t m_inode = 0;
+    off_t m_offset = 0;
+};
+
 /// The main thread: signals, commands, messages, and answers that are due later.
 class Program {
   public:
     explicit Program(const Options& options)
         : m_backend(options.backend, print),
-          m_connection(
-              options.mqtt, "vlm-backend-" + std::to_string(::getpid()),
-              {options.prefix + "/status", options.prefix + "/config/request", options.prefix + "/data/#"},
-              {},
-              {[] {},
-               [this](const std::string& topic, std::string payload, bool retained) {
-                   // Only a presence may be older than the connection.
-                   if (!retained || topic.ends_with("/status")) {
-                       m_inbox.put(topic, std::move(payload));
-                   }
-               },
-               [](int, int reason) {
-                   if (!kyo::orx::MqttConnection::taken(reason)) {
-                       print("an answer was not delivered, reason " + std::to_string(reason));
-                   }
-               },
-               [](int, const std::string& text) { print(text); }}) {}
+          m_retention(options.backend.database, options.retentionDays),
+          m_connection(options.mqtt, "vlm-backend-" + std::to_string(::getpid()),
+                       {options.prefix + "/status", options.prefix + "/health",
+                        options.prefix + "/config/request", options.prefix + "/data/#"},
+                       {},
+                       {[] {},
+                        [this](const std::string& topic, std::string payload, bool retained) {
+                            // Only presence and health may be older than the connection.
+                            if (!retained || topic.ends_with("/status") || topic.ends_with("/health")) {
+                                m_inbox.put(topic, std::move(payload));
+                            }
+                        },
+                        [](int, int reason) {
+                            if (!kyo::orx::MqttConnection::taken(reason)) {
+                                print("an answer was not delivered, reason " + std::to_string(reason));
+                            }
+                        },
+                        [](int, const std::string& text) { print(text); }}) {}
 
     void run(int signals) {
         m_connection.start();
@@ -208,14 +399,18 @@ class Program {
             if (handles[0].revents != 0) {
                 onSignal(signals);
             }
-            for (const auto& [topic, payload] : m_inbox.takeAll()) {
-                schedule(m_backend.onMessage(topic, payload));
+            schedule(m_backend.onMessages(m_inbox.takeAll()));
+            if (m_backend.databaseFailed() && SteadyClock::now() >= m_nextTry) {
+                m_nextTry = SteadyClock::now() + kTryEvery;
+                schedule(m_backend.retry());
             }
+            m_retention.run();
             if (handles[2].revents != 0) {
                 onInput();
             }
             sendWhatIsDue();
         }
+        m_inbox.close();
         m_connection.stop();
         const auto& totals = m_backend.totals();
         print(std::to_string(totals.envelopes) + " envelopes, " + std::to_string(totals.repeated) +
@@ -224,11 +419,18 @@ class Program {
     }
 
   private:
+    static constexpr std::chrono::seconds kTryEvery{1};
+    static constexpr std::chrono::minutes kLongestWait{1};
+
     int untilNextAnswer() const {
-        if (m_due.empty()) {
-            return -1;
+        auto next = SteadyClock::now() + kLongestWait;
+        if (!m_due.empty()) {
+            next = std::min(next, m_due.begin()->first);
         }
-        const auto left = std::chrono::ceil<milliseconds>(m_due.begin()->first - SteadyClock::now()).count();
+        if (m_backend.databaseFailed()) {
+            next = std::min(next, m_nextTry);
+        }
+        const auto left = std::chrono::ceil<milliseconds>(next - SteadyClock::now()).count();
         return static_cast<int>(std::max<std::int64_t>(0, left));
     }
     void schedule(std::vector<vlmBackend::Outgoing> messages) {
@@ -279,6 +481,8 @@ class Program {
     }
 
     vlmBackend::Backend m_backend;
+    Retention m_retention;
+    SteadyClock::time_point m_nextTry;
     Inbox m_inbox;
     std::multimap<SteadyClock::time_point, vlmBackend::Outgoing> m_due;
     int m_input = STDIN_FILENO;
@@ -291,9 +495,16 @@ class Program {
 
 int main(int argc, char** argv) try {
     int status = 0;
-    const auto options = readOptions(argc, argv, status);
+    auto options = readOptions(argc, argv, status);
     if (!options) {
         return status;
+    }
+    if (!options->exportForm.empty()) {
+        return exportFrom(*options);
+    }
+    std::optional<vlmBackend::store::Store> database;
+    if (!options->database.empty()) {
+        options->backend.database = &database.emplace(options->database);
     }
     if (!options->import.empty()) {
         return importFile(*options);
@@ -308,7 +519,11 @@ int main(int argc, char** argv) try {
     std::signal(SIGTTIN, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     const int handle = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    Program(*options).run(handle);
+    if (!options->follow.empty()) {
+        Follower(*options).run(handle);
+    } else {
+        Program(*options).run(handle);
+    }
     ::close(handle);
     return 0;
 } catch (const std::exception& error) {

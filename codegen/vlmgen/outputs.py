@@ -5,7 +5,7 @@ from pathlib import Path
 
 import jinja2
 
-from . import catalog, layout, names, reference, wireshark
+from . import catalog, layout, names, reference, views, wireshark
 
 TEMPLATES = Path(__file__).resolve().parent.parent / "templates"
 
@@ -26,6 +26,7 @@ ONCE = (
     ("qdr/services/described.cpp", "all_described.cpp.j2"),
     ("services/adapters/RegisteredAdapters.h", "RegisteredAdapters.h.j2"),
     ("services/adapters/RegisteredAdapters.cpp", "RegisteredAdapters.cpp.j2"),
+    ("backend/events.cpp", "backend_events.cpp.j2"),
 )
 CATALOG = "VLM_Available_Signals_Catalog_20210311.json"
 
@@ -51,7 +52,8 @@ def contents(services, catalog_version):
                    layout.fit(environment.get_template(template).render(service=service)))
     registered = sorted((service for service in services if service.registry_key), key=lambda s: s.registry_order)
     for name, template in ONCE:
-        yield name, layout.fit(environment.get_template(template).render(services=services, registered=registered))
+        yield name, layout.fit(environment.get_template(template).render(
+            services=services, registered=registered, events=views.of(registered)))
     yield CATALOG, json.dumps(catalog.document(services, catalog_version), indent=2, ensure_ascii=False) + "\n"
     for name, text in wireshark.tables(services).items():
         yield f"wireshark/{name}", text

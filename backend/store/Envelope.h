@@ -1,0 +1,59 @@
+#pragma once
+/// From an envelope's text to rows. Nothing of it is trusted.
+#include <simdjson.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "backend/Events.h"
+
+namespace vlmBackend::store {
+
+struct Sample {
+    const Event* event = nullptr;
+    std::int64_t instance = 0;
+    std::int64_t measuredMs = 0;
+    std::string_view values;  ///< its "propertyValuePairs" as they came
+};
+
+/// Part of an envelope that fits no event.
+struct Refused {
+    std::string reason;
+    std::string text;
+};
+
+struct Envelope {
+    std::string messageId;
+    std::string application;
+    std::string report;
+    std::string catalog;
+    std::int64_t sequence = 0;
+    std::int64_t createdMs = 0;
+    std::size_t collections = 0;
+    std::vector<Sample> samples;
+    std::vector<Refused> refused;
+    std::size_t refusedInAll = 0;  ///< the list is cut
+};
+
+/// Used by one thread. Its memory grows to the largest envelope.
+class EnvelopeReader {
+  public:
+    /// False for what is no envelope; `reason` then names the member or the place. Samples refer to the
+    /// reader's memory until the next call.
+    bool read(std::string_view text, Envelope& envelope, std::string& reason);
+
+  private:
+    void readReport(Envelope& envelope);
+    void readCollection(simdjson::ondemand::object collection, Envelope& envelope);
+
+    simdjson::ondemand::parser m_outer;
+    simdjson::ondemand::parser m_inner;
+    simdjson::ondemand::parser m_one;  ///< of one sample
+    simdjson::padded_string m_text;
+    simdjson::padded_string m_report;
+    std::vector<std::string_view> m_samples;
+};
+
+}  // namespace vlmBackend::store

@@ -1,0 +1,43 @@
+#pragma once
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "backend/store/Sql.h"
+
+namespace vlmBackend::store {
+
+/// A request that cannot be met; the message names what is wrong with it.
+struct ExportError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct Selection {
+    std::string vehicle;
+    std::vector<std::string> columns;  ///< of CSV: "gnss_positions.latitude", from one or several views
+    std::int64_t fromMs = std::numeric_limits<std::int64_t>::min();  ///< measured at this time or later, UTC
+    std::int64_t toMs = std::numeric_limits<std::int64_t>::max();    ///< measured before
+    std::optional<std::int64_t> instance;  ///< of GPX; without it, the one with the most positions
+};
+
+/// Each writes row by row and returns how many rows it wrote. They throw ExportError and DatabaseError.
+
+/// One line per sample, in the order of measured times: time (UTC, milliseconds), instance, and the chosen
+/// columns, of which those of the sample's event have values.
+std::size_t exportCsv(Sql& sql, const Selection& selection, std::ostream& out);
+/// The positions of gnss_positions as one GPX 1.1 track.
+std::size_t exportGpx(Sql& sql, const Selection& selection, std::ostream& out);
+/// Envelopes as they came, one per line, in the order of their arrival; the time range is that of their
+/// samples.
+std::size_t exportEnvelopes(Sql& sql, const Selection& selection, std::ostream& out);
+
+/// "2026-11-25T10:00:00.000Z".
+std::string utcText(std::int64_t ms);
+/// "2026-11-25", "2026-11-25T10:00", with seconds, milliseconds and "Z" if given; always UTC. Throws
+/// ExportError.
+std::int64_t utcMs(const std::string& text);
+
+}  // namespace vlmBackend::store

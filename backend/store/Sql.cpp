@@ -1,0 +1,59 @@
+#include "backend/store/Sql.h"
+
+#include <charconv>
+
+namespace vlmBackend::store {
+
+std::int64_t integer(const Cell& cell) {
+    if (const auto* whole = std::get_if<std::int64_t>(&cell)) {
+        return *whole;
+    }
+    return std::holds_alternative<double>(cell) ? static_cast<std::int64_t>(std::get<double>(cell)) : 0;
+}
+
+double real(const Cell& cell) {
+    if (const auto* number = std::get_if<double>(&cell)) {
+        return *number;
+    }
+    return static_cast<double>(integer(cell));
+}
+
+std::string text(const Cell& cell) {
+    if (const auto* words = std::get_if<std::string>(&cell)) {
+        return *words;
+    }
+    if (const auto* bytes = std::get_if<Bytes>(&cell)) {
+        return bytes->data;
+    }
+    if (const auto* whole = std::get_if<std::int64_t>(&cell)) {
+        return std::to_string(*whole);
+    }
+    if (const auto* number = std::get_if<double>(&cell)) {
+        char shortest[32];
+        const auto end = std::to_chars(shortest, shortest + sizeof shortest, *number).ptr;
+        return {shortest, end};
+    }
+    return {};
+}
+
+Transaction::Transaction(Sql& sql) : m_sql(sql) {
+    // SQLite takes the write lock at once: a transaction that begins by reading could not wait for it later.
+    m_sql.script(sql.dialect() == Dialect::Sqlite ? "BEGIN IMMEDIATE" : "BEGIN");
+}
+
+Transaction::~Transaction() {
+    if (m_open) {
+        try {
+            m_sql.script("ROLLBACK");
+        } catch (const DatabaseError&) {
+            // The connection is lost, and the transaction with it.
+        }
+    }
+}
+
+void Transaction::commit() {
+    m_sql.script("COMMIT");
+    m_open = false;
+}
+
+}  // namespace vlmBackend::store

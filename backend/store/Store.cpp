@@ -1,0 +1,239 @@
+#include "backend/store/Store.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "backend/store/Schema.h"
+
+namespace vlmBackend::store {
+
+namespace {
+
+constexpr std::size_t kMostName = 200;
+constexpr int kLevel = 3;  // of zstd, for the envelopes' texts
+constexpr std::int64_t kReportsPerStep = 200;
+
+/// Null for what is no number: it comes from a topic that anybody may have written.
+Cell spoolNumber(const std::string& text) {
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc{} && end == text.data() + text.size() ? Cell{number} : Cell{};
+}
+
+}  // namespace
+
+std::string vehicleName(std::string_view prefix) {
+    constexpr std::string_view usual = "vlm/";
+    return std::string(prefix.starts_with(usual) ? prefix.substr(usual.size()) : prefix);
+}
+
+bool isVehicleName(std::string_view name) {
+    return !name.empty() && name.size() <= kMostName && std::none_of(name.begin(), name.end(), [](char c) {
+        return c == '+' || c == '#' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+    });
+}
+
+Store::Store(std::string where) : m_where(std::move(where)), m_compressor(kLevel) {
+    sql();
+}
+
+Store::~Store() = default;
+
+Sql& Store::sql() {
+    if (!m_sql) {
+        auto connected = connect(m_where);
+        migrate(*connected);
+        m_sql = std::move(connected);
+    }
+    return *m_sql;
+}
+
+/// After an error the connection and what was read through it are given up: the cause may be anything.
+bool Store::attempt(const std::function<void()>& work, std::string& reason) {
+    try {
+        work();
+        return true;
+    } catch (const DatabaseError& error) {
+        reason = error.what();
+    } catch (const std::exception&
+                 error) {  // out of memory, or a fault of ours: the data is not stored either way
+        reason = error.what();
+    }
+    m_sql.reset();
+    m_vehicles.clear();
+    m_events.clear();
+    return false;
+}
+
+std::vector<Stored> Store::put(std::span<const Received> batch) {
+    std::vector<Stored> all;
+    std::string reason;
+    const bool done = attempt(
+        [&] {
+            Transaction transaction(sql());
+            for (const Received& received : batch) {
+                all.push_back(putOne(received));
+            }
+            transaction.commit();
+            m_sql->tidy();
+        },
+        reason);
+    if (!done) {
+        all.assign(batch.size(), {});
+        for (Stored& one : all) {
+            one.reason = reason;
+        }
+    }
+    return all;
+}
+
+Stored Store::putOne(const Received& received) {
+    Stored out;
+    Envelope envelope;
+    const std::int64_t vehicle = vehicleId(received.prefix);
+    out.reason = received.reason;
+    if (!out.reason.empty() || !m_reader.read(received.text, envelope, out.reason)) {
+        keepUnusable(vehicle, received.receivedMs, out.reason, received.text);
+        out.outcome = Outcome::Unusable;
+        out.messageId = envelope.messageId;  // if it was read, the vehicle gets its result
+        return out;
+    }
+    out.messageId = envelope.messageId;
+    out.report = envelope.report + " #" + std::to_string(envelope.sequence);
+    out.collections = envelope.collections;
+    out.samples = envelope.samples.size();
+    out.refused = envelope.refusedInAll;
+
+    std::int64_t from = envelope.createdMs;
+    std::int64_t to = envelope.createdMs;
+    if (!envelope.samples.empty()) {
+        const auto [least, greatest] =
+            std::minmax_element(envelope.samples.begin(), envelope.samples.end(),
+                                [](const Sample& a, const Sample& b) { return a.measuredMs < b.measuredMs; });
+        from = least->measuredMs;
+        to = greatest->measuredMs;
+    }
+    const Cell parameters[] = {envelope.messageId,
+                               vehicle,
+                               envelope.application,
+                               envelope.report,
+                               envelope.sequence,
+                               envelope.catalog,
+                               received.receivedMs,
+                               from,
+                               to,
+                               static_cast<std::int64_t>(envelope.samples.size()),
+                               spoolNumber(received.spoolNumber),
+                               static_cast<std::int64_t>(received.wireBytes),
+                               Bytes{m_compressor.compress(received.text)}};
+    const auto inserted = m_sql->query(
+        "INSERT INTO reports (message_id, vehicle, application, name, sequence, catalog, received, "
+        "measured_from, measured_to, samples, spool_number, wire_bytes, envelope) "
+        "VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13) "
+        "ON CONFLICT (message_id) DO NOTHING RETURNING id",
+        parameters);
+    if (inserted.empty()) {
+        out.outcome = Outcome::Repeated;
+        return out;
+    }
+    std::vector<SampleRow> rows;
+    rows.reserve(envelope.samples.size());
+    for (const Sample& sample : envelope.samples) {
+        rows.push_back({integer(inserted[0][0]), vehicle, eventId(*sample.event), sample.instance,
+                        sample.measuredMs, received.receivedMs, sample.values});
+    }
+    m_sql->insertSamples(rows);
+    for (const Refused& refused : envelope.refused) {
+        keepUnusable(vehicle, received.receivedMs, refused.reason, refused.text);
+        out.reason = refused.reason;
+    }
+    out.outcome = Outcome::Stored;
+    return out;
+}
+
+void Store::keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
+                         const std::string& payload) {
+    const Cell parameters[] = {vehicle, receivedMs, reason, Bytes{payload}};
+    m_sql->query("INSERT INTO unusable (vehicle, received, reason, payload) VALUES ($1, $2, $3, $4)",
+                 parameters);
+}
+
+std::int64_t Store::vehicleId(const std::string& prefix) {
+    const std::string name = vehicleName(prefix);
+    const auto known = m_vehicles.find(name);
+    if (known != m_vehicles.end()) {
+        return known->second;
+    }
+    const Cell parameters[] = {name, prefix};
+    const auto rows = m_sql->query(
+        "INSERT INTO vehicles (name, prefix) VALUES ($1, $2) "
+        "ON CONFLICT (name) DO UPDATE SET prefix = excluded.prefix RETURNING id",
+        parameters);
+    return m_vehicles[name] = integer(rows[0][0]);
+}
+
+std::int64_t Store::eventId(const Event& event) {
+    std::int64_t& id = m_events[&event];
+    if (id == 0) {
+        const Cell parameters[] = {std::string(event.service), std::string(event.resource)};
+        id = integer(
+            m_sql->query("SELECT id FROM events WHERE service = $1 AND resource = $2", parameters)[0][0]);
+    }
+    return id;
+}
+
+void Store::setPresence(const std::string& prefix, bool online, const std::string& catalog,
+                        std::int64_t nowMs) {
+    std::string reason;
+    attempt(
+        [&] {
+            Transaction transaction(sql());
+            const Cell parameters[] = {vehicleId(prefix), std::int64_t{online}, catalog, nowMs};
+            m_sql->query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4 WHERE id = $1",
+                         parameters);
+            transaction.commit();
+        },
+        reason);
+}
+
+void Store::setHealth(const std::string& prefix, const std::string& health, std::int64_t nowMs) {
+    std::string reason;
+    attempt(
+        [&] {
+            Transaction transaction(sql());
+            const Cell parameters[] = {vehicleId(prefix), health, nowMs};
+            m_sql->query(m_sql->dialect() == Dialect::Sqlite
+                             ? "UPDATE vehicles SET health = $2, health_at = $3 WHERE id = $1"
+                             : "UPDATE vehicles SET health = CAST($2 AS JSONB), health_at = $3 WHERE id = $1",
+                         parameters);
+            transaction.commit();
+        },
+        reason);
+}
+
+Kept Store::deleteBefore(std::int64_t receivedMs) {
+    Kept deleted;
+    for (;;) {
+        Transaction transaction(sql());
+        const Cell upTo[] = {receivedMs, kReportsPerStep};
+        const auto reports =
+            m_sql->query("SELECT received FROM reports WHERE received < $1 ORDER BY received LIMIT $2", upTo);
+        if (reports.empty()) {
+            const Cell parameter[] = {receivedMs};
+            m_sql->query("DELETE FROM unusable WHERE received < $1", parameter);
+            transaction.commit();
+            m_sql->tidy();
+            return deleted;
+        }
+        const Cell step[] = {integer(reports.back()[0])};
+        const auto count = [](const std::vector<Row>& rows) { return integer(rows[0][0]); };
+        deleted.samples += count(m_sql->query("SELECT COUNT(*) FROM samples WHERE received <= $1", step));
+        deleted.reports += count(m_sql->query("SELECT COUNT(*) FROM reports WHERE received <= $1", step));
+        m_sql->query("DELETE FROM samples WHERE received <= $1", step);
+        m_sql->query("DELETE FROM reports WHERE received <= $1", step);
+        transaction.commit();
+        m_sql->tidy();
+    }
+}
+
+}  // namespace vlmBackend::store

@@ -1,0 +1,90 @@
+#pragma once
+/// What vehicles have sent, in a database: vehicles, reports, samples, and what could not be read.
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "backend/Compression.h"
+#include "backend/store/Envelope.h"
+#include "backend/store/Sql.h"
+
+namespace vlmBackend::store {
+
+struct Received {
+    std::string prefix;       ///< topic prefix of the vehicle
+    std::string text;         ///< the envelope; what came instead, if `reason` says that it is none
+    std::string reason;       ///< why the payload could not be decoded; empty: it was
+    std::string spoolNumber;  ///< empty: the vehicle has no spool
+    std::size_t wireBytes = 0;
+    std::int64_t receivedMs = 0;
+};
+
+enum class Outcome {
+    Stored,
+    Repeated,  ///< its messageId is known; nothing was changed
+    Unusable,  ///< kept as it came, with the reason
+    Failed     ///< nothing of it is stored: the database does not take it now
+};
+
+struct Stored {
+    Outcome outcome = Outcome::Failed;
+    std::string reason;  ///< of Unusable and Failed, and of samples that were refused
+    std::string messageId;
+    std::string report;  ///< name and sequence number, for people
+    std::size_t collections = 0;
+    std::size_t samples = 0;
+    std::size_t refused = 0;  ///< samples that fit no event; kept aside
+};
+
+struct Kept {
+    std::int64_t reports = 0;
+    std::int64_t samples = 0;
+};
+
+/// "vlm/bench" is the vehicle "bench"; another prefix is a name as it stands.
+std::string vehicleName(std::string_view prefix);
+/// Empty, "+", "#", control characters and texts over 200 bytes cannot be part of a topic or of a page.
+bool isVehicleName(std::string_view name);
+
+/// Used by one thread. A lost connection is made again at the next call.
+class Store {
+  public:
+    /// Migrates the database. Throws DatabaseError.
+    explicit Store(std::string where);
+    ~Store();
+
+    /// Stores all of them in one transaction. On return, what is not Failed survives a crash. Never throws.
+    std::vector<Stored> put(std::span<const Received> batch);
+    /// A vehicle's presence. Never throws.
+    void setPresence(const std::string& prefix, bool online, const std::string& catalog, std::int64_t nowMs);
+    /// The vehicle's health message, JSON. Never throws.
+    void setHealth(const std::string& prefix, const std::string& health, std::int64_t nowMs);
+
+    /// Deletes what was received before, a few reports at a time, so that storing goes on. Throws
+    /// DatabaseError.
+    Kept deleteBefore(std::int64_t receivedMs);
+
+    Sql& sql();  ///< throws DatabaseError when the database cannot be reached
+
+  private:
+    std::int64_t vehicleId(const std::string& prefix);
+    std::int64_t eventId(const Event& event);
+    Stored putOne(const Received& received);
+    void keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
+                      const std::string& payload);
+    bool attempt(const std::function<void()>& work, std::string& reason);
+
+    const std::string m_where;
+    std::unique_ptr<Sql> m_sql;
+    EnvelopeReader m_reader;
+    kyo::orx::Compressor m_compressor;
+    std::map<std::string, std::int64_t> m_vehicles;  ///< ids that are committed
+    std::map<const Event*, std::int64_t> m_events;
+};
+
+}  // namespace vlmBackend::store
