@@ -320,7 +320,10 @@ class Follower {
         print("follows " + m_options.follow);
         for (;;) {
             pollfd handle{signals, POLLIN, 0};
-            if (::poll(&handle, 1, readOn() ? 0 : kPauseMs) > 0) {
+            const bool asked = ::poll(&handle, 1, readOn() ? 0 : kPauseMs) > 0;
+            if (asked) {
+                while (readOn()) {  // what was there when the signal came
+                }
                 return;
             }
             m_retention.run();

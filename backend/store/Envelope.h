@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "backend/Events.h"
+#include "backend/store/Events.h"
 
 namespace vlmBackend::store {
 

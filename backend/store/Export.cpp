@@ -7,7 +7,7 @@
 #include <map>
 
 #include "backend/Compression.h"
-#include "backend/Events.h"
+#include "backend/store/Events.h"
 
 namespace vlmBackend::store {
 

@@ -4,7 +4,7 @@
 #include <array>
 #include <functional>
 
-#include "backend/Events.h"
+#include "backend/store/Events.h"
 
 namespace vlmBackend::store {
 

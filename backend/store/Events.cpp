@@ -1,4 +1,4 @@
-#include "backend/Events.h"
+#include "backend/store/Events.h"
 
 #include <algorithm>
 #include <utility>
