@@ -1,10 +1,9 @@
 #include "backend/store/Export.h"
 
-#include <array>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <regex>
 
 #include "backend/Compression.h"
 #include "backend/store/Events.h"
@@ -17,7 +16,7 @@ namespace chrono = std::chrono;
 
 /// RFC 4180.
 std::string csvCell(const Cell& cell) {
-    const std::string plain = text(cell);
+    std::string plain = text(cell);
     if (plain.find_first_of(",\"\r\n") == std::string::npos) {
         return plain;
     }
@@ -94,31 +93,20 @@ std::string utcText(std::int64_t ms) {
 }
 
 std::int64_t utcMs(const std::string& text) {
-    int year = 0;
-    unsigned month = 0;
-    unsigned day = 0;
-    unsigned hour = 0;
-    unsigned minute = 0;
-    double second = 0;
-    int used = 0;
-    const char* const form = "%4d-%2u-%2u%n";
-    bool good = std::sscanf(text.c_str(), form, &year, &month, &day, &used) == 3;
-    std::string rest = good ? text.substr(static_cast<std::size_t>(used)) : "";
-    if (rest.ends_with('Z')) {
-        rest.pop_back();
+    static const std::regex form(
+        R"((\d{4})-(\d\d)-(\d\d)(?:[T ](\d\d):(\d\d)(?::(\d\d)(?:\.(\d{3}))?)?)?Z?)");
+    std::smatch parts;
+    const bool good = std::regex_match(text, parts, form);
+    const auto part = [&parts](std::size_t i) { return parts[i].matched ? std::stoi(parts[i].str()) : 0; };
+    const chrono::year_month_day date =
+        good ? chrono::year_month_day{chrono::year(part(1)), chrono::month(static_cast<unsigned>(part(2))),
+                                      chrono::day(static_cast<unsigned>(part(3)))}
+             : chrono::year_month_day{};
+    if (!good || !date.ok() || part(4) > 23 || part(5) > 59 || part(6) > 59) {
+        throw ExportError("\"" + text + "\": a UTC time such as 2026-11-25T10:00:00.000 is expected");
     }
-    if (good && !rest.empty()) {
-        used = 0;
-        good = (rest[0] == 'T' || rest[0] == ' ') &&
-               std::sscanf(rest.c_str() + 1, "%2u:%2u%n:%lf%n", &hour, &minute, &used, &second, &used) >= 2 &&
-               static_cast<std::size_t>(used) + 1 == rest.size() && second >= 0;
-    }
-    const chrono::year_month_day date{chrono::year(year), chrono::month(month), chrono::day(day)};
-    if (!good || !date.ok() || hour > 23 || minute > 59 || second >= 60) {
-        throw ExportError("\"" + text + "\": a UTC time such as 2026-11-25T10:00:00 is expected");
-    }
-    const auto time = chrono::sys_days(date) + chrono::hours(hour) + chrono::minutes(minute) +
-                      chrono::milliseconds(static_cast<std::int64_t>(second * 1000 + 0.5));
+    const auto time = chrono::sys_days(date) + chrono::hours(part(4)) + chrono::minutes(part(5)) +
+                      chrono::seconds(part(6)) + chrono::milliseconds(part(7));
     return chrono::duration_cast<chrono::milliseconds>(time.time_since_epoch()).count();
 }
 

@@ -80,7 +80,7 @@ std::string valueOf(const EventField& field, Dialect dialect) {
     if (dialect == Dialect::Sqlite) {
         return "json_extract(s.vals, '$." + std::string(field.name) + "')";
     }
-    const std::string member = "(s.vals ->> " + quoted(field.name) + ")";
+    std::string member = "(s.vals ->> " + quoted(field.name) + ")";
     switch (field.kind) {
         case Kind::Boolean:
             return member + "::boolean";
