@@ -171,7 +171,8 @@ void EnvelopeReader::readReport(Envelope& envelope) {
         } else if (name == "sequenceNumber") {
             envelope.sequence = wholeNumber(value, "orxClientDataReport.sequenceNumber");
         } else if (name == "signalCollections" && !value.is_null()) {
-            for (auto collection : value.get_array()) {
+            ondemand::array collections = value.get_array();
+            for (auto collection : collections) {
                 readCollection(collection.get_object(), envelope);
             }
         }
@@ -193,7 +194,8 @@ void EnvelopeReader::readCollection(ondemand::object collection, Envelope& envel
         } else if (name == "index") {
             instance = wholeNumber(value, "index");
         } else if (name == "samples" && !value.is_null()) {
-            for (auto sample : value.get_array()) {
+            ondemand::array samples = value.get_array();
+            for (auto sample : samples) {
                 m_samples.push_back(sample.get_object().value().raw_json());
             }
         }
@@ -218,7 +220,8 @@ void EnvelopeReader::readCollection(ondemand::object collection, Envelope& envel
         Sample out{event, instance, 0, {}};
         std::string reason = "a sample without \"propertyValuePairs\"";
         bool timed = false;
-        for (auto member : document.get_object()) {
+        ondemand::object members = document.get_object();
+        for (auto member : members) {
             const std::string_view name = member.unescaped_key();
             ondemand::value value = member.value();
             if (name == "timestamp") {
@@ -227,6 +230,9 @@ void EnvelopeReader::readCollection(ondemand::object collection, Envelope& envel
             } else if (name == "propertyValuePairs" && !value.is_null()) {
                 ondemand::object values = value.get_object();
                 reason = mismatch(values, *event);
+                if (!reason.empty()) {
+                    break;  // after an error the text cannot be read on
+                }
                 values.reset();
                 out.values = values.raw_json();
             }
