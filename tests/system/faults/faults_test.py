@@ -431,7 +431,7 @@ class SpoolFaults(FaultTest):
             self.assertEqual({identifier for identifier, _ in arrivals[count:]} & gone, set(),
                              "came again after its deletion")
         different = len({identifier for identifier, _ in arrivals})
-        self.told.update({"confirmed": len(confirmed), "of them on the disk at a kill": len(self.kept),
+        self.told.update({"confirmed by the last log": len(confirmed), "on the disk at a kill": len(self.kept),
                           "arrived": different, "of them again": len(arrivals) - different})
         self.assertGreater(len(confirmed), 2)
 

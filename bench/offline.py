@@ -1,0 +1,232 @@
+"""The backend link: bytes on the wire, processor time, and a day without a broker. A group of bench/run.
+
+Two vlmmasters drive one after the other, with the same drive and a faster clock, through a relay that counts bytes: one
+without compression and spool, one with both. What the first sends is then fed to the client alone (bench_backend).
+"""
+import json
+import os
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+SPEED = 20  # of the clock while driving
+TICKS = 8  # a minute of the drive each
+SENDS = 200  # for the processor time
+DAY = 1440  # ticks
+SPOOL = {"spool": {"path": "spool", "drainJitterSeconds": 0}, "compression": {"method": "zstd"},
+         "remember": {"afterSeconds": 0}}
+
+
+class Relay:
+    """Passes on TCP connections to a port, and counts their bytes, in both directions."""
+
+    def __init__(self, target):
+        self.bytes = 0
+        self.target = target
+        self.socket = socket.create_server(("127.0.0.1", 0))
+        self.port = self.socket.getsockname()[1]
+        threading.Thread(target=self.accept, daemon=True).start()
+
+    def accept(self):
+        while True:
+            try:
+                peer, _ = self.socket.accept()
+            except OSError:
+                return
+            try:
+                broker = socket.create_connection(("127.0.0.1", self.target))
+            except OSError:
+                peer.close()
+                continue
+            for pair in ((peer, broker), (broker, peer)):
+                threading.Thread(target=self.carry, args=pair, daemon=True).start()
+
+    def carry(self, source, sink):
+        try:
+            while data := source.recv(65536):
+                self.bytes += len(data)
+                sink.sendall(data)
+        except OSError:
+            pass
+        for end in (source, sink):
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+
+class Peers:
+    """Processes that end with it, in reverse order."""
+
+    def __init__(self, folder):
+        self.folder, self.started = folder, []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for process in reversed(self.started):
+            process.kill()
+            process.wait()
+
+    def start(self, *command, **options):
+        options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, **options}
+        process = subprocess.Popen([str(part) for part in command], cwd=self.folder, **options)
+        self.started.append(process)
+        return process
+
+    def start_broker(self, port):
+        mosquitto = shutil.which("mosquitto", path=os.environ["PATH"] + ":/usr/sbin")
+        Path(self.folder, "mosquitto.conf").write_text(f"listener {port} 127.0.0.1\nallow_anonymous true\n")
+        self.start(mosquitto, "-c", "mosquitto.conf")
+
+        def listens():
+            with socket.socket() as probe:
+                return probe.connect_ex(("127.0.0.1", port)) == 0
+        wait_until(listens, "the broker", 20)
+
+    def start_client(self, build, port, arguments, name, settings):
+        """bench_backend with pipes."""
+        manifest = Path(self.folder, name + ".json")
+        manifest.write_text(json.dumps({"log": {"dlt": False, "console": False},
+                                        "backend": {"transport": "mqtt", **settings,
+                                                    "mqtt": {"port": port, "prefix": "vlm/bench", "reconnectMaxSeconds": 1}}}))
+        return self.start(build / "bench/bench_backend", *arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          text=True, env={**os.environ, "VLM_MACHINE_MANIFEST": str(manifest)})
+
+
+def wait_until(condition, what, deadline):
+    end = time.monotonic() + deadline
+    while not condition():
+        if time.monotonic() > end:
+            raise RuntimeError(f"{what} did not come")
+        time.sleep(0.02)
+
+
+def support(build):
+    """tests/support/processes.py, which takes its programs from the environment."""
+    os.environ.update(VLMMASTER=str(build / "app/vlmmaster"), WITH_CATALOG=str(ROOT / "tests/support/with-catalog"),
+                      VLM_VEHICLE=str(build / "tools/vehicle/vlm-vehicle"),
+                      VLM_CATALOG=str(next((build / "generated").glob("VLM_Available_Signals_Catalog_*.json"))))
+    sys.path.insert(0, str(ROOT / "tests/support"))
+    import processes
+    return processes
+
+
+def line_of(process):
+    line = process.stdout.readline()
+    if not line:
+        raise RuntimeError(f"bench_backend ended with status {process.wait()}")
+    return json.loads(line)
+
+
+def drive(build, folder, settings, config, ticks):
+    """Bytes on the wire and of envelopes, and how many these are, in that many ticks; and the file with envelopes."""
+    processes = support(build)
+    clock = processes.faster_clock(SPEED)
+    if clock is None:
+        raise RuntimeError("libfaketime is needed")
+    broker, discovery = processes.free_tcp_port(), processes.free_udp_port()
+    relay = Relay(broker)
+    store = Path(folder, "envelopes.jsonl")
+    with Peers(folder) as peers:
+        peers.start_broker(broker)
+        peers.start(build / "tools/backend/vlm-backend", "--port", broker, "--prefix", "vlm/bench", "--config", config,
+                    "--store", store)
+        vehicle = processes.Vehicle(folder, discovery, environment=clock)
+        mqtt = {"port": relay.port, "prefix": "vlm/bench", "keepAliveSeconds": 30 * SPEED}
+        master = processes.Vlmmaster(["-c", str(ROOT / "examples/application.json")], folder, port=discovery,
+                                     environment=clock,
+                                     manifest={"log": {"console": False, "maxLevel": 3},
+                                               "backend": {"transport": "mqtt", "mqtt": mqtt, **settings}})
+
+        def stored():
+            return store.read_bytes().count(b"\n") if store.exists() else 0
+
+        def settle(tick):
+            """Once all that belongs to a tick has arrived."""
+            master.wait_for_count("clock.ticks", tick, 300)
+            count = -1
+            while count != stored():
+                count = stored()
+                time.sleep(0.5)
+            return count, relay.bytes
+
+        try:
+            master.wait_for_count("samples.received", 100, 120)
+            # The first reports have other lengths.
+            first = master.count("clock.ticks") + 2
+            count, wire = settle(first)
+            count, wire = [after - before for after, before in zip(settle(first + ticks), (count, wire))]
+            real_ticks = master.count("clock.ticks") - first
+        finally:
+            master.kill()
+            vehicle.end()
+            relay.socket.close()
+    lines = store.read_bytes().splitlines()[-count:]
+    Path(folder, "last.jsonl").write_bytes(b"\n".join(lines) + b"\n")
+    return {"wire": wire / real_ticks, "text": sum(map(len, lines)) / real_ticks, "envelopes": count / real_ticks}
+
+
+def offline(build, table, options):
+    config = ROOT / "examples/collector.json"
+    ticks = 60 if options.long else TICKS
+    with tempfile.TemporaryDirectory(prefix="vlm-bench-") as top:
+        folders = {}
+        for name in ("plain", "packed", "cost-plain", "cost-packed", "day"):
+            folders[name] = os.path.join(top, name)
+            os.mkdir(folders[name])
+        print(f"... driving twice, {ticks} min at {SPEED} times the speed", file=sys.stderr, flush=True)
+        plain = drive(build, folders["plain"], {}, config, ticks)
+        packed = drive(build, folders["packed"], SPOOL, config, ticks)
+        envelopes = Path(folders["plain"], "last.jsonl")
+        table.at_most(11, f"kB on the wire a minute, compared with none ({plain['wire'] / 1e3:.0f} kB) / 20",
+                      packed["wire"] / 1e3, plain["wire"] / 20e3, "kB")
+        table.note(11, "", f"a day of it: {packed['wire'] * DAY / 1e6:.1f} MB instead of {plain['wire'] * DAY / 1e6:.0f} MB")
+        print("... the client alone", file=sys.stderr, flush=True)
+        costs = {name: cost(build, folders[f"cost-{name}"], envelopes, settings)
+                 for name, settings in (("plain", {}), ("packed", SPOOL))}
+        each = {name: one["processorMs"] / SENDS for name, one in costs.items()}
+        table.ratio(12, "processor time of an envelope, spool and zstd", each["packed"], each["plain"], 2, "ms",
+                    "without both")
+        table.at_most(12, "  the same for a MB of its text", costs["packed"]["processorMs"] / costs["packed"]["textMb"], 15,
+                      "ms")
+        count = round(plain["envelopes"] * DAY)
+        print(f"... {count} envelopes without a broker", file=sys.stderr, flush=True)
+        filled, drained, taken = day(build, folders["day"], envelopes, count)
+        table.at_most(13, f"memory that grew in a day without a broker ({count} envelopes, {filled['textMb']:.0f} MB)",
+                      drained["residentMibMost"] - filled["residentMibAtFirst"], 4, "MiB")
+        table.at_least(13, "text forwarded afterwards, by one broker and one backend on loopback",
+                       drained["textMb"] / drained["seconds"], 50, "MB/s")
+        lost = drained["stored"] - taken["arrived"]
+        table.at_most(13, f"of {drained['stored']:,} envelopes lost ({taken['again']} came again)", lost, 0.5, "envelopes")
+
+
+def cost(build, folder, envelopes, settings):
+    """The client's last line: what it used for all, with spool until the last was delivered."""
+    port = support(build).free_tcp_port()
+    with Peers(folder) as peers:
+        peers.start_broker(port)
+        peers.start_client(build, port, ["take"], "take", {})
+        client = peers.start_client(build, port, ["send", envelopes, SENDS], "send", settings)
+        line = line_of(client)
+        return line_of(client) if settings else line
+
+
+def day(build, folder, envelopes, count):
+    port = support(build).free_tcp_port()
+    with Peers(folder) as peers:
+        client = peers.start_client(build, port, ["send", envelopes, count], "send", SPOOL)
+        filled = line_of(client)
+        peers.start_broker(port)
+        taker = peers.start_client(build, port, ["take"], "take", {})
+        drained = line_of(client)
+        taker.stdin.write("\n")
+        taker.stdin.flush()
+        return filled, drained, line_of(taker)
