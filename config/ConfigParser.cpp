@@ -8,6 +8,7 @@
 #include "base/FileText.h"
 #include "base/VlmLog.h"
 #include "json/JsonFields.h"
+#include "services/ProxyNames.h"
 
 namespace vlmProd {
 
@@ -354,7 +355,7 @@ void ConfigParser::getAllCollects(std::map<std::string, std::string>& out) {
             VLM_LOG(5, "service name or resource name or collect name is empty. Please check config");
             continue;
         }
-        out.emplace(collect.serv + "Proxy|" + collect.res + "|" + std::to_string(collect.index),
+        out.emplace(proxyNames::of(collect.serv) + "|" + collect.res + "|" + std::to_string(collect.index),
                     collect.name);
     }
 }

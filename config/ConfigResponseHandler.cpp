@@ -11,6 +11,7 @@
 #include "collect/IngressQueue.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
+#include "services/ProxyNames.h"
 
 namespace vlmProd {
 
@@ -209,7 +210,7 @@ void ConfigResponseHandler::configureResources(const std::map<std::string, std::
     FilesReturnCode code = FilesReturnCode::Ok;
     VlmJsonCatalog& catalog = *VlmJsonCatalog::getInstance();
     for (const auto& [service, resources] : servicesAndResources) {
-        const std::string proxy = service + "Proxy";  // the registry's name of it; the catalog says "GNSS"
+        const std::string proxy = proxyNames::of(service);
         for (const std::string& resource : resources) {
             // Once for each resource: creating it again would forget its keys and collectors.
             if (m_createdResources.emplace(service, resource).second) {
@@ -231,7 +232,7 @@ void ConfigResponseHandler::configureResources(const std::map<std::string, std::
 
 void ConfigResponseHandler::configureIndex(const std::string& service, const std::string& resource, int index,
                                            const std::map<std::string, std::string>& collects) {
-    const std::string proxy = service + "Proxy";
+    const std::string proxy = proxyNames::of(service);
     if (m_configuredIndexes.emplace(service, resource, index).second) {
         std::vector<std::string> properties =
             VlmJsonCatalog::getInstance()->getAllProperties(service, resource, index);
@@ -308,7 +309,7 @@ void ConfigResponseHandler::subscribeOnce(const ServicesAndResources& configured
             pause();
         }
         isFirst = false;
-        const std::string proxy = service + "Proxy";
+        const std::string proxy = proxyNames::of(service);
         for (const std::string& resource : resources) {
             if (services().isResourceSubscribed(proxy, resource)) {
                 continue;

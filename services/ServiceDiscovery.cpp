@@ -6,6 +6,7 @@
 
 #include "base/VlmLog.h"
 #include "kyo/Status.h"
+#include "services/ProxyNames.h"
 #include "services/ServiceMapObjectHandler.h"
 
 namespace vlmProd {
@@ -43,7 +44,7 @@ void ServiceDiscovery::discoverService(std::string serviceName) {
 
 void ServiceDiscovery::discoverService(std::vector<std::string>& services) {
     for (auto& service : services) {
-        service += "Proxy";
+        service = proxyNames::of(service);
         VLM_LOG(5, "Pushing the service " << service << "  to queue to discover it");
         push(service);
     }

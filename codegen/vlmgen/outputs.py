@@ -25,6 +25,7 @@ ONCE = (
     ("qdr/services/registration.cpp", "all_types.cpp.j2"),
     ("qdr/services/described.cpp", "all_described.cpp.j2"),
     ("services/adapters/RegisteredAdapters.h", "RegisteredAdapters.h.j2"),
+    ("services/adapters/RegisteredNames.h", "RegisteredNames.h.j2"),
     ("services/adapters/RegisteredAdapters.cpp", "RegisteredAdapters.cpp.j2"),
     ("backend/events.cpp", "backend_events.cpp.j2"),
 )
