@@ -92,6 +92,49 @@ std::optional<Document> openCatalog(const std::string& path, std::string& proble
     return document;
 }
 
+/// The --kind option. Returns false, with a message, for an unknown one.
+bool readKind(const cxxopts::ParseResult& arguments, std::optional<Kind>& out) {
+    if (arguments.count("kind") == 0) {
+        return true;
+    }
+    const auto name = arguments["kind"].as<std::string>();
+    const auto found = kindNames.find(name);
+    if (found == kindNames.end()) {
+        std::cerr << "vlm-check: unknown kind \"" << name
+                  << "\": collector, application, catalog or manifest\n";
+        return false;
+    }
+    out = found->second;
+    return true;
+}
+
+/// Checks one file. `problem` is why there is no catalog, if it is nullptr.
+Result check(const std::string& file, std::optional<Kind> kind, const CatalogView* catalog,
+             const std::string& problem) {
+    Result result{file, "", {}};
+    Document document;
+    if (!readDocument(file, document, result.findings)) {
+        return result;
+    }
+    if (!kind) {
+        kind = guessKind(document);
+    }
+    if (!kind) {
+        result.findings.push_back({Severity::Error, 1, "$", "looks like none of the known files",
+                                   "give its kind with --kind collector|application|catalog|manifest"});
+        return result;
+    }
+    result.kind = nameOf(*kind);
+    const auto found = checkDocument(document, *kind, catalog);
+    result.findings.insert(result.findings.end(), found.begin(), found.end());
+    if (*kind == Kind::Collector && catalog == nullptr) {
+        result.findings.push_back({Severity::Warning, 0, "",
+                                   "services, resources and indexes were not checked: " + problem,
+                                   "name a catalog with --catalog"});
+    }
+    return result;
+}
+
 int run(int argc, char** argv) {
     cxxopts::Options options("vlm-check",
                              "Checks collector configurations, application configurations, signal catalogs "
@@ -113,23 +156,14 @@ int run(int argc, char** argv) {
         std::cerr << "vlm-check: no file given\n" << options.help() << '\n';
         return 1;
     }
-    std::optional<Kind> wanted;
-    if (arguments.count("kind") != 0) {
-        const auto name = arguments["kind"].as<std::string>();
-        const auto found = kindNames.find(name);
-        if (found == kindNames.end()) {
-            std::cerr << "vlm-check: unknown kind \"" << name
-                      << "\": collector, application, catalog or manifest\n";
-            return 1;
-        }
-        wanted = found->second;
+    std::optional<Kind> kind;
+    if (!readKind(arguments, kind)) {
+        return 1;
     }
-
     std::string problem;
     const bool catalogGiven = arguments.count("catalog") != 0;
-    const auto catalogPath =
-        catalogGiven ? arguments["catalog"].as<std::string>() : std::string(installedCatalog);
-    const auto catalogDocument = openCatalog(catalogPath, problem);
+    const auto catalogDocument =
+        openCatalog(catalogGiven ? arguments["catalog"].as<std::string>() : installedCatalog, problem);
     if (catalogGiven && !catalogDocument) {
         std::cerr << "vlm-check: " << problem << '\n';
         return 1;
@@ -140,35 +174,18 @@ int run(int argc, char** argv) {
     }
 
     bool allGood = true;
+    const bool asJson = arguments.count("json") != 0;
     kyo::Json::Value all(kyo::Json::arrayValue);
     for (const auto& file : arguments["files"].as<std::vector<std::string>>()) {
-        Result result{file, "", {}};
-        Document document;
-        if (readDocument(file, document, result.findings)) {
-            const auto kind = wanted ? wanted : guessKind(document);
-            if (!kind) {
-                result.findings.push_back(
-                    {Severity::Error, 1, "$", "looks like none of the known files",
-                     "give its kind with --kind collector|application|catalog|manifest"});
-            } else {
-                result.kind = nameOf(*kind);
-                const auto found = checkDocument(document, *kind, catalog ? &*catalog : nullptr);
-                result.findings.insert(result.findings.end(), found.begin(), found.end());
-                if (*kind == Kind::Collector && !catalog) {
-                    result.findings.push_back({Severity::Warning, 0, "",
-                                               "services, resources and indexes were not checked: " + problem,
-                                               "name a catalog with --catalog"});
-                }
-            }
-        }
+        const Result result = check(file, kind, catalog ? &*catalog : nullptr, problem);
         allGood = allGood && result.count(Severity::Error) == 0;
-        if (arguments.count("json") != 0) {
+        if (asJson) {
             all.append(toJson(result));
         } else {
             print(result);
         }
     }
-    if (arguments.count("json") != 0) {
+    if (asJson) {
         std::cout << all.toStyledString();
     }
     return allGood ? 0 : 1;

@@ -154,6 +154,72 @@ bool CsvRecording::readFile(const std::string& path, const DescribedEvent& event
     return read(text, path, event, out, error);
 }
 
+namespace {
+
+/// Which column of a recording means what.
+struct Header {
+    std::vector<const FieldInfo*> columns;  ///< nullptr: the time
+    std::size_t timeColumn = 0;
+    double timeUnit = 1;  ///< s
+};
+
+/// Returns why the row names no columns of the event; an empty text if it does.
+std::string readHeader(const std::vector<Cell>& cells, const DescribedEvent& event, Header& out) {
+    std::vector<std::string> known = {"time", "timestamp"};
+    for (const auto& field : event.fields()) {
+        known.emplace_back(field.name);
+    }
+    out.timeColumn = cells.size();
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        const std::string column = trimmed(cells[i].text);
+        const FieldInfo* found = nullptr;
+        for (const auto& field : event.fields()) {
+            found = field.name == column ? &field : found;
+        }
+        out.columns.push_back(found);
+        if (found != nullptr) {
+            continue;
+        }
+        if ((column != "time" && column != "timestamp") || out.timeColumn != cells.size()) {
+            const std::string hint = vlmCheck::didYouMean(column, known);
+            return "column \"" + column + "\" is no field of " + event.name() +
+                   (hint.empty() ? "; known are " + vlmCheck::listed(known) : "; " + hint);
+        }
+        out.timeColumn = i;
+        out.timeUnit = column == "time" ? 1 : 0.001;
+    }
+    return out.timeColumn == cells.size()
+               ? "a column \"time\" (seconds) or \"timestamp\" (milliseconds) is expected"
+               : "";
+}
+
+/// Returns why the row is no sample; an empty text if it is. `time` is in s.
+std::string readSample(const std::vector<Cell>& cells, const Header& header, const std::string& timeName,
+                       double& time, FieldValues& sample) {
+    if (cells.size() != header.columns.size()) {
+        return std::to_string(cells.size()) + " cells where " + std::to_string(header.columns.size()) +
+               " are expected";
+    }
+    if (const std::string cell = trimmed(cells[header.timeColumn].text);
+        !wholeNumber(cell, time) || !std::isfinite(time)) {
+        return "column \"" + timeName + "\": \"" + cell + "\" is no number";
+    }
+    time *= header.timeUnit;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        const std::string cell = cells[i].quoted ? cells[i].text : trimmed(cells[i].text);
+        if (i == header.timeColumn || (cell.empty() && !cells[i].quoted)) {
+            continue;
+        }
+        const FieldInfo& field = *header.columns[i];
+        if (std::string reason; !parseField(cell, field, sample[field.name], reason)) {
+            return "column \"" + std::string(field.name) + "\": " + reason;
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
 bool CsvRecording::read(const std::string& text, const std::string& name, const DescribedEvent& event,
                         CsvRecording& out, std::string& error) {
     const auto refuse = [&](std::size_t line, const std::string& reason) {
@@ -168,69 +234,26 @@ bool CsvRecording::read(const std::string& text, const std::string& name, const 
     if (rows.empty()) {
         return refuse(1, "a first line with the names of the columns is expected");
     }
-    std::vector<const FieldInfo*> columns;
-    std::vector<std::string> known = {"time", "timestamp"};
-    for (const auto& field : event.fields()) {
-        known.emplace_back(field.name);
+    Header header;
+    if (const std::string reason = readHeader(rows[0].cells, event, header); !reason.empty()) {
+        return refuse(rows[0].line, reason);
     }
-    std::size_t timeColumn = rows[0].cells.size();
-    double timeUnit = 1;
-    for (std::size_t i = 0; i < rows[0].cells.size(); ++i) {
-        const std::string column = trimmed(rows[0].cells[i].text);
-        const FieldInfo* found = nullptr;
-        for (const auto& field : event.fields()) {
-            found = field.name == column ? &field : found;
-        }
-        columns.push_back(found);
-        if (found != nullptr) {
-            continue;
-        }
-        if ((column != "time" && column != "timestamp") || timeColumn != rows[0].cells.size()) {
-            const std::string hint = vlmCheck::didYouMean(column, known);
-            return refuse(rows[0].line,
-                          "column \"" + column + "\" is no field of " + event.name() +
-                              (hint.empty() ? "; known are " + vlmCheck::listed(known) : "; " + hint));
-        }
-        timeColumn = i;
-        timeUnit = column == "time" ? 1 : 0.001;
-    }
-    if (timeColumn == rows[0].cells.size()) {
-        return refuse(rows[0].line,
-                      "a column \"time\" (seconds) or \"timestamp\" (milliseconds) is expected");
-    }
-
+    const std::string timeName = trimmed(rows[0].cells[header.timeColumn].text);
     std::vector<Notification> notifications;
     double first = 0;
     for (std::size_t r = 1; r < rows.size(); ++r) {
-        const auto& row = rows[r];
-        if (row.cells.size() != columns.size()) {
-            return refuse(row.line, std::to_string(row.cells.size()) + " cells where " +
-                                        std::to_string(columns.size()) + " are expected");
-        }
         double time = 0;
-        if (const std::string cell = trimmed(row.cells[timeColumn].text);
-            !wholeNumber(cell, time) || !std::isfinite(time)) {
-            return refuse(row.line, "column \"" + trimmed(rows[0].cells[timeColumn].text) + "\": \"" + cell +
-                                        "\" is no number");
+        FieldValues sample;
+        if (const std::string reason = readSample(rows[r].cells, header, timeName, time, sample);
+            !reason.empty()) {
+            return refuse(rows[r].line, reason);
         }
-        time *= timeUnit;
         if (r == 1) {
             first = time;
         }
         time -= first;
-        FieldValues sample;
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            const std::string cell = row.cells[i].quoted ? row.cells[i].text : trimmed(row.cells[i].text);
-            if (i == timeColumn || (cell.empty() && !row.cells[i].quoted)) {
-                continue;
-            }
-            std::string reason;
-            if (!parseField(cell, *columns[i], sample[columns[i]->name], reason)) {
-                return refuse(row.line, "column \"" + std::string(columns[i]->name) + "\": " + reason);
-            }
-        }
         if (!notifications.empty() && time < notifications.back().time) {
-            return refuse(row.line, "time goes back");
+            return refuse(rows[r].line, "time goes back");
         }
         if (notifications.empty() || time != notifications.back().time) {
             notifications.push_back({time, {}});

@@ -120,13 +120,24 @@ void DriveModel::strike(double dt) {
     }
 }
 
-/// Driver and cruise control set the acceleration, which moves the car.
 void DriveModel::drive(double dt) {
+    const double wanted = wantedSpeed(dt);
+    accelerate(wanted, dt);
+    steer(dt);
+    pedals(wanted);
+}
+
+bool DriveModel::canDrive() const {
+    const auto& c = m_state.controls;
+    return c.ignition && m_state.highVoltageOn && !c.parkingBrake && c.gear != Gear::Park &&
+           c.gear != Gear::Neutral && !c.plugged && m_state.stateOfCharge > 0;
+}
+
+/// Returns the speed that the driver or the distance to the car ahead asks for, in m/s. Moves the car ahead.
+double DriveModel::wantedSpeed(double dt) {
     auto& s = m_state;
     const auto& c = s.controls;
-    const bool canDrive = c.ignition && s.highVoltageOn && !c.parkingBrake && c.gear != Gear::Park &&
-                          c.gear != Gear::Neutral && !c.plugged && s.stateOfCharge > 0;
-    double wanted = canDrive ? c.targetSpeed / 3.6 : 0;
+    double wanted = canDrive() ? c.targetSpeed / 3.6 : 0;
     wanted = c.gear == Gear::Reverse ? std::min(wanted, 0.0) : std::max(wanted, 0.0);
 
     if (c.leadDistance != m_previous.leadDistance) {
@@ -143,7 +154,12 @@ void DriveModel::drive(double dt) {
             s.gap = 0;
         }
     }
+    return wanted;
+}
 
+void DriveModel::accelerate(double wanted, double dt) {
+    auto& s = m_state;
+    const auto& c = s.controls;
     const double grip = gravity * c.friction;
     double goal = std::clamp((wanted - s.speed) / 1.4, -2.8, c.mode == DrivingMode::Sport ? 3.2 : 1.9);
     const double resisting = gravity * c.slope / 100;
@@ -164,7 +180,13 @@ void DriveModel::drive(double dt) {
         s.speed = 0;
         s.acceleration = 0;
     }
+}
 
+/// Moves the car along the curve of the road, as far as its tyres can follow it.
+void DriveModel::steer(double dt) {
+    auto& s = m_state;
+    const auto& c = s.controls;
+    const double grip = gravity * c.friction;
     double curvature = c.curvature / 1000;
     const double sharpest = s.moving() ? grip / (s.speed * s.speed) : 1;
     s.stabilityIntervention = std::abs(curvature) > 0.85 * sharpest;
@@ -183,11 +205,16 @@ void DriveModel::drive(double dt) {
     }
     s.climbRate = s.speed * c.slope / 100;
     s.altitude = std::clamp(s.altitude + s.climbRate * dt, -400.0, 9000.0);
+}
 
-    // The pedal positions for this acceleration.
+/// Sets the pedals to the positions that give this acceleration.
+void DriveModel::pedals(double wanted) {
+    auto& s = m_state;
+    const auto& c = s.controls;
+    const double resisting = gravity * c.slope / 100;
     const double rolling = s.moving() ? 0.25 + resisting + 0.00017 * s.speed * s.speed : 0;
     const double demand = s.acceleration + rolling;
-    s.acceleratorPedal = canDrive && demand > 0 && (s.moving() || wanted != 0)
+    s.acceleratorPedal = canDrive() && demand > 0 && (s.moving() || wanted != 0)
                              ? std::clamp(demand / 3.5 * 100, 0.0, 100.0)
                              : 0;
     const bool holds = c.ignition && !s.moving() && !c.parkingBrake && c.gear != Gear::Park && wanted == 0;
@@ -236,24 +263,45 @@ void DriveModel::wheels() {
 
 void DriveModel::energy(double dt) {
     auto& s = m_state;
+    drivePower();
+    const double lights = s.controls.ignition && s.dark() ? 0.12 : 0.03;
+    s.auxiliaryPower = s.highVoltageOn ? (s.controls.ignition ? 0.35 + lights : 0.02) + s.climatePower : 0;
+    s.batteryPower = batteryPower(dt);
+    const double hours = dt / 3600;
+    battery(s.batteryPower, hours);
+    distance(s.batteryPower, dt);
+
+    const bool converter = s.highVoltageOn && (s.controls.ignition || s.charging);
+    s.lowVoltage = approach(s.lowVoltage, converter ? 14.2 : 12.5, dt, 1);
+    s.lowVoltageCharge = std::clamp(s.lowVoltageCharge + (converter ? 4 : -0.6) * hours, 0.0, 100.0);
+}
+
+/// Returns the force that acceleration, slope, tyres and air need, in N.
+double DriveModel::forceAtWheels() const {
+    const auto& s = m_state;
     const auto& c = s.controls;
-    const double slope = s.moving() ? s.climbRate / s.speed : 0;
-    double force = 0;
-    if (s.moving() && m_strike <= 0) {
-        const double sign = s.speed < 0 ? -1 : 1;
-        // Cold air is denser and cold tyres are stiffer.
-        const double airDensity = 353 / (273 + std::clamp(c.outsideTemperature, -60.0, 60.0));
-        const double rolling =
-            Car::rollingResistance * std::clamp(1 + 0.006 * (20 - c.outsideTemperature), 0.9, 1.4);
-        force = Car::mass * (s.acceleration + gravity * slope + sign * gravity * rolling) +
-                sign * 0.5 * airDensity * Car::airDrag * s.speed * s.speed;
+    if (!s.moving() || m_strike > 0) {
+        return 0;
     }
-    double mechanical = force * s.speed / 1000;  // kW at the wheels
+    const double slope = s.climbRate / s.speed;
+    const double sign = s.speed < 0 ? -1 : 1;
+    // Cold air is denser and cold tyres are stiffer.
+    const double airDensity = 353 / (273 + std::clamp(c.outsideTemperature, -60.0, 60.0));
+    const double rolling =
+        Car::rollingResistance * std::clamp(1 + 0.006 * (20 - c.outsideTemperature), 0.9, 1.4);
+    return Car::mass * (s.acceleration + gravity * slope + sign * gravity * rolling) +
+           sign * 0.5 * airDensity * Car::airDrag * s.speed * s.speed;
+}
+
+/// Sets the power of the machines and their torque.
+void DriveModel::drivePower() {
+    auto& s = m_state;
+    double mechanical = forceAtWheels() * s.speed / 1000;  // kW at the wheels
     const double most = s.availablePower();
     const double leastByCold = s.batteryTemperature < 0 ? 30 : 120;
     const double least = s.stateOfCharge > 97 || !s.highVoltageOn ? 0 : leastByCold;
     mechanical = std::clamp(mechanical, -least, most);  // friction brakes do the rest
-    if (!c.ignition) {
+    if (!s.controls.ignition) {
         mechanical = 0;
     }
     s.drivePower = mechanical > 0 ? mechanical / 0.91 : mechanical * 0.86;
@@ -261,10 +309,12 @@ void DriveModel::energy(double dt) {
     const double wheelTorque = machineForce * Car::tyreCircumference / (2 * pi);
     s.front.torque = wheelTorque * Car::frontShare / Car::gearRatio;
     s.rear.torque = wheelTorque * (1 - Car::frontShare) / Car::gearRatio;
+}
 
-    const double lights = c.ignition && s.dark() ? 0.12 : 0.03;
-    s.auxiliaryPower = s.highVoltageOn ? (c.ignition ? 0.35 + lights : 0.02) + s.climatePower : 0;
-
+/// Charges if plugged in. Returns the power out of the battery, in kW.
+double DriveModel::batteryPower(double dt) {
+    auto& s = m_state;
+    const auto& c = s.controls;
     double power = s.highVoltageOn ? s.drivePower + s.auxiliaryPower : 0;
     s.charging = false;
     if (c.plugged && c.chargePower > 0 && s.highVoltageOn && !s.moving()) {
@@ -285,8 +335,11 @@ void DriveModel::energy(double dt) {
     } else if (!c.plugged) {
         s.chargeCompleted = false;
     }
-    s.batteryPower = power;
-    const double hours = dt / 3600;
+    return power;
+}
+
+void DriveModel::battery(double power, double hours) {
+    auto& s = m_state;
     s.stateOfCharge = std::clamp(s.stateOfCharge - power * hours / Car::usableEnergy * 100, 0.0, 100.0);
     if (power > 0) {
         s.energyDischarged += power * hours;
@@ -303,22 +356,22 @@ void DriveModel::energy(double dt) {
     const double spread = 0.004 + 0.00003 * std::abs(s.packCurrent);
     s.cellVoltageMaximum = mean + spread;
     s.cellVoltageMinimum = mean - spread;
+}
 
+/// Counts the distance and what it took.
+void DriveModel::distance(double power, double dt) {
+    auto& s = m_state;
     const double way = std::abs(s.speed) * dt / 1000;  // km
     s.odometer += way;
     s.tripDistance += way;
     s.sinceCharge = s.charging ? 0 : s.sinceCharge + way;
     if (way > 0) {
-        const double now = std::clamp(power * hours / way * 100, -60.0, 150.0);
+        const double now = std::clamp(power * (dt / 3600) / way * 100, -60.0, 150.0);
         s.averageConsumption += (now - s.averageConsumption) * (1 - std::exp(-way / 20));
         s.recentConsumption += (now - s.recentConsumption) * (1 - std::exp(-way / 2));
         s.averageConsumption = std::clamp(s.averageConsumption, 8.0, 60.0);
         s.controls.routeRemaining = std::max(0.0, s.controls.routeRemaining - way);
     }
-
-    const bool converter = s.highVoltageOn && (c.ignition || s.charging);
-    s.lowVoltage = approach(s.lowVoltage, converter ? 14.2 : 12.5, dt, 1);
-    s.lowVoltageCharge = std::clamp(s.lowVoltageCharge + (converter ? 4 : -0.6) * hours, 0.0, 100.0);
 }
 
 void DriveModel::temperatures(double dt) {

@@ -199,11 +199,22 @@ class DriveModel {
     };
 
     void shortStep(double dt);
+    /// Driver and cruise control set the acceleration, which moves the car.
     void drive(double dt);
+    bool canDrive() const;
+    double wantedSpeed(double dt);
+    void accelerate(double wanted, double dt);
+    void steer(double dt);
+    void pedals(double wanted);
     void followRecord(double dt);
     void strike(double dt);
     void wheels();
     void energy(double dt);
+    double forceAtWheels() const;
+    void drivePower();
+    double batteryPower(double dt);
+    void battery(double power, double hours);
+    void distance(double power, double dt);
     void temperatures(double dt);
     void receiver(double dt);
     void clocks(double dt);

@@ -107,6 +107,60 @@ bool GpxTrack::readFile(const std::string& path, GpxTrack& out, std::string& err
     return read(text, path, out, error);
 }
 
+namespace {
+
+/// A track point as the file has it.
+struct FilePoint {
+    GpxTrack::Point point{};
+    bool hasSpeed = false;
+    bool hasHeading = false;
+};
+
+/// Returns why the node is no track point; an empty text if it is one.
+std::string readPoint(const pugi::xml_node& node, FilePoint& out) {
+    GpxTrack::Point& point = out.point;
+    if (!toNumber(node.attribute("lat").value(), point.latitude) || std::abs(point.latitude) > 90) {
+        return "track point without a latitude from -90 to 90 (\"" +
+               std::string(node.attribute("lat").value()) + "\")";
+    }
+    if (!toNumber(node.attribute("lon").value(), point.longitude) || std::abs(point.longitude) > 180) {
+        return "track point without a longitude from -180 to 180 (\"" +
+               std::string(node.attribute("lon").value()) + "\")";
+    }
+    const auto time = childOf(node, "time");
+    if (time.empty() || !toSeconds(time.text().get(), point.time)) {
+        return "track point without a time such as 2024-03-01T07:15:20Z (\"" +
+               std::string(time.text().get()) + "\")";
+    }
+    if (const auto ele = childOf(node, "ele"); !ele.empty() && !toNumber(ele.text().get(), point.altitude)) {
+        return "elevation \"" + std::string(ele.text().get()) + "\" is no number";
+    }
+    out.hasSpeed = extension(node, "speed", point.speed);
+    out.hasHeading = extension(node, "course", point.heading);
+    return "";
+}
+
+/// Returns the track's points; their times count from the first one.
+std::vector<GpxTrack::Point> derived(const std::vector<FilePoint>& read) {
+    std::vector<GpxTrack::Point> points;
+    for (std::size_t i = 0; i < read.size(); ++i) {
+        const GpxTrack::Point& a = read[i == 0 ? 0 : i - 1].point;
+        const GpxTrack::Point& b = read[i == 0 ? 1 : i].point;
+        const double way = wayBetween(a, b);
+        GpxTrack::Point point = read[i].point;
+        if (!read[i].hasSpeed) {
+            point.speed = way / (b.time - a.time);
+        }
+        if (!read[i].hasHeading) {  // the noise of a receiver at rest is no course
+            point.heading = way > 0.5 ? courseBetween(a, b) : i == 0 ? 0 : points[i - 1].heading;
+        }
+        points.push_back(point);
+    }
+    return points;
+}
+
+}  // namespace
+
 bool GpxTrack::read(const std::string& text, const std::string& name, GpxTrack& out, std::string& error) {
     pugi::xml_document document;
     const auto parsed = document.load_buffer(text.data(), text.size());
@@ -115,53 +169,32 @@ bool GpxTrack::read(const std::string& text, const std::string& name, GpxTrack& 
                 ": is not XML: " + parsed.description();
         return false;
     }
-    std::vector<Point> points;
+    std::vector<FilePoint> points;
     double first = 0;
     std::string fault;
-    std::vector<bool> hasSpeed;
-    std::vector<bool> hasHeading;
-    const auto visit = [&](const pugi::xml_node& node) {
-        const auto refuse = [&](const std::string& reason) {
-            fault = name + ":" + std::to_string(lineAt(text, node.offset_debug())) + ": " + reason;
-            return true;
-        };
+    document.find_node([&](const pugi::xml_node& node) {
         if (!isTag(node, "trkpt")) {
             return false;
         }
-        Point point{};
-        if (!toNumber(node.attribute("lat").value(), point.latitude) || std::abs(point.latitude) > 90) {
-            return refuse("track point without a latitude from -90 to 90 (\"" +
-                          std::string(node.attribute("lat").value()) + "\")");
-        }
-        if (!toNumber(node.attribute("lon").value(), point.longitude) || std::abs(point.longitude) > 180) {
-            return refuse("track point without a longitude from -180 to 180 (\"" +
-                          std::string(node.attribute("lon").value()) + "\")");
-        }
-        const auto time = childOf(node, "time");
-        if (time.empty() || !toSeconds(time.text().get(), point.time)) {
-            return refuse("track point without a time such as 2024-03-01T07:15:20Z (\"" +
-                          std::string(time.text().get()) + "\")");
-        }
-        if (const auto ele = childOf(node, "ele");
-            !ele.empty() && !toNumber(ele.text().get(), point.altitude)) {
-            return refuse("elevation \"" + std::string(ele.text().get()) + "\" is no number");
-        }
+        FilePoint read;
+        std::string reason = readPoint(node, read);
         if (points.empty()) {
-            first = point.time;
+            first = read.point.time;
         }
-        point.time -= first;
-        if (!points.empty() && point.time <= points.back().time) {
-            if (point.time == points.back().time) {
-                return false;  // receivers write some points twice
-            }
-            return refuse("time goes back");
+        read.point.time -= first;
+        if (reason.empty() && !points.empty() && read.point.time < points.back().point.time) {
+            reason = "time goes back";
         }
-        hasSpeed.push_back(extension(node, "speed", point.speed));
-        hasHeading.push_back(extension(node, "course", point.heading));
-        points.push_back(point);
+        if (!reason.empty()) {
+            fault = name + ":" + std::to_string(lineAt(text, node.offset_debug())) + ": " + reason;
+            return true;
+        }
+        // Receivers write some points twice.
+        if (points.empty() || read.point.time != points.back().point.time) {
+            points.push_back(read);
+        }
         return false;
-    };
-    document.find_node(visit);
+    });
     if (!fault.empty()) {
         error = fault;
         return false;
@@ -170,18 +203,7 @@ bool GpxTrack::read(const std::string& text, const std::string& name, GpxTrack& 
         error = name + ": a track (trkpt) of at least two points is expected";
         return false;
     }
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        const Point& a = points[i == 0 ? 0 : i - 1];
-        const Point& b = points[i == 0 ? 1 : i];
-        const double way = wayBetween(a, b);
-        if (!hasSpeed[i]) {
-            points[i].speed = way / (b.time - a.time);
-        }
-        if (!hasHeading[i]) {  // the noise of a receiver at rest is no course
-            points[i].heading = way > 0.5 ? courseBetween(a, b) : i == 0 ? 0 : points[i - 1].heading;
-        }
-    }
-    out.m_points = std::move(points);
+    out.m_points = derived(points);
     return true;
 }
 

@@ -74,9 +74,7 @@ const char* callState(const VehicleState& s) {
                                : "callbackReady";
 }
 
-}  // namespace
-
-void addAssistanceRules(RuleBook& book) {
+void addACC(RuleBook& book) {
     book.add("ACC.additionalRadarInformation",
              {{"blockageDegreePhysicalValue", [](M m) { return std::min(100.0, 3 + 1.5 * m.controls.rain); }},
               {"unvailability", [](M m) { return m.controls.rain > 40 ? "weather" : "available"; }}});
@@ -135,7 +133,9 @@ void addAssistanceRules(RuleBook& book) {
                                                  std::max(0.0, m.state.speedKmh() + 5 * m.state.acceleration))
                               : ofTarget(m, std::max(0.0, m.state.speedKmh() + 3.6 * m.state.gapRate));
                }}});
+}
 
+void addAWV(RuleBook& book) {
     book.add("AWV.info", {{"interventionState",
                            [](M m) {
                                const double time = timeToCollision(m.state);
@@ -156,6 +156,9 @@ void addAssistanceRules(RuleBook& book) {
                      : s.gap > 0 && s.speed > 15 && s.gap < 0.9 * s.speed ? "distanceWarning"
                                                                           : "noNotification"};
     });
+}
+
+void addPreCrash(RuleBook& book) {
     book.add("PreCrash.notifications",
              {{"value", [](M m) {
                    const auto& s = m.state;
@@ -169,7 +172,9 @@ void addAssistanceRules(RuleBook& book) {
                           : s.controls.emergencyBraking && s.moving() ? 100.0
                                                                       : 0.0;
                }}});
+}
 
+void addAirbag(RuleBook& book) {
     book.add("Airbag.crashInfo",
              {{"crashCounter", [](M m) { return m.state.crashCounter; }},
               {"crashSeverity",
@@ -205,6 +210,9 @@ void addAssistanceRules(RuleBook& book) {
         }
         return pending;
     });
+}
+
+void addEmergencyCall(RuleBook& book) {
     book.add("EmergencyCall.notifications", {{"value", [](M m) {
                                                   const auto& s = m.state;
                                                   return m.is("automaticCall") ? callState(s)
@@ -216,11 +224,17 @@ void addAssistanceRules(RuleBook& book) {
                                                              ? (m.controls.tunnel ? "limited" : "established")
                                                              : "idle";
                                               }}});
+}
+
+void addEmergencyAssist(RuleBook& book) {
     book.add("EmergencyAssist.notifications",
              {{"value", [](M m) {
                    return m.is("handsOff") && !m.controls.handsOnWheel && m.state.moving() ? "visualWarning"
                                                                                            : "noEscalation";
                }}});
+}
+
+void addLaneAssist(RuleBook& book) {
     book.keys("LaneAssist.notifications", [](const VehicleState& s) {
         const auto& c = s.controls;
         return Names{!c.ignition                 ? "switchedOff"
@@ -229,6 +243,9 @@ void addAssistanceRules(RuleBook& book) {
                      : std::abs(c.curvature) > 8 ? "curveTooTight"
                                                  : "noNotification"};
     });
+}
+
+void addTirednessDetection(RuleBook& book) {
     book.add("TirednessDetection.notifications",
              {{"value", [](M m) {
                    const auto& s = m.state;
@@ -239,6 +256,9 @@ void addAssistanceRules(RuleBook& book) {
                           : s.drivingTime > 3600     ? "slightlyTired"
                                                      : "attentive";
                }}});
+}
+
+void addTrafficSignAssist(RuleBook& book) {
     book.add("TrafficSignAssist.trafficSignNotifications",
              {{"speedLimit",
                [](M m) {
@@ -251,8 +271,17 @@ void addAssistanceRules(RuleBook& book) {
                    const double over = m.state.speedKmh() - limit;
                    return limit <= 0 || over < 3 ? "noWarning" : over < 10 ? "exceeded" : "exceededAcoustic";
                }}});
+}
+
+void addSteeringAssist(RuleBook& book) {
     book.add("SteeringAssist.notifications", {{"value", [](M) { return "normal"; }}});
+}
+
+void addDamper(RuleBook& book) {
     book.add("Damper.notifications", {{"value", [](M) { return "notPending"; }}});
+}
+
+void addDriverDisplay(RuleBook& book) {
     book.add("DriverDisplay.notifications",
              {{"value", [](M m) {
                    const auto& s = m.state;
@@ -268,6 +297,9 @@ void addAssistanceRules(RuleBook& book) {
                           : m.is("backlightDimmed") && s.dark()            ? "symbolOnly"
                                                                            : "notPending";
                }}});
+}
+
+void addParkDistanceControl(RuleBook& book) {
     book.keys("ParkDistanceControl.notifications", [](const VehicleState& s) {
         const auto& c = s.controls;
         const bool reverse = c.gear == Gear::Reverse;
@@ -277,13 +309,22 @@ void addAssistanceRules(RuleBook& book) {
                      : slow && (reverse || c.obstacleDistance > 0) ? "active"
                                                                    : "noNotification"};
     });
+}
+
+void addParkAssist(RuleBook& book) {
     book.add("ParkAssist.notifications",
              {{"value", [](M m) {
                    return m.is("steeringActive") && m.controls.gear == Gear::Reverse && m.state.moving()
                               ? "perpendicularReverseRight"
                               : "none";
                }}});
+}
+
+void addTrailerAssist(RuleBook& book) {
     book.add("TrailerAssist.notifications", {{"value", [](M) { return 0; }}});
+}
+
+void addParkingBrake(RuleBook& book) {
     book.keys("ParkingBrake.notifications", [](const VehicleState& s) {
         const auto& c = s.controls;
         return Names{c.parkingBrake && c.ignition && c.targetSpeed > 0 && !c.belted[Driver]
@@ -292,6 +333,17 @@ void addAssistanceRules(RuleBook& book) {
     });
     book.add("ParkingBrake.status",
              {{"parkingBrakeStatus", [](M m) { return m.controls.parkingBrake ? "applied" : "released"; }}});
+}
+
+}  // namespace
+
+void addAssistanceRules(RuleBook& book) {
+    for (const auto add :
+         {addACC, addAWV, addPreCrash, addAirbag, addEmergencyCall, addEmergencyAssist, addLaneAssist,
+          addTirednessDetection, addTrafficSignAssist, addSteeringAssist, addDamper, addDriverDisplay,
+          addParkDistanceControl, addParkAssist, addTrailerAssist, addParkingBrake}) {
+        add(book);
+    }
 }
 
 }  // namespace vlmVehicle

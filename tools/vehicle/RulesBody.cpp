@@ -71,9 +71,7 @@ const char* climateState(const VehicleState& s) {
     return error > 0.5 ? "heating" : error < -0.5 ? "cooling" : "ventilating";
 }
 
-}  // namespace
-
-void addBodyRules(RuleBook& book) {
+void addCarBody(RuleBook& book) {
     book.add("CarBody.doors", {{"doorState", [](M m) { return latch(m.controls.doorOpen[door(m)]); }},
                                {"windowPosition", [](M m) { return m.controls.windowOpen[door(m)]; }},
                                {"isChildLockActive", [](M m) {
@@ -87,7 +85,9 @@ void addBodyRules(RuleBook& book) {
               {"fuelFlapState", [](M) { return "notAvailable"; }},
               {"sunroofState", [](M m) { return m.controls.sunroofOpen > 0 ? "slidOpen" : "closed"; }},
               {"sunroofPosition", [](M m) { return m.controls.sunroofOpen; }}});
+}
 
+void addCentralLocking(RuleBook& book) {
     book.add("CentralLocking.info", {{"isKeyBatterieDefect", [](M) { return false; }}});
     book.keys("CentralLocking.lockStates", [](const VehicleState& s) {
         const auto& c = s.controls;
@@ -103,16 +103,28 @@ void addBodyRules(RuleBook& book) {
                      : c.locked && c.keyInside && !c.occupied[Driver] ? "keyLeftInVehicle"
                                                                       : "noNotification"};
     });
+}
+
+void addDigitalKey(RuleBook& book) {
     book.keys("DigitalKey.notifications", [](const VehicleState& s) {
         const auto& c = s.controls;
         return Names{c.locked && c.keyInside && !c.occupied[Driver] ? "deviceForgotten" : "noNotification"};
     });
+}
+
+void addAntiTheftSystem(RuleBook& book) {
     book.add("AntiTheftSystem.systemStatus",
              {{"isAntiTheftSystemArmed",
                [](M m) { return m.controls.locked && !m.controls.ignition && m.state.lockTime > 2; }},
               {"isAntiTheftSystemAlarming",
                [](M m) { return m.controls.alarm && m.controls.locked && !m.controls.ignition; }}});
+}
+
+void addImmobilizer(RuleBook& book) {
     book.add("Immobilizer.info", {{"isLocked", [](M m) { return !m.controls.ignition; }}});
+}
+
+void addClampControl(RuleBook& book) {
     book.keys("ClampControl.clamps", [](const VehicleState& s) {
         Names live{"clamp30"};
         if (s.controls.keyInside) {
@@ -133,6 +145,9 @@ void addBodyRules(RuleBook& book) {
     book.add("ClampControl.specialStates", {{"isProductionModeActive", [](M) { return false; }},
                                             {"isTransportModeActive", [](M) { return false; }},
                                             {"isShowroomModeActive", [](M) { return false; }}});
+}
+
+void addOccupantPresence(RuleBook& book) {
     book.add("OccupantPresence.driverPresenceStatus",
              {{"comfortReadyStatus",
                [](M m) {
@@ -149,7 +164,9 @@ void addBodyRules(RuleBook& book) {
                    }
                    return m.state.moving() ? "driving" : c.belted[Driver] ? "seatedBelted" : "seated";
                }}});
+}
 
+void addSafetyBeltState(RuleBook& book) {
     book.keys("SafetyBeltState.belts", [](const VehicleState& s) {
         constexpr const char* belts[] = {"driver", "frontPassenger", "rearLeft", "rearMiddle", "rearRight"};
         Names fastened;
@@ -186,10 +203,15 @@ void addBodyRules(RuleBook& book) {
         return pending.empty() ? Names{"noNotification"} : pending;
     });
     book.add("SafetyBeltState.seatOccupancy", {{"occupancy", [](M m) { return occupancy(m); }}});
+}
 
+void addBlinkingLight(RuleBook& book) {
     book.add("BlinkingLight.blinkingModes",
              {{"isActive", [](M m) { return std::string(requester(m)) != "nobody"; }},
               {"requester", [](M m) { return requester(m); }}});
+}
+
+void addLamps(RuleBook& book) {
     book.add(
         "ExteriorLight.info",
         {{"darknessIndication", [](M m) {
@@ -219,6 +241,9 @@ void addBodyRules(RuleBook& book) {
         }
         return lit.empty() ? Names{"none"} : lit;
     });
+}
+
+void addLightFunctions(RuleBook& book) {
     book.keys("ExteriorLight.lightFunctions", [](const VehicleState& s) {
         const auto& c = s.controls;
         Names active;
@@ -246,10 +271,15 @@ void addBodyRules(RuleBook& book) {
         }
         return active.empty() ? Names{"none"} : active;
     });
+}
+
+void addEnvironmentalSensorData(RuleBook& book) {
     book.add("EnvironmentalSensorData.sensorData",
              {{"ambientBrightness", [](M m) { return m.controls.tunnel ? 60 : m.controls.brightness; }},
               {"rainIntensity", [](M m) { return m.controls.tunnel ? 0 : m.controls.rain; }}});
+}
 
+void addTemperature(RuleBook& book) {
     book.add(
         "Temperature.temperatures",
         {{"temperaturePhysicalValue",
@@ -271,6 +301,9 @@ void addBodyRules(RuleBook& book) {
                           : m.is("interiorHeat") ? inside > 35
                                                  : inside < 5;
                }}});
+}
+
+void addClimateControl(RuleBook& book) {
     book.add("ClimateControl.status",
              {{"climateState", [](M m) { return climateState(m.state); }},
               {"insideTemperature", [](M m) { return m.state.interiorTemperature; }}});
@@ -285,7 +318,9 @@ void addBodyRules(RuleBook& book) {
                                                                  : false;
                    return active ? "active" : "inactive";
                }}});
+}
 
+void addBasicNotification(RuleBook& book) {
     book.add("BasicNotification.airbagNotifications",
              {{"value", [](M m) {
                    const bool passenger = m.controls.occupied[FrontPassenger];
@@ -341,7 +376,13 @@ void addBodyRules(RuleBook& book) {
                }}});
     book.add("BasicNotification.slidingDoorNotifications", {{"value", [](M) { return "closed"; }}});
     book.add("BasicNotification.trailerNotifications", {{"value", [](M) { return "gone"; }}});
+}
+
+void addTrailerHitchAssist(RuleBook& book) {
     book.add("TrailerHitchAssist.notifications", {{"value", [](M) { return "retracted"; }}});
+}
+
+void addExteriorSound(RuleBook& book) {
     book.keys("ExteriorSound.notifications", [](const VehicleState& s) {
         const auto& c = s.controls;
         return Names{!c.ignition || !s.highVoltageOn ? "noNotification"
@@ -350,6 +391,18 @@ void addBodyRules(RuleBook& book) {
                      : s.speedKmh() < 30             ? "drivingSoundActive"
                                                      : "noNotification"};
     });
+}
+
+}  // namespace
+
+void addBodyRules(RuleBook& book) {
+    for (const auto add :
+         {addCarBody, addCentralLocking, addDigitalKey, addAntiTheftSystem, addImmobilizer, addClampControl,
+          addOccupantPresence, addSafetyBeltState, addBlinkingLight, addLamps, addLightFunctions,
+          addEnvironmentalSensorData, addTemperature, addClimateControl, addBasicNotification,
+          addTrailerHitchAssist, addExteriorSound}) {
+        add(book);
+    }
 }
 
 }  // namespace vlmVehicle

@@ -51,9 +51,7 @@ const char* direction(const VehicleState& s) {
     return !s.moving() ? "standstill" : s.speed > 0 ? "forward" : "backward";
 }
 
-}  // namespace
-
-void addDrivingRules(RuleBook& book) {
+void addPositions(RuleBook& book) {
     book.add(
         "GNSS.positions",
         {{"messageCounter", [](M m) { return m.count; }},
@@ -90,6 +88,9 @@ void addDrivingRules(RuleBook& book) {
          {"accuracyEllipseSemiMajorAxis", [](M m) { return fix(m, 2.4); }},
          {"accuracyEllipseSemiMinorAxis", [](M m) { return fix(m, 1.7); }},
          {"accuracyEllipseSemiMajorAxisHeading", [](M m) { return fix(m, 37.0); }}});
+}
+
+void addPositionsQuality(RuleBook& book) {
     book.add("GNSS.positionsQuality",
              {{"messageCounter", [](M m) { return m.count; }},
               {"fixStatus", [](M m) { return m.controls.tunnel ? "deadReckoning" : "fix3D"; }},
@@ -114,7 +115,9 @@ void addDrivingRules(RuleBook& book) {
               {"correctionAge", [](M m) { return m.controls.tunnel ? notAvailable() : Reading(6.0); }},
               {"timeSinceFix", [](M m) { return m.state.timeSinceFix; }},
               {"leapSeconds", [](M) { return 18; }}});
+}
 
+void addChassis(RuleBook& book) {
     book.keys("Chassis.axes", [](const VehicleState&) { return std::vector<std::string>{"front", "rear"}; });
     book.add("Chassis.axes",
              {{"wheelSpeedLeftPhysicalValue", [](M m) { return 3.6 * std::abs(axle(m).wheelSpeedLeft); }},
@@ -139,13 +142,18 @@ void addDrivingRules(RuleBook& book) {
         }
         return pending;
     });
+}
 
+void addVisualOdometry(RuleBook& book) {
     book.add("VisualOdometry.visualPositions",
              {{"vehicleSpeed", [](M m) {
                    const double scale = m.is("frontCamera") ? 1.006 : m.is("surroundCameras") ? 0.991 : 1.0;
                    const bool blind = m.state.dark() && m.is("surroundCameras");
                    return Reading(m.state.speed * scale, blind ? "extrapolated" : "valid");
                }}});
+}
+
+void addDisplaySpeed(RuleBook& book) {
     book.add(
         "DisplaySpeed.speeds",
         {{"displayedSpeed",
@@ -155,6 +163,9 @@ void addDrivingRules(RuleBook& book) {
          {"isSpeedLimitExceeded",
           [](M m) { return m.controls.speedLimit > 0 && m.state.speedKmh() > m.controls.speedLimit + 3; }},
          {"isVisible", [](M m) { return m.controls.ignition && !m.is("secondarySpeed"); }}});
+}
+
+void addDistance(RuleBook& book) {
     book.add("Distance.distances", {{"distance",
                                      [](M m) {
                                          const auto& s = m.state;
@@ -166,6 +177,9 @@ void addDrivingRules(RuleBook& book) {
                                                     : 30000 - std::fmod(s.odometer, 30000);
                                      }},
                                     {"hasOverflowed", [](M) { return false; }}});
+}
+
+void addAuthenticTime(RuleBook& book) {
     book.add("AuthenticTime.times",
              {{"time", [](M m) { return m.wallMs; }},
               {"timeUncertainty", [](M m) { return m.is("signedTime") ? 0.02 : 0.4; }},
@@ -174,6 +188,9 @@ void addDrivingRules(RuleBook& book) {
               {"timeSource", [](M m) { return m.is("signedTime") ? "backend" : "satellite"; }},
               {"timeSinceAuthentication",
                [](M m) { return m.is("signedTime") ? Reading(34 + m.state.time) : notAvailable(); }}});
+}
+
+void addDrivePerformance(RuleBook& book) {
     book.add("DrivePerformance.displayParameters",
              {{"currentPower", [](M m) { return m.state.drivePower; }},
               {"availablePower", [](M m) { return m.state.availablePower(); }},
@@ -184,6 +201,9 @@ void addDrivingRules(RuleBook& book) {
               {"driveTemperature", [](M m) {
                    return std::max(m.state.front.windingTemperature, m.state.rear.windingTemperature);
                }}});
+}
+
+void addOperationalSensorData(RuleBook& book) {
     book.add("OperationalSensorData.sensorData",
              {{"acceleratorPedalPosition", [](M m) { return m.state.acceleratorPedal; }},
               {"isBrakePedalPressed", [](M m) { return m.state.brakePedal; }}});
@@ -191,6 +211,9 @@ void addDrivingRules(RuleBook& book) {
              {{"value", [](M m) {
                    return m.is("kickdown") && m.state.acceleratorPedal > 97 ? "detected" : "normal";
                }}});
+}
+
+void addElectricDrive(RuleBook& book) {
     book.add("ElectricDrive.electricDrives",
              {{"driveState",
                [](M m) {
@@ -213,6 +236,9 @@ void addDrivingRules(RuleBook& book) {
                           : m.is("machineHot") && hot                            ? "rearAxle"
                                                                                  : "none";
                }}});
+}
+
+void addPowertrain(RuleBook& book) {
     book.add("Powertrain.displayValues",
              {{"displayedPower",
                [](M m) {
@@ -244,6 +270,9 @@ void addDrivingRules(RuleBook& book) {
                           : m.state.drivePower < 0.5  ? "coasting"
                                                       : "electric";
                }}});
+}
+
+void addAllWheelDrive(RuleBook& book) {
     book.add("AllWheelDrive.notifications",
              {{"value", [](M m) {
                    const bool downhill =
@@ -252,6 +281,9 @@ void addDrivingRules(RuleBook& book) {
                                          m.state.moving() && m.state.acceleratorPedal < 15;
                    return downhill || coasting ? "active" : "inactive";
                }}});
+}
+
+void addDrivingProfileSelection(RuleBook& book) {
     book.add("DrivingProfileSelection.drivingModes",
              {{"value", [](M m) {
                    constexpr const char* names[] = {"eco", "comfort", "normal", "sport", "individual"};
@@ -262,12 +294,18 @@ void addDrivingRules(RuleBook& book) {
                    constexpr const char* names[] = {"eco", "comfort", "normal", "sport", "individual"};
                    return m.is("profileChanged") ? names[static_cast<int>(m.controls.mode)] : "notAvailable";
                }}});
+}
+
+void addDamper(RuleBook& book) {
     book.add("Damper.damperMonitorInfo",
              {{"dampingRatioFrontLeft", [](M) { return 0.31; }},
               {"dampingRatioFrontRight", [](M) { return 0.30; }},
               {"dampingRatioRearLeft", [](M) { return 0.34; }},
               {"dampingRatioRearRight", [](M) { return 0.33; }},
               {"observedDistance", [](M m) { return std::fmod(m.state.odometer, 500); }}});
+}
+
+void addVehicleBasicData(RuleBook& book) {
     book.add("VehicleBasicData.installations", {{"hasAirSuspension", [](M) { return true; }},
                                                 {"hasAllWheelDrive", [](M) { return true; }},
                                                 {"hasHeatPump", [](M) { return true; }},
@@ -279,6 +317,9 @@ void addDrivingRules(RuleBook& book) {
                                            {"propulsionVariant", [](M) { return "batteryElectric"; }},
                                            {"steeringWheelSide", [](M) { return "left"; }},
                                            {"marketRegion", [](M) { return "europe"; }}});
+}
+
+void addObdInformation(RuleBook& book) {
     book.add("ObdInformation.settings",
              {{"obdStandard", [](M) { return "europe"; }},
               {"communicationProtocol", [](M) { return "can11Bit"; }},
@@ -295,6 +336,17 @@ void addDrivingRules(RuleBook& book) {
                                                               ? "lampTest"
                                                               : "off";
                                                }}});
+}
+
+}  // namespace
+
+void addDrivingRules(RuleBook& book) {
+    for (const auto add :
+         {addPositions, addPositionsQuality, addChassis, addVisualOdometry, addDisplaySpeed, addDistance,
+          addAuthenticTime, addDrivePerformance, addOperationalSensorData, addElectricDrive, addPowertrain,
+          addAllWheelDrive, addDrivingProfileSelection, addDamper, addVehicleBasicData, addObdInformation}) {
+        add(book);
+    }
 }
 
 }  // namespace vlmVehicle

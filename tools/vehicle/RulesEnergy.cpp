@@ -65,9 +65,7 @@ double permittedSpeed(M m) {
     return m.is("walkingPace") ? 10 : m.is("town") ? 50 : m.is("country") ? 100 : 130;
 }
 
-}  // namespace
-
-void addEnergyRules(RuleBook& book) {
+void addDrivingRange(RuleBook& book) {
     book.add("DrivingRange.ranges",
              {{"rangePhysicalValue",
                [](M m) {
@@ -115,7 +113,9 @@ void addEnergyRules(RuleBook& book) {
                                                      ? m.controls.mode == DrivingMode::Eco
                                                      : false;
                                       }}});
+}
 
+void addEnergySystem(RuleBook& book) {
     book.add("EnergySystem.highVoltageBatteries",
              {{"chargingState",
                [](M m) {
@@ -146,7 +146,9 @@ void addEnergyRules(RuleBook& book) {
                                         : s.reserve()           ? "tractionBatteryLow"
                                                                 : "noNotification"};
     });
+}
 
+void addHighVoltageBattery(RuleBook& book) {
     book.add("HighVoltageBattery.energy",
              {{"value",
                [](M m) {
@@ -197,6 +199,9 @@ void addEnergyRules(RuleBook& book) {
               {"cellVoltage", [](M m) {
                    return m.is("maximum") ? m.state.cellVoltageMaximum : m.state.cellVoltageMinimum;
                }}});
+}
+
+void addHighVoltageCoordinator(RuleBook& book) {
     book.add("HighVoltageCoordinator.notifications",
              {{"value", [](M m) {
                    const auto& s = m.state;
@@ -215,7 +220,9 @@ void addEnergyRules(RuleBook& book) {
                                            : false;
                    return active ? "active" : "inactive";
                }}});
+}
 
+void addRouteConsumption(RuleBook& book) {
     book.add("RouteBasedConsumption.additionalConsumers",
              {{"powerPhysicalValue",
                [](M m) {
@@ -264,6 +271,16 @@ void addEnergyRules(RuleBook& book) {
              {{"consumptionPhysicalValue",
                [](M m) { return steadyConsumption(roadSpeed(m), 0.4 + m.state.auxiliaryPower); }},
               {"meanSpeedPhysicalValue", [](M m) { return roadSpeed(m); }}});
+    book.add("RouteBasedConsumption.slopeConsumptionValues",
+             {{"energyPerHeightPhysicalValue",
+               [](M m) {
+                   const double perMetre = Car::mass * 9.81 / 3600;  // Wh
+                   return m.is("uphill") ? perMetre / 0.91 : -perMetre * 0.86;
+               }},
+              {"learningState", [](M) { return "learning"; }}});
+}
+
+void addRouteSetup(RuleBook& book) {
     book.add("RouteBasedConsumption.setupRealSpeedRatios",
              {{"permittedSpeedPhysicalValue", [](M m) { return permittedSpeed(m); }},
               {"speedRatioPhysicalValue", [](M m) {
@@ -280,18 +297,13 @@ void addEnergyRules(RuleBook& book) {
     book.add("RouteBasedConsumption.setupSpeedThresholds",
              {{"thresholdPhysicalValue", [](M m) { return thresholds[place(m.keyName)]; }},
               {"isUpperBoundOpen", [](M m) { return place(m.keyName) == 9; }}});
-    book.add("RouteBasedConsumption.slopeConsumptionValues",
-             {{"energyPerHeightPhysicalValue",
-               [](M m) {
-                   const double perMetre = Car::mass * 9.81 / 3600;  // Wh
-                   return m.is("uphill") ? perMetre / 0.91 : -perMetre * 0.86;
-               }},
-              {"learningState", [](M) { return "learning"; }}});
     book.add("RouteBasedConsumption.status",
              {{"isActive", [](M m) {
                    return m.is("routeForecast") ? guided(m) : m.is("learning") || m.is("weatherCorrection");
                }}});
+}
 
+void addClimateControl(RuleBook& book) {
     book.add("ClimateControl.consumptions", {{"physicalValue",
                                               [](M m) {
                                                   const double share = m.is("refrigerantCompressor") ? 0.31
@@ -304,6 +316,15 @@ void addEnergyRules(RuleBook& book) {
                                                   return m.state.climateEnergy * share;
                                               }},
                                              {"hasOverflowed", [](M) { return false; }}});
+}
+
+}  // namespace
+
+void addEnergyRules(RuleBook& book) {
+    for (const auto add : {addDrivingRange, addEnergySystem, addHighVoltageBattery, addHighVoltageCoordinator,
+                           addRouteConsumption, addRouteSetup, addClimateControl}) {
+        add(book);
+    }
 }
 
 }  // namespace vlmVehicle

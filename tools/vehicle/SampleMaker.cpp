@@ -155,78 +155,112 @@ FieldValue fit(const Reading& reading, const FieldInfo& field) {
     return static_cast<std::int64_t>(number);
 }
 
-std::vector<FieldValues> SampleMaker::make(const std::string& service, const DescribedEvent& event,
-                                           const VehicleState& state, std::uint64_t wallMs,
-                                           const std::vector<const FieldOverride*>& overrides) {
-    const std::string path = service + "." + event.name();
-    const bool keyed = !event.key().empty();
-    const std::string keyField = keyed                     ? event.key()
-                                 : event.members().empty() ? std::string()
-                                                           : event.members().front();
-    const FieldInfo* key = findField(event, keyField);
-    if (key == nullptr) {
-        return {};
-    }
-    const auto nameOf = [&](std::int64_t value) -> std::string {
-        for (const auto& enumerator : key->enumerators) {
-            if (enumerator.value == value) {
-                return enumerator.name;
-            }
-        }
-        return {};
-    };
+namespace {
 
+/// The field that distinguishes an event's samples; nullptr if the event has none.
+const FieldInfo* keyFieldOf(const DescribedEvent& event) {
+    if (!event.key().empty()) {
+        return findField(event, event.key());
+    }
+    return event.members().empty() ? nullptr : findField(event, event.members().front());
+}
+
+std::string nameOf(const FieldInfo& field, std::int64_t value) {
+    for (const auto& enumerator : field.enumerators) {
+        if (enumerator.value == value) {
+            return enumerator.name;
+        }
+    }
+    return {};
+}
+
+/// Returns the values of the key field for which samples are sent, one each.
+std::vector<int> keysOf(const DescribedEvent& event, const FieldInfo& key, const KeysRule* rule,
+                        const VehicleState& state) {
     std::vector<int> keys;
-    if (const KeysRule* rule = m_rules.keysRule(path)) {
+    if (rule != nullptr) {
         for (const auto& name : (*rule)(state)) {
-            for (const auto& enumerator : key->enumerators) {
+            for (const auto& enumerator : key.enumerators) {
                 if (name == enumerator.name) {
                     keys.push_back(static_cast<int>(enumerator.value));
                 }
             }
         }
-    } else if (keyed) {
+    } else if (!event.key().empty()) {
         for (const auto& [value, fields] : event.writers()) {
             keys.push_back(value);
         }
-    } else if (event.members().size() > 1 && !key->enumerators.empty()) {
+    } else if (event.members().size() > 1 && !key.enumerators.empty()) {
         // One sample per kind; the enumerators for "no kind" have none.
-        for (const auto& enumerator : key->enumerators) {
+        for (const auto& enumerator : key.enumerators) {
             const std::string name = enumerator.name;
             if (name != "none" && name != "unknown" && name != "noNotification") {
                 keys.push_back(static_cast<int>(enumerator.value));
             }
         }
     } else {
-        keys.push_back(key->enumerators.empty() ? static_cast<int>(key->minimum)
-                                                : static_cast<int>(key->enumerators.front().value));
+        keys.push_back(key.enumerators.empty() ? static_cast<int>(key.minimum)
+                                               : static_cast<int>(key.enumerators.front().value));
     }
+    return keys;
+}
 
-    std::vector<FieldValues> samples;
-    for (const int value : keys) {
-        FieldValues sample;
-        sample[keyField] = static_cast<std::int64_t>(value);
-        const std::uint64_t count = m_counts[{&event, value}]++;
-        std::vector<std::string> names = event.members();
-        if (keyed) {
-            const auto writer = event.writers().find(value);
-            if (writer != event.writers().end()) {
-                names = writer->second;
-            } else {
-                names.clear();
-                for (const auto& field : event.fields()) {
-                    names.emplace_back(field.name);
-                }
-            }
+/// Returns the fields that a sample with this key value has.
+std::vector<std::string> fieldsOf(const DescribedEvent& event, int key) {
+    if (event.key().empty()) {
+        return event.members();
+    }
+    if (const auto writer = event.writers().find(key); writer != event.writers().end()) {
+        return writer->second;
+    }
+    std::vector<std::string> names;
+    for (const auto& field : event.fields()) {
+        names.emplace_back(field.name);
+    }
+    return names;
+}
+
+void replaceOverridden(FieldValues& sample, const std::string& service, const DescribedEvent& event, int key,
+                       const std::vector<const FieldOverride*>& overrides) {
+    for (const auto* forced : overrides) {
+        const FieldInfo* field = findField(event, forced->field);
+        const bool concerned = forced->service == service && forced->event == event.name() &&
+                               (!forced->key || *forced->key == key);
+        if (field == nullptr || !concerned) {
+            continue;
         }
+        FieldValue replacement;
+        if (overridden(forced->value, *field, replacement)) {
+            sample[forced->field] = replacement;
+        } else {
+            sample.erase(forced->field);
+        }
+    }
+}
+
+}  // namespace
+
+std::vector<FieldValues> SampleMaker::make(const std::string& service, const DescribedEvent& event,
+                                           const VehicleState& state, std::uint64_t wallMs,
+                                           const std::vector<const FieldOverride*>& overrides) {
+    const FieldInfo* key = keyFieldOf(event);
+    if (key == nullptr) {
+        return {};
+    }
+    const std::string path = service + "." + event.name();
+    std::vector<FieldValues> samples;
+    for (const int value : keysOf(event, *key, m_rules.keysRule(path), state)) {
+        FieldValues sample;
+        sample[key->name] = static_cast<std::int64_t>(value);
+        const std::uint64_t count = m_counts[{&event, value}]++;
         const auto read = [&](const FieldInfo& field) {
-            const Moment moment{state, state.controls, field, value, nameOf(value), wallMs, count};
+            const Moment moment{state, state.controls, field, value, nameOf(*key, value), wallMs, count};
             const Rule* rule = m_rules.rule(path, field.name);
             return rule != nullptr ? (*rule)(moment) : plausible(path + "." + field.name, field, state.time);
         };
-        for (const auto& name : names) {
+        for (const auto& name : fieldsOf(event, value)) {
             const FieldInfo* field = findField(event, name);
-            if (field == nullptr || name == keyField) {
+            if (field == nullptr || field == key) {
                 continue;
             }
             const FieldInfo* physical = companionOf(event, name);
@@ -236,20 +270,7 @@ std::vector<FieldValues> SampleMaker::make(const std::string& service, const Des
                 sample[name] = fit(read(*field), *field);
             }
         }
-        for (const auto* forced : overrides) {
-            const FieldInfo* field = findField(event, forced->field);
-            const bool concerned = forced->service == service && forced->event == event.name() &&
-                                   (!forced->key || *forced->key == value);
-            if (field == nullptr || !concerned) {
-                continue;
-            }
-            FieldValue replacement;
-            if (overridden(forced->value, *field, replacement)) {
-                sample[forced->field] = replacement;
-            } else {
-                sample.erase(forced->field);
-            }
-        }
+        replaceOverridden(sample, service, event, value, overrides);
         samples.push_back(std::move(sample));
     }
     return samples;

@@ -30,9 +30,18 @@ Vehicle::Vehicle(VehicleOptions options, Print print)
     : m_options(std::move(options)), m_print(std::move(print)), m_model(m_options.seed) {}
 
 bool Vehicle::prepare(std::string& error) {
+    Scenario scenario = Scenario::plainDrive();
+    if (!createServices(error) || !readRecordings(error) || !readScenario(scenario, error) ||
+        !scheduleFaults(error)) {
+        return false;
+    }
+    driveToStart(std::move(scenario));
+    return true;
+}
+
+bool Vehicle::createServices(std::string& error) {
     const auto& known = qdr::services::describedServiceNames();
-    std::vector<std::string> wanted = m_options.services.empty() ? known : m_options.services;
-    for (const auto& name : wanted) {
+    for (const auto& name : m_options.services.empty() ? known : m_options.services) {
         auto service = qdr::services::makeDescribedService(name);
         if (!service) {
             const std::string hint = vlmCheck::didYouMean(name, known);
@@ -54,28 +63,19 @@ bool Vehicle::prepare(std::string& error) {
         }
         m_services.push_back(std::move(service));
     }
-    const auto find = [&](const std::string& path) {
-        return std::find_if(m_events.begin(), m_events.end(),
-                            [&](const auto& state) { return state.path == path; });
-    };
-    const auto unknownEvent = [&](const std::string& path) {
-        std::vector<std::string> paths;
-        for (const auto& state : m_events) {
-            paths.push_back(state.path);
-        }
-        const std::string hint = vlmCheck::didYouMean(path, paths);
-        error = "no offered event is called \"" + path + "\"" + (hint.empty() ? "" : "; " + hint);
-        return false;
-    };
     for (const auto& [path, milliseconds] : m_options.periods) {
-        if (find(path) == m_events.end()) {
-            return unknownEvent(path);
+        if (find(path) == nullptr) {
+            return refuseEvent(path, error);
         }
     }
+    return true;
+}
+
+bool Vehicle::readRecordings(std::string& error) {
     for (const auto& [path, file] : m_options.recordings) {
-        const auto state = find(path);
-        if (state == m_events.end()) {
-            return unknownEvent(path);
+        EventState* const state = find(path);
+        if (state == nullptr) {
+            return refuseEvent(path, error);
         }
         CsvRecording recording;
         if (!CsvRecording::readFile(file, *state->event, recording, error)) {
@@ -83,10 +83,10 @@ bool Vehicle::prepare(std::string& error) {
         }
         state->recording = std::move(recording);
     }
-    if (!m_options.track.empty() && !GpxTrack::readFile(m_options.track, m_track, error)) {
-        return false;
-    }
-    Scenario scenario = Scenario::plainDrive();
+    return m_options.track.empty() || GpxTrack::readFile(m_options.track, m_track, error);
+}
+
+bool Vehicle::readScenario(Scenario& scenario, std::string& error) {
     if (!m_options.scenario.empty() && !Scenario::readFile(m_options.scenario, scenario, error)) {
         return false;
     }
@@ -98,38 +98,38 @@ bool Vehicle::prepare(std::string& error) {
         }
         m_options.faults.push_back(fault);
     }
-    const auto checkOverride = [&](const FieldOverride& entry) {
-        const auto state = find(entry.service + "." + entry.event);
-        if (state == m_events.end()) {  // the service is not offered, or the name is wrong
-            const bool isKnown = std::find(known.begin(), known.end(), entry.service) != known.end();
-            return isKnown || unknownEvent(entry.service + "." + entry.event);
-        }
-        std::vector<std::string> names;
-        for (const auto& field : state->event->fields()) {
-            names.emplace_back(field.name);
-        }
-        if (std::find(names.begin(), names.end(), entry.field) != names.end()) {
-            return true;
-        }
-        error = m_options.scenario + ": " + state->path + " has no field \"" + entry.field + "\"; " +
-                vlmCheck::didYouMean(entry.field, names);
-        return false;
+    const auto areGood = [&](const std::vector<FieldOverride>& overrides) {
+        return std::all_of(overrides.begin(), overrides.end(),
+                           [&](const auto& entry) { return check(entry, error); });
     };
-    for (const auto& entry : scenario.overrides) {
-        if (!checkOverride(entry)) {
-            return false;
-        }
+    return areGood(scenario.overrides) &&
+           std::all_of(scenario.phases.begin(), scenario.phases.end(),
+                       [&](const auto& phase) { return areGood(phase.overrides); });
+}
+
+bool Vehicle::check(const FieldOverride& entry, std::string& error) {
+    const EventState* const state = find(entry.service + "." + entry.event);
+    if (state == nullptr) {  // the service is not offered, or the name is wrong
+        const auto& known = qdr::services::describedServiceNames();
+        const bool isKnown = std::find(known.begin(), known.end(), entry.service) != known.end();
+        return isKnown || refuseEvent(entry.service + "." + entry.event, error);
     }
-    for (const auto& phase : scenario.phases) {
-        for (const auto& entry : phase.overrides) {
-            if (!checkOverride(entry)) {
-                return false;
-            }
-        }
+    std::vector<std::string> names;
+    for (const auto& field : state->event->fields()) {
+        names.emplace_back(field.name);
     }
+    if (std::find(names.begin(), names.end(), entry.field) != names.end()) {
+        return true;
+    }
+    error = m_options.scenario + ": " + state->path + " has no field \"" + entry.field + "\"; " +
+            vlmCheck::didYouMean(entry.field, names);
+    return false;
+}
+
+bool Vehicle::scheduleFaults(std::string& error) {
     for (const auto& fault : m_options.faults) {
         if (!concernsSomething(fault)) {
-            return unknownEvent(fault.service + (fault.event == "*" ? "" : "." + fault.event));
+            return refuseEvent(fault.service + (fault.event == "*" ? "" : "." + fault.event), error);
         }
         if (fault.at >= m_options.startTime) {
             m_timed.push_back(fault);
@@ -137,6 +137,10 @@ bool Vehicle::prepare(std::string& error) {
     }
     std::stable_sort(m_timed.begin(), m_timed.end(),
                      [](const auto& a, const auto& b) { return a.at < b.at; });
+    return true;
+}
+
+void Vehicle::driveToStart(Scenario scenario) {
     m_player.emplace(std::move(scenario));
     m_player->begin(m_model);
     const auto steps = static_cast<long>(std::ceil(m_options.startTime * m_options.timeFactor / modelStep));
@@ -144,7 +148,22 @@ bool Vehicle::prepare(std::string& error) {
         m_player->advance(m_model, modelStep);
         m_model.step(modelStep);
     }
-    return true;
+}
+
+Vehicle::EventState* Vehicle::find(const std::string& path) {
+    const auto found =
+        std::find_if(m_events.begin(), m_events.end(), [&](const auto& state) { return state.path == path; });
+    return found == m_events.end() ? nullptr : &*found;
+}
+
+bool Vehicle::refuseEvent(const std::string& path, std::string& error) const {
+    std::vector<std::string> paths;
+    for (const auto& state : m_events) {
+        paths.push_back(state.path);
+    }
+    const std::string hint = vlmCheck::didYouMean(path, paths);
+    error = "no offered event is called \"" + path + "\"" + (hint.empty() ? "" : "; " + hint);
+    return false;
 }
 
 double Vehicle::period(const EventState& state) const {

@@ -93,6 +93,16 @@ class Vehicle {
     void send(EventState& state);
     double period(const EventState& state) const;
     bool concernsSomething(const Fault& fault) const;
+    EventState* find(const std::string& path);
+
+    // The steps of prepare(), with the same result.
+    bool createServices(std::string& error);
+    bool readRecordings(std::string& error);
+    bool readScenario(Scenario& scenario, std::string& error);
+    bool check(const FieldOverride& entry, std::string& error);
+    bool scheduleFaults(std::string& error);
+    void driveToStart(Scenario scenario);
+    bool refuseEvent(const std::string& path, std::string& error) const;
 
     VehicleOptions m_options;
     const Print m_print;

@@ -140,11 +140,7 @@ void listNames() {
     }
 }
 
-Arguments readArguments(int argc, char** argv) {
-    cxxopts::Options options(
-        "vlm-vehicle",
-        "Offers vehicle services over SOME/IP and sends their events.\n"
-        "Commands on standard input: set CONTROL VALUE, status, quit, and faults; see --list.");
+void declareOptions(cxxopts::Options& options) {
     // clang-format off
     options.add_options("Services")
         ("services", "services to offer, by comma; all of them without it", cxxopts::value<std::vector<std::string>>(), "NAMES")
@@ -174,6 +170,61 @@ Arguments readArguments(int argc, char** argv) {
         ("list", "services, controls, quantities and faults")
         ("h,help", "this text");
     // clang-format on
+}
+
+using Texts = std::vector<std::string>;
+
+void readServiceOptions(const cxxopts::ParseResult& given, VehicleOptions& vehicle) {
+    if (given.count("services") != 0) {
+        vehicle.services = given["services"].as<Texts>();
+    }
+    vehicle.rate = given["rate"].as<double>();
+    vehicle.timeFactor = given["time-factor"].as<double>();
+    if (!(vehicle.rate > 0) || !(vehicle.timeFactor > 0) || vehicle.timeFactor > 1000) {
+        refuse("--rate and --time-factor are above 0, the latter at most 1000");
+    }
+    if (given.count("period-ms") != 0) {
+        vehicle.periodMs = given["period-ms"].as<unsigned>();
+    }
+    for (const auto& text : given.count("period") != 0 ? given["period"].as<Texts>() : Texts()) {
+        const auto [event, milliseconds] = splitAt(text, "SERVICE.EVENT=MS");
+        char* end = nullptr;
+        const unsigned long number = std::strtoul(milliseconds.c_str(), &end, 10);
+        if (*end != '\0' || number == 0 || number > 3600000) {
+            refuse("\"" + text + "\": a period from 1 to 3600000 ms is expected");
+        }
+        vehicle.periods[event] = static_cast<unsigned>(number);
+    }
+}
+
+void readDriveOptions(const cxxopts::ParseResult& given, VehicleOptions& vehicle) {
+    for (const auto& [option, target] : {std::pair{"scenario", &vehicle.scenario}, {"gpx", &vehicle.track}}) {
+        if (given.count(option) != 0) {
+            *target = given[option].as<std::string>();
+        }
+    }
+    for (const auto& text : given.count("csv") != 0 ? given["csv"].as<Texts>() : Texts()) {
+        vehicle.recordings.push_back(splitAt(text, "SERVICE.EVENT=FILE"));
+    }
+    vehicle.loop = given.count("loop") != 0;
+    vehicle.seed = given["seed"].as<unsigned>();
+    for (const auto& text : given.count("fault") != 0 ? given["fault"].as<Texts>() : Texts()) {
+        std::string error;
+        if (!Fault::parseTimed(text, vehicle.faults.emplace_back(), error)) {
+            refuse(error);
+        }
+    }
+    if (const char* restarted = std::getenv(restartedVariable)) {
+        vehicle.startTime = std::max(0.0, std::strtod(restarted, nullptr));
+    }
+}
+
+Arguments readArguments(int argc, char** argv) {
+    cxxopts::Options options(
+        "vlm-vehicle",
+        "Offers vehicle services over SOME/IP and sends their events.\n"
+        "Commands on standard input: set CONTROL VALUE, status, quit, and faults; see --list.");
+    declareOptions(options);
     const auto given = options.parse(argc, argv);
     if (given.count("help") != 0) {
         std::cout << options.help() << '\n';
@@ -187,54 +238,8 @@ Arguments readArguments(int argc, char** argv) {
         refuse("\"" + given.unmatched().front() + "\" is too much; see --help");
     }
     Arguments arguments;
-    auto& vehicle = arguments.vehicle;
-    if (given.count("services") != 0) {
-        vehicle.services = given["services"].as<std::vector<std::string>>();
-    }
-    vehicle.rate = given["rate"].as<double>();
-    vehicle.timeFactor = given["time-factor"].as<double>();
-    if (!(vehicle.rate > 0) || !(vehicle.timeFactor > 0) || vehicle.timeFactor > 1000) {
-        refuse("--rate and --time-factor are above 0, the latter at most 1000");
-    }
-    if (given.count("period-ms") != 0) {
-        vehicle.periodMs = given["period-ms"].as<unsigned>();
-    }
-    if (given.count("period") != 0) {
-        for (const auto& text : given["period"].as<std::vector<std::string>>()) {
-            const auto [event, milliseconds] = splitAt(text, "SERVICE.EVENT=MS");
-            char* end = nullptr;
-            const unsigned long number = std::strtoul(milliseconds.c_str(), &end, 10);
-            if (*end != '\0' || number == 0 || number > 3600000) {
-                refuse("\"" + text + "\": a period from 1 to 3600000 ms is expected");
-            }
-            vehicle.periods[event] = static_cast<unsigned>(number);
-        }
-    }
-    for (const auto& [option, target] : {std::pair{"scenario", &vehicle.scenario}, {"gpx", &vehicle.track}}) {
-        if (given.count(option) != 0) {
-            *target = given[option].as<std::string>();
-        }
-    }
-    if (given.count("csv") != 0) {
-        for (const auto& text : given["csv"].as<std::vector<std::string>>()) {
-            vehicle.recordings.push_back(splitAt(text, "SERVICE.EVENT=FILE"));
-        }
-    }
-    vehicle.loop = given.count("loop") != 0;
-    vehicle.seed = given["seed"].as<unsigned>();
-    if (given.count("fault") != 0) {
-        for (const auto& text : given["fault"].as<std::vector<std::string>>()) {
-            Fault fault;
-            std::string error;
-            if (!Fault::parseTimed(text, fault, error)) {
-                refuse(error);
-            }
-            vehicle.faults.push_back(fault);
-        }
-    }
-    if (const char* restarted = std::getenv(restartedVariable)) {
-        vehicle.startTime = std::max(0.0, std::strtod(restarted, nullptr));
-    }
+    readServiceOptions(given, arguments.vehicle);
+    readDriveOptions(given, arguments.vehicle);
     arguments.someip = someipSection(given);
     arguments.duration = given.count("duration") != 0 ? given["duration"].as<double>() : 0;
     arguments.statusSeconds = given["status-seconds"].as<double>();

@@ -137,6 +137,44 @@ void appendReal(std::string& out, double number) {
     }
 }
 
+bool appendValue(std::string& out, const Value& value, int depth);
+
+bool appendArray(std::string& out, const Value& array, int depth) {
+    out.push_back('[');
+    bool first = true;
+    for (const Value& element : array) {
+        if (!first) {
+            out.push_back(',');
+        }
+        first = false;
+        if (!appendValue(out, element, depth)) {
+            return false;
+        }
+    }
+    out.push_back(']');
+    return true;
+}
+
+bool appendObject(std::string& out, const Value& object, int depth) {
+    out.push_back('{');
+    bool first = true;
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        if (!first) {
+            out.push_back(',');
+        }
+        first = false;
+        const char* end = nullptr;
+        const char* const name = member.memberName(&end);
+        appendQuoted(out, std::string_view(name, static_cast<std::size_t>(end - name)));
+        out.push_back(':');
+        if (!appendValue(out, *member, depth)) {
+            return false;
+        }
+    }
+    out.push_back('}');
+    return true;
+}
+
 bool appendValue(std::string& out, const Value& value, int depth) {
     if (depth > kDeepestNesting) {
         return false;
@@ -164,40 +202,10 @@ bool appendValue(std::string& out, const Value& value, int depth) {
         case booleanValue:
             out.append(value.asBool() ? "true" : "false");
             break;
-        case arrayValue: {
-            out.push_back('[');
-            bool first = true;
-            for (const Value& element : value) {
-                if (!first) {
-                    out.push_back(',');
-                }
-                first = false;
-                if (!appendValue(out, element, depth + 1)) {
-                    return false;
-                }
-            }
-            out.push_back(']');
-            break;
-        }
-        case objectValue: {
-            out.push_back('{');
-            bool first = true;
-            for (auto member = value.begin(); member != value.end(); ++member) {
-                if (!first) {
-                    out.push_back(',');
-                }
-                first = false;
-                const char* end = nullptr;
-                const char* const name = member.memberName(&end);
-                appendQuoted(out, std::string_view(name, static_cast<std::size_t>(end - name)));
-                out.push_back(':');
-                if (!appendValue(out, *member, depth + 1)) {
-                    return false;
-                }
-            }
-            out.push_back('}');
-            break;
-        }
+        case arrayValue:
+            return appendArray(out, value, depth + 1);
+        case objectValue:
+            return appendObject(out, value, depth + 1);
     }
     return true;
 }
