@@ -32,7 +32,7 @@ std::int64_t nowMs() {
         .count();
 }
 
-/// What stands before the suffix, if the topic has it.
+/// Returns the part before the suffix, if the topic has it.
 std::optional<std::string> prefixOf(const std::string& topic, const std::string& suffix) {
     if (topic.size() > suffix.size() && topic.ends_with(suffix)) {
         return topic.substr(0, topic.size() - suffix.size());
@@ -236,7 +236,7 @@ std::vector<Outgoing> Backend::openAll() {
     return out;
 }
 
-/// Always a whole message, as each one replaces all that the vehicle knew.
+/// Returns a whole message: each one replaces the vehicle's earlier state.
 Outgoing Backend::masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket,
                                 const std::string& messageId) {
     m_ticket += newTicket ? 1 : 0;
@@ -269,7 +269,7 @@ std::vector<Outgoing> Backend::onStatus(const std::string& prefix, const Value& 
     if (!vehicle.online) {
         return {};
     }
-    // Without an opening message a vehicle sends nothing, however often it was opened before.
+    // After each connection a vehicle needs an opening message before it sends.
     return {masterControl(prefix, vehicle, 0, m_settings.open)};
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-/// What the backend knows and decides. It owns no thread and no connection to a broker.
+/// The state and the decisions of the backend. Owns no thread and no connection to a broker.
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -15,16 +15,16 @@
 
 namespace vlmBackend {
 
-/// A "result" that is no answer at all.
+/// The result for which no answer is sent.
 inline constexpr int kSilence = -1;
 
 struct Settings {
     std::vector<std::string> permitted;  ///< data types; empty: those that a vehicle offers
-    std::vector<int> results{0};         ///< one for each envelope; the last one for all further ones
+    std::vector<int> results{0};         ///< one for each envelope; the last one repeats
     std::chrono::milliseconds answerAfter{0};
     std::chrono::milliseconds reopenAfter{1000};  ///< from a result that is not 0 to the opening message
     bool open = true;                             ///< whether the channel is open at the start
-    bool namesEnvelopes = true;                   ///< whether a result says which envelope it belongs to
+    bool namesEnvelopes = true;                   ///< whether a result names its envelope
     std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
     store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
@@ -39,8 +39,8 @@ struct Outgoing {
     std::string topic;
     std::string payload;
     std::chrono::milliseconds after{0};
-    std::optional<bool>
-        channel;  ///< a master-control message's channel state: void when that changed meanwhile
+    /// The channel's state in a master-control message; the message is dropped if that has changed meanwhile.
+    std::optional<bool> channel;
 };
 
 struct Totals {
@@ -50,7 +50,7 @@ struct Totals {
     std::uint64_t bytes = 0;
 };
 
-/// Serves every vehicle whose topics it is given, each with a script of its own.
+/// Serves the vehicles of all topics that it gets. Each vehicle has its own place in the script of results.
 class Backend {
   public:
     using Print = std::function<void(const std::string& line)>;
@@ -118,7 +118,7 @@ class Backend {
     int m_ticket = 0;
 };
 
-/// "0,0,1,2,0", with "-" for no answer. False when it is not such a list.
+/// Reads "0,0,1,2,0", with "-" for no answer. Returns false for another text.
 bool readResults(const std::string& text, std::vector<int>& results);
 
 }  // namespace vlmBackend

@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::size_t kNone = std::string_view::npos;
 
-/// The position after the string whose opening quote is at `at`.
+/// Returns the position after the string whose opening quote is at `at`.
 std::size_t behindString(std::string_view text, std::size_t at) {
     for (std::size_t end = text.find('"', at + 1); end != kNone; end = text.find('"', end + 1)) {
         std::size_t backslashes = 0;
@@ -20,8 +20,8 @@ std::size_t behindString(std::string_view text, std::size_t at) {
     return kNone;
 }
 
-/// The position after the array or object whose bracket is at `at`. Counts brackets without matching their
-/// kinds, which is enough for our writer's text.
+/// Returns the position after the array or object whose bracket is at `at`. Counts brackets without matching
+/// their kinds, which is enough for our writer's text.
 std::size_t behindNested(std::string_view text, std::size_t at) {
     for (int open = 0; at < text.size();) {
         switch (text[at]) {

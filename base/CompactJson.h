@@ -1,16 +1,15 @@
 #pragma once
-/// Compact JSON text, the form in which records, signal collections and reports travel and in which the log
-/// shows them. kyo::Json::appendCompact() writes it:
+/// Compact JSON text, the form of records, signal collections and reports, also in the log.
+/// kyo::Json::appendCompact() writes it:
 ///
 ///  - no white space, no line end; ASCII only. Other characters are \u escapes; a byte that is no UTF-8
-///    becomes \ufffd, so a text may say less than the bytes that it was written from.
+///    becomes \ufffd, so the original bytes cannot always be read back.
 ///  - The members of an object are in the order of their names' bytes, and each name is there once.
 ///  - Integers are plain digits. Real numbers have the shortest digits that read back as the same number, and
 ///    always a point or an exponent. A number that JSON cannot hold is null.
 ///
-/// The text of an object can therefore be put together from its members' texts, and taken apart without
-/// reading values. Reader and writer here do only that. They rely on the form; for untrusted text there is
-/// kyo::Json::Reader.
+/// The text of an object can therefore be composed of its members' texts, and split without parsing values.
+/// Reader and writer here do only that. They rely on the form; kyo::Json::Reader reads untrusted text.
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -21,15 +20,15 @@ namespace vlmProd {
 ///
 ///     for (ObjectReader object(text); object.next();) { use(object.name(), object.value()); }
 ///
-/// In other text the walk ends where it stops being an object, never behind the text's end.
+/// In another text the walk ends where the form ends, at the latest at the text's end.
 class ObjectReader {
   public:
     explicit ObjectReader(std::string_view text);
 
-    /// Goes to the next member. False at the end.
+    /// Goes to the next member. Returns false at the end.
     bool next();
 
-    /// Of the current member, as it is in the text: the name without its quotes, escapes kept.
+    /// Name and value of the current member as in the text; the name without its quotes, but with escapes.
     std::string_view name() const { return m_name; }
     std::string_view value() const { return m_value; }
     /// Name, colon and value.
@@ -48,9 +47,10 @@ class ObjectWriter {
   public:
     explicit ObjectWriter(std::string& out) : m_out(out) { m_out.push_back('{'); }
 
-    /// Begins a member; its value's text is to be appended to the result. `name` as ObjectReader gives it.
+    /// Begins a member. The caller appends the value's text to the result. `name` is as ObjectReader returns
+    /// it.
     std::string& value(std::string_view name);
-    /// Appends a whole member, as ObjectReader gives it.
+    /// Appends a whole member, as ObjectReader returns it.
     void member(std::string_view member);
     void end() { m_out.push_back('}'); }
 

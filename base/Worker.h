@@ -10,14 +10,14 @@
 
 namespace vlmProd {
 
-/// What the stages of the process share: a thread that works off a queue, sleeps, and can be woken and
-/// stopped. Each stage writes its own loop, run(), as the loops differ in when they check the stop flag.
+/// The part that the stages of the process share: a thread that empties a queue, sleeps, and can be woken and
+/// stopped. Each stage has its own loop, run(), as the loops check the stop flag at different points.
 ///
 /// The sleep has neither predicate nor time-out: a wake-up between the last check of the queue and the sleep
-/// is lost, and what was queued waits for the next one.
+/// is lost, and the queued value waits for the next one.
 class Worker : public kyo::Thread {
   public:
-    /// Works off what is queued, as run() does between two sleeps. False when the stop flag ends the loop.
+    /// Empties the queue, as run() does between two sleeps. Returns false when the stop flag ends the loop.
     virtual bool drainOnce() = 0;
     bool isRunning() const { return m_state == State::Running; }
 
@@ -39,15 +39,15 @@ class Worker : public kyo::Thread {
     SleepLock lockSleep() { return SleepLock(m_sleepMutex); }
     /// The caller holds lockSleep().
     void sleepUntilWoken() { m_wakeUp.wait(m_sleepMutex); }
-    /// Wakes the thread. Any thread, with or without the lock.
+    /// Wakes the thread. Any thread may call it, with or without the lock.
     void broadcast() { m_wakeUp.broadcast(); }
     /// Wakes the thread, with the lock.
     void wake() {
         const SleepLock lock = lockSleep();
         broadcast();
     }
-    /// After the stop flag is set: wakes the thread until it ends, for at most 5 s. False when it still runs;
-    /// the worker must not be destroyed then.
+    /// Wakes the thread until it ends, for at most 5 s; the caller has set the stop flag. Returns false when
+    /// the thread still runs: the worker must not be destroyed then.
     bool waitForEnd() {
         const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
         while (started() && m_state != State::Ended) {

@@ -7,7 +7,7 @@
 namespace vlmProd {
 
 /// The function that receives a subscriber's messages. Set it before subscribing. It is called on delivery
-/// threads, possibly several at once.
+/// threads, possibly concurrently.
 class EventSubscriberCallback {
   public:
     /// Replaces any earlier function.

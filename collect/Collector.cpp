@@ -45,7 +45,7 @@ void Collector::setHistoryDuration(long long duration) {
 }
 
 void Collector::subForOnEvent() {
-    // The delivery threads are detached: they get at the state machine only while somebody holds it.
+    // The delivery threads are detached: they reach the state machine only while somebody owns it.
     m_callback->setOnEventCallback([weak = std::weak_ptr<CollectorImpl>(m_impl)](Message message) {
         if (const auto impl = weak.lock()) {
             tick(*impl, std::move(message));

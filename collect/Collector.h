@@ -8,9 +8,9 @@
 
 namespace vlmProd {
 
-/// The collector of one collect clause, as the rest of the system holds it. It subscribes itself to the
-/// clock's ticks and is never unsubscribed: it lives from the base setup to the end of the process. (Ticks
-/// that come for one that a test has destroyed do nothing.)
+/// The collector of one collect clause, as the rest of the system uses it. It subscribes itself to the
+/// clock's ticks and stays subscribed: it lives from the base setup to the end of the process. A tick for a
+/// collector that a test has destroyed does nothing.
 class Collector : public ICollector {
   public:
     Collector(const std::string& name, long long historyDuration, std::string serviceName,

@@ -53,8 +53,8 @@ bool isInteger(std::string_view json) {
            std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-/// A value's text as that of a JSON string, the empty one for none. Nearly all are strings and integers, for
-/// which reading them would cost more than all the rest of a tick.
+/// Returns a value's text as that of a JSON string; the empty string's for a value that is none. Strings and
+/// integers, which nearly all are, are not parsed: that would cost more than the rest of a tick.
 std::string asString(const std::string& json) {
     if (json.starts_with('"')) {
         return json;
@@ -62,7 +62,7 @@ std::string asString(const std::string& json) {
     return isInteger(json) ? '"' + json + '"' : compactText(textOf(json.empty() ? Value() : valueOf(json)));
 }
 
-/// A value's text as that of an integer, 0 for what is none.
+/// Returns a value's text as that of an integer; "0" for a value that is none.
 std::string asInt(const std::string& json) {
     int number = 0;
     if (!isInteger(json) ||
@@ -72,7 +72,7 @@ std::string asInt(const std::string& json) {
     return std::to_string(number);
 }
 
-/// The text of a signal collection. All but `historyLength` are texts of values.
+/// Returns the text of a signal collection. All arguments but `historyLength` are texts of values.
 std::string collectionText(std::string_view collectName, std::string_view serviceName,
                            std::string_view resourceName, unsigned int historyLength, std::string_view index,
                            std::string_view endOfHistory, std::string_view samples) {
@@ -92,12 +92,12 @@ std::string collectionText(std::string_view collectName, std::string_view servic
     return text;
 }
 
-/// The samples of a signal collection, oldest first. What a record says of itself is taken out of it; a
-/// record that lacks such a member takes over that of the record before it. The collection says what the last
-/// record says.
+/// The samples of a signal collection, oldest first. The members that describe a record are removed from its
+/// sample; a record without one of them keeps the value of the record before it. The collection has the
+/// values of the last record.
 class Samples {
   public:
-    /// Appends the record's sample. The sample's text, valid until the next call.
+    /// Appends the record's sample. Returns the sample's text, valid until the next call.
     std::string_view add(std::string_view record) {
         if (m_count++ != 0) {
             m_text.push_back(',');
@@ -119,8 +119,8 @@ class Samples {
         return std::string_view(m_text).substr(begin);
     }
 
-    /// The collection of all that was added. `collector` is the name that its records have: a text cannot
-    /// give back each name's bytes.
+    /// Returns the collection of all added samples. `collector` is the name that their records have: a name's
+    /// bytes cannot be read back from a text.
     SignalCollection finish(const std::string& collector) {
         m_text.push_back(']');
         const std::string name = asString(m_last[CollectorName]);
@@ -134,7 +134,7 @@ class Samples {
     static constexpr std::string_view kKnown[Count] = {"collectorName", "serviceName", "resName", "index",
                                                        "timestamp"};
 
-    std::array<std::string, Count> m_last;  ///< texts of the values that were there last; empty: none yet
+    std::array<std::string, Count> m_last;  ///< texts of the last values; empty: none yet
     std::string m_text = "[";
     unsigned int m_count = 0;
 };
@@ -178,8 +178,8 @@ void CollectorImpl::insertRecord(Record record) {
     if (traced) {
         text = record.text;
     }
-    // One insertion at a time: in the History state every record passes at once. Two that met in the input
-    // queue would be held against each other's time stamps, and the older one trimmed.
+    // Serialised: in the state History every record moves at once, while concurrent inserts would trim each
+    // other by their time stamps.
     const std::lock_guard<kyo::Mutex> inserting(m_insertMutex);
     if (m_input.put(std::move(record), kRecordWeight)) {
         recordsWaiting().fetch_add(1, std::memory_order_relaxed);
@@ -206,7 +206,7 @@ void CollectorImpl::moveToHistoryState() {
     VLM_LOG(5, "ZEPH-44489: ZEPH-64275: Collector: " << m_name << ": In the History state");
     bool valid = false;
     {
-        // Trimming removes records too: never beside another thread that trims or moves.
+        // Trimming removes records: never concurrently with another thread that trims or moves.
         const std::lock_guard<kyo::Mutex> lock(m_mutex);
         valid = validateRecord();
     }
@@ -236,7 +236,7 @@ bool CollectorImpl::validateRecord() {
             return false;
         }
         m_input.withBack([&back](const Record& record) { back = record.timestamp; });
-        // Time stamps are whatever a record says: the difference must not overflow.
+        // Time stamps are untrusted: the difference must not overflow.
         const auto difference =
             static_cast<std::int64_t>(static_cast<std::uint64_t>(front) - static_cast<std::uint64_t>(back));
         const long long history = m_history;

@@ -13,13 +13,13 @@
 
 namespace vlmProd {
 
-/// The state machine of one collector. Every record arrives in the input queue; in the state History it
-/// passes at once to the output queue, whose content becomes a signal collection at the next tick. What waits
-/// in the input queue is trimmed to the history duration, measured between the time stamps of its first and
-/// its last record in order of arrival.
+/// The state machine of one collector. Every record arrives in the input queue. In the state History it moves
+/// to the output queue at once; the next tick turns that queue into a signal collection. The input queue is
+/// trimmed to the history duration: the time between the stamps of its first and its last record, in order of
+/// arrival.
 ///
-/// All operations may be called from any thread. Records pass between the queues, and are trimmed, under the
-/// collector's mutex, by one thread at a time. At a tick the output queue is drained beside that.
+/// Any thread may call the operations. One thread at a time moves and trims records, with the collector's
+/// mutex. A tick drains the output queue concurrently.
 class CollectorImpl : public ICollector {
   public:
     CollectorImpl(std::string name, long long historyDuration, std::string serviceName,
@@ -41,7 +41,7 @@ class CollectorImpl : public ICollector {
 
     /// Moves what the state and the history allow from the input to the output queue.
     void moveRecFromInputqToOutputq();
-    /// Drains the output queue into a signal collection and hands that to report control.
+    /// Drains the output queue into a signal collection and gives it to report control.
     void moveRecordFromOutputqToReportBuffer();
     /// Drains the output queue into a signal collection.
     SignalCollection buildCollection();
@@ -53,24 +53,24 @@ class CollectorImpl : public ICollector {
     unsigned int outputWeight() { return m_output.size(); }
 
   private:
-    /// Trims the input queue. True when its records may pass. Call with m_mutex held.
+    /// Trims the input queue. Returns true when its records may move. The caller holds m_mutex.
     bool validateRecord();
 
     std::atomic<ICollector::State> m_state{ICollector::History};
     const std::string m_name;
     ConcurrentQueue<Record> m_input;
     ConcurrentQueue<std::string> m_output;  ///< texts of records
-    kyo::Mutex m_insertMutex;  ///< held by an insertion from the put to the move; taken before m_mutex
-    kyo::Mutex m_mutex;        ///< held while records are trimmed or pass between the queues
-    kyo::ThreadCondition m_condition;  ///< nothing waits on it
+    kyo::Mutex m_insertMutex;               ///< held from put to move; locked before m_mutex
+    kyo::Mutex m_mutex;                     ///< held while records are trimmed or moved
+    kyo::ThreadCondition m_condition;       ///< nothing waits on it
     const std::int64_t m_lag = 0;
-    std::atomic<long long> m_history;  ///< in the unit of the time stamps: milliseconds
+    std::atomic<long long> m_history;  ///< ms
     const std::string m_serviceName;
     const std::string m_resourceName;
     const int m_index;
     const std::string m_onEventName;
     const CollectorOnEventType m_onEventType;
-    std::atomic<std::int64_t> m_lastOnEvent{0};  ///< wall clock in milliseconds; 0 before the first tick
+    std::atomic<std::int64_t> m_lastOnEvent{0};  ///< wall clock, ms; 0 before the first tick
 };
 
 }  // namespace vlmProd

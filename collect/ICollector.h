@@ -6,21 +6,21 @@
 
 namespace vlmProd {
 
-/// What holds the records of one collect clause between two ticks of the clock.
+/// Keeps the records of one collect clause until the next tick of the clock.
 class ICollector {
   public:
     enum State : std::int32_t {
-        History = 0,     ///< records pass on to the next signal collection
+        History = 0,     ///< records go into the next signal collection
         Lag = 1,         ///< records wait
-        Reportable = 2,  ///< a tick is under way: records wait
+        Reportable = 2,  ///< during a tick: records wait
     };
 
     virtual ~ICollector() = default;
-    /// One tick: what is held becomes a signal collection. Called on a delivery thread of the bus.
+    /// Handles a tick: the records become a signal collection. Called on a delivery thread of the bus.
     virtual void onOnEventCallback(Message message) = 0;
-    /// Takes a copy of the record. Called on any thread, several at once.
+    /// Copies the record. Any thread may call it, also concurrently.
     virtual void insertRecord(kyo::Json::Value& record) = 0;
-    /// In milliseconds.
+    /// `duration` is in milliseconds.
     virtual void setHistoryDuration(long long duration) = 0;
 };
 

@@ -9,31 +9,29 @@
 
 namespace vlmProd {
 
-/// The single entry of all records into the collection pipeline. Middleware threads put records in; one
-/// thread takes them out in order of arrival and hands each one, on a detached thread of its own, to the
-/// collector that the record names. Records may therefore reach their collector in any order.
+/// The entry of all records into the collection pipeline. Middleware threads insert records. One thread takes
+/// them in order of arrival and gives each one to the receiver on a new detached thread, so records may reach
+/// their collector in any order.
 ///
-/// The base setup names the receiver and calls start() once; the thread runs until the process ends.
-/// Producers wake it without its lock: a record that comes just as the thread goes to sleep waits for the
-/// next one.
+/// The base setup sets the receiver and calls start() once; the thread runs until the process ends. Producers
+/// wake it without its lock: a record that arrives while the thread goes to sleep waits for the next one.
 class IngressQueue : public Worker {
   public:
     using Dispatch = std::function<void(Record)>;
 
-    /// Created on the first call. Left to the operating system: its thread waits on the condition until the
-    /// process ends.
+    /// Created on the first call and never destroyed: its thread waits on the condition until the process
+    /// ends.
     static IngressQueue* getInstance();
 
     IngressQueue();
 
-    /// Names the receiver of the records, which is called on a thread of its own for each one. Before
-    /// start().
+    /// Sets the receiver of the records, which is called on a new thread for each one. Call before start().
     void setDispatch(Dispatch dispatch) { m_dispatch = std::move(dispatch); }
 
     void run() override;
 
-    /// Queues the record and wakes the thread; returns quickly. Called on middleware threads. A record
-    /// whose queue could not be locked in ten tries is lost and counted.
+    /// Queues the record and wakes the thread; returns quickly. Called on middleware threads. Drops and
+    /// counts the record when ten tries cannot lock the queue.
     void insertRecord(Record record);
     void insertRecord(kyo::Json::Value& record) { insertRecord(Record(record)); }
     void SendWakeupSignal();
@@ -44,9 +42,9 @@ class IngressQueue : public Worker {
 
     /// Dispatches the queued records. Returns false when the stop flag is set.
     bool drainOnce() override;
-    /// Takes the oldest record out. False when there is none.
+    /// Removes the oldest record and moves it to `record`. Returns false when the queue is empty.
     bool takeRecord(Record* record);
-    /// Bytes of compact JSON text waiting.
+    /// Returns the length of the queued texts, in bytes.
     unsigned int queuedBytes() { return m_records.size(); }
 
   private:

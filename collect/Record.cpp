@@ -6,9 +6,9 @@ namespace vlmProd {
 
 namespace {
 
-constexpr std::size_t kKeptRoom = std::size_t{64} * 1024;  // more than that is given back
+constexpr std::size_t kKeptRoom = std::size_t{64} * 1024;  // a larger buffer is freed after use
 
-/// The text without room to spare, however it grew.
+/// Returns the record's text without spare capacity.
 std::string written(const kyo::Json::Value& record) {
     thread_local std::string room;
     room.clear();

@@ -12,34 +12,34 @@
 
 namespace vlmProd {
 
-/// Asks the backend for the collector configuration until any answer has come, and hands what the answer
-/// holds on. Must be owned by a shared_ptr: the retry timer's thread looks whether it still
-/// lives.
+/// Requests the collector configuration from the backend until any answer has arrived, and passes the
+/// answer's configuration on. A shared_ptr must own it: the retry timer's thread checks whether it still
+/// exists.
 ///
-/// An answer comes on the backend client's thread, the retry on the timer's thread.
+/// Answers arrive on the backend client's thread, retries run on the timer's thread.
 class ConfigControlPanel : public ConfigurationReceiver,
                            public std::enable_shared_from_this<ConfigControlPanel> {
   public:
-    /// Takes a parsed configuration, with identifier and text of the record that it came in. Returns why it
-    /// does not run; an empty text when it does.
+    /// Starts a parsed configuration. Gets identifier and text of its record as well. Returns why the
+    /// configuration does not run; an empty text when it does.
     using ConfigurationHandler = std::function<std::string(kyo::Json::Value configuration,
                                                            std::string recordId, std::string recordBody)>;
 
-    /// Configurations go to `handler`, called on the thread of the answer.
+    /// `handler` gets the configurations, on the thread of the answer.
     explicit ConfigControlPanel(ConfigurationHandler handler);
 
-    /// What issues one request; an empty function asks nothing.
+    /// Sets the function that sends one request; an empty one sends nothing.
     void setRequestFunction(std::function<void()> request) override;
 
-    /// Asks again every eleven minutes. Only the first call does something.
+    /// Retries every eleven minutes. Only the first call has an effect.
     void startConfigRequestRetry() override;
     void stopConfigRequestRetry() override;
     void executeConfigRetry();
     bool isRetrying() const { return m_retryTimer->millisecondsToNextTick() > 0; }
 
-    /// One answer: an array whose first element has "recordId" and "recordBody", a configuration in base64.
-    /// One that cannot be used is logged and counted, and configures nothing; but as soon as identifier and
-    /// body are texts, the reports carry the identifier.
+    /// Handles one answer: an array whose first element has "recordId" and "recordBody", a configuration in
+    /// base64. An answer that cannot be used is logged, counted and configures nothing. If its identifier and
+    /// body are texts, the reports have the identifier all the same.
     void ConfigResponseCallback(kyo::Json::Value response) override;
     void setOutcomeFunction(OutcomeFunction outcome) override { m_outcome = std::move(outcome); }
 

@@ -24,7 +24,7 @@ void readCollect(const Field& element, ConfigParser::Collect& collect) {
     element["res"].name(collect.res);
     element["on"].name(collect.on);
     const Field index = element["index"];
-    // An empty text is an absent index to the validation, which has its own message for it.
+    // The validation treats an empty text as an absent index and has its own message for it.
     collect.indexText = textOf(index.value());
     if (!index.value().isString() || !collect.indexText.empty()) {
         index.number(collect.index);
@@ -38,7 +38,7 @@ bool contains(const std::vector<std::string>& list, const std::string& name) {
     return std::find(list.begin(), list.end(), name) != list.end();
 }
 
-/// The elements of a block, each an object; null stands for an empty one.
+/// Returns the elements of a block, each an object; null is read as an empty one.
 std::vector<Field> objects(const Field& block) {
     auto elements = block.elements("an array of objects");
     for (const Field& element : elements) {
@@ -55,7 +55,7 @@ bool ConfigParser::has(const char* block) const {
     return !member(m_document, block).isNull();
 }
 
-/// Reads what the system uses; what else the document holds is ignored.
+/// Reads the members that the system uses and ignores all others.
 void ConfigParser::read(const Field& document) {
     document.object();
     document["CONFIG"].elements("an array of objects");
@@ -89,7 +89,7 @@ void ConfigParser::read(const Field& document) {
     }
 }
 
-/// Reads, validates and extracts the held document. `signature` is the calling operation's.
+/// Reads, validates and extracts the document. `signature` is the calling operation's.
 bool ConfigParser::accept(ConfigErrorCode& code, const std::string& signature, int levelOfSuccess) {
     FieldReader reader("collector configuration", Reading::Converting);
     read(reader.root(m_document));
@@ -123,7 +123,7 @@ bool ConfigParser::parseFromLocalFile(std::string& path, ConfigErrorCode& code) 
     }
     kyo::Json::Reader reader;
     if (!reader.parse(content, m_document, false)) {
-        // The text names the catalog although this is the collector configuration; it is known so.
+        // Field engineers know this text, although it is not the catalog that was parsed.
         VLM_LOG(3, "Catalog file parsing not successful, check format");
         VLM_LOG(3, path << ": " << reader.getFormattedErrorMessages());
         m_refusal = "it is not JSON";
@@ -131,7 +131,7 @@ bool ConfigParser::parseFromLocalFile(std::string& path, ConfigErrorCode& code) 
         return false;
     }
     m_configFilePath = path;
-    // On the failure's level, so that a quiet log still tells which of the two it was.
+    // On the failure's level, so that a quiet log shows either result.
     return accept(code, logSignature(__PRETTY_FUNCTION__), 3);
 }
 
@@ -146,7 +146,7 @@ bool ConfigParser::parseFromJson(Value& json, ConfigErrorCode& code) {
     return accept(code, logSignature(__PRETTY_FUNCTION__), 5);
 }
 
-// The checks differ in the codes that they leave; the parses replace them.
+// The checks set different codes; the parses replace them.
 bool ConfigParser::ValidateCollectBlock(ConfigErrorCode& code) {
     code = ConfigErrorCode::Ok;
     if (!has("COLLECT")) {
@@ -501,7 +501,7 @@ int ConfigParser::getIndexNumber(std::string collectName, std::string serv, std:
             code = ConfigErrorCode::ResourceNotFound;
             continue;
         }
-        // By the resource's name alone, whatever the service: callers rely on the last one.
+        // By the resource's name alone: callers rely on the last one of any service.
         for (const Collect& other : m_collects) {
             if (other.res == res) {
                 m_rememberedIndex = other.index;
@@ -525,7 +525,7 @@ std::map<std::string, std::string> ConfigParser::getServiceAndResource(std::stri
             m_rememberedService = collect.serv;
             m_rememberedResource = collect.res;
         }
-        // Also for the elements before it: the pair of the lookup before stands in the answer then.
+        // Also for the elements before it, which add the pair of the previous lookup.
         pairs.emplace(m_rememberedService, m_rememberedResource);
     }
     return pairs;

@@ -25,33 +25,33 @@ enum class ConfigErrorCode : std::int32_t {
     OnEventTypeNotFound = 15,
 };
 
-/// Reads, validates and answers questions about one collector configuration: a JSON object with the arrays
-/// "CONFIG", "CLOCK", "REPORT", "COLLECT" and "COMPARE" (docs/configuration.md).
+/// One collector configuration: a JSON object with the arrays "CONFIG", "CLOCK", "REPORT", "COLLECT" and
+/// "COMPARE" (docs/configuration.md). Parses and validates it, and returns its content.
 ///
-/// One parse per object: a new configuration gets a new parser. Nothing throws on bad content; a member of
-/// the wrong type is refused by the parse and named with its place ("COLLECT[2].index"). No lock: one
-/// operation at a time, as the lookups that remember their last result change the object.
+/// One parse per object: a new configuration gets a new parser. Bad content throws nothing; the parse refuses
+/// a member of the wrong type and names its place ("COLLECT[2].index"). Not for concurrent use: the lookups
+/// remember their last result.
 class ConfigParser {
   public:
-    /// What one element of "COLLECT" says; empty or 0 what it leaves out.
+    /// One element of "COLLECT"; an absent member is empty or 0.
     struct Collect {
         std::string name;
         std::string serv;
         std::string res;
         std::string on;
-        std::string indexText;  ///< the index as the document has it
+        std::string indexText;  ///< as in the document
         std::int32_t index = 0;
         std::optional<std::int64_t> history;  ///< ms
     };
 
     ConfigParser();
 
-    /// True when the document was accepted and the getters may be used. On false `code` tells why, the
-    /// refused document stays held and all fields stay empty.
+    /// Returns true when the document is accepted; the getters may then be used. On false, `code` is the
+    /// reason, the object keeps the refused document and all fields stay empty.
     bool parseFromLocalFile(std::string& path, ConfigErrorCode& code);
     bool parseFromJson(kyo::Json::Value& json, ConfigErrorCode& code);
 
-    /// Parts of the validation of the held document. The codes they leave on a failure differ by check.
+    /// Parts of the validation of the document. They set different codes on a failure.
     bool ValidateCollectBlock(ConfigErrorCode& code);
     bool ValidateClockName(ConfigErrorCode& code);
     bool ValidateReport(ConfigErrorCode& code);
@@ -72,42 +72,42 @@ class ConfigParser {
     std::string getReportName() { return m_reportName; }
     std::string getApplicationName() { return m_applicationName; }
 
-    /// The "REPORT" array; null with a code when there is none.
+    /// Returns the "REPORT" array; null, with a code, when there is none.
     kyo::Json::Value configReportBlock(ConfigErrorCode& code);
-    /// The "COLLECT" array, or null.
+    /// Returns the "COLLECT" array, or null.
     kyo::Json::Value getAllCollectorBlock();
 
-    /// Which collector a record belongs to: "<serv>Proxy|<res>|<index>" to the collector's name. The first
-    /// of two collectors with one key wins. Adds to `out`.
+    /// Adds to `out` each collector's key, "<serv>Proxy|<res>|<index>", and name. The first of two collectors
+    /// with one key wins.
     void getAllCollects(std::map<std::string, std::string>& out);
-    /// Collector name to history duration in milliseconds.
+    /// Adds to `out` each collector's name and history duration in milliseconds.
     void getAllCollectorNames(ConfigErrorCode& code, std::map<std::string, long long>& out);
-    /// Distinct service names in order of first appearance.
+    /// Returns the distinct service names in order of first appearance.
     std::vector<std::string> getAllConfiguredServices(ConfigErrorCode& code);
     int getCollectorObjCount(ConfigErrorCode& code);
-    /// Distinct indexes configured for a service and resource. Adds to `out`.
+    /// Adds to `out` the distinct indexes of a service and resource.
     void getAllIndexes(std::string serv, std::string res, std::vector<int>& out);
-    /// Service name to its distinct resource names in order of first appearance. Adds to `out`.
+    /// Adds to `out` each service with its distinct resources in order of first appearance.
     void populateAllServicesAndResources(std::map<std::string, std::vector<std::string>>& out);
-    /// The index of the last collector of a service and resource, or -1.
+    /// Returns the index of the last collector of a service and resource, or -1.
     int getResourceIndexValue(std::string serv, std::string res);
 
-    /// Lookups that remember their result, and answer the remembered one where the name is not known.
+    /// Lookups that remember their result, and return the remembered one for an unknown name.
     std::string getResources(std::string serv, ConfigErrorCode& code);
     std::string getServiceName(std::string collectName, ConfigErrorCode& code);
-    /// Any collector with that resource name counts, whatever its service; the last one wins.
+    /// Returns the index of the last collector with that resource name, whatever its service.
     int getIndexNumber(std::string collectName, std::string serv, std::string res, ConfigErrorCode& code);
-    /// The collector's service and resource; before it stands the pair remembered from the lookup before,
-    /// unless the collector is the configuration's first.
+    /// Returns the collector's service and resource. Unless the collector is the configuration's first one,
+    /// the pair that the previous lookup remembered is before it.
     std::map<std::string, std::string> getServiceAndResource(std::string collectName, ConfigErrorCode& code);
 
-    /// `Clock` with OnEventTypeNotFound for a name that no clock and no compare block has.
+    /// Returns `Clock`, with OnEventTypeNotFound, for a name that no clock and no compare block has.
     CollectorOnEventType getOnEventType(std::string name, ConfigErrorCode& code);
 
-    /// What each element of "COLLECT" says, in document order.
+    /// The elements of "COLLECT" in document order.
     const std::vector<Collect>& collects() const { return m_collects; }
 
-    /// Why the last parse refused its document: "COLLECT[2].serv is missing".
+    /// Returns why the last parse refused its document: "COLLECT[2].serv is missing".
     const std::string& refusal() const { return m_refusal; }
 
   private:
@@ -129,7 +129,7 @@ class ConfigParser {
     bool has(const char* block) const;
 
     kyo::Json::Value m_document;
-    // What the document's blocks say; empty where a block is left out.
+    // The document's blocks; empty where a block is absent.
     Config m_config;
     std::vector<Clock> m_clocks;
     std::vector<Report> m_reports;

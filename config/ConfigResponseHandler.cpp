@@ -102,7 +102,7 @@ bool ConfigResponseHandler::setUp(const std::function<bool()>& createConfigParse
     VLM_LOG(5, "Size of All services and Resources = " << servicesAndResources.size());
     configureResources(collects, servicesAndResources);
 
-    // A service that an earlier configuration asked for is connected, or in discovery's queue, already.
+    // A service of an earlier configuration is connected already, or in discovery's queue.
     std::vector<std::string> newServices;
     for (const std::string& service : configuredServices) {
         if (m_discoveredServices.insert(service).second) {
@@ -212,7 +212,7 @@ void ConfigResponseHandler::configureResources(const std::map<std::string, std::
     for (const auto& [service, resources] : servicesAndResources) {
         const std::string proxy = proxyNames::of(service);
         for (const std::string& resource : resources) {
-            // Once for each resource: creating it again would forget its keys and collectors.
+            // Once for each resource: a new object would have no keys and no collectors.
             if (m_createdResources.emplace(service, resource).second) {
                 services().createResourceObject(proxy, {resource});
                 services().setSomeIPKey(proxy, resource, catalog.getSomeIPKey(service, resource, code));
@@ -239,7 +239,7 @@ void ConfigResponseHandler::configureIndex(const std::string& service, const std
         VLM_LOG(5, "Size of list of properties for resource " << resource << " = " << properties.size());
         services().setSomeIPIndexAttribute(proxy, resource, index, properties);
     }
-    // One collector for each service, resource and index: the first one that asked.
+    // One collector for each service, resource and index: the first one that was configured.
     const auto collect = collects.find(proxy + "|" + resource + "|" + std::to_string(index));
     if (collect == collects.end()) {
         return;

@@ -22,13 +22,13 @@
 
 namespace vlmProd {
 
-/// The base setup: turns a collector configuration into running collection, and brings every record to its
-/// collector.
+/// The base setup: starts the collection that a collector configuration describes, and gives every record to
+/// its collector.
 ///
-/// A further configuration adds to what runs: collectors, reports, resources and subscriptions that exist
-/// stay as they are, new ones are added, and the clock is replaced. A configuration that is refused creates
-/// no collector and leaves the clock; one whose only fault is an empty "COLLECT" has added its reports by
-/// then, which are sent empty. All operations may be called from any thread; setups wait for each other.
+/// A further configuration adds collectors, reports, resources and subscriptions; existing ones stay as they
+/// are, and the clock is replaced. A refused configuration creates no collector and keeps the clock. If its
+/// only fault is an empty "COLLECT", its reports have been added by then and are sent empty. Any thread may
+/// call the operations; one setup runs at a time.
 class ConfigResponseHandler {
   public:
     /// Created on first use and never destroyed: dispatch threads and the subscription thread use it until
@@ -36,45 +36,45 @@ class ConfigResponseHandler {
     static ConfigResponseHandler* getInstance();
 
     ConfigResponseHandler() = default;
-    /// With adapters and a discovery of the caller's own; both must outlive this object.
+    /// Uses the caller's adapters and discovery, which must outlive this object.
     ConfigResponseHandler(ServiceMapObjectHandler& services, ServiceDiscovery& discovery);
     ConfigResponseHandler(const ConfigResponseHandler&) = delete;
     ConfigResponseHandler& operator=(const ConfigResponseHandler&) = delete;
 
-    /// True when everything that the configuration asks for was started. On false a message has told why,
-    /// and what ran before goes on.
+    /// Returns true when the whole configuration was started. On false the log has the reason, and an earlier
+    /// configuration continues to run.
     bool doBaseSetupFromLocalConfig(std::string path);
-    /// As above for the backend's configuration. `recordId` and `recordBody` tell in the log which one it is.
+    /// The same for the backend's configuration, which `recordId` and `recordBody` identify in the log.
     bool doBaseSetupFromOrxConfigResponse(kyo::Json::Value config, std::string recordId = "",
                                           std::string recordBody = "");
 
-    /// The setup from the backend's configuration, and a thread that subscribes the resources. Returns why
-    /// the configuration does not run; an empty text when it does.
+    /// Sets up the backend's configuration and starts a thread that subscribes the resources. Returns why the
+    /// configuration does not run; an empty text when it does.
     std::string takeFromBackend(kyo::Json::Value config, std::string recordId, std::string recordBody);
 
-    // Steps of the setup, which calls them one after the other.
+    // The steps of the setup, in their order.
     bool createConfigParserFromFile(std::string path);
     bool createConfigParserFromJson(kyo::Json::Value& config);
     bool initializeServiceDiscovery();
-    /// Directs the records of the process to the collectors of getInstance().
+    /// Starts the ingress queue with the collectors of getInstance() as receivers.
     void startIngressQueue();
     void createCollectorObjects();
 
-    /// Hands the record to the collector that its "collectorName" names, or drops and counts it. Called on
-    /// the ingress queue's dispatch threads, many at once.
+    /// Gives the record to the collector in its "collectorName", or drops and counts it. Called on the
+    /// ingress queue's dispatch threads, concurrently.
     void sendRecordsToCollectorObject(Record record);
     void sendRecordsToCollectorObject(kyo::Json::Value record) {
         sendRecordsToCollectorObject(Record(record));
     }
 
-    /// Subscribes what is configured in endless passes, as long as the process lives. Returns at once when
-    /// another thread does it already.
+    /// Subscribes the configured resources in endless passes. Returns at once when another thread does so
+    /// already.
     void subscribeResources();
 
     using ServicesAndResources = std::map<std::string, std::vector<std::string>>;
-    /// One pass: tries each resource that is not subscribed yet; `pause` is called between two services.
+    /// Runs one pass: tries each resource that is not subscribed yet. Calls `pause` between two services.
     void subscribeOnce(const ServicesAndResources& configured, const std::function<void()>& pause);
-    /// What subscribeResources() walks.
+    /// Returns the resources that subscribeResources() subscribes.
     ServicesAndResources configuredResources() const;
 
   private:
@@ -90,9 +90,9 @@ class ConfigResponseHandler {
 
     std::mutex m_setupMutex;  ///< one setup at a time
     // Guarded by m_setupMutex.
-    std::shared_ptr<ConfigParser> m_configParser;  ///< of the configuration accepted last
+    std::shared_ptr<ConfigParser> m_configParser;  ///< of the last accepted configuration
     EventControl m_eventControl;
-    ServiceDiscovery* m_serviceDiscovery = nullptr;  ///< left to the operating system
+    ServiceDiscovery* m_serviceDiscovery = nullptr;  ///< never destroyed
     std::set<std::string> m_discoveredServices;
     std::set<std::pair<std::string, std::string>> m_createdResources;
     std::set<std::tuple<std::string, std::string, int>> m_configuredIndexes;

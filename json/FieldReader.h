@@ -1,9 +1,9 @@
 #pragma once
-/// Reading untrusted JSON: every value knows the way to it, so that a fault names its place.
+/// A reader of untrusted JSON. Every value knows its path, so that a fault names its place.
 ///
 ///     FieldReader reader("collector configuration", Reading::Converting);
 ///     const Field clock = reader.root(document)["CLOCK"][0];
-///     int duration = 60000;              // what an absent member leaves
+///     int duration = 60000;              // stays if the member is absent
 ///     clock["duration"].number(duration);
 ///     for (const std::string& fault : reader.faults()) ...
 ///         // "CLOCK[0].duration: a number from -2147483648 to 2147483647 is expected, found a text ("1
@@ -21,43 +21,43 @@
 
 namespace vlmProd {
 
-/// How a value of another type than the one asked for is read.
+/// How a value of another type than the requested one is read.
 enum class Reading {
-    Exact,       ///< as a fault; of numbers, 5.0 counts as a whole one
+    Exact,       ///< as a fault; 5.0 is a whole number
     Converting,  ///< as the JSON library converts it (json/JsonFields.h); null also as an empty object or
                  ///< array
 };
 
 class FieldReader;
 
-/// One value of a document and the way to it. Lives no longer than the document and the reader.
+/// One value of a document and its path. The document and the reader must outlive it.
 ///
-/// The reads answer false and add a fault to the reader where the value is not what is asked for; `out` then
-/// keeps what it holds. An absent value is no fault and leaves `out` as it is, too.
+/// A read of another value than the requested one returns false, adds a fault to the reader and keeps `out`.
+/// A read of an absent value returns true and keeps `out`.
 class Field {
   public:
     const kyo::Json::Value& value() const { return *m_value; }
-    /// "CLOCK[0].duration"; the document's name for its root.
+    /// Returns "CLOCK[0].duration"; the document's name for its root.
     std::string place() const;
     bool isAbsent() const { return m_value == &kyo::Json::Value::nullSingleton(); }
 
-    /// A member; absent where there is none, or where this is no object.
+    /// Returns a member; an absent value if there is none, or if this is no object.
     Field operator[](const std::string& key) const;
-    /// An element; absent where there is none, or where this is no array.
+    /// Returns an element; an absent value if there is none, or if this is no array.
     Field operator[](kyo::Json::ArrayIndex index) const;
 
     bool object() const;
-    /// The members of an object, none where this is none.
+    /// Returns the names of an object's members; none if this is no object.
     std::vector<std::string> names() const;
-    /// The elements of an array, none where this is none.
+    /// Returns the elements of an array; none if this is no array.
     std::vector<Field> elements(std::string_view expected = "an array") const;
 
-    /// Any text.
+    /// Reads any text.
     bool text(std::string& out) const;
-    /// A text without U+0000, which would end it for every reader of C strings behind us.
+    /// Reads a text without U+0000, which would end it for readers of C strings.
     bool name(std::string& out) const;
     bool flag(bool& out) const;
-    /// A whole number from `least` to `most`, or any number where `out` is a floating-point one.
+    /// Reads a whole number from `least` to `most`; any number if `out` is a floating-point one.
     template <typename Number>
     bool number(Number& out, std::type_identity_t<Number> least = std::numeric_limits<Number>::lowest(),
                 std::type_identity_t<Number> most = std::numeric_limits<Number>::max()) const {
@@ -74,9 +74,9 @@ class Field {
 
     /// Adds the fault "PLACE: EXPECTED is expected" unless `good`, which it returns.
     bool expect(bool good, std::string_view expected) const;
-    /// Adds "PLACE: REASON". Always false.
+    /// Adds the fault "PLACE: REASON". Returns false.
     bool fault(std::string_view reason) const;
-    /// This must be an object without other members than the ones that were asked for.
+    /// Adds a fault for each member of this object that was not requested.
     void refuseOthers() const;
 
   private:
@@ -92,10 +92,10 @@ class Field {
     FieldReader* m_reader;
     const kyo::Json::Value* m_value;
     std::string m_path;
-    mutable std::vector<std::string> m_asked;  ///< members, in the order in which they were asked for
+    mutable std::vector<std::string> m_asked;  ///< requested members, in this order
 };
 
-/// What is wrong with one document, or with several that are judged together.
+/// Collects the faults of one document, or of several that are read together.
 class FieldReader {
   public:
     /// `document` names the root in faults ("the manifest").
@@ -104,7 +104,7 @@ class FieldReader {
     FieldReader(const FieldReader&) = delete;
     FieldReader& operator=(const FieldReader&) = delete;
 
-    /// `path` is the way to a value that is itself part of a document.
+    /// `path` is the path of a value that is itself part of a document.
     Field root(const kyo::Json::Value& value, std::string path = {}) {
         return {*this, value, std::move(path)};
     }
@@ -120,7 +120,7 @@ class FieldReader {
     std::vector<std::string> m_faults;
 };
 
-/// What a value is, for messages: "an array", "a text", "nothing" for one that is absent, ...
+/// Returns the kind of a value for messages: "an array", "a text", "nothing" for an absent one, ...
 const char* kindOf(const kyo::Json::Value& value);
 
 }  // namespace vlmProd

@@ -22,7 +22,7 @@ bool toText(const Value& value, std::string& out) {
 }
 
 bool toInt64(const Value& value, std::int64_t& out) {
-    // The library asks only for the 32-bit range in isConvertibleTo, hence the tests by hand.
+    // The library asks only for the 32-bit range in isConvertibleTo, hence these tests.
     out = 0;
     if (value.isNull() || value.isBool()) {
         out = value.isBool() && value.asBool() ? 1 : 0;

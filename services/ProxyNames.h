@@ -1,6 +1,6 @@
 #pragma once
 /// The names of the vehicle services' proxies, the registry's keys. Each registered service's constant is
-/// generated from its description; the names that no adapter answers to are here.
+/// generated from its description; the names without an adapter are here.
 #include <algorithm>
 #include <array>
 #include <string>

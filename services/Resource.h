@@ -18,11 +18,11 @@ class variant;
 
 namespace vlmProd {
 
-/// One event of one vehicle service that the configuration asks for. It completes the records of the
-/// event's samples and puts them into the ingress queue.
+/// One configured event of one vehicle service. It completes the records of the event's samples and inserts
+/// them into the ingress queue.
 ///
-/// Samples arrive on the middleware's threads while the configuration thread may still set names: every
-/// operation may be called from any thread. Nothing here blocks beyond a short lock.
+/// Samples arrive on the middleware's threads while the configuration thread may still set names: any thread
+/// may call the operations. They block only for a short lock.
 class Resource {
   public:
     explicit Resource(std::string name);
@@ -37,19 +37,19 @@ class Resource {
     void setSomeIPIndexAttribute(int index, std::vector<std::string> names);
     void addAttribute(std::string name);
     void addAttributes(std::vector<std::string> names);
-    /// Records of that service, resource and index carry that collector's name from now on.
+    /// Gives records of that service, resource and index that collector's name from now on.
     void setCollectorName(std::string service, std::string resource, int index, std::string collector);
 
     void setSubscribed();
     bool isSubscribed();
 
-    /// Adds "collectorName" and "index" to the record where a collector is registered for its key value,
-    /// and puts it into the ingress queue. A record without the key member, or with one outside the range
-    /// of int, goes on without them.
+    /// Adds "collectorName" and "index" to the record if a collector is registered for its key value, and
+    /// inserts it into the ingress queue. A record without the key member, or with one outside the range of
+    /// int, is inserted without them.
     void processData(kyo::Json::Value record);
 
-    /// The generic conversion: samples as a reflected sequence of structures. It fills the work value and
-    /// forwards nothing.
+    /// The generic conversion of a reflected sequence of structures. Fills the work value and inserts no
+    /// record.
     void processData(std::string name, rttr::variant samples);
     void addToJsonValue(std::string name, rttr::variant& value);
     void insertEnumValuesinJson(std::string name, rttr::variant& value);
@@ -58,7 +58,7 @@ class Resource {
     kyo::Json::Value workValue() const;
 
   private:
-    /// Compares keys of strings with keys of views, so that a look-up copies no text.
+    /// Compares keys of strings with keys of views, so that a lookup copies no text.
     struct KeyLess {
         using is_transparent = void;
         template <typename A, typename B>

@@ -9,28 +9,28 @@
 
 namespace vlmProd {
 
-/// Connects services one after the other on a thread of its own. A name that could not be connected, as well
-/// as one that was connected before or that nobody knows, goes back to the end of the queue: it is tried
-/// again without limit. After each name the thread pauses for two seconds.
+/// Connects services one after the other on its own thread. A name that this does not connect goes back to
+/// the end of the queue and is retried without limit; so do a name that is connected already and an unknown
+/// one. After each name the thread pauses for two seconds.
 ///
-/// The base setup creates and starts one, and leaves it to the operating system: its thread waits on the
-/// condition until the process ends. All operations but the thread's own may be called from any thread.
+/// The base setup creates and starts one and never destroys it: its thread waits on the condition until the
+/// process ends. Any thread may call the operations, except run(), processServiceNames() and drainOnce().
 class ServiceDiscovery : public Worker {
   public:
     using FindService = std::function<bool(const std::string&)>;
     using Pause = std::function<void(std::chrono::seconds)>;
 
-    /// Asks the service registry.
+    /// Connects through the service registry.
     ServiceDiscovery();
-    /// Asks `findService` and rests with `pause`.
+    /// Connects with `findService` and pauses with `pause`.
     ServiceDiscovery(FindService findService, Pause pause);
-    /// Only for one whose thread was never started or has ended.
+    /// Only if the thread was never started or has ended.
     ~ServiceDiscovery() override;
 
     void run() override;
 
-    /// Queues a proxy's name ("GNSSProxy") as it is. Never blocks for long; a name whose queue could not be
-    /// locked in ten tries is lost and counted.
+    /// Queues a proxy's name ("GNSSProxy"). Does not block for long. Drops and counts the name when ten tries
+    /// cannot lock the queue.
     void discoverService(std::string serviceName);
     /// Queues the services' proxies: appends "Proxy" to each element of `services` itself.
     void discoverService(std::vector<std::string>& services);
@@ -38,7 +38,7 @@ class ServiceDiscovery : public Worker {
     /// Ends the thread at its next check, which comes when the queue is empty.
     void stopServiceDiscoveryThread();
 
-    /// Tries each queued name, and those that it puts back, until the queue is empty.
+    /// Tries each queued name, also those that go back into the queue, until the queue is empty.
     void processServiceNames();
     bool drainOnce() override;
 

@@ -10,15 +10,15 @@
 namespace vlmProd {
 
 /// The registry of vehicle services: one adapter per known service, by its proxy's name ("GNSSProxy"). Each
-/// operation looks the service up by exactly that name and hands the rest to the adapter; a name that is not
-/// there is logged and gives the neutral result. Filled once, then only read: no lock, any thread. Whether an
-/// operation blocks is the adapter's matter (findService() does for some seconds).
+/// operation finds the adapter by exactly that name and passes it the other arguments; for an unknown name it
+/// logs a message and returns the neutral result. Filled once, then only read: any thread may call it without
+/// a lock. Whether an operation blocks depends on the adapter (findService() does for some seconds).
 class ServiceMapObjectHandler {
   public:
     using Adapters = std::vector<std::pair<std::string, std::shared_ptr<BaseServiceObject>>>;
 
-    /// The one instance, with all registered adapters. Created by the first call, whichever thread makes it,
-    /// and never destroyed: the middleware's threads may still deliver to the adapters at exit.
+    /// Returns the process's instance, with all registered adapters. Created by the first call, on any
+    /// thread, and never destroyed: the middleware's threads may still deliver to the adapters at exit.
     static ServiceMapObjectHandler* GetInstance();
 
     ServiceMapObjectHandler();
@@ -28,7 +28,7 @@ class ServiceMapObjectHandler {
     bool findService(std::string service);
     std::shared_ptr<BaseServiceObject> getServiceObject(std::string service);
     void createResourceObject(std::string service, std::vector<std::string> resources);
-    /// Has no effect on any adapter: the by-value operation that it calls is nobody's.
+    /// Has no effect: no adapter overrides the by-value operation that it calls.
     void addAttributesToResource(std::string service, std::string resource, std::vector<std::string> names);
     void setSomeIPKey(std::string service, std::string resource, std::string key);
     void setSomeIPIndexAttribute(std::string service, std::string resource, int index,
@@ -42,7 +42,7 @@ class ServiceMapObjectHandler {
 
   private:
     void createServiceObject(Adapters adapters);
-    /// Nullptr for an unknown service.
+    /// Returns nullptr for an unknown service.
     BaseServiceObject* find(const std::string& service) const;
 
     std::map<std::string, std::shared_ptr<BaseServiceObject>> m_services;

@@ -1,6 +1,6 @@
 """Lays out C++: comments, text literals, lists, and lines that would be too long.
 
-The result looks as if clang-format had formatted it, without needing clang-format in a build.
+The result has the format of clang-format, which a build then does not need.
 """
 
 import re

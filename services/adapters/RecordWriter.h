@@ -19,9 +19,9 @@ inline kyo::Counter& notFiniteMembers() {
 }
 
 /// Writes the field under its name: real numbers for float and double, unsigned integers for unsigned fields
-/// and enumerations, integers for signed fields, booleans and texts. Writes nothing when the sample does not
-/// carry the field, or, counted, when it is a floating-point number that JSON cannot hold. `name` must live
-/// until the process ends.
+/// and enumerations, integers for signed fields, booleans and texts. Writes nothing for a field that the
+/// sample does not have. A floating-point number that JSON does not have is counted and not written. `name`
+/// must live until the process ends.
 template <typename T>
 void putField(kyo::Json::Value& record, const kyo::Json::StaticString& name,
               const eb::com::optional<T>& field) {
@@ -52,8 +52,8 @@ void putField(kyo::Json::Value& record, const kyo::Json::StaticString& name,
     }
 }
 
-/// Writes the key member as an unsigned integer and returns the key value, by which the caller chooses the
-/// writer of the other fields. Writes nothing for a sample without its key.
+/// Writes the key member as an unsigned integer. Returns the key value, which selects the writer of the other
+/// fields. Writes nothing for a sample without its key.
 template <typename T>
 std::optional<std::int64_t> putKey(kyo::Json::Value& record, const kyo::Json::StaticString& name,
                                    const eb::com::optional<T>& key) {

@@ -11,7 +11,7 @@
 
 namespace vlmProd {
 
-/// An adapter's part that depends on the proxy's type. `Derived` has
+/// The part of an adapter that depends on the proxy's type. `Derived` has
 ///     static constexpr const char* kClassName;
 ///     // Calls visit(name, pointer to the proxy's event, pointer to the callback) for each event until one
 ///     // call returns true; returns what the last call returned.
@@ -46,7 +46,7 @@ class ServiceAdapter : public ServiceAdapterBase {
             if (event != name) {
                 return false;
             }
-            // The registry keeps the adapter until the process ends, and the proxy goes before the adapter.
+            // The registry owns the adapter until the process ends, and the adapter its proxy.
             const bool subscribed = ((*connected).*proxyEvent).Subscribe([self, callback](auto samples) {
                 (self->*callback)(std::move(samples));
             });
@@ -56,8 +56,8 @@ class ServiceAdapter : public ServiceAdapterBase {
         return result;
     }
 
-    /// Makes one record of each sample, in order: `write(sample, record)` writes the fields, the resource of
-    /// the event completes the record and sends it on its way. `event` must live until the process ends.
+    /// Creates one record for each sample, in order: `write(sample, record)` writes the fields, the resource
+    /// of the event completes and inserts the record. `event` must live until the process ends.
     template <class DT, class Write>
     void receiveSamples(std::vector<DT>& samples, const char* event, Write&& write) {
         countReceived(samples.size());

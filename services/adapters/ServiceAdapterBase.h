@@ -15,11 +15,11 @@
 
 namespace vlmProd {
 
-/// What all adapters do the same way and what does not depend on the proxy's type: the resources, connecting,
-/// subscribing, and the frame of a record. Its log lines carry the concrete class's signatures.
+/// The part of an adapter that does not depend on the proxy's type: the resources, connecting, subscribing,
+/// and the members that every record has. Its log lines have the concrete class's signatures.
 ///
-/// Samples arrive on the middleware's threads while the configuration and discovery threads use the
-/// operations; every operation may be called from any thread.
+/// Samples arrive on the middleware's threads while the configuration and discovery threads use the adapter:
+/// any thread may call the operations.
 class ServiceAdapterBase : public BaseServiceObject {
   public:
     bool initProxy() override;
@@ -38,13 +38,13 @@ class ServiceAdapterBase : public BaseServiceObject {
     virtual void addProperties(std::string resource, std::vector<std::string>& names);
 #pragma GCC diagnostic pop
 
-    /// The name under which the registry knows the service; every record carries it.
+    /// The registry's name of the service; every record has it.
     const std::string& serviceName() const {
         return m_serviceName;
     }
-    /// The resource of that event, or nothing.
+    /// Returns the resource of that event, or nullptr.
     std::shared_ptr<Resource> findResource(const std::string& resource) const;
-    /// How long initProxy() pauses after each attempt that finds nothing (1 s unless a test says otherwise).
+    /// Sets the pause of initProxy() after an attempt that finds nothing; 1 s otherwise.
     void setAttemptPause(std::chrono::milliseconds pause) {
         m_attemptPause = pause;
     }
@@ -55,16 +55,16 @@ class ServiceAdapterBase : public BaseServiceObject {
     /// `className` must live as long as the adapter.
     ServiceAdapterBase(const char* className, std::string serviceName);
 
-    /// Asks the middleware once for the service and connects to the first instance found.
+    /// Searches the service once and connects to the first instance found.
     virtual bool findAndConnect() = 0;
     virtual bool isConnected() const = 0;
     virtual Subscription subscribeEvent(const std::string& event) = 0;
 
-    /// The event's resource for one sample; says so when there is none. Like a map's subscript, it leaves an
-    /// empty entry behind then.
+    /// Returns the event's resource. If there is none, logs that and creates an empty entry, as a map's
+    /// subscript does.
     std::shared_ptr<Resource> resourceOfSample(const char* event);
-    /// A record with the members that every record has. It refers to `event` and to this adapter's name: it
-    /// must not outlive them.
+    /// Returns a record with the members that every record has. It refers to `event` and to this adapter's
+    /// name and must not outlive them.
     kyo::Json::Value newRecord(const char* event) const;
     static void countReceived(std::size_t samples);
     static void forward(Resource& resource, kyo::Json::Value&& record);
@@ -78,7 +78,7 @@ class ServiceAdapterBase : public BaseServiceObject {
 
     mutable std::shared_mutex m_resourceMutex;  ///< guards the map, not the resources
     std::map<std::string, std::shared_ptr<Resource>, std::less<>> m_resources;  ///< an entry may be empty
-    std::mutex m_subscribing;  ///< no resource is subscribed twice by two threads at once
+    std::mutex m_subscribing;  ///< two threads never subscribe one resource twice
 };
 
 }  // namespace vlmProd

@@ -158,7 +158,7 @@ void declareOptions(cxxopts::Options& options) {
         ("fault", "a fault at a time; may be repeated", cxxopts::value<std::vector<std::string>>(), "SECONDS:FAULT");
     options.add_options("Network")
         ("address", "own IPv4 address (127.0.0.2)", cxxopts::value<std::string>(), "ADDRESS")
-        ("network", "peers outside it are not heard", cxxopts::value<std::string>(), "ADDRESS/BITS")
+        ("network", "peers outside it are ignored", cxxopts::value<std::string>(), "ADDRESS/BITS")
         ("event-port", "UDP port that events are sent from", cxxopts::value<unsigned>(), "PORT")
         ("discovery-port", "UDP port of service discovery (30490)", cxxopts::value<unsigned>(), "PORT")
         ("group", "multicast group or broadcast address of service discovery", cxxopts::value<std::string>(), "ADDRESS")

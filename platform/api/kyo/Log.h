@@ -23,7 +23,7 @@ class ProductLogger {
     virtual void logData(std::string message, LogLevel level) = 0;
 };
 
-/// A text being composed. Numbers look as the standard streams write them by default (bool as 0 or 1, doubles
+/// A text being composed. Numbers have the standard streams' default form (bool as 0 or 1, doubles
 /// with six significant digits), JSON values are compact text.
 class LogStream {
   public:

@@ -25,7 +25,7 @@ bool isIpv4(const std::string& text) {
     return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-/// "127.0.0.0/8"
+/// Whether the text is an address and a number of bits: "127.0.0.0/8".
 bool isIpv4Network(const std::string& text) {
     const auto slash = text.find('/');
     if (slash == std::string::npos || !isIpv4(text.substr(0, slash))) {
@@ -40,7 +40,7 @@ bool isIpv4Network(const std::string& text) {
 
 constexpr std::uint32_t kDayMs = 86'400'000;
 
-/// A text for which `isGood` holds.
+/// Reads a text for which `isGood` returns true.
 void readChecked(const Field& field, std::string& out, bool (*isGood)(const std::string&),
                  const char* expected) {
     if (field.name(out)) {
@@ -185,8 +185,8 @@ bool readInto(const Value& value, const char* path, Settings& out, std::string& 
     return reader.good();
 }
 
-/// Ends the process: nothing sensible can be done with settings that nobody meant. Without exit handlers, as
-/// some of those ask for the manifest too.
+/// Ends the process: no settings are better than unintended ones. Without exit handlers, as some of those
+/// need the manifest too.
 [[noreturn]] void refuse(const std::string& file, const std::string& reason) {
     std::fprintf(stderr, "The machine manifest %s (VLM_MACHINE_MANIFEST) cannot be used: %s\n", file.c_str(),
                  reason.c_str());
@@ -227,7 +227,7 @@ bool readSomeIpSettings(const Value& section, SomeIpSettings& out, std::string& 
 }
 
 const Manifest& manifest() {
-    // Never destroyed: threads that outlive main ask for it.
+    // Never destroyed: threads that outlive main use it.
     static const Manifest* const instance = new Manifest(load());
     return *instance;
 }

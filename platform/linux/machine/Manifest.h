@@ -1,7 +1,7 @@
 #pragma once
-/// What this machine's platform needs to know: one JSON file named by the environment variable
-/// VLM_MACHINE_MANIFEST. Every member has a default that works on one machine without a file.
-/// docs/manifest.md describes each key; an unknown key or a wrong type is an error that names it.
+/// The settings of this machine's platform, from the JSON file in the environment variable
+/// VLM_MACHINE_MANIFEST. Every member has a default, which works on a single machine without a file.
+/// docs/manifest.md describes each key. An unknown key or a wrong type is an error that names the key.
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,12 +11,12 @@
 namespace machine {
 
 struct LogSettings {
-    int maxLevel = 7;                        ///< cap on the kyo reporting level
+    int maxLevel = 7;                        ///< highest kyo reporting level
     bool console = true;                     ///< lines to standard output
     bool dlt = true;                         ///< messages to the DLT daemon
     std::string file;                        ///< path of a log file; empty: none
     int fileLevel = 7;                       ///< highest kyo level in that file
-    std::uint64_t fileMaxBytes = 64u << 20;  ///< at that size the file is kept as "<file>.1" and begun anew
+    std::uint64_t fileMaxBytes = 64u << 20;  ///< at that size it becomes "<file>.1", and a new one begins
 };
 
 struct DiscoverySettings {
@@ -31,9 +31,9 @@ struct DiscoverySettings {
 };
 
 struct SomeIpSettings {
-    std::string address = "127.0.0.1";    ///< IPv4 address of the interface that this process speaks from
+    std::string address = "127.0.0.1";    ///< IPv4 address of the own interface
     std::uint16_t eventPort = 0;          ///< UDP port for event data; 0: any free one
-    std::string network = "127.0.0.0/8";  ///< peers outside it are not heard
+    std::string network = "127.0.0.0/8";  ///< peers outside it are ignored
     DiscoverySettings discovery;
     std::uint32_t receiveBufferBytes = 8u << 20;
     std::uint32_t maxSampleBytes = 1u << 20;  ///< largest reassembled message
@@ -46,7 +46,7 @@ struct StateSettings {
 };
 
 struct DirectoryBackend {
-    std::string path = "vlm-backend";  ///< folder for envelopes.jsonl; made when missing
+    std::string path = "vlm-backend";  ///< folder for envelopes.jsonl; created if missing
     std::string configuration =
         "collector.json";  ///< collector configuration, relative to `path` or absolute
 };
@@ -73,12 +73,12 @@ struct MessageLimits {
 };
 
 struct SpoolBackend {
-    std::string path = "vlm-spool";           ///< folder; made when missing
-    std::uint64_t maxBytes = 512u << 20;      ///< of all that is in it
+    std::string path = "vlm-spool";           ///< folder; created if missing
+    std::uint64_t maxBytes = 512u << 20;      ///< of all files in it
     std::uint64_t maxAgeSeconds = 0;          ///< 0: none
-    std::string whenFull = "oldest";          ///< "oldest" or "newest" is dropped
-    std::uint32_t resultTimeoutSeconds = 60;  ///< without a result by then an envelope is sent again
-    std::uint32_t window = 16;                ///< most envelopes on their way at a time
+    std::string whenFull = "oldest";          ///< drops "oldest" or "newest"
+    std::uint32_t resultTimeoutSeconds = 60;  ///< then an envelope without a result is sent again
+    std::uint32_t window = 16;                ///< at most so many envelopes await a result
     std::uint32_t drainJitterSeconds = 5;     ///< longest random wait before a backlog is sent
 };
 
@@ -96,9 +96,9 @@ struct BackendSettings {
     MessageLimits limits;
     DirectoryBackend directory;
     MqttBackend mqtt;
-    std::optional<SpoolBackend> spool;  ///< none: what waits for the broker waits in memory
+    std::optional<SpoolBackend> spool;  ///< none: envelopes wait for the broker in memory
     Compression compression;
-    RememberBackend remember;  ///< without a spool nothing is remembered
+    RememberBackend remember;  ///< only with a spool
 };
 
 struct Manifest {
@@ -108,21 +108,20 @@ struct Manifest {
     BackendSettings backend;
 };
 
-/// Reads a manifest document into `out`, keeping the defaults of absent members. False with `error` naming
-/// the key ("someip.discovery.port: a number from 1 to 65535 is expected") when it is not good.
+/// Reads a manifest document into `out`, which keeps the defaults of absent members. Returns false, with the
+/// key in `error` ("someip.discovery.port: a number from 1 to 65535 is expected"), for a wrong document.
 bool readManifest(const kyo::Json::Value& document, Manifest& out, std::string& error);
 
-/// The same for the "someip" section alone. `out` keeps its values for absent members and is untouched on
-/// failure.
+/// Reads the "someip" section alone. `out` keeps its values for absent members, and all of them on failure.
 bool readSomeIpSettings(const kyo::Json::Value& section, SomeIpSettings& out, std::string& error);
 
-/// The manifest of this process: loaded on first use from VLM_MACHINE_MANIFEST, defaults without it.
-/// A manifest that cannot be read or is wrong ends the process with status 1 and a message on standard
-/// error that names file, key and reason. Thread-safe; never changes afterwards.
+/// Returns the manifest of this process, read on first use from VLM_MACHINE_MANIFEST; the defaults without
+/// it. A manifest that cannot be read or is wrong ends the process with status 1 and a message on standard
+/// error with file, key and reason. Any thread may call it; the result never changes.
 const Manifest& manifest();
 
-/// The local socket's path after defaults: state.socket, else /run/vlmmaster/vlmmaster.sock where that
-/// folder can be made, else /tmp/vlmmaster-<uid>/vlmmaster.sock.
+/// Returns the path of the local socket: state.socket, else /run/vlmmaster/vlmmaster.sock if that folder can
+/// be created, else /tmp/vlmmaster-<uid>/vlmmaster.sock.
 std::string stateSocketPath();
 
 }  // namespace machine
