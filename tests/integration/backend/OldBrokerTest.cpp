@@ -73,6 +73,15 @@ int protocolLevel(const std::string& packet) {
     return at == std::string::npos || packet[0] != 0x10 ? -1 : packet.at(at + 4);
 }
 
+/// The keep-alive time in a CONNECT packet, in seconds, after the protocol level and the flags.
+int keepAlive(const std::string& packet) {
+    const auto at = packet.find("MQTT");
+    return at == std::string::npos || packet.size() < at + 8
+               ? -1
+               : static_cast<unsigned char>(packet[at + 6]) * 256 +
+                     static_cast<unsigned char>(packet[at + 7]);
+}
+
 TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     LogCapture log;
     const Listener listener;
@@ -81,7 +90,9 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
 
     const int first = listener.accept();
     ASSERT_GE(first, 0);
-    EXPECT_EQ(protocolLevel(Listener::receive(first)), 5);
+    const std::string packet = Listener::receive(first);
+    EXPECT_EQ(protocolLevel(packet), 5);
+    EXPECT_EQ(keepAlive(packet), 30) << "else a broker that is gone stays unnoticed";
     const char refusal[] = {0x20, 2, 0, 1};
     ASSERT_EQ(::send(first, refusal, sizeof refusal, 0), 4);
 

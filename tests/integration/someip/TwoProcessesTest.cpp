@@ -204,7 +204,9 @@ TEST_F(ClientAndServer, APortThatIsTakenIsLoggedOnceAndRetriedUntilItIsFree) {
     server.base.OfferService();
     EXPECT_TRUE(ac::com::findService(kMeter, "*", clientSide).empty());
     EXPECT_THAT(log.messages(3), ElementsAre(HasSubstr("Address already in use")));
+    const auto begin = std::chrono::steady_clock::now();
     ASSERT_TRUE(log.waitFor("still not up", 2));
+    EXPECT_GT(std::chrono::steady_clock::now() - begin, 900ms) << "pauses of a second between the tries";
     EXPECT_EQ(log.messages(3).size(), 1u);
     squatter.reset();
     EXPECT_TRUE(client.connect());

@@ -179,6 +179,7 @@ TEST_F(MqttBackendTest, LogsAtTheEndWhatIsLostWithTheProcessAndTakesNothingMore)
 }
 
 TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
+    const auto failedBefore = kyo::Status::counter("orx.failed").value();
     Vehicle vehicle(m_settings);
     std::size_t taken = 0;
     std::int32_t result = 0;
@@ -188,6 +189,13 @@ TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
     EXPECT_EQ(result, MqttConnection::kQueueFull);
     EXPECT_EQ(taken, MqttConnection::kMaxUnconfirmed);
     EXPECT_TRUE(m_log.hasPart(3, "An envelope cannot be sent: 100 messages"));
+    EXPECT_EQ(kyo::Status::counter("orx.failed").value(), failedBefore + 1);
+    Vehicle other(m_settings);
+    constexpr std::size_t kEach = 8u << 20;
+    for (std::size_t bytes = kEach; bytes < MqttConnection::kMaxUnconfirmedBytes; bytes += kEach) {
+        ASSERT_EQ(other.transport().send(envelope("big", kEach)), 0);
+    }
+    EXPECT_EQ(other.transport().send(envelope("big", kEach)), MqttConnection::kQueueFull);
 }
 
 TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelForTheNext) {

@@ -311,4 +311,15 @@ TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
     EXPECT_TRUE(m_log.waitFor("the remembered one stands in: trip-7"));
 }
 
+TEST(BenchBackend, AcknowledgesNoEnvelopeThatItCannotStore) {
+    vlmBackend::Settings settings;
+    settings.store = "/nowhere/store.jsonl";
+    std::vector<std::string> lines;
+    vlmBackend::Backend backend(settings, [&](const std::string& line) { lines.push_back(line); });
+    const auto answers = backend.onMessage("car/data", text(envelope("1")));
+    ASSERT_FALSE(answers.empty());
+    EXPECT_THAT(answers[0].payload, testing::HasSubstr("\"dataDeliveryResult\":1"));
+    EXPECT_THAT(lines, testing::Contains(testing::HasSubstr("store.jsonl cannot be written")));
+}
+
 }  // namespace

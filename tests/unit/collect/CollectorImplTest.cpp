@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "json/JsonFields.h"
+#include "kyo/DateTime.h"
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
@@ -101,6 +102,11 @@ TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothingAndElseTakesOverWh
     EXPECT_EQ(collector.buildCollection().text,
               R"({"causeOfSubmit":0,"collectName":"position","endOfHistory":0,"historyLength":0,"index":2,)"
               R"("lagLength":0,"resourceName":"positions","samples":null,"serviceName":"GNSS"})");
+    const auto before = kyo::DateTime::getCurrentTimeMs();
+    collector.onOnEventCallback({});
+    EXPECT_GE(valueOf(collector.buildCollection())["endOfHistory"].asUInt64(), before);
+    EXPECT_LE(valueOf(collector.buildCollection())["endOfHistory"].asUInt64(),
+              kyo::DateTime::getCurrentTimeMs());
     Value bare;
     bare["speed2D"] = 1;
     insert(collector, recordAt(10));

@@ -118,6 +118,44 @@ class ConfigResponseHandlerTest : public testing::Test {
     LogCapture m_log;
 };
 
+/// Looks, while collectors are created, at what runs already.
+class StageWatch : public kyo::ProductLogger {
+  public:
+    void logData(std::string message, kyo::LogLevel) override {
+        if (message.find("Creating collector object for c") != std::string::npos) {
+            m_queueRan = IngressQueue::getInstance()->started();
+            m_busRan = PubSubService::getInstance().started();
+        }
+    }
+    std::atomic<bool> m_queueRan{false};
+    std::atomic<bool> m_busRan{true};
+};
+
+// The first of these tests: both stages then run until the process ends.
+TEST_F(ConfigResponseHandlerTest, StartsTheIngressQueueBeforeTheCollectorsAndTheBusAfterThem) {
+    const bool isFirst = !PubSubService::getInstance().started();
+    auto& watch = leftBehind<StageWatch>();  // threads may log for a moment longer
+    kyo::Log::setProductLogger(&watch);
+    EXPECT_TRUE(setUp(kFirst));
+    kyo::Log::setProductLogger(nullptr);
+    EXPECT_TRUE(watch.m_queueRan);
+    EXPECT_NE(watch.m_busRan, isFirst);
+    EXPECT_TRUE(PubSubService::getInstance().started());
+}
+
+TEST_F(ConfigResponseHandlerTest, CreatesNoCollectorWhenDiscoveryDoesNotStart) {
+    class Failing : public ServiceDiscovery {
+      public:
+        using ServiceDiscovery::ServiceDiscovery;
+        void start() override {}
+    };
+    Failing discovery([](const std::string&) { return true; }, [](std::chrono::seconds) {});
+    ConfigResponseHandler handler(m_services, discovery);
+    EXPECT_FALSE(handler.doBaseSetupFromOrxConfigResponse(valueOf(kFirst), "record"));
+    EXPECT_TRUE(m_log.has(3, "Service discovery failed to start"));
+    EXPECT_FALSE(m_log.hasPart(5, "Creating collector object"));
+}
+
 TEST_F(ConfigResponseHandlerTest, SetsThePipelineUpFromTheParserToTheClock) {
     const vlmTest::TemporaryFolder folder;
     ASSERT_TRUE(m_handler.doBaseSetupFromLocalConfig(folder.write("collector.json", kFirst)));

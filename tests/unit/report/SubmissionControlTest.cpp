@@ -148,6 +148,17 @@ TEST_F(SubmissionControl, NeverResendsWhatNeverLeftButTheLastGoodReportIfThereIs
     EXPECT_THAT(sentNames(), ElementsAre("lost", "good", "lost too", "good", "next"));
 }
 
+TEST_F(SubmissionControl, ResendsNothingIntoAClosedChannel) {
+    startOpen();
+    add("first");
+    ASSERT_TRUE(sent(1));
+    backend().masterControl(control(0, 1));
+    m_control.processReportBasedOnDataDelivery(orxStatus::SendLast);
+    EXPECT_EQ(backend().sends(), 1u);
+    backend().masterControl(control());
+    EXPECT_TRUE(sent(2));
+}
+
 TEST_F(SubmissionControl, LogsTheBytesInTheQueueAMissingLinkAndAnUnknownStatus) {
     add("unsent");
     const std::string text = kyo::Json::FastWriter().write(report("unsent"));

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,10 +17,26 @@
 #include <vector>
 
 #include "backend/DirectoryTransport.h"
+#include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TransportClient.h"
+
+namespace {
+std::atomic<int> dataFlushes{0};
+std::atomic<int> folderFlushes{0};
+}  // namespace
+
+// Instead of the C library's, to count: nothing else shows what is safe from a loss of power.
+extern "C" int fdatasync(int handle) {
+    ++dataFlushes;
+    return static_cast<int>(::syscall(SYS_fdatasync, handle));
+}
+extern "C" int fsync(int handle) {
+    ++folderFlushes;
+    return static_cast<int>(::syscall(SYS_fsync, handle));
+}
 
 namespace {
 
@@ -68,9 +85,12 @@ TEST_F(DirectoryBackend, OpensTheChannelStoresEachEnvelopeAndAnswersItWithWholeM
     const std::string deep = m_folder.file("made/when/missing");
     Backend backend(deep, {"TypeA", "TypeB"});
     ASSERT_TRUE(backend.awaitControls(1));
+    dataFlushes = folderFlushes = 0;
     EXPECT_EQ(backend.transport.send(envelope("1")), 0);
     EXPECT_EQ(contentOf(deep + "/envelopes.jsonl"), lineOf(envelope("1"))) << "there when the send returns";
     EXPECT_EQ(backend.transport.send(envelope("2")), 0);
+    EXPECT_EQ(dataFlushes, 2);
+    EXPECT_EQ(folderFlushes, 1) << "the new file's name";
     ASSERT_TRUE(backend.awaitControls(3));
     EXPECT_EQ(contentOf(deep + "/envelopes.jsonl"), lineOf(envelope("1")) + lineOf(envelope("2")));
     for (const auto& message : backend.controls()) {
@@ -125,8 +145,10 @@ TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChanne
     const std::string before = contentOf(m_file);
 
     limitFileSize(1000);
+    const auto failed = kyo::Status::counter("orx.failed").value();
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
+    EXPECT_EQ(kyo::Status::counter("orx.failed").value(), failed + 2);
     EXPECT_EQ(contentOf(m_file), before);
     // A probe in the meantime must not mistake room for a small line for room for this one.
     const auto touched = std::filesystem::last_write_time(m_folder.path());
