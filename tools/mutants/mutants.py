@@ -3,9 +3,10 @@
 
     mutants.py [--files PATTERN ...] [--seed N] [--minutes N] [--system]
 
-Works in a copy of the committed tree in build/mutants/, never in the checkout. For each fault it rebuilds what depends
-on the file, runs the test programs that link it, and stops at the first one that fails. Which faults are planted, and
-in which order, follows from the seed alone. The run ends after the given minutes; it judges nothing.
+Works in a copy of the committed tree in build/mutants/, never in the checkout. For each fault it rebuilds and runs the
+test programs that link the file, those of its own folder first, and stops at the first one that fails. Which faults are
+planted, and in which order, follows from the seed alone. The run ends after the given minutes, which begin after the
+first build; it judges nothing.
 """
 
 import argparse
@@ -85,6 +86,7 @@ def prepare(with_system):
     for command in (["git", "fetch", "--quiet", "origin"], ["git", "checkout", "--quiet", "--force", head],
                     ["cmake", "--preset", "dev", "--log-level=WARNING", "-DVLM_BENCH=OFF"],
                     ["cmake", "--build", "--preset", "dev"] + ([] if with_system else ["--target", UNIT_TESTS])):
+        print(" ".join(command), flush=True)
         done = run(*command)
         if done.returncode != 0:
             sys.exit(f"mutants: {' '.join(command)} failed:\n{done.stdout[-2000:]}{done.stderr[-2000:]}")
@@ -111,23 +113,38 @@ def tests_by_source(with_system):
     return result
 
 
+def by_distance(name, tests):
+    """The tests of the source's own folder, and the others."""
+    own = BUILD / "tests/unit" / Path(name).parent
+    near = {test: program for test, program in tests.items() if program.is_relative_to(own)}
+    return [group for group in (near, {test: tests[test] for test in tests if test not in near}) if group]
+
+
+def failing(tests):
+    """The test that fails, "" when none does, or None if they do not compile."""
+    targets = sorted({str(program.relative_to(BUILD)) for program in tests.values()})
+    if run("ninja", "-C", str(BUILD), *targets, timeout=BUILD_TIMEOUT).returncode != 0:
+        return None
+    pattern = "^(" + "|".join(map(re.escape, sorted(tests))) + ")$"
+    done = run("ctest", "--preset", "dev", "-R", pattern, "--stop-on-failure", "--timeout", str(TEST_TIMEOUT))
+    if done.returncode == 0:
+        return ""
+    failed = re.search(r"Test\s+#\d+: (\S+) \.+.*(?:Failed|Timeout|Exception|aborted)", done.stdout)
+    return failed[1] if failed else "ctest"
+
+
 def try_fault(name, number, changed, tests):
-    """The test that failed, "" when none did, or None for a fault that does not compile."""
+    """As failing(), with the fault in the tree."""
     path = TREE / name
     before = path.read_text(encoding="utf-8")
     lines = before.splitlines(keepends=True)
     lines[number] = changed + "\n"
     path.write_text("".join(lines), encoding="utf-8")
     try:
-        targets = sorted({str(program.relative_to(BUILD)) for program in tests.values()})
-        if run("ninja", "-C", str(BUILD), *targets, timeout=BUILD_TIMEOUT).returncode != 0:
-            return None
-        pattern = "^(" + "|".join(map(re.escape, sorted(tests))) + ")$"
-        done = run("ctest", "--preset", "dev", "-R", pattern, "--stop-on-failure", "--timeout", str(TEST_TIMEOUT))
-        if done.returncode == 0:
-            return ""
-        failed = re.search(r"Test\s+#\d+: (\S+) \.+.*(?:Failed|Timeout|Exception|aborted)", done.stdout)
-        return failed[1] if failed else "ctest"
+        for group in by_distance(name, tests):
+            if (failed := failing(group)) != "":
+                return failed
+        return ""
     finally:
         path.write_text(before, encoding="utf-8")
 
