@@ -110,6 +110,7 @@ struct MqttConnection::State {
     State(machine::MqttBackend s, std::string id, std::vector<std::string> topics, Will w, Handlers h,
           std::size_t largest)
         : settings(std::move(s)),
+          brokers(machine::brokersOf(settings)),
           clientId(std::move(id)),
           subscriptions(std::move(topics)),
           will(std::move(w)),
@@ -139,10 +140,11 @@ struct MqttConnection::State {
     void onPublish(int messageId, int reason);
     static State& of(void* object) { return *static_cast<State*>(object); }
 
-    std::string broker() const { return settings.host + ':' + std::to_string(settings.port); }
+    std::string broker() const { return brokers[chosen].host + ':' + std::to_string(brokers[chosen].port); }
 
     // Set once.
     const machine::MqttBackend settings;
+    const std::vector<machine::BrokerAddress> brokers;  ///< at least one
     const std::string clientId;
     const std::vector<std::string> subscriptions;
     const Will will;
@@ -174,8 +176,11 @@ struct MqttConnection::State {
     int protocol = MQTT_PROTOCOL_V5;
     std::string libraryError;  ///< the library's own words about the last trouble
     std::string refusal;       ///< why the broker refused or ended the connection
-    std::string toldCause;     ///< the last trouble that was told; empty while connected
+    std::vector<std::string> toldCauses =
+        std::vector<std::string>(brokers.size());  ///< the last trouble of each that was logged
     std::chrono::seconds pause{0};
+    std::size_t chosen = 0;                              ///< the broker that is tried
+    std::size_t triedInRound = 0;                        ///< brokers that were tried with this pause
     std::optional<SteadyClock::time_point> connectedAt;  ///< of the connection that is or was the last
     std::minstd_rand jitter{std::random_device{}()};
 };
@@ -293,7 +298,7 @@ bool MqttConnection::State::makeClient(std::string& error) {
         return false;
     }
     if (settings.tls) {
-        madeTls = TlsContext::make(settings, settings.host, error);
+        madeTls = TlsContext::make(settings, brokers[chosen].host, error);
         if (!madeTls || !check(mosquitto_int_option(raw, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0), "TLS options") ||
             !check(mosquitto_void_option(raw, MOSQ_OPT_SSL_CTX, madeTls->native()), "TLS options")) {
             return false;
@@ -379,7 +384,7 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     everConnected = true;
     connectedAt = SteadyClock::now();
     confirmsOthers = false;
-    toldCause.clear();
+    toldCauses.assign(brokers.size(), {});
     libraryError.clear();
     refusal.clear();
     handlers.say(5, "connected to the broker at " + broker());
@@ -477,10 +482,10 @@ void MqttConnection::State::onPublish(int messageId, int reason) {
 }
 
 void MqttConnection::State::tellDown(const std::string& cause) {
-    if (stopping || cause == toldCause) {
+    if (stopping || cause == toldCauses[chosen]) {
         return;
     }
-    toldCause = cause;
+    toldCauses[chosen] = cause;
     handlers.say(3, "no connection to the broker at " + broker() + ": " + cause + "; trying again");
 }
 
@@ -569,7 +574,7 @@ int MqttConnection::State::connectOnce() {
                                      static_cast<std::uint32_t>(largestMessage + kPacketOverhead));
     }
     const int result =
-        mosquitto_connect_bind_v5(client.get(), settings.host.c_str(), settings.port,
+        mosquitto_connect_bind_v5(client.get(), brokers[chosen].host.c_str(), brokers[chosen].port,
                                   static_cast<int>(settings.keepAliveSeconds), nullptr, properties);
     const int systemError = errno;
     mosquitto_property_free_all(&properties);
@@ -641,7 +646,12 @@ void MqttConnection::State::waitBeforeReconnect() {
         pause = {};
     }
     connectedAt.reset();
-    pause = std::min(std::max(least, most), std::max(least, pause * 2));
+    // Each broker is tried with this pause before the next longer one.
+    if (pause.count() == 0 || ++triedInRound >= brokers.size()) {
+        pause = std::min(std::max(least, most), std::max(least, pause * 2));
+        triedInRound = 0;
+    }
+    chosen = (chosen + 1) % brokers.size();
     // A fleet that lost its broker must not return in step.
     const milliseconds full = pause;
     const auto spread =

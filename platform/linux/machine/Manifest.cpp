@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <system_error>
 #include <utility>
 
 #include "json/FieldReader.h"
@@ -36,6 +38,28 @@ bool isIpv4Network(const std::string& text) {
         return false;
     }
     return std::stoi(length) <= 32;
+}
+
+/// "name", "name:port", "[IPv6 address]:port" or an IPv6 address.
+bool readBroker(const std::string& text, std::uint16_t usualPort, BrokerAddress& out) {
+    const auto closing = text.starts_with('[') ? text.find(']') : std::string::npos;
+    const auto colon = closing == std::string::npos ? text.find(':') : closing + 1;
+    if (closing != std::string::npos) {
+        out.host = text.substr(1, closing - 1);
+    } else if (colon != std::string::npos && text.find(':', colon + 1) != std::string::npos) {
+        out = {text, usualPort};
+        return text.front() != '[';
+    } else {
+        out.host = text.substr(0, colon);
+    }
+    out.port = usualPort;
+    if (out.host.empty() || colon >= text.size()) {
+        return !out.host.empty();
+    }
+    const char* const begin = text.data() + colon + 1;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(begin, end, out.port);
+    return text[colon] == ':' && error == std::errc() && stop == end && out.port != 0;
 }
 
 constexpr std::uint32_t kDayMs = 86'400'000;
@@ -95,6 +119,16 @@ void read(const Field& mqtt, MqttBackend& out) {
     };
     readChecked(mqtt["host"], out.host, isFilled, "a host name or address");
     mqtt["port"].number(out.port, 1);
+    if (const Field hosts = mqtt["hosts"]; !hosts.isAbsent()) {
+        out.hosts.clear();
+        for (const Field& host : hosts.elements("an array of \"host\" or \"host:port\"")) {
+            BrokerAddress ignored;
+            if (host.name(out.hosts.emplace_back())) {
+                host.expect(readBroker(out.hosts.back(), 1, ignored), "\"host\" or \"host:port\"");
+            }
+        }
+        hosts.expect(!out.hosts.empty(), "at least one host");
+    }
     readChecked(mqtt["prefix"], out.prefix, isPrefix, "a topic without \"+\", \"#\" or a \"/\" at its end");
     mqtt["user"].name(out.user);
     mqtt["password"].name(out.password);
@@ -224,6 +258,19 @@ bool readManifest(const Value& document, Manifest& out, std::string& error) {
 
 bool readSomeIpSettings(const Value& section, SomeIpSettings& out, std::string& error) {
     return readInto(section, "someip", out, error);
+}
+
+std::vector<BrokerAddress> brokersOf(const MqttBackend& settings) {
+    std::vector<BrokerAddress> brokers;
+    for (const std::string& text : settings.hosts) {
+        if (BrokerAddress broker; readBroker(text, settings.port, broker)) {
+            brokers.push_back(std::move(broker));
+        }
+    }
+    if (brokers.empty()) {
+        brokers.push_back({settings.host, settings.port});
+    }
+    return brokers;
 }
 
 const Manifest& manifest() {

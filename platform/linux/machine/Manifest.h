@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "kyo/Json.h"
 
@@ -54,7 +55,8 @@ struct DirectoryBackend {
 struct MqttBackend {
     std::string host = "127.0.0.1";
     std::uint16_t port = 1883;
-    std::string prefix;  ///< topic prefix; empty: "vlm/<host name>"
+    std::vector<std::string> hosts;  ///< "name" or "name:port", tried in turn; empty: `host` alone
+    std::string prefix;              ///< topic prefix; empty: "vlm/<host name>"
     std::string user;
     std::string password;
     std::uint32_t keepAliveSeconds = 30;
@@ -114,6 +116,14 @@ bool readManifest(const kyo::Json::Value& document, Manifest& out, std::string& 
 
 /// Reads the "someip" section alone. `out` keeps its values for absent members, and all of them on failure.
 bool readSomeIpSettings(const kyo::Json::Value& section, SomeIpSettings& out, std::string& error);
+
+struct BrokerAddress {
+    std::string host;
+    std::uint16_t port = 0;
+};
+
+/// Returns the brokers that may be used, at least one, in the order in which they are tried.
+std::vector<BrokerAddress> brokersOf(const MqttBackend& settings);
 
 /// Returns the manifest of this process, read on first use from VLM_MACHINE_MANIFEST; the defaults without
 /// it. A manifest that cannot be read or is wrong ends the process with status 1 and a message on standard

@@ -210,6 +210,25 @@ TEST(AnyBroker, IsNeverGivenAMessageThatIsLargerThanAllThatMayWaitForIt) {
         MqttConnection::kTooLarge);
 }
 
+TEST(SeveralBrokers, AreTriedInTurnEachWithALineOfItsOwn) {
+    LogCapture log;
+    const Listener first;
+    const Listener second;
+    machine::BackendSettings settings = settingsFor(first);
+    settings.mqtt.hosts = {"127.0.0.1", "127.0.0.1:" + std::to_string(second.port())};
+    MqttTransport transport(settings, {"Catalog 1", {}});
+    transport.start();
+    for (const Listener* const next : {&first, &second, &first, &second}) {
+        const int connection = next->accept();
+        ASSERT_GE(connection, 0);
+        ::close(connection);
+    }
+    for (const Listener* const one : {&first, &second}) {
+        EXPECT_TRUE(log.waitFor("no connection to the broker at 127.0.0.1:" + std::to_string(one->port())));
+    }
+    EXPECT_EQ(log.messages(3).size(), 2u) << "the same trouble is logged once";
+}
+
 TEST(SilentBroker, DoesNotDelayTheEnd) {
     const Listener listener;
     auto transport =

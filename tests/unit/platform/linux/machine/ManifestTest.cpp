@@ -96,6 +96,9 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"backend": {"mqtt": {"host": ""}}})", "backend.mqtt.host: a host name"},
         {R"({"backend": {"maxMasterControlBytes": 10}})",
          "backend.maxMasterControlBytes: a number from 1024"},
+        {R"({"backend": {"mqtt": {"hosts": []}}})", "backend.mqtt.hosts: at least one host"},
+        {R"({"backend": {"mqtt": {"hosts": ["a", "b:0"]}}})", "backend.mqtt.hosts[1]: \"host\" or"},
+        {R"({"backend": {"mqtt": {"hosts": ["[::1"]}}})", "backend.mqtt.hosts[0]: \"host\" or"},
         {R"({"backend": {"mqtt": {"prefix": "vlm/#"}}})", "backend.mqtt.prefix: a topic"},
         {R"({"backend": {"mqtt": {"reconnectMinSeconds": 60}}})",
          "backend.mqtt.reconnectMinSeconds: no more than"},
@@ -105,6 +108,22 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
     for (const auto& [text, expected] : kCases) {
         EXPECT_THAT(errorOf(text), StartsWith(expected)) << text;
     }
+}
+
+TEST(Manifest, BrokersHaveThePortOfTheirOwnOrTheUsualOne) {
+    Manifest manifest;
+    std::string error;
+    ASSERT_EQ(machine::brokersOf(manifest.backend.mqtt).size(), 1u) << "host alone";
+    ASSERT_TRUE(machine::readManifest(
+        parse(
+            R"({"backend": {"mqtt": {"port": 8883, "hosts": ["a", "b.c:1", "[::1]:2", "::1", "[fe80::1]"]}}})"),
+        manifest, error))
+        << error;
+    std::string text;
+    for (const auto& broker : machine::brokersOf(manifest.backend.mqtt)) {
+        text += broker.host + ' ' + std::to_string(broker.port) + '\n';
+    }
+    EXPECT_EQ(text, "a 8883\nb.c 1\n::1 2\n::1 8883\nfe80::1 8883\n");
 }
 
 TEST(Manifest, TheProcessUsesTheFileThatTheVariableNamesOrEndsWithStatus1AndAReason) {
