@@ -86,7 +86,7 @@ struct SpoolBackend {
 
 struct Compression {
     std::string method = "none";  ///< "none" or "zstd"
-    int level = 3;
+    int level = 1;
 };
 
 struct RememberBackend {
