@@ -289,9 +289,8 @@ std::vector<Outgoing> Backend::onEnvelope(const Arrived& arrived, bool stored) {
     const std::string& prefix = arrived.received.prefix;
     const std::string& id = arrived.id;
     Vehicle& vehicle = m_vehicles[prefix];
-    const bool again =
-        arrived.known ||
-        std::find(vehicle.recentIds.begin(), vehicle.recentIds.end(), id) != vehicle.recentIds.end();
+    const bool again = arrived.known || std::find(vehicle.recentIds.begin(), vehicle.recentIds.end(), id) !=
+                                            vehicle.recentIds.end();
     if (!again && stored) {
         vehicle.recentIds.push_back(id);
         if (vehicle.recentIds.size() > kRecentIds) {

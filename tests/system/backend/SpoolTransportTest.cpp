@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "Processes.h"
+#include "backend/Backend.h"
 #include "backend/MqttConnection.h"
 #include "backend/SpoolTransport.h"
 #include "kyo/Status.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"
-#include "backend/Backend.h"
 
 namespace {
 
