@@ -68,10 +68,10 @@ Sqlite::Sqlite(const std::string& file, bool readOnly)
           return SQLite::Database(
               file, readOnly ? SQLite::OPEN_READONLY : SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, kBusyMs);
       })) {
-    script("PRAGMA foreign_keys = ON");
+    Sqlite::script("PRAGMA foreign_keys = ON");
     if (!readOnly) {
         // FULL: a commit is on the disk before a vehicle deletes its copy.
-        script("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA wal_autocheckpoint = 0");
+        Sqlite::script("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA wal_autocheckpoint = 0");
     }
 }
 

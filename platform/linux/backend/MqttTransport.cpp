@@ -81,7 +81,7 @@ MqttTransport::MqttTransport(const machine::BackendSettings& settings, Presence 
           std::max(m_limits.masterControlBytes, m_limits.configurationBytes)) {}
 
 MqttTransport::~MqttTransport() {
-    leave();
+    MqttTransport::leave();
     m_callbacks.stop();
 }
 

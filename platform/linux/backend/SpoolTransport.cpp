@@ -67,7 +67,7 @@ SpoolTransport::SpoolTransport(const machine::BackendSettings& settings, Presenc
       m_link(std::make_unique<MqttTransport>(settings, std::move(presence), hooks())) {}
 
 SpoolTransport::~SpoolTransport() {
-    leave();
+    SpoolTransport::leave();
     if (m_worker.joinable()) {
         m_worker.join();
     }
