@@ -16,7 +16,7 @@ SPEED ?=
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
-	@echo '                 BACKEND=mqtt      a real broker and vlm-backend instead of a folder'
+	@echo '                 BACKEND=mqtt      a real broker instead of a folder'
 	@echo '                 CONFIG=FILE       collector configuration (examples/collector.json)'
 	@echo '                 SCENARIO=FILE     scenario of the vehicle (default: a plain drive)'
 	@echo '                 DURATION=SECONDS  end after this time'

@@ -129,8 +129,8 @@ void readStorage(const cxxopts::ParseResult& given, Options& out) {
     if (!out.exportForm.empty() && out.database.empty()) {
         throw std::invalid_argument("--export: --database names where from");
     }
-    if (!out.follow.empty() && out.prefix.find_first_of("+#") != std::string::npos) {
-        throw std::invalid_argument("--follow: --prefix names one vehicle");
+    if (!(out.follow.empty() && out.import.empty()) && out.prefix.find_first_of("+#") != std::string::npos) {
+        throw std::invalid_argument("--follow, --import: --prefix names one vehicle");
     }
 }
 

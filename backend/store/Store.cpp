@@ -9,7 +9,6 @@ namespace vlmBackend::store {
 
 namespace {
 
-constexpr std::size_t kMostName = 200;
 constexpr int kLevel = 3;  // of zstd, for the envelopes' texts
 constexpr std::int64_t kReportsPerStep = 200;
 
@@ -25,12 +24,6 @@ Cell spoolNumber(const std::string& text) {
 std::string vehicleName(std::string_view prefix) {
     constexpr std::string_view usual = "vlm/";
     return std::string(prefix.starts_with(usual) ? prefix.substr(usual.size()) : prefix);
-}
-
-bool isVehicleName(std::string_view name) {
-    return !name.empty() && name.size() <= kMostName && std::none_of(name.begin(), name.end(), [](char c) {
-        return c == '+' || c == '#' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
-    });
 }
 
 Store::Store(std::string where) : m_where(std::move(where)), m_compressor(kLevel) {

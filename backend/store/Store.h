@@ -48,8 +48,6 @@ struct Kept {
 
 /// "vlm/bench" is the vehicle "bench"; another prefix is a name as it stands.
 std::string vehicleName(std::string_view prefix);
-/// Empty, "+", "#", control characters and texts over 200 bytes cannot be part of a topic or of a page.
-bool isVehicleName(std::string_view name);
 
 /// Used by one thread. A lost connection is made again at the next call.
 class Store {
