@@ -121,6 +121,13 @@ class Event:
             return [(writer.key_value, writer.fields) for writer in self.writers]
         return [(value, self.fields) for value in self.fields[0].possible_values()]
 
+    def indexes(self):
+        """What each catalog instance is: value, name and meaning; the last two may be empty."""
+        key = self.key_property
+        meanings = {e.value: e.summary for e in key.enumeration.enumerators} if key.enumeration else {}
+        meanings.update({writer.key_value: writer.meaning for writer in self.writers if writer.meaning})
+        return sorted((value, key.value_name(value), meanings.get(value, "")) for value, _ in self.instances())
+
 
 @dataclass
 class Service:
