@@ -6,8 +6,8 @@
 
 namespace vlmProd {
 
-/// Who takes the collector configurations that come over the backend link, and decides when to ask for one.
-/// Shared by the link and the timer of its requests.
+/// Receives the collector configurations from the backend link, and decides when to request one. Shared by
+/// the link and the timer of its requests.
 class ConfigurationReceiver {
   public:
     virtual ~ConfigurationReceiver() = default;
@@ -17,11 +17,11 @@ class ConfigurationReceiver {
     /// Repeats the request until an answer has come. Only the first call has an effect.
     virtual void startConfigRequestRetry() = 0;
     virtual void stopConfigRequestRetry() = 0;
-    /// Takes one answer of the backend; on the backend client's thread. What became of it goes to the
-    /// function of setOutcomeFunction().
+    /// Handles one answer of the backend, on the backend client's thread. Reports the outcome to the function
+    /// of setOutcomeFunction().
     virtual void ConfigResponseCallback(kyo::Json::Value response) = 0;
 
-    /// Gets the record's identifier, whether its configuration runs, and why not.
+    /// Called with the record's identifier, whether its configuration runs, and the reason if it does not.
     using OutcomeFunction =
         std::function<void(const std::string& recordId, bool isAccepted, const std::string& reason)>;
     /// Before the first answer.

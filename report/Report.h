@@ -7,22 +7,22 @@
 
 namespace vlmProd {
 
-/// A report on its way to the backend. Its collections are many times as large as all the rest and stay the
-/// text that they are; of the other members the envelope says some.
+/// A report between report control and the backend. Its collections, nearly all of its size, stay text; the
+/// other members are values, because the envelope repeats some of them.
 struct Report {
     Report() = default;
     explicit Report(const kyo::Json::Value& report);
 
-    /// False for what is no object, or has collections that are nested too deep to be read.
+    /// Returns false when the value is no object, or its collections are nested too deep to be read.
     bool isReadable() const { return members.isObject(); }
-    /// Compact text of the whole report, as it waits and as the log shows it.
+    /// Returns the compact text of the whole report, as the log shows it.
     std::string text() const { return written(collections, true); }
-    /// The text that is sent: the catalog id is not in it.
+    /// Returns the text that is sent, without the catalog id.
     std::string textToSend() const { return written(collections, false); }
     /// Of text().
     std::size_t length() const { return written("", true).size() + collections.size(); }
 
-    kyo::Json::Value members;  ///< "signalCollections", where the report has it, only keeps its place here
+    kyo::Json::Value members;  ///< holds the place of "signalCollections", if the report has it
     std::string collections;   ///< compact text of "signalCollections"
 
   private:

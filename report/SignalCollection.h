@@ -7,15 +7,15 @@
 
 namespace vlmProd {
 
-/// What one collector held at a tick, on its way to the reports.
+/// What one collector held at a tick.
 struct SignalCollection {
     SignalCollection() = default;
     SignalCollection(std::string name, std::string json)
         : collectName(std::move(name)), text(std::move(json)) {}
-    /// Writes the collection; its name is that of its member "collectName", or empty.
+    /// Writes the collection as text. The name is its member "collectName", or empty.
     explicit SignalCollection(const kyo::Json::Value& collection);
 
-    std::string collectName;  ///< by which a report chooses: the configuration's bytes
+    std::string collectName;  ///< the bytes of the configuration; a report selects by it
     std::string text;         ///< base/CompactJson.h; goes into the reports as it is
 };
 

@@ -44,13 +44,13 @@ class VlmDataSubmissionControl : public Worker {
     void processReportFromQueue();
     /// Sends the last sent report again, with the same message identifier.
     void processLastReport();
-    /// What the backend said of the last report; on the link's thread.
+    /// Handles the backend's result of the last report, on the link's thread.
     void processReportBasedOnDataDelivery(orxStatus status);
 
     void SendWakeupSignal();
     void stopVlmDataSubmissionControl();
 
-    /// Number of reports in the shipping queue.
+    /// Returns the number of reports in the shipping queue.
     std::uint64_t waitingReports() const { return m_waiting; }
 
     void run() override;
@@ -68,8 +68,8 @@ class VlmDataSubmissionControl : public Worker {
     std::shared_ptr<VlmServer> m_link;        ///< set once, before the thread starts
 
     std::atomic<std::uint64_t> m_waiting{0};
-    /// Held from deciding on a send until the report is kept as the last one: the result of a quick backend,
-    /// which comes on another thread, finds all that done. Recursive, as the thread decides before it sends.
+    /// Held from the decision to send until the report is stored as the last one, so that a quick result on
+    /// the link's thread waits for both. Recursive: the thread locks it to decide, and again to send.
     std::recursive_mutex m_sendMutex;
 };
 

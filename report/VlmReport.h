@@ -11,18 +11,18 @@ namespace vlmProd {
 /// How closely reported data may be tied to a vehicle or a person.
 enum class PrivacyGroup : std::int32_t { Anonymous = 0, Pseudonymous = 1, Personal = 2 };
 
-/// One configured report: its identity, the collectors that it gathers and its sequence number, which counts
+/// One configured report: its identity, the collectors that it contains and its sequence number, which counts
 /// from 1 and is not kept over a restart. Owned by report control; the setters are called before the report
 /// is built for the first time, createReport() from one thread at a time.
 class VlmReport {
   public:
-    /// Takes the catalog's version as function id: the catalog must have been created.
+    /// Uses the catalog's version as function id: create the catalog first.
     explicit VlmReport(std::string reportName);
 
     void setCollectorsName(std::vector<std::string> names);
     bool isCollectionPartOfReport(std::string collectorName);
 
-    /// Builds the report from those of the signal collections that belong to it, and counts it.
+    /// Builds the report from the signal collections that belong to it, and increments the sequence number.
     Report createReport(const std::vector<SignalCollection>& collections, std::string catalogId);
 
     std::string getReportName() const { return m_reportName; }

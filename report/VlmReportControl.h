@@ -15,9 +15,8 @@
 
 namespace vlmProd {
 
-/// Gathers the signal collections that the collectors hand over at a tick and ships one report for each
-/// configured report. Its thread, woken by the first collection, waits one second so that all collectors of
-/// the tick have delivered.
+/// Puts the signal collections of a tick into reports and ships one for each configured report. Its thread,
+/// woken by the first collection, waits one second so that all collectors of the tick have delivered.
 ///
 /// The first step of the base setup starts the thread, which then runs until the process ends. All operations
 /// may be called from any thread.
@@ -36,14 +35,15 @@ class VlmReportControl : public Worker {
 
     void run() override;
 
-    /// Adds a report for each element of the configuration's report blocks. One whose name is there already
-    /// stays as it is. An element or a member of the wrong type is left out with a message that names it.
+    /// Adds a report for each element of the configuration's report blocks. A report of
+    /// that name stays unchanged. An element or a member of the wrong type is skipped with a message that
+    /// names it.
     void initializeReportControl(kyo::Json::Value reports, std::string configName, std::string configVersion);
     void setCatalogId(std::string catalogId);
     void getCatalogId(std::string& catalogId);
 
-    /// Queues one signal collection and wakes the thread. Never blocks for long; a collection whose queue
-    /// could not be locked in ten tries is lost and counted.
+    /// Queues one signal collection and wakes the thread. When the queue cannot be locked in ten
+    /// tries, the collection is dropped and counted.
     void addToReport(SignalCollection collection);
     void addToReport(const kyo::Json::Value& collection) { addToReport(SignalCollection(collection)); }
     /// Builds and ships every configured report, in the order of their names.

@@ -14,8 +14,8 @@
 
 namespace vlmProd {
 
-/// The application's end of the backend link: keeps what the backend's master-control messages say, puts each
-/// report into the backend's envelope, and sends it. It never sends again by itself.
+/// The application's end of the backend link: stores the state of the backend's master-control messages, puts
+/// each report into an envelope, and sends it once.
 ///
 /// Submission control creates it once and it is never destroyed in the running process: the client's thread
 /// calls back until the process ends.
@@ -23,10 +23,10 @@ class VlmServer {
   public:
     using DataDeliveryCallback = std::function<void(orxStatus)>;
 
-    /// What "sendToOrx" answers when the backend permits no data type.
+    /// Returned by "sendToOrx" when the backend permits no data type.
     static constexpr std::int32_t kNothingPermitted = -3;
 
-    /// `configurations` gets the configurations that the backend sends.
+    /// `configurations` receives the configurations of the backend.
     VlmServer(std::string serverName, std::vector<std::string> offeredDataTypes,
               std::shared_ptr<ConfigurationReceiver> configurations);
     ~VlmServer();
@@ -39,30 +39,30 @@ class VlmServer {
     /// Connects in the background.
     void startServer();
 
-    /// One message of the backend; on the client's thread. Each replaces all that the one before said. One
-    /// with a member of the wrong type is refused whole, and what was known stays.
+    /// Handles one master-control message, on the client's thread. Each replaces the previous one completely;
+    /// one with a member of the wrong type is refused and changes nothing.
     void handleMasterControlCallBack(kyo::Json::Value message);
 
     /// Sends one report, without its catalog id, in an envelope. Returns 0 when it was sent,
     /// kNothingPermitted, or the client's code. Blocks for at most the client's flush to disk.
     std::int32_t sendToOrx(const Report& report);
-    /// Also takes the member "catalogId" out of `report`.
+    /// Also removes the member "catalogId" from `report`.
     std::int32_t sendToOrx(kyo::Json::Value& report);
 
-    /// The identifier of a message, a UUID in text form. The same inputs give the same identifier, so that
-    /// the backend knows a repeated report. Reports of one millisecond differ in `adjustment`.
+    /// Returns the identifier of a message, a UUID in text form. The same inputs give the same identifier, so
+    /// that the backend recognises a repeated report. `adjustment` distinguishes reports of one millisecond.
     std::string getUniqueMessageId(const std::string& catalogId, const std::string& createDatetime,
                                    const std::string& adjustment = {});
 
-    /// Asks the backend for the collector configuration. The answer goes to the configuration receiver.
+    /// Requests the collector configuration from the backend. The configuration receiver gets the answer.
     void generateNewConfigRequest();
 
-    /// True while the last master-control message closed the channel or told of a failed delivery, and
-    /// before the first one.
+    /// Returns true before the first master-control message, and while the last one closed the channel or
+    /// reported a failed delivery.
     bool isBlocked() const;
-    /// True while the backend accepts at least one type of data.
+    /// Returns true while the backend permits at least one data type.
     bool isAnythingPermitted() const;
-    /// Not blocked, and something is permitted: both as one message said it.
+    /// Returns true when the channel is open and something is permitted, both by the same message.
     bool isOpen() const;
 
   private:
@@ -70,7 +70,7 @@ class VlmServer {
 
     void actOnOpenChannel();
     void actOnClosedChannel(std::int32_t result);
-    /// Which report awaits a result from now on. m_sendMutex must be held.
+    /// Sets the report that awaits a result. m_sendMutex must be locked.
     void noteSent(const std::string& messageId);
     void deliver(orxStatus status);
 
@@ -89,8 +89,8 @@ class VlmServer {
 
     bool m_configurationRequested = false;  ///< client's thread only
 
-    /// Held from handing an envelope over until it is noted how that went: a master-control message that
-    /// answers the envelope must not be judged by the state before it.
+    /// Locked from passing an envelope to the client until its outcome is stored, so that a master-control
+    /// message which answers the envelope meets the new state.
     kyo::Mutex m_sendMutex;
     std::int32_t m_sendState = NothingSent;  ///< guarded by m_sendMutex
     std::string m_lastMessageId;             ///< guarded by m_sendMutex; of the last report that was sent

@@ -1,9 +1,9 @@
 #pragma once
 namespace vlmProd {
 
-/// What the backend's last delivery result asks of submission control.
+/// What submission control does after the backend's last delivery result.
 enum class orxStatus : int {
-    SendNext = 0,  ///< delivered: go on with the next report
+    SendNext = 0,  ///< delivered: send the next report
     SendLast = 1,  ///< send the last report again
     Stop = 2,      ///< send nothing
 };

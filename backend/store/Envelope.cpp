@@ -105,6 +105,16 @@ std::string mismatch(ondemand::object values, const Event& event) {
     return {};
 }
 
+/// At most kMostRefused are kept.
+void refuse(Envelope& envelope, std::string reason, std::string_view text) {
+    ++envelope.refusedInAll;
+    if (envelope.refused.size() < kMostRefused) {
+        envelope.refused.push_back({std::move(reason), std::string(text.substr(0, kMostRefusedText))});
+    } else if (envelope.refused.size() == kMostRefused) {
+        envelope.refused.push_back({"further samples that fit no event are not kept", ""});
+    }
+}
+
 }  // namespace
 
 bool EnvelopeReader::read(std::string_view text, Envelope& envelope, std::string& reason) {
@@ -201,51 +211,47 @@ void EnvelopeReader::readCollection(ondemand::object collection, Envelope& envel
         }
     }
     ++envelope.collections;
-    const auto refuse = [&envelope](std::string reason, std::string_view text) {
-        ++envelope.refusedInAll;
-        if (envelope.refused.size() < kMostRefused) {
-            envelope.refused.push_back({std::move(reason), std::string(text.substr(0, kMostRefusedText))});
-        } else if (envelope.refused.size() == kMostRefused) {
-            envelope.refused.push_back({"further samples that fit no event are not kept", ""});
-        }
-    };
     const Event* const event = findEvent(service, resource);
     for (const std::string_view text : m_samples) {
+        std::string reason;
         if (event == nullptr) {
-            refuse("\"" + service + "." + resource + "\" is no event of the catalog", text);
-            continue;
+            reason = "\"" + service + "." + resource + "\" is no event of the catalog";
+        } else if (Sample sample{event, instance, 0, {}}; readSample(text, sample, reason)) {
+            envelope.samples.push_back(sample);
         }
-        // The text lies inside m_report, so that what follows it is readable.
-        ondemand::document document = m_one.iterate(text, text.size() + SIMDJSON_PADDING);
-        Sample out{event, instance, 0, {}};
-        std::string reason = "a sample without \"propertyValuePairs\"";
-        bool timed = false;
-        ondemand::object members = document.get_object();
-        for (auto member : members) {
-            const std::string_view name = member.unescaped_key();
-            ondemand::value value = member.value();
-            if (name == "timestamp") {
-                out.measuredMs = wholeNumber(value, "timestamp");
-                timed = true;
-            } else if (name == "propertyValuePairs" && !value.is_null()) {
-                ondemand::object values = value.get_object();
-                reason = mismatch(values, *event);
-                if (!reason.empty()) {
-                    break;  // after an error the text cannot be read on
-                }
-                values.reset();
-                out.values = values.raw_json();
-            }
-        }
-        if (reason.empty() && !timed) {
-            reason = "a sample without \"timestamp\"";
-        }
-        if (reason.empty()) {
-            envelope.samples.push_back(out);
-        } else {
-            refuse(std::move(reason), text);
+        if (!reason.empty()) {
+            refuse(envelope, std::move(reason), text);
         }
     }
+}
+
+bool EnvelopeReader::readSample(std::string_view text, Sample& out, std::string& reason) {
+    // The text lies inside m_report, so that what follows it is readable.
+    ondemand::document document = m_one.iterate(text, text.size() + SIMDJSON_PADDING);
+    bool timed = false;
+    bool valued = false;
+    ondemand::object members = document.get_object();
+    for (auto member : members) {
+        const std::string_view name = member.unescaped_key();
+        ondemand::value value = member.value();
+        if (name == "timestamp") {
+            out.measuredMs = wholeNumber(value, "timestamp");
+            timed = true;
+        } else if (name == "propertyValuePairs" && !value.is_null()) {
+            ondemand::object values = value.get_object();
+            reason = mismatch(values, *out.event);
+            if (!reason.empty()) {
+                return false;  // after an error the text cannot be read on
+            }
+            values.reset();
+            out.values = values.raw_json();
+            valued = true;
+        }
+    }
+    if (!valued || !timed) {
+        reason = !valued ? "a sample without \"propertyValuePairs\"" : "a sample without \"timestamp\"";
+    }
+    return reason.empty();
 }
 
 }  // namespace vlmBackend::store

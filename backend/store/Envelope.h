@@ -47,6 +47,8 @@ class EnvelopeReader {
   private:
     void readReport(Envelope& envelope);
     void readCollection(simdjson::ondemand::object collection, Envelope& envelope);
+    /// `out` has its event and instance. Returns false with the reason why it is no sample of that event.
+    bool readSample(std::string_view text, Sample& out, std::string& reason);
 
     simdjson::ondemand::parser m_outer;
     simdjson::ondemand::parser m_inner;

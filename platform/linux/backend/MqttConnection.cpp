@@ -123,6 +123,8 @@ struct MqttConnection::State {
     // Network thread.
     void run();
     bool makeClient(std::string& error);
+    void setCallbacks(mosquitto* raw);
+    void onMessage(const mosquitto_message& message, const mosquitto_property* properties);
     int connectOnce();
     int serve();
     void waitBeforeReconnect();
@@ -310,6 +312,14 @@ bool MqttConnection::State::makeClient(std::string& error) {
                "last will")) {
         return false;
     }
+    setCallbacks(raw);
+    const std::lock_guard<std::mutex> lock(mutex);
+    client = std::move(made);  // before its context is replaced, which the old client used
+    tls = std::move(madeTls);
+    return true;
+}
+
+void MqttConnection::State::setCallbacks(mosquitto* raw) {
     mosquitto_connect_v5_callback_set(
         raw, [](mosquitto*, void* object, int reason, int, const mosquitto_property* properties) {
             of(object).onConnect(reason, properties);
@@ -326,22 +336,9 @@ bool MqttConnection::State::makeClient(std::string& error) {
         raw, [](mosquitto*, void* object, int messageId, int reason, const mosquitto_property*) {
             of(object).onPublish(messageId, reason);
         });
-    mosquitto_message_v5_callback_set(raw, [](mosquitto*, void* object, const mosquitto_message* message,
-                                              const mosquitto_property* properties) {
-        State& state = of(object);
-        const auto size = static_cast<std::size_t>(message->payloadlen);
-        if (state.largestMessage != 0 && size > state.largestMessage) {
-            static Counter& refused = Status::counter("orx.refused");
-            refused.add();
-            state.handlers.say(3, std::string(message->topic) + ": refused, at most " +
-                                      std::to_string(state.largestMessage) + " bytes are expected, found " +
-                                      std::to_string(size));
-        } else if (!state.stopping) {
-            state.handlers.message(message->topic + suffixOf(properties),
-                                   std::string(static_cast<const char*>(message->payload), size),
-                                   message->retain);
-        }
-    });
+    mosquitto_message_v5_callback_set(
+        raw, [](mosquitto*, void* object, const mosquitto_message* message,
+                const mosquitto_property* properties) { of(object).onMessage(*message, properties); });
     mosquitto_subscribe_v5_callback_set(raw, [](mosquitto*, void* object, int, int count, const int* granted,
                                                 const mosquitto_property*) {
         State& state = of(object);
@@ -357,10 +354,20 @@ bool MqttConnection::State::makeClient(std::string& error) {
             of(object).libraryError = text;
         }
     });
-    const std::lock_guard<std::mutex> lock(mutex);
-    client = std::move(made);  // before its context is replaced, which the old client used
-    tls = std::move(madeTls);
-    return true;
+}
+
+void MqttConnection::State::onMessage(const mosquitto_message& message,
+                                      const mosquitto_property* properties) {
+    const auto size = static_cast<std::size_t>(message.payloadlen);
+    if (largestMessage != 0 && size > largestMessage) {
+        static Counter& refused = Status::counter("orx.refused");
+        refused.add();
+        handlers.say(3, std::string(message.topic) + ": refused, at most " + std::to_string(largestMessage) +
+                            " bytes are expected, found " + std::to_string(size));
+    } else if (!stopping) {
+        handlers.message(message.topic + suffixOf(properties),
+                         std::string(static_cast<const char*>(message.payload), size), message.retain);
+    }
 }
 
 void MqttConnection::State::onConnect(int reason, const mosquitto_property* properties) {

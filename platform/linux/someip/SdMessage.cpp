@@ -94,6 +94,32 @@ bool collect(const std::vector<Option>& options, std::size_t first, std::size_t 
     return true;
 }
 
+void appendEntry(std::vector<std::uint8_t>& out, const SdEntry& entry, std::size_t firstOption,
+                 std::size_t options) {
+    out.push_back(static_cast<std::uint8_t>(entry.type));
+    out.push_back(static_cast<std::uint8_t>(firstOption));
+    out.push_back(0);  // no second run
+    out.push_back(static_cast<std::uint8_t>(options << 4));
+    appendBig(out, entry.service);
+    appendBig(out, entry.instance);
+    appendBig(out, (std::uint32_t{entry.major} << 24) | (entry.ttl & 0xFFFFFFu));
+    appendBig(out, entry.isEventgroupEntry()
+                       ? (std::uint32_t{entry.initialDataRequested ? kInitialDataRequested : 0u} << 16) |
+                             (std::uint32_t{entry.counter & 0x0Fu} << 16) | entry.eventgroup
+                       : entry.minor);
+}
+
+void appendOption(std::vector<std::uint8_t>& out, const Option& option) {
+    appendBig(out, kIpv4OptionLength);
+    out.push_back(static_cast<std::uint8_t>(option.kind == Option::Unicast ? SdOptionType::Ipv4Endpoint
+                                                                           : SdOptionType::Ipv4Multicast));
+    out.push_back(0);
+    appendBig(out, option.endpoint.address);
+    out.push_back(0);
+    out.push_back(kProtocolUdp);
+    appendBig(out, option.endpoint.port);
+}
+
 }  // namespace
 
 bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, SdMessage& out,
@@ -196,18 +222,7 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
         if (added != 0) {
             options.insert(options.end(), wanted.begin(), wanted.end());
         }
-        entryBytes.push_back(static_cast<std::uint8_t>(entry.type));
-        entryBytes.push_back(wanted.empty() ? 0 : static_cast<std::uint8_t>(index));
-        entryBytes.push_back(0);
-        entryBytes.push_back(static_cast<std::uint8_t>(wanted.size() << 4));
-        appendBig(entryBytes, entry.service);
-        appendBig(entryBytes, entry.instance);
-        appendBig(entryBytes, (std::uint32_t{entry.major} << 24) | (entry.ttl & 0xFFFFFFu));
-        appendBig(entryBytes,
-                  entry.isEventgroupEntry()
-                      ? (std::uint32_t{entry.initialDataRequested ? kInitialDataRequested : 0u} << 16) |
-                            (std::uint32_t{entry.counter & 0x0Fu} << 16) | entry.eventgroup
-                      : entry.minor);
+        appendEntry(entryBytes, entry, wanted.empty() ? 0 : index, wanted.size());
         ++taken;
     }
 
@@ -228,14 +243,7 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
     out.insert(out.end(), entryBytes.begin(), entryBytes.end());
     appendBig(out, static_cast<std::uint32_t>(optionBytes));
     for (const Option& option : options) {
-        appendBig(out, kIpv4OptionLength);
-        out.push_back(static_cast<std::uint8_t>(
-            option.kind == Option::Unicast ? SdOptionType::Ipv4Endpoint : SdOptionType::Ipv4Multicast));
-        out.push_back(0);
-        appendBig(out, option.endpoint.address);
-        out.push_back(0);
-        out.push_back(kProtocolUdp);
-        appendBig(out, option.endpoint.port);
+        appendOption(out, option);
     }
     return taken;
 }
