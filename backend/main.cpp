@@ -14,15 +14,18 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "backend/Backend.h"
 #include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
 #include "backend/store/Export.h"
+#include "backend/web/Service.h"
 #include "kyo/WakeFd.h"
 #include "machine/Manifest.h"
 
@@ -51,7 +54,9 @@ struct Options {
     std::string database;
     std::string exportForm;  ///< empty: nothing is exported
     vlmBackend::store::Selection selection;
-    int retentionDays = 0;  ///< 0: for ever
+    int retentionDays = 0;                                ///< 0: for ever
+    std::optional<vlmBackend::web::ServiceSettings> web;  ///< none: HTTP is not served
+    bool usualAddress = true;                             ///< no other one was asked for
     vlmBackend::Settings backend;
 };
 
@@ -91,6 +96,12 @@ cxxopts::Options describeOptions() {
     add("database", "store all that comes: file of SQLite", cxxopts::value<std::string>()->default_value(""));
     add("retention", "days after which what was received is deleted; 0: never",
         cxxopts::value<unsigned>()->default_value("0"));
+    add("listen", "serve page and API at this address and port, with --database; none: not at all",
+        cxxopts::value<std::string>()->default_value("127.0.0.1:8642"));
+    add("page", "folder of the built page; without it, the installed one",
+        cxxopts::value<std::string>()->default_value(""));
+    add("tiles", "map tiles for the page: https://tiles.example/{z}/{x}/{y}.png; without it, outlines only",
+        cxxopts::value<std::string>()->default_value(""));
     add("export", "write from the database to the output, and end: csv, gpx or jsonl",
         cxxopts::value<std::string>()->default_value(""));
     add("vehicle", "of which vehicle; the prefix without vlm/",
@@ -100,7 +111,8 @@ cxxopts::Options describeOptions() {
     add("from", "measured at this time (UTC, 2026-11-25T10:00:00.000) or later",
         cxxopts::value<std::string>()->default_value(""));
     add("to", "measured before this time", cxxopts::value<std::string>()->default_value(""));
-    add("instance", "of gpx: of which instance; without it, the one with the most positions",
+    add("instance",
+        "of csv and gpx: of which instance; without it, all in csv, in gpx the one with the most positions",
         cxxopts::value<std::int64_t>());
     add("h,help", "this text");
     return options;
@@ -132,6 +144,24 @@ void readStorage(const cxxopts::ParseResult& given, Options& out) {
     if (!(out.follow.empty() && out.import.empty()) && out.prefix.find_first_of("+#") != std::string::npos) {
         throw std::invalid_argument("--follow, --import: --prefix names one vehicle");
     }
+}
+
+void readWeb(const cxxopts::ParseResult& given, Options& out) {
+    const auto listen = given["listen"].as<std::string>();
+    out.usualAddress = given.count("listen") == 0;
+    if (listen == "none" || (out.usualAddress && out.database.empty())) {
+        return;
+    }
+    if (out.database.empty()) {
+        throw std::invalid_argument("--listen: --database names what to serve");
+    }
+    auto& web = out.web.emplace();
+    web.server.address = vlmBackend::web::readAddress(listen);
+    web.database = out.database;
+    const auto page = given["page"].as<std::string>();
+    web.page = page.empty() ? vlmBackend::web::Page::usualFolder() : std::filesystem::path(page);
+    web.tiles = given["tiles"].as<std::string>();
+    web.version = VLM_VERSION;
 }
 
 /// Nothing when the program has said all there is to say; `status` is then the exit status.
@@ -168,6 +198,7 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
         out.backend.namesEnvelopes = given.count("unnamed") == 0;
         out.import = given["import"].as<std::string>();
         readStorage(given, out);
+        readWeb(given, out);
         out.backend.answerAfter = milliseconds(given["answer-after"].as<unsigned>());
         out.backend.reopenAfter = milliseconds(given["reopen-after"].as<unsigned>());
         for (const std::string& type : given["types"].as<std::vector<std::string>>()) {
@@ -370,6 +401,26 @@ class Follower {
     off_t m_offset = 0;
 };
 
+/// Serves HTTP while it lives. Another program at the usual address is no reason not to store.
+std::unique_ptr<vlmBackend::web::Service> startWeb(const Options& options) {
+    if (!options.web) {
+        return nullptr;
+    }
+    auto service = std::make_unique<vlmBackend::web::Service>(*options.web);
+    try {
+        service->start();
+        print("the page is at " + service->url());
+    } catch (const std::system_error& error) {
+        const std::string reason = std::string("the page cannot be served: ") + error.what();
+        if (!options.usualAddress) {
+            throw std::runtime_error(reason);
+        }
+        print(reason + "; --listen chooses another address");
+        return nullptr;
+    }
+    return service;
+}
+
 /// The main thread: signals, commands, messages, and answers that are due later.
 class Program {
   public:
@@ -522,6 +573,7 @@ int main(int argc, char** argv) try {
     std::signal(SIGTTIN, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     const int handle = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    const auto web = startWeb(*options);
     if (!options->follow.empty()) {
         Follower(*options).run(handle);
     } else {

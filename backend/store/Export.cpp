@@ -127,9 +127,10 @@ std::size_t exportCsv(Sql& sql, const Selection& selection, std::ostream& out) {
             select += of == event ? ", " + asText("\"" + std::string(field->column) + "\"", sql.dialect())
                                   : ", NULL";
         }
-        select +=
-            " FROM \"" + std::string(event->view) +
-            "\" WHERE vehicle = (SELECT name FROM vehicles WHERE id = $1) AND time_ms >= $2 AND time_ms < $3";
+        select += " FROM \"" + std::string(event->view) +
+                  "\" WHERE vehicle = (SELECT name FROM vehicles WHERE id = $1) AND time_ms >= $2 AND "
+                  "time_ms < $3" +
+                  (selection.instance ? " AND instance = $4" : "");
         statement += (statement.empty() ? "" : " UNION ALL ") + select;
     }
     statement += " ORDER BY 1";
@@ -139,7 +140,10 @@ std::size_t exportCsv(Sql& sql, const Selection& selection, std::ostream& out) {
     }
     out << "\r\n";
     std::size_t rows = 0;
-    const Cell parameters[] = {vehicle, selection.fromMs, selection.toMs};
+    std::vector<Cell> parameters{vehicle, selection.fromMs, selection.toMs};
+    if (selection.instance) {
+        parameters.emplace_back(*selection.instance);
+    }
     sql.stream(statement, parameters, [&](const Row& row) {
         out << utcText(integer(row[0]));
         for (std::size_t i = 1; i < row.size(); ++i) {

@@ -20,7 +20,8 @@ struct Selection {
     std::vector<std::string> columns;  ///< of CSV: "gnss_positions.latitude", from one or several views
     std::int64_t fromMs = std::numeric_limits<std::int64_t>::min();  ///< measured at this time or later, UTC
     std::int64_t toMs = std::numeric_limits<std::int64_t>::max();    ///< measured before
-    std::optional<std::int64_t> instance;  ///< of GPX; without it, the one with the most positions
+    /// Of CSV; without it, all. Of GPX; without it, the one with the most positions.
+    std::optional<std::int64_t> instance;
 };
 
 /// Each writes row by row and returns how many rows it wrote. They throw ExportError and DatabaseError.

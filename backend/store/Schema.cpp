@@ -35,6 +35,30 @@ constexpr std::array kMigrations{
        CREATE TABLE unusable (
          id {id}, vehicle BIGINT NOT NULL REFERENCES vehicles (id), received BIGINT NOT NULL,
          reason TEXT NOT NULL, payload {bytes} NOT NULL))",
+    // What pages ask all the time is kept up to date: the newest sample of each event and instance, and a
+    // vehicle's totals. With the instance in the index, counting the samples of each needs no table.
+    R"(DROP INDEX samples_by_time;
+       CREATE INDEX samples_by_time ON samples (vehicle, event, measured, instance);
+       DROP INDEX reports_by_time;
+       CREATE INDEX reports_by_time ON reports (vehicle, measured_to, measured_from, received);
+       CREATE INDEX unusable_by_vehicle ON unusable (vehicle, id);
+       CREATE TABLE latest (
+         vehicle BIGINT NOT NULL, event BIGINT NOT NULL, instance BIGINT NOT NULL, measured BIGINT NOT NULL,
+         received BIGINT NOT NULL, vals {json} NOT NULL, PRIMARY KEY (vehicle, event, instance));
+       INSERT INTO latest {sqlite:
+         SELECT vehicle, event, instance, MAX(measured), received, vals FROM samples
+         GROUP BY vehicle, event, instance}{postgres:
+         SELECT DISTINCT ON (vehicle, event, instance) vehicle, event, instance, measured, received, vals
+         FROM samples ORDER BY vehicle, event, instance, measured DESC};
+       ALTER TABLE vehicles ADD COLUMN reports BIGINT NOT NULL DEFAULT 0;
+       ALTER TABLE vehicles ADD COLUMN samples BIGINT NOT NULL DEFAULT 0;
+       ALTER TABLE vehicles ADD COLUMN unusable BIGINT NOT NULL DEFAULT 0;
+       ALTER TABLE vehicles ADD COLUMN last_report BIGINT;
+       UPDATE vehicles SET
+         reports = (SELECT COUNT(*) FROM reports r WHERE r.vehicle = vehicles.id),
+         samples = (SELECT COUNT(*) FROM samples s WHERE s.vehicle = vehicles.id),
+         unusable = (SELECT COUNT(*) FROM unusable u WHERE u.vehicle = vehicles.id),
+         last_report = (SELECT MAX(id) FROM reports r WHERE r.vehicle = vehicles.id))",
 };
 
 void replaceAll(std::string& text, std::string_view what, std::string_view by) {

@@ -1,6 +1,7 @@
 #pragma once
 /// One connection to a database. SQLite and PostgreSQL share the statements; where their languages differ, a
 /// statement names the difference (Dialect).
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -65,6 +66,8 @@ class Sql {
     virtual void tidy() = 0;
     /// Bytes that wait to be moved into the database itself.
     virtual std::int64_t walBytes() = 0;
+    /// From now on, a statement that takes longer fails.
+    virtual void limitTime(std::chrono::milliseconds limit) = 0;
 
   protected:
     Sql() = default;

@@ -1,5 +1,7 @@
 #include "backend/store/Sqlite.h"
 
+#include <sqlite3.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -16,7 +18,8 @@ auto guarded(Work&& work) {
     try {
         return work();
     } catch (const SQLite::Exception& error) {
-        throw DatabaseError(error.what());
+        throw DatabaseError(error.getErrorCode() == SQLITE_INTERRUPT ? "the query takes too long: choose less"
+                                                                     : error.what());
     }
 }
 
@@ -98,6 +101,7 @@ void Sqlite::stream(const std::string& statement, std::span<const Cell> paramete
         // A statement that stays open keeps its read transaction, and with it the log, growing.
         const std::unique_ptr<SQLite::Statement, void (*)(SQLite::Statement*)> closed(
             &ready, [](SQLite::Statement* used) { used->tryReset(); });
+        m_deadline = std::chrono::steady_clock::now() + m_limit;
         while (ready.executeStep()) {
             if (!each(rowOf(ready))) {
                 break;
@@ -138,6 +142,17 @@ void Sqlite::tidy() {
     if (walBytes() > kWalLimit / 2) {
         query("PRAGMA wal_checkpoint(TRUNCATE)", {});
     }
+}
+
+int Sqlite::isLate(void* self) {
+    return std::chrono::steady_clock::now() > static_cast<Sqlite*>(self)->m_deadline ? 1 : 0;
+}
+
+void Sqlite::limitTime(std::chrono::milliseconds limit) {
+    constexpr int kSteps = 10'000;  // of SQLite's machine, between two looks at the clock
+    m_limit = limit;
+    sqlite3_progress_handler(m_database.getHandle(), kSteps, limit.count() > 0 ? &Sqlite::isLate : nullptr,
+                             this);
 }
 
 std::int64_t Sqlite::walBytes() {

@@ -1,6 +1,7 @@
 #pragma once
 #include <SQLiteCpp/SQLiteCpp.h>
 
+#include <chrono>
 #include <list>
 #include <memory>
 #include <string>
@@ -26,11 +27,16 @@ class Sqlite : public Sql {
     void insertSamples(std::span<const SampleRow> samples) override;
     void tidy() override;
     std::int64_t walBytes() override;
+    void limitTime(std::chrono::milliseconds limit) override;
 
   private:
     SQLite::Statement& prepared(const std::string& statement);
 
+    static int isLate(void* self);
+
     SQLite::Database m_database;
+    std::chrono::milliseconds m_limit{0};              ///< 0: none
+    std::chrono::steady_clock::time_point m_deadline;  ///< of the statement that runs
     std::unordered_map<std::string, std::unique_ptr<SQLite::Statement>> m_prepared;
 };
 

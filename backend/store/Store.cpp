@@ -63,10 +63,13 @@ std::vector<Stored> Store::put(std::span<const Received> batch) {
     std::string reason;
     const bool done = attempt(
         [&] {
+            m_added.clear();
+            m_newest.clear();
             Transaction transaction(sql());
             for (const Received& received : batch) {
                 all.push_back(putOne(received));
             }
+            addTotals();
             transaction.commit();
             m_sql->tidy();
         },
@@ -131,11 +134,28 @@ Stored Store::putOne(const Received& received) {
     }
     std::vector<SampleRow> rows;
     rows.reserve(envelope.samples.size());
+    const std::int64_t report = integer(inserted[0][0]);
+    std::map<std::pair<std::int64_t, std::int64_t>, const SampleRow*> newest;
     for (const Sample& sample : envelope.samples) {
-        rows.push_back({integer(inserted[0][0]), vehicle, eventId(*sample.event), sample.instance,
-                        sample.measuredMs, received.receivedMs, sample.values});
+        const SampleRow& row =
+            rows.emplace_back(SampleRow{report, vehicle, eventId(*sample.event), sample.instance,
+                                        sample.measuredMs, received.receivedMs, sample.values});
+        const SampleRow*& known = newest[{row.event, row.instance}];
+        if (known == nullptr || known->measuredMs <= row.measuredMs) {
+            known = &row;  // stays valid: the memory is reserved
+        }
     }
     m_sql->insertSamples(rows);
+    for (const auto& [key, row] : newest) {
+        Newest& known = m_newest[{vehicle, key.first, key.second}];
+        if (known.values.empty() || known.measuredMs <= row->measuredMs) {
+            known = {row->measuredMs, row->receivedMs, std::string(row->values)};
+        }
+    }
+    Added& added = m_added[vehicle];
+    ++added.reports;
+    added.samples += static_cast<std::int64_t>(rows.size());
+    added.lastReport = report;
     for (const Refused& refused : envelope.refused) {
         keepUnusable(vehicle, received.receivedMs, refused.reason, refused.text);
         out.reason = refused.reason;
@@ -144,8 +164,35 @@ Stored Store::putOne(const Received& received) {
     return out;
 }
 
+/// The rows that most batches change, as late as possible: other instances wait for them.
+void Store::addTotals() {
+    for (const auto& [vehicle, added] : m_added) {
+        const Cell parameters[] = {vehicle, added.reports, added.samples, added.unusable,
+                                   added.lastReport == 0 ? Cell{} : Cell{added.lastReport}};
+        m_sql->query(
+            "UPDATE vehicles SET reports = reports + $2, samples = samples + $3, unusable = unusable + $4, "
+            "last_report = COALESCE($5, last_report) WHERE id = $1",
+            parameters);
+    }
+    const std::string values = m_sql->dialect() == Dialect::Sqlite ? "$6" : "CAST($6 AS JSONB)";
+    for (const auto& [key, newest] : m_newest) {
+        const auto [vehicle, event, instance] = key;
+        const Cell parameters[] = {vehicle,           event,        instance, newest.measuredMs,
+                                   newest.receivedMs, newest.values};
+        m_sql->query(
+            "INSERT INTO latest (vehicle, event, instance, measured, received, vals) VALUES ($1, $2, $3, $4, "
+            "$5, " +
+                values +
+                ") ON CONFLICT (vehicle, event, instance) DO UPDATE SET measured = excluded.measured, "
+                "received = excluded.received, vals = excluded.vals WHERE excluded.measured >= "
+                "latest.measured",
+            parameters);
+    }
+}
+
 void Store::keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
                          const std::string& payload) {
+    ++m_added[vehicle].unusable;
     const Cell parameters[] = {vehicle, receivedMs, reason, Bytes{payload}};
     m_sql->query("INSERT INTO unusable (vehicle, received, reason, payload) VALUES ($1, $2, $3, $4)",
                  parameters);
@@ -213,7 +260,13 @@ Kept Store::deleteBefore(std::int64_t receivedMs) {
             m_sql->query("SELECT received FROM reports WHERE received < $1 ORDER BY received LIMIT $2", upTo);
         if (reports.empty()) {
             const Cell parameter[] = {receivedMs};
+            m_sql->query(
+                "UPDATE vehicles SET unusable = unusable - (SELECT COUNT(*) FROM unusable u WHERE u.vehicle "
+                "= "
+                "vehicles.id AND u.received < $1)",
+                parameter);
             m_sql->query("DELETE FROM unusable WHERE received < $1", parameter);
+            m_sql->query("DELETE FROM latest WHERE received < $1", parameter);
             transaction.commit();
             m_sql->tidy();
             return deleted;
@@ -222,6 +275,13 @@ Kept Store::deleteBefore(std::int64_t receivedMs) {
         const auto count = [](const std::vector<Row>& rows) { return integer(rows[0][0]); };
         deleted.samples += count(m_sql->query("SELECT COUNT(*) FROM samples WHERE received <= $1", step));
         deleted.reports += count(m_sql->query("SELECT COUNT(*) FROM reports WHERE received <= $1", step));
+        m_sql->query(
+            "UPDATE vehicles SET reports = vehicles.reports - d.reports, samples = vehicles.samples - "
+            "d.samples "
+            "FROM (SELECT vehicle, COUNT(*) AS reports, SUM(samples) AS samples FROM reports WHERE received "
+            "<= "
+            "$1 GROUP BY vehicle) d WHERE vehicles.id = d.vehicle",
+            step);
         m_sql->query("DELETE FROM samples WHERE received <= $1", step);
         m_sql->query("DELETE FROM reports WHERE received <= $1", step);
         transaction.commit();

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "backend/Compression.h"
@@ -70,6 +71,20 @@ class Store {
     Sql& sql();  ///< throws DatabaseError when the database cannot be reached
 
   private:
+    /// What a batch adds to a vehicle's row.
+    struct Added {
+        std::int64_t reports = 0;
+        std::int64_t samples = 0;
+        std::int64_t unusable = 0;
+        std::int64_t lastReport = 0;  ///< 0: none
+    };
+    struct Newest {
+        std::int64_t measuredMs = 0;
+        std::int64_t receivedMs = 0;
+        std::string values;
+    };
+
+    void addTotals();
     std::int64_t vehicleId(const std::string& prefix);
     std::int64_t eventId(const Event& event);
     Stored putOne(const Received& received);
@@ -83,6 +98,10 @@ class Store {
     kyo::orx::Compressor m_compressor;
     std::map<std::string, std::int64_t> m_vehicles;  ///< ids that are committed
     std::map<const Event*, std::int64_t> m_events;
+    // Of the batch; sorted, so that instances that write the same rows wait for each other in one order.
+    std::map<std::int64_t, Added> m_added;  ///< by vehicle
+    std::map<std::tuple<std::int64_t, std::int64_t, std::int64_t>, Newest>
+        m_newest;  ///< vehicle, event, instance
 };
 
 }  // namespace vlmBackend::store

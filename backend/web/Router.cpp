@@ -116,6 +116,18 @@ void Router::add(const std::string& method, const std::string& pattern, Role rol
     m_routes.push_back({method, {parts.begin(), parts.end()}, role, std::move(handler)});
 }
 
+Response Router::answer(const Route& route, const Request& request) {
+    if (request.role < route.role) {
+        return request.role == Role::None
+                   ? Response::error(401, "a user or a token is needed")
+                   : Response::error(403, "the role \"configure\" is needed to change something");
+    }
+    if (request.method != "GET" && !request.contentType.starts_with("application/json")) {
+        throw Problem(415, "the content type application/json is needed");
+    }
+    return route.handler(request);
+}
+
 Response Router::find(const std::string& target, Request& request) const {
     const auto mark = std::min(target.find('?'), target.size());
     request.path = target.substr(0, mark);
@@ -150,20 +162,15 @@ Response Router::find(const std::string& target, Request& request) const {
             otherMethod = true;
             continue;
         }
-        if (request.role < route.role) {
-            return request.role == Role::None
-                       ? Response::error(401, "a user or a token is needed")
-                       : Response::error(403, "the role \"configure\" is needed to change something");
-        }
-        if (request.method != "GET" && !request.contentType.starts_with("application/json")) {
-            throw Problem(415, "the content type application/json is needed");
-        }
         for (std::size_t i = 0; i < segments.size(); ++i) {
             if (isParameter(route.segments[i])) {
                 request.parameters[route.segments[i].substr(1, route.segments[i].size() - 2)] = segments[i];
             }
         }
-        return route.handler(request);
+        return answer(route, request);
+    }
+    if (m_others.handler && request.method == "GET" && !request.path.starts_with("/api/")) {
+        return answer(m_others, request);
     }
     throw otherMethod ? Problem(405, request.path + " knows no " + request.method)
                       : Problem(404, "there is no " + request.path);

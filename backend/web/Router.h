@@ -86,6 +86,9 @@ class Router {
     /// is needed.
     void add(const std::string& method, const std::string& pattern, Role role, Handler handler);
 
+    /// What a GET outside /api/ gets that no pattern fits.
+    void addOthers(Role role, Handler handler) { m_others = {"GET", {}, role, std::move(handler)}; }
+
     /// `target`: path and query as in the request line. Sets path, parameters and query of the request. Never
     /// throws; what a handler throws becomes an error: Problem its status, ExportError 400, DatabaseError
     /// 503, others 500.
@@ -95,12 +98,14 @@ class Router {
     struct Route {
         std::string method;
         std::vector<std::string> segments;
-        Role role;
+        Role role = Role::None;
         Handler handler;
     };
     Response find(const std::string& target, Request& request) const;
+    static Response answer(const Route& route, const Request& request);
 
     std::vector<Route> m_routes;
+    Route m_others;  ///< without a handler: none
 };
 
 /// Decodes %xx; "+" is a space in a query. False when what follows a % is no hexadecimal number.

@@ -22,6 +22,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const Stored again = store.put({&received, 1})[0];
     require(again.outcome == (readable ? Outcome::Repeated : Outcome::Unusable), "a repetition is known");
     // Bounded, and each round starts alike.
-    store.sql().script("DELETE FROM samples; DELETE FROM reports; DELETE FROM unusable");
+    store.sql().script("DELETE FROM samples; DELETE FROM reports; DELETE FROM latest; DELETE FROM unusable");
     return 0;
 }

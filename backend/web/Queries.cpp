@@ -1,0 +1,396 @@
+#include "backend/web/Queries.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "backend/web/Router.h"
+
+namespace vlmBackend::web {
+
+using kyo::Json::Value;
+using store::Cell;
+using store::Dialect;
+using store::integer;
+using store::real;
+using store::Row;
+using store::Sql;
+using store::text;
+
+namespace {
+
+/// Beyond it, readers of JSON lose digits.
+constexpr std::int64_t kExact = std::int64_t{1} << 53;
+constexpr std::int64_t kMostUnusable = 100;
+
+Value number(std::int64_t value) {
+    return value >= -kExact && value <= kExact ? Value(value) : Value(std::to_string(value));
+}
+
+Value numberOrNull(const Cell& cell) {
+    return std::holds_alternative<std::monostate>(cell) ? Value() : number(integer(cell));
+}
+
+const char* nameOf(Kind kind) {
+    constexpr std::array names{"boolean", "integer", "unsigned64", "real", "text"};
+    return names.at(static_cast<std::size_t>(kind));
+}
+
+Value parsed(const std::string& text) {
+    Value content;
+    kyo::Json::Reader().parse(text, content, false);
+    return content;
+}
+
+/// A sample's members by column.
+Value valuesOf(const Event& event, const std::string& stored) {
+    const Value members = parsed(stored);
+    Value out(kyo::Json::objectValue);
+    for (const EventField& field : event.fields) {
+        const std::string name(field.name);
+        if (members.isObject() && members.isMember(name)) {
+            const Value& value = members[name];
+            const bool whole = field.kind == Kind::Integer || field.kind == Kind::Unsigned64;
+            const bool exact =
+                !whole || (value.isInt64() && value.asInt64() <= kExact && value.asInt64() >= -kExact);
+            out[std::string(field.column)] = exact ? value : Value(value.asString());
+        }
+    }
+    return out;
+}
+
+/// A row of instance, measured, received, vals from column `at` on.
+Value sampleOf(const Event& event, const Row& row, std::size_t at) {
+    Value out;
+    out["service"] = std::string(event.service);
+    out["resource"] = std::string(event.resource);
+    out["view"] = std::string(event.view);
+    out["instance"] = number(integer(row[at]));
+    out["measuredMs"] = number(integer(row[at + 1]));
+    out["receivedMs"] = number(integer(row[at + 2]));
+    out["values"] = valuesOf(event, text(row[at + 3]));
+    return out;
+}
+
+/// The statement's part and parameters that choose samples. PostgreSQL looks only into the partitions that
+/// hold what was received with these times.
+struct Choice {
+    std::string where = "vehicle = $1 AND event = $2 AND measured >= $3 AND measured < $4";
+    std::vector<Cell> parameters;
+    std::int64_t fromMs = 0;
+    std::int64_t toMs = 0;
+};
+
+std::int64_t eventId(Sql& sql, const Event& event) {
+    const Cell parameters[] = {std::string(event.service), std::string(event.resource)};
+    const auto rows = sql.query("SELECT id FROM events WHERE service = $1 AND resource = $2", parameters);
+    return rows.empty() ? 0 : integer(rows[0][0]);
+}
+
+Choice choose(Sql& sql, const std::string& vehicle, const Event& event, const Range& range) {
+    Choice out;
+    const Cell of[] = {vehicleId(sql, vehicle), eventId(sql, event)};
+    const auto end = [&](const char* which) {
+        return sql.query(
+            std::string("SELECT ") + which + "(measured) FROM samples WHERE vehicle = $1 AND event = $2",
+            of)[0][0];
+    };
+    // A request without limits needs two seeks in the index, one without data gets an empty range.
+    out.fromMs = range.fromMs ? *range.fromMs : integer(end("MIN"));
+    out.fromMs = std::clamp(out.fromMs, -kExact, kExact);
+    if (range.toMs) {
+        out.toMs = *range.toMs;
+    } else if (const Cell newest = end("MAX"); !std::holds_alternative<std::monostate>(newest)) {
+        out.toMs = std::min(integer(newest), kExact) + 1;
+    }
+    out.toMs = std::clamp(out.toMs, out.fromMs, kExact);
+    out.parameters = {of[0], of[1], out.fromMs, out.toMs};
+    if (sql.dialect() == Dialect::Postgres) {
+        const Cell within[] = {of[0], out.fromMs, out.toMs};
+        const auto received = sql.query(
+            "SELECT MIN(received), MAX(received) FROM reports WHERE vehicle = $1 AND measured_to >= $2 AND "
+            "measured_from < $3",
+            within);
+        out.where += " AND received BETWEEN " + std::to_string(integer(received[0][0])) + " AND " +
+                     std::to_string(integer(received[0][1]));
+    }
+    return out;
+}
+
+/// The requested instance or the one with the most samples, and how many samples it has.
+std::pair<std::int64_t, std::int64_t> chooseInstance(Sql& sql, const Choice& choice, const Range& range) {
+    auto parameters = choice.parameters;
+    std::string only;
+    if (range.instance) {
+        parameters.emplace_back(*range.instance);
+        only = " AND instance = $5";
+    }
+    const auto rows = sql.query("SELECT instance, COUNT(*) FROM samples WHERE " + choice.where + only +
+                                    " GROUP BY instance ORDER BY 2 DESC, 1 LIMIT 1",
+                                parameters);
+    return rows.empty() ? std::pair{range.instance.value_or(0), std::int64_t{0}}
+                        : std::pair{integer(rows[0][0]), integer(rows[0][1])};
+}
+
+/// A member as a number; null for another value.
+std::string numeric(const EventField& field, Dialect dialect) {
+    const std::string name(field.name);
+    if (dialect == Dialect::Sqlite) {
+        return "json_extract(vals, '$." + name + "')";
+    }
+    const std::string member = "(vals ->> '" + name + "')";
+    return field.kind == Kind::Boolean ? member + "::boolean::integer" : member + "::double precision";
+}
+
+constexpr const char* kVehicles =
+    "SELECT v.id, v.name, v.prefix, v.online, v.catalog, v.seen, v.reports, v.samples, v.unusable, v.health, "
+    "v.health_at, "
+    "(SELECT r.measured_from FROM reports r WHERE r.vehicle = v.id ORDER BY r.measured_to LIMIT 1), "
+    "(SELECT r.measured_to FROM reports r WHERE r.vehicle = v.id ORDER BY r.measured_to DESC LIMIT 1), "
+    "l.name, l.sequence, l.received, l.measured_to, l.samples "
+    "FROM vehicles v LEFT JOIN reports l ON l.id = v.last_report ";
+
+Value vehicleOf(const Row& row) {
+    Value out;
+    out["name"] = text(row[1]);
+    out["prefix"] = text(row[2]);
+    out["online"] = integer(row[3]) != 0;
+    out["catalog"] = text(row[4]);
+    out["seenMs"] = number(integer(row[5]));
+    out["group"] = "";
+    out["reports"] = number(integer(row[6]));
+    out["samples"] = number(integer(row[7]));
+    out["unusable"] = number(integer(row[8]));
+    const Value health = parsed(text(row[9]));
+    out["health"] = health.isObject() ? health : Value();
+    out["healthMs"] = numberOrNull(row[10]);
+    const bool hasSamples = integer(row[7]) != 0;
+    out["measuredFromMs"] = hasSamples ? numberOrNull(row[11]) : Value();
+    out["measuredToMs"] = hasSamples ? numberOrNull(row[12]) : Value();
+    Value& last = out["lastReport"];
+    if (!std::holds_alternative<std::monostate>(row[15])) {
+        last["name"] = text(row[13]);
+        last["sequence"] = number(integer(row[14]));
+        last["receivedMs"] = number(integer(row[15]));
+        last["measuredToMs"] = number(integer(row[16]));
+        last["samples"] = number(integer(row[17]));
+    }
+    Value& configuration = out["configuration"];
+    configuration["desired"] = Value();
+    configuration["sentMs"] = Value();
+    configuration["state"] = "none";
+    configuration["stateMs"] = Value();
+    configuration["reason"] = "";
+    return out;
+}
+
+}  // namespace
+
+Value catalog() {
+    Value out(kyo::Json::arrayValue);
+    for (const Event& event : events()) {
+        Value& one = out.append(Value());
+        one["service"] = std::string(event.service);
+        one["resource"] = std::string(event.resource);
+        one["view"] = std::string(event.view);
+        one["summary"] = std::string(event.summary);
+        Value& fields = one["fields"] = Value(kyo::Json::arrayValue);
+        for (const EventField& field : event.fields) {
+            Value& member = fields.append(Value());
+            member["name"] = std::string(field.name);
+            member["column"] = std::string(field.column);
+            member["kind"] = nameOf(field.kind);
+            member["unit"] = std::string(field.unit);
+            member["meaning"] = std::string(field.meaning);
+        }
+    }
+    return out;
+}
+
+Value vehicles(Sql& sql) {
+    Value out(kyo::Json::arrayValue);
+    sql.stream(std::string(kVehicles) + "ORDER BY v.name", {}, [&out](const Row& row) {
+        out.append(vehicleOf(row));
+        return true;
+    });
+    return out;
+}
+
+Value vehicle(Sql& sql, const std::string& name) {
+    const Cell parameter[] = {name};
+    const auto rows = sql.query(std::string(kVehicles) + "WHERE v.name = $1", parameter);
+    if (rows.empty()) {
+        throw Problem(404, "no vehicle is named \"" + name + "\"");
+    }
+    return vehicleOf(rows[0]);
+}
+
+std::int64_t vehicleId(Sql& sql, const std::string& name) {
+    const Cell parameter[] = {name};
+    const auto rows = sql.query("SELECT id FROM vehicles WHERE name = $1", parameter);
+    if (rows.empty()) {
+        throw Problem(404, "no vehicle is named \"" + name + "\"");
+    }
+    return integer(rows[0][0]);
+}
+
+Value latest(Sql& sql, const std::string& vehicle) {
+    const Cell parameter[] = {vehicleId(sql, vehicle)};
+    Value out(kyo::Json::arrayValue);
+    sql.stream(
+        "SELECT e.service, e.resource, l.instance, l.measured, l.received, CAST(l.vals AS TEXT) FROM latest "
+        "l JOIN "
+        "events e ON e.id = l.event WHERE l.vehicle = $1 ORDER BY e.service, e.resource, l.instance",
+        parameter, [&out](const Row& row) {
+            // An event of an older version of the program may have left the catalog.
+            if (const Event* const event = findEvent(text(row[0]), text(row[1]))) {
+                out.append(sampleOf(*event, row, 2));
+            }
+            return true;
+        });
+    return out;
+}
+
+Value samples(Sql& sql, const std::string& vehicle, const Event& event, const Range& range,
+              std::int64_t limit) {
+    Choice choice = choose(sql, vehicle, event, range);
+    std::string only;
+    choice.parameters.emplace_back(limit);
+    if (range.instance) {
+        choice.parameters.emplace_back(*range.instance);
+        only = " AND instance = $6";
+    }
+    Value out(kyo::Json::arrayValue);
+    sql.stream("SELECT instance, measured, received, CAST(vals AS TEXT) FROM samples WHERE " + choice.where +
+                   only + " ORDER BY measured DESC LIMIT $5",
+               choice.parameters, [&](const Row& row) {
+                   out.append(sampleOf(event, row, 0));
+                   return true;
+               });
+    return out;
+}
+
+Value track(Sql& sql, const std::string& vehicle, const Range& range, std::int64_t points) {
+    const Event& event = *findView("gnss_positions");
+    Choice choice = choose(sql, vehicle, event, range);
+    const auto [instance, count] = chooseInstance(sql, choice, range);
+    Value out;
+    out["instance"] = number(instance);
+    out["samples"] = number(count);
+    Value& times = out["timesMs"] = Value(kyo::Json::arrayValue);
+    Value& latitudes = out["latitudes"] = Value(kyo::Json::arrayValue);
+    Value& longitudes = out["longitudes"] = Value(kyo::Json::arrayValue);
+    const std::string latitude = numeric(*event.field("latitude"), sql.dialect());
+    const std::string longitude = numeric(*event.field("longitude"), sql.dialect());
+    choice.parameters.emplace_back(instance);
+    choice.parameters.emplace_back((count + points - 1) / points);
+    const std::string where = choice.where + " AND instance = $5";
+    // The index numbers the rows, and only the chosen ones are read.
+    const std::string chosen = sql.dialect() == Dialect::Sqlite
+                                   ? "SELECT measured, " + latitude + ", " + longitude +
+                                         " FROM samples WHERE rowid IN (SELECT row FROM (SELECT rowid AS "
+                                         "row, ROW_NUMBER() OVER (ORDER BY "
+                                         "measured) - 1 AS number FROM samples WHERE " +
+                                         where + ") WHERE number % $6 = 0) ORDER BY measured"
+                                   : "SELECT measured, " + latitude + ", " + longitude +
+                                         " FROM (SELECT measured, vals, ROW_NUMBER() OVER (ORDER BY "
+                                         "measured) - 1 AS number FROM samples "
+                                         "WHERE " +
+                                         where + ") AS numbered WHERE number % $6 = 0 ORDER BY measured";
+    if (count != 0) {
+        sql.stream(chosen, choice.parameters, [&](const Row& row) {
+            if (!std::holds_alternative<std::monostate>(row[1]) &&
+                !std::holds_alternative<std::monostate>(row[2])) {
+                times.append(number(integer(row[0])));
+                latitudes.append(real(row[1]));
+                longitudes.append(real(row[2]));
+            }
+            return true;
+        });
+    }
+    return out;
+}
+
+std::string seriesStatement(const EventField& field, Dialect dialect, const std::string& where) {
+    return "SELECT MIN(measured), MIN(value), MAX(value), COUNT(*) FROM (SELECT measured, " +
+           numeric(field, dialect) + " AS value FROM samples WHERE " + where +
+           " AND instance = $5) AS chosen WHERE value IS NOT NULL GROUP BY (measured - $3) / $6 ORDER BY 1";
+}
+
+std::string seriesStatement(const EventField& field, Dialect dialect) {
+    return seriesStatement(field, dialect, Choice{}.where);
+}
+
+Value series(Sql& sql, const std::string& vehicle, const Event& event, const EventField& field,
+             const Range& range, std::int64_t bins) {
+    if (field.kind == Kind::Text) {
+        throw Problem(400, "column: \"" + std::string(event.view) + "." + std::string(field.column) +
+                               "\" holds texts, of which there is no series");
+    }
+    Choice choice = choose(sql, vehicle, event, range);
+    const auto [instance, count] = chooseInstance(sql, choice, range);
+    Value out;
+    out["column"] = std::string(event.view) + "." + std::string(field.column);
+    out["unit"] = std::string(field.unit);
+    out["meaning"] = std::string(field.meaning);
+    out["instance"] = number(instance);
+    out["fromMs"] = number(choice.fromMs);
+    out["toMs"] = number(choice.toMs);
+    Value& times = out["timesMs"] = Value(kyo::Json::arrayValue);
+    Value& minimums = out["minimums"] = Value(kyo::Json::arrayValue);
+    Value& maximums = out["maximums"] = Value(kyo::Json::arrayValue);
+    std::int64_t total = 0;
+    choice.parameters.emplace_back(instance);
+    choice.parameters.emplace_back(
+        std::max<std::int64_t>(1, (choice.toMs - choice.fromMs + bins - 1) / bins));
+    if (count != 0) {
+        sql.stream(seriesStatement(field, sql.dialect(), choice.where), choice.parameters,
+                   [&](const Row& row) {
+                       times.append(number(integer(row[0])));
+                       minimums.append(real(row[1]));
+                       maximums.append(real(row[2]));
+                       total += integer(row[3]);
+                       return true;
+                   });
+    }
+    out["samples"] = number(total);
+    return out;
+}
+
+Value unusable(Sql& sql, const std::string& vehicle) {
+    std::vector<Cell> parameters{kMostUnusable};
+    std::string where;
+    if (!vehicle.empty()) {
+        parameters.emplace_back(vehicleId(sql, vehicle));
+        where = "WHERE u.vehicle = $2 ";
+    }
+    Value out(kyo::Json::arrayValue);
+    sql.stream(
+        "SELECT u.id, v.name, u.received, u.reason, LENGTH(u.payload) FROM unusable u JOIN vehicles v ON "
+        "v.id = "
+        "u.vehicle " +
+            where + "ORDER BY u.id DESC LIMIT $1",
+        parameters, [&out](const Row& row) {
+            Value& one = out.append(Value());
+            one["id"] = number(integer(row[0]));
+            one["vehicle"] = text(row[1]);
+            one["receivedMs"] = number(integer(row[2]));
+            one["reason"] = text(row[3]);
+            one["bytes"] = number(integer(row[4]));
+            return true;
+        });
+    return out;
+}
+
+std::string unusableBytes(Sql& sql, std::int64_t id) {
+    const Cell parameter[] = {id};
+    const auto rows = sql.query("SELECT payload FROM unusable WHERE id = $1", parameter);
+    if (rows.empty()) {
+        throw Problem(404, "nothing unusable has the id " + std::to_string(id));
+    }
+    return text(rows[0][0]);
+}
+
+}  // namespace vlmBackend::web

@@ -1,0 +1,44 @@
+#pragma once
+/// What /api/ answers from the database, as backend/api/openapi.yaml describes it. All functions throw
+/// DatabaseError, and Problem for what the database does not know.
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "backend/store/Events.h"
+#include "backend/store/Sql.h"
+#include "kyo/Json.h"
+
+namespace vlmBackend::web {
+
+/// Half-open, in measured time; without a limit, it is that of the data.
+struct Range {
+    std::optional<std::int64_t> fromMs;
+    std::optional<std::int64_t> toMs;
+    std::optional<std::int64_t> instance;  ///< without it, the one with the most samples
+};
+
+kyo::Json::Value catalog();
+
+/// All vehicles by name, or the one of that name.
+kyo::Json::Value vehicles(store::Sql& sql);
+kyo::Json::Value vehicle(store::Sql& sql, const std::string& name);
+std::int64_t vehicleId(store::Sql& sql, const std::string& name);
+
+kyo::Json::Value latest(store::Sql& sql, const std::string& vehicle);
+/// The newest first, of all instances unless the range names one.
+kyo::Json::Value samples(store::Sql& sql, const std::string& vehicle, const Event& event, const Range& range,
+                         std::int64_t limit);
+kyo::Json::Value track(store::Sql& sql, const std::string& vehicle, const Range& range, std::int64_t points);
+kyo::Json::Value series(store::Sql& sql, const std::string& vehicle, const Event& event,
+                        const EventField& field, const Range& range, std::int64_t bins);
+
+/// `vehicle`: empty for all.
+kyo::Json::Value unusable(store::Sql& sql, const std::string& vehicle);
+std::string unusableBytes(store::Sql& sql, std::int64_t id);
+
+/// The statement of series(), for its plan: $1 vehicle, $2 event, $3 and $4 range, $5 instance, $6 ms of a
+/// bin.
+std::string seriesStatement(const EventField& field, store::Dialect dialect);
+
+}  // namespace vlmBackend::web

@@ -1,0 +1,38 @@
+#pragma once
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "backend/store/Sql.h"
+
+namespace vlmBackend::web {
+
+/// A few connections to the database that only read, lent to one request at a time. Any thread.
+class Readers {
+  public:
+    static constexpr std::size_t kMost = 6;
+    static constexpr std::chrono::seconds kLongestWait{10};   ///< for a connection
+    static constexpr std::chrono::seconds kLongestQuery{30};  ///< a longer one ends with a DatabaseError
+
+    explicit Readers(std::string where) : m_where(std::move(where)) {}
+
+    /// Throws what `work` throws; Problem when all connections are in use for too long; DatabaseError. `work`
+    /// does not wait for a client for ever: an open query keeps SQLite's log growing.
+    void use(const std::function<void(store::Sql& sql)>& work,
+             std::chrono::milliseconds longest = kLongestQuery);
+
+  private:
+    std::unique_ptr<store::Sql> take();
+
+    const std::string m_where;
+    std::mutex m_mutex;
+    std::condition_variable m_returned;
+    std::vector<std::unique_ptr<store::Sql>> m_idle;  ///< guarded by m_mutex
+    std::size_t m_lent = 0;                           ///< guarded by m_mutex
+};
+
+}  // namespace vlmBackend::web
