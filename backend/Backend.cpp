@@ -157,8 +157,11 @@ std::vector<bool> Backend::store(std::vector<Arrived>& batch) {
         received.push_back(one.received);
     }
     const auto results = m_settings.database->put(received);
+    const auto isFailed = [](const store::Stored& one) { return one.outcome == store::Outcome::Failed; };
+    m_settings.totals->databaseFailures += std::any_of(results.begin(), results.end(), isFailed) ? 1 : 0;
     for (std::size_t i = 0; i < results.size(); ++i) {
         const store::Stored& result = results[i];
+        m_settings.totals->unusable += result.refused + (result.outcome == store::Outcome::Unusable ? 1 : 0);
         batch[i].id = result.messageId;
         batch[i].report = result.report;
         batch[i].known = result.outcome == store::Outcome::Repeated;
@@ -302,10 +305,11 @@ std::vector<Outgoing> Backend::onEnvelope(const Arrived& arrived, bool stored) {
     if (!stored) {
         result = 1;  // what is not stored is not delivered
     }
-    ++m_totals.envelopes;
-    m_totals.repeated += again ? 1 : 0;
-    m_totals.samples += arrived.samples;
-    m_totals.bytes += arrived.received.wireBytes;
+    store::Totals& totals = *m_settings.totals;
+    ++totals.envelopes;
+    totals.repeated += again ? 1 : 0;
+    totals.samples += arrived.samples;
+    totals.bytes += arrived.received.wireBytes;
 
     std::string line = prefix + ' ' + arrived.report + ": " + std::to_string(arrived.collections) +
                        " collections, " + std::to_string(arrived.samples) + " samples, " +

@@ -6,11 +6,13 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "backend/store/Store.h"
+#include "backend/store/Totals.h"
 #include "kyo/Json.h"
 
 namespace vlmBackend {
@@ -28,6 +30,7 @@ struct Settings {
     std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
     store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
+    std::shared_ptr<store::Totals> totals = std::make_shared<store::Totals>();
 };
 
 struct Incoming {
@@ -41,13 +44,6 @@ struct Outgoing {
     std::chrono::milliseconds after{0};
     /// The channel's state in a master-control message; the message is dropped if that has changed meanwhile.
     std::optional<bool> channel;
-};
-
-struct Totals {
-    std::uint64_t envelopes = 0;
-    std::uint64_t repeated = 0;
-    std::uint64_t samples = 0;
-    std::uint64_t bytes = 0;
 };
 
 /// Serves the vehicles of all topics that it gets. Each vehicle has its own place in the script of results.
@@ -78,7 +74,7 @@ class Backend {
     std::vector<Outgoing> retry();
 
     bool isOpen() const { return m_settings.open; }
-    const Totals& totals() const { return m_totals; }
+    const store::Totals& totals() const { return *m_settings.totals; }
 
   private:
     struct Vehicle {
@@ -112,7 +108,6 @@ class Backend {
     Settings m_settings;
     const Print m_print;
     std::map<std::string, Vehicle> m_vehicles;  ///< by topic prefix
-    Totals m_totals;
     store::EnvelopeReader m_reader;
     bool m_databaseFailed = false;
     int m_ticket = 0;

@@ -102,6 +102,17 @@ cxxopts::Options describeOptions() {
         cxxopts::value<std::string>()->default_value(""));
     add("tiles", "map tiles for the page: https://tiles.example/{z}/{x}/{y}.png; without it, outlines only",
         cxxopts::value<std::string>()->default_value(""));
+    add("users", "file with the users of page and API; --add-user writes it",
+        cxxopts::value<std::string>()->default_value(""));
+    add("add-user", "add that user to the file, with the password from the input, and end",
+        cxxopts::value<std::string>()->default_value(""));
+    add("role", "of the added user: view or configure", cxxopts::value<std::string>()->default_value("view"));
+    add("http-cert", "certificate of the page's server, PEM; needed for other addresses than loopback",
+        cxxopts::value<std::string>()->default_value(""));
+    add("http-key", "its key, PEM", cxxopts::value<std::string>()->default_value(""));
+    add("machine", "state socket of this machine's vlmmaster, for the page",
+        cxxopts::value<std::string>()->default_value(""));
+    add("machine-log", "its log file", cxxopts::value<std::string>()->default_value(""));
     add("export", "write from the database to the output, and end: csv, gpx or jsonl",
         cxxopts::value<std::string>()->default_value(""));
     add("vehicle", "of which vehicle; the prefix without vlm/",
@@ -158,10 +169,42 @@ void readWeb(const cxxopts::ParseResult& given, Options& out) {
     auto& web = out.web.emplace();
     web.server.address = vlmBackend::web::readAddress(listen);
     web.database = out.database;
+    web.totals = out.backend.totals;
+    web.machine = given["machine"].as<std::string>();
+    web.machineLog = given["machine-log"].as<std::string>();
+    web.access.users = given["users"].as<std::string>();
+    if (const char* const token = std::getenv("VLM_BACKEND_TOKEN"); token != nullptr) {
+        web.access.token = token;
+    }
+    web.server.certFile = given["http-cert"].as<std::string>();
+    web.server.keyFile = given["http-key"].as<std::string>();
+    if (web.server.certFile.empty() != web.server.keyFile.empty()) {
+        throw std::invalid_argument("--http-cert and --http-key belong together");
+    }
+    if (!web.server.address.isLoopback() && (web.access.isOpen() || web.server.certFile.empty())) {
+        throw std::invalid_argument(
+            "--listen " + listen + ": other machines reach this address, so it needs" +
+            (web.access.isOpen() ? " users (--users) or a token (VLM_BACKEND_TOKEN)" : "") +
+            (web.access.isOpen() && web.server.certFile.empty() ? ", and" : "") +
+            (web.server.certFile.empty() ? " TLS (--http-cert, --http-key)" : ""));
+    }
     const auto page = given["page"].as<std::string>();
     web.page = page.empty() ? vlmBackend::web::Page::usualFolder() : std::filesystem::path(page);
     web.tiles = given["tiles"].as<std::string>();
     web.version = VLM_VERSION;
+}
+
+void addUser(const std::string& file, const std::string& name, const std::string& role) {
+    if (file.empty()) {
+        throw std::invalid_argument("--add-user: --users names the file");
+    }
+    if (::isatty(STDIN_FILENO) == 1) {
+        std::cerr << "password: ";
+    }
+    std::string password;
+    std::getline(std::cin, password);
+    vlmBackend::web::addUser(file, name, role, password);
+    std::cout << name << " may " << role << ", says " << file << '\n';
 }
 
 /// Nothing when the program has said all there is to say; `status` is then the exit status.
@@ -174,6 +217,10 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
             std::cout
                 << described.help()
                 << "\nSIGUSR1 or the line \"open\" opens the channel, SIGUSR2 or \"close\" closes it.\n";
+            return std::nullopt;
+        }
+        if (const auto name = given["add-user"].as<std::string>(); !name.empty()) {
+            addUser(given["users"].as<std::string>(), name, given["role"].as<std::string>());
             return std::nullopt;
         }
         Options out;

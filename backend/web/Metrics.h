@@ -2,6 +2,10 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <string>
+
+#include "backend/store/Totals.h"
+#include "backend/web/Readers.h"
 
 namespace vlmBackend::web {
 
@@ -11,5 +15,9 @@ struct Metrics {
     std::atomic<std::int64_t> connections{0};               ///< now
     std::atomic<std::int64_t> updateReaders{0};             ///< readers of /api/updates now
 };
+
+/// In the OpenMetrics text format. Without values of the database if it does not answer.
+std::string metricsText(const Metrics& metrics, const store::Totals& totals, Readers& readers,
+                        const std::string& version);
 
 }  // namespace vlmBackend::web

@@ -472,6 +472,9 @@ class Server::Listener : public httplib::Server {
         if (m_context) {
             to.set_header("Strict-Transport-Security", "max-age=31536000");
         }
+        if (from.status == 401) {
+            to.set_header("WWW-Authenticate", "Basic realm=\"vlm-backend\", charset=\"UTF-8\"");
+        }
         bool cached = false;
         for (const auto& [name, value] : from.headers) {
             to.set_header(name, value);

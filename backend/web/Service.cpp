@@ -17,6 +17,7 @@ std::string siteOf(const std::string& address) {
 
 ServiceSettings completed(ServiceSettings settings) {
     settings.server.imageSource = siteOf(settings.tiles);
+    settings.access.loopback = settings.server.address.isLoopback();
     return settings;
 }
 
@@ -26,12 +27,18 @@ Service::Service(ServiceSettings settings)
     : m_settings(completed(std::move(settings))),
       m_readers(m_settings.database),
       m_page(m_settings.page),
-      m_access(m_settings.server.address.isLoopback()) {
+      m_access(m_settings.access),
+      m_machine(m_settings.machine, m_settings.machineLog),
+      m_updates(m_readers, m_metrics) {
     addReadRoutes(m_router, m_readers);
+    m_updates.addRoutes(m_router);
+    m_machine.addRoutes(m_router);
     addOwnRoutes();
 }
 
-Service::~Service() = default;
+Service::~Service() {
+    m_updates.end();
+}
 
 void Service::start() {
     m_server = std::make_unique<Server>(m_settings.server, m_router, m_access, m_metrics);
@@ -50,12 +57,18 @@ void Service::addOwnRoutes() {
         }
         return Response::text("works\n");
     });
+    m_router.add("GET", "/metrics", Role::View, [this](const Request&) {
+        Response out;
+        out.type = "application/openmetrics-text; version=1.0.0; charset=utf-8";
+        out.body = metricsText(m_metrics, *m_settings.totals, m_readers, m_settings.version);
+        return out;
+    });
     m_router.add("GET", "/api/session", Role::View, [this](const Request& request) {
         kyo::Json::Value out;
         out["user"] = request.user;
         out["role"] = request.role == Role::Configure ? "configure" : "view";
         out["version"] = m_settings.version;
-        out["machine"] = false;
+        out["machine"] = m_machine.isKnown();
         out["tiles"] = m_settings.tiles;
         return Response::of(out);
     });

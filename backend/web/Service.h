@@ -5,17 +5,23 @@
 #include <string>
 
 #include "backend/web/Access.h"
+#include "backend/web/Machine.h"
 #include "backend/web/Metrics.h"
 #include "backend/web/Page.h"
 #include "backend/web/Readers.h"
 #include "backend/web/Router.h"
 #include "backend/web/Server.h"
+#include "backend/web/Updates.h"
 
 namespace vlmBackend::web {
 
 struct ServiceSettings {
     Server::Settings server;
+    AccessSettings access;  ///< its member `loopback` follows from the address
     std::string database;
+    std::string machine;     ///< state socket of this machine's vlmmaster; empty: none
+    std::string machineLog;  ///< its log file
+    std::shared_ptr<const store::Totals> totals = std::make_shared<store::Totals>();
     std::filesystem::path page;
     std::string tiles;    ///< address of map tiles with {z}, {x} and {y}; empty: none
     std::string version;  ///< of the program
@@ -29,6 +35,7 @@ class Service {
 
     Router& router() { return m_router; }
     Readers& readers() { return m_readers; }
+    Updates& updates() { return m_updates; }
     /// Serves from now on; throws as Server does.
     void start();
     std::string url() const;
@@ -41,6 +48,8 @@ class Service {
     Readers m_readers;
     Page m_page;
     Access m_access;
+    Machine m_machine;
+    Updates m_updates;
     Router m_router;
     std::unique_ptr<Server> m_server;  ///< last: its threads use the others
 };

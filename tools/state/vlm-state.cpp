@@ -5,12 +5,12 @@
 #include <string>
 
 #include "machine/Manifest.h"
-#include "tools/state/StateSocket.h"
+#include "state/StateSocket.h"
 
 namespace {
 
 int request(const std::string& path, const std::string& state) {
-    tools::StateSocket socket;
+    ara::stm::StateSocket socket;
     kyo::Json::Value document(kyo::Json::objectValue);
     document["request"] = "state";
     document["state"] = state;

@@ -12,12 +12,12 @@
 #include <thread>
 
 #include "machine/Manifest.h"
-#include "tools/state/StateSocket.h"
+#include "state/StateSocket.h"
 #include "tools/state/StatusText.h"
 
 namespace {
 
-bool read(tools::StateSocket& socket, const std::string& path, kyo::Json::Value& snapshot,
+bool read(ara::stm::StateSocket& socket, const std::string& path, kyo::Json::Value& snapshot,
           std::string& error) {
     kyo::Json::Value request(kyo::Json::objectValue);
     request["request"] = "status";
@@ -29,7 +29,7 @@ bool read(tools::StateSocket& socket, const std::string& path, kyo::Json::Value&
 }
 
 int printOnce(const std::string& path, bool json) {
-    tools::StateSocket socket;
+    ara::stm::StateSocket socket;
     kyo::Json::Value snapshot;
     std::string error;
     if (!read(socket, path, snapshot, error)) {
@@ -59,7 +59,7 @@ bool show(std::string line, bool terminal) {
 /// Prints until the reader of our output is gone or the user stops it; survives restarts of vlmmaster.
 int follow(const std::string& path, bool json, std::chrono::milliseconds period) {
     const bool terminal = ::isatty(STDOUT_FILENO) != 0 && !json;
-    tools::StateSocket socket;
+    ara::stm::StateSocket socket;
     tools::LiveLine line;
     bool away = false;
     for (auto next = std::chrono::steady_clock::now();; next += period) {

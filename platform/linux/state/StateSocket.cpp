@@ -1,4 +1,4 @@
-#include "tools/state/StateSocket.h"
+#include "state/StateSocket.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace tools {
+namespace ara::stm {
 
 namespace {
 
@@ -104,4 +104,4 @@ bool StateSocket::ask(const kyo::Json::Value& request, kyo::Json::Value& answer,
     return true;
 }
 
-}  // namespace tools
+}  // namespace ara::stm

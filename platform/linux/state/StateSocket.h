@@ -4,7 +4,7 @@
 
 #include "kyo/Json.h"
 
-namespace tools {
+namespace ara::stm {
 
 /// One connection to a process's state socket.
 class StateSocket {
@@ -29,4 +29,4 @@ class StateSocket {
     std::string m_in;
 };
 
-}  // namespace tools
+}  // namespace ara::stm

@@ -1,0 +1,17 @@
+#pragma once
+#include <atomic>
+#include <cstdint>
+
+namespace vlmBackend::store {
+
+/// What this process has received since its start. Any thread reads it.
+struct Totals {
+    std::atomic<std::uint64_t> envelopes{0};  ///< with those that came again
+    std::atomic<std::uint64_t> repeated{0};
+    std::atomic<std::uint64_t> samples{0};
+    std::atomic<std::uint64_t> unusable{0};          ///< kept aside: envelopes, and samples of others
+    std::atomic<std::uint64_t> bytes{0};             ///< on the wire
+    std::atomic<std::uint64_t> databaseFailures{0};  ///< batches that were not stored
+};
+
+}  // namespace vlmBackend::store
