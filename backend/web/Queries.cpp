@@ -193,9 +193,17 @@ Value catalog() {
     for (const Event& event : events()) {
         Value& one = out.append(Value());
         one["service"] = std::string(event.service);
+        one["catalogService"] = std::string(event.catalogService);
         one["resource"] = std::string(event.resource);
         one["view"] = std::string(event.view);
         one["summary"] = std::string(event.summary);
+        Value& indexes = one["indexes"] = Value(kyo::Json::arrayValue);
+        for (const EventIndex& index : event.indexes) {
+            Value& entry = indexes.append(Value());
+            entry["value"] = Value(index.value);
+            entry["name"] = std::string(index.name);
+            entry["meaning"] = std::string(index.meaning);
+        }
         Value& fields = one["fields"] = Value(kyo::Json::arrayValue);
         for (const EventField& field : event.fields) {
             Value& member = fields.append(Value());
@@ -204,6 +212,12 @@ Value catalog() {
             member["kind"] = nameOf(field.kind);
             member["unit"] = std::string(field.unit);
             member["meaning"] = std::string(field.meaning);
+            Value& values = member["values"] = Value(kyo::Json::arrayValue);
+            for (const NamedValue& named : field.values) {
+                Value& entry = values.append(Value());
+                entry["value"] = Value(named.value);
+                entry["name"] = std::string(named.name);
+            }
         }
     }
     return out;
