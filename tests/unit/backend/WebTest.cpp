@@ -1,0 +1,254 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "backend/store/Store.h"
+#include "backend/web/Access.h"
+#include "backend/web/Machine.h"
+#include "backend/web/Page.h"
+#include "backend/web/Queries.h"
+#include "backend/web/ReadApi.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/unit/backend/Envelopes.h"
+
+namespace vlmBackend::web {
+namespace {
+
+using kyo::Json::Value;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using vlmProd::compactText;
+using vlmTest::envelopeText;
+using vlmTest::positionText;
+
+constexpr std::int64_t kNow = 1'700'000'000'000;
+
+Value jsonOf(const std::string& text) {
+    Value content;
+    kyo::Json::Reader().parse(text, content, false);
+    return content;
+}
+
+class WebTest : public ::testing::Test {
+  protected:
+    WebTest() { addReadRoutes(router, readers); }
+
+    void arrive(const std::string& id, const std::string& samples, const std::string& service = "GNSSProxy",
+                const std::string& resource = "positions") {
+        const store::Received received{"vlm/a b", envelopeText(id, samples, service, resource), "", "", 10,
+                                       kNow + 500};
+        ASSERT_EQ(store.put({&received, 1})[0].outcome, store::Outcome::Stored);
+    }
+    Response get(const std::string& target, Role role = Role::View, const std::string& method = "GET") {
+        Request request;
+        request.method = method;
+        request.role = role;
+        return router.handle(target, request);
+    }
+    Value ask(const std::string& what) {
+        const Response answer = get("/api/vehicles/a%20b" + what);
+        EXPECT_EQ(answer.status, 200) << what << ": " << answer.body;
+        return jsonOf(answer.body);
+    }
+
+    const vlmTest::TemporaryFolder folder;
+    const std::string file = folder.file("vehicles.db");
+    store::Store store{file};
+    Readers readers{file};
+    Router router;
+};
+
+TEST_F(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
+    router.add("PUT", "/api/things/{thing}", Role::Configure, [](const Request& request) {
+        return Response::text(request.parameter("thing") + "=" + request.json()["x"].asString());
+    });
+    const auto put = [&](const std::string& target, Role role, const std::string& type,
+                         const std::string& body) {
+        Request request;
+        request.method = "PUT";
+        request.role = role;
+        request.contentType = type;
+        request.body = body;
+        return router.handle(target, request);
+    };
+    const std::string json = "application/json";
+    EXPECT_EQ(put("/api/things/a%2Fb", Role::Configure, json, R"({"x":"y"})").body, "a/b=y");
+    EXPECT_EQ(put("/api/things/a", Role::View, json, "{}").status, 403);
+    EXPECT_EQ(put("/api/things/a", Role::None, json, "{}").status, 401);
+    EXPECT_EQ(put("/api/things/a", Role::Configure, "text/plain", "{}").status, 415)
+        << "no form of another site";
+    EXPECT_EQ(put("/api/things/a", Role::Configure, json, "[]").status, 400);
+    EXPECT_EQ(put("/api/things/a", Role::Configure, json, R"({"x":)" + std::string(100, '[')).status, 413);
+    EXPECT_EQ(put("/api/things/", Role::Configure, json, "{}").status, 404);
+    EXPECT_EQ(put("/api/things/%f", Role::Configure, json, "{}").status, 400);
+    EXPECT_EQ(get("/api/things/a").status, 405);
+    EXPECT_EQ(get("/api/vehicles", Role::None).status, 401);
+
+    arrive("a", "[" + positionText(kNow, 48, 9) + "]");
+    const std::pair<const char*, const char*> wrong[] = {
+        {"series?column=gnss_positions.latitude&from=1x", "from: a whole number is expected"},
+        {"series?column=gnss_positions.latitude&from=99999999999999999999", "from: "},
+        {"series?column=gnss_positions.latitude&width=0", "width: a whole number from 1 to 10000"},
+        {"series?column=gnss_positions", "no such column"},
+        {"series?column=a%27b.c", "is no view"},
+        {"series", "column: is missing"},
+        {"samples?view=gnss_positions&limit=1001", "limit: "},
+        {"export?form=xml", "form: csv, gpx or jsonl"},
+        {"export?form=csv&columns=gnss_positions.latitude,x", "is no view"},
+    };
+    for (const auto& [query, reason] : wrong) {
+        const Response answer = get(std::string("/api/vehicles/a%20b/") + query);
+        EXPECT_EQ(answer.status, 400) << query;
+        EXPECT_THAT(jsonOf(answer.body)["error"].asString(), HasSubstr(reason));
+    }
+    EXPECT_EQ(get("/api/vehicles/none/export?form=gpx").status, 404) << "before the first byte of the file";
+}
+
+TEST_F(WebTest, ReducesASeriesToTheExtremesOfEachBin) {
+    std::string samples;
+    for (int i = 0; i < 100; ++i) {
+        samples += (i == 0 ? "[" : ",") + positionText(kNow + i * 10, i == 37 ? 80 : i, 9);
+    }
+    arrive("a", samples + "]");
+    arrive("b",
+           R"([{"propertyValuePairs":{"longitude":1},"timestamp":")" + std::to_string(kNow + 5) + "\"}]");
+
+    Value series = ask("/series?column=gnss_positions.latitude&width=4");
+    EXPECT_EQ(series["samples"].asInt(), 100) << "one has no latitude";
+    EXPECT_EQ(compactText(series["minimums"]), "[0.0,25.0,50.0,75.0]");
+    EXPECT_EQ(compactText(series["maximums"]), "[24.0,80.0,74.0,99.0]");
+    EXPECT_EQ(series["timesMs"][1].asInt64(), kNow + 250);
+    EXPECT_EQ(series["toMs"].asInt64(), kNow + 991);
+
+    series = ask("/series?column=gnss_positions.latitude&from=" + std::to_string(kNow + 10) +
+                 "&to=" + std::to_string(kNow + 30) + "&width=1000");
+    EXPECT_EQ(compactText(series["minimums"]), "[1.0,2.0]");
+    EXPECT_EQ(ask("/series?column=gnss_positions.latitude&from=5&to=-9223372036854775808")["samples"].asInt(),
+              0);
+
+    const Value track = ask("/track?points=4");
+    EXPECT_EQ(track["samples"].asInt(), 101);
+    EXPECT_EQ(track["timesMs"].size(), 4u) << compactText(track);
+    // 10 million rows can only be served from the index.
+    std::string plan;
+    const store::Cell parameters[] = {std::int64_t{1}, std::int64_t{1}, kNow,
+                                      kNow + 9,        std::int64_t{1}, std::int64_t{1}};
+    const EventField& latitude = *findView("gnss_positions")->field("latitude");
+    readers.use([&](store::Sql& sql) {
+        for (const auto& row :
+             sql.query("EXPLAIN QUERY PLAN " + seriesStatement(latitude, sql.dialect()), parameters)) {
+            plan += store::text(row[3]) + "\n";
+        }
+    });
+    EXPECT_THAT(
+        plan, HasSubstr("USING INDEX samples_by_time (vehicle=? AND event=? AND measured>? AND measured<?)"));
+}
+
+TEST_F(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
+    arrive("a", "[" + positionText(kNow, 48, 9) + "]");
+    arrive("b", "[" + positionText(kNow + 9, 49, 9) + "," + positionText(kNow + 8, 50, 9) + "]");
+    arrive("late", "[" + positionText(kNow - 9, 51, 9) + "]");
+    const store::Received broken{"vlm/a b", "no envelope", "", "", 10, kNow};
+    store.put({&broken, 1});
+
+    const Value latest = ask("/latest");
+    ASSERT_EQ(latest.size(), 1u);
+    EXPECT_EQ(latest[0]["values"]["latitude"].asDouble(), 49);
+    EXPECT_EQ(latest[0]["measuredMs"].asInt64(), kNow + 9);
+    EXPECT_EQ(latest[0]["receivedMs"].asInt64(), kNow + 500);
+    const Value vehicle = ask("");
+    EXPECT_EQ(vehicle["reports"].asInt(), 3);
+    EXPECT_EQ(vehicle["samples"].asInt(), 4);
+    EXPECT_EQ(vehicle["unusable"].asInt(), 1);
+    EXPECT_EQ(vehicle["measuredFromMs"].asInt64(), kNow - 9);
+    EXPECT_EQ(vehicle["measuredToMs"].asInt64(), kNow + 9);
+    const Value unusable = jsonOf(get("/api/unusable?vehicle=a+b").body);
+    ASSERT_EQ(unusable.size(), 1u);
+    EXPECT_EQ(get("/api/unusable/" + unusable[0]["id"].asString()).body, "no envelope");
+    EXPECT_EQ(get("/api/unusable/99").status, 404);
+
+    store.deleteBefore(kNow + 501);
+    EXPECT_EQ(ask("/latest").size(), 0u);
+    EXPECT_EQ(ask("")["reports"].asInt(), 0);
+    EXPECT_EQ(ask("")["samples"].asInt(), 0);
+    EXPECT_EQ(ask("")["unusable"].asInt(), 0);
+    EXPECT_TRUE(ask("")["lastReport"].isNull());
+}
+
+TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {
+    const vlmTest::TemporaryFolder folder;
+    const std::string users = folder.file("users");
+    addUser(users, "eva", "view", "a long password");
+    addUser(users, "udo", "view", "another password");
+    addUser(users, "udo", "configure", "a third password");
+    EXPECT_THROW(addUser(users, "a:b", "view", "a long password"), std::runtime_error);
+    EXPECT_THROW(addUser(users, "max", "view", "short"), std::runtime_error);
+    EXPECT_THROW(addUser(users, "max", "root", "a long password"), std::runtime_error);
+
+    Access access({false, users, "secret"});
+    const auto roleOf = [&access](const std::string& authorization,
+                                  const std::string& address = "192.0.2.1") {
+        Request request;
+        const auto refused = access.admit({address, "any", authorization}, request);
+        return refused ? std::to_string(refused->status)
+                       : request.user + (request.role == Role::Configure ? "!"
+                                         : request.role == Role::View    ? "."
+                                                                         : "");
+    };
+    EXPECT_EQ(roleOf("Basic ZXZhOmEgbG9uZyBwYXNzd29yZA=="), "eva.");  // eva:a long password
+    EXPECT_EQ(roleOf("Basic dWRvOmEgdGhpcmQgcGFzc3dvcmQ="), "udo!");  // udo:a third password
+    EXPECT_EQ(roleOf("Basic dWRvOmFub3RoZXIgcGFzc3dvcmQ="), "401");   // udo:another password
+    EXPECT_EQ(roleOf("Bearer secret"), "token!");
+    EXPECT_EQ(roleOf("Bearer secret2"), "401");
+    EXPECT_EQ(roleOf(""), "") << "may ask for /healthz";
+    for (const char* strange : {"Basic", "Basic ====", "Basic Og==", "Digest x", "Bearer "}) {
+        EXPECT_EQ(roleOf(strange), "401") << strange;
+    }
+    for (int i = 0; i < Access::kMostFailures; ++i) {
+        roleOf("Basic ZXZhOng=");  // eva:x
+    }
+    EXPECT_EQ(roleOf("Basic ZXZhOmEgbG9uZyBwYXNzd29yZA=="), "429");
+    EXPECT_EQ(roleOf("Basic ZXZhOmEgbG9uZyBwYXNzd29yZA==", "192.0.2.2"), "eva.") << "another address";
+
+    Access open({true, {}, ""});
+    for (const auto& [host, status] : {std::pair{"localhost:8642", 0},
+                                       {"127.0.0.1", 0},
+                                       {"[::1]:8642", 0},
+                                       {"attacker.example:8642", 421},
+                                       {"", 421}}) {
+        Request request;
+        const auto refused = open.admit({"127.0.0.1", host, ""}, request);
+        EXPECT_EQ(refused ? refused->status : 0, status) << host;
+    }
+}
+
+TEST(WebFilesTest, ServesThePageAndTheEndOfALog) {
+    const vlmTest::TemporaryFolder folder;
+    std::filesystem::create_directories(folder.file("page/assets"));
+    std::ofstream(folder.file("page/index.html")) << "<p>";
+    std::ofstream(folder.file("page/.hidden")) << "x";
+    std::ofstream(folder.file("secret")) << "x";
+    std::ofstream(folder.file("page/assets/a-1.js")) << "1";
+    const Page page(folder.file("page"));
+    EXPECT_EQ(page.file("/").body, "<p>");
+    EXPECT_THAT(page.file("/assets/a-1.js").type, HasSubstr("text/javascript"));
+    EXPECT_THAT(page.file("/assets/a-1.js").headers[0].second, HasSubstr("immutable"));
+    for (const char* out :
+         {"/../secret", "/.hidden", "/assets/../../secret", "//etc/passwd", "/assets", "/none"}) {
+        EXPECT_THROW(page.file(out), Problem) << out;
+    }
+    EXPECT_THAT(Page("none").file("/").body, HasSubstr("The page is missing"));
+
+    std::ofstream log(folder.file("log"));
+    log << "2026-03-11 14:05:09.123 1 lost\n";
+    for (int i = 0; i < 20'000; ++i) {
+        log << "2026-03-11 14:05:09.123 5 " << std::string(100, 'x') << '\n';
+    }
+    log << "2026-03-11 14:05:10.000 3 seen\n    2026-03-11 14:05:10.000 1 faked\n" << std::flush;
+    EXPECT_THAT(Machine::importantLines(folder.file("log")), ElementsAre("2026-03-11 14:05:10.000 3 seen"));
+    EXPECT_TRUE(Machine::importantLines("none").empty());
+}
+
+}  // namespace
+}  // namespace vlmBackend::web
