@@ -420,7 +420,10 @@ class Server::Listener : public httplib::Server {
             answered = false;
             bool unread = false;
             const bool good = process_request(connection, last, closed, [&](httplib::Request& request) {
-                connection.allowBody();
+                // The library would read what is too long, and discard it.
+                if (request.get_header_value<std::uint64_t>("Content-Length") <= kMostBodyBytes) {
+                    connection.allowBody();
+                }
                 unread = (request.method == "GET" || request.method == "HEAD") &&
                          (request.has_header("Content-Length") || request.has_header("Transfer-Encoding"));
                 request.path = "/";
