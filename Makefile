@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage clean
+.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -43,6 +43,9 @@ deps:
 deps-lint:
 	@tools/run/deps.sh lint
 
+deps-page:
+	@tools/run/deps.sh page
+
 # Repeated configuring is cheap and finds new files.
 configure: deps
 	@cmake --preset $(PRESET) --log-level=WARNING >/dev/null
@@ -51,11 +54,11 @@ build: configure
 	cmake --build --preset $(PRESET) -j $(JOBS)
 
 run: configure
-	@cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-status vlm-check vlm_catalog_file
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-status vlm-check vlm_catalog_file page
 	@tools/run/vlm-run --build build/$(PRESET) --backend '$(BACKEND)' --config '$(CONFIG)' \
 	  $(if $(SCENARIO),--scenario '$(SCENARIO)') $(if $(DURATION),--duration '$(DURATION)') $(if $(SPEED),--speed '$(SPEED)')
 
-test: build
+test: deps-page build
 	ctest --preset $(PRESET) -j $(JOBS)
 
 # A table of lines and branches per file, from the unit and integration tests.

@@ -13,6 +13,8 @@ fi
 installed=" $(dpkg-query -W -f '${Package}=${db:Status-Abbrev} ' "${wanted[@]}" 2>/dev/null || true)"
 missing=()
 for package in "${wanted[@]}"; do
+  # A Node.js from elsewhere brings npm along and conflicts with Debian's.
+  [[ $package == npm ]] && command -v npm >/dev/null && continue
   [[ "$installed" == *" $package=ii "* ]] || missing+=("$package")
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
