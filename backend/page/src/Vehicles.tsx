@@ -22,7 +22,7 @@ export const STATES: Record<Vehicle["configuration"]["state"], { tone: Tone; tex
 const FILTERS: Record<string, { text: string; keeps: (vehicle: Vehicle) => boolean }> = {
   all: { text: "All", keeps: () => true },
   online: { text: "Online", keeps: (vehicle) => vehicle.online },
-  offline: { text: "Offline", keeps: (vehicle) => !vehicle.online },
+  offline: { text: "Offline", keeps: (vehicle) => !vehicle.online && vehicle.seenMs > 0 },
   losses: { text: "With losses", keeps: (vehicle) => lossesOf(vehicle) > 0 },
   waiting: { text: "Envelopes waiting", keeps: (vehicle) => (vehicle.health?.waitingEnvelopes ?? 0) > 0 },
   refused: { text: "Configuration refused", keeps: (vehicle) => vehicle.configuration.state === "refused" },
@@ -68,7 +68,8 @@ function Row(props: { vehicle: Vehicle; configurations: Configuration[] | undefi
         <a href={link(["vehicle", vehicle.name])}>{vehicle.name}</a>
         {vehicle.group !== "" && <small class="muted"> {vehicle.group}</small>}
       </th>
-      <td data-label="State"><Online online={vehicle.online} /> <small class="muted">seen <Age ms={vehicle.seenMs} /></small></td>
+      <td data-label="State"><Online online={vehicle.online} seenMs={vehicle.seenMs} />
+        {vehicle.seenMs > 0 && <small class="muted"> seen <Age ms={vehicle.seenMs} /></small>}</td>
       <td data-label="Last report">
         {lastReport ? <>{lastReport.name} <small class="muted">no. {lastReport.sequence}, <Age ms={lastReport.receivedMs} /></small></>
           : <span class="muted">none yet</span>}
@@ -115,13 +116,15 @@ export function Vehicles(): JSX.Element {
           const found = all.filter((vehicle) => FILTERS[filter]!.keeps(vehicle)
             && (vehicle.name.toLowerCase().includes(wanted) || vehicle.group.toLowerCase().includes(wanted)));
           const online = all.filter((vehicle) => vehicle.online).length;
+          const present = all.filter((vehicle) => vehicle.seenMs > 0).length;
           const withLosses = all.filter((vehicle) => lossesOf(vehicle) > 0).length;
           const waiting = all.reduce((sum, vehicle) => sum + (vehicle.health?.waitingEnvelopes ?? 0), 0);
           const refused = all.filter((vehicle) => vehicle.configuration.state === "refused").length;
           return (
             <>
               <dl class="stats">
-                <Stat label="Online" value={`${whole(online)} of ${whole(all.length)}`} tone={online > 0 ? "good" : "plain"} />
+                {present === 0 ? <Stat label="Vehicles" value={whole(all.length)} />
+                  : <Stat label="Online" value={`${whole(online)} of ${whole(present)}`} tone={online > 0 ? "good" : "plain"} />}
                 <Stat label="Samples stored" value={whole(all.reduce((sum, vehicle) => sum + vehicle.samples, 0))} />
                 <Stat label="Envelopes waiting" value={whole(waiting)} tone={waiting > 0 ? "info" : "plain"} note="on vehicles' disks" />
                 <Stat label="With losses" value={whole(withLosses)} tone={withLosses > 0 ? "warn" : "plain"} note="vehicles" />

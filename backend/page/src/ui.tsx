@@ -31,7 +31,9 @@ export function Chip(props: { tone: Tone; children: ComponentChildren; title?: s
   return <span class={`chip ${props.tone}`} title={props.title}>{props.children}</span>;
 }
 
-export function Online(props: { online: boolean }): JSX.Element {
+/** Without presence, what came was read from a file. */
+export function Online(props: { online: boolean; seenMs: number }): JSX.Element {
+  if (props.seenMs === 0) return <Chip tone="plain" title="No presence: what this vehicle sent came through a file.">from a file</Chip>;
   return props.online ? <Chip tone="good">● online</Chip> : <Chip tone="plain">○ offline</Chip>;
 }
 

@@ -93,7 +93,7 @@ function VehiclesPanel(props: { vehicles: Vehicle[]; configurations: Configurati
                 const ofGroup = groupAssignment(vehicle.group);
                 return (
                   <tr key={vehicle.name}>
-                    <th scope="row"><a href={link(["vehicle", vehicle.name])}>{vehicle.name}</a> <Online online={vehicle.online} /></th>
+                    <th scope="row"><a href={link(["vehicle", vehicle.name])}>{vehicle.name}</a> <Online online={vehicle.online} seenMs={vehicle.seenMs} /></th>
                     <td data-label="Group">
                       <Confirmed value={vehicle.group} label="Set" disabled={!may}
                         send={(group) => put(["vehicles", vehicle.name, "group"], { group })}>

@@ -20,6 +20,8 @@ const COLOURS = 6; // --plot-1 to --plot-6
 const HEIGHT = 132;
 const AXIS_HEIGHT = 34;
 const LEAST_DRAG = 6; // px
+const LEAST_WIDTH = 50; // px; less before the first layout
+const READ_STEPS = 2000; // of the value at the cursor, over the plotted range
 
 /** Labels that tell a date where a day begins, and as much of a second as the distance needs. */
 export function timeLabels(seconds: readonly number[], step: number): string[] {
@@ -70,7 +72,7 @@ export function Plot(props: {
   const shade = useStore(theme);
   const text = plottedText(plotted);
   const bins = Math.max(100, Math.ceil(width / 50) * 50);
-  const series = useLoad(`${vehicle} ${text}`, `${range.fromMs} ${range.toMs} ${bins} ${props.version}`, (signal) =>
+  const series = useLoad(width < LEAST_WIDTH ? null : `${vehicle} ${text}`, `${range.fromMs} ${range.toMs} ${bins} ${props.version}`, (signal) =>
     get<Series>(["vehicles", vehicle, "series"], { column: plotted.column, from: range.fromMs, to: range.toMs,
       instance: plotted.instance, width: bins }, signal));
   const shown = series.value;
@@ -94,13 +96,14 @@ export function Plot(props: {
     const most = now.maximums[where]!;
     const name = what ? named(what.field, least) : "";
     const unit = now.unit === "" ? "" : ` ${now.unit}`;
-    const one = what?.field.kind === "boolean" ? (least ? "true" : "false") : name === "" ? digits(least) : `${least} ${name}`;
-    target.textContent = `${least === most ? one : `${digits(least)} … ${digits(most)}`}${unit}`;
+    const step = now.minimums.every(Number.isInteger) ? 0 : (Math.max(...now.maximums) - Math.min(...now.minimums)) / READ_STEPS;
+    const one = what?.field.kind === "boolean" ? (least ? "true" : "false") : name === "" ? digits(least, step) : `${least} ${name}`;
+    target.textContent = `${least === most ? one : `${digits(least, step)} … ${digits(most, step)}`}${unit}`;
     target.title = utc(now.timesMs[where]!, true);
   };
 
   useEffect(() => {
-    if (!box.current || width < 50) return;
+    if (!box.current || width < LEAST_WIDTH) return;
     const line: uPlot.Series = { stroke: colour(tint), width: 1.75, spanGaps: false,
       points: { size: 5, fill: colour(tint), stroke: colour(tint) } };
     if (stepped) line.paths = uPlot.paths.stepped!({ align: 1 });

@@ -258,7 +258,7 @@ export function Vehicle(props: { name: string; session: Session }): JSX.Element 
       <nav aria-label="Path" class="path"><a href={link(["vehicles"])}>Vehicles</a></nav>
       <div class="title">
         <h1>{name}</h1>
-        {vehicle.value && <Online online={vehicle.value.online} />}
+        {vehicle.value && <Online online={vehicle.value.online} seenMs={vehicle.value.seenMs} />}
         {vehicle.value?.group && <Chip tone="plain">group {vehicle.value.group}</Chip>}
         {vehicle.value && <span class="muted">catalog {vehicle.value.catalog || "unknown"}</span>}
       </div>
