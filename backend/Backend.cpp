@@ -13,6 +13,7 @@
 #include "backend/ConfigurationFile.h"
 #include "backend/Transport.h"
 #include "json/JsonFields.h"
+#include "json/TextLimits.h"
 
 namespace vlmBackend {
 
@@ -24,7 +25,10 @@ using vlmProd::textOf;
 namespace {
 
 constexpr std::size_t kRecentIds = 1000;
-constexpr std::uint64_t kMostBytes = 64u << 20;  // the most that a vehicle's manifest can allow
+constexpr std::size_t kAtOnce = 100;  // configurations that are sent in one transaction
+constexpr vlmProd::TextLimits kMessage{
+    .bytes = 256u << 10, .depth = 32, .values = 10'000};  // that is no envelope
+constexpr std::uint64_t kMostBytes = 64u << 20;           // the most that a vehicle's manifest can allow
 
 std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -79,13 +83,15 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
         }
         Value content;
         kyo::Json::Reader reader;
-        if (!reader.parse(payload, content, false) || !content.isObject()) {
+        if (std::string fault; !vlmProd::isWithin(kMessage, payload, fault)) {
+            m_print(topic + ": " + fault);
+        } else if (!reader.parse(payload, content, false) || !content.isObject()) {
             m_print(topic + ": " +
                     (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
         } else if (topic.ends_with("/status")) {
             add(onStatus(std::string(prefix), content));
         } else if (topic.ends_with("/health") && m_settings.database != nullptr) {
-            m_settings.database->setHealth(std::string(prefix), compactText(content), nowMs());
+            m_settings.database->setHealth(std::string(prefix), content, nowMs());
         } else if (const auto asking = prefixOf(topic, "/config/request")) {
             add(onRequest(*asking));
         }
@@ -170,9 +176,7 @@ std::vector<bool> Backend::store(std::vector<Arrived>& batch) {
         if (result.outcome == store::Outcome::Failed) {
             done[i] = false;
             describe(batch[i]);  // for the result's messageId
-            if (!std::exchange(m_databaseFailed, true)) {
-                m_print("the database does not take what comes: " + result.reason);
-            }
+            noteDatabaseFailed(result.reason);
         } else if (result.outcome == store::Outcome::Unusable) {
             m_print(received[i].prefix + ": kept aside: " + result.reason);
         } else if (result.refused != 0) {
@@ -183,6 +187,12 @@ std::vector<bool> Backend::store(std::vector<Arrived>& batch) {
     return done;
 }
 
+void Backend::noteDatabaseFailed(const std::string& reason) {
+    if (!std::exchange(m_databaseFailed, true)) {
+        m_print("the database does not take what comes: " + reason);
+    }
+}
+
 std::vector<Outgoing> Backend::retry() {
     try {
         m_settings.database->sql().query("SELECT 1");
@@ -191,7 +201,14 @@ std::vector<Outgoing> Backend::retry() {
     }
     m_databaseFailed = false;
     m_print("the database is back");
-    return m_settings.open ? openAll() : std::vector<Outgoing>{};
+    auto out = m_settings.open ? openAll() : std::vector<Outgoing>{};
+    for (auto& [prefix, vehicle] : m_vehicles) {
+        if (std::exchange(vehicle.asks, false)) {
+            auto answers = onRequest(prefix);
+            std::move(answers.begin(), answers.end(), std::back_inserter(out));
+        }
+    }
+    return out;
 }
 
 std::size_t Backend::import(const std::string& prefix, const std::vector<std::string>& lines) {
@@ -269,14 +286,112 @@ std::vector<Outgoing> Backend::onStatus(const std::string& prefix, const Value& 
         m_settings.database->setPresence(prefix, vehicle.online, textOf(member(status, "serverName")),
                                          nowMs());
     }
+    vehicle.isChecked = vehicle.online && m_settings.database != nullptr;
     if (!vehicle.online) {
         return {};
+    }
+    if (vehicle.isChecked) {
+        m_checks.emplace_back(Clock::now() + m_settings.returnPause, prefix);
     }
     // After each connection a vehicle needs an opening message before it sends.
     return {masterControl(prefix, vehicle, 0, m_settings.open)};
 }
 
+Outgoing Backend::configurationMessage(const std::string& prefix,
+                                       const store::Configuration& configuration) const {
+    return {prefix + "/config/response",
+            compactText(kyo::orx::configurationAnswer(configuration.recordId, configuration.text)),
+            {},
+            std::nullopt};
+}
+
+/// Sends those of the vehicles what they are to have and, as far as is known, do not have. False when the
+/// database fails.
+bool Backend::sendOpen(const std::vector<std::string>& prefixes, std::vector<Outgoing>& out) {
+    std::vector<store::Due> found;
+    const bool done = m_settings.database->transact([&](store::Sql& sql) {
+        for (const std::string& prefix : prefixes) {
+            if (auto due = store::openOf(sql, store::vehicleName(prefix))) {
+                store::noteSent(sql, *due, nowMs());
+                found.push_back(std::move(*due));
+            }
+        }
+    });
+    if (!done) {
+        noteDatabaseFailed("configurations cannot be read");
+        return false;
+    }
+    for (const store::Due& due : found) {
+        m_print(due.prefix + " gets the configuration " + due.configuration.recordId);
+        out.push_back(configurationMessage(due.prefix, due.configuration));
+    }
+    return true;
+}
+
+std::vector<Outgoing> Backend::onConfigurationsChanged() {
+    std::vector<store::Due> found;
+    if (m_settings.database->transact([&found](store::Sql& sql) { found = store::unsent(sql); })) {
+        m_unsent.clear();
+        for (const store::Due& due : found) {
+            m_unsent.push_back(due.prefix);
+        }
+    } else {
+        noteDatabaseFailed("assignments cannot be read");
+    }
+    return tick(Clock::now());
+}
+
+std::vector<Outgoing> Backend::tick(Clock::time_point now) {
+    std::vector<std::string> prefixes;
+    for (; !m_unsent.empty() && prefixes.size() < kAtOnce; m_unsent.pop_front()) {
+        const auto vehicle = m_vehicles.find(m_unsent.front());
+        if (vehicle != m_vehicles.end() && vehicle->second.online && !vehicle->second.isChecked) {
+            prefixes.push_back(m_unsent.front());
+        }
+    }
+    for (; !m_checks.empty() && m_checks.front().first <= now && prefixes.size() < kAtOnce;
+         m_checks.pop_front()) {
+        if (std::exchange(m_vehicles[m_checks.front().second].isChecked, false)) {
+            prefixes.push_back(m_checks.front().second);
+        }
+    }
+    std::vector<Outgoing> out;
+    if (!prefixes.empty() && !sendOpen(prefixes, out)) {
+        for (const std::string& prefix : prefixes) {
+            m_vehicles[prefix].isChecked = true;
+            m_checks.emplace_back(now + m_settings.returnPause, prefix);
+        }
+    }
+    return out;
+}
+
+std::optional<Backend::Clock::time_point> Backend::nextTick() const {
+    if (!m_unsent.empty()) {
+        return Clock::time_point{};
+    }
+    return m_checks.empty() ? std::nullopt : std::optional(m_checks.front().first);
+}
+
 std::vector<Outgoing> Backend::onRequest(const std::string& prefix) {
+    if (m_settings.database != nullptr) {
+        Vehicle& vehicle = m_vehicles[prefix];
+        std::optional<store::Due> due;
+        if (!m_settings.database->transact([&](store::Sql& sql) {
+                due = store::desiredOf(sql, store::vehicleName(prefix));
+                if (due) {
+                    store::noteSent(sql, *due, nowMs());
+                }
+            })) {
+            vehicle.asks = true;
+            noteDatabaseFailed("configurations cannot be read");
+            return {};
+        }
+        if (due) {
+            vehicle.isChecked = false;
+            m_print(prefix + " asks for a configuration: " + due->configuration.recordId);
+            return {configurationMessage(prefix, due->configuration)};
+        }
+    }
     if (m_settings.configuration.empty()) {
         m_print(prefix + " asks for a configuration; there is none to serve");
         return {};

@@ -9,8 +9,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "backend/store/Configurations.h"
 #include "backend/store/Store.h"
 #include "backend/store/Totals.h"
 #include "kyo/Json.h"
@@ -31,6 +33,8 @@ struct Settings {
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
     store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
     std::shared_ptr<store::Totals> totals = std::make_shared<store::Totals>();
+    /// From a vehicle's return until it is sent a configuration for which it has not asked.
+    std::chrono::milliseconds returnPause{3000};
 };
 
 struct Incoming {
@@ -50,6 +54,7 @@ struct Outgoing {
 class Backend {
   public:
     using Print = std::function<void(const std::string& line)>;
+    using Clock = std::chrono::steady_clock;
 
     Backend(Settings settings, Print print);
 
@@ -73,6 +78,12 @@ class Backend {
     bool databaseFailed() const { return m_databaseFailed; }
     std::vector<Outgoing> retry();
 
+    /// Assignments may have changed: vehicles that are online get what they are to have.
+    std::vector<Outgoing> onConfigurationsChanged();
+    /// What is due by now, and when the next call may have something.
+    std::vector<Outgoing> tick(Clock::time_point now);
+    std::optional<Clock::time_point> nextTick() const;
+
     bool isOpen() const { return m_settings.open; }
     const store::Totals& totals() const { return *m_settings.totals; }
 
@@ -82,6 +93,8 @@ class Backend {
         std::vector<std::string> offered;
         std::size_t answered = 0;  ///< envelopes so far: the place in the script
         std::deque<std::string> recentIds;
+        bool isChecked = false;  ///< m_checks has an entry that counts
+        bool asks = false;       ///< for a configuration, which the database did not give
     };
 
     /// An envelope on its way through one call.
@@ -102,6 +115,9 @@ class Backend {
     std::vector<Outgoing> openAll();
     std::vector<Outgoing> onStatus(const std::string& prefix, const kyo::Json::Value& status);
     std::vector<Outgoing> onRequest(const std::string& prefix);
+    Outgoing configurationMessage(const std::string& prefix, const store::Configuration& configuration) const;
+    bool sendOpen(const std::vector<std::string>& prefixes, std::vector<Outgoing>& out);
+    void noteDatabaseFailed(const std::string& reason);
     std::vector<Outgoing> onEnvelope(const Arrived& arrived, bool stored);
     bool append(const std::string& envelope);
 
@@ -111,6 +127,9 @@ class Backend {
     store::EnvelopeReader m_reader;
     bool m_databaseFailed = false;
     int m_ticket = 0;
+    std::deque<std::pair<Clock::time_point, std::string>>
+        m_checks;                      ///< prefixes of vehicles that have returned
+    std::deque<std::string> m_unsent;  ///< prefixes of vehicles whose configuration has changed
 };
 
 /// Reads "0,0,1,2,0", with "-" for no answer. Returns false for another text.

@@ -54,7 +54,9 @@ struct Options {
     std::string database;
     std::string exportForm;  ///< empty: nothing is exported
     vlmBackend::store::Selection selection;
-    int retentionDays = 0;                                ///< 0: for ever
+    int retentionDays = 0;  ///< 0: for ever
+    /// From the threads of HTTP to the main thread.
+    std::shared_ptr<kyo::WakeFd> assignmentsChanged = std::make_shared<kyo::WakeFd>();
     std::optional<vlmBackend::web::ServiceSettings> web;  ///< none: HTTP is not served
     bool usualAddress = true;                             ///< no other one was asked for
     vlmBackend::Settings backend;
@@ -100,6 +102,8 @@ cxxopts::Options describeOptions() {
         cxxopts::value<std::string>()->default_value("127.0.0.1:8642"));
     add("page", "folder of the built page; without it, the installed one",
         cxxopts::value<std::string>()->default_value(""));
+    add("catalog", "signal catalog for the checks of configurations",
+        cxxopts::value<std::string>()->default_value(vlmCheck::CatalogView::kInstalled));
     add("tiles", "map tiles for the page: https://tiles.example/{z}/{x}/{y}.png; without it, outlines only",
         cxxopts::value<std::string>()->default_value(""));
     add("users", "file with the users of page and API; --add-user writes it",
@@ -190,6 +194,8 @@ void readWeb(const cxxopts::ParseResult& given, Options& out) {
     }
     const auto page = given["page"].as<std::string>();
     web.page = page.empty() ? vlmBackend::web::Page::usualFolder() : std::filesystem::path(page);
+    web.catalog = given["catalog"].as<std::string>();
+    web.assignmentsChanged = [changed = out.assignmentsChanged] { changed->wake(); };
     web.tiles = given["tiles"].as<std::string>();
     web.version = VLM_VERSION;
 }
@@ -474,6 +480,7 @@ class Program {
     explicit Program(const Options& options)
         : m_backend(options.backend, print),
           m_retention(options.backend.database, options.retentionDays),
+          m_assignmentsChanged(options.assignmentsChanged),
           m_connection(options.mqtt, "vlm-backend-" + std::to_string(::getpid()),
                        {options.prefix + "/status", options.prefix + "/health",
                         options.prefix + "/config/request", options.prefix + "/data/#"},
@@ -495,8 +502,11 @@ class Program {
     void run(int signals) {
         m_connection.start();
         while (!m_ended) {
-            pollfd handles[] = {{signals, POLLIN, 0}, {m_inbox.bell(), POLLIN, 0}, {m_input, POLLIN, 0}};
-            ::poll(handles, 3, untilNextAnswer());
+            pollfd handles[] = {{signals, POLLIN, 0},
+                                {m_inbox.bell(), POLLIN, 0},
+                                {m_input, POLLIN, 0},
+                                {m_assignmentsChanged->get(), POLLIN, 0}};
+            ::poll(handles, std::size(handles), untilNextAnswer());
             if (handles[0].revents != 0) {
                 onSignal(signals);
             }
@@ -505,6 +515,11 @@ class Program {
                 m_nextTry = SteadyClock::now() + kTryEvery;
                 schedule(m_backend.retry());
             }
+            if (handles[3].revents != 0) {
+                m_assignmentsChanged->reset();
+                schedule(m_backend.onConfigurationsChanged());
+            }
+            schedule(m_backend.tick(SteadyClock::now()));
             m_retention.run();
             if (handles[2].revents != 0) {
                 onInput();
@@ -522,14 +537,18 @@ class Program {
   private:
     static constexpr std::chrono::seconds kTryEvery{1};
     static constexpr std::chrono::minutes kLongestWait{1};
+    static constexpr milliseconds kBrokerPause{20};  ///< for it to confirm some of many messages
 
     int untilNextAnswer() const {
         auto next = SteadyClock::now() + kLongestWait;
         if (!m_due.empty()) {
-            next = std::min(next, m_due.begin()->first);
+            next = std::min(next, std::max(m_due.begin()->first, m_sendAgainAt));
         }
         if (m_backend.databaseFailed()) {
             next = std::min(next, m_nextTry);
+        }
+        if (const auto tick = m_backend.nextTick()) {
+            next = std::min(next, *tick);
         }
         const auto left = std::chrono::ceil<milliseconds>(next - SteadyClock::now()).count();
         return static_cast<int>(std::max<std::int64_t>(0, left));
@@ -540,15 +559,20 @@ class Program {
         }
     }
     void sendWhatIsDue() {
-        while (!m_due.empty() && m_due.begin()->first <= SteadyClock::now()) {
-            const auto message = std::move(m_due.extract(m_due.begin()).mapped());
-            if (message.channel && *message.channel != m_backend.isOpen()) {
-                continue;
-            }
+        while (!m_due.empty() && std::max(m_due.begin()->first, m_sendAgainAt) <= SteadyClock::now()) {
+            const auto& message = m_due.begin()->second;
             std::string error;
-            if (m_connection.publish(message.topic, message.payload, false, 0, error) != 0) {
-                print(message.topic + ": " + error);
+            if (!message.channel || *message.channel == m_backend.isOpen()) {
+                const auto code = m_connection.publish(message.topic, message.payload, false, 0, error);
+                if (code == kyo::orx::MqttConnection::kQueueFull) {
+                    m_sendAgainAt = SteadyClock::now() + kBrokerPause;
+                    return;
+                }
+                if (code != 0) {
+                    print(message.topic + ": " + error);
+                }
             }
+            m_due.erase(m_due.begin());
         }
     }
     void onSignal(int signals) {
@@ -586,6 +610,8 @@ class Program {
     SteadyClock::time_point m_nextTry;
     Inbox m_inbox;
     std::multimap<SteadyClock::time_point, vlmBackend::Outgoing> m_due;
+    SteadyClock::time_point m_sendAgainAt{};
+    const std::shared_ptr<kyo::WakeFd> m_assignmentsChanged;
     int m_input = STDIN_FILENO;
     std::string m_line;
     bool m_ended = false;

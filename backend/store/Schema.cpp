@@ -59,6 +59,26 @@ constexpr std::array kMigrations{
          samples = (SELECT COUNT(*) FROM samples s WHERE s.vehicle = vehicles.id),
          unusable = (SELECT COUNT(*) FROM unusable u WHERE u.vehicle = vehicles.id),
          last_report = (SELECT MAX(id) FROM reports r WHERE r.vehicle = vehicles.id))",
+    // A vehicle has at most one own assignment, a group one; deliveries says what became of the configuration
+    // that a vehicle was sent last.
+    R"(ALTER TABLE vehicles ADD COLUMN grp TEXT NOT NULL DEFAULT '';
+       CREATE TABLE configurations (
+         id {id}, name TEXT NOT NULL, version BIGINT NOT NULL, record_id TEXT NOT NULL UNIQUE,
+         content TEXT NOT NULL, created BIGINT NOT NULL, author TEXT NOT NULL, UNIQUE (name, version));
+       CREATE TABLE assignments (
+         vehicle BIGINT UNIQUE REFERENCES vehicles (id), grp TEXT UNIQUE,
+         configuration BIGINT NOT NULL REFERENCES configurations (id), assigned BIGINT NOT NULL,
+         author TEXT NOT NULL, CHECK ((vehicle IS NULL) <> (grp IS NULL)));
+       CREATE TABLE deliveries (
+         vehicle BIGINT PRIMARY KEY REFERENCES vehicles (id),
+         configuration BIGINT NOT NULL REFERENCES configurations (id), sent BIGINT NOT NULL,
+         state TEXT NOT NULL, state_at BIGINT NOT NULL, reason TEXT NOT NULL);
+       CREATE VIEW desired AS
+         SELECT v.id AS vehicle, COALESCE(own.configuration, shared.configuration) AS configuration
+         FROM vehicles v LEFT JOIN assignments own ON own.vehicle = v.id
+         LEFT JOIN assignments shared ON shared.grp = v.grp
+         WHERE COALESCE(own.configuration, shared.configuration) IS NOT NULL;
+       INSERT INTO settings (name, value) VALUES ('configuration_changes', '0'), ('delivery_changes', '0'))",
 };
 
 void replaceAll(std::string& text, std::string_view what, std::string_view by) {
@@ -206,7 +226,7 @@ std::vector<std::string> viewStatements(Dialect dialect) {
     return statements;
 }
 
-void migrate(Sql& sql) {
+void migrate(Sql& sql, int newest) {
     Transaction transaction(sql);
     if (sql.dialect() == Dialect::Postgres) {
         sql.script("SELECT pg_advisory_xact_lock(8642)");  // several instances may start at once
@@ -218,10 +238,10 @@ void migrate(Sql& sql) {
         throw DatabaseError("the database has version " + found + ", and this program knows version " +
                             std::to_string(newestVersion()) + " and older ones");
     }
-    for (int next = version; next < newestVersion(); ++next) {
+    for (int next = version; next < newest; ++next) {
         sql.script(inDialect(kMigrations[static_cast<std::size_t>(next)], sql.dialect()));
     }
-    set(sql, "version", std::to_string(newestVersion()));
+    set(sql, "version", std::to_string(newest));
     writeViews(sql);
     transaction.commit();
 }

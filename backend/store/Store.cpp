@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <charconv>
 
+#include "backend/store/Configurations.h"
 #include "backend/store/Schema.h"
+#include "json/JsonFields.h"
 
 namespace vlmBackend::store {
 
@@ -236,16 +238,24 @@ void Store::setPresence(const std::string& prefix, bool online, const std::strin
         reason);
 }
 
-void Store::setHealth(const std::string& prefix, const std::string& health, std::int64_t nowMs) {
+void Store::setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs) {
+    transact([&](Sql& sql) {
+        const std::int64_t vehicle = vehicleId(prefix);
+        const Cell parameters[] = {vehicle, vlmProd::compactText(health), nowMs};
+        sql.query(sql.dialect() == Dialect::Sqlite
+                      ? "UPDATE vehicles SET health = $2, health_at = $3 WHERE id = $1"
+                      : "UPDATE vehicles SET health = CAST($2 AS JSONB), health_at = $3 WHERE id = $1",
+                  parameters);
+        noteStates(sql, vehicle, vlmProd::member(health, "configurations"), nowMs);
+    });
+}
+
+bool Store::transact(const std::function<void(Sql& sql)>& work) {
     std::string reason;
-    attempt(
+    return attempt(
         [&] {
             Transaction transaction(sql());
-            const Cell parameters[] = {vehicleId(prefix), health, nowMs};
-            m_sql->query(m_sql->dialect() == Dialect::Sqlite
-                             ? "UPDATE vehicles SET health = $2, health_at = $3 WHERE id = $1"
-                             : "UPDATE vehicles SET health = CAST($2 AS JSONB), health_at = $3 WHERE id = $1",
-                         parameters);
+            work(*m_sql);
             transaction.commit();
         },
         reason);

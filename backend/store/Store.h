@@ -13,6 +13,7 @@
 #include "backend/Compression.h"
 #include "backend/store/Envelope.h"
 #include "backend/store/Sql.h"
+#include "kyo/Json.h"
 
 namespace vlmBackend::store {
 
@@ -61,8 +62,13 @@ class Store {
     std::vector<Stored> put(std::span<const Received> batch);
     /// A vehicle's presence. Never throws.
     void setPresence(const std::string& prefix, bool online, const std::string& catalog, std::int64_t nowMs);
-    /// The vehicle's health message, JSON. Never throws.
-    void setHealth(const std::string& prefix, const std::string& health, std::int64_t nowMs);
+    /// The vehicle's health message, a JSON object, and what it says of the configuration that was sent.
+    /// Never throws.
+    void setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs);
+
+    /// Runs the work inside a transaction. False, with nothing changed, when the database fails. Never
+    /// throws.
+    bool transact(const std::function<void(Sql& sql)>& work);
 
     /// Deletes what was received before, a few reports at a time, so that storing goes on. Throws
     /// DatabaseError.

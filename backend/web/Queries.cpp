@@ -149,8 +149,10 @@ constexpr const char* kVehicles =
     "v.health_at, "
     "(SELECT r.measured_from FROM reports r WHERE r.vehicle = v.id ORDER BY r.measured_to LIMIT 1), "
     "(SELECT r.measured_to FROM reports r WHERE r.vehicle = v.id ORDER BY r.measured_to DESC LIMIT 1), "
-    "l.name, l.sequence, l.received, l.measured_to, l.samples "
-    "FROM vehicles v LEFT JOIN reports l ON l.id = v.last_report ";
+    "l.name, l.sequence, l.received, l.measured_to, l.samples, "
+    "v.grp, d.configuration, s.configuration, s.sent, s.state, s.state_at, s.reason "
+    "FROM vehicles v LEFT JOIN reports l ON l.id = v.last_report LEFT JOIN desired d ON d.vehicle = v.id "
+    "LEFT JOIN deliveries s ON s.vehicle = v.id ";
 
 Value vehicleOf(const Row& row) {
     Value out;
@@ -159,7 +161,7 @@ Value vehicleOf(const Row& row) {
     out["online"] = integer(row[3]) != 0;
     out["catalog"] = text(row[4]);
     out["seenMs"] = number(integer(row[5]));
-    out["group"] = "";
+    out["group"] = text(row[18]);
     out["reports"] = number(integer(row[6]));
     out["samples"] = number(integer(row[7]));
     out["unusable"] = number(integer(row[8]));
@@ -178,11 +180,13 @@ Value vehicleOf(const Row& row) {
         last["samples"] = number(integer(row[17]));
     }
     Value& configuration = out["configuration"];
-    configuration["desired"] = Value();
-    configuration["sentMs"] = Value();
-    configuration["state"] = "none";
-    configuration["stateMs"] = Value();
-    configuration["reason"] = "";
+    const bool isDesired = !std::holds_alternative<std::monostate>(row[19]);
+    const bool isSent = isDesired && row[19] == row[20];
+    configuration["desired"] = numberOrNull(row[19]);
+    configuration["sentMs"] = isSent ? numberOrNull(row[21]) : Value();
+    configuration["state"] = isSent ? text(row[22]) : isDesired ? "waiting" : "none";
+    configuration["stateMs"] = isSent ? numberOrNull(row[23]) : Value();
+    configuration["reason"] = isSent ? text(row[24]) : "";
     return out;
 }
 

@@ -29,10 +29,12 @@ Service::Service(ServiceSettings settings)
       m_page(m_settings.page),
       m_access(m_settings.access),
       m_machine(m_settings.machine, m_settings.machineLog),
-      m_updates(m_readers, m_metrics) {
+      m_updates(m_readers, m_metrics),
+      m_configure({m_settings.database, m_settings.catalog, m_settings.assignmentsChanged}, m_readers) {
     addReadRoutes(m_router, m_readers);
     m_updates.addRoutes(m_router);
     m_machine.addRoutes(m_router);
+    m_configure.addRoutes(m_router);
     addOwnRoutes();
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 /// The HTTP side of vlm-backend as a whole.
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "backend/web/Access.h"
+#include "backend/web/ConfigureApi.h"
 #include "backend/web/Machine.h"
 #include "backend/web/Metrics.h"
 #include "backend/web/Page.h"
@@ -23,11 +25,14 @@ struct ServiceSettings {
     std::string machineLog;  ///< its log file
     std::shared_ptr<const store::Totals> totals = std::make_shared<store::Totals>();
     std::filesystem::path page;
+    std::string catalog;  ///< file of the signal catalog, for checking configurations
+    /// Called on a request's thread when vehicles are to have other configurations.
+    std::function<void()> assignmentsChanged = [] {};
     std::string tiles;    ///< address of map tiles with {z}, {x} and {y}; empty: none
     std::string version;  ///< of the program
 };
 
-/// Owns everything that answers requests. Routes of others are added to router() before start().
+/// Owns everything that answers requests.
 class Service {
   public:
     explicit Service(ServiceSettings settings);
@@ -50,6 +55,7 @@ class Service {
     Access m_access;
     Machine m_machine;
     Updates m_updates;
+    ConfigureApi m_configure;
     Router m_router;
     std::unique_ptr<Server> m_server;  ///< last: its threads use the others
 };

@@ -35,12 +35,6 @@ void Updates::end() {
     m_changed.notify_all();
 }
 
-void Updates::configurationsChanged() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_configurations;
-    m_changed.notify_all();
-}
-
 void Updates::run() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
@@ -57,8 +51,10 @@ void Updates::run() {
 
 void Updates::poll() {
     std::map<std::string, std::string> found;
+    store::ChangeCounts changes = m_changes;
     try {
-        m_readers.use([&found](store::Sql& sql) {
+        m_readers.use([&](store::Sql& sql) {
+            changes = store::changeCounts(sql);
             sql.stream(
                 "SELECT v.name, v.online, v.reports, l.received, l.measured_to FROM vehicles v LEFT JOIN "
                 "reports l ON "
@@ -79,6 +75,8 @@ void Updates::poll() {
     }
     const std::lock_guard<std::mutex> lock(m_mutex);
     ++m_polls;
+    m_configurations += m_changes == changes ? 0 : 1;
+    m_changes = changes;
     const std::uint64_t next = m_version + 1;
     for (auto& [name, text] : found) {
         State& known = m_states[name];

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "backend/store/Configurations.h"
 #include "backend/web/Metrics.h"
 #include "backend/web/Readers.h"
 #include "backend/web/Router.h"
@@ -26,8 +27,6 @@ class Updates {
     Updates& operator=(const Updates&) = delete;
 
     void addRoutes(Router& router);
-    /// A configuration, an assignment or a vehicle's state of it has changed. Any thread.
-    void configurationsChanged();
     /// All readers end now. The server is destroyed after that, this after the server.
     void end();
 
@@ -48,7 +47,8 @@ class Updates {
     std::condition_variable m_changed;
     std::map<std::string, State> m_states;  ///< by vehicle; these are guarded by m_mutex
     std::uint64_t m_version = 0;            ///< of the newest state
-    std::uint64_t m_configurations = 0;
+    std::uint64_t m_configurations = 0;  ///< changes of configurations, assignments and what became of them
+    store::ChangeCounts m_changes;       ///< of the database; the thread's
     std::uint64_t m_polls = 0;
     int m_listening = 0;
     bool m_ending = false;

@@ -41,6 +41,16 @@ CatalogView::CatalogView(const Document& document) {
     }
 }
 
+std::optional<CatalogView> CatalogView::read(const std::string& file, std::string& problem) {
+    Document document;
+    std::vector<Finding> findings;
+    if (!readDocument(file, document, findings)) {
+        problem = file + " " + findings.front().reason;
+        return std::nullopt;
+    }
+    return CatalogView(document);
+}
+
 std::vector<std::string> CatalogView::services() const {
     std::vector<std::string> names;
     for (const auto& [name, resources] : m_services) {

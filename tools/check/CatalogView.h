@@ -1,6 +1,7 @@
 #pragma once
 /// The look-ups of the checks in a signal catalog.
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -11,6 +12,11 @@ namespace vlmCheck {
 
 class CatalogView {
   public:
+    static constexpr const char* kInstalled = "/etc/VLM_Available_Signals_Catalog_20210311.json";
+
+    /// Returns nothing, with a reason, when the file is no usable catalog.
+    static std::optional<CatalogView> read(const std::string& file, std::string& problem);
+
     /// Ignores the wrong parts of a faulty catalog.
     explicit CatalogView(const Document& document);
 

@@ -18,6 +18,9 @@ void checkManifest(const Document& document, Findings& findings);
 /// Guesses the kind of a document from its top-level members; nothing when none or several kinds fit.
 std::optional<Kind> guessKind(const Document& document);
 
+/// The finding of a collector configuration that was checked without a catalog, and why.
+Finding namesNotChecked(const std::string& problem);
+
 /// All findings about one document, from schema and further checks, sorted by line.
 std::vector<Finding> checkDocument(const Document& document, Kind kind, const CatalogView* catalog);
 

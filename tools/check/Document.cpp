@@ -61,6 +61,16 @@ const char* nameOf(Kind kind) {
     return "document";
 }
 
+kyo::Json::Value Finding::toJson() const {
+    kyo::Json::Value out(kyo::Json::objectValue);
+    out["severity"] = severity == Severity::Error ? "error" : "warning";
+    out["line"] = static_cast<kyo::Json::UInt64>(line);
+    out["path"] = path;
+    out["reason"] = reason;
+    out["suggestion"] = suggestion;
+    return out;
+}
+
 std::size_t Document::lineOf(const Value& value) const {
     const auto offset = value.getOffsetStart();
     if (&value == &Value::nullSingleton() || offset < 0 || static_cast<std::size_t>(offset) > text.size()) {
@@ -80,6 +90,10 @@ bool readDocument(const std::string& path, Document& out, std::vector<Finding>& 
             {Severity::Error, 0, "", std::string("cannot be read: ") + std::strerror(errno), ""});
         return false;
     }
+    return parseDocument(out, findings);
+}
+
+bool parseDocument(Document& out, std::vector<Finding>& findings) {
     kyo::Json::Reader reader;
     if (!reader.parse(out.text, out.root, false)) {
         // The library's text has several lines ("* Line 3, Column 5\n  Missing ',' ..."); use the first

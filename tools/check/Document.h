@@ -22,6 +22,9 @@ struct Finding {
     std::string path;  ///< "$.COLLECT[2].serv"
     std::string reason;
     std::string suggestion;  ///< may be empty
+
+    /// {"severity": "error" or "warning", "line", "path", "reason", "suggestion"}
+    kyo::Json::Value toJson() const;
 };
 
 /// One parsed file. It owns the values.
@@ -36,6 +39,8 @@ struct Document {
 
 /// Reads and parses a file. Returns false with one finding that gives the reason.
 bool readDocument(const std::string& path, Document& out, std::vector<Finding>& findings);
+/// The same for out.text.
+bool parseDocument(Document& out, std::vector<Finding>& findings);
 
 /// A value and its path.
 struct Place {

@@ -174,6 +174,11 @@ void checkManifest(const Document& document, Findings& findings) {
     }
 }
 
+Finding namesNotChecked(const std::string& problem) {
+    return {Severity::Warning, 0, "", "services, resources and indexes were not checked: " + problem,
+            "name a catalog with --catalog"};
+}
+
 std::optional<Kind> guessKind(const Document& document) {
     if (!document.root.isObject()) {
         return std::nullopt;

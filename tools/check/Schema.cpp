@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cmath>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <regex>
 #include <stdexcept>
@@ -284,10 +286,10 @@ Schema::~Schema() = default;
 
 const Schema& Schema::of(Kind kind) {
     static std::array<std::unique_ptr<Schema>, 4> schemas;
+    static std::array<std::once_flag, 4> once;
     auto& schema = schemas.at(static_cast<std::size_t>(kind));
-    if (!schema) {
-        schema = std::make_unique<Schema>(schemaText(kind));
-    }
+    std::call_once(once.at(static_cast<std::size_t>(kind)),
+                   [&] { schema = std::make_unique<Schema>(schemaText(kind)); });
     return *schema;
 }
 

@@ -13,7 +13,7 @@ const char* schemaText(Kind kind);
 
 class Schema {
   public:
-    /// Returns the schema of a kind, parsed on first use.
+    /// Returns the schema of a kind, parsed on first use. Any thread.
     static const Schema& of(Kind kind);
 
     explicit Schema(const std::string& text);

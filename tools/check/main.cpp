@@ -14,8 +14,6 @@ namespace {
 
 using namespace vlmCheck;
 
-constexpr const char* installedCatalog = "/etc/VLM_Available_Signals_Catalog_20210311.json";
-
 const std::map<std::string, Kind> kindNames = {{"application", Kind::Application},
                                                {"catalog", Kind::Catalog},
                                                {"collector", Kind::Collector},
@@ -70,26 +68,9 @@ kyo::Json::Value toJson(const Result& result) {
     out["good"] = result.count(Severity::Error) == 0;
     out["findings"] = kyo::Json::Value(kyo::Json::arrayValue);
     for (const auto& finding : result.findings) {
-        kyo::Json::Value entry;
-        entry["severity"] = finding.severity == Severity::Error ? "error" : "warning";
-        entry["line"] = static_cast<kyo::Json::UInt64>(finding.line);
-        entry["path"] = finding.path;
-        entry["reason"] = finding.reason;
-        entry["suggestion"] = finding.suggestion;
-        out["findings"].append(std::move(entry));
+        out["findings"].append(finding.toJson());
     }
     return out;
-}
-
-/// Opens the catalog for checking names. Returns nothing, with a reason, when there is no usable one.
-std::optional<Document> openCatalog(const std::string& path, std::string& problem) {
-    Document document;
-    std::vector<Finding> findings;
-    if (!readDocument(path, document, findings)) {
-        problem = path + " " + findings.front().reason;
-        return std::nullopt;
-    }
-    return document;
 }
 
 /// The --kind option. Returns false, with a message, for an unknown one.
@@ -128,9 +109,7 @@ Result check(const std::string& file, std::optional<Kind> kind, const CatalogVie
     const auto found = checkDocument(document, *kind, catalog);
     result.findings.insert(result.findings.end(), found.begin(), found.end());
     if (*kind == Kind::Collector && catalog == nullptr) {
-        result.findings.push_back({Severity::Warning, 0, "",
-                                   "services, resources and indexes were not checked: " + problem,
-                                   "name a catalog with --catalog"});
+        result.findings.push_back(namesNotChecked(problem));
     }
     return result;
 }
@@ -162,15 +141,11 @@ int run(int argc, char** argv) {
     }
     std::string problem;
     const bool catalogGiven = arguments.count("catalog") != 0;
-    const auto catalogDocument =
-        openCatalog(catalogGiven ? arguments["catalog"].as<std::string>() : installedCatalog, problem);
-    if (catalogGiven && !catalogDocument) {
+    const auto catalog = CatalogView::read(
+        catalogGiven ? arguments["catalog"].as<std::string>() : CatalogView::kInstalled, problem);
+    if (catalogGiven && !catalog) {
         std::cerr << "vlm-check: " << problem << '\n';
         return 1;
-    }
-    std::optional<CatalogView> catalog;
-    if (catalogDocument) {
-        catalog.emplace(*catalogDocument);
     }
 
     bool allGood = true;

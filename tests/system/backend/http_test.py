@@ -135,6 +135,8 @@ class Contract(unittest.TestCase):
         cls.folder = tempfile.TemporaryDirectory()
         cls.backend = Backend(cls.folder.name)
         cls.backend.fill()
+        assert cls.backend.ask("/api/configurations", "POST", {"Content-Type": "application/json"},
+                               json.dumps({"name": "first", "text": json.dumps(cls.GOOD)}))[0] == 201
 
     @classmethod
     def tearDownClass(cls):
@@ -148,8 +150,30 @@ class Contract(unittest.TestCase):
                                                   "column=chassis_velocity_info.velocity_physical_value"],
                "/api/vehicles/{vehicle}/export": ["form=gpx", "form=jsonl", "form=csv&columns=gnss_positions.latitude"],
                "/api/unusable": ["", "vehicle=bench"]}
-    APART = {"/api/updates", "/api/machine",  # tested below
-             "/api/configurations", "/api/configurations/{id}", "/api/assignments"}  # need handlers of their own
+    APART = {"/api/updates", "/api/machine"}  # tested below
+    GOOD = {"CONFIG": [{"name": "trip", "version": "1"}], "CLOCK": [{"name": "minute", "duration": 60000}],
+            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "minute"}],
+            "REPORT": [{"name": "Trip", "application": "App", "from": ["position"]}]}
+    # Each request that changes something, and what it is answered with, in this order.
+    CHANGES = (("POST", "/api/check", {"text": "{"}, 200),
+               ("POST", "/api/configurations", {"name": "trip", "text": "{"}, 422),
+               ("POST", "/api/configurations", {"name": "trip", "text": json.dumps(GOOD)}, 201),
+               ("PUT", "/api/vehicles/{vehicle}/group", {"group": "fleet"}, 200),
+               ("PUT", "/api/assignments", {"vehicle": "", "group": "fleet", "configuration": 1}, 200),
+               ("PUT", "/api/assignments", {"vehicle": "", "group": "fleet", "configuration": 9}, 404),
+               ("PUT", "/api/assignments", {"vehicle": "bench", "group": "fleet", "configuration": 1}, 400))
+
+    def test_changes_are_answered_as_described(self):
+        for method, path, body, expected in self.CHANGES:
+            with self.subTest(path, expected=expected):
+                status, _, answer = self.backend.ask(path.replace("{vehicle}", "bench"), method,
+                                                     {"Content-Type": "application/json"}, json.dumps(body))
+                self.assertEqual(status, expected, answer)
+                described = schema_of(CONTRACT["paths"][path][method.lower()]["responses"][str(expected)])
+                jsonschema.validate(json.loads(answer), described["content"]["application/json"]["schema"])
+        state = json.loads(self.backend.ask("/api/vehicles/bench")[2])
+        self.assertEqual((state["group"], state["configuration"]["desired"], state["configuration"]["state"]),
+                         ("fleet", 1, "waiting"))
 
     def test_every_get_answers_as_described(self):
         some = self.backend.ask("/api/catalog")[2]
