@@ -22,7 +22,7 @@ EXAMPLES = {"collector_configuration": ["examples/collector*.json"],
             "machine_manifest": ["examples/machine-manifest.json", "packaging/machine-manifest.json"]}
 LARGEST_EXAMPLE = 4096  # bytes; the limit below truncates larger ones
 DICTIONARIES = {"someip_discovery": "discovery", "someip_header": None, "someip_structure": None,
-                "spool_file": None, "compressed_payload": None}
+                "spool_file": None, "compressed_payload": None, "http_api": "http"}
 LIMITS = ["-timeout=10", "-rss_limit_mb=1024", "-malloc_limit_mb=128", "-max_len=4096"]
 
 
