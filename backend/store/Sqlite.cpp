@@ -10,6 +10,7 @@ namespace vlmBackend::store {
 namespace {
 
 constexpr int kBusyMs = 10'000;
+constexpr int kCheckpointMs = 50;
 constexpr std::size_t kMostPrepared = 64;
 
 /// SQLite's errors become those of the interface.
@@ -140,7 +141,11 @@ void Sqlite::insertSamples(std::span<const SampleRow> samples) {
 
 void Sqlite::tidy() {
     if (walBytes() > kWalLimit / 2) {
+        // Waits for readers, but not for one that exports a month: storing goes on, and the next call tries
+        // again.
+        guarded([&] { m_database.setBusyTimeout(kCheckpointMs); });
         query("PRAGMA wal_checkpoint(TRUNCATE)", {});
+        guarded([&] { m_database.setBusyTimeout(kBusyMs); });
     }
 }
 

@@ -1,6 +1,7 @@
 #include "backend/web/Access.h"
 
 #include <argon2.h>
+#include <arpa/inet.h>
 #include <botan/base64.h>
 #include <botan/hash.h>
 #include <botan/system_rng.h>
@@ -38,11 +39,12 @@ constexpr std::size_t kHashBytes = 32;
 /// The names under which a browser on this machine asks. A page of another site whose name leads here has
 /// another one.
 bool isThisMachine(std::string_view host) {
-    constexpr std::array names{"localhost", "127.0.0.1", "[::1]"};
     const auto bracket = host.find(']');
     const auto colon = host.find(':', bracket == std::string_view::npos ? 0 : bracket);
-    host = host.substr(0, colon);
-    return std::find(names.begin(), names.end(), host) != names.end();
+    const std::string name(host.substr(0, colon));
+    in_addr address{};
+    return name == "localhost" || name == "[::1]" ||
+           (name.starts_with("127.") && ::inet_pton(AF_INET, name.c_str(), &address) == 1);
 }
 
 std::string sha256(const std::string& text) {
@@ -77,7 +79,7 @@ Role roleOf(const std::string& name) {
 }
 
 bool isName(const std::string& name) {
-    return !name.empty() && name.size() <= kMostName && name != "token" &&
+    return !name.empty() && name.size() <= kMostName && name != "token" && name.front() != '#' &&
            std::all_of(name.begin(), name.end(),
                        [](unsigned char c) { return c > 0x20 && c != ':' && c != 0x7F; });
 }

@@ -215,6 +215,8 @@ TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {
     for (const auto& [host, status] : {std::pair{"localhost:8642", 0},
                                        {"127.0.0.1", 0},
                                        {"[::1]:8642", 0},
+                                       {"127.0.0.2", 0},
+                                       {"127.attacker.example", 421},
                                        {"attacker.example:8642", 421},
                                        {"", 421}}) {
         Request request;
