@@ -342,6 +342,9 @@ function Form(props: {
     keepDraft(key, next);
   };
   const onChange: Change = (next) => update({ text: edit.write(next) });
+  // Reports carry the same name until somebody gives them another.
+  const rename = (next: string): void => update({ name: next,
+    ...(model && (model.name === "" || model.name === name) && { text: edit.write({ ...model, name: next }) }) });
   const showLine = (number: number): void => {
     changeQuery({ as: "json" }, true);
     setLine({ number });
@@ -362,7 +365,7 @@ function Form(props: {
     <>
       <div class="toolbar">
         <label class="field wide">Name of the configuration
-          <input value={name} maxLength={64} placeholder="Commute" onInput={(event) => update({ name: event.currentTarget.value })} /></label>
+          <input value={name} maxLength={64} placeholder="Commute" onInput={(event) => rename(event.currentTarget.value)} /></label>
         <div class="segments" role="group" aria-label="Show as">
           <button type="button" aria-pressed={!json} onClick={() => changeQuery({ as: undefined }, true)}>Form</button>
           <button type="button" aria-pressed={json} onClick={() => changeQuery({ as: "json" }, true)}>JSON</button>

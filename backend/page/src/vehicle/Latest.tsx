@@ -47,12 +47,14 @@ export function Latest(props: {
                   return (
                     <div key={field.column}>
                       <dt title={field.meaning}>{field.name}</dt>
-                      <dd class="num">{valueText(value)}{field.unit !== "" && <span class="unit">{field.unit}</span>}
-                        {meaning !== "" && <small class="muted"> {meaning}</small>}</dd>
-                      {numeric(field) && (
-                        <button type="button" class="quiet small" aria-label={`Plot ${field.name} of ${name}`} title="Plot"
-                          onClick={() => props.onPlot(`${sample.view}.${field.column}`, sample.instance)}>∿</button>
-                      )}
+                      <dd class="num">
+                        <span title={String(value)}>{valueText(value)}{field.unit !== "" && <span class="unit">{field.unit}</span>}
+                          {meaning !== "" && <small class="muted"> {meaning}</small>}</span>
+                        {numeric(field) ? (
+                          <button type="button" class="quiet small" aria-label={`Plot ${field.name} of ${name}`} title="Plot"
+                            onClick={() => props.onPlot(`${sample.view}.${field.column}`, sample.instance)}>∿</button>
+                        ) : <span class="no-plot" />}
+                      </dd>
                     </div>
                   );
                 })}

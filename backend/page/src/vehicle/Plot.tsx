@@ -17,8 +17,9 @@ import { nearest, plottedText, withGaps } from "./range";
 export type Located = Pick<Track, "timesMs">;
 
 const COLOURS = 6; // --plot-1 to --plot-6
-const HEIGHT = 132;
-const AXIS_HEIGHT = 34;
+const HEIGHT = { many: 132, few: 172 }; // px, for more than FEW plots and up to so many
+const FEW = 3;
+const AXIS_HEIGHT = 42;
 const LEAST_DRAG = 6; // px
 const LEAST_WIDTH = 50; // px; less before the first layout
 const READ_STEPS = 2000; // of the value at the cursor, over the plotted range
@@ -59,13 +60,15 @@ export function Plot(props: {
   version: string;
   width: number;
   index: number;
-  last: boolean;
+  count: number;
   onChange: (plotted: Plotted | null) => void;
   onMove: (step: number) => void;
   onRange: (fromMs: number, toMs: number) => void;
   onReset: () => void;
 }): JSX.Element {
-  const { vehicle, plotted, known, range, width, index, last } = props;
+  const { vehicle, plotted, known, range, width, index, count } = props;
+  const last = index === count - 1;
+  const height = count > FEW ? HEIGHT.many : HEIGHT.few;
   const box = useRef<HTMLDivElement>(null);
   const readout = useRef<HTMLSpanElement>(null);
   const plot = useRef<uPlot | null>(null);
@@ -125,7 +128,7 @@ export function Plot(props: {
       };
     }
     const made = new uPlot({
-      width, height: HEIGHT + (last ? AXIS_HEIGHT : 6),
+      width, height: height + (last ? AXIS_HEIGHT : 6),
       padding: [8, 12, last ? 0 : 4, 0],
       legend: { show: false },
       cursor: {
@@ -170,14 +173,14 @@ export function Plot(props: {
       made.destroy();
       plot.current = null;
     };
-  }, [shade, banded, stepped, last, tint, known, width]);
+  }, [shade, banded, stepped, last, height, tint, known, width]);
 
   useEffect(() => {
     if (!plot.current) return;
     const data = shown ? withGaps(shown.timesMs, shown.minimums, ...(banded ? [shown.maximums] : [])) : [[], []];
     plot.current.setData(data as uPlot.AlignedData);
     say(cursor.value);
-  }, [shown, range.fromMs, range.toMs, shade, banded, stepped, last, tint, known, width]);
+  }, [shown, range.fromMs, range.toMs, shade, banded, stepped, last, height, tint, known, width]);
 
   const name = known ? known.field.name : plotted.column;
   const source = known ? `${known.event.catalogService}.${known.event.resource}` : "";

@@ -223,7 +223,7 @@ function Drive(props: { vehicle: Data; catalog: CatalogEvent[]; latest: Sample[]
             {plots.map((plotted, index) => (
               <Plot key={plottedText(plotted)} vehicle={name} plotted={plotted} known={known.get(plotted.column)}
                 instances={instancesOf(plotted.column.split(".")[0]!)} range={range} version={changing} width={width} index={index}
-                last={index === plots.length - 1}
+                count={plots.length}
                 onChange={(changed) => setPlots(changed ? plots.with(index, changed) : plots.filter((_, at) => at !== index))}
                 onMove={(step) => {
                   const moved = [...plots];

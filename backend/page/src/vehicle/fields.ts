@@ -72,8 +72,9 @@ export function named(field: Field | undefined, value: unknown): string {
   return field?.values.find((entry) => entry.value === value)?.name ?? "";
 }
 
-/** A value of a sample as text, as it came. */
+/** A value of a sample as text; a fraction has at most ten digits, as 1 cm of a position needs. */
 export function valueText(value: unknown): string {
   if (value === null || value === undefined) return "";
+  if (typeof value === "number" && !Number.isInteger(value)) return String(Number(value.toPrecision(10)));
   return typeof value === "object" ? JSON.stringify(value) : String(value);
 }

@@ -1,0 +1,184 @@
+// The page in a real browser: data of a vehicle appears by itself, a configuration made on the page is stored and
+// collects, the page survives a restart of the server, and every view is accessible and fits a narrow screen.
+import assert from "node:assert/strict";
+import { mkdtempSync, readFileSync, rmSync, existsSync } from "node:fs";
+import { createRequire } from "node:module";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { after, before, test } from "node:test";
+import { Bench, until } from "./processes.mjs";
+
+const { VLM_PAGE, VLM_PAGE_PACKAGES, VLM_CHROMIUM, VLM_SOURCE } = process.env;
+const packages = createRequire(join(VLM_PAGE_PACKAGES, "package.json"));
+if (!existsSync(join(VLM_PAGE, "index.html")) || !existsSync(join(VLM_PAGE_PACKAGES, "node_modules"))) {
+  console.log("page_test skipped: the page is not built, as npm could not fetch its packages");
+  process.exit(0);
+}
+const { chromium } = packages("playwright-core");
+const axe = readFileSync(packages.resolve("axe-core/axe.min.js"), "utf8");
+
+const folder = mkdtempSync(join(tmpdir(), "vlm-page-"));
+const bench = new Bench(folder);
+let browser;
+let page;
+const complaints = [];
+let serverRuns = true;
+
+before(async () => {
+  await bench.prepare();
+  bench.startBroker();
+  await bench.startBackend();
+  bench.startVehicle();
+  browser = await chromium.launch({ executablePath: VLM_CHROMIUM, args: [
+    ...(process.getuid() === 0 ? ["--no-sandbox"] : []), "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync"] });
+  page = await browser.newPage({ viewport: { width: 1280, height: 900 } });
+  page.setDefaultTimeout(30_000);
+  page.on("console", (message) => {
+    if (serverRuns && message.type() === "error") complaints.push(message.text());
+  });
+  page.on("pageerror", (error) => complaints.push(error.stack));
+});
+
+after(async () => {
+  await browser?.close();
+  await bench.endAll();
+  rmSync(folder, { recursive: true, force: true });
+});
+
+const number = async (selector, attribute) => Number(await page.locator(selector).first().getAttribute(attribute));
+
+test("an empty page says what to expect", async () => {
+  await page.goto(bench.address);
+  await page.getByRole("heading", { name: "Vehicles", level: 1 }).waitFor();
+  await page.getByText("No vehicle has reported yet.").or(page.getByRole("link", { name: "bench" })).first().waitFor();
+  await page.getByText("● online").waitFor();
+});
+
+test("a configuration made on the page is stored, assigned and applied", async () => {
+  await page.goto(`${bench.address}#/configure/new`);
+  await page.getByLabel("Name of the configuration").fill("Commute");
+  for (const [words, instance] of [["GNSS positions", /^1 fused/], ["Chassis velocityInfo", /^1 /], ["Airbag notifications", /^2 /]]) {
+    await page.getByRole("searchbox", { name: "Find an event" }).fill(words);
+    const event = page.locator(".picker li").first();
+    if ((await event.locator("details").getAttribute("open")) === null) await event.locator("summary").click();
+    await event.getByRole("checkbox", { name: instance }).check();
+  }
+  // All records, not only the newest.
+  await page.getByLabel("Records of GNSS.positions.1").selectOption("all");
+  await page.getByText("No finding: a vehicle takes this configuration.").waitFor();
+
+  // A mistake in the text is found while typing, with its line; nothing can be stored meanwhile.
+  await page.getByRole("button", { name: "JSON", exact: true }).click();
+  const text = page.getByLabel("Configuration as JSON");
+  const good = await text.inputValue();
+  await text.fill(good.replace('"velocityInfo"', '"velocityInf"'));
+  await page.locator(".findings .chip", { hasText: "error" }).first().waitFor();
+  assert.ok(await page.getByRole("button", { name: /^Store as version/ }).isDisabled());
+  await text.fill(good);
+  await page.getByText("No finding").waitFor();
+
+  await page.getByRole("button", { name: "Store as version 1" }).click();
+  await page.getByText(/^Stored as/).waitFor();
+  await page.getByRole("combobox", { name: "Assign to" }).selectOption("vehicle bench");
+  await page.getByRole("button", { name: "Assign", exact: true }).click();
+  await page.getByText("Assigned to vehicle bench").waitFor();
+  await page.goto(`${bench.address}#/configure`);
+  await page.getByRole("row", { name: /bench/ }).locator(".chip", { hasText: "applied" }).waitFor();
+});
+
+test("samples on the wire become points on the map and lines in plots, by themselves", async () => {
+  await page.goto(`${bench.address}#/vehicle/bench`);
+  const track = "[data-positions]";
+  await until(async () => (await page.locator(track).count()) && (await number(track, "data-positions")) > 10, "positions on the map", 60_000);
+  await until(async () => (await number(".plot-box", "data-points")) > 0, "points in the first plot");
+  // The map draws its track in the colour of tracks.
+  const drawn = await page.locator(".map canvas.leaflet-zoom-animated").evaluate((canvas) => {
+    const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
+    let inked = 0;
+    for (let at = 3; at < data.length; at += 4) inked += data[at] > 0;
+    return inked;
+  });
+  assert.ok(drawn > 20, `the track covers ${drawn} pixels`);
+  const before = await number(track, "data-positions");
+  await until(async () => (await number(track, "data-positions")) > before, "new positions without a reload");
+});
+
+test("a field found by its words is plotted, and the cursor shows its value", async () => {
+  const search = page.getByRole("combobox", { name: /Add a plot/ });
+  await search.fill("latency age");
+  await page.getByRole("listbox", { name: "Fields" }).getByRole("option").first().waitFor();
+  await search.press("Enter");
+  const plot = page.locator("figure.plot", { hasText: "latency" });
+  await until(async () => Number(await plot.locator(".plot-box").getAttribute("data-points")) > 0, "points of the latency");
+  assert.match(page.url(), /plot=gnss_positions\.latency/);
+  await until(async () => / ms$/.test(await plot.locator(".plot-value").textContent()), "the value with its unit");
+  // A drag zooms: the range no longer follows, and the address holds it.
+  const box = await plot.locator(".u-over").boundingBox();
+  await page.mouse.move(box.x + box.width * 0.3, box.y + 40);
+  await page.mouse.down();
+  await page.mouse.move(box.x + box.width * 0.8, box.y + 40, { steps: 4 });
+  await page.mouse.up();
+  await until(() => /[?&]from=\d+&to=\d+/.test(page.url()), "the range in the address");
+  await page.getByRole("button", { name: "Follow newest" }).click();
+  await page.getByText("● follows").waitFor();
+});
+
+test("what is shown can be downloaded", async () => {
+  await page.getByText("Download", { exact: true }).click();
+  for (const [name, expected] of [["CSV", /latitude/], ["GPX", /<trkpt/], ["JSON Lines", /orxClientDataReport/]]) {
+    const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("link", { name, exact: false }).click()]);
+    assert.match(readFileSync(await download.path(), "utf8"), expected);
+  }
+  await page.getByText("Download", { exact: true }).click();
+});
+
+test("the page recovers when server and broker restart", async () => {
+  serverRuns = false;
+  await bench.end("vlm-backend");
+  await bench.end("mosquitto");
+  bench.startBroker();
+  await page.getByText("connection lost").waitFor();
+  await bench.startBackend();
+  await page.getByText("live", { exact: true }).waitFor();
+  serverRuns = true;
+  const before = await number("[data-positions]", "data-positions");
+  await until(async () => (await number("[data-positions]", "data-positions")) > before, "new positions after the restart", 60_000);
+});
+
+const VIEWS = { "#/vehicles": "Vehicles", "#/vehicle/bench": "bench", "#/configure": "Configure", "#/configure/1": "Commute v1",
+  "#/configure/1?as=json": "Commute v1", "#/machine": "This machine", "#/unusable": "Unusable input" };
+
+async function open(view) {
+  await page.goto(bench.address + view);
+  await page.getByRole("heading", { name: VIEWS[view], level: 1, exact: true }).waitFor();
+  await until(async () => (await page.locator(".busy").count()) === 0, `the content of ${view}`);
+  if (view === "#/vehicle/bench") await until(async () => (await number(".plot-box", "data-points")) > 0, "plots");
+}
+
+for (const scheme of ["light", "dark"]) {
+  test(`axe finds nothing serious: ${scheme}`, async () => {
+    await page.emulateMedia({ colorScheme: scheme });
+    for (const view of Object.keys(VIEWS)) {
+      await open(view);
+      await page.evaluate(axe);
+      const { violations } = await page.evaluate((dark) => window.axe.run(document, { resultTypes: ["violations"],
+        // Only colours differ between the schemes.
+        ...(dark && { runOnly: ["color-contrast"] }) }), scheme === "dark");
+      const serious = violations.filter(({ impact }) => impact === "serious" || impact === "critical")
+        .map(({ id, nodes }) => `${view}: ${id}: ${nodes.map(({ html }) => html.slice(0, 160)).join(" | ")}`);
+      assert.deepEqual(serious, []);
+    }
+  });
+}
+
+test("every view fits 360 pixels", async () => {
+  await page.setViewportSize({ width: 360, height: 740 });
+  for (const view of Object.keys(VIEWS)) {
+    await open(view);
+    const tooWide = await page.evaluate(() => document.documentElement.scrollWidth - window.innerWidth);
+    assert.ok(tooWide <= 0, `${view} is ${tooWide} pixels too wide`);
+  }
+});
+
+test("the console is free of errors", () => assert.deepEqual(complaints, []));

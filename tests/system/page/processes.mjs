@@ -1,0 +1,109 @@
+// A vehicle, vlmmaster, a broker and a backend with its page, on loopback, in a folder of their own.
+import { spawn } from "node:child_process";
+import { existsSync, mkdirSync, openSync, readdirSync, readFileSync, writeFileSync } from "node:fs";
+import { createServer } from "node:net";
+import { createSocket } from "node:dgram";
+import { join } from "node:path";
+
+const { VLMMASTER, VLM_VEHICLE, VLM_BACKEND, WITH_CATALOG, VLM_CATALOG, VLM_SOURCE, VLM_PAGE } = process.env;
+const SPEED = 15; // the clock ticks at most once a minute
+const END_MS = 10_000;
+
+export async function until(condition, what, deadlineMs = 30_000) {
+  const end = Date.now() + deadlineMs;
+  for (;;) {
+    const value = await condition();
+    if (value) return value;
+    if (Date.now() > end) throw new Error(`did not come: ${what}`);
+    await new Promise((done) => setTimeout(done, 50));
+  }
+}
+
+function freePort(udp = false) {
+  return new Promise((done, failed) => {
+    const probe = udp ? createSocket("udp4") : createServer();
+    const close = () => {
+      const { port } = probe.address();
+      probe.close(() => done(port));
+    };
+    probe.once("error", failed);
+    if (udp) probe.bind(0, "127.0.0.1", close);
+    else probe.listen(0, "127.0.0.1", close);
+  });
+}
+
+function fasterClock() {
+  const folder = readdirSync("/usr/lib").find((name) => existsSync(`/usr/lib/${name}/faketime/libfaketimeMT.so.1`));
+  if (!folder) throw new Error("libfaketime is missing");
+  return { LD_PRELOAD: `/usr/lib/${folder}/faketime/libfaketimeMT.so.1`, NO_FAKE_STAT: "1", FAKETIME: `+0 x${SPEED}` };
+}
+
+export class Bench {
+  constructor(folder) {
+    this.folder = folder;
+    this.started = new Map();
+  }
+
+  async prepare() {
+    this.broker = await freePort();
+    this.port = await freePort();
+    this.discovery = await freePort(true);
+    mkdirSync(join(this.folder, "spool"));
+    writeFileSync(join(this.folder, "mosquitto.conf"),
+      `listener ${this.broker} 127.0.0.1\nallow_anonymous true\npersistence true\npersistence_location ${this.folder}/\n`);
+    writeFileSync(join(this.folder, "manifest.json"), JSON.stringify({
+      log: { console: false, file: join(this.folder, "vlmmaster.txt"), fileLevel: 3 },
+      someip: { discovery: { port: this.discovery } },
+      state: { socket: join(this.folder, "vlmmaster.sock") },
+      backend: { transport: "mqtt", mqtt: { host: "127.0.0.1", port: this.broker, prefix: "vlm/bench", reconnectMaxSeconds: 5 },
+        spool: { path: join(this.folder, "spool") }, compression: { method: "zstd" } },
+    }));
+  }
+
+  get address() {
+    return `http://127.0.0.1:${this.port}/`;
+  }
+
+  start(name, command, environment = {}) {
+    const log = openSync(join(this.folder, `${name}.log`), "a");
+    const child = spawn(command[0], command.slice(1), { stdio: ["ignore", log, log], env: { ...process.env, ...environment } });
+    child.ended = new Promise((done) => child.once("exit", done));
+    this.started.set(name, child);
+  }
+
+  startBroker() {
+    this.start("mosquitto", [existsSync("/usr/sbin/mosquitto") ? "/usr/sbin/mosquitto" : "mosquitto", "-c", join(this.folder, "mosquitto.conf")]);
+  }
+
+  startBackend(...options) {
+    this.start("vlm-backend", [VLM_BACKEND, "--prefix", "vlm/bench", "--port", String(this.broker), "--database", join(this.folder, "vehicles.db"),
+      "--listen", `127.0.0.1:${this.port}`, "--page", VLM_PAGE, "--catalog", VLM_CATALOG, "--machine", join(this.folder, "vlmmaster.sock"),
+      "--machine-log", join(this.folder, "vlmmaster.txt"), ...options]);
+    return until(async () => (await fetch(`${this.address}healthz`).catch(() => null))?.ok, () => `the backend; ${this.log("vlm-backend")}`);
+  }
+
+  startVehicle() {
+    const clock = fasterClock();
+    this.start("vlm-vehicle", [VLM_VEHICLE, "--discovery-port", String(this.discovery)], clock);
+    this.start("vlmmaster", [WITH_CATALOG, VLM_CATALOG, VLMMASTER, "-c", join(VLM_SOURCE, "examples/application.json")],
+      { VLM_MACHINE_MANIFEST: join(this.folder, "manifest.json"), ...clock });
+  }
+
+  log(name) {
+    return readFileSync(join(this.folder, `${name}.log`), "utf8").slice(-2000);
+  }
+
+  async end(name) {
+    const child = this.started.get(name);
+    if (!child) return;
+    this.started.delete(name);
+    child.kill("SIGTERM");
+    const timer = setTimeout(() => child.kill("SIGKILL"), END_MS);
+    await child.ended;
+    clearTimeout(timer);
+  }
+
+  async endAll() {
+    for (const name of [...this.started.keys()].reverse()) await this.end(name);
+  }
+}
