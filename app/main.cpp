@@ -23,12 +23,14 @@
 #include "ara/exec/application_client.h"
 #include "ara/stm/component_client.h"
 #include "base/DetachedThread.h"
+#include "base/Version.h"
 #include "base/VlmLog.h"
 #include "catalog/VlmJsonCatalog.h"
 #include "config/ConfigControlPanel.h"
 #include "config/ConfigResponseHandler.h"
 #include "json/FieldReader.h"
 #include "kyo/Log.h"
+#include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
 
 namespace {
@@ -46,7 +48,8 @@ constexpr char kStateCallback[] =
     "main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)>";
 
 struct CommandLine {
-    std::string helpText;  ///< empty unless help was requested
+    std::string loggedHelp;  ///< empty unless help was requested
+    std::string wholeHelp;   ///< likewise
     bool hasConfigFile = false;
     std::string configFile;
     bool hasLocalFile = false;
@@ -66,10 +69,13 @@ CommandLine parseCommandLine(int argc, char** argv) {
         ("c,configfile", "vlmmaster configuration file", cxxopts::value<std::string>())  //
         ("l,localFile", "Local Collector config file", cxxopts::value<std::string>())    //
         ("h,help", "help", cxxopts::value<bool>());
+    // Not in the default group, whose help is logged.
+    options.add_options("Other")("version", "print the version");
     const cxxopts::ParseResult given = options.parse(argc, argv);
     CommandLine commandLine;
     if (given.count("help") > 0) {
-        commandLine.helpText = options.help({""});
+        commandLine.loggedHelp = options.help({""});
+        commandLine.wholeHelp = options.help();
         return commandLine;
     }
     commandLine.hasConfigFile = given.count("configfile") > 0;
@@ -83,9 +89,9 @@ CommandLine parseCommandLine(int argc, char** argv) {
     return commandLine;
 }
 
-void showHelp(const std::string& text) {
-    VLM_LOG_PLAIN_AS(5, kMain, text);
-    std::cout << text << std::endl;
+void showHelp(const CommandLine& commandLine) {
+    VLM_LOG_PLAIN_AS(5, kMain, commandLine.loggedHelp);
+    std::cout << commandLine.wholeHelp << std::endl;
 }
 
 void loadApplicationConfiguration(const CommandLine& commandLine) {
@@ -210,6 +216,9 @@ std::string reason() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (printVersion(argc, argv, kApplicationName)) {
+        return 0;
+    }
     skipDestructorsAtExit();
     blockStopSignals();
     std::unique_ptr<ara::stm::ComponentClient> componentClient;  // declared first, so it is destroyed last
@@ -218,12 +227,13 @@ int main(int argc, char** argv) {
     applicationClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
     installLogger();
     setApplicationRunning(true);
+    kyo::Status::gauge("process.version", [] { return kyo::Json::Value(version()); });
     ac::com::runtime::Component_singleton middleware(false, "");
     std::shared_ptr<vlmHeartBeat> heartBeat;
     try {
         const CommandLine commandLine = parseCommandLine(argc, argv);
-        if (!commandLine.helpText.empty()) {
-            showHelp(commandLine.helpText);
+        if (!commandLine.loggedHelp.empty()) {
+            showHelp(commandLine);
             return 0;
         }
         loadApplicationConfiguration(commandLine);

@@ -26,6 +26,7 @@
 #include "backend/MqttTransport.h"
 #include "backend/store/Export.h"
 #include "backend/web/Service.h"
+#include "base/Version.h"
 #include "kyo/WakeFd.h"
 #include "machine/Manifest.h"
 
@@ -130,6 +131,7 @@ cxxopts::Options describeOptions() {
         "of csv and gpx: of which instance; without it, all in csv, in gpx the one with the most positions",
         cxxopts::value<std::int64_t>());
     add("h,help", "this text");
+    add("version", "print the version");
     return options;
 }
 
@@ -197,7 +199,7 @@ void readWeb(const cxxopts::ParseResult& given, Options& out) {
     web.catalog = given["catalog"].as<std::string>();
     web.assignmentsChanged = [changed = out.assignmentsChanged] { changed->wake(); };
     web.tiles = given["tiles"].as<std::string>();
-    web.version = VLM_VERSION;
+    web.version = vlmProd::version();
 }
 
 void addUser(const std::string& file, const std::string& name, const std::string& role) {
@@ -621,6 +623,9 @@ class Program {
 }  // namespace
 
 int main(int argc, char** argv) try {
+    if (vlmProd::printVersion(argc, argv, "vlm-backend")) {
+        return 0;
+    }
     int status = 0;
     auto options = readOptions(argc, argv, status);
     if (!options) {

@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -11,6 +12,8 @@ namespace vlmProd {
 /// The timer's thread shares it only while it publishes, so releasing it ends the clock.
 class OnEventGenerator : public std::enable_shared_from_this<OnEventGenerator> {
   public:
+    using Clock = std::chrono::steady_clock;
+
     explicit OnEventGenerator(std::string& clockName);
     ~OnEventGenerator();
     OnEventGenerator(const OnEventGenerator&) = delete;
@@ -22,6 +25,8 @@ class OnEventGenerator : public std::enable_shared_from_this<OnEventGenerator> {
     void startOnEventGenerator();
     /// Publishes one on-event message.
     void generateOnEvent();
+    /// When the last message of any clock was published; the epoch: never. Any thread.
+    static Clock::time_point lastTick();
     void stopTimer();
 
     const std::string& getClockName() const { return m_clockName; }

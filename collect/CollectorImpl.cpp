@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <mutex>
 #include <string_view>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "base/VlmLog.h"
 #include "json/JsonFields.h"
 #include "kyo/DateTime.h"
+#include "kyo/Histogram.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 
@@ -262,6 +264,7 @@ bool CollectorImpl::validateRecord() {
 
 void CollectorImpl::moveRecFromInputqToOutputq() {
     static auto& collected = kyo::Status::counter("records.collected");
+    static auto& latency = kyo::Histogram::get("latency.eventToOutput");
     VLM_LOG(5, "ZEPH 47697: Collector: " << m_name << ": Moving the Record from input queue to output queue");
     const std::lock_guard<kyo::Mutex> lock(m_mutex);
     if (!validateRecord()) {
@@ -290,6 +293,9 @@ void CollectorImpl::moveRecFromInputqToOutputq() {
         }
         if (m_output.put(std::move(record.text), kRecordWeight)) {
             collected.add();
+            if (record.begin != std::chrono::steady_clock::time_point()) {
+                latency.add(std::chrono::steady_clock::now() - record.begin);
+            }
         } else {
             recordsWaiting().fetch_sub(1, std::memory_order_relaxed);
         }

@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +16,7 @@ struct Record {
     std::string text;            ///< base/CompactJson.h; without spare capacity, as many records may wait
     std::string collectorName;   ///< the configuration's bytes; empty for a record without one
     std::int64_t timestamp = 0;  ///< ms; 0 for a record without one
+    std::chrono::steady_clock::time_point begin{};  ///< when its conversion began; the epoch: not known
 };
 
 }  // namespace vlmProd

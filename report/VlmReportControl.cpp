@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "base/VlmLog.h"
+#include "bus/OnEventGenerator.h"
 #include "json/FieldReader.h"
+#include "kyo/Histogram.h"
 #include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
 
@@ -26,6 +28,13 @@ constexpr const char* kProcessReportQueue =
 
 std::atomic<VlmReportControl*> reportControlSingleton{nullptr};
 std::mutex reportControlSingletonGuard;
+
+const kyo::Counter& ticks() {
+    static const kyo::Counter& count = kyo::Status::counter("clock.ticks");
+    return count;
+}
+
+std::atomic<std::uint64_t> ticksAtReport{0};
 
 }  // namespace
 
@@ -46,7 +55,11 @@ VlmReportControl::VlmReportControl()
       }) {}
 
 VlmReportControl::VlmReportControl(Ship ship)
-    : m_ship(std::move(ship)), m_collections(&kyo::Status::counter("queue.report.dropped")) {}
+    : m_ship(std::move(ship)), m_collections(&kyo::Status::counter("queue.report.dropped")) {
+    kyo::Status::gauge("reports.ticksSince", [] {
+        return kyo::Json::Value(static_cast<kyo::Json::UInt64>(ticks().value() - ticksAtReport.load()));
+    });
+}
 
 void VlmReportControl::initializeReportControl(Value reports, std::string configName,
                                                std::string configVersion) {
@@ -104,12 +117,18 @@ void VlmReportControl::addToReport(SignalCollection collection) {
 }
 
 void VlmReportControl::processReportQueue(const std::vector<SignalCollection>& aggregated) {
+    static auto& latency = kyo::Histogram::get("latency.tickToReport");
+    const auto tick = OnEventGenerator::lastTick();
+    ticksAtReport = ticks().value();
     const auto configured = reports();
     VLM_LOG_AS(5, kProcessReportQueue, "Size of m_reportMap: " << configured.size());
     std::string catalogId;
     getCatalogId(catalogId);
     for (const auto& [name, report] : configured) {
         Report built = report->createReport(aggregated, catalogId);
+        if (tick != OnEventGenerator::Clock::time_point()) {
+            latency.add(OnEventGenerator::Clock::now() - tick);
+        }
         VLM_LOG_AS(5, kProcessReportQueue, "ZEPH-49288: VLM wants to send the VLM Report to shipping buffer");
         m_ship(std::move(built));
     }

@@ -17,6 +17,7 @@
 #include "json/FieldReader.h"
 #include "json/JsonFields.h"
 #include "kyo/DateTime.h"
+#include "kyo/Histogram.h"
 #include "kyo/Status.h"
 
 namespace vlmProd {
@@ -157,6 +158,7 @@ void VlmServer::handleMasterControlCallBack(kyo::Json::Value message) {
 
 void VlmServer::actOnOpenChannel() {
     static kyo::Counter& acknowledged = kyo::Status::counter("reports.acknowledged");
+    static kyo::Histogram& latency = kyo::Histogram::get("latency.reportToResult");
     std::int32_t state = NothingSent;
     {
         const std::lock_guard<kyo::Mutex> lock(m_sendMutex);
@@ -164,6 +166,7 @@ void VlmServer::actOnOpenChannel() {
         if (state == Sent && m_resultAwaited) {
             m_resultAwaited = false;
             acknowledged.add();
+            latency.add(std::chrono::steady_clock::now() - m_sentAt);
         }
     }
     if (state == NothingSent) {
@@ -297,6 +300,7 @@ void VlmServer::noteSent(const std::string& messageId) {
     }
     m_lastMessageId = messageId;
     m_resultAwaited = true;
+    m_sentAt = std::chrono::steady_clock::now();
 }
 
 std::string VlmServer::getUniqueMessageId(const std::string& catalogId, const std::string& createDatetime,

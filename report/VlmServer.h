@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -95,6 +96,7 @@ class VlmServer {
     std::int32_t m_sendState = NothingSent;  ///< guarded by m_sendMutex
     std::string m_lastMessageId;             ///< guarded by m_sendMutex; of the last report that was sent
     bool m_resultAwaited = false;  ///< guarded by m_sendMutex; no result 0 was counted for that report
+    std::chrono::steady_clock::time_point m_sentAt;  ///< guarded by m_sendMutex; when it was sent first
 
     std::unique_ptr<kyo::OrxClient> m_client;  ///< last: its thread uses all of the above
 };

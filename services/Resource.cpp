@@ -1,5 +1,6 @@
 #include "services/Resource.h"
 
+#include <chrono>
 #include <iterator>
 #include <mutex>
 #include <string_view>
@@ -75,6 +76,7 @@ bool Resource::isSubscribed() {
 }
 
 void Resource::processData(Value record) {
+    const auto begin = std::chrono::steady_clock::now();
     // Asked once, so that the trace is whole or absent.
     const bool traced = kyo::Log::enabled(5);
     const std::string incomplete = traced ? compactText(record) : "";
@@ -103,6 +105,7 @@ void Resource::processData(Value record) {
         }
     }
     Record complete(record);
+    complete.begin = begin;
     if (traced) {
         VLM_LOG(5, "jsonData: " << incomplete);
         VLM_LOG(5, "Size of someip index map = " << indexes);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Version.h"
 #include "tools/check/Checks.h"
 #include "tools/check/Suggest.h"
 
@@ -122,7 +123,8 @@ int run(int argc, char** argv) {
     options.add_options()("catalog", "signal catalog for checking names", cxxopts::value<std::string>(),
                           "FILE")(
         "kind", "collector, application, catalog or manifest; guessed from the content without it",
-        cxxopts::value<std::string>(), "KIND")("json", "findings as a JSON array")("h,help", "this text")(
+        cxxopts::value<std::string>(),
+        "KIND")("json", "findings as a JSON array")("h,help", "this text")("version", "print the version")(
         "files", "files to check", cxxopts::value<std::vector<std::string>>());
     options.parse_positional("files");
     options.positional_help("FILE...");
@@ -169,6 +171,9 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (vlmProd::printVersion(argc, argv, "vlm-check")) {
+        return 0;
+    }
     try {
         return run(argc, argv);
     } catch (const std::exception& error) {  // from cxxopts, or unexpected

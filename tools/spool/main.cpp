@@ -15,6 +15,7 @@
 
 #include "backend/Compression.h"
 #include "backend/Spool.h"
+#include "base/Version.h"
 #include "json/JsonFields.h"
 #include "kyo/Json.h"
 
@@ -156,6 +157,9 @@ int purge(const fs::path& folder, bool onlyBad) {
 }
 
 int run(int argc, char** argv) {
+    if (vlmProd::printVersion(argc, argv, "vlm-spool")) {
+        return 0;
+    }
     cxxopts::Options options("vlm-spool", "Shows what waits in a spool.");
     options.positional_help("list|show|export|purge FOLDER [NUMBER]");
     auto add = options.add_options();
@@ -165,6 +169,7 @@ int run(int argc, char** argv) {
     add("o,output", "file for the export; standard output without it", cxxopts::value<std::string>());
     add("bad", "purge only what cannot be used");
     add("h,help", "this text");
+    add("version", "print the version");
     options.parse_positional({"command", "folder", "number"});
     const auto given = options.parse(argc, argv);
     if (given.count("help") != 0) {

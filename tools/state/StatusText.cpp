@@ -13,7 +13,7 @@ using kyo::Json::Value;
 using Values = std::map<std::string, Value>;
 
 void flattenInto(const Value& value, const std::string& name, Values& out) {
-    if (!value.isObject() || value.empty()) {
+    if (!value.isObject() || value.empty() || isHistogram(value)) {
         out[name] = value;
         return;
     }
@@ -33,7 +33,44 @@ std::string whole(double number) {
     return text;
 }
 
+std::string secondsText(double seconds) {
+    char text[32];
+    if (seconds < 1) {
+        std::snprintf(text, sizeof text, "%g ms", seconds * 1000);
+    } else {
+        std::snprintf(text, sizeof text, "%g s", seconds);
+    }
+    return text;
+}
+
+/// "1200, half within 0.25 ms, 99 % within 1 ms"
+std::string histogramText(const Value& value) {
+    double count = 0;
+    for (const Value& bucket : value["buckets"]) {
+        count += bucket[1].asDouble();
+    }
+    std::string text = whole(count);
+    for (const auto& [part, words] : {std::pair{0.5, ", half "}, {0.99, ", 99 % "}}) {
+        double below = 0;
+        std::string limit;
+        std::string last;
+        for (const Value& bucket : value["buckets"]) {
+            below += bucket[1].asDouble();
+            limit = bucket[0].isNumeric() ? "within " + secondsText(bucket[0].asDouble()) : "above " + last;
+            last = bucket[0].isNumeric() ? secondsText(bucket[0].asDouble()) : last;
+            if (below >= part * count) {
+                break;
+            }
+        }
+        text += count > 0 ? words + limit : "";
+    }
+    return text;
+}
+
 std::string textOf(const Value& value) {
+    if (isHistogram(value)) {
+        return histogramText(value);
+    }
     if (value.isString()) {
         return value.asString();
     }
@@ -65,6 +102,15 @@ Values flatten(const Value& snapshot) {
         flattenInto(snapshot, "", values);
     }
     return values;
+}
+
+bool isHistogram(const Value& value) {
+    if (!value.isObject() || !value["buckets"].isArray()) {
+        return false;
+    }
+    return std::all_of(value["buckets"].begin(), value["buckets"].end(), [](const Value& bucket) {
+        return bucket.isArray() && bucket.size() == 2 && bucket[1].isNumeric();
+    });
 }
 
 bool countsLoss(const std::string& name) {

@@ -13,6 +13,9 @@ namespace tools {
 /// The snapshot's values by their dotted names.
 std::map<std::string, kyo::Json::Value> flatten(const kyo::Json::Value& snapshot);
 
+/// True for what kyo::Histogram shows.
+bool isHistogram(const kyo::Json::Value& value);
+
 /// True for a counter of lost samples, records or reports, or of unusable messages.
 bool countsLoss(const std::string& name);
 

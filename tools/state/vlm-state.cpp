@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "base/Version.h"
 #include "machine/Manifest.h"
 #include "state/StateSocket.h"
 
@@ -29,13 +30,16 @@ int request(const std::string& path, const std::string& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (vlmProd::printVersion(argc, argv, "vlm-state")) {
+        return 0;
+    }
     try {
         cxxopts::Options options("vlm-state",
                                  "Asks vlmmaster for a component state and prints its confirmation.");
         options.positional_help("STATE (kOn, kPrepSD, ...)").custom_help("[--socket PATH]");
         options.add_options()("socket", "path of the state socket; default: the machine manifest's",
                               cxxopts::value<std::string>())("state", "", cxxopts::value<std::string>())(
-            "h,help", "this help");
+            "h,help", "this help")("version", "print the version");
         options.parse_positional({"state"});
         const auto given = options.parse(argc, argv);
         if (given.count("help") != 0 || given.count("state") == 0 || !given.unmatched().empty()) {

@@ -8,11 +8,17 @@
 #include <cstdlib>
 #include <cxxopts.hpp>
 #include <exception>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 
+#include "base/Version.h"
 #include "machine/Manifest.h"
 #include "state/StateSocket.h"
+#include "tools/state/Bundle.h"
+#include "tools/state/Exporter.h"
+#include "tools/state/Metrics.h"
 #include "tools/state/StatusText.h"
 
 namespace {
@@ -28,7 +34,8 @@ bool read(ara::stm::StateSocket& socket, const std::string& path, kyo::Json::Val
     return socket.connect(path, error) && socket.ask(request, snapshot, error);
 }
 
-int printOnce(const std::string& path, bool json) {
+/// Prints what `text` makes of the status.
+int printOnce(const std::string& path, const std::function<std::string(const kyo::Json::Value&)>& text) {
     ara::stm::StateSocket socket;
     kyo::Json::Value snapshot;
     std::string error;
@@ -36,9 +43,42 @@ int printOnce(const std::string& path, bool json) {
         std::fprintf(stderr, "vlm-status: %s\n", error.c_str());
         return 1;
     }
-    const std::string text =
-        json ? kyo::Json::FastWriter().write(snapshot) + "\n" : tools::statusTable(snapshot);
-    std::fputs(text.c_str(), stdout);
+    std::fputs(text(snapshot).c_str(), stdout);
+    return 0;
+}
+
+/// Serves metrics until the process ends; a vlmmaster that does not answer has vlm_up 0.
+int serveMetrics(const std::string& path, const std::string& listen) {
+    ara::stm::StateSocket socket;
+    std::string error;
+    const auto current = [&] {
+        kyo::Json::Value snapshot(kyo::Json::objectValue);
+        std::string ignored;
+        return read(socket, path, snapshot, ignored) ? snapshot : kyo::Json::Value(kyo::Json::objectValue);
+    };
+    if (!tools::exportMetrics(listen, current, error)) {
+        std::fprintf(stderr, "vlm-status: %s\n", error.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+/// Also without a running vlmmaster: then the file says why there is no status.
+int writeBundle(const std::string& path, const std::string& file) {
+    ara::stm::StateSocket socket;
+    kyo::Json::Value snapshot(kyo::Json::objectValue);
+    std::string error;
+    if (!read(socket, path, snapshot, error)) {
+        snapshot = kyo::Json::Value(kyo::Json::objectValue);
+        snapshot["error"] = error;
+    }
+    std::ofstream out(file, std::ios::binary);
+    out << tools::bundle(snapshot).toStyledString();
+    out.close();
+    if (!out) {
+        std::fprintf(stderr, "vlm-status: %s cannot be written\n", file.c_str());
+        return 1;
+    }
     return 0;
 }
 
@@ -90,14 +130,22 @@ int follow(const std::string& path, bool json, std::chrono::milliseconds period)
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (vlmProd::printVersion(argc, argv, "vlm-status")) {
+        return 0;
+    }
     try {
         cxxopts::Options options("vlm-status", "Prints vlmmaster's status, or follows it as one live line.");
         options.positional_help("[seconds]");
         options.add_options()("follow", "repeat every second, or at the given number of seconds")(
-            "json", "the status as JSON")("socket",
-                                          "path of the state socket; default: the machine manifest's",
-                                          cxxopts::value<std::string>())(
-            "seconds", "", cxxopts::value<std::string>()->default_value("1"))("h,help", "this help");
+            "json", "the status as JSON")("openmetrics", "the status as OpenMetrics")(
+            "prometheus", "the status in Prometheus's older text format")(
+            "listen", "serve metrics over HTTP, for example at 127.0.0.1:9464; port 0: a free one",
+            cxxopts::value<std::string>(),
+            "ADDRESS:PORT")("bundle", "write what a bug report needs, without payloads, as JSON",
+                            cxxopts::value<std::string>(), "FILE")(
+            "socket", "path of the state socket; default: the machine manifest's",
+            cxxopts::value<std::string>())("seconds", "", cxxopts::value<std::string>()->default_value("1"))(
+            "h,help", "this help")("version", "print the version");
         options.parse_positional({"seconds"});
         const auto given = options.parse(argc, argv);
         if (given.count("help") != 0 || !given.unmatched().empty()) {
@@ -114,10 +162,24 @@ int main(int argc, char** argv) {
         }
         const std::string path =
             given.count("socket") != 0 ? given["socket"].as<std::string>() : machine::stateSocketPath();
+        if (given.count("listen") != 0) {
+            return serveMetrics(path, given["listen"].as<std::string>());
+        }
+        if (given.count("bundle") != 0) {
+            return writeBundle(path, given["bundle"].as<std::string>());
+        }
         const bool json = given.count("json") != 0;
-        return given.count("follow") != 0
-                   ? follow(path, json, std::chrono::milliseconds(static_cast<long>(period * 1000)))
-                   : printOnce(path, json);
+        if (given.count("follow") != 0) {
+            return follow(path, json, std::chrono::milliseconds(static_cast<long>(period * 1000)));
+        }
+        return printOnce(path, [&](const kyo::Json::Value& snapshot) {
+            if (given.count("openmetrics") != 0 || given.count("prometheus") != 0) {
+                return tools::metricsText(snapshot, given.count("openmetrics") != 0
+                                                        ? tools::MetricFormat::OpenMetrics
+                                                        : tools::MetricFormat::Prometheus);
+            }
+            return json ? kyo::Json::FastWriter().write(snapshot) + "\n" : tools::statusTable(snapshot);
+        });
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vlm-status: %s\n", error.what());
         return 1;

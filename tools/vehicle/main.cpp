@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "ac/com/runtime/component.h"
+#include "base/Version.h"
 #include "kyo/Log.h"
 #include "machine/Manifest.h"
 #include "tools/check/Document.h"
@@ -168,7 +169,8 @@ void declareOptions(cxxopts::Options& options) {
         ("status-seconds", "seconds between status lines; 0 for none", cxxopts::value<double>()->default_value("10"), "SECONDS")
         ("log-level", "of the platform's messages on standard error", cxxopts::value<int>()->default_value("3"), "0..7")
         ("list", "services, controls, quantities and faults")
-        ("h,help", "this text");
+        ("h,help", "this text")
+        ("version", "print the version");
     // clang-format on
 }
 
@@ -343,6 +345,9 @@ void run(const Arguments& arguments, char** argv, int signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (vlmProd::printVersion(argc, argv, "vlm-vehicle")) {
+        return 0;
+    }
     // Blocked before any thread exists, so that only the loop in run() receives the signals.
     sigset_t stops;
     sigemptyset(&stops);

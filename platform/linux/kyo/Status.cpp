@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "kyo/Histogram.h"
+
 namespace kyo {
 
 namespace {
@@ -15,8 +17,9 @@ namespace {
 using Gauge = std::function<Json::Value()>;
 
 struct Registry {
-    std::mutex guard;  ///< guards both maps; never locked while a gauge is read
+    std::mutex guard;  ///< guards the maps; never locked while a gauge is read
     std::map<std::string, std::unique_ptr<Counter>> counters;
+    std::map<std::string, std::unique_ptr<Histogram>> histograms;
     std::map<std::string, std::shared_ptr<const Gauge>> gauges;
 };
 
@@ -24,6 +27,18 @@ Registry& registry() {
     // Never destroyed: threads that run until the process ends use the counters.
     static auto* const instance = new Registry;
     return *instance;
+}
+
+/// The value of this name, which is created on first use.
+template <typename T>
+T& findIn(std::map<std::string, std::unique_ptr<T>> Registry::*map, const std::string& name) {
+    Registry& all = registry();
+    const std::lock_guard<std::mutex> lock(all.guard);
+    auto& slot = (all.*map)[name];
+    if (slot == nullptr) {
+        slot = std::make_unique<T>();
+    }
+    return *slot;
 }
 
 /// Sets the value at its dotted name. If a name is both a value and a group ("a" and "a.b"), the value
@@ -61,14 +76,27 @@ Json::Value readGauge(const Gauge& gauge) {
 
 }  // namespace
 
-Counter& Status::counter(const std::string& name) {
-    Registry& all = registry();
-    const std::lock_guard<std::mutex> lock(all.guard);
-    auto& slot = all.counters[name];
-    if (slot == nullptr) {
-        slot = std::make_unique<Counter>();
+Json::Value Histogram::value() const {
+    Json::Value buckets(Json::arrayValue);
+    for (std::size_t i = 0; i < m_counts.size(); ++i) {
+        Json::Value bucket(Json::arrayValue);
+        bucket.append(i < kLimits.size() ? Json::Value(static_cast<double>(kLimits[i]) / 1e6)
+                                         : Json::Value());
+        bucket.append(static_cast<Json::UInt64>(m_counts[i].load(std::memory_order_relaxed)));
+        buckets.append(std::move(bucket));
     }
-    return *slot;
+    Json::Value value(Json::objectValue);
+    value["buckets"] = std::move(buckets);
+    value["sumSeconds"] = static_cast<double>(m_sumUs.load(std::memory_order_relaxed)) / 1e6;
+    return value;
+}
+
+Counter& Status::counter(const std::string& name) {
+    return findIn(&Registry::counters, name);
+}
+
+Histogram& Histogram::get(const std::string& name) {
+    return findIn(&Registry::histograms, name);
 }
 
 void Status::gauge(const std::string& name, std::function<Json::Value()> read) {
@@ -91,15 +119,22 @@ std::map<std::string, std::uint64_t> Status::counters() {
 Json::Value Status::snapshot() {
     const auto counts = counters();
     std::vector<std::pair<std::string, std::shared_ptr<const Gauge>>> gauges;
+    std::vector<std::pair<std::string, const Histogram*>> histograms;
     {
         Registry& all = registry();
         const std::lock_guard<std::mutex> lock(all.guard);
+        for (const auto& [name, histogram] : all.histograms) {
+            histograms.emplace_back(name, histogram.get());
+        }
         gauges.assign(all.gauges.begin(), all.gauges.end());
     }
     // Outside the lock: gauges may take locks of their own.
     Json::Value root(Json::objectValue);
     for (const auto& [name, count] : counts) {
         place(root, name, Json::Value(static_cast<Json::UInt64>(count)));
+    }
+    for (const auto& [name, histogram] : histograms) {
+        place(root, name, histogram->value());
     }
     for (const auto& [name, gauge] : gauges) {
         place(root, name, readGauge(*gauge));

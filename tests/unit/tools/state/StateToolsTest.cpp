@@ -5,9 +5,12 @@
 #include <atomic>
 #include <memory>
 
+#include "kyo/Histogram.h"
 #include "kyo/Status.h"
 #include "state/StateServer.h"
 #include "tests/support/ChildProcess.h"
+#include "tools/state/Bundle.h"
+#include "tools/state/Metrics.h"
 #include "tools/state/StatusText.h"
 
 using testing::HasSubstr;
@@ -128,4 +131,58 @@ TEST(StatusText, OddSnapshotsAreShownAndNeverThrow) {
         EXPECT_THAT(tools::statusTable(snapshot), HasSubstr("Nothing was lost"));
         EXPECT_THAT(tools::LiveLine().next(snapshot, {}), Not(testing::IsEmpty()));
     }
+}
+
+TEST(Metrics, HaveBaseUnitsHelpTextsAndCumulativeBuckets) {
+    kyo::Histogram& histogram = kyo::Histogram::get("latency.tickToReport");
+    for (const int us : {-5, 50, 51, 2'000'000, 70'000'000}) {
+        histogram.add(std::chrono::microseconds(us));
+    }
+    kyo::Json::Value snapshot = snapshotOf(R"({"samples":{"received":7},"clock":{"durationMs":60000},
+        "process":{"memoryKiB":2,"version":"1.\"2\\"},"someip":{"up":true},"not":{"described":1}})");
+    snapshot["latency"]["tickToReport"] = histogram.value();
+    const std::string open = tools::metricsText(snapshot, tools::MetricFormat::OpenMetrics);
+    for (const char* const line :
+         {"# TYPE vlm_samples_received counter\n# HELP vlm_samples_received samples that reached an "
+          "adapter's "
+          "callback\nvlm_samples_received_total 7\n",
+          "# UNIT vlm_clock_duration_seconds seconds\n",
+          "\nvlm_clock_duration_seconds 60\n",
+          "\nvlm_process_memory_bytes 2048\n",
+          "\nvlm_someip_up 1\n",
+          "\nvlm_up 1\n",
+          "# TYPE vlm_not_described gauge\nvlm_not_described 1\n",
+          "# TYPE vlm info\n",
+          "\nvlm_clock_jumps_total 0\n",
+          "\nvlm_info{process_version=\"1.\\\"2\\\\\"} 1\n",
+          "# TYPE vlm_latency_tick_to_report_seconds histogram\n",
+          "_bucket{le=\"5e-05\"} 2\n",
+          "_bucket{le=\"0.0001\"} 3\n",
+          "_bucket{le=\"1.25\"} 3\n",
+          "_bucket{le=\"2.5\"} 4\n",
+          "_bucket{le=\"60\"} 4\n",
+          "_bucket{le=\"+Inf\"} 5\n",
+          "vlm_latency_tick_to_report_seconds_sum 72.000101\n",
+          "vlm_latency_tick_to_report_seconds_count 5\n",
+          "\n# EOF\n"}) {
+        EXPECT_THAT(open, HasSubstr(line));
+    }
+    const std::string older = tools::metricsText(snapshot, tools::MetricFormat::Prometheus);
+    EXPECT_THAT(older, HasSubstr("# TYPE vlm_samples_received_total counter\n"));
+    EXPECT_THAT(older, HasSubstr("# TYPE vlm_info gauge\n"));
+    EXPECT_THAT(older, Not(HasSubstr("# EOF")));
+    EXPECT_THAT(tools::statusTable(snapshot),
+                HasSubstr("latency.tickToReport  5, half within 0.1 ms, 99 % above 60 s\n"));
+    EXPECT_EQ(tools::metricsText(snapshotOf("{}"), tools::MetricFormat::Prometheus),
+              "# TYPE vlm_up gauge\n# HELP vlm_up whether vlmmaster answers\nvlm_up 0\n");
+}
+
+TEST(Bundle, TakesFaultsFromTheLogWithoutWhatTheyQuote) {
+    const auto lines = tools::faultLines(
+        "2026-03-11 14:05:09.123 INFO    Record Json = {\"latitude\":48}\n"
+        "2026-03-11 14:05:09.124 ERROR   field \"speed\" is wrong: \"48.1\", see {\"latitude\":48}\n"
+        "2026-03-11T14:05:10 host systemd[1]: vlmmaster.service: Failed with result 'watchdog'.\n");
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].asString(), "2026-03-11 14:05:09.124 ERROR   field \"...\" is wrong: \"...\", see ");
+    EXPECT_THAT(lines[1].asString(), HasSubstr("Failed with result 'watchdog'"));
 }

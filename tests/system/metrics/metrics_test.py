@@ -1,0 +1,148 @@
+#!/usr/bin/env python3
+"""vlm-status as metrics of a real vlmmaster: Prometheus scrapes them, promtool accepts them, and a bug report's bundle has
+no payloads.
+
+The environment is that of tests/support/processes.py, and VLM_STATUS.
+"""
+import hashlib
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.parse
+import urllib.request
+from pathlib import Path
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
+from processes import Vehicle, Vlmmaster, free_tcp_port, free_udp_port, wait_until  # noqa: E402
+
+VLM_STATUS = os.environ["VLM_STATUS"]
+PROMETHEUS, PROMTOOL = shutil.which("prometheus"), shutil.which("promtool")
+OPEN = {"Accept": "application/openmetrics-text; version=1.0.0"}
+
+
+def fetched(url, headers=None):
+    with urllib.request.urlopen(urllib.request.Request(url, headers=headers or {}), timeout=30) as answer:
+        return answer.headers["Content-Type"], answer.read().decode()
+
+
+class MetricsTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        temporary = tempfile.TemporaryDirectory(prefix="vlm-metrics-")
+        cls.addClassCleanup(temporary.cleanup)
+        cls.folder = Path(temporary.name)
+        port = free_udp_port()
+        cls.application = cls.folder / "vlm.json"
+        cls.application.write_text('{"OfferedDataTypes": ["VLMReport"]}')
+        collector = cls.folder / "collector.json"
+        collector.write_text(json.dumps({
+            "CONFIG": [{"name": "metrics", "version": "1"}], "CLOCK": [{"name": "tick", "duration": 60000}],
+            "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
+            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
+        cls.master = Vlmmaster(["-c", str(cls.application), "-l", str(collector)], str(cls.folder), port=port)
+        cls.addClassCleanup(cls.master.kill)
+        vehicle = Vehicle(str(cls.folder), port, "--services", "GNSS")
+        cls.addClassCleanup(vehicle.end)
+        cls.master.wait_for_count("records.collected", 3)
+
+    def status(self, *arguments):
+        return subprocess.run([VLM_STATUS, *arguments, "--socket", self.master.socket], capture_output=True, text=True,
+                              check=True, timeout=60).stdout
+
+    def exporter(self, path):
+        """The exporter's address; it serves until the end of the test."""
+        process = subprocess.Popen([VLM_STATUS, "--listen", "127.0.0.1:0", "--socket", path], stdout=subprocess.PIPE,
+                                   stdin=subprocess.DEVNULL, text=True)
+
+        def end():
+            process.kill()
+            process.wait()
+            process.stdout.close()
+
+        self.addCleanup(end)
+        return re.search(r"http://\S+", process.stdout.readline())[0]
+
+    def test_every_value_of_the_status_is_a_described_metric(self):
+        text = self.status("--openmetrics")
+        helped = set(re.findall(r"^# HELP (\S+) \S", text, flags=re.M))
+        families = set(re.findall(r"^# TYPE (\S+) \S", text, flags=re.M))
+        self.assertEqual(families - helped, set())
+        for name in ("vlm_samples_received", "vlm_records_waiting", "vlm_latency_event_to_output_seconds", "vlm_clock_jumps"):
+            self.assertIn(name, families)
+        count = re.search(r"^vlm_latency_event_to_output_seconds_count (\d+)$", text, flags=re.M)
+        self.assertGreaterEqual(int(count[1]), 3)
+
+    @unittest.skipUnless(PROMTOOL, "promtool is not installed")
+    def test_promtool_accepts_the_metrics(self):
+        found = subprocess.run([PROMTOOL, "check", "metrics"], input=self.status("--prometheus"), capture_output=True,
+                               text=True, timeout=60)
+        self.assertEqual((found.returncode, found.stdout + found.stderr), (0, ""))
+
+    def test_the_exporter_chooses_the_format_and_outlives_vlmmaster(self):
+        url = self.exporter(self.master.socket)
+        kind, text = fetched(url, OPEN)
+        self.assertTrue(kind.startswith("application/openmetrics-text"))
+        self.assertTrue(text.endswith("# EOF\n"))
+        kind, text = fetched(url)
+        self.assertTrue(kind.startswith("text/plain"))
+        self.assertIn("\nvlm_up 1\n", text)
+        self.assertIn("\nvlm_up 0\n", fetched(self.exporter(str(self.folder / "nobody")))[1])
+        took = []
+        for _ in range(50):
+            begin = time.monotonic()
+            fetched(url)
+            took.append(time.monotonic() - begin)
+        print(f"one scrape: {sorted(took)[25] * 1000:.2f} ms", file=sys.stderr)
+
+    @unittest.skipUnless(PROMETHEUS, "prometheus is not installed")
+    def test_prometheus_scrapes(self):
+        target = self.exporter(self.master.socket).split("/")[2]
+        port = free_tcp_port()
+        (self.folder / "prometheus.yml").write_text(
+            "global: {scrape_interval: 1s}\n"
+            f"scrape_configs: [{{job_name: vlm, static_configs: [{{targets: ['{target}']}}]}}]\n")
+        with open(self.folder / "prometheus.txt", "wb") as out:
+            server = subprocess.Popen(
+                [PROMETHEUS, f"--config.file={self.folder}/prometheus.yml", f"--storage.tsdb.path={self.folder}/data",
+                 f"--web.listen-address=127.0.0.1:{port}"], stdout=out, stderr=out, stdin=subprocess.DEVNULL)
+
+        def end():
+            server.kill()
+            server.wait()
+
+        self.addCleanup(end)
+
+        def value(query):
+            try:
+                found = json.loads(fetched(f"http://127.0.0.1:{port}/api/v1/query?"
+                                           + urllib.parse.urlencode({"query": query}))[1])["data"]["result"]
+            except OSError:
+                return 0  # it has not started yet
+            return float(found[0]["value"][1]) if found else 0
+
+        wait_until(lambda: value("vlm_samples_received_total") >= 3, "samples in Prometheus", period=0.3)
+        self.assertEqual(value("vlm_up"), 1)
+        self.assertGreaterEqual(value('vlm_latency_event_to_output_seconds_bucket{le="+Inf"}'), 3)
+
+    def test_a_bundle_has_digests_and_no_payloads(self):
+        file = self.folder / "bundle.json"
+        self.status("--bundle", str(file))
+        text = file.read_text()
+        bundle = json.loads(text)
+        self.assertEqual(bundle["configuration"]["application"]["sha256"],
+                         hashlib.sha256(self.application.read_bytes()).hexdigest())
+        self.assertEqual(set(bundle["configuration"]), {"application", "collector", "manifest", "catalog"})
+        self.assertGreaterEqual(bundle["status"]["samples"]["received"], 3)
+        self.assertEqual(bundle["versions"]["vlm-status"], bundle["status"]["process"]["version"])
+        for secret in ("latitude", "OfferedDataTypes", "propertyValuePairs"):
+            self.assertNotIn(secret, text)
+
+
+if __name__ == "__main__":
+    unittest.main()
