@@ -25,7 +25,7 @@ help:
 	@echo 'make coverage  unit and integration tests, and a table of their coverage'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
-	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run'
+	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run, ONLY=SpoolFaults runs a part'
 	@echo 'make load      5,000 and 20,000 samples a second over all services, for MINUTES=n each (10)'
 	@echo 'make soak      everything at its natural rate for HOURS=n (1), memory and losses as a plot'
 	@echo 'make mutants   plants faults one at a time: FILES="bus/*.cpp ..." SEED=n MINUTES=n, and lists what no test noticed'
@@ -83,8 +83,9 @@ SEED ?= 0
 
 # One at a time, since they also measure times.
 faults: configure
+	@tools/run/deps.sh faults
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vlmmaster vlm-vehicle vlm-backend vlm-spool vlm_catalog_file
-	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.' --verbose
+	VLM_FAULT_ROUNDS=$(ROUNDS) VLM_FAULT_SEED=$(SEED) ctest --test-dir build/$(PRESET) -R '^faults\.$(ONLY)' --verbose
 
 LOAD_PRESET ?= release
 

@@ -78,7 +78,14 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
         const std::string_view prefix = std::string_view(topic).substr(0, topic.rfind('/'));
         if (const auto at = topic.rfind("/data");
             at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/')) {
-            arrived.push_back(decode(topic.substr(0, at), topic.substr(at + 5), payload));
+            Arrived one = decode(topic.substr(0, at), topic.substr(at + 5), payload);
+            if (one.lacksDictionary) {
+                // Readable when the dictionary is there: the vehicle keeps it and waits for an opening
+                // message.
+                out.push_back(masterControl(one.received.prefix, m_vehicles[one.received.prefix], 2, false));
+            } else {
+                arrived.push_back(std::move(one));
+            }
             continue;
         }
         Value content;
@@ -103,10 +110,10 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
     return out;
 }
 
-/// `form`: "", "/zstd", "/plain/17".
-Backend::Arrived Backend::decode(const std::string& prefix, const std::string& form,
+/// `suffix`: "", "/zstd", "/plain/17", "/zstd-50001/17". A frame tells its dictionary by itself.
+Backend::Arrived Backend::decode(const std::string& prefix, const std::string& suffix,
                                  const std::string& payload) {
-    std::istringstream parts(form);
+    std::istringstream parts(suffix);
     std::string encoding;
     Arrived out;
     store::Received& received = out.received;
@@ -116,11 +123,16 @@ Backend::Arrived Backend::decode(const std::string& prefix, const std::string& f
     std::getline(parts, encoding, '/');
     std::getline(parts, encoding, '/');
     std::getline(parts, received.spoolNumber);
-    if (!encoding.empty() && encoding != "plain" && encoding != "zstd") {
+    const bool isZstd = encoding == "zstd" || encoding.starts_with("zstd-");
+    if (!encoding.empty() && encoding != "plain" && !isZstd) {
         received.reason = "the encoding \"" + encoding + "\" is not known";
     } else {
-        kyo::orx::decompress(encoding == "zstd" ? kyo::orx::Encoding::Zstd : kyo::orx::Encoding::Plain,
-                             payload, received.text, received.reason);
+        using kyo::orx::Encoding;
+        const Encoding form = isZstd ? Encoding::Zstd : Encoding::Plain;
+        const std::uint32_t dictionary = kyo::orx::dictionaryOf(form, payload);
+        out.lacksDictionary = dictionary != 0 && m_settings.dictionaries.find(dictionary) == nullptr;
+        kyo::orx::decompress(form, payload, received.text, received.reason, kyo::orx::kLargestText,
+                             m_settings.dictionaries);
     }
     if (!received.reason.empty()) {
         received.text = payload;

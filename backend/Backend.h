@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "backend/Compression.h"
 #include "backend/store/Configurations.h"
 #include "backend/store/Store.h"
 #include "backend/store/Totals.h"
@@ -31,6 +32,7 @@ struct Settings {
     bool namesEnvelopes = true;                   ///< whether a result names its envelope
     std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
+    kyo::orx::Dictionaries dictionaries;          ///< with which vehicles may compress
     store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
     std::shared_ptr<store::Totals> totals = std::make_shared<store::Totals>();
     /// From a vehicle's return until it is sent a configuration for which it has not asked.
@@ -102,14 +104,15 @@ class Backend {
         store::Received received;
         std::string id;
         std::string report;
-        bool known = false;  ///< the database has it
+        bool known = false;            ///< the database has it
+        bool lacksDictionary = false;  ///< so it may be readable later
         std::uint64_t collections = 0;
         std::uint64_t samples = 0;
     };
 
     Outgoing masterControl(const std::string& prefix, const Vehicle& vehicle, int result, bool newTicket,
                            const std::string& messageId = "");
-    Arrived decode(const std::string& prefix, const std::string& form, const std::string& payload);
+    Arrived decode(const std::string& prefix, const std::string& suffix, const std::string& payload);
     void describe(Arrived& arrived);
     std::vector<bool> store(std::vector<Arrived>& batch);
     std::vector<Outgoing> openAll();

@@ -85,6 +85,8 @@ cxxopts::Options describeOptions() {
         "delivery results, one per envelope, the last one for all further: 0 delivered, 1 send again, 2 "
         "stop, - no answer",
         cxxopts::value<std::string>()->default_value("0"));
+    add("dictionary", "file of a zstd dictionary of vehicles, besides the built-in ones; may be repeated",
+        cxxopts::value<std::vector<std::string>>()->default_value(""));
     add("types", "permitted data types, comma-separated; what the vehicle offers without it",
         cxxopts::value<std::vector<std::string>>()->default_value(""));
     add("answer-after", "milliseconds before a result", cxxopts::value<unsigned>()->default_value("0"));
@@ -261,6 +263,8 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
                 out.backend.permitted.push_back(type);
             }
         }
+        kyo::orx::addDictionaries(given["dictionary"].as<std::vector<std::string>>(),
+                                  out.backend.dictionaries);
         if (!vlmBackend::readResults(given["results"].as<std::string>(), out.backend.results)) {
             throw std::invalid_argument("--results: a list such as 0,0,1,2,- is expected");
         }

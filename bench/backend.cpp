@@ -3,7 +3,7 @@
 ///
 ///     bench_backend send ENVELOPES COUNT   sends COUNT of them in turn, and waits until they have arrived
 ///     bench_backend take                   a backend that names each envelope in its result, and does
-///     nothing else
+///                                          nothing else
 ///
 /// Both print lines of JSON, and read a line where they wait for the caller.
 #include <sys/resource.h>
@@ -178,7 +178,9 @@ class Taker {
               m_settings, "taker", {m_prefix + "/status", m_prefix + "/data/#"}, {},
               {[] {},
                [this](const std::string& topic, const std::string& payload, bool) { take(topic, payload); },
-               [](int, int) {}, [](int, const std::string&) {}}) {}
+               [](int, int) {}, [](int, const std::string&) {}}) {
+        m_dictionaries.addBuiltIn();
+    }
 
     void run() {
         m_connection.start();
@@ -200,7 +202,7 @@ class Taker {
         const bool isZstd = topic.find("/data/zstd") != std::string::npos;
         std::string error;
         if (!kyo::orx::decompress(isZstd ? kyo::orx::Encoding::Zstd : kyo::orx::Encoding::Plain, payload,
-                                  m_text, error)) {
+                                  m_text, error, kyo::orx::kLargestText, m_dictionaries)) {
             std::cerr << topic << ": " << error << '\n';
             return;
         }
@@ -229,6 +231,7 @@ class Taker {
     const machine::MqttBackend& m_settings;
     const std::string m_prefix;
     std::string m_text;
+    kyo::orx::Dictionaries m_dictionaries;
     std::set<std::string> m_ids;
     std::uint64_t m_again = 0;
     kyo::orx::MqttConnection m_connection;

@@ -44,6 +44,8 @@ std::vector<Found> filesIn(const fs::path& folder) {
     return found;
 }
 
+kyo::orx::Dictionaries dictionaries;
+
 /// The envelope of a file, and its text. False with the reason in `error`.
 bool read(const fs::path& folder, const Found& file, SpooledEnvelope& envelope, std::string& text,
           std::string& error) {
@@ -54,7 +56,8 @@ bool read(const fs::path& folder, const Found& file, SpooledEnvelope& envelope, 
         return false;
     }
     return kyo::orx::readSpoolFile(content, envelope, error) &&
-           kyo::orx::decompress(envelope.encoding, envelope.payload, text, error);
+           kyo::orx::decompress(envelope.encoding, envelope.payload, text, error, kyo::orx::kLargestText,
+                                dictionaries);
 }
 
 std::string timeOf(std::int64_t ms) {
@@ -167,6 +170,8 @@ int run(int argc, char** argv) {
     add("folder", "backend.spool.path of the manifest", cxxopts::value<std::string>());
     add("number", "of the envelope to show", cxxopts::value<std::uint64_t>());
     add("o,output", "file for the export; standard output without it", cxxopts::value<std::string>());
+    add("dictionary", "file of the vehicle's zstd dictionary, unless it is built in; may be repeated",
+        cxxopts::value<std::vector<std::string>>()->default_value(""));
     add("bad", "purge only what cannot be used");
     add("h,help", "this text");
     add("version", "print the version");
@@ -183,6 +188,7 @@ int run(int argc, char** argv) {
     if (given.count("command") == 0 || given.count("folder") == 0 || !given.unmatched().empty()) {
         throw std::invalid_argument("a command and a folder are expected");
     }
+    kyo::orx::addDictionaries(given["dictionary"].as<std::vector<std::string>>(), dictionaries);
     const std::string command = given["command"].as<std::string>();
     const fs::path folder = given["folder"].as<std::string>();
     std::string error;

@@ -30,10 +30,10 @@ std::string clientIdOf(const std::string& prefix) {
 }
 
 /// How a message with an envelope says what it is.
-MqttConnection::Form formOf(Encoding encoding) {
+MqttConnection::Form formOf(Encoding encoding, std::string_view payload) {
     MqttConnection::Form form;
     form.contentType = encoding == Encoding::Zstd ? "application/zstd" : "application/json";
-    form.encoding = nameOf(encoding);
+    form.encoding = nameOf(encoding, payload);
     return form;
 }
 
@@ -68,7 +68,7 @@ MqttTransport::MqttTransport(const machine::BackendSettings& settings, Presence 
       m_prefix(topicPrefix(settings.mqtt)),
       m_limits(settings.limits),
       m_hooks(std::move(hooks)),
-      m_compressor(makeCompressor(settings.compression)),
+      m_compressor(settings.spool ? nullptr : makeCompressor(settings.compression)),
       m_patience(kFirstPatience),
       m_connection(
           settings.mqtt, clientIdOf(m_prefix), {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
@@ -113,7 +113,7 @@ std::int32_t MqttTransport::send(const Json::Value& envelope) {
         const std::lock_guard<std::mutex> lock(m_compressorMutex);
         if (std::string compressed = m_compressor->compress(payload); !compressed.empty()) {
             payload = std::move(compressed);
-            form = formOf(Encoding::Zstd);
+            form = formOf(Encoding::Zstd, payload);
         }
     }
     const std::int32_t result =
@@ -151,7 +151,7 @@ std::int32_t MqttTransport::requestConfiguration() {
 }
 
 std::int32_t MqttTransport::sendSpooled(const SpooledEnvelope& envelope, std::string& error) {
-    MqttConnection::Form form = formOf(envelope.encoding);
+    MqttConnection::Form form = formOf(envelope.encoding, envelope.payload);
     form.spoolNumber = std::to_string(envelope.number);
     form.isForOneConnection = true;
     form.tag = envelope.number;

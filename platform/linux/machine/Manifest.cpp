@@ -183,6 +183,7 @@ void read(const Field& backend, BackendSettings& out) {
     const Field compression = backend["compression"];
     readChecked(compression["method"], out.compression.method, isMethod, "\"none\" or \"zstd\"");
     compression["level"].number(out.compression.level, 1, 19);
+    compression["dictionary"].name(out.compression.dictionary);
     compression.refuseOthers();
     const Field remember = backend["remember"];
     if (const Field after = remember["afterSeconds"]; after.value().isNull() && !after.isAbsent()) {

@@ -87,6 +87,7 @@ struct SpoolBackend {
 struct Compression {
     std::string method = "none";  ///< "none" or "zstd"
     int level = 1;
+    std::string dictionary;  ///< number of a built-in one, or a file; empty: none
 };
 
 struct RememberBackend {

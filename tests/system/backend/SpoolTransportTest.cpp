@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -36,7 +37,7 @@ std::string text(const kyo::Json::Value& value) {
 class Backend {
   public:
     explicit Backend(const machine::MqttBackend& settings, vlmBackend::Settings script = {})
-        : m_backend(std::move(script), [](const std::string&) {}),
+        : m_backend(std::move(script), [this](const std::string& line) { print(line); }),
           m_connection(
               settings, "backend", {"test/vehicle/status", "test/vehicle/data/#", "test/vehicle/health"}, {},
               {[this] { m_connected = true; },
@@ -53,6 +54,11 @@ class Backend {
     std::vector<std::string> topics() const {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_topics;
+    }
+    bool saw(const std::string& part) const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return std::any_of(m_lines.begin(), m_lines.end(),
+                           [&part](const std::string& line) { return line.find(part) != std::string::npos; });
     }
     std::size_t payloadBytes() const { return m_payloadBytes; }
     void stop() { m_connection.stop(); }
@@ -71,10 +77,15 @@ class Backend {
             m_connection.publish(answer.topic, answer.payload, false, 0, error);
         }
     }
+    void print(const std::string& line) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_lines.push_back(line);
+    }
     std::atomic<bool> m_connected{false};
     std::atomic<std::size_t> m_payloadBytes{0};
     mutable std::mutex m_mutex;
     std::vector<std::string> m_topics;
+    std::vector<std::string> m_lines;
     vlmBackend::Backend m_backend;
     MqttConnection m_connection;
 };
@@ -206,6 +217,37 @@ TEST_F(SpoolBackendTest, MovesWhatTheBrokerNeverTakesAsideAndSendsTheOthers) {
     EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
     EXPECT_EQ(stored(), (std::set<std::string>{"1", "3"}));
     EXPECT_TRUE(m_log.waitFor("moves to bad/"));
+}
+
+TEST_F(SpoolBackendTest, WaitsForABackendThatKnowsItsDictionary) {
+    m_settings.compression = {"zstd", 1, "50001"};
+    {
+        Broker broker(m_port);
+        Backend backend(m_settings.mqtt, script());
+        Vehicle vehicle(m_settings);
+        ASSERT_TRUE(vehicle.awaitControls(1));
+    }
+    {
+        Vehicle vehicle(m_settings);
+        ASSERT_TRUE(vehicle.awaitControls(1));
+        vehicle.send(1, 3);
+    }
+    m_settings.compression = {};
+    Broker broker(m_port);
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    {
+        Backend backend(m_settings.mqtt, script());
+        vehicle.send(4, 4);
+        ASSERT_TRUE(eventually([&] { return backend.saw("its dictionary 50001 is not known"); }));
+        EXPECT_EQ(backend.topics().front(), "test/vehicle/data/zstd-50001/1");
+    }
+    EXPECT_EQ(waiting(), 4u);
+    vlmBackend::Settings settings = script();
+    settings.dictionaries.addBuiltIn();
+    Backend backend(m_settings.mqtt, settings);
+    EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
+    EXPECT_EQ(stored(), (std::set<std::string>{"1", "2", "3", "4"}));
 }
 
 class FullDisk : public SpoolDisk {

@@ -20,6 +20,7 @@ from pathlib import Path
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
 from processes import (Vehicle, Vlmmaster, count_in, fake_clock, faster_clock, free_tcp_port, free_udp_port,  # noqa: E402
                        wait_until)
+from cluster import Cluster  # noqa: E402
 from relay import Relay  # noqa: E402
 
 SOURCE = Path(os.environ["VLM_SOURCE"])
@@ -434,6 +435,49 @@ class SpoolFaults(FaultTest):
         self.told.update({"confirmed by the last log": len(confirmed), "on the disk at a kill": len(self.kept),
                           "arrived": different, "of them again": len(arrivals) - different})
         self.assertGreater(len(confirmed), 2)
+
+
+class ClusterFaults(FaultTest):
+    """Three brokers, of which one at a time is killed."""
+
+    def setUp(self):
+        super().setUp()
+        self.need("nats-server")
+        from page_backend import PageBackend, mqtt
+        self.store = os.path.join(self.folder, "store.jsonl")
+        self.cluster = Cluster(self.folder, self.start_peer)
+        ports = self.cluster.mqtt_ports()
+        # No dot in the prefix: it separates the parts of a name in this broker.
+        self.backend = PageBackend(ports, "vlm/faults", self.store, CONFIGURATION, protocol=mqtt.MQTTv311)
+        self.addCleanup(self.backend.end)
+        self.start_vehicle()
+        self.start_master(backend={
+            "transport": "mqtt", "compression": {"method": "zstd"},
+            "spool": {"path": os.path.join(self.folder, "spool"), "drainJitterSeconds": 0, "resultTimeoutSeconds": 120},
+            "mqtt": {"hosts": [f"127.0.0.1:{port}" for port in ports], "prefix": "vlm/faults", "reconnectMaxSeconds": 5,
+                     "keepAliveSeconds": 100}})
+        self.wait_for_all_services()
+        self.wait_for_fresh_samples()
+
+    def test_a_random_broker_of_three_is_killed(self):
+        self.told["kills"] = ROUNDS or 2
+        for turn in range(ROUNDS or 2):
+            self.random_pause(4)
+            # The first one is the vehicle's.
+            node = self.chance.randrange(len(self.cluster.nodes)) if turn else 0
+            self.cluster.kill(node)
+            self.wait_for_fresh_samples()
+            self.cluster.start(node)
+            self.cluster.wait_until_healthy()
+        stored = self.master.count("spool.stored")
+        self.master.wait_for_count("spool.delivered", stored, 90)
+        self.check_no_gap()
+        received = self.backend.received
+        self.assertGreaterEqual({number for number, _, _ in received}, set(range(1, stored + 1)))
+        self.assertEqual(self.backend.faults, [])
+        self.told.update({"connected again": self.master.count("orx.reconnects"), "envelopes": stored,
+                          "came again": len(received) - len({number for number, _, _ in received})})
+        self.finish()
 
 
 class DiskFaults(FaultTest):

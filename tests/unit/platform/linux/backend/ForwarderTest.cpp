@@ -243,6 +243,43 @@ TEST(CompressionTest, BringsATextBackAndBelievesNoLengthThatIsBeyondItsLimit) {
     EXPECT_FALSE(decompress(kyo::orx::Encoding::Zstd, bomb, back, error));
 }
 
+TEST(CompressionTest, NeedsTheDictionaryOfAFrameByItsNumberAndThenFindsShortTextsShorter) {
+    using kyo::orx::Dictionaries;
+    using kyo::orx::Dictionary;
+    using kyo::orx::Encoding;
+    const std::string text =
+        R"({"correlationTag":"VLMCorrelTag","deliveryMode":0,"elementId":1,"eventId":"VLM.A.B","eventTicket":"t",)"
+        R"("isCallbackAbilityRequested":true,"messageId":"0b6c9ca2-7d7b-8f65-9a8e-4f6b1a2d3c4e",)"
+        R"("orxClientDataReport":"{\"applicationName\":\"A\",\"reportName\":\"B\",\"sequenceNumber\":3}"})";
+    std::string error;
+    std::string back;
+    Dictionaries known;
+    known.addBuiltIn();
+    const auto dictionary = Dictionary::load("50001", error);
+    ASSERT_TRUE(dictionary) << error;
+    const std::string plain = kyo::orx::Compressor(1).compress(text);
+    const std::string packed = kyo::orx::Compressor(1, dictionary).compress(text);
+    EXPECT_LT(packed.size(), plain.size() / 2);
+    EXPECT_EQ(nameOf(Encoding::Zstd, plain), "zstd");
+    EXPECT_EQ(nameOf(Encoding::Zstd, packed), "zstd-50001");
+    for (const std::string& payload : {plain, packed}) {
+        EXPECT_TRUE(decompress(Encoding::Zstd, payload, back, error, text.size(), known)) << error;
+        EXPECT_EQ(back, text);
+    }
+    EXPECT_FALSE(decompress(Encoding::Zstd, packed, back, error));
+    EXPECT_EQ(error, "its dictionary 50001 is not known");
+    EXPECT_FALSE(decompress(Encoding::Zstd, packed, back, error, text.size() - 1, known));
+    EXPECT_NE(error.find("more than the limit"), std::string::npos) << error;
+
+    EXPECT_FALSE(known.add("50002", error));
+    EXPECT_EQ(error, "no dictionary 50002 is built in; known are 50001");
+    const vlmTest::TemporaryFolder folder;
+    EXPECT_FALSE(known.add(folder.write("some.zdict", text), error));
+    EXPECT_NE(error.find("some.zdict: no zstd dictionary"), std::string::npos) << error;
+    EXPECT_FALSE(known.add(folder.file("none"), error));
+    EXPECT_NE(error.find("none: No such file"), std::string::npos) << error;
+}
+
 kyo::Json::Value configuration(const std::string& id, const std::string& body) {
     kyo::Json::Value answer(kyo::Json::arrayValue);
     answer[0]["recordId"] = id;
