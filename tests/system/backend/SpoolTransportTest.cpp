@@ -238,16 +238,15 @@ TEST_F(SpoolBackendTest, WaitsForABackendThatKnowsItsDictionary) {
     ASSERT_TRUE(vehicle.awaitControls(1));
     {
         Backend backend(m_settings.mqtt, script());
-        vehicle.send(4, 4);
         ASSERT_TRUE(eventually([&] { return backend.saw("its dictionary 50001 is not known"); }));
         EXPECT_EQ(backend.topics().front(), "test/vehicle/data/zstd-50001/1");
     }
-    EXPECT_EQ(waiting(), 4u);
+    EXPECT_EQ(waiting(), 3u);
     vlmBackend::Settings settings = script();
     settings.dictionaries.addBuiltIn();
     Backend backend(m_settings.mqtt, settings);
     EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
-    EXPECT_EQ(stored(), (std::set<std::string>{"1", "2", "3", "4"}));
+    EXPECT_EQ(stored(), (std::set<std::string>{"1", "2", "3"}));
 }
 
 class FullDisk : public SpoolDisk {

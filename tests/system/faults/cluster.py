@@ -1,6 +1,6 @@
 """A cluster of three brokers on the loopback: nats-server, whose MQTT 3.1.1 keeps messages on three replicas."""
+import json
 import os
-import urllib.error
 import urllib.request
 from pathlib import Path
 
@@ -24,7 +24,7 @@ class Cluster:
                 f'mqtt {{ listen: "127.0.0.1:{ports["mqtt"]}", stream_replicas: {NODES} }}\n'
                 f'cluster {{ name: faults, listen: "127.0.0.1:{ports["routes"]}", routes: [{routes}] }}\n')
             self.start(node)
-        self.wait_until_healthy()
+        self.wait_until_whole()
 
     def _configuration(self, node):
         return os.path.join(self._folder, f"node{node}.conf")
@@ -39,16 +39,27 @@ class Cluster:
     def mqtt_ports(self):
         return [ports["mqtt"] for ports in self._ports]
 
-    def _trouble(self, node):
-        try:
-            with urllib.request.urlopen(f"http://127.0.0.1:{self._ports[node]['monitor']}/healthz", timeout=5):
-                return None
-        except urllib.error.HTTPError as error:
-            return f"node{node}: {error.read().decode()}"
-        except OSError as error:
-            return f"node{node}: {error}"
+    def _led(self, node):
+        """Streams that this node leads, and whether all others have what they contain; and the names of all streams."""
+        url = f"http://127.0.0.1:{self._ports[node]['monitor']}/jsz?streams=true"
+        with urllib.request.urlopen(url, timeout=5) as answer:
+            accounts = json.load(answer).get("account_details") or []
+        streams = [stream for account in accounts for stream in account.get("stream_detail") or []]
+        led = {stream["name"]: stream["cluster"] for stream in streams if stream["cluster"].get("leader") == f"node{node}"}
+        return {stream["name"] for stream in streams}, {
+            name: all(replica["current"] and not replica.get("offline") for replica in cluster["replicas"])
+            for name, cluster in led.items()}
 
-    def wait_until_healthy(self):
-        """All nodes live, and have all that the others have."""
-        troubles = lambda: [trouble for node in range(NODES) if (trouble := self._trouble(node))]  # noqa: E731
-        wait_until(lambda: not troubles(), lambda: f"a healthy cluster: {troubles()}", 60, 0.1)
+    def _is_whole(self):
+        try:
+            found = [self._led(node) for node in range(NODES)]
+        except OSError:
+            return False
+        names = set().union(*(names for names, _ in found))
+        led = {name: whole for _, led in found for name, whole in led.items()}
+        return all(led.get(name) for name in names)
+
+    def wait_until_whole(self):
+        """All nodes live, and each stream is on all of them. A node's own health is too strict: it counts consumers of
+        connections that are no more."""
+        wait_until(self._is_whole, "a whole cluster", 60, 0.1)

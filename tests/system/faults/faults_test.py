@@ -468,7 +468,7 @@ class ClusterFaults(FaultTest):
             self.cluster.kill(node)
             self.wait_for_fresh_samples()
             self.cluster.start(node)
-            self.cluster.wait_until_healthy()
+            self.cluster.wait_until_whole()
         stored = self.master.count("spool.stored")
         self.master.wait_for_count("spool.delivered", stored, 90)
         self.check_no_gap()
