@@ -171,10 +171,11 @@ struct MqttConnection::State {
 
     // Network thread only.
     bool everConnected = false;
-    bool tooLarge = false;        ///< the broker ended the connection because of a message's size
-    std::size_t suspect = 0;      ///< size of the largest message when a 3.1.1 connection ended
-    int suspicions = 0;           ///< how many ended so in a row
-    bool confirmsOthers = false;  ///< the broker has confirmed a message on this connection
+    std::size_t subscriptionsAsked = 0;  ///< which the broker has not answered
+    bool tooLarge = false;               ///< the broker ended the connection because of a message's size
+    std::size_t suspect = 0;             ///< size of the largest message when a 3.1.1 connection ended
+    int suspicions = 0;                  ///< how many ended so in a row
+    bool confirmsOthers = false;         ///< the broker has confirmed a message on this connection
     int protocol = MQTT_PROTOCOL_V5;
     std::string libraryError;  ///< the library's own words about the last trouble
     std::string refusal;       ///< why the broker refused or ended the connection
@@ -348,6 +349,9 @@ void MqttConnection::State::setCallbacks(mosquitto* raw) {
                     3, state.broker() + " refuses a subscription: " + mosquitto_reason_string(granted[i]));
             }
         }
+        if (--state.subscriptionsAsked == 0 && state.handlers.subscribed && !state.stopping) {
+            state.handlers.subscribed();
+        }
     });
     mosquitto_log_callback_set(raw, [](mosquitto*, void* object, int level, const char* text) {
         if ((level & (MOSQ_LOG_ERR | MOSQ_LOG_WARNING)) != 0) {
@@ -395,6 +399,7 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     libraryError.clear();
     refusal.clear();
     handlers.say(5, "connected to the broker at " + broker());
+    subscriptionsAsked = subscriptions.size();
     for (const std::string& topic : subscriptions) {
         mosquitto_subscribe(client.get(), nullptr, topic.c_str(), kQos);
     }

@@ -37,6 +37,8 @@ class MqttConnection {
         std::function<void(std::uint64_t tag, int reason)> settledOnce = {};
         /// The connection is gone, and with it what was for it only.
         std::function<void()> lost = {};
+        /// The broker has answered all subscriptions: what is sent to them from now on comes.
+        std::function<void()> subscribed = {};
     };
 
     /// What a message is, told by properties with MQTT 5 and by the topic with 3.1.1:

@@ -70,15 +70,25 @@ MqttTransport::MqttTransport(const machine::BackendSettings& settings, Presence 
       m_hooks(std::move(hooks)),
       m_compressor(settings.spool ? nullptr : makeCompressor(settings.compression)),
       m_patience(kFirstPatience),
-      m_connection(
-          settings.mqtt, clientIdOf(m_prefix), {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
-          {m_prefix + "/status", Json::FastWriter().write(presenceMessage(m_presence, "offline"))},
-          {[this] { onConnected(); },
-           [this](const std::string& topic, const std::string& payload, bool retained) {
-               onMessage(topic, payload, retained);
-           },
-           [this](int kind, int reason) { onSettled(kind, reason); }, logLine, m_hooks.settled, m_hooks.lost},
-          std::max(m_limits.masterControlBytes, m_limits.configurationBytes)) {}
+      m_connection(settings.mqtt, clientIdOf(m_prefix),
+                   {m_prefix + "/mastercontrol", m_prefix + "/config/response"},
+                   {m_prefix + "/status", Json::FastWriter().write(presenceMessage(m_presence, "offline"))},
+                   {[this] {
+                        if (m_hooks.connected) {
+                            m_hooks.connected(m_connection.receiveMaximum());
+                        }
+                    },
+                    [this](const std::string& topic, const std::string& payload, bool retained) {
+                        onMessage(topic, payload, retained);
+                    },
+                    [this](int kind, int reason) { onSettled(kind, reason); }, logLine,
+                    [this](std::uint64_t number, int reason) {
+                        if (number != 0 && m_hooks.settled) {
+                            m_hooks.settled(number, reason);
+                        }
+                    },
+                    m_hooks.lost, [this] { publishPresence(); }},
+                   std::max(m_limits.masterControlBytes, m_limits.configurationBytes)) {}
 
 MqttTransport::~MqttTransport() {
     MqttTransport::leave();
@@ -165,17 +175,15 @@ bool MqttTransport::publishHealth(const Json::Value& health) {
                                 error) == 0;
 }
 
-void MqttTransport::onConnected() {
-    if (m_hooks.connected) {
-        m_hooks.connected(m_connection.receiveMaximum());
-    }
-    if (m_connection.unconfirmed(Status_) > 0) {
-        return;  // the library sends that one again
-    }
+/// After the subscriptions: a backend answers it with an opening message, and in a cluster of brokers that
+/// could otherwise be faster than they are.
+void MqttTransport::publishPresence() {
+    MqttConnection::Form form;
+    form.isForOneConnection = true;
     std::string error;
     if (m_connection.publish(m_prefix + "/status",
                              Json::FastWriter().write(presenceMessage(m_presence, "online")), true, Status_,
-                             error) != 0) {
+                             error, std::move(form)) != 0) {
         KYO_LOG(3, "The presence cannot be published: " << error);
     }
 }

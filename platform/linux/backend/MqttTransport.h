@@ -52,7 +52,7 @@ class MqttTransport : public Transport {
   private:
     enum Kind : int { Status_, Request, Data, Spooled, Health };
 
-    void onConnected();
+    void publishPresence();
     void onMessage(const std::string& topic, const std::string& payload, bool retained);
     void onSettled(int kind, int reason);
     /// Repeats the last master-control message, if it was an opening one, with that delivery result; not if a

@@ -105,11 +105,20 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     EXPECT_TRUE(log.waitFor("connected to the broker"));
     EXPECT_TRUE(log.hasPart(5, "does not speak MQTT 5; trying 3.1.1"));
     std::string received;
-    while (received.find("\"state\":\"online\"") == std::string::npos) {
-        const std::string more = Listener::receive(second);
-        ASSERT_FALSE(more.empty());
-        received += more;
+    const auto receiveUntil = [&](const char* text) {
+        while (received.find(text) == std::string::npos) {
+            const std::string more = Listener::receive(second);
+            ASSERT_FALSE(more.empty());
+            received += more;
+        }
+    };
+    receiveUntil("/config/response");
+    EXPECT_EQ(received.find("online"), std::string::npos) << "the answer could miss the subscriptions";
+    for (const char identifier : {1, 2}) {
+        const char granted[] = {static_cast<char>(0x90), 3, 0, identifier, 1};
+        ASSERT_EQ(::send(second, granted, sizeof granted, 0), 5);
     }
+    receiveUntil("\"state\":\"online\"");
     ::close(second);
 }
 

@@ -47,7 +47,7 @@ class Cluster:
         streams = [stream for account in accounts for stream in account.get("stream_detail") or []]
         led = {stream["name"]: stream["cluster"] for stream in streams if stream["cluster"].get("leader") == f"node{node}"}
         return {stream["name"] for stream in streams}, {
-            name: all(replica["current"] and not replica.get("offline") for replica in cluster["replicas"])
+            name: sum(replica["current"] and not replica.get("offline") for replica in cluster.get("replicas", ())) == NODES - 1
             for name, cluster in led.items()}
 
     def _is_whole(self):
