@@ -19,7 +19,7 @@ auto guarded(Work&& work) {
     try {
         return work();
     } catch (const SQLite::Exception& error) {
-        throw DatabaseError(error.getErrorCode() == SQLITE_INTERRUPT ? "the query takes too long: choose less"
+        throw DatabaseError(error.getErrorCode() == SQLITE_INTERRUPT ? "the query takes too long, or the backend ends"
                                                                      : error.what());
     }
 }
@@ -158,6 +158,10 @@ void Sqlite::limitTime(std::chrono::milliseconds limit) {
     m_limit = limit;
     sqlite3_progress_handler(m_database.getHandle(), kSteps, limit.count() > 0 ? &Sqlite::isLate : nullptr,
                              this);
+}
+
+void Sqlite::interrupt() {
+    sqlite3_interrupt(m_database.getHandle());
 }
 
 std::int64_t Sqlite::walBytes() {

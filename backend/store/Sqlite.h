@@ -28,6 +28,7 @@ class Sqlite : public Sql {
     void tidy() override;
     std::int64_t walBytes() override;
     void limitTime(std::chrono::milliseconds limit) override;
+    void interrupt() override;
 
   private:
     SQLite::Statement& prepared(const std::string& statement);

@@ -20,13 +20,22 @@ std::unique_ptr<store::Sql> Readers::take() {
     return nullptr;
 }
 
+void Readers::end() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_ending = true;
+    for (store::Sql* const sql : m_working) {
+        sql->interrupt();
+    }
+}
+
 void Readers::use(const std::function<void(store::Sql& sql)>& work, std::chrono::milliseconds longest) {
     std::unique_ptr<store::Sql> sql = take();
     bool good = false;
-    // Also when something is thrown. A connection that failed is not used again.
+    // Also when something is thrown. A connection that may have failed is not used again.
     const auto giveBack = [&](void*) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         --m_lent;
+        m_working.erase(sql.get());
         if (good) {
             m_idle.push_back(std::move(sql));
         }
@@ -37,8 +46,20 @@ void Readers::use(const std::function<void(store::Sql& sql)>& work, std::chrono:
         sql = store::connect(m_where, true);
     }
     sql->limitTime(longest);
-    work(*sql);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_ending) {
+            throw Problem(503, "the backend ends");
+        }
+        m_working.insert(sql.get());
+    }
     good = true;
+    try {
+        work(*sql);
+    } catch (const store::DatabaseError&) {
+        good = false;
+        throw;
+    }
 }
 
 }  // namespace vlmBackend::web

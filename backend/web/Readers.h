@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ class Readers {
     void use(const std::function<void(store::Sql& sql)>& work,
              std::chrono::milliseconds longest = kLongestQuery);
 
+    /// Running queries fail now, and further ones are refused.
+    void end();
+
   private:
     std::unique_ptr<store::Sql> take();
 
@@ -33,6 +37,8 @@ class Readers {
     std::condition_variable m_returned;
     std::vector<std::unique_ptr<store::Sql>> m_idle;  ///< guarded by m_mutex
     std::size_t m_lent = 0;                           ///< guarded by m_mutex
+    std::set<store::Sql*> m_working;                  ///< guarded by m_mutex
+    bool m_ending = false;                            ///< guarded by m_mutex
 };
 
 }  // namespace vlmBackend::web

@@ -40,6 +40,7 @@ Service::Service(ServiceSettings settings)
 
 Service::~Service() {
     m_updates.end();
+    m_readers.end();
 }
 
 void Service::start() {
