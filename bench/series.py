@@ -51,6 +51,9 @@ def fill(file, rows):
     ids = [row[0] for row in sql.execute("SELECT id FROM vehicles ORDER BY id")]
     values = ('{"altitudeMeanSeaLevel":%d.5,"direction":12.25,"latitude":48.%07d,"longitude":9.%07d,"satellitesUsed":11,'
               '"timestampValid":true,"type":1,"velocity":33.5}')
+    indexes = sql.execute("SELECT name, sql FROM sqlite_master WHERE type = 'index' AND tbl_name = 'samples'").fetchall()
+    for name, _ in indexes:
+        sql.execute(f"DROP INDEX {name}")  # written at the end, that takes less time
     per_minute = MINUTE // PERIOD
     minutes = rows // (VEHICLES * len(events) * per_minute)
     for minute in range(minutes):
@@ -61,6 +64,9 @@ def fill(file, rows):
                                 ((minute, vehicle, event, start + i * PERIOD, start + MINUTE + 500,
                                   values % (i, i * 7919 % 10_000_000, minute)) for i in range(per_minute)))
         sql.commit()
+    for _, statement in indexes:
+        sql.execute(statement)
+    sql.commit()
     sql.execute("PRAGMA wal_checkpoint(TRUNCATE)")
     sql.close()
 
