@@ -80,6 +80,7 @@ Sqlite::Sqlite(const std::string& file, bool readOnly)
 }
 
 void Sqlite::script(const std::string& statements) {
+    m_deadline = std::chrono::steady_clock::now() + m_limit;
     guarded([&] { m_database.exec(statements); });
 }
 
