@@ -260,6 +260,8 @@ TEST(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
     const store::Received again{"vlm/bench", vlmTest::envelopeText("m", "[]"), "", "", 9, 30};
     EXPECT_EQ(database.put({&again, 1})[0].outcome, store::Outcome::Repeated);
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["configuration"]["state"].asString(), "none");
+    EXPECT_EQ(web::vehicle(database.sql(), "bench")["samples"].asInt(), 1);
+    EXPECT_EQ(web::latest(database.sql(), "bench").size(), 1u);
     const auto added = store::addConfiguration(database.sql(), "trip", kGood, "", 1);
     store::assign(database.sql(), {"bench", "", added.id}, "", 2);
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["configuration"]["state"].asString(), "waiting");
