@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <list>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -133,6 +134,7 @@ struct MqttConnection::State {
     void giveUpLargest();
     void loseWhatWasForThisConnection();
     void sendUnconfirmed(std::size_t limit, std::uint16_t atOnce);
+    void subscribe(const std::vector<std::string>& topics);
     int hand(Unconfirmed& message);
     void settle(const std::vector<Unconfirmed>& messages, int reason);
     std::string causeOf(int code, int systemError) const;
@@ -140,6 +142,7 @@ struct MqttConnection::State {
     // libmosquitto's callbacks, on the network thread.
     void onConnect(int reason, const mosquitto_property* properties);
     void onPublish(int messageId, int reason);
+    void onSubscribed(int messageId, int reason);
     static State& of(void* object) { return *static_cast<State*>(object); }
 
     std::string broker() const { return brokers[chosen].host + ':' + std::to_string(brokers[chosen].port); }
@@ -171,11 +174,15 @@ struct MqttConnection::State {
 
     // Network thread only.
     bool everConnected = false;
-    std::size_t subscriptionsAsked = 0;  ///< which the broker has not answered
-    bool tooLarge = false;               ///< the broker ended the connection because of a message's size
-    std::size_t suspect = 0;             ///< size of the largest message when a 3.1.1 connection ended
-    int suspicions = 0;                  ///< how many ended so in a row
-    bool confirmsOthers = false;         ///< the broker has confirmed a message on this connection
+    std::map<int, std::string> asked;  ///< topics whose subscription the broker has not answered
+    std::vector<std::string> refusedTopics;
+    SteadyClock::time_point subscribeAt{};  ///< then these are asked for again
+    bool isNewlySubscribed = false;
+    bool isRefusalTold = false;   ///< on this connection
+    bool tooLarge = false;        ///< the broker ended the connection because of a message's size
+    std::size_t suspect = 0;      ///< size of the largest message when a 3.1.1 connection ended
+    int suspicions = 0;           ///< how many ended so in a row
+    bool confirmsOthers = false;  ///< the broker has confirmed a message on this connection
     int protocol = MQTT_PROTOCOL_V5;
     std::string libraryError;  ///< the library's own words about the last trouble
     std::string refusal;       ///< why the broker refused or ended the connection
@@ -340,18 +347,9 @@ void MqttConnection::State::setCallbacks(mosquitto* raw) {
     mosquitto_message_v5_callback_set(
         raw, [](mosquitto*, void* object, const mosquitto_message* message,
                 const mosquitto_property* properties) { of(object).onMessage(*message, properties); });
-    mosquitto_subscribe_v5_callback_set(raw, [](mosquitto*, void* object, int, int count, const int* granted,
-                                                const mosquitto_property*) {
-        State& state = of(object);
-        for (int i = 0; i < count; ++i) {
-            if (granted[i] >= MQTT_RC_UNSPECIFIED) {
-                state.handlers.say(
-                    3, state.broker() + " refuses a subscription: " + mosquitto_reason_string(granted[i]));
-            }
-        }
-        if (--state.subscriptionsAsked == 0 && state.handlers.subscribed && !state.stopping) {
-            state.handlers.subscribed();
-        }
+    mosquitto_subscribe_v5_callback_set(raw, [](mosquitto*, void* object, int messageId, int count,
+                                                const int* granted, const mosquitto_property*) {
+        of(object).onSubscribed(messageId, count > 0 ? granted[0] : MQTT_RC_UNSPECIFIED);
     });
     mosquitto_log_callback_set(raw, [](mosquitto*, void* object, int level, const char* text) {
         if ((level & (MOSQ_LOG_ERR | MOSQ_LOG_WARNING)) != 0) {
@@ -399,13 +397,46 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     libraryError.clear();
     refusal.clear();
     handlers.say(5, "connected to the broker at " + broker());
-    subscriptionsAsked = subscriptions.size();
-    for (const std::string& topic : subscriptions) {
-        mosquitto_subscribe(client.get(), nullptr, topic.c_str(), kQos);
-    }
+    refusedTopics.clear();
+    asked.clear();
+    isRefusalTold = false;
+    subscribe(subscriptions);
+    isNewlySubscribed = true;
     sendUnconfirmed(limit, atOnce);
     if (!stopping) {
         handlers.connected();
+    }
+}
+
+void MqttConnection::State::subscribe(const std::vector<std::string>& topics) {
+    isNewlySubscribed = false;
+    for (const std::string& topic : topics) {
+        int messageId = 0;
+        if (mosquitto_subscribe(client.get(), &messageId, topic.c_str(), kQos) == MOSQ_ERR_SUCCESS) {
+            asked[messageId] = topic;
+        }
+    }
+}
+
+/// A broker may refuse for a moment, as one of a cluster does when it has lost another: what is refused is
+/// asked for again.
+void MqttConnection::State::onSubscribed(int messageId, int reason) {
+    const auto answered = asked.extract(messageId);
+    if (answered.empty()) {
+        return;
+    }
+    if (reason >= MQTT_RC_UNSPECIFIED) {
+        if (!std::exchange(isRefusalTold, true)) {
+            handlers.say(3, broker() + " refuses the subscription of " + answered.mapped() + ": " +
+                                mosquitto_reason_string(reason) + "; trying again");
+        }
+        refusedTopics.push_back(answered.mapped());
+        subscribeAt = SteadyClock::now() + std::chrono::seconds(settings.reconnectMaxSeconds);
+    } else {
+        isNewlySubscribed = true;
+    }
+    if (asked.empty() && isNewlySubscribed && handlers.subscribed && !stopping) {
+        handlers.subscribed();
     }
 }
 
@@ -617,6 +648,9 @@ int MqttConnection::State::serve() {
         const int socket = mosquitto_socket(client.get());
         if (socket < 0) {
             return MOSQ_ERR_CONN_LOST;
+        }
+        if (!refusedTopics.empty() && asked.empty() && SteadyClock::now() >= subscribeAt) {
+            subscribe(std::exchange(refusedTopics, {}));
         }
         const bool wantsWrite = mosquitto_want_write(client.get());
         pollfd handles[] = {{socket, static_cast<short>(POLLIN | (wantsWrite ? POLLOUT : 0)), 0},

@@ -37,7 +37,8 @@ class MqttConnection {
         std::function<void(std::uint64_t tag, int reason)> settledOnce = {};
         /// The connection is gone, and with it what was for it only.
         std::function<void()> lost = {};
-        /// The broker has answered all subscriptions: what is sent to them from now on comes.
+        /// The broker has answered all subscriptions: what is sent to them from now on comes. Again when one
+        /// that it has refused succeeds later.
         std::function<void()> subscribed = {};
     };
 

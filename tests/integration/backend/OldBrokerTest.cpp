@@ -114,10 +114,21 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     };
     receiveUntil("/config/response");
     EXPECT_EQ(received.find("online"), std::string::npos) << "the answer could miss the subscriptions";
-    for (const char identifier : {1, 2}) {
-        const char granted[] = {static_cast<char>(0x90), 3, 0, identifier, 1};
-        ASSERT_EQ(::send(second, granted, sizeof granted, 0), 5);
-    }
+    const auto answer = [second](char identifier, char granted) {
+        const char answered[] = {static_cast<char>(0x90), 3, 0, identifier, granted};
+        EXPECT_EQ(::send(second, answered, sizeof answered, 0), 5);
+    };
+    answer(1, static_cast<char>(0x80));
+    answer(2, 1);
+    receiveUntil("\"state\":\"online\"");
+    EXPECT_TRUE(log.waitFor("refuses the subscription of test/old/mastercontrol"));
+
+    received.clear();
+    receiveUntil("/mastercontrol");  // again, after a pause
+    const auto again = received.find(static_cast<char>(0x82));
+    ASSERT_LT(again + 3, received.size());
+    answer(received[again + 3], 1);
+    received.clear();
     receiveUntil("\"state\":\"online\"");
     ::close(second);
 }
