@@ -19,6 +19,7 @@ function shown(name: string, entry: unknown): string {
   if (typeof entry === "boolean") return entry ? "yes" : "no";
   if (typeof entry !== "number") return typeof entry === "string" ? entry : JSON.stringify(entry);
   if (/bytes/i.test(name)) return bytes(entry);
+  if (name.endsWith("KiB")) return bytes(entry * 1024);
   if (name.endsWith("Ms")) return span(entry);
   return Number.isInteger(entry) ? whole(entry) : digits(entry);
 }
@@ -83,7 +84,7 @@ function Running(props: { status: Record<string, unknown> }): JSX.Element {
   const lost = all.filter(([name]) => countsLoss(name));
   const sum = lost.reduce((total, [, entry]) => total + (typeof entry === "number" ? entry : 0), 0);
   const effects = all.filter(([name]) => EFFECTS.includes(name) || name.startsWith("log.dropped."));
-  const memory = all.find(([name]) => /^process\..*(resident|rss)/i.test(name));
+  const memory = number("process.memoryKiB");
   const rest = all.filter(([name]) => name.toLowerCase().includes(search.toLowerCase()));
   const next = number("clock.nextTickMs");
   return (
@@ -95,7 +96,7 @@ function Running(props: { status: Record<string, unknown> }): JSX.Element {
         <Stat label="Reports sent" value={count("reports.sent")} note={`${count("reports.waiting")} waiting`} />
         <Stat label="Events subscribed" value={count("events.subscribed")}
           note={`${count("services.found")} of ${count("services.configured")} services found`} />
-        <Stat label="Memory" value={memory ? shown(memory[0], memory[1]) : "–"} note="resident" />
+        <Stat label="Memory" value={memory === undefined ? "–" : bytes(memory * 1024)} note="resident" />
         <Stat label="Lost" value={whole(sum)} tone={sum > 0 ? "warn" : "good"} note={sum > 0 ? "see the counters" : "nothing was lost"} />
       </dl>
       <div class="columns">

@@ -1,6 +1,6 @@
 import { describe, expect, it } from "vitest";
 import type { Model } from "../src/configure/model";
-import { added, changed, clockNamed, differences, empty, moved, read, removed, write } from "../src/configure/model";
+import { added, changed, clockNamed, differences, empty, moved, read, removed, together, write } from "../src/configure/model";
 
 function model(text: string): Model {
   const found = read(text);
@@ -67,6 +67,15 @@ describe("the difference", () => {
       "report R changed at the next start",
     ]);
     expect(differences(before, model(write(before)))).toEqual([]);
+  });
+
+  it("compares with all that was applied since the start: names stay with the first, the clock is the last", () => {
+    const first = model(TEXT);
+    const second = { ...changed(added(first, "Temperature", "temperatures", 0), "s", { history: 9 }), clock: { name: "slow", duration: 120000 } };
+    const running = together([first, second]);
+    expect(running.collectors.map(({ name, history }) => `${name} ${history}`)).toEqual(["p 5000", "s 0", "Temperature.temperatures.0 0"]);
+    expect(running.clock.name).toBe("slow");
+    expect(running.reports).toEqual(first.reports);
   });
 
   it("knows that an instance belongs to its first collector until the next start", () => {

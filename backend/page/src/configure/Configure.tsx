@@ -113,7 +113,8 @@ function VehiclesPanel(props: { vehicles: Vehicle[]; configurations: Configurati
                       <Chip tone={state.tone} title={state.meaning}>{state.text}</Chip>{" "}
                       {configuration.stateMs !== null && <small class="muted"><Age ms={configuration.stateMs} /></small>}
                       {configuration.reason !== "" && <p class="reason">{configuration.reason}</p>}
-                      {configuration.state === "waiting" && <p class="reason muted">{state.meaning}</p>}
+                      {configuration.state === "waiting" && <p class="reason muted">{vehicle.seenMs > 0 ? state.meaning
+                        : "No presence of it came from a broker, and what reports through a file takes its configuration from its folder."}</p>}
                     </td>
                   </tr>
                 );

@@ -229,64 +229,71 @@ function Findings(props: { findings: Finding[] | undefined; error: ApiError | un
         <li key={index} class={finding.severity}>
           <Chip tone={finding.severity === "error" ? "bad" : "warn"}>{finding.severity}</Chip>{" "}
           {finding.line > 0 && <button type="button" class="link" onClick={() => onLine(finding.line)}>line {finding.line}</button>}{" "}
-          {finding.reason}
-          <small class="muted">{finding.path}{finding.suggestion !== "" && ` · ${finding.suggestion}`}</small>
+          <code>{finding.path}</code> {finding.reason}
+          {finding.suggestion !== "" && <small class="muted">{finding.suggestion}</small>}
         </li>
       ))}
     </ul>
   );
 }
 
-/** The configuration that a vehicle applied last. */
-function appliedBy(vehicle: Vehicle, configurations: Configuration[]): Configuration | undefined {
+/** The configurations that a vehicle has applied since its start, as far as this backend knows them. */
+function appliedBy(vehicle: Vehicle, configurations: Configuration[]): Configuration[] {
   const { desired, state } = vehicle.configuration;
-  if (state === "applied") return configurations.find(({ id }) => id === desired);
-  const applied = (vehicle.health?.configurations ?? []).filter((each) => each.state === "applied");
-  return configurations.find(({ recordId }) => recordId === applied[applied.length - 1]?.recordId);
+  const ids = (vehicle.health?.configurations ?? []).filter((each) => each.state === "applied").map(({ recordId }) => recordId);
+  const all = ids.flatMap((recordId) => configurations.filter((each) => each.recordId === recordId));
+  const last = state === "applied" ? configurations.find(({ id }) => id === desired) : undefined;
+  return last && !all.includes(last) ? [...all, last] : all;
+}
+
+async function runningModel(applied: Configuration[], signal: AbortSignal): Promise<Model | undefined> {
+  const texts = await Promise.all(applied.map(({ id }) => get<Configuration>(["configurations", String(id)], {}, signal)));
+  const [first, ...others] = texts.map(({ text }) => edit.read(text ?? "")).flatMap((each) => ("model" in each ? [each.model] : []));
+  return first && edit.together([first, ...others]);
 }
 
 function Differences(props: { model: Model | undefined; vehicles: Vehicle[]; configurations: Configuration[]; base: Configuration | undefined }): JSX.Element {
   const { model, vehicles, configurations, base } = props;
-  const runs = vehicles.map((vehicle) => ({ vehicle: vehicle.name, running: appliedBy(vehicle, configurations) }))
-    .filter((each): each is { vehicle: string; running: Configuration } => each.running !== undefined);
+  const runs = vehicles.map((vehicle) => ({ vehicle: vehicle.name, applied: appliedBy(vehicle, configurations) }))
+    .filter(({ applied }) => applied.length > 0);
   const query = useStore(route).query;
   const asked = query.get("with") ?? (runs[0] ? `vehicle ${runs[0].vehicle}` : base ? "base" : "");
-  const other = asked === "base" ? base : runs.find(({ vehicle }) => asked === `vehicle ${vehicle}`)?.running;
-  const loaded = useLoad(other ? `configuration ${other.id}` : null, "", (signal) =>
-    get<Configuration>(["configurations", String(other!.id)], {}, signal));
-  const before = loaded.value?.text === undefined ? undefined : edit.read(loaded.value.text);
+  const others = asked === "base" && base ? [base] : runs.find(({ vehicle }) => asked === `vehicle ${vehicle}`)?.applied;
+  const before = useLoad(others ? `running ${others.map(({ id }) => id).join(" ")}` : null, "", (signal) => runningModel(others!, signal));
   return (
     <Panel title="Difference" actions={(runs.length > 0 || base) &&
       <select aria-label="Compare with" value={asked} onChange={(event) => changeQuery({ with: event.currentTarget.value }, true)}>
         {base && <option value="base">{base.name} v{base.version}, as stored</option>}
-        {runs.map(({ vehicle, running }) => <option key={vehicle} value={`vehicle ${vehicle}`}>
-          what {vehicle} runs ({running.name} v{running.version})</option>)}
+        {runs.map(({ vehicle, applied }) => <option key={vehicle} value={`vehicle ${vehicle}`}>
+          what {vehicle} runs ({applied.map(({ name, version }) => `${name} v${version}`).join(", ")})</option>)}
       </select>}>
-      {!other && <p class="muted">No vehicle runs a configuration of this backend yet, so all of it is new.</p>}
-      {other && <Show loaded={loaded} what="the configuration">
-        {() => {
-          if (!model || !before || "problem" in before) return <p class="muted">Cannot compare: one of the two is not readable.</p>;
-          const found = edit.differences(before.model, model);
-          if (found.length === 0) return <p>No difference.</p>;
-          const later = found.filter(({ when }) => when !== "at once").length;
-          return (
-            <>
-              {later > 0 && <p class="notice">A further configuration adds to the running one. {plural(later, "difference")} of {found.length}{" "}
-                {later === 1 ? "takes" : "take"} effect only at the vehicle's next start.</p>}
-              <ul class="differences">
-                {found.map((each, index) => (
-                  <li key={index}>
-                    <Chip tone={each.kind === "added" ? "good" : each.kind === "removed" ? "bad" : "info"}>{each.kind}</Chip>{" "}
-                    {each.what} <strong>{each.name}</strong> <small class="muted">{each.detail}</small>
-                    <span class={`when ${each.when === "at once" ? "" : "later"}`}>{each.when}</span>
-                  </li>
-                ))}
-              </ul>
-            </>
-          );
-        }}
-      </Show>}
+      {!others && <p class="muted">No vehicle runs a configuration of this backend yet, so all of it is new.</p>}
+      {others && before.loading && before.value === undefined && <p class="muted">Loading what runs …</p>}
+      {before.error && <ErrorBox error={before.error} title="Cannot compare." />}
+      {others && !before.loading && !before.error && (!model || !before.value) && <p class="muted">Cannot compare: one of the two has no form.</p>}
+      {model && before.value && <DifferenceList found={edit.differences(before.value, model)} stored={asked === "base"} />}
     </Panel>
+  );
+}
+
+function DifferenceList(props: { found: edit.Difference[]; stored: boolean }): JSX.Element {
+  const { found, stored } = props;
+  if (found.length === 0) return <p>No difference.</p>;
+  const later = found.filter(({ when }) => when !== "at once").length;
+  return (
+    <>
+      {!stored && later > 0 && <p class="notice">A further configuration adds to the running one. {plural(later, "difference")} of {found.length}{" "}
+        {later === 1 ? "takes" : "take"} effect only at the vehicle's next start.</p>}
+      <ul class="differences">
+        {found.map((each, index) => (
+          <li key={index}>
+            {!stored && <span class={`when ${each.when === "at once" ? "" : "later"}`}>{each.when}</span>}
+            <Chip tone={each.kind === "added" ? "good" : each.kind === "removed" ? "bad" : "info"}>{each.kind}</Chip>{" "}
+            {each.what} <strong>{each.name}</strong> <small class="muted">{each.detail}</small>
+          </li>
+        ))}
+      </ul>
+    </>
   );
 }
 

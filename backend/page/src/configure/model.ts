@@ -188,6 +188,15 @@ export interface Difference {
   when: "at once" | "at the next start";
 }
 
+/** What a vehicle runs after it applied all of them, one after the other: names stay with the first, the clock changes. */
+export function together(applied: [Model, ...Model[]]): Model {
+  const [first, ...others] = applied;
+  const joined = <T extends { name: string }>(have: T[], more: T[]): T[] =>
+    [...have, ...more.filter(({ name }) => !have.some((each) => each.name === name))];
+  return others.reduce((running, next) => ({ ...next, reports: joined(running.reports, next.reports),
+    collectors: joined(running.collectors, next.collectors) }), first);
+}
+
 function details(before: object, after: object): string {
   const [old, now] = [before as Members, after as Members];
   return [...new Set([...Object.keys(old), ...Object.keys(now)])]
