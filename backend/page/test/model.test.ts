@@ -62,11 +62,16 @@ describe("the difference", () => {
     expect(found).toEqual([
       "clock minute changed at once",
       "collector s changed at the next start",
-      "collector Temperature.temperatures.0 added at once",
+      "collector Temperature.temperatures.0 added at the next start",
       "collector p removed at the next start",
       "report R changed at the next start",
     ]);
     expect(differences(before, model(write(before)))).toEqual([]);
+
+    // The running report stays as it is: only a new one sends the new collector.
+    const report = { name: "New", application: "", from: [], rest: {} };
+    const sent = moved({ ...after, reports: [...after.reports, report] }, "Temperature.temperatures.0", "New");
+    expect(differences(before, sent).find(({ kind, what }) => kind === "added" && what === "collector")).toMatchObject({ when: "at once" });
   });
 
   it("compares with all that was applied since the start: names stay with the first, the clock is the last", () => {

@@ -168,7 +168,7 @@ function ConfigurationsPanel(props: { vehicles: Vehicle[]; configurations: Confi
       ) : (
         <Scroll label="Configurations">
           <table class="cards">
-            <thead><tr><th>Name</th><th>Newest version</th><th>Stored</th><th>By</th><th>Vehicles to have it</th><th>Earlier versions</th></tr></thead>
+            <thead><tr><th>Name</th><th>Newest version</th><th>Stored</th><th>By</th><th>Vehicles</th><th>Earlier versions</th></tr></thead>
             <tbody>
               {names.map((name) => {
                 const [newest, ...earlier] = configurations.filter((each) => each.name === name).sort((a, b) => b.version - a.version);
@@ -180,7 +180,7 @@ function ConfigurationsPanel(props: { vehicles: Vehicle[]; configurations: Confi
                     <td data-label="Newest version" class="num">v{newest!.version}</td>
                     <td data-label="Stored"><Time ms={newest!.createdMs} both /></td>
                     <td data-label="By">{newest!.user || <span class="muted">nobody named</span>}</td>
-                    <td data-label="Vehicles to have it" class="num">{having.length}</td>
+                    <td data-label="Vehicles" class="num">{having.length}</td>
                     <td data-label="Earlier versions">{earlier.length === 0 ? <span class="muted">none</span> : (
                       <details><summary>{plural(earlier.length, "version")}</summary>
                         {earlier.map(({ id, version, createdMs }) => <div key={id}><a href={link(["configure", String(id)])}>v{version}</a>{" "}

@@ -23,7 +23,7 @@ function EventPicker(props: { catalog: CatalogEvent[]; model: Model; onChange: C
   const [most, setMost] = useState(12);
   const wanted = search.toLowerCase().split(/\s+/).filter((word) => word !== "");
   const texts = useMemo(() => catalog.map((event) => [event.catalogService, event.resource, words(event.resource), event.summary,
-    ...event.fields.flatMap((field) => [field.name, words(field.name), field.meaning, field.unit])].join(" ").toLowerCase()), [catalog]);
+    ...event.indexes.flatMap(({ name, meaning }) => [name, words(name), meaning]), ...event.fields.flatMap((field) => [field.name, words(field.name), field.meaning, field.unit])].join(" ").toLowerCase()), [catalog]);
   const found = catalog.filter((_, index) => wanted.every((word) => texts[index]!.includes(word)));
   return (
     <Panel title="Choose events" actions={
@@ -82,7 +82,7 @@ function Collectors(props: { model: Model; catalog: CatalogEvent[]; onChange: Ch
         <Empty title="Nothing is collected yet."><p>Choose events below: position, speed, battery …</p></Empty>
       ) : (
         <Scroll label="Collectors">
-          <table class="cards form">
+          <table class="cards form collectors">
             <thead><tr><th>Name</th><th>Event</th><th>Instance</th><th>Records</th><th>Report</th><th><span class="visually-hidden">Remove</span></th></tr></thead>
             <tbody>
               {found.slice(0, most).map((each, row) => {
@@ -93,7 +93,7 @@ function Collectors(props: { model: Model; catalog: CatalogEvent[]; onChange: Ch
                   <tr key={row}>
                     <td data-label="Name"><input aria-label="Name of the collector" value={each.name}
                       onChange={(change) => onChange(edit.changed(model, each.name, { name: change.currentTarget.value }))} /></td>
-                    <td data-label="Event"><span title={event?.summary}>{each.serv}.{each.res}</span></td>
+                    <td data-label="Event"><span title={event?.summary}>{each.serv}.<wbr />{each.res}</span></td>
                     <td data-label="Instance">
                       {event ? (
                         <select aria-label={`Instance of ${each.name}`} value={String(each.index)}
@@ -109,14 +109,14 @@ function Collectors(props: { model: Model; catalog: CatalogEvent[]; onChange: Ch
                           onChange={(change) => onChange(edit.changed(model, each.name,
                             { history: change.currentTarget.value === "newest" ? 0 : 10000 }))}>
                           <option value="newest">the newest</option>
-                          <option value="all">all since the last tick</option>
+                          <option value="all">all of a tick</option>
                         </select>
                         {each.history !== 0 && (
                           <label title="Records that arrive while a tick is served are kept for this long.">
                             <span class="visually-hidden">History of {each.name} in seconds</span>
                             <input type="number" min="0.001" step="any" class="short num" value={each.history / 1000}
                               onChange={(change) => onChange(edit.changed(model, each.name,
-                                { history: Math.round(Number(change.currentTarget.value) * 1000) }))} /> s history
+                                { history: Math.round(Number(change.currentTarget.value) * 1000) }))} /> s
                           </label>
                         )}
                       </span>

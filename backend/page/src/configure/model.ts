@@ -234,14 +234,16 @@ export function differences(running: Model, next: Model): Difference[] {
   };
   compare("collector", running.collectors, next.collectors);
   compare("report", running.reports, next.reports);
-  // A new collector of an instance that a running one has gets nothing before the next start.
   for (const each of found) {
     const collector = each.what === "collector" && each.kind === "added" ? next.collectors.find(({ name }) => name === each.name) : undefined;
-    const holder = collector && collectorOf(running, collector.serv, collector.res, collector.index);
-    if (holder) {
-      each.when = "at the next start";
-      each.detail = `"${holder.name}" has this instance until then`;
-    }
+    if (!collector) continue;
+    // An instance belongs to its first collector, and a running report keeps its collectors.
+    const holder = collectorOf(running, collector.serv, collector.res, collector.index);
+    const sends = (report: Report): boolean => report.from.includes(collector.name);
+    const sent = running.reports.some(sends) || next.reports.some((report) => sends(report) && !running.reports.some(({ name }) => name === report.name));
+    if (holder) each.detail = `"${holder.name}" has this instance until then`;
+    else if (!sent && next.reports.some(sends)) each.detail = "put it into a new report to get it at once";
+    if (each.detail !== "") each.when = "at the next start";
   }
   return found;
 }
