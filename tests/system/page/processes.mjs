@@ -50,7 +50,7 @@ export class Bench {
     this.discovery = await freePort(true);
     mkdirSync(join(this.folder, "spool"));
     writeFileSync(join(this.folder, "mosquitto.conf"),
-      `listener ${this.broker} 127.0.0.1\nallow_anonymous true\npersistence true\npersistence_location ${this.folder}/\n`);
+      `listener ${this.broker} 127.0.0.1\nallow_anonymous true\n`);
     writeFileSync(join(this.folder, "manifest.json"), JSON.stringify({
       log: { console: false, file: join(this.folder, "vlmmaster.txt"), fileLevel: 3 },
       someip: { discovery: { port: this.discovery } },

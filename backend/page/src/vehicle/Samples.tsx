@@ -10,7 +10,7 @@ import { Empty, Panel, Scroll, Show, Time } from "../ui";
 import { isState, named, valueText } from "./fields";
 import type { Range } from "./range";
 
-const PAGE = 50;
+const PAGE = 30;
 
 export function Samples(props: {
   vehicle: string;
