@@ -15,7 +15,7 @@ SCHEMA_KEYS = {
     "enumeration": {"base", "summary", "values"},
     "enumerator": {"value", "name", "summary"},
     "event": {"summary", "someip", "cycle", "loadFactor", "privacyGroup", "key", "fields", "writers"},
-    "someip of the event": {"eventId", "eventgroup"},
+    "someip of the event": {"eventId", "eventgroup", "transport"},
     "field": {"type", "unit", "range", "meaning", "signal", "privacyGroup"},
     "writer": {"meaning", "fields"},
 }
@@ -100,6 +100,7 @@ class Event:
     summary: str
     event_id: int
     eventgroup: int
+    reliable: bool  # sent over TCP
     cycle_ms: int
     load_factor: int
     key: Field | None
@@ -244,6 +245,12 @@ class _Reader:
             self._refuse(found, f"'{key}' must be between {shown(lowest)} and {shown(highest)}")
         return found.value
 
+    def _transport(self, someip):
+        found = self._member(someip, "transport", "a text", "udp", required=False)
+        if found is not None and found.value not in ("udp", "tcp"):
+            self._refuse(found, "'transport' must be udp or tcp")
+        return found.value if found is not None else "udp"
+
     def _mapping(self, mapping, key, required=True):
         return self._member(mapping, key, "a mapping", {}, required)
 
@@ -386,6 +393,7 @@ class _Reader:
         event = Event(
             name=name, summary=self._text(node, "summary"), event_id=event_id,
             eventgroup=self._number(someip, "eventgroup", 0x0001, 0xFFFE, default=event_id & 0x7FFF),
+            reliable=self._transport(someip) == "tcp",
             cycle_ms=self._number(node, "cycle", 1, 86_400_000),
             load_factor=self._number(node, "loadFactor", 0, 2**31 - 1, default=1),
             key=None, fields=list(fields.values()), writers=[])

@@ -18,16 +18,18 @@ namespace {
 
 constexpr Network kNetwork{0x7F000000, 0xFF000000};
 constexpr Endpoint kSelf{0x7F000001, 50000};
+constexpr Endpoint kSelfTcp{0x7F000001, 50000, Protocol::Tcp};
+constexpr Endpoint kTcpClient{0x7F000002, 50001, Protocol::Tcp};
 constexpr Endpoint kPeers[] = {
     {0x7F000002, 30490}, {0x7F000003, 30490}, {0x7F000002, 30491}, {0x7F000004, 30490}};
 constexpr ServiceKey kWanted[] = {{0x1001, 1, 1}, {0x1002, kAnyInstance, 1}};
 constexpr ServiceKey kOffered{0x2001, 1, 1};
-constexpr std::uint16_t kOfferedGroups[] = {1, 2};
 
 struct Witness : SdObserver {
     void serviceUp(const RemoteService& service) override {
-        require(kNetwork.contains(service.endpoint.address), "events come from inside the network only");
-        require(service.endpoint.port != 0, "a service has a port");
+        require(kNetwork.contains(service.endpoints.at(0).address),
+                "events come from inside the network only");
+        require(service.endpoints.at(0).port != 0, "a service has a port");
         require(up.insert(service.key).second, "a service comes up once");
     }
     void serviceDown(const RemoteService& service, const char*) override {
@@ -45,7 +47,7 @@ struct Witness : SdObserver {
         require(eventgroup.service == kOffered && eventgroup.eventgroup <= 2,
                 "only what is offered has subscribers");
         require(kNetwork.contains(receiver.address), "subscribers are inside the network");
-        require(++subscribers[eventgroup] <= SdServer::kMaxSubscribers, "subscribers are bounded");
+        require(++subscribers[eventgroup] <= 2 * SdServer::kMaxSubscribers, "subscribers are bounded");
     }
     void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint&) override {
         require(subscribers[eventgroup]-- > 0, "only a subscriber is removed");
@@ -75,12 +77,13 @@ void checkSent(ServiceDiscovery& discovery) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in({data, size});
     Witness witness;
-    ServiceDiscovery discovery({}, kSelf, kNetwork, witness, 1);
+    ServiceDiscovery discovery({}, kSelf, kSelfTcp, kNetwork, witness, 1);
     Clock::time_point now{1h};
     discovery.client().want(kWanted[0], now);
     discovery.client().want(kWanted[1], now);
-    discovery.client().wantEventgroup({kWanted[0], 1}, now);
-    discovery.server().offer(kOffered, 0, {std::begin(kOfferedGroups), std::end(kOfferedGroups)}, now);
+    discovery.client().wantEventgroup({kWanted[0], 1}, Protocol::Udp, now);
+    discovery.server().offer(kOffered, 0, {{1, {true, false}}, {2, {true, true}}}, now);
+    discovery.server().clientConnected(kTcpClient);
     std::uint16_t session = 0;
     while (!in.empty()) {
         const auto op = in.byte();
@@ -106,10 +109,21 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
                 break;
             case 3:
                 if ((op & 0x20) != 0) {
-                    discovery.client().wantEventgroup({{0x1002, 1, 1}, op}, now);
+                    discovery.client().wantEventgroup({{0x1002, 1, 1}, op},
+                                                      (op & 4) != 0 ? Protocol::Tcp : Protocol::Udp, now);
+                } else if ((op & 0x40) != 0) {
+                    for (const Endpoint& server : discovery.client().neededConnections()) {
+                        require(server.protocol == Protocol::Tcp && kNetwork.contains(server.address),
+                                "connections go to servers of the network");
+                        (op & 8) != 0 ? discovery.client().connected(server, kSelfTcp, now)
+                                      : discovery.client().disconnected(server);
+                    }
+                } else if ((op & 0x80) != 0) {
+                    discovery.server().clientLost(kTcpClient);
+                    discovery.server().clientConnected(kTcpClient);
                 } else {
                     discovery.client().dropEventgroup({kWanted[0], 1});
-                    discovery.client().wantEventgroup({kWanted[0], 1}, now);
+                    discovery.client().wantEventgroup({kWanted[0], 1}, Protocol::Udp, now);
                 }
                 break;
         }

@@ -104,6 +104,7 @@ void read(const Field& discovery, DiscoverySettings& out) {
 void read(const Field& someip, SomeIpSettings& out) {
     readChecked(someip["address"], out.address, isIpv4, "an IPv4 address");
     someip["eventPort"].number(out.eventPort);
+    someip["eventsOverTcp"].flag(out.eventsOverTcp);
     readChecked(someip["network"], out.network, isIpv4Network, "an IPv4 network such as \"10.0.0.0/8\"");
     read(someip["discovery"], out.discovery);
     someip["receiveBufferBytes"].number(out.receiveBufferBytes, 4096, 1u << 30);

@@ -33,7 +33,8 @@ struct DiscoverySettings {
 
 struct SomeIpSettings {
     std::string address = "127.0.0.1";    ///< IPv4 address of the own interface
-    std::uint16_t eventPort = 0;          ///< UDP port for event data; 0: any free one
+    std::uint16_t eventPort = 0;          ///< UDP and TCP port for event data; 0: any free one
+    bool eventsOverTcp = false;           ///< as a server: all events, whatever their descriptions say
     std::string network = "127.0.0.0/8";  ///< peers outside it are ignored
     DiscoverySettings discovery;
     std::uint32_t receiveBufferBytes = 8u << 20;

@@ -21,10 +21,15 @@ struct Counters {
     kyo::Counter& handlerFailures = kyo::Status::counter("someip.handlerFailures");  ///< exceptions
     kyo::Counter& sent = kyo::Status::counter("someip.sent");  ///< datagrams with events
     kyo::Counter& sendFailed = kyo::Status::counter("someip.sendFailed");
-    kyo::Counter& tpSegments = kyo::Status::counter("someip.tp.segments");    ///< from the right sender
-    kyo::Counter& tpJoined = kyo::Status::counter("someip.tp.joined");        ///< messages made of them
-    kyo::Counter& tpDropped = kyo::Status::counter("someip.tp.dropped");      ///< segmented messages
-    kyo::Counter& tpIgnored = kyo::Status::counter("someip.tp.ignored");      ///< segments
+    kyo::Counter& tpSegments = kyo::Status::counter("someip.tp.segments");      ///< from the right sender
+    kyo::Counter& tpJoined = kyo::Status::counter("someip.tp.joined");          ///< messages made of them
+    kyo::Counter& tpDropped = kyo::Status::counter("someip.tp.dropped");        ///< segmented messages
+    kyo::Counter& tpIgnored = kyo::Status::counter("someip.tp.ignored");        ///< segments
+    kyo::Counter& tcpConnected = kyo::Status::counter("someip.tcp.connected");  ///< connections to servers
+    kyo::Counter& tcpLost =
+        kyo::Status::counter("someip.tcp.lost");  ///< of them, ended by the peer or a failure
+    kyo::Counter& tcpBroken =
+        kyo::Status::counter("someip.tcp.broken");  ///< of these, for impossible lengths
     kyo::Counter& sdReceived = kyo::Status::counter("someip.sd.received");    ///< datagrams
     kyo::Counter& sdSent = kyo::Status::counter("someip.sd.sent");            ///< messages
     kyo::Counter& sdMalformed = kyo::Status::counter("someip.sd.malformed");  ///< datagrams

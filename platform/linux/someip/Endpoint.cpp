@@ -18,7 +18,8 @@ std::string toText(Address address) {
 }
 
 std::string toText(const Endpoint& endpoint) {
-    return toText(endpoint.address) + ":" + std::to_string(endpoint.port);
+    return toText(endpoint.address) + ":" + std::to_string(endpoint.port) +
+           (endpoint.protocol == Protocol::Tcp ? "/tcp" : "");
 }
 
 bool parseAddress(const std::string& text, Address& out) {

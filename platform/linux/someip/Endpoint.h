@@ -1,5 +1,5 @@
 #pragma once
-/// IPv4 addresses and UDP endpoints in host byte order.
+/// IPv4 addresses, and endpoints of UDP and TCP, in host byte order.
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -9,9 +9,12 @@ namespace someip {
 
 using Address = std::uint32_t;
 
+enum class Protocol : std::uint8_t { Udp, Tcp };
+
 struct Endpoint {
     Address address = 0;
     std::uint16_t port = 0;
+    Protocol protocol = Protocol::Udp;
 
     auto operator<=>(const Endpoint&) const = default;
 };
@@ -25,6 +28,7 @@ struct Network {
 };
 
 std::string toText(Address address);
+/// "192.168.1.1:30509", and "192.168.1.1:30509/tcp".
 std::string toText(const Endpoint& endpoint);
 /// Accepts dotted decimal with four numbers and nothing else.
 bool parseAddress(const std::string& text, Address& out);
@@ -40,6 +44,7 @@ constexpr bool isMulticast(Address address) noexcept {
 template <>
 struct std::hash<someip::Endpoint> {
     std::size_t operator()(const someip::Endpoint& endpoint) const noexcept {
-        return std::hash<std::uint64_t>()((std::uint64_t{endpoint.address} << 16) | endpoint.port);
+        return std::hash<std::uint64_t>()((std::uint64_t{endpoint.address} << 16) | endpoint.port) ^
+               static_cast<std::size_t>(endpoint.protocol);
     }
 };

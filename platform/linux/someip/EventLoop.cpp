@@ -20,11 +20,13 @@ EventLoop::~EventLoop() {
     ::close(m_epoll);
 }
 
-void EventLoop::watch(int fd) const noexcept {
+void EventLoop::watch(int fd, Until until) const noexcept {
     epoll_event event{};
-    event.events = EPOLLIN;
+    event.events = until == Until::Writable ? EPOLLOUT : EPOLLIN;
     event.data.fd = fd;
-    ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event);
+    if (::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event) != 0 && errno == EEXIST) {
+        ::epoll_ctl(m_epoll, EPOLL_CTL_MOD, fd, &event);
+    }
 }
 
 void EventLoop::unwatch(int fd) const noexcept {
@@ -40,17 +42,17 @@ EventLoop::Ready EventLoop::wait(Clock::time_point until) {
     std::array<epoll_event, kMost> events{};
     const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
     Ready ready;
-    std::size_t readable = 0;
+    std::size_t found = 0;
     for (int i = 0; i < count; ++i) {
         const int fd = events[static_cast<std::size_t>(i)].data.fd;
         if (fd == m_wakeUp.get()) {
             m_wakeUp.reset();
             ready.woken = true;
         } else {
-            m_readable[readable++] = fd;
+            m_ready[found++] = fd;
         }
     }
-    ready.readable = {m_readable.data(), readable};
+    ready.descriptors = {m_ready.data(), found};
     return ready;
 }
 

@@ -17,16 +17,19 @@ class EventLoop {
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
-    void watch(int fd) const noexcept;
+    /// What a descriptor is watched for. A further call replaces it.
+    enum class Until : std::uint8_t { Readable, Writable };
+    void watch(int fd, Until until = Until::Readable) const noexcept;
     void unwatch(int fd) const noexcept;
     /// Ends wait(), now or next time. Any thread.
     void wake() const noexcept { m_wakeUp.wake(); }
 
     struct Ready {
         bool woken = false;
-        std::span<const int> readable;  ///< valid until the next call
+        std::span<const int>
+            descriptors;  ///< readable or writable, as they are watched; valid until the next call
     };
-    /// Blocks until a descriptor is readable, until wake(), or until that time; at most a minute.
+    /// Blocks until a descriptor is ready, until wake(), or until that time; at most a minute.
     Ready wait(Clock::time_point until);
 
   private:
@@ -34,7 +37,7 @@ class EventLoop {
 
     const kyo::WakeFd m_wakeUp;
     const int m_epoll;
-    std::array<int, kMost> m_readable{};
+    std::array<int, kMost> m_ready{};
 };
 
 }  // namespace someip

@@ -18,6 +18,7 @@ EventReceiver::EventReceiver(const ac::com::ServiceInterface& service, std::uint
                              const ac::com::EventInterface& event, Handler handler)
     : m_eventgroup{{service.serviceId, instance, service.majorVersion}, event.eventgroupId},
       m_event(event.eventId),
+      m_protocol(event.reliable ? Protocol::Tcp : Protocol::Udp),
       m_name(std::string("service ") + service.name + ", event " + event.name),
       m_handler(std::move(handler)) {}
 

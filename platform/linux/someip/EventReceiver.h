@@ -23,6 +23,8 @@ class EventReceiver {
 
     const EventgroupKey& eventgroup() const noexcept { return m_eventgroup; }
     std::uint16_t event() const noexcept { return m_event; }
+    /// The protocol of the description.
+    Protocol protocol() const noexcept { return m_protocol; }
     /// "service GNSS, event positions"
     const std::string& name() const noexcept { return m_name; }
 
@@ -44,6 +46,7 @@ class EventReceiver {
 
     const EventgroupKey m_eventgroup;
     const std::uint16_t m_event;
+    const Protocol m_protocol;
     const std::string m_name;
     const Handler m_handler;
     CallGate m_gate;

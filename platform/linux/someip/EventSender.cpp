@@ -22,9 +22,9 @@ void EventSender::change(const std::function<void(Target&)>& how) {
     auto changed = std::make_shared<Target>(*m_target);
     how(*changed);
     changed->distinct = changed->receivers;
-    std::ranges::sort(changed->distinct);
-    changed->distinct.erase(std::unique(changed->distinct.begin(), changed->distinct.end()),
-                            changed->distinct.end());
+    std::ranges::sort(changed->distinct, {}, &Receiver::endpoint);
+    const auto repeated = std::ranges::unique(changed->distinct, {}, &Receiver::endpoint);
+    changed->distinct.erase(repeated.begin(), repeated.end());
     m_target = std::move(changed);
 }
 
@@ -32,13 +32,13 @@ void EventSender::setSocket(std::shared_ptr<const UdpSocket> socket) {
     change([&](Target& target) { target.socket = std::move(socket); });
 }
 
-void EventSender::add(const Endpoint& receiver) {
-    change([&](Target& target) { target.receivers.push_back(receiver); });
+void EventSender::add(const Endpoint& receiver, std::shared_ptr<TcpSocket> connection) {
+    change([&](Target& target) { target.receivers.push_back({receiver, std::move(connection)}); });
 }
 
 void EventSender::remove(const Endpoint& receiver) {
     change([&](Target& target) {
-        const auto found = std::ranges::find(target.receivers, receiver);
+        const auto found = std::ranges::find(target.receivers, receiver, &Receiver::endpoint);
         if (found != target.receivers.end()) {
             target.receivers.erase(found);
         }
@@ -104,8 +104,9 @@ bool EventSender::transmit(const Header& header, std::span<std::uint8_t> message
         return true;
     }
     bool sent = true;
-    const auto send = [&](const Endpoint& receiver, std::span<const std::uint8_t> datagram) {
-        if (to->socket->sendTo(receiver, datagram, true) == 0) {
+    const auto send = [&](const Receiver& receiver, std::span<const std::uint8_t> bytes) {
+        if ((receiver.connection != nullptr ? receiver.connection->send(bytes)
+                                            : to->socket->sendTo(receiver.endpoint, bytes, true)) == 0) {
             counters().sent.add();
             return true;
         }
@@ -113,16 +114,15 @@ bool EventSender::transmit(const Header& header, std::span<std::uint8_t> message
         sent = false;
         return false;
     };
-    if (message.size() - kHeaderSize <= kMaxUnsegmentedPayload) {
-        writeHeader(header, message.data());
-        for (const Endpoint& receiver : to->distinct) {
+    // Segments have headers of their own, written in place of the message's.
+    for (const Receiver& receiver : to->distinct) {
+        if (receiver.connection != nullptr || message.size() - kHeaderSize <= kMaxUnsegmentedPayload) {
+            writeHeader(header, message.data());
             send(receiver, message);
+        } else {
+            segment(header, message.subspan(kHeaderSize),
+                    [&](std::span<const std::uint8_t> datagram) { return send(receiver, datagram); });
         }
-        return sent;
-    }
-    for (const Endpoint& receiver : to->distinct) {
-        segment(header, message.subspan(kHeaderSize),
-                [&](std::span<const std::uint8_t> datagram) { return send(receiver, datagram); });
     }
     return sent;
 }
@@ -225,14 +225,6 @@ bool EventSender::sendFaulty(std::vector<std::uint8_t>& message, const WireFault
     }
     header.length = static_cast<std::uint32_t>(kLengthCovers + message.size() - kHeaderSize) + lie;
     return transmit(header, message);
-}
-
-std::vector<std::uint16_t> ServiceProvider::eventgroups() const {
-    std::vector<std::uint16_t> groups;
-    for (const auto& sender : senders) {
-        groups.push_back(sender->eventgroup());
-    }
-    return groups;
 }
 
 }  // namespace someip

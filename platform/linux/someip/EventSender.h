@@ -11,6 +11,7 @@
 #include "ac/com/types.h"
 #include "someip/CallGate.h"
 #include "someip/ServiceDiscovery.h"
+#include "someip/TcpSocket.h"
 #include "someip/UdpSocket.h"
 #include "someip/WireFault.h"
 
@@ -24,9 +25,11 @@ class EventSender {
     EventSender(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event);
 
     std::uint16_t eventgroup() const noexcept { return m_event.eventgroupId; }
+    /// The protocol of the description.
+    Protocol protocol() const noexcept { return m_event.reliable ? Protocol::Tcp : Protocol::Udp; }
 
     /// Sends `message` to each subscriber; its first 16 bytes are reserved for the header. Returns false when
-    /// a datagram could not be sent.
+    /// a datagram, or a message over TCP, could not be sent. Blocks while a send buffer is full.
     bool send(std::span<std::uint8_t> message);
     bool sendFaulty(std::vector<std::uint8_t>& message, const WireFault& fault);
 
@@ -39,16 +42,21 @@ class EventSender {
 
     /// Called by the runtime: the socket and the subscribers to send to.
     void setSocket(std::shared_ptr<const UdpSocket> socket);
-    void add(const Endpoint& receiver);
+    /// `connection` is the one of a receiver over TCP.
+    void add(const Endpoint& receiver, std::shared_ptr<TcpSocket> connection);
     void remove(const Endpoint& receiver);
     /// Sends nothing while set, like a sender that has failed.
     void setSilent(bool silent) noexcept { m_silent.store(silent, std::memory_order_relaxed); }
 
   private:
+    struct Receiver {
+        Endpoint endpoint;
+        std::shared_ptr<TcpSocket> connection;  ///< none over UDP
+    };
     struct Target {
-        std::shared_ptr<const UdpSocket> socket;
-        std::vector<Endpoint> receivers;  ///< one entry per subscription
-        std::vector<Endpoint> distinct;   ///< without duplicates
+        std::shared_ptr<const UdpSocket> socket;  ///< none: not offered
+        std::vector<Receiver> receivers;          ///< one entry per subscription
+        std::vector<Receiver> distinct;           ///< without duplicates
     };
     std::shared_ptr<const Target> target() const;
     void change(const std::function<void(Target&)>& how);
@@ -77,8 +85,6 @@ class ServiceProvider {
 
     bool offered = false;
     std::vector<std::shared_ptr<EventSender>> senders;
-
-    std::vector<std::uint16_t> eventgroups() const;
 
   private:
     const ac::com::ServiceInterface m_service;

@@ -34,9 +34,12 @@ bool networkIsGone(int error) noexcept {
 }  // namespace
 
 NetworkAccess::NetworkAccess(const machine::SomeIpSettings& settings, const Network& range,
-                             const Endpoint& eventEndpoint, SdObserver& observer)
+                             const Endpoint& eventEndpoint, std::unique_ptr<const TcpListener> listener,
+                             SdObserver& observer)
     : m_range(range),
-      m_discovery(timesOf(settings.discovery), eventEndpoint, range, observer, std::random_device()()) {}
+      m_streams(eventEndpoint.address, settings.maxSampleBytes + kHeaderSize, std::move(listener)),
+      m_discovery(timesOf(settings.discovery), eventEndpoint, m_streams.endpoint(), range, observer,
+                  std::random_device()()) {}
 
 std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings& settings,
                                                    SdObserver& observer, std::string& error) {
@@ -86,7 +89,12 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
         return nullptr;
     }
 
-    std::shared_ptr<NetworkAccess> access(new NetworkAccess(settings, range, events->endpoint(), observer));
+    auto listener = TcpListener::open({address, settings.eventPort, Protocol::Tcp}, error);
+    if (listener == nullptr) {
+        return nullptr;
+    }
+    std::shared_ptr<NetworkAccess> access(
+        new NetworkAccess(settings, range, events->endpoint(), std::move(listener), observer));
     access->m_lock = std::move(lock);
     access->events.socket = events;
     access->discoveryUnicast.socket = unicast;

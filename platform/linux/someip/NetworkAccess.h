@@ -7,6 +7,7 @@
 #include "machine/Manifest.h"
 #include "someip/EndpointLock.h"
 #include "someip/ServiceDiscovery.h"
+#include "someip/Streams.h"
 #include "someip/UdpSocket.h"
 
 namespace someip {
@@ -26,6 +27,7 @@ class NetworkAccess {
     };
 
     ServiceDiscovery& discovery() noexcept { return m_discovery; }
+    Streams& streams() noexcept { return m_streams; }
     const Network& range() const noexcept { return m_range; }
     const Endpoint& eventEndpoint() const noexcept { return events.socket->endpoint(); }
 
@@ -48,11 +50,13 @@ class NetworkAccess {
 
   private:
     NetworkAccess(const machine::SomeIpSettings& settings, const Network& range,
-                  const Endpoint& eventEndpoint, SdObserver& observer);
+                  const Endpoint& eventEndpoint, std::unique_ptr<const TcpListener> listener,
+                  SdObserver& observer);
 
     const Network m_range;
     Endpoint m_group;
     std::unique_ptr<const EndpointLock> m_lock;  ///< of the unicast discovery endpoint
+    Streams m_streams;
     ServiceDiscovery m_discovery;
 };
 

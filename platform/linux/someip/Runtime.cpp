@@ -190,7 +190,8 @@ std::shared_ptr<EventReceiver> Runtime::receive(const ac::com::ServiceInterface&
     m_receivers.push_back(receiver);
     m_routesVersion.fetch_add(1);
     if (m_network != nullptr) {
-        m_network->discovery().client().wantEventgroup(receiver->eventgroup(), Clock::now());
+        m_network->discovery().client().wantEventgroup(receiver->eventgroup(), receiver->protocol(),
+                                                       Clock::now());
         wake();
     }
     return receiver;
@@ -227,7 +228,9 @@ std::vector<EventDispatcher::Route> Runtime::routes() const {
         // An event may overtake the acknowledgement: they come through different sockets.
         if (service != nullptr &&
             (state == SubscriptionState::Requested || state == SubscriptionState::Acknowledged)) {
-            routes.push_back({service->endpoint, receiver, service->life});
+            for (const Endpoint& source : service->endpoints) {
+                routes.push_back({source, receiver, service->life});
+            }
         }
     }
     return routes;
@@ -282,12 +285,17 @@ void Runtime::applyOffer(const ServiceProvider& provider, Clock::time_point now)
     if (m_network == nullptr || !m_providesServices) {
         return;
     }
+    std::map<std::uint16_t, Protocols> eventgroups;
     for (const auto& sender : provider.senders) {
         sender->setSocket(m_network->events.socket);
+        eventgroups[sender->eventgroup()].add(protocolOf(*sender));
     }
-    m_network->discovery().server().offer(provider.key(), provider.service().minorVersion,
-                                          provider.eventgroups(), now);
+    m_network->discovery().server().offer(provider.key(), provider.service().minorVersion, eventgroups, now);
     wake();
+}
+
+Protocol Runtime::protocolOf(const EventSender& sender) const noexcept {
+    return m_settings.eventsOverTcp ? Protocol::Tcp : sender.protocol();
 }
 
 void Runtime::stopOffer(const std::shared_ptr<ServiceProvider>& provider) {
@@ -313,7 +321,7 @@ void Runtime::logChange(const RemoteService& service, const char* what, const st
     ChangeLimit& limit = known == m_known.end() ? m_otherChanges : known->second.changes;
     if (const auto unlogged = limit.note(Clock::now())) {
         KYO_LOG(known == m_known.end() ? 7 : 5, "Service " << nameOf(service.key) << what
-                                                           << toText(service.endpoint) << reason
+                                                           << toText(service.endpoints.front()) << reason
                                                            << more(*unlogged));
     }
 }
@@ -390,8 +398,9 @@ void Runtime::subscriberChanged(const EventgroupKey& eventgroup, const Endpoint&
             continue;
         }
         for (const auto& sender : provider->senders) {
-            if (sender->eventgroup() == eventgroup.eventgroup) {
-                subscribed ? sender->add(receiver) : sender->remove(receiver);
+            if (sender->eventgroup() == eventgroup.eventgroup && protocolOf(*sender) == receiver.protocol) {
+                subscribed ? sender->add(receiver, m_network->streams().client(receiver))
+                           : sender->remove(receiver);
                 m_notices.push_back({sender, receiver, subscribed});
             }
         }
@@ -408,6 +417,7 @@ void Runtime::subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint&
 
 void Runtime::peerRebooted(const Endpoint& peer) {
     counters().sdReboots.add();
+    m_network->streams().reset(peer.address);
     if (const auto unlogged = m_reboots.note(Clock::now())) {
         KYO_LOG(5, "Peer " << toText(peer) << " has rebooted" << more(*unlogged));
     }
@@ -445,7 +455,7 @@ void Runtime::openNetwork(Clock::time_point now) {
         m_network->discovery().client().want(search, now);
     }
     for (const auto& receiver : m_receivers) {
-        m_network->discovery().client().wantEventgroup(receiver->eventgroup(), now);
+        m_network->discovery().client().wantEventgroup(receiver->eventgroup(), receiver->protocol(), now);
     }
     for (const auto& provider : m_providers) {
         applyOffer(*provider, now);
@@ -484,9 +494,10 @@ void Runtime::work(Worker& worker) {
     while (!worker.stop.load()) {
         const auto ready = worker.loop.wait(std::min(deadline, dispatcher.nextDeadline()));
         // Discovery before events: it decides which peers may send them, and must not wait for slow handlers.
-        const bool discovery = ready.woken || std::ranges::any_of(ready.readable, [&](int fd) {
-                                   return network != nullptr && network->isDiscovery(fd);
-                               });
+        const bool discovery =
+            ready.woken || std::ranges::any_of(ready.descriptors, [&](int fd) {
+                return network != nullptr && (network->isDiscovery(fd) || network->streams().isChange(fd));
+            });
         if (discovery || Clock::now() >= deadline) {
             deadline = step(worker, batch, network);
             refreshRoutes(dispatcher, routesSeen);
@@ -494,9 +505,11 @@ void Runtime::work(Worker& worker) {
         if (network == nullptr) {
             continue;
         }
-        for (const int fd : ready.readable) {
+        for (const int fd : ready.descriptors) {
             if (auto* const inlet = network->eventInlet(fd)) {
                 receiveEvents(*network, *inlet, batch, dispatcher, routesSeen);
+            } else if (!receiveStream(*network, fd, dispatcher, routesSeen)) {
+                deadline = Clock::now();
             }
         }
         dispatcher.onTime(Clock::now());
@@ -517,9 +530,12 @@ Clock::time_point Runtime::step(Worker& worker, DatagramBatch& batch,
             openNetwork(now);
         }
         if (m_network != nullptr) {
+            auto& discovery = m_network->discovery();
+            m_network->streams().accept(worker.loop, discovery.server(), now);
             receiveDiscovery(m_network->discoveryUnicast, false, batch, now);
             receiveDiscovery(m_network->discoveryGroup, true, batch, now);
-            m_network->discovery().onTime(now);
+            m_network->streams().maintain(worker.loop, discovery.client(), discovery.server(), now);
+            discovery.onTime(now);
             std::string error;
             if (!m_network->flush(m_silent.load(std::memory_order_relaxed), error)) {
                 KYO_LOG(3, "SOME/IP is not up any more: " << error);
@@ -533,18 +549,22 @@ Clock::time_point Runtime::step(Worker& worker, DatagramBatch& batch,
                 worker.loop.unwatch(network->events.socket->fd());
                 worker.loop.unwatch(network->discoveryUnicast.socket->fd());
                 worker.loop.unwatch(network->discoveryGroup.socket->fd());
+                network->streams().unwatch(worker.loop);
             }
             network = m_network;
             if (network != nullptr) {
                 worker.loop.watch(network->events.socket->fd());
                 worker.loop.watch(network->discoveryUnicast.socket->fd());
                 worker.loop.watch(network->discoveryGroup.socket->fd());
+                network->streams().watch(worker.loop);
             }
         }
         if (network != nullptr) {
             joinGroups(*network, worker);
         }
-        deadline = m_network == nullptr ? m_retryAt : m_network->discovery().nextDeadline();
+        deadline = m_network == nullptr
+                       ? m_retryAt
+                       : std::min(m_network->discovery().nextDeadline(), m_network->streams().nextDeadline());
         notices.swap(m_notices);
     }
     notify(notices, &worker.stop);
@@ -612,6 +632,15 @@ void Runtime::receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet,
         }
     }
     countDropped(inlet, batch);
+}
+
+bool Runtime::receiveStream(NetworkAccess& network, int fd, EventDispatcher& dispatcher,
+                            std::uint64_t& routesSeen) {
+    refreshRoutes(dispatcher, routesSeen);
+    const auto now = Clock::now();
+    return network.streams().receive(fd, [&](const Endpoint& server, std::span<const std::uint8_t> message) {
+        dispatcher.onDatagram(server, message, now);
+    });
 }
 
 void Runtime::joinGroups(NetworkAccess& network, const Worker& worker) {

@@ -98,6 +98,7 @@ class Runtime final : private SdObserver {
     void openNetwork(Clock::time_point now);
     void closeNetwork(bool sayGoodBye);
     void applyOffer(const ServiceProvider& provider, Clock::time_point now);
+    Protocol protocolOf(const EventSender& sender) const noexcept;
     std::vector<EventDispatcher::Route> routes() const;
     std::string nameOf(const ServiceKey& service) const;
     void logChange(const RemoteService& service, const char* what, const std::string& reason);
@@ -112,6 +113,9 @@ class Runtime final : private SdObserver {
     void refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSeen);
     void receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
                        EventDispatcher& dispatcher, std::uint64_t& routesSeen);
+    /// Returns false when the connection has ended.
+    bool receiveStream(NetworkAccess& network, int fd, EventDispatcher& dispatcher,
+                       std::uint64_t& routesSeen);
     void joinGroups(NetworkAccess& network, const Worker& worker);
     static void countDropped(NetworkAccess::Inlet& inlet, const DatagramBatch& batch);
     static void notify(std::vector<Notice>& notices, const std::atomic<bool>* stop);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "someip/ServiceDiscovery.h"
 
@@ -98,9 +99,11 @@ void SdClient::startSearch(Search& search, Clock::time_point now) {
     search.next = now + std::chrono::milliseconds(std::uniform_int_distribution<long>(least, most)(m_random));
 }
 
-void SdClient::wantEventgroup(const EventgroupKey& eventgroup, Clock::time_point now) {
+void SdClient::wantEventgroup(const EventgroupKey& eventgroup, Protocol protocol, Clock::time_point now) {
     Subscription& subscription = m_subscriptions[eventgroup];
-    if (subscription.wishes++ != 0) {
+    const bool another = !subscription.protocols.has(protocol);
+    subscription.protocols.add(protocol);
+    if (subscription.wishes++ != 0 && !another) {
         return;
     }
     want(eventgroup.service, now);
@@ -115,14 +118,88 @@ void SdClient::dropEventgroup(const EventgroupKey& eventgroup) {
         return;
     }
     const auto* service = find(eventgroup.service);
-    if (service != nullptr && found->second.state != SubscriptionState::Idle) {
-        m_outbox.to(service->peer).add(subscribeEntry(eventgroup, 0));
+    if (service != nullptr) {
+        stop(eventgroup, found->second, *service);
     }
     set(eventgroup, found->second, SubscriptionState::Idle);
     m_subscriptions.erase(found);
 }
 
-SdEntry SdClient::subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) const {
+void SdClient::stop(const EventgroupKey& key, const Subscription& subscription,
+                    const RemoteService& service) {
+    if (subscription.state != SubscriptionState::Idle) {
+        m_outbox.to(service.peer).add(subscribeEntry(key, subscription.receivers, 0));
+    }
+}
+
+Protocols SdClient::used(const Subscription& subscription, const RemoteService& service) {
+    Protocols used;
+    used.udp = subscription.protocols.udp && service.over(Protocol::Udp) != nullptr;
+    used.tcp = subscription.protocols.tcp && service.over(Protocol::Tcp) != nullptr;
+    if (!used.udp && !used.tcp) {
+        used.add(service.endpoints.front().protocol);
+    }
+    return used;
+}
+
+std::vector<Endpoint> SdClient::receivers(const Subscription& subscription,
+                                          const RemoteService& service) const {
+    const Protocols used = SdClient::used(subscription, service);
+    std::vector<Endpoint> ours;
+    if (used.udp) {
+        ours.push_back(m_receiver);
+    }
+    if (used.tcp) {
+        const auto connection = m_connections.find(*service.over(Protocol::Tcp));
+        if (connection == m_connections.end()) {
+            return {};
+        }
+        ours.push_back(connection->second);
+    }
+    return ours;
+}
+
+std::set<Endpoint> SdClient::neededConnections() const {
+    std::set<Endpoint> needed;
+    for (const auto& [key, subscription] : m_subscriptions) {
+        const auto* service = find(key.service);
+        if (service != nullptr && used(subscription, *service).tcp) {
+            needed.insert(*service->over(Protocol::Tcp));
+        }
+    }
+    return needed;
+}
+
+bool SdClient::uses(const EventgroupKey& key, const Subscription& subscription,
+                    const Endpoint& server) const {
+    const auto* service = find(key.service);
+    return service != nullptr && used(subscription, *service).tcp && *service->over(Protocol::Tcp) == server;
+}
+
+void SdClient::connected(const Endpoint& server, const Endpoint& local, Clock::time_point now) {
+    m_connections[server] = local;
+    for (auto& [key, subscription] : m_subscriptions) {
+        if (uses(key, subscription, server)) {
+            request(key, subscription, *find(key.service), false, now);
+        }
+    }
+}
+
+void SdClient::disconnected(const Endpoint& server) {
+    m_connections.erase(server);
+    for (auto& [key, subscription] : m_subscriptions) {
+        if (uses(key, subscription, server)) {
+            // The part over UDP, if there is one, ends with it.
+            stop(key, subscription, *find(key.service));
+            subscription.renewAt = Clock::time_point::max();
+            subscription.byMulticastOffer = false;
+            set(key, subscription, SubscriptionState::Idle);
+        }
+    }
+}
+
+SdEntry SdClient::subscribeEntry(const EventgroupKey& key, std::vector<Endpoint> receivers,
+                                 std::uint32_t ttl) {
     SdEntry entry;
     entry.type = SdEntryType::Subscribe;
     entry.service = key.service.service;
@@ -130,18 +207,27 @@ SdEntry SdClient::subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) co
     entry.major = key.service.major;
     entry.eventgroup = key.eventgroup;
     entry.ttl = ttl;
-    entry.unicast = {m_receiver};
+    entry.unicast = std::move(receivers);
     return entry;
 }
 
 void SdClient::request(const EventgroupKey& key, Subscription& subscription, const RemoteService& service,
                        bool byMulticastOffer, Clock::time_point now) {
+    auto ours = receivers(subscription, service);
+    if (ours.empty()) {
+        subscription.renewAt = Clock::time_point::max();
+        return;  // connected() does it
+    }
     const bool missed = byMulticastOffer && subscription.byMulticastOffer && !subscription.answered;
-    auto entry = subscribeEntry(key, m_times.ttlSeconds);
+    if (subscription.receivers != ours) {
+        stop(key, subscription, service);  // the server knows a subscription by its endpoints
+        subscription.receivers = ours;
+    }
+    auto entry = subscribeEntry(key, std::move(ours), m_times.ttlSeconds);
     entry.initialDataRequested = missed || subscription.state != SubscriptionState::Acknowledged;
     // Some servers remember a refusal, or half a subscription, until it is stopped.
     if (subscription.state == SubscriptionState::Refused || (missed && !service.explicitInitialData)) {
-        m_outbox.to(service.peer).addPair(subscribeEntry(key, 0), std::move(entry));
+        m_outbox.to(service.peer).addPair(subscribeEntry(key, subscription.receivers, 0), std::move(entry));
     } else {
         m_outbox.to(service.peer).add(std::move(entry));
     }
@@ -194,16 +280,20 @@ const char* SdClient::whyUnusable(const ServiceKey& key, const SdEntry& entry) c
         return "it names no instance or version";
     }
     if (entry.unicast.empty()) {
-        return entry.otherEndpoint ? "it has no endpoint for UDP over IPv4" : "it has no endpoint";
+        return entry.otherEndpoint ? "it has no endpoint for UDP or TCP over IPv4" : "it has no endpoint";
     }
     if (entry.contradictory()) {
         return "its endpoints contradict each other";
     }
-    if (entry.unicast.front().port == 0) {
-        return "its port is 0";
+    for (const Endpoint& endpoint : entry.unicast) {
+        if (endpoint.port == 0) {
+            return "its port is 0";
+        }
+        if (!m_network.contains(endpoint.address)) {
+            return "its endpoint is outside of the network";
+        }
     }
-    return m_network.contains(entry.unicast.front().address) ? nullptr
-                                                             : "its endpoint is outside of the network";
+    return nullptr;
 }
 
 void SdClient::onOffer(const SdEntry& entry, const SdOrigin& from, Clock::time_point now) {
@@ -221,13 +311,18 @@ void SdClient::onOffer(const SdEntry& entry, const SdOrigin& from, Clock::time_p
         m_observer.offerUnusable(key, peer, reason);
         return;
     }
-    const Endpoint endpoint = entry.unicast.front();
+    std::vector<Endpoint> endpoints;
+    for (const Protocol protocol : {Protocol::Udp, Protocol::Tcp}) {
+        if (const Endpoint* const endpoint = entry.over(protocol)) {
+            endpoints.push_back(*endpoint);
+        }
+    }
     if (known != m_offers.end()) {
         if (known->second.service.peer != peer && now - known->second.heard < kMovedAfter) {
             m_observer.offerUnusable(key, peer, "another peer offers the same instance");
             return;
         }
-        if (known->second.service.peer == peer && known->second.service.endpoint == endpoint) {
+        if (known->second.service.peer == peer && known->second.service.endpoints == endpoints) {
             known->second.expiry = after(entry.ttl, now);
             known->second.heard = now;
             known->second.service.explicitInitialData = from.explicitInitialData;
@@ -240,7 +335,7 @@ void SdClient::onOffer(const SdEntry& entry, const SdOrigin& from, Clock::time_p
         m_observer.offerUnusable(key, peer, "too many services are offered");
         return;
     }
-    const RemoteService service{key, entry.minor, endpoint, peer, ++m_lives, from.explicitInitialData};
+    const RemoteService service{key, entry.minor, endpoints, peer, ++m_lives, from.explicitInitialData};
     const auto added = m_offers.insert_or_assign(key, Offer{service, after(entry.ttl, now), now}).first;
     for (auto& [wanted, search] : m_searches) {
         if (matches(wanted, key)) {
@@ -273,6 +368,14 @@ void SdClient::onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clo
     if (entry.ttl == 0) {
         failed(subscription, now);
         set(key, subscription, SubscriptionState::Refused);
+        const Endpoint* const server = offer->second.service.over(Protocol::Tcp);
+        if (server != nullptr && uses(key, subscription, *server) &&
+            std::ranges::none_of(m_subscriptions, [&](const auto& one) {
+                return one.second.state == SubscriptionState::Acknowledged &&
+                       uses(one.first, one.second, *server);
+            })) {
+            m_suspects.insert(*server);
+        }
         return;
     }
     subscription.failures = 0;
@@ -372,8 +475,8 @@ Clock::time_point SdClient::nextDeadline() const {
 void SdClient::shutdown() {
     for (auto& [key, subscription] : m_subscriptions) {
         const auto* service = find(key.service);
-        if (service != nullptr && subscription.state != SubscriptionState::Idle) {
-            m_outbox.to(service->peer).add(subscribeEntry(key, 0));
+        if (service != nullptr) {
+            stop(key, subscription, *service);
         }
     }
     m_subscriptions.clear();

@@ -48,12 +48,14 @@ bool parseOptions(std::span<const std::uint8_t> bytes, std::vector<Option>& out,
                         "IPv4 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
                     return false;
                 }
-                if (type == SdOptionType::Ipv4Endpoint && bytes[9] != kProtocolUdp) {
-                    option.kind = Option::OtherUnicast;
-                } else if (type != SdOptionType::Ipv4SdEndpoint && bytes[9] == kProtocolUdp) {
-                    option.kind = type == SdOptionType::Ipv4Endpoint ? Option::Unicast : Option::Multicast;
-                    option.endpoint = {loadBig<std::uint32_t>(bytes.data() + 4),
-                                       loadBig<std::uint16_t>(bytes.data() + 10)};
+                option.endpoint = {loadBig<std::uint32_t>(bytes.data() + 4),
+                                   loadBig<std::uint16_t>(bytes.data() + 10),
+                                   bytes[9] == kProtocolTcp ? Protocol::Tcp : Protocol::Udp};
+                if (type == SdOptionType::Ipv4Endpoint) {
+                    option.kind = bytes[9] == kProtocolUdp || bytes[9] == kProtocolTcp ? Option::Unicast
+                                                                                       : Option::OtherUnicast;
+                } else if (type == SdOptionType::Ipv4Multicast && bytes[9] == kProtocolUdp) {
+                    option.kind = Option::Multicast;
                 }
                 break;
             case SdOptionType::Ipv6Endpoint:
@@ -116,7 +118,7 @@ void appendOption(std::vector<std::uint8_t>& out, const Option& option) {
     out.push_back(0);
     appendBig(out, option.endpoint.address);
     out.push_back(0);
-    out.push_back(kProtocolUdp);
+    out.push_back(option.endpoint.protocol == Protocol::Tcp ? kProtocolTcp : kProtocolUdp);
     appendBig(out, option.endpoint.port);
 }
 

@@ -41,7 +41,7 @@ enum class SdOptionType : std::uint8_t {
 inline constexpr std::uint8_t kProtocolTcp = 0x06;
 inline constexpr std::uint8_t kProtocolUdp = 0x11;
 
-/// One entry with the UDP endpoints from its options.
+/// One entry with the endpoints from its options.
 struct SdEntry {
     SdEntryType type = SdEntryType::Find;
     std::uint16_t service = 0;
@@ -52,13 +52,18 @@ struct SdEntry {
     std::uint8_t counter = 0;           ///< eventgroup entries, 4 bits
     bool initialDataRequested = false;  ///< subscribe entries
     std::uint16_t eventgroup = 0;       ///< eventgroup entries
-    std::vector<Endpoint> unicast;      ///< IPv4 endpoint options for UDP, in order
-    bool otherEndpoint = false;         ///< there are endpoint options, but for TCP or IPv6
+    std::vector<Endpoint> unicast;      ///< IPv4 endpoint options for UDP and TCP, in order
+    bool otherEndpoint = false;         ///< there are endpoint options for IPv6 or another protocol
     std::vector<Endpoint> multicast;    ///< IPv4 multicast options for UDP, in order
 
-    /// Two different endpoints for UDP: none of them can be preferred.
+    /// Returns the first endpoint for that protocol; nullptr if there is none.
+    const Endpoint* over(Protocol protocol) const noexcept {
+        const auto found = std::ranges::find(unicast, protocol, &Endpoint::protocol);
+        return found == unicast.end() ? nullptr : &*found;
+    }
+    /// Returns true for two different endpoints of one protocol: none of them can be preferred.
     bool contradictory() const noexcept {
-        return std::ranges::any_of(unicast, [&](const Endpoint& one) { return one != unicast.front(); });
+        return std::ranges::any_of(unicast, [&](const Endpoint& one) { return one != *over(one.protocol); });
     }
     bool isEventgroupEntry() const noexcept {
         return type == SdEntryType::Subscribe || type == SdEntryType::SubscribeAck;
@@ -74,7 +79,8 @@ struct SdMessage {
 };
 
 /// Reads one discovery message. Returns false, with `error`, when the header, a length or an option index is
-/// wrong. Entries of unknown type, unknown options, and endpoints other than IPv4 with UDP are ignored.
+/// wrong. Entries of unknown type, unknown options, and endpoints other than IPv4 with UDP or TCP are
+/// ignored.
 bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, SdMessage& out,
                     std::string& error);
 

@@ -21,16 +21,25 @@ SdEntry SdServer::offerEntry(const ServiceKey& key, const Offered& offered, std:
     entry.major = key.major;
     entry.minor = offered.minor;
     entry.ttl = ttl;
-    entry.unicast = {m_endpoint};
+    const auto uses = [&](Protocol protocol) {
+        return std::ranges::any_of(offered.eventgroups,
+                                   [&](const auto& group) { return group.second.has(protocol); });
+    };
+    if (uses(Protocol::Udp) || !uses(Protocol::Tcp)) {
+        entry.unicast.push_back(m_udp);
+    }
+    if (uses(Protocol::Tcp)) {
+        entry.unicast.push_back(m_tcp);
+    }
     return entry;
 }
 
-void SdServer::offer(const ServiceKey& service, std::uint32_t minor, std::vector<std::uint16_t> eventgroups,
-                     Clock::time_point now) {
+void SdServer::offer(const ServiceKey& service, std::uint32_t minor,
+                     const std::map<std::uint16_t, Protocols>& eventgroups, Clock::time_point now) {
     const auto [place, added] = m_offered.try_emplace(service);
     Offered& offered = place->second;
     offered.minor = minor;
-    offered.eventgroups = std::move(eventgroups);
+    offered.eventgroups = eventgroups;
     if (!added) {
         return;
     }
@@ -53,9 +62,11 @@ void SdServer::removeSubscribers(Condition&& condition) {
         auto& list = group->second;
         for (std::size_t i = 0; i < list.size();) {
             if (condition(group->first, list[i])) {
-                const Endpoint receiver = list[i].receiver;
+                const auto receivers = std::move(list[i].receivers);
                 list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
-                m_observer.subscriberRemoved(group->first, receiver);
+                for (const Endpoint& receiver : receivers) {
+                    m_observer.subscriberRemoved(group->first, receiver);
+                }
             } else {
                 ++i;
             }
@@ -87,22 +98,42 @@ void SdServer::onFind(const SdEntry& entry, const Endpoint& peer) {
     }
 }
 
-bool SdServer::admit(const EventgroupKey& key, const SdEntry& entry, const Endpoint& receiver) {
+/// Where the events go; none when the subscription cannot be accepted.
+std::vector<Endpoint> SdServer::receivers(const EventgroupKey& key, const SdEntry& entry) const {
     const auto service = m_offered.find(key.service);
-    return service != m_offered.end() && !entry.unicast.empty() && !entry.contradictory() &&
-           std::ranges::count(service->second.eventgroups, key.eventgroup) != 0 && receiver.port != 0 &&
-           m_network.contains(receiver.address);
+    if (service == m_offered.end() || entry.contradictory()) {
+        return {};
+    }
+    const auto group = service->second.eventgroups.find(key.eventgroup);
+    if (group == service->second.eventgroups.end()) {
+        return {};
+    }
+    std::vector<Endpoint> receivers;
+    for (const Protocol protocol : {Protocol::Udp, Protocol::Tcp}) {
+        if (!group->second.has(protocol)) {
+            continue;
+        }
+        const Endpoint* const receiver = entry.over(protocol);
+        if (receiver == nullptr || receiver->port == 0 || !m_network.contains(receiver->address) ||
+            (protocol == Protocol::Tcp && !m_clients.contains(*receiver))) {
+            return {};
+        }
+        receivers.push_back(*receiver);
+    }
+    return receivers;
 }
 
 void SdServer::onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::time_point now) {
     const EventgroupKey key{{entry.service, entry.instance, entry.major}, entry.eventgroup};
-    const Endpoint receiver = entry.unicast.empty() ? Endpoint{} : entry.unicast.front();
-    const auto same = [&](const Subscriber& one) {
-        return one.peer == peer && one.receiver == receiver && one.counter == entry.counter;
+    const auto wanted = receivers(key, entry);
+    const auto ends = [&](const EventgroupKey& group, const Subscriber& one) {
+        return group == key && one.peer == peer && one.counter == entry.counter &&
+               std::ranges::all_of(one.receivers, [&](const Endpoint& receiver) {
+                   return std::ranges::count(entry.unicast, receiver) != 0;
+               });
     };
     if (entry.ttl == 0) {
-        removeSubscribers(
-            [&](const EventgroupKey& group, const Subscriber& one) { return group == key && same(one); });
+        removeSubscribers(ends);
         return;
     }
     SdEntry answer = entry;
@@ -110,24 +141,34 @@ void SdServer::onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::ti
     answer.unicast.clear();
     answer.multicast.clear();
     answer.ttl = 0;
-    if (admit(key, entry, receiver)) {
+    if (!wanted.empty()) {
         auto& list = m_subscribers[key];
         const auto expiry =
             entry.ttl == kTtlUntilReboot ? Clock::time_point::max() : now + std::chrono::seconds(entry.ttl);
-        const auto known = std::ranges::find_if(list, same);
+        const auto known = std::ranges::find_if(list, [&](const Subscriber& one) {
+            return one.peer == peer && one.counter == entry.counter && one.receivers == wanted;
+        });
         if (known != list.end()) {
             known->expiry = expiry;
             answer.ttl = entry.ttl;
         } else if (list.size() < kMaxSubscribers) {
-            list.push_back({receiver, peer, entry.counter, expiry});
+            list.push_back({wanted, peer, entry.counter, expiry});
             answer.ttl = entry.ttl;
-            m_observer.subscriberAdded(key, receiver);
+            for (const Endpoint& receiver : wanted) {
+                m_observer.subscriberAdded(key, receiver);
+            }
         }
     } else {
-        removeSubscribers(
-            [&](const EventgroupKey& group, const Subscriber& one) { return group == key && same(one); });
+        removeSubscribers(ends);
     }
     m_outbox.to(peer).add(answer);
+}
+
+void SdServer::clientLost(const Endpoint& client) {
+    m_clients.erase(client);
+    removeSubscribers([&](const EventgroupKey&, const Subscriber& one) {
+        return std::ranges::count(one.receivers, client) != 0;
+    });
 }
 
 void SdServer::onReboot(const Endpoint& peer) {

@@ -20,12 +20,12 @@ std::vector<SdOutbox::Datagram> SdOutbox::take() {
     return datagrams;
 }
 
-ServiceDiscovery::ServiceDiscovery(const SdTimes& times, const Endpoint& events, const Network& network,
-                                   SdObserver& observer, std::uint32_t seed)
+ServiceDiscovery::ServiceDiscovery(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp,
+                                   const Network& network, SdObserver& observer, std::uint32_t seed)
     : m_observer(observer),
       m_random(seed),
-      m_client(times, events, network, m_outbox, observer, m_random),
-      m_server(times, events, network, m_outbox, observer, m_random) {}
+      m_client(times, udp, network, m_outbox, observer, m_random),
+      m_server(times, udp, tcp, network, m_outbox, observer, m_random) {}
 
 bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
                                   std::span<const std::uint8_t> datagram, Clock::time_point now,

@@ -1,13 +1,16 @@
 #pragma once
 /// Service discovery without a thread, a clock or a socket: requests, offers, messages and the time go in,
 /// messages and changes come out. The caller holds one lock around every call.
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "someip/Endpoint.h"
@@ -46,14 +49,29 @@ struct EventgroupKey {
 struct RemoteService {
     ServiceKey key;
     std::uint32_t minor = 0;
-    Endpoint endpoint;                 ///< where its events come from
+    std::vector<Endpoint> endpoints;   ///< where its events come from: for UDP, for TCP, or both
     Endpoint peer;                     ///< its service discovery
     std::uint64_t life = 0;            ///< differs from one appearance to the next
     bool explicitInitialData = false;  ///< its peer sends initial events when a subscription asks for them
+
+    /// Returns nullptr if it is not offered over that protocol.
+    const Endpoint* over(Protocol protocol) const noexcept {
+        const auto found = std::ranges::find(endpoints, protocol, &Endpoint::protocol);
+        return found == endpoints.end() ? nullptr : &*found;
+    }
+};
+
+/// The protocols that the events of a service or an eventgroup use.
+struct Protocols {
+    bool udp = false;
+    bool tcp = false;
+
+    void add(Protocol protocol) noexcept { (protocol == Protocol::Tcp ? tcp : udp) = true; }
+    bool has(Protocol protocol) const noexcept { return protocol == Protocol::Tcp ? tcp : udp; }
 };
 
 enum class SubscriptionState : std::uint8_t {
-    Idle,       ///< the service is not offered
+    Idle,       ///< the service is not offered, or its TCP connection is not established
     Requested,  ///< sent, no answer yet
     Acknowledged,
     Refused,
@@ -122,14 +140,24 @@ class SdClient {
     /// another find message, at most every ten seconds.
     void want(const ServiceKey& service, Clock::time_point now);
     /// Subscribes now or as soon as the service is offered. Reference-counted: each call needs one
-    /// dropEventgroup().
-    void wantEventgroup(const EventgroupKey& eventgroup, Clock::time_point now);
+    /// dropEventgroup(). `protocol` is the one of the description: a service that is offered over the other
+    /// one alone is subscribed over that.
+    void wantEventgroup(const EventgroupKey& eventgroup, Protocol protocol, Clock::time_point now);
     void dropEventgroup(const EventgroupKey& eventgroup);
 
     /// The matching instances that are offered now; the instance may be kAnyInstance.
     std::vector<RemoteService> offered(const ServiceKey& service) const;
     const RemoteService* find(const ServiceKey& service) const;
     SubscriptionState state(const EventgroupKey& eventgroup) const;
+
+    /// The TCP endpoints of servers that subscriptions need a connection to.
+    std::set<Endpoint> neededConnections() const;
+    /// Subscribes what waits for the connection. `local` is its own end.
+    void connected(const Endpoint& server, const Endpoint& local, Clock::time_point now);
+    void disconnected(const Endpoint& server);
+    /// Returns and forgets the connections whose server has refused a subscription while none of them is
+    /// acknowledged: it may have lost its end.
+    std::set<Endpoint> takeSuspects() { return std::exchange(m_suspects, {}); }
 
     void onOffer(const SdEntry& entry, const SdOrigin& from, Clock::time_point now);
     void onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
@@ -155,6 +183,8 @@ class SdClient {
     };
     struct Subscription {
         std::uint32_t wishes = 0;
+        Protocols protocols;              ///< of the events that were requested
+        std::vector<Endpoint> receivers;  ///< our endpoints in the last request
         SubscriptionState state = SubscriptionState::Idle;
         bool answered = false;
         bool byMulticastOffer = false;  ///< what caused the last request: only then its answer is missed
@@ -179,7 +209,14 @@ class SdClient {
                  bool byMulticastOffer, Clock::time_point now);
     void failed(Subscription& subscription, Clock::time_point now);
     void set(const EventgroupKey& key, Subscription& subscription, SubscriptionState state);
-    SdEntry subscribeEntry(const EventgroupKey& key, std::uint32_t ttl) const;
+    bool uses(const EventgroupKey& key, const Subscription& subscription, const Endpoint& server) const;
+    void stop(const EventgroupKey& key, const Subscription& subscription, const RemoteService& service);
+    /// The protocols that the subscription uses with that service.
+    static Protocols used(const Subscription& subscription, const RemoteService& service);
+    /// Our endpoints for a subscription; none while a connection is missing.
+    std::vector<Endpoint> receivers(const Subscription& subscription, const RemoteService& service) const;
+    static SdEntry subscribeEntry(const EventgroupKey& key, std::vector<Endpoint> receivers,
+                                  std::uint32_t ttl);
     std::pair<Subscriptions::iterator, Subscriptions::iterator> subscriptionsOf(const ServiceKey& service);
 
     const SdTimes m_times;
@@ -192,28 +229,36 @@ class SdClient {
     std::map<ServiceKey, Search> m_searches;
     Offers m_offers;
     Subscriptions m_subscriptions;
+    std::map<Endpoint, Endpoint> m_connections;  ///< established ones: the server's end and ours
+    std::set<Endpoint> m_suspects;
 };
 
 /// The server side: offers services and keeps their subscribers.
 class SdServer {
   public:
-    SdServer(const SdTimes& times, const Endpoint& endpoint, const Network& network, SdOutbox& outbox,
-             SdObserver& observer, std::minstd_rand& random)
+    /// `udp` and `tcp` are the endpoints that events are sent from.
+    SdServer(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp, const Network& network,
+             SdOutbox& outbox, SdObserver& observer, std::minstd_rand& random)
         : m_times(times),
-          m_endpoint(endpoint),
+          m_udp(udp),
+          m_tcp(tcp),
           m_network(network),
           m_outbox(outbox),
           m_observer(observer),
           m_random(random) {}
 
-    void offer(const ServiceKey& service, std::uint32_t minor, std::vector<std::uint16_t> eventgroups,
-               Clock::time_point now);
+    /// `eventgroups` names the protocols of their events; a subscription must have an endpoint for each.
+    void offer(const ServiceKey& service, std::uint32_t minor,
+               const std::map<std::uint16_t, Protocols>& eventgroups, Clock::time_point now);
     /// Sends stop-offer and removes the subscribers.
     void withdraw(const ServiceKey& service);
 
     void onFind(const SdEntry& entry, const Endpoint& peer);
     void onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
     void onReboot(const Endpoint& peer);
+    /// A client's TCP connection, by its end. A subscription over TCP needs one, and ends with it.
+    void clientConnected(const Endpoint& client) { m_clients.insert(client); }
+    void clientLost(const Endpoint& client);
     void onTime(Clock::time_point now);
     Clock::time_point nextDeadline() const;
     /// Sends stop-offer for all offers.
@@ -225,13 +270,13 @@ class SdServer {
   private:
     struct Offered {
         std::uint32_t minor = 0;
-        std::vector<std::uint16_t> eventgroups;
+        std::map<std::uint16_t, Protocols> eventgroups;
         bool announced = false;         ///< the first offer was sent
         std::uint32_t repetitions = 0;  ///< sent after the first offer
         Clock::time_point next;         ///< the next offer; max() in the cyclic phase
     };
     struct Subscriber {
-        Endpoint receiver;
+        std::vector<Endpoint> receivers;
         Endpoint peer;
         std::uint8_t counter = 0;
         Clock::time_point expiry;
@@ -241,10 +286,11 @@ class SdServer {
     SdEntry offerEntry(const ServiceKey& key, const Offered& offered, std::uint32_t ttl) const;
     template <typename Condition>
     void removeSubscribers(Condition&& condition);
-    bool admit(const EventgroupKey& key, const SdEntry& entry, const Endpoint& receiver);
+    std::vector<Endpoint> receivers(const EventgroupKey& key, const SdEntry& entry) const;
 
     const SdTimes m_times;
-    const Endpoint m_endpoint;
+    const Endpoint m_udp;
+    const Endpoint m_tcp;
     const Network m_network;
     SdOutbox& m_outbox;
     SdObserver& m_observer;
@@ -253,13 +299,15 @@ class SdServer {
     Clock::time_point m_nextCycle =
         Clock::time_point::max();  ///< one for all services, so that they share messages
     Subscribers m_subscribers;
+    std::set<Endpoint> m_clients;  ///< ends of the TCP connections of clients
 };
 
 /// Both sides and their common parts.
 class ServiceDiscovery {
   public:
-    /// `events` is the endpoint of this process for events; messages from outside `network` are ignored.
-    ServiceDiscovery(const SdTimes& times, const Endpoint& events, const Network& network,
+    /// `udp` and `tcp` are the endpoints of this process for events; messages from outside `network` are
+    /// ignored.
+    ServiceDiscovery(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp, const Network& network,
                      SdObserver& observer, std::uint32_t seed);
 
     SdClient& client() noexcept { return m_client; }

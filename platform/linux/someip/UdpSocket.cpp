@@ -5,27 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "someip/SystemAddress.h"
+
 namespace someip {
-
-namespace {
-
-sockaddr_in toSystem(const Endpoint& endpoint) noexcept {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(endpoint.address);
-    address.sin_port = htons(endpoint.port);
-    return address;
-}
-
-Endpoint fromSystem(const sockaddr_in& address) noexcept {
-    return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
-}
-
-bool set(int fd, int level, int option, int value) noexcept {
-    return ::setsockopt(fd, level, option, &value, sizeof value) == 0;
-}
-
-}  // namespace
 
 std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Options& options,
                                            std::string& error) {
@@ -40,20 +22,20 @@ std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Optio
     if (fd < 0) {
         return failed("cannot make a socket for", fd);
     }
-    if (options.shared && !set(fd, SOL_SOCKET, SO_REUSEADDR, 1)) {
+    if (options.shared && !setOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) {
         return failed("cannot share", fd);
     }
-    if (options.broadcast && !set(fd, SOL_SOCKET, SO_BROADCAST, 1)) {
+    if (options.broadcast && !setOption(fd, SOL_SOCKET, SO_BROADCAST, 1)) {
         return failed("cannot broadcast from", fd);
     }
     if (options.receiveBufferBytes != 0) {
         // The first needs a privileged process; the second is limited by net.core.rmem_max.
         const int bytes = static_cast<int>(std::min<std::uint32_t>(options.receiveBufferBytes, 1u << 30));
-        if (!set(fd, SOL_SOCKET, SO_RCVBUFFORCE, bytes)) {
-            set(fd, SOL_SOCKET, SO_RCVBUF, bytes);
+        if (!setOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, bytes)) {
+            setOption(fd, SOL_SOCKET, SO_RCVBUF, bytes);
         }
     }
-    set(fd, SOL_SOCKET, SO_RXQ_OVFL, 1);
+    setOption(fd, SOL_SOCKET, SO_RXQ_OVFL, 1);
     if (options.interfaceAddress != 0) {
         in_addr interface {};
         interface.s_addr = htonl(options.interfaceAddress);
@@ -73,12 +55,7 @@ std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Optio
             return failed("cannot join", fd);
         }
     }
-    sockaddr_in bound{};
-    socklen_t size = sizeof bound;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
-        return failed("cannot get the endpoint of", fd);
-    }
-    return std::unique_ptr<UdpSocket>(new UdpSocket(fd, fromSystem(bound)));
+    return std::unique_ptr<UdpSocket>(new UdpSocket(fd, boundEndpoint(fd, Protocol::Udp)));
 }
 
 UdpSocket::~UdpSocket() {
@@ -129,7 +106,7 @@ std::size_t DatagramBatch::receive(const UdpSocket& socket) {
 }
 
 Endpoint DatagramBatch::from(std::size_t index) const noexcept {
-    return fromSystem(m_senders[index]);
+    return fromSystem(m_senders[index], Protocol::Udp);
 }
 
 std::span<const std::uint8_t> DatagramBatch::bytes(std::size_t index) const noexcept {

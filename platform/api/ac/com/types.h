@@ -18,6 +18,7 @@ struct EventInterface {
     const char* name;  ///< "positions"
     std::uint16_t eventId;
     std::uint16_t eventgroupId;
+    bool reliable = false;  ///< sent over TCP
 };
 
 /// One instance of a service that was found.

@@ -21,7 +21,7 @@ struct SdNews : someip::SdObserver {
     }
 
     void serviceUp(const someip::RemoteService& service) override {
-        news.push_back("up " + text(service.key) + " " + someip::toText(service.endpoint));
+        news.push_back("up " + text(service.key) + " " + someip::toText(service.endpoints.at(0)));
     }
     void serviceDown(const someip::RemoteService& service, const char*) override {
         news.push_back("down " + text(service.key));
@@ -198,7 +198,8 @@ struct SdBench : ::testing::Test {
     someip::SdTimes times;
     SdNews observer;
     someip::Network network{0x7F000000, 0xFF000000};
-    someip::ServiceDiscovery sd{times, {0x7F000001, 45000}, network, observer, 1};
+    someip::ServiceDiscovery sd{
+        times, {0x7F000001, 45000}, {0x7F000001, 45000, someip::Protocol::Tcp}, network, observer, 1};
     Clock::time_point now{std::chrono::hours(1)};
     std::vector<SentSd> sent;
     SdPeer vehicle{{0x7F000002, 30490}};

@@ -18,7 +18,7 @@ constexpr EventgroupKey kGroup2{kService1, 2};
 struct SdClientSteps : SdBench {
     SdClient& client() { return sd.client(); }
     void want(const EventgroupKey& key) {
-        client().wantEventgroup(key, now);
+        client().wantEventgroup(key, Protocol::Udp, now);
         collect();
     }
     void hearOffer(std::uint32_t ttl = 3) { hearMulticast(vehicle, {vehicle.offer(1, ttl)}); }
@@ -124,15 +124,15 @@ TEST_F(SdClientSteps, OnlyItsOwnerStopsMovesOrAcknowledgesAServiceAndOnlyInsideT
     auto twice = vehicle.offer(1);
     twice.unicast.push_back({0x7F000002, 40001});
     hearMulticast(vehicle, {outside, nowhere, any, noPort, twice});
-    auto overTcp = vehicle.message(true, {vehicle.offer(1)});
-    overTcp.at(53) = 6;
-    hear(vehicle, true, overTcp);
+    auto overDccp = vehicle.message(true, {vehicle.offer(1)});
+    overDccp.at(53) = 33;
+    hear(vehicle, true, overDccp);
     EXPECT_THAT(
         observer.take(),
         ElementsAre("unusable 1.1: its endpoint is outside of the network",
                     "unusable 1.1: it has no endpoint", "unusable 1.65535: it names no instance or version",
                     "unusable 1.1: its port is 0", "unusable 1.1: its endpoints contradict each other",
-                    "unusable 1.1: it has no endpoint for UDP over IPv4"));
+                    "unusable 1.1: it has no endpoint for UDP or TCP over IPv4"));
 
     want(kGroup1);
     hearOffer();
@@ -142,7 +142,7 @@ TEST_F(SdClientSteps, OnlyItsOwnerStopsMovesOrAcknowledgesAServiceAndOnlyInsideT
     hearUnicast(stranger, {SdPeer::acknowledge(1, 1)});
     hearMulticast(vehicle, {SdPeer::acknowledge(1, 1)});
     EXPECT_THAT(observer.take(), ElementsAre("unusable 1.1: another peer offers the same instance"));
-    EXPECT_EQ(client().find(kService1)->endpoint, (Endpoint{0x7F000002, 40000}));
+    EXPECT_THAT(client().find(kService1)->endpoints, ElementsAre(Endpoint{0x7F000002, 40000}));
     EXPECT_EQ(client().state(kGroup1), SubscriptionState::Requested);
 }
 
@@ -322,4 +322,45 @@ TEST_F(SdClientSteps, OffersNobodyWantsAreRememberedOnlyUpToACap) {
     EXPECT_THAT(heard, SizeIs(SdClient::kMaxOffers));
     hearOffer();
     EXPECT_THAT(observer.take(), ElementsAre("up 1.1 127.0.0.2:40000")) << "what is wanted finds its place";
+}
+
+TEST_F(SdClientSteps, EventsOverTcpAreSubscribedOnceConnectedAndAgainAfterTheConnectionWasLost) {
+    const Endpoint server{vehicle.endpoint.address, 40000, Protocol::Tcp};
+    const Endpoint ours{0x7F000001, 50001, Protocol::Tcp};
+    const Endpoint oursAgain{0x7F000001, 50002, Protocol::Tcp};
+    const auto offer = [&](bool both) {
+        auto one = vehicle.offer(1);
+        one.unicast = both ? std::vector{one.unicast.at(0), server} : std::vector{server};
+        hearMulticast(vehicle, {one});
+    };
+    want(kGroup1);  // described for UDP, offered over TCP alone
+    offer(false);
+    EXPECT_THAT(client().neededConnections(), ElementsAre(server));
+    EXPECT_THAT(takeSent(), IsEmpty()) << "the connection comes first";
+    client().connected(server, ours, now);
+    collect();
+    EXPECT_THAT(sent.at(0).message.entries.at(0).unicast, ElementsAre(ours));
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1"));
+    hearAcknowledgement();
+    offer(false);
+    EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1")) << "renewed over the same connection";
+
+    client().disconnected(server);
+    collect();
+    EXPECT_EQ(client().state(kGroup1), SubscriptionState::Idle);
+    EXPECT_THAT(takeSent(), ElementsAre("stop-subscribe 1.1/1"));
+    offer(false);
+    EXPECT_THAT(takeSent(), IsEmpty());
+    client().connected(server, oursAgain, now);
+    collect();
+    EXPECT_THAT(sent.at(0).message.entries.at(0).unicast, ElementsAre(oursAgain));
+    takeSent();
+    hearAcknowledgement(1, 0);
+    EXPECT_THAT(client().takeSuspects(), ElementsAre(server)) << "the server may have lost its end";
+
+    client().wantEventgroup(kGroup2, Protocol::Tcp, now);
+    offer(true);
+    EXPECT_THAT(client().neededConnections(), ElementsAre(server)) << "of the second group alone";
+    hearMulticast(vehicle, {vehicle.offer(1, 0)});
+    EXPECT_THAT(client().neededConnections(), IsEmpty());
 }

@@ -83,6 +83,8 @@ TEST(SdMessages, UnknownEntriesAndOptionsArePassedOver) {
     EXPECT_TRUE(readDiscovery(longer, message)) << "bytes after the options";
     EXPECT_THAT(message.entries.at(0).unicast, SizeIs(1));
     EXPECT_TRUE(readDiscovery(with(67, 0x06), message)) << "a TCP endpoint";
+    EXPECT_EQ(message.entries.at(0).unicast.at(0).protocol, Protocol::Tcp);
+    EXPECT_TRUE(readDiscovery(with(67, 0x21), message)) << "an endpoint of another protocol";
     ASSERT_THAT(message.entries, SizeIs(1));
     EXPECT_THAT(message.entries[0].unicast, SizeIs(0));
 }

@@ -11,10 +11,12 @@ using ::testing::SizeIs;
 
 namespace {
 
+constexpr Protocols kUdp{true, false};
+
 struct SdServerSteps : SdBench {
     SdServer& server() { return sd.server(); }
     void offered(std::uint16_t service = 1) {
-        server().offer({service, 1, 1}, 7, {1, 2}, now);
+        server().offer({service, 1, 1}, 7, {{1, kUdp}, {2, kUdp}}, now);
         collect();
     }
     /// Offers the service and passes the repetitions.
@@ -117,4 +119,28 @@ TEST_F(SdServerSteps, SubscribersOfOneEventgroupAreBounded) {
     }
     EXPECT_THAT(observer.take(), SizeIs(SdServer::kMaxSubscribers));
     EXPECT_EQ(takeSent().back(), "nack 1.1/1");
+}
+
+TEST_F(SdServerSteps, ASubscriptionOverTcpNeedsAConnectionAndEndsWithIt) {
+    server().offer({1, 1, 1}, 7, {{1, {.tcp = true}}, {2, {.udp = true, .tcp = true}}}, now);
+    advance(300ms);
+    const Endpoint tcp{0x7F000003, 50001, Protocol::Tcp};
+    EXPECT_THAT(sent.at(0).message.entries.at(0).unicast,
+                ElementsAre(Endpoint{0x7F000001, 45000}, Endpoint{0x7F000001, 45000, Protocol::Tcp}));
+    takeSent();
+    auto reliable = client.subscribe(1, 1);
+    reliable.unicast = {tcp};
+    auto mixed = client.subscribe(1, 2);
+    hearUnicast(client, {reliable, mixed});
+    EXPECT_THAT(takeSent(), ElementsAre("nack 1.1/1", "nack 1.1/2")) << "no connection; no endpoint for TCP";
+    server().clientConnected(tcp);
+    mixed.unicast.push_back(tcp);
+    hearUnicast(client, {reliable, mixed});
+    EXPECT_THAT(takeSent(), ElementsAre("ack 1.1/1", "ack 1.1/2"));
+    EXPECT_THAT(observer.take(), ElementsAre("added 1.1/1 127.0.0.3:50001/tcp", "added 1.1/2 127.0.0.3:50000",
+                                             "added 1.1/2 127.0.0.3:50001/tcp"));
+    server().clientLost(tcp);
+    EXPECT_THAT(observer.take(), SizeIs(3));
+    hearUnicast(client, {reliable});
+    EXPECT_THAT(takeSent(), ElementsAre("nack 1.1/1"));
 }

@@ -1,0 +1,146 @@
+#include "someip/TcpSocket.h"
+
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "someip/SystemAddress.h"
+
+namespace someip {
+
+namespace {
+
+/// For a peer that does not read, with the system's send buffer full.
+constexpr auto kSendLimit = std::chrono::milliseconds(200);
+
+/// Finds a peer that is gone without a word: after 10 s of silence, one question a second, three times.
+void watchPeer(int fd) noexcept {
+    setOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 10);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 1);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
+    setOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
+}  // namespace
+
+std::shared_ptr<TcpSocket> TcpSocket::connect(Address from, const Endpoint& to, std::string& error) {
+    const auto failed = [&](const char* step, int fd) {
+        error = std::string(step) + " " + toText(to) + ": " + std::strerror(errno);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return nullptr;
+    };
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return failed("cannot make a socket for", fd);
+    }
+    watchPeer(fd);
+    const sockaddr_in own = toSystem({from, 0});
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+        return failed("cannot bind the own address for", fd);
+    }
+    const sockaddr_in address = toSystem(to);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+        errno != EINPROGRESS) {
+        return failed("cannot connect to", fd);
+    }
+    return std::shared_ptr<TcpSocket>(new TcpSocket(fd, to));
+}
+
+TcpSocket::~TcpSocket() {
+    ::close(m_fd);
+}
+
+Endpoint TcpSocket::local() const noexcept {
+    return boundEndpoint(m_fd, Protocol::Tcp);
+}
+
+int TcpSocket::state() const noexcept {
+    pollfd handle{m_fd, POLLOUT, 0};
+    if (::poll(&handle, 1, 0) == 0) {
+        return EINPROGRESS;
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    return ::getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+int TcpSocket::send(std::span<const std::uint8_t> message) noexcept {
+    using Clock = std::chrono::steady_clock;
+    const std::lock_guard lock(m_sending);
+    const auto deadline = Clock::now() + kSendLimit;
+    int failure = 0;
+    while (failure == 0 && !message.empty()) {
+        const ssize_t sent = ::send(m_fd, message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            message = message.subspan(static_cast<std::size_t>(sent));
+        } else if (errno == EAGAIN) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            pollfd handle{m_fd, POLLOUT, 0};
+            if (left <= 0 || ::poll(&handle, 1, static_cast<int>(left)) == 0) {
+                failure = ETIMEDOUT;
+            }
+        } else if (errno != EINTR) {
+            failure = errno;
+        }
+    }
+    if (failure != 0) {
+        ::shutdown(m_fd, SHUT_RDWR);
+    }
+    return failure;
+}
+
+ssize_t TcpSocket::receive(std::span<std::uint8_t> into) const noexcept {
+    for (;;) {
+        const ssize_t received = ::recv(m_fd, into.data(), into.size(), MSG_DONTWAIT);
+        if (received >= 0 || errno != EINTR) {
+            return received;
+        }
+    }
+}
+
+std::unique_ptr<TcpListener> TcpListener::open(const Endpoint& endpoint, std::string& error) {
+    const auto failed = [&](const char* step, int fd) {
+        error = std::string(step) + " " + toText(endpoint) + ": " + std::strerror(errno);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return nullptr;
+    };
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return failed("cannot make a socket for", fd);
+    }
+    setOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // connections of the process before may still be closing
+    const sockaddr_in address = toSystem(endpoint);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return failed("cannot bind", fd);
+    }
+    if (::listen(fd, SOMAXCONN) != 0) {
+        return failed("cannot listen at", fd);
+    }
+    return std::unique_ptr<TcpListener>(new TcpListener(fd, boundEndpoint(fd, Protocol::Tcp)));
+}
+
+TcpListener::~TcpListener() {
+    ::close(m_fd);
+}
+
+std::shared_ptr<TcpSocket> TcpListener::accept() const {
+    sockaddr_in from{};
+    socklen_t size = sizeof from;
+    const int fd = ::accept4(m_fd, reinterpret_cast<sockaddr*>(&from), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) {
+        return nullptr;
+    }
+    watchPeer(fd);
+    return std::shared_ptr<TcpSocket>(new TcpSocket(fd, fromSystem(from, Protocol::Tcp)));
+}
+
+}  // namespace someip

@@ -1,0 +1,69 @@
+#pragma once
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+
+#include "someip/Endpoint.h"
+
+namespace someip {
+
+/// One TCP connection, or the attempt to make one.
+class TcpSocket {
+  public:
+    /// Starts to connect, without waiting. Returns nullptr with the failed step and the reason in `error`.
+    static std::shared_ptr<TcpSocket> connect(Address from, const Endpoint& to, std::string& error);
+    ~TcpSocket();
+    TcpSocket(const TcpSocket&) = delete;
+    TcpSocket& operator=(const TcpSocket&) = delete;
+
+    int fd() const noexcept { return m_fd; }
+    const Endpoint& remote() const noexcept { return m_remote; }
+    /// The own end, once connected.
+    Endpoint local() const noexcept;
+    /// Returns 0 when the connection is established, EINPROGRESS while it is being made, and otherwise why it
+    /// failed (errno).
+    int state() const noexcept;
+
+    /// Sends the whole message. Waits up to 200 ms for a peer that does not read; then, as after any failure,
+    /// the connection ends, since the peer may have half a message. Returns 0 or errno. Any thread.
+    int send(std::span<const std::uint8_t> message) noexcept;
+    /// Receives what is available, without waiting. Returns the number of bytes, 0 when the peer has closed,
+    /// and -1 with errno otherwise (EAGAIN: nothing is available). One thread.
+    ssize_t receive(std::span<std::uint8_t> into) const noexcept;
+
+  private:
+    friend class TcpListener;
+    TcpSocket(int fd, const Endpoint& remote) : m_fd(fd), m_remote(remote) {}
+
+    const int m_fd;
+    const Endpoint m_remote;
+    std::mutex m_sending;  ///< one message at a time
+};
+
+/// Accepts connections at an endpoint.
+class TcpListener {
+  public:
+    /// Returns nullptr with the failed step and the reason in `error`.
+    static std::unique_ptr<TcpListener> open(const Endpoint& endpoint, std::string& error);
+    ~TcpListener();
+    TcpListener(const TcpListener&) = delete;
+    TcpListener& operator=(const TcpListener&) = delete;
+
+    int fd() const noexcept { return m_fd; }
+    /// The bound endpoint, with the port that the system chose.
+    const Endpoint& endpoint() const noexcept { return m_endpoint; }
+    /// Returns nullptr when no connection waits.
+    std::shared_ptr<TcpSocket> accept() const;
+
+  private:
+    TcpListener(int fd, const Endpoint& endpoint) : m_fd(fd), m_endpoint(endpoint) {}
+
+    const int m_fd;
+    const Endpoint m_endpoint;
+};
+
+}  // namespace someip

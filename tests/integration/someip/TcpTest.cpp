@@ -1,0 +1,149 @@
+/// Events over TCP, with real connections.
+#include <poll.h>
+
+#include "Bench.h"
+#include "someip/TcpSocket.h"
+
+using namespace vlmTest;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+namespace {
+
+machine::SomeIpSettings serverSettings() {
+    auto settings = settingsFor(2);
+    settings.eventsOverTcp = true;
+    settings.discovery.cyclicOfferMs = 200;
+    return settings;
+}
+
+struct OverTcp : ::testing::Test {
+    void connect() {
+        ASSERT_TRUE(clientSide.start(settingsFor(1), false));
+        ASSERT_TRUE(serverSide.start(serverSettings(), true));
+        ASSERT_TRUE(server.base.OfferService());
+        ASSERT_TRUE(client.connect());
+        ASSERT_TRUE(client.subscribed());
+    }
+
+    LogCapture log{7};
+    someip::Runtime clientSide;
+    someip::Runtime serverSide;
+    MeterServer server{serverSide};
+    MeterClient client{clientSide};
+};
+
+/// A server of plain sockets that offers over TCP alone.
+struct TcpDevice : PlainDevice {
+    explicit TcpDevice(int host) : PlainDevice(host) {
+        std::string error;
+        listener = someip::TcpListener::open({addressOf(host), 0, someip::Protocol::Tcp}, error);
+        EXPECT_NE(listener, nullptr) << error;
+    }
+    someip::SdEntry offer(std::uint32_t ttl = 3) const {
+        auto entry = PlainDevice::offer(ttl);
+        entry.unicast = {listener->endpoint()};
+        return entry;
+    }
+    bool accept() {
+        return eventually([&] { return (connection = listener->accept()) != nullptr; });
+    }
+
+    std::unique_ptr<someip::TcpListener> listener;
+    std::shared_ptr<someip::TcpSocket> connection;
+};
+
+}  // namespace
+
+TEST_F(OverTcp, SamplesArriveInOrderLargeOnesWholeAndAfterEitherSideWasKilled) {
+    connect();
+    std::vector<std::int64_t> expected;
+    for (int i = 0; i < 2000; ++i) {
+        ASSERT_TRUE(server.readings.Send({numbered(i)}));
+        expected.push_back(i);
+    }
+    ASSERT_TRUE(eventually([&] { return client.count() == expected.size(); }));
+    EXPECT_EQ(client.numbers(), expected);
+    auto large = fullReading();
+    large.text = std::string(500'000, 'x');
+    ASSERT_TRUE(server.readings.Send({large}));
+    ASSERT_TRUE(eventually([&] { return client.count() == 2001; }));
+    EXPECT_EQ(client.got.back(), large);
+    EXPECT_EQ(someip::counters().tpSegments.value(), 0u);
+
+    for (int life = 1; life <= 3; ++life) {
+        kill(serverSide);
+        ASSERT_TRUE(serverSide.start(serverSettings(), true));
+        ASSERT_TRUE(server.sendUntilReceived(client, life));
+    }
+    kill(clientSide);
+    ASSERT_TRUE(clientSide.start(settingsFor(1), false));
+    ASSERT_TRUE(server.sendUntilReceived(client, 4));
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; })) << "its former life is gone";
+
+    client.readings->Unsubscribe();
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
+    EXPECT_TRUE(log.waitFor("has disconnected")) << "a connection that is not needed is closed";
+}
+
+TEST_F(OverTcp, AClientThatDoesNotReadIsDisconnectedAndTheOthersAreServed) {
+    connect();
+    PlainDevice stalled(3);
+    auto subscription = stalled.subscription(kMeter.serviceId, kReadings.eventgroupId);
+    std::string error;
+    someip::SdEntry offer;
+    someip::Endpoint from;
+    ASSERT_TRUE(stalled.await(someip::SdEntryType::Offer, offer, from));
+    const auto connection =
+        someip::TcpSocket::connect(addressOf(3), *offer.over(someip::Protocol::Tcp), error);
+    ASSERT_NE(connection, nullptr) << error;
+    ASSERT_TRUE(eventually([&] { return connection->state() == 0; }));
+    subscription.unicast = {connection->local()};
+    stalled.sendDiscovery(subscription, &from);
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 2; }));
+    auto large = fullReading();
+    large.text = std::string(500'000, 'x');
+    std::size_t sent = 0;
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; },
+                           [&] {
+                               server.readings.Send({large});
+                               ++sent;
+                           }));
+    EXPECT_TRUE(eventually([&] { return client.count() == sent; })) << client.count() << " of " << sent;
+}
+
+TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
+    TcpDevice device(2);
+    ASSERT_TRUE(clientSide.start(settingsFor(1), false));
+    client.subscribe();
+    device.sendDiscovery(device.offer());
+    const auto broken = someip::counters().tcpBroken.value();
+    const auto lost = someip::counters().tcpLost.value();
+    std::vector<std::chrono::steady_clock::time_point> at;
+    for (std::uint64_t round = 1; round <= 3; ++round) {
+        device.sendDiscovery(device.offer());
+        ASSERT_TRUE(device.accept());
+        at.push_back(std::chrono::steady_clock::now());
+        someip::SdEntry subscription;
+        someip::Endpoint from;
+        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe, subscription, from));
+        EXPECT_EQ(subscription.ttl, 3u);
+        EXPECT_THAT(subscription.unicast, ElementsAre(device.connection->remote()));
+        device.answer(subscription, from, 3);
+        auto good = device.notification(static_cast<int>(round), 1);
+        // Two messages, the second one in two pieces.
+        const std::size_t half = good.size() / 2;
+        device.connection->send(good);
+        device.connection->send(std::span(good).first(half));
+        device.connection->send(std::span(good).subspan(half));
+        ASSERT_TRUE(eventually([&] { return client.count() == 2 * round; }));
+        device.connection->send(std::vector<std::uint8_t>(64, 0));
+        ASSERT_TRUE(eventually([&] { return someip::counters().tcpBroken.value() == broken + round; }));
+        ASSERT_TRUE(eventually([&] { return someip::counters().tcpLost.value() == lost + round; }));
+        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe, subscription, from));
+        EXPECT_EQ(subscription.ttl, 0u);
+    }
+    EXPECT_GT(at[2] - at[1], 900ms);
+    device.sendDiscovery(device.offer(0));
+    EXPECT_TRUE(log.waitFor("its offer was stopped"));
+}
