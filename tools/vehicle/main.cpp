@@ -105,6 +105,9 @@ std::string someipSection(const cxxopts::ParseResult& given) {
     if (given.count("event-port") != 0) {
         section["eventPort"] = given["event-port"].as<unsigned>();
     }
+    if (given.count("tcp") != 0) {
+        section["eventsOverTcp"] = true;
+    }
     machine::SomeIpSettings settings;
     std::string error;
     if (!machine::readSomeIpSettings(section, settings, error)) {
@@ -160,7 +163,8 @@ void declareOptions(cxxopts::Options& options) {
     options.add_options("Network")
         ("address", "own IPv4 address (127.0.0.2)", cxxopts::value<std::string>(), "ADDRESS")
         ("network", "peers outside it are ignored", cxxopts::value<std::string>(), "ADDRESS/BITS")
-        ("event-port", "UDP port that events are sent from", cxxopts::value<unsigned>(), "PORT")
+        ("event-port", "UDP and TCP port that events are sent from", cxxopts::value<unsigned>(), "PORT")
+        ("tcp", "all events over TCP, whatever their descriptions say")
         ("discovery-port", "UDP port of service discovery (30490)", cxxopts::value<unsigned>(), "PORT")
         ("group", "multicast group or broadcast address of service discovery", cxxopts::value<std::string>(), "ADDRESS")
         ("manifest", "machine manifest whose \"someip\" section applies", cxxopts::value<std::string>(), "FILE");

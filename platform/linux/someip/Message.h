@@ -40,6 +40,11 @@ struct Header {
     bool isSegment() const noexcept { return (type & kSegmentFlag) != 0; }
 };
 
+/// The magic cookie of a server: a message without meaning that lets a reader of a captured TCP stream find
+/// the beginning of the next one.
+inline constexpr std::uint8_t kServerCookie[kHeaderSize] = {0xFF, 0xFF, 0x80, 0x00, 0, 0, 0, 8,
+                                                            0xDE, 0xAD, 0xBE, 0xEF, 1, 1, 2, 0};
+
 /// Writes 16 bytes.
 void writeHeader(const Header& header, std::uint8_t* to) noexcept;
 

@@ -12,12 +12,11 @@ namespace {
 constexpr std::size_t kLeastSpace = 4096;
 /// An empty buffer beyond this size is released.
 constexpr std::size_t kKeptBuffer = 256u << 10;
-constexpr std::uint32_t kCookieRequest = 0xDEADBEEF;  ///< client and session of a magic cookie
 
+/// A magic cookie, of a server or of a client: they differ in the method and the message type.
 bool isCookie(const std::uint8_t* message, std::size_t size) noexcept {
-    const std::uint32_t id = loadBig<std::uint32_t>(message);
-    return size == kHeaderSize && (id == 0xFFFF0000 || id == 0xFFFF8000) &&
-           loadBig<std::uint32_t>(message + 8) == kCookieRequest;
+    return size == kHeaderSize && std::equal(message, message + 2, kServerCookie) &&
+           std::equal(message + 8, message + 12, kServerCookie + 8);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "someip/Message.h"
 #include "someip/SystemAddress.h"
 
 namespace someip {
@@ -16,6 +17,9 @@ namespace {
 
 /// For a peer that does not read, with the system's send buffer full.
 constexpr auto kSendLimit = std::chrono::milliseconds(200);
+constexpr auto kCookiePeriod = std::chrono::seconds(10);
+
+using Clock = std::chrono::steady_clock;
 
 /// Finds a peer that is gone without a word: after 10 s of silence, one question a second, three times.
 void watchPeer(int fd) noexcept {
@@ -72,28 +76,38 @@ int TcpSocket::state() const noexcept {
 }
 
 int TcpSocket::send(std::span<const std::uint8_t> message) noexcept {
-    using Clock = std::chrono::steady_clock;
     const std::lock_guard lock(m_sending);
-    const auto deadline = Clock::now() + kSendLimit;
+    const auto now = Clock::now();
     int failure = 0;
-    while (failure == 0 && !message.empty()) {
-        const ssize_t sent = ::send(m_fd, message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent > 0) {
-            message = message.subspan(static_cast<std::size_t>(sent));
-        } else if (errno == EAGAIN) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            pollfd handle{m_fd, POLLOUT, 0};
-            if (left <= 0 || ::poll(&handle, 1, static_cast<int>(left)) == 0) {
-                failure = ETIMEDOUT;
-            }
-        } else if (errno != EINTR) {
-            failure = errno;
-        }
+    if (now >= m_cookieDue) {
+        m_cookieDue = now + kCookiePeriod;
+        failure = sendAll(kServerCookie, now + kSendLimit);
+    }
+    if (failure == 0) {
+        failure = sendAll(message, now + kSendLimit);
     }
     if (failure != 0) {
         ::shutdown(m_fd, SHUT_RDWR);
     }
     return failure;
+}
+
+int TcpSocket::sendAll(std::span<const std::uint8_t> bytes, Clock::time_point deadline) noexcept {
+    while (!bytes.empty()) {
+        const ssize_t sent = ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            bytes = bytes.subspan(static_cast<std::size_t>(sent));
+        } else if (errno == EAGAIN) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            pollfd handle{m_fd, POLLOUT, 0};
+            if (left <= 0 || ::poll(&handle, 1, static_cast<int>(left)) == 0) {
+                return ETIMEDOUT;
+            }
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
 }
 
 ssize_t TcpSocket::receive(std::span<std::uint8_t> into) const noexcept {

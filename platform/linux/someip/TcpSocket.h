@@ -1,6 +1,7 @@
 #pragma once
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -29,7 +30,8 @@ class TcpSocket {
     int state() const noexcept;
 
     /// Sends the whole message. Waits up to 200 ms for a peer that does not read; then, as after any failure,
-    /// the connection ends, since the peer may have half a message. Returns 0 or errno. Any thread.
+    /// the connection ends, since the peer may have half a message. Puts a magic cookie before the
+    /// first message, and before another one every ten seconds. Returns 0 or errno. Any thread.
     int send(std::span<const std::uint8_t> message) noexcept;
     /// Receives what is available, without waiting. Returns the number of bytes, 0 when the peer has closed,
     /// and -1 with errno otherwise (EAGAIN: nothing is available). One thread.
@@ -38,10 +40,12 @@ class TcpSocket {
   private:
     friend class TcpListener;
     TcpSocket(int fd, const Endpoint& remote) : m_fd(fd), m_remote(remote) {}
+    int sendAll(std::span<const std::uint8_t> bytes, std::chrono::steady_clock::time_point deadline) noexcept;
 
     const int m_fd;
     const Endpoint m_remote;
-    std::mutex m_sending;  ///< one message at a time
+    std::mutex m_sending;  ///< one message at a time; guards the next
+    std::chrono::steady_clock::time_point m_cookieDue;
 };
 
 /// Accepts connections at an endpoint.

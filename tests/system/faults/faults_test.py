@@ -170,8 +170,27 @@ class FaultTest(unittest.TestCase):
 
 class VehicleFaults(FaultTest):
     def test_a_vehicle_that_is_killed_and_starts_again_is_heard_again(self):
+        self.kill_and_restart()
+        self.finish()
+
+    def test_over_tcp_a_vehicle_is_heard_again_after_its_end_and_after_either_side_stalled(self):
+        vehicle = self.kill_and_restart("--tcp")
+        self.told["connections"] = self.master.count("someip.tcp.connected")
+        self.assertGreater(self.told["connections"], ROUNDS or 3)
+        for stalled in (vehicle.process, self.master.process):
+            stalled.send_signal(signal.SIGSTOP)
+            try:
+                time.sleep(4)  # longer than the TTL of offers and subscriptions, and than a server waits
+            finally:
+                stalled.send_signal(signal.SIGCONT)
+            self.wait_for_samples()
+        self.told["connections lost"] = self.master.count("someip.tcp.lost")
+        self.assertEqual(self.master.count("someip.tcp.broken", "someip.tp.segments"), [0, 0])
+        self.finish()
+
+    def kill_and_restart(self, *arguments):
         self.need()
-        vehicle = self.start_vehicle()
+        vehicle = self.start_vehicle(*arguments)
         self.start_master()
         self.wait_for_all_services()
         rounds = ROUNDS or 3
@@ -183,7 +202,7 @@ class VehicleFaults(FaultTest):
             self.random_pause(0.5)
             before = self.master.count("samples.received")
             began = time.monotonic()
-            vehicle = self.start_vehicle()
+            vehicle = self.start_vehicle(*arguments)
             self.master.wait_for_count("samples.received", before + 200)
             longest = max(longest, time.monotonic() - began)
         self.told["longest time to 200 samples"] = f"{longest:.1f} s"
@@ -193,7 +212,7 @@ class VehicleFaults(FaultTest):
         self.assertGreater(self.told["reboots seen"], 0)
         self.wait_for_fresh_samples()
         self.check_no_gap()
-        self.finish()
+        return vehicle
 
 
 class NetworkFaults(FaultTest):
