@@ -1,6 +1,6 @@
 #pragma once
-/// Passes datagrams to tshark and reads the result. The test's sockets capture them, so no capture privilege
-/// is needed.
+/// Passes datagrams, and pieces of TCP streams, to tshark and reads the result. The test's sockets capture
+/// them, so no capture privilege is needed.
 #include <gmock/gmock.h>
 
 #include <cstdio>
@@ -12,6 +12,7 @@
 
 #include "someip/ByteOrder.h"
 #include "someip/Endpoint.h"
+#include "someip/SdMessage.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace vlmTest {
@@ -43,15 +44,17 @@ class Analyser {
     /// protocol. `tables` is a folder with its configuration tables, or empty.
     std::vector<AnalysedFrame> frames(const std::string& tables = "") const {
         const std::string capture = m_folder.write("capture.pcap", pcap());
-        std::set<std::uint16_t> ports;
+        std::set<std::string> ports;
         for (const auto& datagram : m_datagrams) {
-            ports.insert({datagram.from.port, datagram.to.port});
+            const std::string kind = isTcp(datagram) ? "tcp.port==" : "udp.port==";
+            ports.insert(
+                {kind + std::to_string(datagram.from.port), kind + std::to_string(datagram.to.port)});
         }
         std::string command = "LC_ALL=C.UTF-8 HOME='" + m_folder.path() + "' WIRESHARK_CONFIG_DIR='" +
                               (tables.empty() ? m_folder.path() : tables) + "' tshark -T pdml -r '" +
                               capture + "'";
-        for (const auto port : ports) {
-            command += " -d udp.port==" + std::to_string(port) + ",someip";
+        for (const auto& port : ports) {
+            command += " -d " + port + ",someip";
         }
         // tshark creates its value fields only when a table changes after all were read: hence the extra row.
         command +=
@@ -89,16 +92,22 @@ class Analyser {
         return element.substr(from, element.find('"', from) - from);
     }
 
-    /// IPv4 packets without link layer; without UDP checksums, which is allowed.
+    static bool isTcp(const CapturedDatagram& datagram) {
+        return datagram.from.protocol == someip::Protocol::Tcp;
+    }
+
+    /// IPv4 packets without link layer; without UDP checksums, which is allowed. Each stream begins with its
+    /// first piece.
     std::string pcap() const {
         std::vector<std::uint8_t> out;
+        std::map<someip::Endpoint, std::uint32_t> sequences;
         const auto put = [&](auto value) { someip::appendBig(out, value); };
         for (const std::uint32_t word : {0xA1B2C3D4u, 0x00020004u, 0u, 0u, 0x00040000u, 101u}) {
             put(word);
         }
         std::uint32_t second = 0;
         for (const auto& datagram : m_datagrams) {
-            const auto size = static_cast<std::uint32_t>(datagram.bytes.size() + 28);
+            const auto size = static_cast<std::uint32_t>(datagram.bytes.size() + (isTcp(datagram) ? 40 : 28));
             for (const std::uint32_t word : {++second, 0u, size, size}) {
                 put(word);
             }
@@ -106,14 +115,23 @@ class Analyser {
             put(static_cast<std::uint16_t>(size));
             put(static_cast<std::uint16_t>(second));
             put(std::uint16_t{0});
-            put(std::uint16_t{0x4011});
+            put(static_cast<std::uint16_t>(0x4000 |
+                                           (isTcp(datagram) ? someip::kProtocolTcp : someip::kProtocolUdp)));
             put(std::uint16_t{0});
             put(datagram.from.address);
             put(datagram.to.address);
             put(datagram.from.port);
             put(datagram.to.port);
-            put(static_cast<std::uint16_t>(datagram.bytes.size() + 8));
-            put(std::uint16_t{0});
+            if (isTcp(datagram)) {
+                auto& sequence = sequences[datagram.from];
+                for (const std::uint32_t word : {sequence, 1u, 0x50187FFFu, 0u}) {  // PSH and ACK
+                    put(word);
+                }
+                sequence += static_cast<std::uint32_t>(datagram.bytes.size());
+            } else {
+                put(static_cast<std::uint16_t>(datagram.bytes.size() + 8));
+                put(std::uint16_t{0});
+            }
             out.insert(out.end(), datagram.bytes.begin(), datagram.bytes.end());
         }
         return {out.begin(), out.end()};

@@ -1,6 +1,7 @@
 /// The output of our sockets, read by an independent analyser.
 
 #include "Analyser.h"
+#include "someip/TcpSocket.h"
 #include "tests/integration/someip/Bench.h"
 
 using namespace vlmTest;
@@ -166,4 +167,60 @@ TEST_F(Wire, ANotificationAndOneInSegments) {
                                    {"someip.tp.flags.more_segments", "0"},
                                    {"someip.tp.reassembled.length", std::to_string(payload.size())},
                                    {"someip.tp.reassembled.data", text.substr(1)}}});
+}
+
+TEST_F(Wire, EventsOverTcp) {
+    runtime.stop();
+    auto settings = settingsFor(1);
+    settings.eventsOverTcp = true;
+    ASSERT_TRUE(runtime.start(settings, true));
+    MeterServer server(runtime);
+    server.base.OfferService();
+    someip::SdEntry offer;
+    someip::Endpoint from;
+    ASSERT_TRUE(capture(someip::SdEntryType::Offer, false));
+    ASSERT_TRUE(device->await(someip::SdEntryType::Offer, offer, from));
+    ASSERT_EQ(offer.unicast.size(), 1u);
+    std::string error;
+    const auto connection = someip::TcpSocket::connect(addressOf(2), offer.unicast[0], error);
+    ASSERT_NE(connection, nullptr) << error;
+    ASSERT_TRUE(eventually([&] { return connection->state() == 0; }));
+    auto subscription = device->subscription(kMeter.serviceId, kReadings.eventgroupId);
+    subscription.unicast = {connection->local()};
+    device->sendDiscovery(subscription, &discovery);
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; }));
+
+    auto large = fullReading();
+    large.text = std::string(5000, 'x');
+    server.readings.Send({numbered(1)});
+    server.readings.Send({large});
+    std::size_t expected = 2 * someip::kHeaderSize + 18;  // the magic cookie, and the first event
+    std::vector<std::uint8_t> payload;
+    someip::encodeSamples(std::vector{large}, payload);
+    expected += someip::kHeaderSize + payload.size();
+    std::vector<std::uint8_t> received;
+    std::uint8_t piece[1000];  // no segment of the stream begins with a message, but the first
+    ASSERT_TRUE(eventually([&] {
+        const auto size = connection->receive(piece);
+        if (size > 0) {
+            analyser.add(offer.unicast[0], connection->local(),
+                         std::span(piece).first(static_cast<std::size_t>(size)));
+            received.insert(received.end(), piece, piece + size);
+        }
+        return received.size() >= expected;
+    }));
+    EXPECT_EQ(received.size(), expected);
+    std::vector<std::string> found;
+    auto frames = analyser.frames();
+    for (auto& frame : frames) {
+        EXPECT_FALSE(frame.contains("_ws.malformed"));
+        for (std::size_t i = 0; i < frame["someip.messageid"].size(); ++i) {
+            found.push_back(frame["someip.messageid"][i].show + " " + frame["someip.length"][i].show);
+        }
+    }
+    EXPECT_EQ(frames.at(0)["someipsd.option.proto"].at(0).show, "6");
+    EXPECT_EQ(frames.at(0)["someipsd.option.port"].at(0).show, std::to_string(offer.unicast[0].port));
+    EXPECT_THAT(found, ::testing::ElementsAre("0xffff8100 " + frames.at(0)["someip.length"].at(0).show,
+                                              "0xffff8000 8", "0x41018001 26",
+                                              "0x41018001 " + std::to_string(payload.size() + 8)));
 }
