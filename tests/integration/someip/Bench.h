@@ -110,7 +110,8 @@ class MeterClient {
 
 /// A server of the service.
 struct MeterServer {
-    explicit MeterServer(someip::Runtime& runtime) : base(kMeter, 1, runtime) {}
+    explicit MeterServer(someip::Runtime& runtime, std::uint16_t instance = 1)
+        : base(kMeter, instance, runtime) {}
     /// Sends samples with that number until the client receives one.
     bool sendUntilReceived(const MeterClient& client, int number) {
         const auto before = client.count();

@@ -107,7 +107,7 @@ TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
 TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAndNamed) {
     runtime.stop();
     ASSERT_TRUE(runtime.start(settingsFor(1), true));
-    MeterServer server(runtime);
+    MeterServer server(runtime, 2);
     server.base.OfferService();
     device->sendDiscovery(device->offer());
     ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
@@ -117,6 +117,7 @@ TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAn
             log.messages(-1), [&](const std::string& one) { return one.find(part) != std::string::npos; });
     };
     auto wish = device->subscription(kMeter.serviceId, kReadings.eventgroupId);
+    wish.instance = 2;
     for (int i = 0; i < 100; ++i) {
         wish.ttl = i % 2 == 0 ? 3 : 0;
         device->sendDiscovery(wish, &from);
@@ -139,6 +140,7 @@ TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAn
         EXPECT_LE(lines(part), 10) << part;
     }
     EXPECT_LE(log.lines().size(), 60u);
+    EXPECT_TRUE(log.waitFor("is ignored: its port is 0"));
     EXPECT_EQ(lines("is ignored: its port is 0"), 1);
 }
 
