@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -189,10 +190,16 @@ class PlainDevice {
             for (const auto* socket : {discovery.get(), group.get()}) {
                 const auto count = batch.receive(*socket);
                 for (std::size_t i = 0; i < count; ++i) {
-                    if (isFound(batch.bytes(i))) {
-                        from = batch.from(i);
-                        return true;
-                    }
+                    waiting.emplace_back(batch.from(i),
+                                         std::vector(batch.bytes(i).begin(), batch.bytes(i).end()));
+                }
+            }
+            while (!waiting.empty()) {
+                const auto [sender, datagram] = std::move(waiting.front());
+                waiting.pop_front();
+                if (isFound(datagram)) {
+                    from = sender;
+                    return true;
                 }
             }
             return false;
@@ -226,6 +233,8 @@ class PlainDevice {
     someip::SdOutbox outbox;
     someip::DatagramBatch batch;
     std::vector<std::vector<std::uint8_t>> seen;
+    std::deque<std::pair<someip::Endpoint, std::vector<std::uint8_t>>>
+        waiting;  ///< discovery that await() has not read
 };
 
 }  // namespace vlmTest

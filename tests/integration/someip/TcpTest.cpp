@@ -120,6 +120,17 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
     ASSERT_TRUE(clientSide.start(settingsFor(1), false));
     client.subscribe();
     device.sendDiscovery(device.offer());
+    someip::SdEntry subscription;
+    someip::Endpoint from;
+    const auto awaitSubscription = [&](std::uint32_t ttl) {  // passes over renewals
+        for (int tries = 0; tries < 10 && device.await(someip::SdEntryType::Subscribe, subscription, from);
+             ++tries) {
+            if (subscription.ttl == ttl) {
+                return true;
+            }
+        }
+        return false;
+    };
     const auto broken = someip::counters().tcpBroken.value();
     const auto lost = someip::counters().tcpLost.value();
     std::vector<std::chrono::steady_clock::time_point> at;
@@ -127,10 +138,7 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
         device.sendDiscovery(device.offer());
         ASSERT_TRUE(device.accept());
         at.push_back(std::chrono::steady_clock::now());
-        someip::SdEntry subscription;
-        someip::Endpoint from;
-        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe, subscription, from));
-        EXPECT_EQ(subscription.ttl, 3u);
+        ASSERT_TRUE(awaitSubscription(3));
         EXPECT_THAT(subscription.unicast, ElementsAre(device.connection->remote()));
         device.answer(subscription, from, 3);
         auto good = device.notification(static_cast<int>(round), 1);
@@ -143,8 +151,7 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
         device.connection->send(std::vector<std::uint8_t>(64, 0));
         ASSERT_TRUE(eventually([&] { return someip::counters().tcpBroken.value() == broken + round; }));
         ASSERT_TRUE(eventually([&] { return someip::counters().tcpLost.value() == lost + round; }));
-        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe, subscription, from));
-        EXPECT_EQ(subscription.ttl, 0u);
+        ASSERT_TRUE(awaitSubscription(0)) << "it ends with its connection";
     }
     EXPECT_GT(at[2] - at[1], 900ms);
     device.sendDiscovery(device.offer(0));
