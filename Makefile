@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage clean
+.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage package package-test release-check clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -32,6 +32,8 @@ help:
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
+	@echo 'make package   Debian packages, in build/package/; make package-test: install, upgrade and purge them in a clean root'
+	@echo 'make release-check  all that must hold for a release, and a table'
 	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (respects DESTDIR)'
 	@echo 'make format    clang-format on all sources; make lint: the same as a check, and clang-tidy'
 	@echo 'make deps      install missing Debian packages; run and test do this themselves'
@@ -121,6 +123,18 @@ install:
 	cmake build/release -DCMAKE_INSTALL_PREFIX='$(PREFIX)' >/dev/null
 	cmake --build --preset release -j $(JOBS)
 	DESTDIR='$(DESTDIR)' cmake --install build/release --prefix '$(PREFIX)'
+
+package:
+	@tools/run/deps.sh package
+	JOBS=$(JOBS) packaging/build
+
+# WHOLE=1 waits for the demo's first report.
+package-test:
+	@tools/run/deps.sh package-test
+	tests/packages/run $(if $(WHOLE),--whole)
+
+release-check:
+	tools/run/release-check
 
 sources = git ls-files -z '*.cpp' '*.h'
 
