@@ -25,9 +25,10 @@ WARM_UP = 50  # sent before, by bench_backend
 DAY = 1440  # ticks
 SMALL_SPEED = 8  # of the clock while everything is collected
 STARTS = 3
-SPOOL = {"spool": {"path": "spool", "drainJitterSeconds": 0}, "compression": {"method": "zstd"},
+# Compression as in packaging/machine-manifest.json.
+SPOOL = {"spool": {"path": "spool", "drainJitterSeconds": 0}, "compression": {"method": "zstd", "dictionary": "50001"},
          "remember": {"afterSeconds": 0}}
-WITH_DICTIONARY = {**SPOOL, "compression": {"method": "zstd", "dictionary": "50001"}}
+NO_DICTIONARY = {**SPOOL, "compression": {"method": "zstd"}}
 # Runs a program with an ext4 file system of its own; prints the statistics of its device before and after that.
 ON_A_DISK = """set -e
 mount -o loop "$1" "$2"
@@ -241,14 +242,13 @@ def small(build, table, top):
     driven = drive(build, folder, {}, ROOT / "examples/collector-everything.json", TICKS, SMALL_SPEED, 107)
     envelopes = Path(folder, "last.jsonl")
     wire = {}
-    for name, settings in (("none", {}), ("zstd", SPOOL), ("dictionary", WITH_DICTIONARY)):
+    for name, settings in (("none", {}), ("zstd", NO_DICTIONARY), ("dictionary", SPOOL)):
         wire[name] = driven["envelopes"] * bytes_of(build, os.path.join(top, f"small-{name}"), envelopes, settings)["wire"] / 1e3
-    table.ratio(11, f"the same with everything collected ({driven['envelopes']:.0f} small envelopes) and a dictionary",
+    table.ratio(11, f"the same with everything collected ({driven['envelopes']:.0f} small envelopes)",
                 wire["dictionary"], wire["none"], 1 / 5, "kB", "none")
     table.ratio(11, "  what the dictionary gains there", wire["dictionary"], wire["zstd"], 0.9, "kB", "zstd without it")
-    for name, file, settings in (("of examples/collector.json", os.path.join(top, "plain", "last.jsonl"), SPOOL),
-                                 ("small ones with a dictionary", envelopes, WITH_DICTIONARY)):
-        on_disk = bytes_of(build, os.path.join(top, "disk-" + name.split()[0]), file, settings, disk=True)
+    for name, file in (("of examples/collector.json", os.path.join(top, "plain", "last.jsonl")), ("small ones", envelopes)):
+        on_disk = bytes_of(build, os.path.join(top, "disk-" + name.split()[0]), file, SPOOL, disk=True)
         if "disk" in on_disk:
             table.note(11, f"kB that reach an ext4 disk for an envelope, {name} ({on_disk['sent'] / 1e3:.1f} kB sent)",
                        f"{on_disk['disk'] / 1e3:.1f} kB ({on_disk['disk'] / on_disk['sent']:.1f} times)")
