@@ -68,7 +68,8 @@ class Sql {
     virtual std::int64_t walBytes() = 0;
     /// From now on, a statement that takes longer fails.
     virtual void limitTime(std::chrono::milliseconds limit) = 0;
-    /// Makes the statement that runs fail, if the database can do that. Any thread, while the connection lives.
+    /// Makes the statement that runs fail, if the database can do that. Any thread, while the connection
+    /// lives.
     virtual void interrupt() {}
 
   protected:

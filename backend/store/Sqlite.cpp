@@ -19,8 +19,9 @@ auto guarded(Work&& work) {
     try {
         return work();
     } catch (const SQLite::Exception& error) {
-        throw DatabaseError(error.getErrorCode() == SQLITE_INTERRUPT ? "the query takes too long, or the backend ends"
-                                                                     : error.what());
+        throw DatabaseError(error.getErrorCode() == SQLITE_INTERRUPT
+                                ? "the query takes too long, or the backend ends"
+                                : error.what());
     }
 }
 
