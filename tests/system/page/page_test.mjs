@@ -5,7 +5,7 @@ import { mkdtempSync, readFileSync, rmSync, existsSync } from "node:fs";
 import { createRequire } from "node:module";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
-import { after, before, test } from "node:test";
+import { after, before, test as plainTest } from "node:test";
 import { Bench, until } from "./processes.mjs";
 
 const { VLM_PAGE, VLM_PAGE_PACKAGES, VLM_CHROMIUM, VLM_SOURCE } = process.env;
@@ -40,7 +40,22 @@ before(async () => {
   page.on("pageerror", (error) => complaints.push(error.stack));
 });
 
+// The steps build on each other: after a failure the others would only wait for their deadlines.
+let failed = false;
+function test(name, body) {
+  plainTest(name, async (context) => {
+    if (failed) return context.skip("an earlier step failed");
+    try {
+      await body();
+    } catch (error) {
+      failed = true;
+      throw error;
+    }
+  });
+}
+
 after(async () => {
+  if (failed) console.log(["vlm-backend", "vlm-vehicle"].map((name) => `${name}:\n${bench.log(name)}`).join("\n"));
   await browser?.close();
   await bench.endAll();
   rmSync(folder, { recursive: true, force: true });

@@ -14,7 +14,7 @@ export async function until(condition, what, deadlineMs = 30_000) {
   for (;;) {
     const value = await condition();
     if (value) return value;
-    if (Date.now() > end) throw new Error(`did not come: ${what}`);
+    if (Date.now() > end) throw new Error(`did not come: ${typeof what === "function" ? what() : what}`);
     await new Promise((done) => setTimeout(done, 50));
   }
 }
