@@ -66,7 +66,7 @@ class Parts : public std::streambuf {
 
   private:
     const Put& m_put;
-    char m_buffer[65536];
+    char m_buffer[65536] = {};
 };
 
 /// Of the header that names a file: the vehicle's name without what a shell or a folder could misread.
