@@ -98,7 +98,8 @@ cxxopts::Options describeOptions() {
         cxxopts::value<std::string>()->default_value(""));
     add("follow", "take the envelopes of the directory transport's file while it grows; no broker is used",
         cxxopts::value<std::string>()->default_value(""));
-    add("database", "store all that comes: file of SQLite", cxxopts::value<std::string>()->default_value(""));
+    add("database", "store all that comes: file of SQLite, or postgresql://...",
+        cxxopts::value<std::string>()->default_value(""));
     add("retention", "days after which what was received is deleted; 0: never",
         cxxopts::value<unsigned>()->default_value("0"));
     add("listen", "serve page and API at this address and port, with --database; none: not at all",

@@ -3,6 +3,7 @@ find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(BOTAN REQUIRED IMPORTED_TARGET botan-2)
+pkg_check_modules(LIBPQ REQUIRED IMPORTED_TARGET libpq)
 find_package(RTTR 0.9.6 REQUIRED CONFIG)
 find_package(Boost REQUIRED)
 # Another platform brings its own.

@@ -152,7 +152,7 @@ std::vector<Assignment> assignments(Sql& sql) {
     std::vector<Assignment> all;
     for (const Row& row :
          sql.query("SELECT v.name, a.grp, a.configuration FROM assignments a LEFT JOIN vehicles v "
-                   "ON v.id = a.vehicle ORDER BY a.grp, v.name")) {
+                   "ON v.id = a.vehicle ORDER BY COALESCE(a.grp, ''), v.name")) {
         all.push_back({text(row[0]), text(row[1]), integer(row[2])});
     }
     return all;

@@ -36,6 +36,26 @@ std::string text(const Cell& cell) {
     return {};
 }
 
+std::string storableJson(std::string json) {
+    const auto unit = [&json](std::size_t at) {
+        unsigned value = 0xFFFFFFFFu;
+        if (json.compare(at, 2, "\\u") == 0 && at + 6 <= json.size()) {
+            std::from_chars(json.data() + at + 2, json.data() + at + 6, value, 16);
+        }
+        return value;
+    };
+    for (auto at = json.find('\\'); at != std::string::npos; at = json.find('\\', at)) {
+        const unsigned value = unit(at);
+        const bool isPair = value >= 0xD800 && value < 0xDC00 && at + 12 <= json.size() &&
+                            unit(at + 6) >= 0xDC00 && unit(at + 6) < 0xE000;
+        if (!isPair && (value == 0 || (value >= 0xD800 && value < 0xE000))) {
+            json.replace(at, 6, "\\ufffd");
+        }
+        at += isPair ? 12 : value == 0xFFFFFFFFu ? 2 : 6;
+    }
+    return json;
+}
+
 Transaction::Transaction(Sql& sql) : m_sql(sql) {
     // SQLite takes the write lock at once: a transaction that begins by reading could not wait for it later.
     m_sql.script(sql.dialect() == Dialect::Sqlite ? "BEGIN IMMEDIATE" : "BEGIN");

@@ -17,7 +17,14 @@ namespace vlmBackend::store {
 
 /// The database cannot be reached, is full, or refuses a statement.
 struct DatabaseError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    enum class Cause : std::uint8_t {
+        Other,     ///< it cannot be reached, is full, or the statement is wrong
+        Data,      ///< a value is none for the database
+        Conflict,  ///< another connection was first; the whole transaction may be tried again
+    };
+    explicit DatabaseError(const std::string& text, Cause why = Cause::Other)
+        : std::runtime_error(text), cause(why) {}
+    Cause cause;
 };
 
 struct Bytes {
@@ -32,6 +39,9 @@ using Row = std::vector<Cell>;
 std::int64_t integer(const Cell& cell);  ///< 0 for what is no number
 double real(const Cell& cell);           ///< 0 for what is no number
 std::string text(const Cell& cell);      ///< empty for null; numbers as text
+
+/// Replaces escapes in JSON that PostgreSQL does not take by U+FFFD: U+0000 and halves of surrogate pairs.
+std::string storableJson(std::string json);
 
 struct SampleRow {
     std::int64_t report = 0;
@@ -60,8 +70,13 @@ class Sql {
     /// Passes row after row to `each` until it returns false. Memory does not depend on how many there are.
     virtual void stream(const std::string& statement, std::span<const Cell> parameters,
                         const std::function<bool(const Row&)>& each) = 0;
+    /// Makes room for samples that are received at that time and a day later. Outside a transaction.
+    virtual void prepareSamples(std::int64_t /*receivedMs*/) {}
     /// Inside a transaction.
     virtual void insertSamples(std::span<const SampleRow> samples) = 0;
+    /// Where whole parts of the samples can be dropped, those received before are, and the time becomes the
+    /// one from which samples are left. Outside a transaction.
+    virtual void dropSamples(std::int64_t& /*receivedMs*/) {}
     /// Work that need not block a transaction: keeps files short. Called between transactions.
     virtual void tidy() = 0;
     /// Bytes that wait to be moved into the database itself.

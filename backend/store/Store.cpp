@@ -13,6 +13,7 @@ namespace {
 
 constexpr int kLevel = 3;  // of zstd, for the envelopes' texts
 constexpr std::int64_t kReportsPerStep = 200;
+constexpr int kTries = 3;  // of a transaction that another instance was in the way of
 
 /// Null for what is no number: it comes from a topic that anybody may have written.
 Cell spoolNumber(const std::string& text) {
@@ -50,9 +51,11 @@ bool Store::attempt(const std::function<void()>& work, std::string& reason) {
         return true;
     } catch (const DatabaseError& error) {
         reason = error.what();
-    } catch (const std::exception&
-                 error) {  // out of memory, or a fault of ours: the data is not stored either way
+        m_cause = error.cause;
+    } catch (const std::exception& error) {
+        // Out of memory, or a fault of ours: the data is not stored either way.
         reason = error.what();
+        m_cause = DatabaseError::Cause::Other;
     }
     m_sql.reset();
     m_vehicles.clear();
@@ -63,19 +66,16 @@ bool Store::attempt(const std::function<void()>& work, std::string& reason) {
 std::vector<Stored> Store::put(std::span<const Received> batch) {
     std::vector<Stored> all;
     std::string reason;
-    const bool done = attempt(
-        [&] {
-            m_added.clear();
-            m_newest.clear();
-            Transaction transaction(sql());
-            for (const Received& received : batch) {
-                all.push_back(putOne(received));
-            }
-            addTotals();
-            transaction.commit();
-            m_sql->tidy();
-        },
-        reason);
+    bool done = false;
+    for (int tries = 0; !done && tries < kTries; ++tries) {
+        done = putAll(batch, all, reason);
+        if (!done && m_cause != DatabaseError::Cause::Conflict) {
+            break;
+        }
+    }
+    if (!done && m_cause == DatabaseError::Cause::Data) {
+        return putEach(batch, reason);
+    }
     if (!done) {
         all.assign(batch.size(), {});
         for (Stored& one : all) {
@@ -85,12 +85,54 @@ std::vector<Stored> Store::put(std::span<const Received> batch) {
     return all;
 }
 
+/// One of them holds what the database refuses: it alone is kept aside.
+std::vector<Stored> Store::putEach(std::span<const Received> batch, const std::string& reason) {
+    std::vector<Stored> all;
+    if (batch.size() > 1) {
+        for (const Received& one : batch) {
+            all.push_back(put({&one, 1})[0]);
+        }
+        return all;
+    }
+    Received refused = batch[0];
+    refused.reason = reason;
+    std::string again;
+    if (!putAll({&refused, 1}, all, again)) {
+        all.assign(1, {});
+        all[0].reason = again;
+    }
+    return all;
+}
+
+bool Store::putAll(std::span<const Received> batch, std::vector<Stored>& all, std::string& reason) {
+    all.clear();
+    return attempt(
+        [&] {
+            m_added.clear();
+            m_newest.clear();
+            for (const Received& received : batch) {
+                sql().prepareSamples(received.receivedMs);
+            }
+            Transaction transaction(sql());
+            for (const Received& received : batch) {
+                all.push_back(putOne(received));
+            }
+            addTotals();
+            transaction.commit();
+            m_sql->tidy();
+        },
+        reason);
+}
+
 Stored Store::putOne(const Received& received) {
     Stored out;
     Envelope envelope;
     const std::int64_t vehicle = vehicleId(received.prefix);
-    out.reason = received.reason;
-    if (!out.reason.empty() || !m_reader.read(received.text, envelope, out.reason)) {
+    const bool isEnvelope = m_reader.read(received.text, envelope, out.reason);
+    if (!received.reason.empty()) {
+        out.reason = received.reason;
+    }
+    if (!isEnvelope || !received.reason.empty()) {
         keepUnusable(vehicle, received.receivedMs, out.reason, received.text);
         out.outcome = Outcome::Unusable;
         out.messageId = envelope.messageId;  // if it was read, the vehicle gets its result
@@ -206,11 +248,15 @@ std::int64_t Store::vehicleId(const std::string& prefix) {
     if (known != m_vehicles.end()) {
         return known->second;
     }
+    // A row that is not changed is not locked for other instances.
     const Cell parameters[] = {name, prefix};
-    const auto rows = m_sql->query(
-        "INSERT INTO vehicles (name, prefix) VALUES ($1, $2) "
-        "ON CONFLICT (name) DO UPDATE SET prefix = excluded.prefix RETURNING id",
-        parameters);
+    auto rows = m_sql->query("SELECT id FROM vehicles WHERE name = $1 AND prefix = $2", parameters);
+    if (rows.empty()) {
+        rows = m_sql->query(
+            "INSERT INTO vehicles (name, prefix) VALUES ($1, $2) "
+            "ON CONFLICT (name) DO UPDATE SET prefix = excluded.prefix RETURNING id",
+            parameters);
+    }
     return m_vehicles[name] = integer(rows[0][0]);
 }
 
@@ -241,7 +287,7 @@ void Store::setPresence(const std::string& prefix, bool online, const std::strin
 void Store::setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs) {
     transact([&](Sql& sql) {
         const std::int64_t vehicle = vehicleId(prefix);
-        const Cell parameters[] = {vehicle, vlmProd::compactText(health), nowMs};
+        const Cell parameters[] = {vehicle, storableJson(vlmProd::compactText(health)), nowMs};
         sql.query(sql.dialect() == Dialect::Sqlite
                       ? "UPDATE vehicles SET health = $2, health_at = $3 WHERE id = $1"
                       : "UPDATE vehicles SET health = CAST($2 AS JSONB), health_at = $3 WHERE id = $1",
@@ -263,8 +309,12 @@ bool Store::transact(const std::function<void(Sql& sql)>& work) {
 
 Kept Store::deleteBefore(std::int64_t receivedMs) {
     Kept deleted;
+    sql().dropSamples(receivedMs);
     for (;;) {
         Transaction transaction(sql());
+        if (m_sql->dialect() == Dialect::Postgres) {
+            m_sql->script("SELECT pg_advisory_xact_lock(8644)");  // several instances may do this at once
+        }
         const Cell upTo[] = {receivedMs, kReportsPerStep};
         const auto reports =
             m_sql->query("SELECT received FROM reports WHERE received < $1 ORDER BY received LIMIT $2", upTo);
@@ -282,15 +332,15 @@ Kept Store::deleteBefore(std::int64_t receivedMs) {
             return deleted;
         }
         const Cell step[] = {integer(reports.back()[0])};
-        const auto count = [](const std::vector<Row>& rows) { return integer(rows[0][0]); };
-        deleted.samples += count(m_sql->query("SELECT COUNT(*) FROM samples WHERE received <= $1", step));
-        deleted.reports += count(m_sql->query("SELECT COUNT(*) FROM reports WHERE received <= $1", step));
+        const auto counts =
+            m_sql->query("SELECT COUNT(*), SUM(samples) FROM reports WHERE received <= $1", step);
+        deleted.reports += integer(counts[0][0]);
+        deleted.samples += integer(counts[0][1]);
         m_sql->query(
             "UPDATE vehicles SET reports = vehicles.reports - d.reports, samples = vehicles.samples - "
             "d.samples "
             "FROM (SELECT vehicle, COUNT(*) AS reports, SUM(samples) AS samples FROM reports WHERE received "
-            "<= "
-            "$1 GROUP BY vehicle) d WHERE vehicles.id = d.vehicle",
+            "<= $1 GROUP BY vehicle) d WHERE vehicles.id = d.vehicle",
             step);
         m_sql->query("DELETE FROM samples WHERE received <= $1", step);
         m_sql->query("DELETE FROM reports WHERE received <= $1", step);

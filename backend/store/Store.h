@@ -93,6 +93,8 @@ class Store {
     void addTotals();
     std::int64_t vehicleId(const std::string& prefix);
     std::int64_t eventId(const Event& event);
+    bool putAll(std::span<const Received> batch, std::vector<Stored>& all, std::string& reason);
+    std::vector<Stored> putEach(std::span<const Received> batch, const std::string& reason);
     Stored putOne(const Received& received);
     void keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
                       const std::string& payload);
@@ -100,6 +102,7 @@ class Store {
 
     const std::string m_where;
     std::unique_ptr<Sql> m_sql;
+    DatabaseError::Cause m_cause = DatabaseError::Cause::Other;  ///< of the last attempt that failed
     EnvelopeReader m_reader;
     kyo::orx::Compressor m_compressor;
     std::map<std::string, std::int64_t> m_vehicles;  ///< ids that are committed

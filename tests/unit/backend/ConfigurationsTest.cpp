@@ -10,7 +10,7 @@
 #include "backend/web/ConfigureApi.h"
 #include "backend/web/Queries.h"
 #include "json/JsonFields.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/unit/backend/Databases.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend {
@@ -29,7 +29,7 @@ constexpr const char* kGood = R"({"CONFIG": [{"name": "trip", "version": "1"}],
   "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "minute"}],
   "REPORT": [{"name": "Trip", "application": "App", "from": ["position"]}]})";
 
-class ConfigurationsTest : public ::testing::Test {
+class ConfigurationsTest : public ::testing::TestWithParam<store::Dialect> {
   protected:
     ConfigurationsTest() {
         api.addRoutes(router);
@@ -117,17 +117,16 @@ class ConfigurationsTest : public ::testing::Test {
         return out;
     }
 
-    const vlmTest::TemporaryFolder folder;
-    const std::string file = folder.file("vehicles.db");
-    store::Store database{file};
+    const vlmTest::FreshDatabase fresh{GetParam()};
+    store::Store database{fresh.where};
     Backend backend{settings(), [](const std::string&) {}};
     int changes = 0;
-    web::Readers readers{file};
-    const web::ConfigureApi api{{file, "/nowhere/catalog.json", [this] { ++changes; }}, readers};
+    web::Readers readers{fresh.where};
+    const web::ConfigureApi api{{fresh.where, "/nowhere/catalog.json", [this] { ++changes; }}, readers};
     web::Router router;
 };
 
-TEST_F(ConfigurationsTest, AreCheckedAsByVlmCheckAndCountedPerName) {
+TEST_P(ConfigurationsTest, AreCheckedAsByVlmCheckAndCountedPerName) {
     kyo::Json::Value text;
     text["text"] = "{\"CLOCK\": 1,\n \"clok\": []}";
     const auto [status, findings] = ask("POST", "/api/check", text, Role::View);
@@ -159,7 +158,7 @@ TEST_F(ConfigurationsTest, AreCheckedAsByVlmCheckAndCountedPerName) {
     EXPECT_EQ(ask("GET", "/api/configurations/99").first, 404);
 }
 
-TEST_F(ConfigurationsTest, OfAVehicleComeBeforeItsGroups) {
+TEST_P(ConfigurationsTest, OfAVehicleComeBeforeItsGroups) {
     const auto own = add("own");
     const auto shared = add("shared");
     EXPECT_EQ(setGroup("a", "fleet"), 200);
@@ -188,7 +187,7 @@ TEST_F(ConfigurationsTest, OfAVehicleComeBeforeItsGroups) {
     EXPECT_EQ(setGroup("a", std::string(65, 'x')), 400);
 }
 
-TEST_F(ConfigurationsTest, AreSentOnRequestAtAssignmentAndAtReturnButNeverTwice) {
+TEST_P(ConfigurationsTest, AreSentOnRequestAtAssignmentAndAtReturnButNeverTwice) {
     const auto first = add("first");
     assign("a", "", first);
     EXPECT_THAT(changed(), IsEmpty()) << "it is offline";
@@ -224,7 +223,7 @@ TEST_F(ConfigurationsTest, AreSentOnRequestAtAssignmentAndAtReturnButNeverTwice)
     EXPECT_THAT(changed(), ElementsAre("vlm/a " + record(first))) << "the last one that it got counts";
 }
 
-TEST_F(ConfigurationsTest, ThatTheDatabaseDoesNotGiveAreSentWhenItIsBack) {
+TEST_P(ConfigurationsTest, ThatTheDatabaseDoesNotGiveAreSentWhenItIsBack) {
     const auto id = add("trip");
     assign("a", "", id);
     say("a", R"({"state":"online"})");
@@ -237,22 +236,32 @@ TEST_F(ConfigurationsTest, ThatTheDatabaseDoesNotGiveAreSentWhenItIsBack) {
     EXPECT_THAT(sent(backend.tick(Backend::Clock::now() + 2 * settings().returnPause)), IsEmpty());
 }
 
-TEST(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
-    const vlmTest::TemporaryFolder folder;
-    const std::string file = folder.file("vehicles.db");
+INSTANTIATE_WITH_EACH_DATABASE(ConfigurationsTest);
+
+class OlderDatabaseTest : public ::testing::TestWithParam<store::Dialect> {};
+INSTANTIATE_WITH_EACH_DATABASE(OlderDatabaseTest);
+
+TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
+    const vlmTest::FreshDatabase fresh(GetParam());
     {
-        const auto old = store::connect(file);
+        const auto old = store::connect(fresh.where);
         store::migrate(*old, 1);
         old->script(
             "INSERT INTO vehicles (name, prefix, online, catalog) VALUES ('bench', 'vlm/bench', 1, '21');"
             "INSERT INTO reports (message_id, vehicle, application, name, sequence, catalog, received, "
-            "measured_from, "
-            "measured_to, samples, wire_bytes, envelope) VALUES ('m', 1, 'App', 'Trip', 3, '21', 20, 10, 10, "
-            "1, 9, "
-            "x'00'); INSERT INTO samples SELECT 1, 1, id, 1, 10, 20, '{\"latitude\":48.5}' FROM events "
-            "WHERE service = 'GNSSProxy' AND resource = 'positions'");
+            "measured_from, measured_to, samples, wire_bytes, envelope) VALUES ('m', 1, 'App', 'Trip', 3, "
+            "'21', "
+            "20, 10, 10, 1, 9, '')");
+        const auto position =
+            old->query("SELECT id FROM events WHERE service = 'GNSSProxy' AND resource = 'positions'");
+        const store::SampleRow sample{1,  1,  store::integer(position[0][0]), 1,
+                                      10, 20, R"({"latitude":48.5})"};
+        old->prepareSamples(sample.receivedMs);
+        store::Transaction transaction(*old);
+        old->insertSamples({&sample, 1});
+        transaction.commit();
     }
-    store::Store database(file);
+    store::Store database(fresh.where);
     const auto rows =
         database.sql().query("SELECT latitude, received_ms FROM gnss_positions WHERE vehicle = 'bench'");
     ASSERT_THAT(rows, SizeIs(1));

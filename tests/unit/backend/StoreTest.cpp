@@ -3,10 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <thread>
+
 #include "backend/Backend.h"
 #include "backend/store/Schema.h"
 #include "backend/store/Sqlite.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/unit/backend/Databases.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend::store {
@@ -27,18 +32,34 @@ std::string oneSample(const std::string& id, long long ms = kNow) {
     return envelopeText(id, "[" + positionText(ms, 48, 9) + "]");
 }
 
-class StoreTest : public ::testing::Test {
+class WithStore {
   protected:
+    explicit WithStore(Dialect dialect) : fresh(dialect), store(fresh.where) {}
     std::int64_t count(const std::string& what) {
         return integer(store.sql().query("SELECT COUNT(*) FROM " + what)[0][0]);
     }
 
-    const vlmTest::TemporaryFolder folder;
-    const std::string file = folder.file("vehicles.db");
-    Store store{file};
+    const vlmTest::FreshDatabase fresh;
+    Store store;
 };
 
-TEST_F(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
+class StoreTest : public ::testing::TestWithParam<Dialect>, protected WithStore {
+  protected:
+    StoreTest() : WithStore(GetParam()) {}
+};
+INSTANTIATE_WITH_EACH_DATABASE(StoreTest);
+
+class SqliteStoreTest : public ::testing::Test, protected WithStore {
+  protected:
+    SqliteStoreTest() : WithStore(Dialect::Sqlite) {}
+};
+
+class PostgresStoreTest : public ::testing::Test, protected WithStore {
+  protected:
+    PostgresStoreTest() : WithStore(Dialect::Postgres) {}
+};
+
+TEST_P(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
     const Received batch[] = {
         arrived(oneSample("a")), arrived(oneSample("a")), arrived("{\"messageId\":\"u\"}"),
         arrived("\x28\xb5garbage", "no frame"),
@@ -66,7 +87,7 @@ TEST_F(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
     EXPECT_EQ(text(store.sql().query("SELECT spool_number FROM reports")[0][0]), "17");
 }
 
-TEST_F(StoreTest, StoresNothingOfABatchThatTheDatabaseDoesNotTakeAndAllOfItAfterwards) {
+TEST_F(SqliteStoreTest, StoresNothingOfABatchThatTheDatabaseDoesNotTakeAndAllOfItAfterwards) {
     std::vector<std::string> said;
     Settings settings;
     settings.database = &store;
@@ -99,7 +120,7 @@ TEST_F(StoreTest, StoresNothingOfABatchThatTheDatabaseDoesNotTakeAndAllOfItAfter
     EXPECT_EQ(text(store.sql().query("SELECT catalog FROM vehicles WHERE online = 1")[0][0]), "21");
 }
 
-TEST_F(StoreTest, DeletesWhatIsTooOldAndKeepsTheLogOfTheFileShort) {
+TEST_F(SqliteStoreTest, DeletesWhatIsTooOldAndKeepsTheLogOfTheFileShort) {
     for (int i = 0; i < 450; ++i) {
         const Received one = arrived(oneSample(std::to_string(i)), "", kNow + i);
         ASSERT_EQ(store.put({&one, 1})[0].outcome, Outcome::Stored);
@@ -112,21 +133,122 @@ TEST_F(StoreTest, DeletesWhatIsTooOldAndKeepsTheLogOfTheFileShort) {
     EXPECT_EQ(count("reports"), 1);
 }
 
-TEST_F(StoreTest, RewritesViewsOfOtherDescriptionsAndRefusesANewerDatabase) {
+TEST_P(StoreTest, RewritesViewsOfOtherDescriptionsAndRefusesANewerDatabase) {
     const Received one = arrived(oneSample("a"));
     store.put({&one, 1});
     store.sql().script(
         "DROP VIEW gnss_positions; CREATE VIEW gnss_positions AS SELECT 1 AS latitude;"
         "UPDATE settings SET value = 'other' WHERE name = 'views'");
-    EXPECT_EQ(integer(Store(file).sql().query("SELECT latitude FROM gnss_positions")[0][0]), 48);
+    EXPECT_EQ(integer(Store(fresh.where).sql().query("SELECT latitude FROM gnss_positions")[0][0]), 48);
 
     store.sql().script("UPDATE settings SET value = '99' WHERE name = 'version'");
     try {
-        Store newer(file);
+        Store newer(fresh.where);
         FAIL() << "a newer database was taken";
     } catch (const DatabaseError& error) {
         EXPECT_THAT(error.what(), HasSubstr("version 99"));
     }
+}
+
+/// Rows of the partitions, by their names.
+std::map<std::string, std::int64_t> partitions(Sql& sql) {
+    std::map<std::string, std::int64_t> found;
+    for (const Row& row : sql.query("SELECT inhrelid::regclass::text FROM pg_inherits WHERE inhparent = "
+                                    "'samples'::regclass")) {
+        found[text(row[0])] = integer(sql.query("SELECT COUNT(*) FROM " + text(row[0]))[0][0]);
+    }
+    return found;
+}
+
+TEST_F(PostgresStoreTest, HasAPartitionForEachDayAndDropsWholeOnes) {
+    constexpr std::int64_t kDay = 86'400'000;
+    const Received batch[] = {arrived(oneSample("a")), arrived(oneSample("b"), "", kNow + kDay),
+                              arrived(oneSample("c"), "", kNow + 2 * kDay)};
+    for (const Stored& stored : store.put(batch)) {
+        EXPECT_EQ(stored.outcome, Outcome::Stored) << stored.reason;
+    }
+    auto found = partitions(store.sql());
+    EXPECT_EQ(found["samples_20231114"], 1);
+    EXPECT_EQ(found["samples_20231115"], 1);
+    EXPECT_EQ(found["samples_20231116"], 1);
+    EXPECT_THAT(found, SizeIs(4)) << "the next day's is made ahead";
+
+    const Kept deleted = store.deleteBefore(kNow + 2 * kDay);
+    EXPECT_EQ(deleted.reports, 2);
+    EXPECT_EQ(deleted.samples, 2);
+    found = partitions(store.sql());
+    EXPECT_THAT(found, SizeIs(2));
+    EXPECT_EQ(found["samples_20231116"], 1);
+    EXPECT_EQ(count("gnss_positions"), 1);
+    EXPECT_EQ(store.put(batch)[0].outcome, Outcome::Stored) << "the partition is made again";
+    EXPECT_EQ(
+        text(store.sql().query("SELECT col_description('gnss_positions'::regclass, attnum) FROM pg_attribute "
+                               "WHERE attrelid = 'gnss_positions'::regclass AND attname = 'latitude'")[0][0]),
+        text(std::string(findEvent("GNSSProxy", "positions")->field("latitude")->unit) + ": " +
+             std::string(findEvent("GNSSProxy", "positions")->field("latitude")->meaning)));
+}
+
+TEST_F(PostgresStoreTest, KeepsAsideOnlyTheEnvelopeThatTheDatabaseRefuses) {
+    const Received batch[] = {
+        arrived(oneSample("a")),
+        arrived(envelopeText("b", R"([{"propertyValuePairs":{"latitude":1e-999999},"timestamp":"1"}])")),
+        arrived(oneSample("c"))};
+    const auto results = store.put(batch);
+    EXPECT_EQ(results[0].outcome, Outcome::Stored) << results[0].reason;
+    EXPECT_EQ(results[1].outcome, Outcome::Unusable);
+    EXPECT_EQ(results[1].messageId, "b");
+    EXPECT_THAT(results[1].reason, HasSubstr("numeric"));
+    EXPECT_EQ(results[2].outcome, Outcome::Stored);
+    EXPECT_EQ(count("samples"), 2);
+
+    kyo::Json::Value health;
+    health["odd"] = std::string("a\0b\\u0000 \xed\xb0\x80 \xff", 15);
+    store.setHealth("vlm/bench", health, kNow);
+    EXPECT_EQ(integer(store.sql().query("SELECT health_at FROM vehicles")[0][0]), kNow);
+    EXPECT_EQ(store.put({batch, 1})[0].outcome, Outcome::Repeated);
+}
+
+TEST_F(PostgresStoreTest, ConnectsAgainAfterALostConnectionAndStoresNothingTwice) {
+    const Received batch[] = {arrived(oneSample("a")), arrived(oneSample("b"))};
+    store.put({batch, 1});
+    const auto other = connect(fresh.where);
+    other->query(
+        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = current_database() AND pid "
+        "<> "
+        "pg_backend_pid()");
+    EXPECT_EQ(store.put(batch)[1].outcome, Outcome::Failed);
+    const auto results = store.put(batch);
+    EXPECT_EQ(results[0].outcome, Outcome::Repeated);
+    EXPECT_EQ(results[1].outcome, Outcome::Stored);
+}
+
+TEST_F(PostgresStoreTest, TakesTheSameEnvelopesFromSeveralInstancesOnce) {
+    constexpr std::size_t kInstances = 4;
+    constexpr int kEnvelopes = 40;
+    std::vector<Received> batch;
+    for (int i = 0; i < kEnvelopes; ++i) {
+        batch.push_back(arrived(oneSample(std::to_string(i))));
+        batch.back().prefix += std::to_string(i % 7);
+    }
+    std::atomic<int> stored{0};
+    std::vector<std::thread> threads;
+    for (std::size_t instance = 0; instance < kInstances; ++instance) {
+        threads.emplace_back([&, instance] {
+            auto mine = batch;
+            std::rotate(mine.begin(), mine.begin() + static_cast<std::ptrdiff_t>(instance * 10), mine.end());
+            Store another(fresh.where);
+            for (const Stored& one : another.put(mine)) {
+                EXPECT_NE(one.outcome, Outcome::Failed) << one.reason;
+                stored += one.outcome == Outcome::Stored ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(stored, kEnvelopes);
+    EXPECT_EQ(count("samples"), kEnvelopes);
+    EXPECT_EQ(integer(store.sql().query("SELECT SUM(reports) FROM vehicles")[0][0]), kEnvelopes);
 }
 
 }  // namespace

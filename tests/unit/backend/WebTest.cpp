@@ -10,6 +10,7 @@
 #include "backend/web/Queries.h"
 #include "backend/web/ReadApi.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/unit/backend/Databases.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend::web {
@@ -30,7 +31,7 @@ Value jsonOf(const std::string& text) {
     return content;
 }
 
-class WebTest : public ::testing::Test {
+class WebTest : public ::testing::TestWithParam<store::Dialect> {
   protected:
     WebTest() { addReadRoutes(router, readers); }
 
@@ -52,14 +53,14 @@ class WebTest : public ::testing::Test {
         return jsonOf(answer.body);
     }
 
-    const vlmTest::TemporaryFolder folder;
-    const std::string file = folder.file("vehicles.db");
-    store::Store store{file};
-    Readers readers{file};
+    const vlmTest::FreshDatabase fresh{GetParam()};
+    store::Store store{fresh.where};
+    Readers readers{fresh.where};
     Router router;
 };
+INSTANTIATE_WITH_EACH_DATABASE(WebTest);
 
-TEST_F(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
+TEST_P(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
     router.add("PUT", "/api/things/{thing}", Role::Configure, [](const Request& request) {
         return Response::text(request.parameter("thing") + "=" + request.json()["x"].asString());
     });
@@ -105,7 +106,7 @@ TEST_F(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
     EXPECT_EQ(get("/api/vehicles/none/export?form=gpx").status, 404) << "before the first byte of the file";
 }
 
-TEST_F(WebTest, ReducesASeriesToTheExtremesOfEachBin) {
+TEST_P(WebTest, ReducesASeriesToTheExtremesOfEachBin) {
     std::string samples;
     for (int i = 0; i < 100; ++i) {
         samples += (i == 0 ? "[" : ",") + positionText(kNow + i * 10, i == 37 ? 80 : i, 9);
@@ -131,6 +132,9 @@ TEST_F(WebTest, ReducesASeriesToTheExtremesOfEachBin) {
     EXPECT_EQ(track["samples"].asInt(), 101);
     EXPECT_EQ(track["timesMs"].size(), 4u) << compactText(track);
     // 10 million rows can only be served from the index.
+    if (GetParam() == store::Dialect::Postgres) {
+        return;  // whose plans depend on how much there is
+    }
     std::string plan;
     const store::Cell parameters[] = {std::int64_t{1}, std::int64_t{1}, kNow,
                                       kNow + 9,        std::int64_t{1}, std::int64_t{1}};
@@ -145,7 +149,7 @@ TEST_F(WebTest, ReducesASeriesToTheExtremesOfEachBin) {
         plan, HasSubstr("USING INDEX samples_by_time (vehicle=? AND event=? AND measured>? AND measured<?)"));
 }
 
-TEST_F(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
+TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
     arrive("a", "[" + positionText(kNow, 48, 9) + "]");
     arrive("b", "[" + positionText(kNow + 9, 49, 9) + "," + positionText(kNow + 8, 50, 9) + "]");
     arrive("late", "[" + positionText(kNow - 9, 51, 9) + "]");
@@ -168,7 +172,7 @@ TEST_F(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
     EXPECT_EQ(get("/api/unusable/" + unusable[0]["id"].asString()).body, "no envelope");
     EXPECT_EQ(get("/api/unusable/99").status, 404);
 
-    store.deleteBefore(kNow + 501);
+    store.deleteBefore(kNow + 86'400'000);
     EXPECT_EQ(ask("/latest").size(), 0u);
     EXPECT_EQ(ask("")["reports"].asInt(), 0);
     EXPECT_EQ(ask("")["samples"].asInt(), 0);
