@@ -12,6 +12,7 @@
 #include "backend/Compression.h"
 #include "backend/ConfigurationFile.h"
 #include "backend/Transport.h"
+#include "backend/store/Leases.h"
 #include "json/JsonFields.h"
 #include "json/TextLimits.h"
 
@@ -25,7 +26,10 @@ using vlmProd::textOf;
 namespace {
 
 constexpr std::size_t kRecentIds = 1000;
-constexpr std::size_t kAtOnce = 100;  // configurations that are sent in one transaction
+constexpr std::chrono::milliseconds kLease{6000};      // of an instance that renews it no more
+constexpr std::chrono::milliseconds kLookEvery{1000};  // for what other instances changed
+constexpr std::int64_t kMostTaken = 200;               // vehicles at once, so that instances share them
+constexpr std::size_t kAtOnce = 100;                   // configurations that are sent in one transaction
 constexpr vlmProd::TextLimits kMessage{
     .bytes = 256u << 10, .depth = 32, .values = 10'000};  // that is no envelope
 constexpr std::uint64_t kMostBytes = 64u << 20;           // the most that a vehicle's manifest can allow
@@ -98,6 +102,10 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
         } else if (topic.ends_with("/status")) {
             add(onStatus(std::string(prefix), content));
         } else if (topic.ends_with("/health") && m_settings.database != nullptr) {
+            if (const auto known = m_vehicles.find(std::string(prefix));
+                known != m_vehicles.end() && known->second.online && !known->second.isOurs) {
+                continue;
+            }
             m_settings.database->setHealth(std::string(prefix), content, nowMs());
         } else if (const auto asking = prefixOf(topic, "/config/request")) {
             add(onRequest(*asking));
@@ -213,6 +221,11 @@ std::vector<Outgoing> Backend::retry() {
     }
     m_databaseFailed = false;
     m_print("the database is back");
+    for (auto& [prefix, vehicle] : m_vehicles) {  // what could not be written
+        if (vehicle.online && !notePresence(prefix, vehicle)) {
+            return {};
+        }
+    }
     auto out = m_settings.open ? openAll() : std::vector<Outgoing>{};
     for (auto& [prefix, vehicle] : m_vehicles) {
         if (std::exchange(vehicle.asks, false)) {
@@ -261,7 +274,7 @@ std::vector<Outgoing> Backend::setOpen(bool open) {
 std::vector<Outgoing> Backend::openAll() {
     std::vector<Outgoing> out;
     for (const auto& [prefix, vehicle] : m_vehicles) {
-        if (vehicle.online) {
+        if (vehicle.online && vehicle.isOurs) {
             out.push_back(masterControl(prefix, vehicle, 0, m_settings.open));
         }
     }
@@ -294,12 +307,10 @@ std::vector<Outgoing> Backend::onStatus(const std::string& prefix, const Value& 
     }
     m_print(prefix + (vehicle.online ? " online: " : " offline: ") + textOf(member(status, "serverName")) +
             ", offers " + compactText(types));
-    if (m_settings.database != nullptr) {
-        m_settings.database->setPresence(prefix, vehicle.online, textOf(member(status, "serverName")),
-                                         nowMs());
-    }
-    vehicle.isChecked = vehicle.online && m_settings.database != nullptr;
-    if (!vehicle.online) {
+    vehicle.catalog = textOf(member(status, "serverName"));
+    notePresence(prefix, vehicle);
+    vehicle.isChecked = vehicle.online && vehicle.isOurs && m_settings.database != nullptr;
+    if (!vehicle.online || !vehicle.isOurs) {
         return {};
     }
     if (vehicle.isChecked) {
@@ -307,6 +318,78 @@ std::vector<Outgoing> Backend::onStatus(const std::string& prefix, const Value& 
     }
     // After each connection a vehicle needs an opening message before it sends.
     return {masterControl(prefix, vehicle, 0, m_settings.open)};
+}
+
+/// False when the database fails.
+bool Backend::notePresence(const std::string& prefix, Vehicle& vehicle) {
+    vehicle.isOurs = isAlone();
+    if (m_settings.database == nullptr) {
+        return true;
+    }
+    const bool done = m_settings.database->setPresence(prefix, vehicle.online, vehicle.catalog, nowMs()) &&
+                      (isAlone() || m_settings.database->transact([&](store::Sql& sql) {
+                          vehicle.isOurs = vehicle.online &&
+                                           store::claim(sql, m_settings.instance, store::vehicleName(prefix));
+                      }));
+    if (!done) {
+        noteDatabaseFailed("presence cannot be written");
+    }
+    return done;
+}
+
+/// Vehicles of an instance that is gone are opened here, as their last messages may have had no answer.
+void Backend::renewLease(Clock::time_point now, std::vector<Outgoing>& out) {
+    std::vector<std::string> taken;
+    bool inTime = true;
+    if (!m_settings.database->transact([&](store::Sql& sql) {
+            inTime = store::renewInstance(sql, m_settings.instance, kLease);
+            taken = store::takeOver(sql, m_settings.instance, kMostTaken);
+            if (!inTime) {
+                taken = store::leasesOf(sql, m_settings.instance);
+            }
+        })) {
+        noteDatabaseFailed("the lease cannot be renewed");
+        return;
+    }
+    if (!inTime) {
+        for (auto& [prefix, vehicle] : m_vehicles) {
+            vehicle.isOurs = false;
+        }
+    }
+    for (const std::string& prefix : taken) {
+        Vehicle& vehicle = m_vehicles[prefix];
+        vehicle.isOurs = true;
+        if (!vehicle.online) {
+            continue;
+        }
+        m_print(prefix + " is taken over");
+        out.push_back(masterControl(prefix, vehicle, 0, m_settings.open));
+        vehicle.isChecked = true;
+        m_checks.emplace_back(now + m_settings.returnPause, prefix);
+        if (now - vehicle.asked < 2 * kLease && vehicle.asked != Clock::time_point{}) {
+            auto answers = onRequest(prefix);
+            std::move(answers.begin(), answers.end(), std::back_inserter(out));
+        }
+    }
+}
+
+void Backend::leave() {
+    if (!isAlone()) {
+        m_settings.database->transact(
+            [this](store::Sql& sql) { store::endInstance(sql, m_settings.instance); });
+    }
+}
+
+/// What another instance was asked for.
+void Backend::noteChanges(std::vector<Outgoing>& out) {
+    std::int64_t changes = m_changes;
+    if (m_settings.database->transact(
+            [&changes](store::Sql& sql) { changes = store::changeCounts(sql).desired; }) &&
+        changes != m_changes) {
+        m_changes = changes;
+        auto more = onConfigurationsChanged();
+        std::move(more.begin(), more.end(), std::back_inserter(out));
+    }
 }
 
 Outgoing Backend::configurationMessage(const std::string& prefix,
@@ -354,10 +437,20 @@ std::vector<Outgoing> Backend::onConfigurationsChanged() {
 }
 
 std::vector<Outgoing> Backend::tick(Clock::time_point now) {
+    std::vector<Outgoing> out;
+    if (!isAlone() && !m_databaseFailed && now >= m_nextRenewal) {
+        m_nextRenewal = now + kLease / 3;
+        renewLease(now, out);
+    }
+    if (!isAlone() && !m_databaseFailed && now >= m_nextLook) {
+        m_nextLook = now + kLookEvery;
+        noteChanges(out);
+    }
     std::vector<std::string> prefixes;
     for (; !m_unsent.empty() && prefixes.size() < kAtOnce; m_unsent.pop_front()) {
         const auto vehicle = m_vehicles.find(m_unsent.front());
-        if (vehicle != m_vehicles.end() && vehicle->second.online && !vehicle->second.isChecked) {
+        if (vehicle != m_vehicles.end() && vehicle->second.online && vehicle->second.isOurs &&
+            !vehicle->second.isChecked) {
             prefixes.push_back(m_unsent.front());
         }
     }
@@ -367,7 +460,6 @@ std::vector<Outgoing> Backend::tick(Clock::time_point now) {
             prefixes.push_back(m_checks.front().second);
         }
     }
-    std::vector<Outgoing> out;
     if (!prefixes.empty() && !sendOpen(prefixes, out)) {
         for (const std::string& prefix : prefixes) {
             m_vehicles[prefix].isChecked = true;
@@ -381,12 +473,21 @@ std::optional<Backend::Clock::time_point> Backend::nextTick() const {
     if (!m_unsent.empty()) {
         return Clock::time_point{};
     }
-    return m_checks.empty() ? std::nullopt : std::optional(m_checks.front().first);
+    auto next = m_checks.empty() ? std::nullopt : std::optional(m_checks.front().first);
+    if (!isAlone() && !m_databaseFailed) {
+        const auto ours = std::min(m_nextRenewal, m_nextLook);
+        next = next ? std::min(*next, ours) : ours;
+    }
+    return next;
 }
 
 std::vector<Outgoing> Backend::onRequest(const std::string& prefix) {
     if (m_settings.database != nullptr) {
         Vehicle& vehicle = m_vehicles[prefix];
+        if (!isAlone() && !vehicle.isOurs) {
+            vehicle.asked = Clock::now();
+            return {};
+        }
         std::optional<store::Due> due;
         if (!m_settings.database->transact([&](store::Sql& sql) {
                 due = store::desiredOf(sql, store::vehicleName(prefix));

@@ -35,6 +35,8 @@ struct Settings {
     kyo::orx::Dictionaries dictionaries;          ///< with which vehicles may compress
     store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
     std::shared_ptr<store::Totals> totals = std::make_shared<store::Totals>();
+    std::string
+        instance;  ///< name of this one among several with the same database, a server's; empty: alone
     /// From a vehicle's return until it is sent a configuration for which it has not asked.
     std::chrono::milliseconds returnPause{3000};
 };
@@ -86,6 +88,9 @@ class Backend {
     std::vector<Outgoing> tick(Clock::time_point now);
     std::optional<Clock::time_point> nextTick() const;
 
+    /// At the end: other instances take the vehicles over at once.
+    void leave();
+
     bool isOpen() const { return m_settings.open; }
     const store::Totals& totals() const { return *m_settings.totals; }
 
@@ -97,6 +102,9 @@ class Backend {
         std::deque<std::string> recentIds;
         bool isChecked = false;  ///< m_checks has an entry that counts
         bool asks = false;       ///< for a configuration, which the database did not give
+        bool isOurs = false;     ///< always without other instances
+        std::string catalog;
+        Clock::time_point asked{};  ///< another instance for a configuration
     };
 
     /// An envelope on its way through one call.
@@ -119,6 +127,10 @@ class Backend {
     std::vector<Outgoing> onStatus(const std::string& prefix, const kyo::Json::Value& status);
     std::vector<Outgoing> onRequest(const std::string& prefix);
     Outgoing configurationMessage(const std::string& prefix, const store::Configuration& configuration) const;
+    bool notePresence(const std::string& prefix, Vehicle& vehicle);
+    void renewLease(Clock::time_point now, std::vector<Outgoing>& out);
+    void noteChanges(std::vector<Outgoing>& out);
+    bool isAlone() const { return m_settings.instance.empty(); }
     bool sendOpen(const std::vector<std::string>& prefixes, std::vector<Outgoing>& out);
     void noteDatabaseFailed(const std::string& reason);
     std::vector<Outgoing> onEnvelope(const Arrived& arrived, bool stored);
@@ -130,6 +142,9 @@ class Backend {
     store::EnvelopeReader m_reader;
     bool m_databaseFailed = false;
     int m_ticket = 0;
+    Clock::time_point m_nextRenewal{};
+    Clock::time_point m_nextLook{};  ///< for changes that other instances have made
+    std::int64_t m_changes = 0;
     std::deque<std::pair<Clock::time_point, std::string>>
         m_checks;                      ///< prefixes of vehicles that have returned
     std::deque<std::string> m_unsent;  ///< prefixes of vehicles whose configuration has changed

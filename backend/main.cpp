@@ -17,6 +17,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -53,6 +55,7 @@ struct Options {
     std::string import;
     std::string follow;
     std::string database;
+    std::string instances;   ///< group of shared subscriptions; empty: this one is alone
     std::string exportForm;  ///< empty: nothing is exported
     vlmBackend::store::Selection selection;
     int retentionDays = 0;  ///< 0: for ever
@@ -99,6 +102,8 @@ cxxopts::Options describeOptions() {
     add("follow", "take the envelopes of the directory transport's file while it grows; no broker is used",
         cxxopts::value<std::string>()->default_value(""));
     add("database", "store all that comes: file of SQLite, or postgresql://...",
+        cxxopts::value<std::string>()->default_value(""));
+    add("instances", "group of several instances that share the envelopes; needs PostgreSQL and MQTT 5",
         cxxopts::value<std::string>()->default_value(""));
     add("retention", "days after which what was received is deleted; 0: never",
         cxxopts::value<unsigned>()->default_value("0"));
@@ -157,6 +162,17 @@ void readStorage(const cxxopts::ParseResult& given, Options& out) {
     }
     if (given.count("instance") != 0) {
         out.selection.instance = given["instance"].as<std::int64_t>();
+    }
+    out.instances = given["instances"].as<std::string>();
+    if (!out.instances.empty()) {
+        if (!vlmBackend::store::isServer(out.database) || !out.follow.empty() ||
+            out.instances.find_first_of("/+#") != std::string::npos) {
+            throw std::invalid_argument(
+                "--instances: needs --database postgresql://... and a broker, and a name without / + #");
+        }
+        std::ostringstream name;
+        name << out.instances << '-' << ::getpid() << '-' << std::hex << std::random_device{}();
+        out.backend.instance = name.str();
     }
     if (!out.exportForm.empty() && out.database.empty()) {
         throw std::invalid_argument("--export: --database names where from");
@@ -488,23 +504,27 @@ class Program {
         : m_backend(options.backend, print),
           m_retention(options.backend.database, options.retentionDays),
           m_assignmentsChanged(options.assignmentsChanged),
-          m_connection(options.mqtt, "vlm-backend-" + std::to_string(::getpid()),
-                       {options.prefix + "/status", options.prefix + "/health",
-                        options.prefix + "/config/request", options.prefix + "/data/#"},
-                       {},
-                       {[] {},
-                        [this](const std::string& topic, std::string payload, bool retained) {
-                            // Only presence and health may be older than the connection.
-                            if (!retained || topic.ends_with("/status") || topic.ends_with("/health")) {
-                                m_inbox.put(topic, std::move(payload));
-                            }
-                        },
-                        [](int, int reason) {
-                            if (!kyo::orx::MqttConnection::taken(reason)) {
-                                print("an answer was not delivered, reason " + std::to_string(reason));
-                            }
-                        },
-                        [](int, const std::string& text) { print(text); }}) {}
+          m_connection(
+              options.mqtt,
+              "vlm-backend-" +
+                  (options.instances.empty() ? std::to_string(::getpid()) : options.backend.instance),
+              {options.prefix + "/status", options.prefix + "/health", options.prefix + "/config/request",
+               (options.instances.empty() ? "" : "$share/" + options.instances + '/') + options.prefix +
+                   "/data/#"},
+              {},
+              {[] {},
+               [this](const std::string& topic, std::string payload, bool retained) {
+                   // Only presence and health may be older than the connection.
+                   if (!retained || topic.ends_with("/status") || topic.ends_with("/health")) {
+                       m_inbox.put(topic, std::move(payload));
+                   }
+               },
+               [](int, int reason) {
+                   if (!kyo::orx::MqttConnection::taken(reason)) {
+                       print("an answer was not delivered, reason " + std::to_string(reason));
+                   }
+               },
+               [](int, const std::string& text) { print(text); }}) {}
 
     void run(int signals) {
         m_connection.start();
@@ -535,6 +555,7 @@ class Program {
         }
         m_inbox.close();
         m_connection.stop();
+        m_backend.leave();
         const auto& totals = m_backend.totals();
         print(std::to_string(totals.envelopes) + " envelopes, " + std::to_string(totals.repeated) +
               " of them again, " + std::to_string(totals.samples) + " samples, " +

@@ -7,11 +7,15 @@
 
 namespace vlmBackend::store {
 
-std::unique_ptr<Sql> connect(const std::string& where, bool readOnly) {
-    constexpr std::array<std::string_view, 6> kServer{
+bool isServer(const std::string& where) {
+    constexpr std::array<std::string_view, 6> kStarts{
         "postgresql://", "postgres://", "host=", "dbname=", "service=", "user="};
-    if (std::any_of(kServer.begin(), kServer.end(),
-                    [&where](auto start) { return where.starts_with(start); })) {
+    return std::any_of(kStarts.begin(), kStarts.end(),
+                       [&where](auto start) { return where.starts_with(start); });
+}
+
+std::unique_ptr<Sql> connect(const std::string& where, bool readOnly) {
+    if (isServer(where)) {
         return std::make_unique<Postgres>(where, readOnly);
     }
     return std::make_unique<Sqlite>(where, readOnly);

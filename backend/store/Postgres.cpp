@@ -182,7 +182,8 @@ std::string lineOf(const char* message) {
 
 }  // namespace
 
-Postgres::Postgres(const std::string& where, bool readOnly) : m_connection(nullptr, PQfinish) {
+Postgres::Postgres(const std::string& where, bool readOnly)
+    : m_connection(nullptr, PQfinish), m_cancel(nullptr, PQfreeCancel) {
     // What stands in `where` comes later and counts. A server that is gone is noticed within half a minute.
     const char* const names[] = {"connect_timeout",  "keepalives_idle",  "keepalives_interval",
                                  "keepalives_count", "tcp_user_timeout", "fallback_application_name",
@@ -194,6 +195,7 @@ Postgres::Postgres(const std::string& where, bool readOnly) : m_connection(nullp
         throw DatabaseError(m_connection == nullptr ? "out of memory"
                                                     : lineOf(PQerrorMessage(m_connection.get())));
     }
+    m_cancel.reset(PQgetCancel(m_connection.get()));
     PQsetNoticeProcessor(
         m_connection.get(), [](void*, const char*) {}, nullptr);
     Postgres::script(std::string("SET timezone = 'UTC'; SET lock_timeout = '10s'; SET bytea_output = 'hex'; "
@@ -250,21 +252,18 @@ void Postgres::stream(const std::string& statement, std::span<const Cell> parame
     PQsetSingleRowMode(connection);
     // What is left of an answer is read and dropped, also when `each` throws.
     struct Drain {
+        Postgres* self;
         pg_conn* connection;
         bool isDone = false;
         ~Drain() {
             if (!isDone) {
-                if (PGcancel* const cancel = PQgetCancel(connection); cancel != nullptr) {
-                    char error[256];
-                    PQcancel(cancel, error, sizeof error);
-                    PQfreeCancel(cancel);
-                }
+                self->interrupt();
             }
             while (PGresult* const left = PQgetResult(connection)) {
                 PQclear(left);
             }
         }
-    } drain{connection};
+    } drain{this, connection};
     while (PGresult* const next = PQgetResult(connection)) {
         drain.isDone = PQresultStatus(next) != PGRES_SINGLE_TUPLE;
         const Result result = check(next);
@@ -363,6 +362,11 @@ void Postgres::dropSamples(std::int64_t& receivedMs) {
             m_partitions.erase(day);
         }
     }
+}
+
+void Postgres::interrupt() {
+    char error[256];
+    PQcancel(m_cancel.get(), error, sizeof error);
 }
 
 void Postgres::limitTime(std::chrono::milliseconds limit) {

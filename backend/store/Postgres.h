@@ -8,6 +8,7 @@
 #include "backend/store/Sql.h"
 
 struct pg_conn;
+struct pg_cancel;
 struct pg_result;
 
 namespace vlmBackend::store {
@@ -29,6 +30,7 @@ class Postgres : public Sql {
     void dropSamples(std::int64_t& receivedMs) override;
     void tidy() override {}
     void limitTime(std::chrono::milliseconds limit) override;
+    void interrupt() override;
     std::int64_t walBytes() override { return 0; }
 
   private:
@@ -40,6 +42,7 @@ class Postgres : public Sql {
     Result check(pg_result* result) const;
 
     std::unique_ptr<pg_conn, void (*)(pg_conn*)> m_connection;
+    std::unique_ptr<pg_cancel, void (*)(pg_cancel*)> m_cancel;
     std::chrono::milliseconds m_limit{0};
     std::set<std::int64_t> m_partitions;  ///< days since 1970 that exist
 };

@@ -79,6 +79,9 @@ constexpr std::array kMigrations{
          LEFT JOIN assignments shared ON shared.grp = v.grp
          WHERE COALESCE(own.configuration, shared.configuration) IS NOT NULL;
        INSERT INTO settings (name, value) VALUES ('configuration_changes', '0'), ('delivery_changes', '0'))",
+    // Which of several instances looks after a vehicle.
+    R"(CREATE TABLE instances (name TEXT PRIMARY KEY, alive_until BIGINT NOT NULL);
+       ALTER TABLE vehicles ADD COLUMN owner TEXT NOT NULL DEFAULT '')",
 };
 
 void replaceAll(std::string& text, std::string_view what, std::string_view by) {

@@ -91,6 +91,9 @@ class Sql {
     Sql() = default;
 };
 
+/// Whether `where` names a server, see connect().
+bool isServer(const std::string& where);
+
 /// `where`: "postgresql://..." or "host=..." names a server, anything else the file of SQLite. `readOnly`:
 /// waits for no writer and changes nothing.
 std::unique_ptr<Sql> connect(const std::string& where, bool readOnly = false);

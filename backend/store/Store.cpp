@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <numeric>
+#include <tuple>
 
 #include "backend/store/Configurations.h"
 #include "backend/store/Schema.h"
@@ -20,6 +22,23 @@ Cell spoolNumber(const std::string& text) {
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc{} && end == text.data() + text.size() ? Cell{number} : Cell{};
+}
+
+/// The order of work. Several instances that got the same envelopes must not wait for each other in a circle,
+/// so there it is the same for all of them: by vehicle and age.
+std::vector<std::size_t> orderOf(std::span<const Received> batch, Dialect dialect) {
+    std::vector<std::size_t> order(batch.size());
+    std::iota(order.begin(), order.end(), 0u);
+    if (dialect == Dialect::Postgres) {
+        const auto key = [&batch](std::size_t i) {
+            const Received& one = batch[i];
+            return std::tuple(std::string_view(one.prefix), one.spoolNumber.size(),
+                              std::string_view(one.spoolNumber), std::string_view(one.text));
+        };
+        std::sort(order.begin(), order.end(),
+                  [&key](std::size_t a, std::size_t b) { return key(a) < key(b); });
+    }
+    return order;
 }
 
 }  // namespace
@@ -114,8 +133,9 @@ bool Store::putAll(std::span<const Received> batch, std::vector<Stored>& all, st
                 sql().prepareSamples(received.receivedMs);
             }
             Transaction transaction(sql());
-            for (const Received& received : batch) {
-                all.push_back(putOne(received));
+            all.resize(batch.size());
+            for (const std::size_t i : orderOf(batch, sql().dialect())) {
+                all[i] = putOne(batch[i]);
             }
             addTotals();
             transaction.commit();
@@ -270,18 +290,12 @@ std::int64_t Store::eventId(const Event& event) {
     return id;
 }
 
-void Store::setPresence(const std::string& prefix, bool online, const std::string& catalog,
+bool Store::setPresence(const std::string& prefix, bool online, const std::string& catalog,
                         std::int64_t nowMs) {
-    std::string reason;
-    attempt(
-        [&] {
-            Transaction transaction(sql());
-            const Cell parameters[] = {vehicleId(prefix), std::int64_t{online}, catalog, nowMs};
-            m_sql->query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4 WHERE id = $1",
-                         parameters);
-            transaction.commit();
-        },
-        reason);
+    return transact([&](Sql& sql) {
+        const Cell parameters[] = {vehicleId(prefix), std::int64_t{online}, catalog, nowMs};
+        sql.query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4 WHERE id = $1", parameters);
+    });
 }
 
 void Store::setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs) {

@@ -60,8 +60,8 @@ class Store {
 
     /// Stores all of them in one transaction. On return, what is not Failed survives a crash. Never throws.
     std::vector<Stored> put(std::span<const Received> batch);
-    /// A vehicle's presence. Never throws.
-    void setPresence(const std::string& prefix, bool online, const std::string& catalog, std::int64_t nowMs);
+    /// A vehicle's presence. False when the database fails. Never throws.
+    bool setPresence(const std::string& prefix, bool online, const std::string& catalog, std::int64_t nowMs);
     /// The vehicle's health message, a JSON object, and what it says of the configuration that was sent.
     /// Never throws.
     void setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs);

@@ -80,10 +80,10 @@ TEST_P(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
         count(
             "gnss_positions WHERE vehicle = 'bench' AND latitude = 48 AND time = '2023-11-14T22:15:00.000Z'"),
         1);
-    const auto kept = store.sql().query("SELECT reason, payload FROM unusable ORDER BY id");
-    ASSERT_THAT(kept, SizeIs(3));
-    EXPECT_EQ(text(kept[1][0]), "no frame");
-    EXPECT_EQ(std::get<Bytes>(kept[1][1]).data, "\x28\xb5garbage");
+    EXPECT_EQ(count("unusable"), 3);
+    const auto kept = store.sql().query("SELECT payload FROM unusable WHERE reason = 'no frame'");
+    ASSERT_THAT(kept, SizeIs(1));
+    EXPECT_EQ(std::get<Bytes>(kept[0][0]).data, "\x28\xb5garbage");
     EXPECT_EQ(text(store.sql().query("SELECT spool_number FROM reports")[0][0]), "17");
 }
 
