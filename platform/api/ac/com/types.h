@@ -14,7 +14,7 @@ struct ServiceInterface {
 };
 
 /// Identifies an event on the wire. Generated per event.
-struct EventInterface {
+struct EventInterface {  // NOLINT(cppcoreguidelines-pro-type-member-init): an aggregate
     const char* name;  ///< "positions"
     std::uint16_t eventId;
     std::uint16_t eventgroupId;
