@@ -15,7 +15,7 @@ struct ServiceInterface {
 
 /// Identifies an event on the wire. Generated per event.
 struct EventInterface {  // NOLINT(cppcoreguidelines-pro-type-member-init): an aggregate
-    const char* name;  ///< "positions"
+    const char* name;    ///< "positions"
     std::uint16_t eventId;
     std::uint16_t eventgroupId;
     bool reliable = false;  ///< sent over TCP
