@@ -211,7 +211,7 @@ bool Streams::check(Connection& connection) {
 bool Streams::discard(int fd) {
     for (auto& [remote, client] : m_clients) {
         if (client.socket->fd() == fd) {
-            std::array<std::uint8_t, 4096> unused;
+            std::array<std::uint8_t, 4096> unused{};
             const ssize_t size = client.socket->receive(unused);
             client.ended = client.ended || size == 0 || (size < 0 && errno != EAGAIN);
             return !client.ended;
