@@ -23,7 +23,7 @@ Json::Value configurationAnswer(const std::string& recordId, const std::string& 
 
 Json::Value readConfigurationAnswer(const std::filesystem::path& file, std::uint64_t mostBytes,
                                     std::string& error) {
-    const Json::Value none(Json::arrayValue);
+    Json::Value none(Json::arrayValue);
     error.clear();
     std::error_code code;
     const std::uintmax_t size = std::filesystem::file_size(file, code);

@@ -23,8 +23,10 @@ void EventSender::change(const std::function<void(Target&)>& how) {
     how(*changed);
     changed->distinct = changed->receivers;
     std::ranges::sort(changed->distinct, {}, &Receiver::endpoint);
-    const auto repeated = std::ranges::unique(changed->distinct, {}, &Receiver::endpoint);
-    changed->distinct.erase(repeated.begin(), repeated.end());
+    changed->distinct.erase(
+        std::unique(changed->distinct.begin(), changed->distinct.end(),
+                    [](const Receiver& a, const Receiver& b) { return a.endpoint == b.endpoint; }),
+        changed->distinct.end());
     m_target = std::move(changed);
 }
 
