@@ -252,8 +252,8 @@ void Postgres::stream(const std::string& statement, std::span<const Cell> parame
     PQsetSingleRowMode(connection);
     // What is left of an answer is read and dropped, also when `each` throws.
     struct Drain {
-        Postgres* self;
-        pg_conn* connection;
+        Postgres* self = nullptr;
+        pg_conn* connection = nullptr;
         bool isDone = false;
         ~Drain() {
             if (!isDone) {
