@@ -252,18 +252,18 @@ void Postgres::stream(const std::string& statement, std::span<const Cell> parame
     PQsetSingleRowMode(connection);
     // What is left of an answer is read and dropped, also when `each` throws.
     struct Drain {
-        Postgres* self = nullptr;
+        Postgres& self;
         pg_conn* connection = nullptr;
         bool isDone = false;
         ~Drain() {
             if (!isDone) {
-                self->interrupt();
+                self.interrupt();
             }
             while (PGresult* const left = PQgetResult(connection)) {
                 PQclear(left);
             }
         }
-    } drain{this, connection};
+    } drain{*this, connection};
     while (PGresult* const next = PQgetResult(connection)) {
         drain.isDone = PQresultStatus(next) != PGRES_SINGLE_TUPLE;
         const Result result = check(next);
