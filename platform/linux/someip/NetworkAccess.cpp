@@ -37,7 +37,7 @@ NetworkAccess::NetworkAccess(const machine::SomeIpSettings& settings, const Netw
                              const Endpoint& eventEndpoint, std::unique_ptr<const TcpListener> listener,
                              SdObserver& observer)
     : m_range(range),
-      m_streams(eventEndpoint.address, settings.maxSampleBytes + kHeaderSize, std::move(listener)),
+      m_streams(eventEndpoint.address, range, settings.maxSampleBytes + kHeaderSize, std::move(listener)),
       m_discovery(timesOf(settings.discovery), eventEndpoint, m_streams.endpoint(), range, observer,
                   std::random_device()()) {}
 

@@ -50,6 +50,9 @@ void Streams::unwatch(const EventLoop& loop) const noexcept {
 
 void Streams::accept(const EventLoop& loop, SdServer& server, Clock::time_point now) {
     while (const auto socket = m_listener->accept()) {
+        if (!m_network.contains(socket->remote().address)) {
+            continue;
+        }
         if (m_clients.size() >= kMaxClients) {
             if (const auto unlogged = m_tooMany.note(now)) {
                 KYO_LOG(3, "The connection of " << toText(socket->remote()) << " is closed: there are "

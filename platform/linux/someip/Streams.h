@@ -18,8 +18,9 @@ namespace someip {
 class Streams {
   public:
     /// `maxMessage`: bytes of one received message, with its header.
-    Streams(Address own, std::size_t maxMessage, std::unique_ptr<const TcpListener> listener)
-        : m_own(own), m_maxMessage(maxMessage), m_listener(std::move(listener)) {}
+    Streams(Address own, const Network& network, std::size_t maxMessage,
+            std::unique_ptr<const TcpListener> listener)
+        : m_own(own), m_network(network), m_maxMessage(maxMessage), m_listener(std::move(listener)) {}
 
     /// Where clients connect.
     const Endpoint& endpoint() const noexcept { return m_listener->endpoint(); }
@@ -85,6 +86,7 @@ class Streams {
                Clock::time_point now);
 
     const Address m_own;
+    const Network m_network;  ///< clients from outside of it are not taken
     const std::size_t m_maxMessage;
     const std::unique_ptr<const TcpListener> m_listener;
     std::map<Endpoint, Connection> m_servers;
