@@ -62,9 +62,9 @@ class Backend {
 
     Backend(Settings settings, Print print);
 
-    /// Messages on <prefix>/status, <prefix>/health, <prefix>/config/request or <prefix>/data, the last one
-    /// with what MqttConnection::Form puts behind it. What is to be sent in answer. The envelopes of one call
-    /// are stored in one transaction.
+    /// Takes messages on <prefix>/status, <prefix>/health, <prefix>/config/request and <prefix>/data; the
+    /// topic of data has the suffix of its MqttConnection::Form. Stores all envelopes of a call in one
+    /// transaction. Returns the answers to send.
     std::vector<Outgoing> onMessages(const std::vector<Incoming>& messages);
     std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload) {
         return onMessages({{topic, payload}});
@@ -72,9 +72,8 @@ class Backend {
     /// Opens or closes the channel to all vehicles that are online.
     std::vector<Outgoing> setOpen(bool open);
 
-    /// Lines that hold an envelope each, or what `vlm-spool export` writes, as if they had come from that
-    /// vehicle. The number of lines that were stored or known; fewer than given: the next one is neither, or
-    /// could not be stored.
+    /// Takes lines of envelopes, or of `vlm-spool export`, as if that vehicle had sent them. Returns how many
+    /// lines were stored, or known before; it stops at the first line that is neither.
     std::size_t import(const std::string& prefix, const std::vector<std::string>& lines);
 
     /// The database did not take an envelope; the vehicles wait for an opening message until retry()
@@ -82,13 +81,13 @@ class Backend {
     bool databaseFailed() const { return m_databaseFailed; }
     std::vector<Outgoing> retry();
 
-    /// Assignments may have changed: vehicles that are online get what they are to have.
+    /// Call it when assignments may have changed. Returns configurations for the vehicles that are online.
     std::vector<Outgoing> onConfigurationsChanged();
-    /// What is due by now, and when the next call may have something.
+    /// Returns the messages that are due at `now`. nextTick(): when to call it again.
     std::vector<Outgoing> tick(Clock::time_point now);
     std::optional<Clock::time_point> nextTick() const;
 
-    /// At the end: other instances take the vehicles over at once.
+    /// Call it last: other instances can then take over the vehicles at once.
     void leave();
 
     bool isOpen() const { return m_settings.open; }

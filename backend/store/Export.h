@@ -20,19 +20,19 @@ struct Selection {
     std::vector<std::string> columns;  ///< of CSV: "gnss_positions.latitude", from one or several views
     std::int64_t fromMs = std::numeric_limits<std::int64_t>::min();  ///< measured at this time or later, UTC
     std::int64_t toMs = std::numeric_limits<std::int64_t>::max();    ///< measured before
-    /// Of CSV; without it, all. Of GPX; without it, the one with the most positions.
+    /// Missing: all instances in CSV, the one with the most positions in GPX.
     std::optional<std::int64_t> instance;
 };
 
 /// Each writes row by row and returns how many rows it wrote. They throw ExportError and DatabaseError.
 
-/// One line per sample, in the order of measured times: time (UTC, milliseconds), instance, and the chosen
-/// columns, of which those of the sample's event have values.
+/// One line per sample, in the order of measured times: time (UTC, milliseconds), instance, chosen columns.
+/// Columns of other events than the sample's are empty.
 std::size_t exportCsv(Sql& sql, const Selection& selection, std::ostream& out);
 /// The positions of gnss_positions as one GPX 1.1 track.
 std::size_t exportGpx(Sql& sql, const Selection& selection, std::ostream& out);
-/// Envelopes as they came, one per line, in the order of their arrival; the time range is that of their
-/// samples.
+/// Envelopes as they arrived, one per line, in order of arrival: those whose first to last measured time
+/// overlaps the time range.
 std::size_t exportEnvelopes(Sql& sql, const Selection& selection, std::ostream& out);
 
 /// "2026-11-25T10:00:00.000Z".

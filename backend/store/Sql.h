@@ -70,21 +70,20 @@ class Sql {
     /// Passes row after row to `each` until it returns false. Memory does not depend on how many there are.
     virtual void stream(const std::string& statement, std::span<const Cell> parameters,
                         const std::function<bool(const Row&)>& each) = 0;
-    /// Makes room for samples that are received at that time and a day later. Outside a transaction.
+    /// Creates the partitions of the day of `receivedMs` and of the next day. Call it outside a transaction.
     virtual void prepareSamples(std::int64_t /*receivedMs*/) {}
-    /// Inside a transaction.
+    /// Call it inside a transaction.
     virtual void insertSamples(std::span<const SampleRow> samples) = 0;
-    /// Where whole parts of the samples can be dropped, those received before are, and the time becomes the
-    /// one from which samples are left. Outside a transaction.
+    /// Drops the partitions of days before `receivedMs`, and sets it to the begin of its day. A database
+    /// without partitions does nothing. Call it outside a transaction.
     virtual void dropSamples(std::int64_t& /*receivedMs*/) {}
-    /// Work that need not block a transaction: keeps files short. Called between transactions.
+    /// Keeps files short. Call it between transactions.
     virtual void tidy() = 0;
-    /// Bytes that wait to be moved into the database itself.
+    /// Bytes of the write-ahead log that are not in the database file yet.
     virtual std::int64_t walBytes() = 0;
-    /// From now on, a statement that takes longer fails.
+    /// Statements that take longer than `limit` fail from now on.
     virtual void limitTime(std::chrono::milliseconds limit) = 0;
-    /// Makes the statement that runs fail, if the database can do that. Any thread, while the connection
-    /// lives.
+    /// Makes the running statement fail, if the database can do that. Any thread may call it.
     virtual void interrupt() {}
 
   protected:

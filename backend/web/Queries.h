@@ -11,7 +11,7 @@
 
 namespace vlmBackend::web {
 
-/// Half-open, in measured time; without a limit, it is that of the data.
+/// Samples measured from `fromMs` on and before `toMs`. A missing limit means the first or last sample.
 struct Range {
     std::optional<std::int64_t> fromMs;
     std::optional<std::int64_t> toMs;
