@@ -470,6 +470,9 @@ bool SpoolTransport::forward() {
 void SpoolTransport::tend(Clock::time_point now) {
     m_figures->waiting = m_spool.waiting();
     m_figures->bytes = m_spool.bytes();
+    if (m_figures->waiting == 0) {
+        m_figures->oldestMs = 0;
+    }
     if (now >= m_nextTend) {
         m_spool.dropOld(nowMs());
         m_figures->oldestMs = m_spool.oldestStoredMs();
