@@ -5,18 +5,18 @@ VLM_VEHICLE names vlm-vehicle. Each vlmmaster has a folder, a state socket and a
 """
 import json
 import os
-import queue
+import shutil
 import signal
 import socket
 import subprocess
-import threading
+import tempfile
 import time
+import unittest
+import urllib.parse
+import urllib.request
 from pathlib import Path
 
-VLMMASTER = os.environ["VLMMASTER"]
-CATALOG = os.environ["VLM_CATALOG"]
-WITH_CATALOG = os.environ["WITH_CATALOG"]
-VLM_VEHICLE = os.environ.get("VLM_VEHICLE")
+VLMMASTER, CATALOG, WITH_CATALOG, VLM_VEHICLE = map(os.environ.get, ("VLMMASTER", "VLM_CATALOG", "WITH_CATALOG", "VLM_VEHICLE"))
 
 DEADLINE = 60  # s; reached only on failure
 STOP_LIMIT = 10  # s; a stop takes 2 s at most, a wait of the main loop 30 s
@@ -44,6 +44,18 @@ def wait_until(condition, what, deadline=DEADLINE, period=0.02):
     return value
 
 
+def start_peer(output, *command, **options):
+    """A process whose output is added to the file."""
+    with open(output, "ab") as out:
+        return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=out, stderr=out, **options)
+
+
+def kill(process):
+    if process.poll() is None:
+        process.kill()
+    process.wait()
+
+
 def fake_clock(**variables):
     """The environment of a process under libfaketime; None if that is not installed.
 
@@ -56,6 +68,61 @@ def fake_clock(**variables):
 
 def faster_clock(speed):
     return fake_clock(FAKETIME=f"+0 x{speed:g}")
+
+
+def program(name):
+    return shutil.which(name, path=os.environ["PATH"] + ":/usr/sbin")
+
+
+class ProcessCase(unittest.TestCase):
+    """A test with a folder of its own; the processes that it starts end with it."""
+
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory(prefix="vlm-test-")
+        self.addCleanup(temporary.cleanup)
+        self.folder = temporary.name
+
+    def need(self, *programs, clock=False):
+        """Skips the test without these programs, or without a clock that it needs."""
+        for name in programs:
+            if not program(name):
+                self.skipTest(f"{name} is needed")
+        if clock is None:
+            self.skipTest("libfaketime is needed")
+
+    def write(self, name, content):
+        path = os.path.join(self.folder, name)
+        Path(path).write_text(content)
+        return path
+
+    def start_peer(self, name, *command, **options):
+        """A process with its output in a file of that name."""
+        peer = start_peer(os.path.join(self.folder, name + ".txt"), *command, **options)
+        self.addCleanup(kill, peer)
+        return peer
+
+    def start_broker(self, port, access="allow_anonymous true"):
+        configuration = self.write("mosquitto.conf", f"listener {port} 127.0.0.1\n{access}\n")
+        return self.start_peer("broker", program("mosquitto"), "-c", configuration)
+
+    def start_prometheus(self, target):
+        """One that scrapes the target each second. Returns a function: the value of a query, or 0."""
+        self.need("prometheus")
+        address = f"127.0.0.1:{free_tcp_port()}"
+        configuration = self.write("prometheus.yml", "global: {scrape_interval: 1s}\n"
+                                   f"scrape_configs: [{{job_name: vlm, static_configs: [{{targets: ['{target}']}}]}}]\n")
+        self.start_peer("prometheus", "prometheus", f"--config.file={configuration}", f"--web.listen-address={address}",
+                        f"--storage.tsdb.path={self.folder}/tsdb")
+
+        def value(query):
+            try:
+                url = f"http://{address}/api/v1/query?query={urllib.parse.quote(query)}"
+                with urllib.request.urlopen(url, timeout=30) as answer:
+                    found = json.load(answer)["data"]["result"]
+            except OSError:
+                return 0  # it has not started yet
+            return float(found[0]["value"][1]) if found else 0
+        return value
 
 
 def ask(path, request):
@@ -93,7 +160,7 @@ def merged(base, changes):
 
 
 class Vlmmaster:
-    """A process with its output, line by line.
+    """A process with its output in a file.
 
     `manifest` changes the machine manifest, `environment` and `inside` are for the program alone: variables, and
     what stands between the namespace's making and the program. `outside` stands before all of it.
@@ -103,63 +170,42 @@ class Vlmmaster:
                  environment=None, outside=()):
         self.folder = folder
         self.socket = os.path.join(folder, "state.sock")
-        path = os.path.join(folder, "manifest.json")
+        path = Path(folder, "manifest.json")
         content = {"log": {"dlt": False},
                    "state": {"socket": self.socket},
                    "someip": {"address": address, "discovery": {"port": port or free_udp_port()}},
                    "backend": {"directory": {"path": os.path.join(folder, "backend")}}}
-        with open(path, "w") as file:
-            json.dump(merged(content, manifest or {}), file)
-        self.lines = []
-        self._incoming = queue.Queue()
+        path.write_text(json.dumps(merged(content, manifest or {})))
         inside = ["env", *(f"{name}={value}" for name, value in environment.items())] if environment else []
-        self.process = subprocess.Popen(
-            [*outside, WITH_CATALOG, catalog, *inside, VLMMASTER, *arguments], cwd=folder, text=True, errors="replace",
-            env=dict(os.environ, VLM_MACHINE_MANIFEST=path), stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, preexec_fn=before)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        self._output = Path(folder, "output.txt")
+        self._waited_to = 0
+        self.process = start_peer(self._output, *outside, WITH_CATALOG, catalog, *inside, VLMMASTER, *arguments, cwd=folder,
+                                  env=dict(os.environ, VLM_MACHINE_MANIFEST=str(path)), preexec_fn=before)
 
-    def _read(self):
-        for line in self.process.stdout:
-            self._incoming.put(line.rstrip("\n"))
-        self._incoming.put(None)
+    def text(self):
+        return self._output.read_text(errors="replace")
 
-    def _next(self, deadline):
-        line = self._incoming.get(timeout=max(0.0, deadline - time.monotonic()))
-        if line is not None:
-            self.lines.append(line)
-        return line
+    @property
+    def lines(self):
+        return self.text().splitlines()
 
     def wait_for(self, text):
-        """The first line with the text among those not read yet."""
-        deadline = time.monotonic() + DEADLINE
-        try:
-            while (line := self._next(deadline)) is not None:
-                if text in line:
-                    return line
-        except queue.Empty:
-            pass
-        raise AssertionError(f"no line with {text!r} in:\n" + "\n".join(self.lines[-40:]))
-
-    def see(self, text):
-        """As wait_for(), but among all lines."""
-        if not any(text in line for line in self.lines):
-            self.wait_for(text)
+        """That the text comes, after those waited for before."""
+        def found():
+            ended = self.process.poll() is not None
+            at = self.text().find(text, self._waited_to)
+            assert at >= 0 or not ended, f"ended without {text!r}:\n" + "\n".join(self.lines[-40:])
+            self._waited_to = at + len(text) if at >= 0 else self._waited_to
+            return at >= 0
+        wait_until(found, lambda: f"{text!r} in:\n" + "\n".join(self.lines[-40:]))
 
     def end(self, limit=DEADLINE):
-        """The exit status, after reading all output."""
+        """The exit status."""
         try:
-            status = self.process.wait(timeout=limit)
+            return self.process.wait(timeout=limit)
         except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
+            kill(self.process)
             raise AssertionError("does not end:\n" + "\n".join(self.lines[-40:]))
-        self._reader.join()
-        while self._next(time.monotonic() + DEADLINE) is not None:
-            pass
-        self.process.stdout.close()
-        return status
 
     def stop(self, number=signal.SIGTERM, limit=STOP_LIMIT):
         self.process.send_signal(number)
@@ -183,24 +229,16 @@ class Vlmmaster:
         wait_until(lambda: self.count(name) >= least,
                    lambda: f"{name} >= {least} in {json.dumps(self.status())}", deadline, 0.05)
 
-    def text(self):
-        return "\n".join(self.lines)
-
     def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.end()
+        kill(self.process)
 
 
 class Vehicle:
     """vlm-vehicle; its output goes to a file."""
 
     def __init__(self, folder, port, *arguments, environment=None):
-        self.output = os.path.join(folder, "vehicle.txt")
-        with open(self.output, "ab") as out:
-            self.process = subprocess.Popen(
-                [VLM_VEHICLE, "--discovery-port", str(port), "--status-seconds", "0", *arguments],
-                env=dict(os.environ, **(environment or {})), stdin=subprocess.DEVNULL, stdout=out, stderr=out)
+        self.process = start_peer(os.path.join(folder, "vehicle.txt"), VLM_VEHICLE, "--discovery-port", str(port),
+                                  "--status-seconds", "0", *arguments, env=dict(os.environ, **(environment or {})))
 
     def end(self, number=signal.SIGKILL):
         if self.process.poll() is None:

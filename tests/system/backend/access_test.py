@@ -5,11 +5,9 @@ The environment is that of tests/support/processes.py, and VLM_BACKEND and VLM_S
 """
 import json
 import os
-import shutil
 import socket
 import subprocess
 import sys
-import tempfile
 import threading
 import unittest
 from pathlib import Path
@@ -17,11 +15,10 @@ from pathlib import Path
 import paho.mqtt.client as mqtt
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import DEADLINE, Vlmmaster, free_tcp_port, wait_until  # noqa: E402
+from processes import DEADLINE, ProcessCase, Vlmmaster, free_tcp_port, program, wait_until  # noqa: E402
 
 VLM_BACKEND = os.environ["VLM_BACKEND"]
 SOURCE = Path(os.environ["VLM_SOURCE"])
-PATH = os.environ["PATH"] + ":/usr/sbin"
 PASSWORDS = {"backend": "b1", "bench": "v1", "other": "v2"}
 
 
@@ -70,27 +67,21 @@ class Client:
         self.client.loop_stop()
 
 
-class AccessTest(unittest.TestCase):
+class AccessTest(ProcessCase):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory(prefix="vlm-access-")
-        self.addCleanup(temporary.cleanup)
-        self.folder = Path(temporary.name)
+        super().setUp()
         self.port = free_tcp_port()
         for file in ("access.acl", "mosquitto.conf"):
             text = (SOURCE / "examples/mosquitto" / file).read_text()
             self.assertIn("listener 1883 127.0.0.1", text) if file.endswith("conf") else None
-            (self.folder / file).write_text(text.replace("listener 1883 127.0.0.1", f"listener {self.port} 127.0.0.1\nuser root"))
-            (self.folder / file).chmod(0o600)
-        passwords = self.folder / "passwords"
+            path = self.write(file, text.replace("listener 1883 127.0.0.1", f"listener {self.port} 127.0.0.1\nuser root"))
+            os.chmod(path, 0o600)
+        passwords = Path(self.folder, "passwords")
         passwords.touch(0o600)
         for login, password in PASSWORDS.items():
-            subprocess.run([shutil.which("mosquitto_passwd", path=PATH), "-b", passwords, login, password], check=True)
-        with open(self.folder / "broker.txt", "wb") as out:
-            broker = subprocess.Popen([shutil.which("mosquitto", path=PATH), "-c", "mosquitto.conf"], cwd=self.folder,
-                                      stdin=subprocess.DEVNULL, stdout=out, stderr=out)
-        self.addCleanup(broker.wait)
-        self.addCleanup(broker.kill)
-        wait_until(self.takes_connections, lambda: (self.folder / "broker.txt").read_text())
+            subprocess.run([program("mosquitto_passwd"), "-b", passwords, login, password], check=True)
+        self.start_peer("broker", program("mosquitto"), "-c", "mosquitto.conf", cwd=self.folder)
+        wait_until(self.takes_connections, Path(self.folder, "broker.txt").read_text)
 
     def takes_connections(self):
         try:
@@ -105,14 +96,10 @@ class AccessTest(unittest.TestCase):
         return client
 
     def backend(self):
-        output = self.folder / "backend.txt"
-        with open(output, "wb") as out:
-            process = subprocess.Popen(
-                [VLM_BACKEND, "--port", str(self.port), "--prefix", "vlm/+", "--user", "backend", "--listen", "none",
-                 "--database", str(self.folder / "vehicles.db"), "--config", str(SOURCE / "examples/collector.json")],
-                env={**os.environ, "VLM_BACKEND_PASSWORD": PASSWORDS["backend"]}, stdin=subprocess.DEVNULL, stdout=out, stderr=out)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
+        self.start_peer("backend", VLM_BACKEND, "--port", self.port, "--prefix", "vlm/+", "--user", "backend", "--listen", "none",
+                        "--database", f"{self.folder}/vehicles.db", "--config", SOURCE / "examples/collector.json",
+                        env={**os.environ, "VLM_BACKEND_PASSWORD": PASSWORDS["backend"]})
+        output = Path(self.folder, "backend.txt")
         wait_until(lambda: "connected to the broker" in output.read_text(), output.read_text)
         return output
 
@@ -140,9 +127,8 @@ class AccessTest(unittest.TestCase):
 
     def test_vlmmaster_and_vlm_backend_work_with_these_rules(self):
         output = self.backend()
-        application = self.folder / "vlm.json"
-        application.write_text('{"OfferedDataTypes": ["VLMReport"]}')
-        master = Vlmmaster(["-c", str(application)], str(self.folder), manifest={"backend": {"transport": "mqtt", "mqtt": {
+        application = self.write("vlm.json", '{"OfferedDataTypes": ["VLMReport"]}')
+        master = Vlmmaster(["-c", application], self.folder, manifest={"backend": {"transport": "mqtt", "mqtt": {
             "port": self.port, "prefix": "vlm/bench", "user": "bench", "password": PASSWORDS["bench"]}}})
         self.addCleanup(master.kill)
         wait_until(lambda: "vlm/bench asks for a configuration" in output.read_text(), output.read_text)

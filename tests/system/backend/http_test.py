@@ -9,26 +9,26 @@ import contextlib
 import http.client
 import json
 import os
-import queue
-import re
 import signal
 import socket
 import ssl
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import unittest
 import urllib.parse
-import urllib.request
 from pathlib import Path
 
 import jsonschema
 import yaml
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
+from processes import DEADLINE, ProcessCase, kill, start_peer, wait_until  # noqa: E402
+
 BACKEND = os.environ["VLM_BACKEND"]
 CONTRACT = yaml.safe_load((Path(os.environ["VLM_SOURCE"]) / "backend/api/openapi.yaml").read_text())
-DEADLINE = 60  # s; reached only on failure
 NOW = 1_700_000_000_000  # ms
 SAMPLES = 3000
 
@@ -52,21 +52,17 @@ class Backend:
     def __init__(self, folder, *arguments, listen="127.0.0.1:0", environment=None):
         self.folder = Path(folder)
         self.file = self.folder / "envelopes.jsonl"
-        self.lines = queue.Queue()
-        self.process = subprocess.Popen(
-            [BACKEND, "--database", str(self.folder / "vehicles.db"), "--prefix", "vlm/bench", "--follow",
-             str(self.file), "--listen", listen, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, text=True, env={**os.environ, **(environment or {})})
-        self.reader = threading.Thread(target=lambda: [self.lines.put(line) for line in self.process.stdout], daemon=True)
-        self.reader.start()
-        self.url = self.wait_for("the page is at ").split("the page is at ")[1].strip()
-        self.port = urllib.parse.urlsplit(self.url).port
+        self.output = self.folder / "vlm-backend.txt"
+        self.process = start_peer(self.output, BACKEND, "--database", self.folder / "vehicles.db", "--prefix", "vlm/bench",
+                                  "--follow", self.file, "--listen", listen, *arguments,
+                                  env={**os.environ, **(environment or {})})
+        self.port = urllib.parse.urlsplit(self.wait_for("the page is at ").split()[-1]).port
 
     def wait_for(self, text):
-        deadline = time.monotonic() + DEADLINE
-        while text not in (line := self.lines.get(timeout=max(0.0, deadline - time.monotonic()))):
-            pass
-        return line
+        """The line with that text."""
+        lines = lambda: self.output.read_text().splitlines(keepends=True)  # noqa: E731
+        return wait_until(lambda: next((line for line in lines() if text in line and line.endswith("\n")), None),
+                          lambda: f"{text!r} in:\n{''.join(lines())}")
 
     def write(self, *lines):
         with open(self.file, "a") as file:
@@ -98,16 +94,11 @@ class Backend:
             return answer
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
+        self.process.send_signal(signal.SIGTERM)
         try:
             return self.process.wait(10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            raise AssertionError("vlm-backend does not end")
         finally:
-            self.reader.join(DEADLINE)
-            self.process.stdout.close()
+            kill(self.process)
 
 
 def schema_of(node):
@@ -193,16 +184,6 @@ class Contract(unittest.TestCase):
                         jsonschema.validate(json.loads(body), schema_of(described[kind]["schema"]))
                     self.assertEqual(self.backend.ask(target, "HEAD")[::2], (200, b""))
 
-    def test_answers_hold_what_was_stored(self):
-        def ask(what):
-            return json.loads(self.backend.ask("/api/vehicles/bench" + what)[2])
-        self.assertEqual((ask("")["reports"], ask("")["samples"], ask("")["unusable"]), (SAMPLES // 600, SAMPLES, 1))
-        track = ask("/track?points=100")
-        self.assertEqual((len(track["timesMs"]), track["samples"], track["latitudes"][0]), (100, SAMPLES, 48))
-        csv = self.backend.ask("/api/vehicles/bench/export?form=csv&columns=gnss_positions.latitude")[2].decode()
-        self.assertEqual(len(csv.splitlines()), SAMPLES + 1)
-        self.assertIn("\r\n2023-11-14T22:13:20.100Z,1,48.0001\r\n", csv)
-
     def test_wrong_requests_get_a_reason_and_break_nothing(self):
         ask = self.backend.ask
         json_type = {"Content-Type": "application/json"}
@@ -236,11 +217,10 @@ class Contract(unittest.TestCase):
         self.assertNotIn("Access-Control-Allow-Origin", headers)
 
 
-class Updates(unittest.TestCase):
+class Updates(ProcessCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.backend = Backend(folder.name)
+        super().setUp()
+        self.backend = Backend(self.folder)
         self.addCleanup(self.backend.stop)
         self.backend.fill()
 
@@ -277,20 +257,17 @@ class Updates(unittest.TestCase):
         self.assertEqual(self.backend.ask("/api/vehicles/bench")[0], 200)
         for peer in others:
             peer.close()
-        deadline = time.monotonic() + DEADLINE
-        while (b"vlm_backend_update_readers 2" not in self.backend.ask("/metrics")[2]):
-            self.assertLess(time.monotonic(), deadline, "readers that have gone are still counted")
-            time.sleep(0.1)
+        wait_until(lambda: b"vlm_backend_update_readers 2" in self.backend.ask("/metrics")[2],
+                   "that readers that have gone are not counted")
         began = time.monotonic()
         self.assertEqual(self.backend.stop(), 0)
         self.assertLess(time.monotonic() - began, 5)
 
 
-class Access(unittest.TestCase):
+class Access(ProcessCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = Path(folder.name)
+        super().setUp()
+        self.folder = Path(self.folder)
 
     def refuse(self, *arguments, environment=None):
         done = subprocess.run([BACKEND, "--database", str(self.folder / "v.db"), *arguments], text=True,
@@ -362,35 +339,10 @@ class Access(unittest.TestCase):
         backend = Backend(self.folder)
         self.addCleanup(backend.stop)
         backend.fill()
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
-        config = self.folder / "prometheus.yml"
-        config.write_text(yaml.safe_dump({"scrape_configs": [
-            {"job_name": "backend", "scrape_interval": "1s", "static_configs": [{"targets": [f"127.0.0.1:{backend.port}"]}]}]}))
-        with open(self.folder / "prometheus.log", "wb") as log:
-            process = subprocess.Popen(["prometheus", f"--config.file={config}", f"--web.listen-address=127.0.0.1:{port}",
-                                        f"--storage.tsdb.path={self.folder / 'tsdb'}"], stdout=log, stderr=log)
-
-        def end():
-            process.terminate()
-            process.wait(DEADLINE)
-        self.addCleanup(end)
-
-        def value(expression):
-            with contextlib.suppress(OSError):
-                address = f"http://127.0.0.1:{port}/api/v1/query?query={urllib.parse.quote(expression)}"
-                with urllib.request.urlopen(address, timeout=5) as answer:
-                    result = json.load(answer)["data"]["result"]
-                    return result[0]["value"][1] if result else None
-            return None
-        deadline = time.monotonic() + DEADLINE
-        while (found := value("vlm_backend_samples_total")) is None:
-            self.assertLess(time.monotonic(), deadline, (self.folder / "prometheus.log").read_text())
-            time.sleep(0.1)
-        self.assertEqual(found, str(SAMPLES))
-        self.assertEqual(value('vlm_backend_envelopes_total'), str(SAMPLES // 600 + 1))
-        self.assertEqual(value('vlm_backend_database_up'), "1")
+        value = self.start_prometheus(f"127.0.0.1:{backend.port}")
+        wait_until(lambda: value("vlm_backend_samples_total") == SAMPLES, "the samples in Prometheus", period=0.3)
+        self.assertEqual(value("vlm_backend_envelopes_total"), SAMPLES // 600 + 1)
+        self.assertEqual(value("vlm_backend_database_up"), 1)
 
 
 class ThisMachine(unittest.TestCase):

@@ -8,21 +8,17 @@ import hashlib
 import json
 import os
 import re
-import shutil
 import subprocess
 import sys
-import tempfile
-import time
+import timeit
 import unittest
-import urllib.parse
 import urllib.request
 from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import Vehicle, Vlmmaster, free_tcp_port, free_udp_port, wait_until  # noqa: E402
+from processes import ProcessCase, Vehicle, Vlmmaster, free_udp_port, kill, wait_until  # noqa: E402
 
 VLM_STATUS = os.environ["VLM_STATUS"]
-PROMETHEUS, PROMTOOL = shutil.which("prometheus"), shutil.which("promtool")
 OPEN = {"Accept": "application/openmetrics-text; version=1.0.0"}
 
 
@@ -31,25 +27,19 @@ def fetched(url, headers=None):
         return answer.headers["Content-Type"], answer.read().decode()
 
 
-class MetricsTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        temporary = tempfile.TemporaryDirectory(prefix="vlm-metrics-")
-        cls.addClassCleanup(temporary.cleanup)
-        cls.folder = Path(temporary.name)
+class MetricsTest(ProcessCase):
+    def setUp(self):
+        super().setUp()
         port = free_udp_port()
-        cls.application = cls.folder / "vlm.json"
-        cls.application.write_text('{"OfferedDataTypes": ["VLMReport"]}')
-        collector = cls.folder / "collector.json"
-        collector.write_text(json.dumps({
+        self.application = self.write("vlm.json", '{"OfferedDataTypes": ["VLMReport"]}')
+        collector = self.write("collector.json", json.dumps({
             "CONFIG": [{"name": "metrics", "version": "1"}], "CLOCK": [{"name": "tick", "duration": 60000}],
             "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
             "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
-        cls.master = Vlmmaster(["-c", str(cls.application), "-l", str(collector)], str(cls.folder), port=port)
-        cls.addClassCleanup(cls.master.kill)
-        vehicle = Vehicle(str(cls.folder), port, "--services", "GNSS")
-        cls.addClassCleanup(vehicle.end)
-        cls.master.wait_for_count("records.collected", 3)
+        self.master = Vlmmaster(["-c", self.application, "-l", collector], self.folder, port=port)
+        self.addCleanup(self.master.kill)
+        self.addCleanup(Vehicle(self.folder, port, "--services", "GNSS").end)
+        self.master.wait_for_count("records.collected", 3)
 
     def status(self, *arguments):
         return subprocess.run([VLM_STATUS, *arguments, "--socket", self.master.socket], capture_output=True, text=True,
@@ -59,13 +49,8 @@ class MetricsTest(unittest.TestCase):
         """The exporter's address; it serves until the end of the test."""
         process = subprocess.Popen([VLM_STATUS, "--listen", "127.0.0.1:0", "--socket", path], stdout=subprocess.PIPE,
                                    stdin=subprocess.DEVNULL, text=True)
-
-        def end():
-            process.kill()
-            process.wait()
-            process.stdout.close()
-
-        self.addCleanup(end)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(kill, process)
         return re.search(r"http://\S+", process.stdout.readline())[0]
 
     def test_every_value_of_the_status_is_a_described_metric(self):
@@ -78,9 +63,9 @@ class MetricsTest(unittest.TestCase):
         count = re.search(r"^vlm_latency_event_to_output_seconds_count (\d+)$", text, flags=re.M)
         self.assertGreaterEqual(int(count[1]), 3)
 
-    @unittest.skipUnless(PROMTOOL, "promtool is not installed")
     def test_promtool_accepts_the_metrics(self):
-        found = subprocess.run([PROMTOOL, "check", "metrics"], input=self.status("--prometheus"), capture_output=True,
+        self.need("promtool")
+        found = subprocess.run(["promtool", "check", "metrics"], input=self.status("--prometheus"), capture_output=True,
                                text=True, timeout=60)
         self.assertEqual((found.returncode, found.stdout + found.stderr), (0, ""))
 
@@ -92,51 +77,23 @@ class MetricsTest(unittest.TestCase):
         kind, text = fetched(url)
         self.assertTrue(kind.startswith("text/plain"))
         self.assertIn("\nvlm_up 1\n", text)
-        self.assertIn("\nvlm_up 0\n", fetched(self.exporter(str(self.folder / "nobody")))[1])
-        took = []
-        for _ in range(50):
-            begin = time.monotonic()
-            fetched(url)
-            took.append(time.monotonic() - begin)
-        print(f"one scrape: {sorted(took)[25] * 1000:.2f} ms", file=sys.stderr)
+        self.assertIn("\nvlm_up 0\n", fetched(self.exporter(os.path.join(self.folder, "nobody")))[1])
+        took = sorted(timeit.repeat(lambda: fetched(url), number=1, repeat=50))
+        print(f"one scrape: {took[25] * 1000:.2f} ms", file=sys.stderr)
 
-    @unittest.skipUnless(PROMETHEUS, "prometheus is not installed")
     def test_prometheus_scrapes(self):
-        target = self.exporter(self.master.socket).split("/")[2]
-        port = free_tcp_port()
-        (self.folder / "prometheus.yml").write_text(
-            "global: {scrape_interval: 1s}\n"
-            f"scrape_configs: [{{job_name: vlm, static_configs: [{{targets: ['{target}']}}]}}]\n")
-        with open(self.folder / "prometheus.txt", "wb") as out:
-            server = subprocess.Popen(
-                [PROMETHEUS, f"--config.file={self.folder}/prometheus.yml", f"--storage.tsdb.path={self.folder}/data",
-                 f"--web.listen-address=127.0.0.1:{port}"], stdout=out, stderr=out, stdin=subprocess.DEVNULL)
-
-        def end():
-            server.kill()
-            server.wait()
-
-        self.addCleanup(end)
-
-        def value(query):
-            try:
-                found = json.loads(fetched(f"http://127.0.0.1:{port}/api/v1/query?"
-                                           + urllib.parse.urlencode({"query": query}))[1])["data"]["result"]
-            except OSError:
-                return 0  # it has not started yet
-            return float(found[0]["value"][1]) if found else 0
-
+        value = self.start_prometheus(self.exporter(self.master.socket).split("/")[2])
         wait_until(lambda: value("vlm_samples_received_total") >= 3, "samples in Prometheus", period=0.3)
         self.assertEqual(value("vlm_up"), 1)
         self.assertGreaterEqual(value('vlm_latency_event_to_output_seconds_bucket{le="+Inf"}'), 3)
 
     def test_a_bundle_has_digests_and_no_payloads(self):
-        file = self.folder / "bundle.json"
-        self.status("--bundle", str(file))
-        text = file.read_text()
+        file = os.path.join(self.folder, "bundle.json")
+        self.status("--bundle", file)
+        text = Path(file).read_text()
         bundle = json.loads(text)
         self.assertEqual(bundle["configuration"]["application"]["sha256"],
-                         hashlib.sha256(self.application.read_bytes()).hexdigest())
+                         hashlib.sha256(Path(self.application).read_bytes()).hexdigest())
         self.assertEqual(set(bundle["configuration"]), {"application", "collector", "manifest", "catalog"})
         self.assertGreaterEqual(bundle["status"]["samples"]["received"], 3)
         self.assertEqual(bundle["versions"]["vlm-status"], bundle["status"]["process"]["version"])

@@ -9,7 +9,6 @@ import json
 import os
 import re
 import resource
-import shutil
 import signal
 import socket
 import subprocess
@@ -22,11 +21,10 @@ from datetime import datetime
 from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import (CATALOG, STOP_LIMIT, Vehicle, Vlmmaster, faster_clock, free_tcp_port, free_udp_port,  # noqa: E402
-                       merged, wait_until)
+from processes import (CATALOG, STOP_LIMIT, ProcessCase, Vehicle, Vlmmaster, faster_clock, free_tcp_port,  # noqa: E402
+                       free_udp_port, merged, wait_until)
 
 MAIN = " int main(int, char**) "
-BROKER = shutil.which("mosquitto", path=os.environ["PATH"] + ":/usr/sbin")
 STATE = (" main(int, char**)::<lambda(const ara::stm::ComponentClient&, uint32_t, const ComponentState&)> ")
 
 
@@ -35,23 +33,15 @@ def pattern_of(row):
     return re.escape(row).replace(r"\#", r"\d+").replace("…", ".*")
 
 
-class ProcessTest(unittest.TestCase):
+class ProcessTest(ProcessCase):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory(prefix="vlm-process-")
-        self.addCleanup(temporary.cleanup)
-        self.folder = temporary.name
+        super().setUp()
         self.application = self.write("vlm.json", '{"OfferedDataTypes": ["a", "b"]}')
         self.collector = self.write("collector.json", json.dumps({
             "CONFIG": [{"name": "process", "version": "1"}],
             "CLOCK": [{"name": "tick", "duration": 60000}],
             "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
             "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
-
-    def write(self, name, content):
-        path = os.path.join(self.folder, name)
-        with open(path, "w") as file:
-            file.write(content)
-        return path
 
     def start(self, *arguments, **options):
         folder = tempfile.mkdtemp(dir=self.folder)
@@ -133,8 +123,7 @@ class MainLoop(ProcessTest):
         for state, text in (("kPrepSD", "VLM Application is in kPrepSD state "),
                             ("kOn", "VLM Application is in kOn state "),
                             ("kNew", "VLM Application does not know the process state.")):
-            answer = master.ask({"request": "state", "state": state})
-            self.assertEqual(answer["state"], state)
+            self.assertEqual(master.ask({"request": "state", "state": state})["state"], state)
             for line in ("STATE = " + state, text, "Sent successful confirmation of change of state"):
                 master.wait_for(STATE + line)
         self.assertEqual(master.stop(), 0, master.text())
@@ -178,16 +167,15 @@ class MainLoop(ProcessTest):
                 master.wait_for(MAIN + "VLM Component client creation failed, ERR = generic:2")
             master.wait_for(reason)
             master.wait_for("Create Config parser from failed FAILED")
-            master.see("Size of All services and Resources = 0")
-            master.see(MAIN + "Sleeping for 30 secs")
+            for text in ("Size of All services and Resources = 0", MAIN + "Sleeping for 30 secs"):
+                wait_until(lambda: text in master.text(), text)
             self.assertEqual(master.stop(signal.SIGABRT), 0, master.text())
 
 
 class Retry(ProcessTest):
     def test_the_configuration_is_asked_for_every_eleven_minutes_until_it_comes(self):
         clock = faster_clock(200)
-        if clock is None:
-            self.skipTest("libfaketime is needed")
+        self.need(clock=clock)
         wanted = os.path.join(self.folder, "wanted.json")
         master = self.start("-c", self.application, environment=clock, manifest={
             "log": {"console": False},
@@ -205,13 +193,13 @@ class Retry(ProcessTest):
 
 class SharedMachine(ProcessTest):
     def neighbour(self, port):
-        output = self.write("neighbour.txt", "")
-        with open(output, "wb") as out:
-            process = subprocess.Popen([sys.executable, os.path.join(os.path.dirname(__file__), "neighbour.py"), str(port)],
-                                       stdin=subprocess.DEVNULL, stdout=out, stderr=out)
-        self.addCleanup(lambda: (process.kill(), process.wait()))
-        wait_until(lambda: Path(output).read_text().startswith("bound\n"), lambda: Path(output).read_text())
-        return output
+        """Another SOME/IP stack: it binds the discovery port at all addresses with reuse, as many do."""
+        channel = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(channel.close)
+        channel.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        channel.bind(("0.0.0.0", port))
+        channel.settimeout(STOP_LIMIT)
+        return channel
 
     def test_another_stack_shares_the_discovery_port_whichever_starts_first_and_a_second_vlmmaster_waits(self):
         for neighbour_first in (True, False):
@@ -224,7 +212,7 @@ class SharedMachine(ProcessTest):
             vehicle = Vehicle(self.folder, port, "--services", "GNSS", "--period-ms", "50")
             self.addCleanup(vehicle.end)
             master.wait_for_count("samples.received", 10)
-            wait_until(lambda: "127.0.0.2" in Path(heard).read_text(), "the vehicle's offers at the neighbour")
+            wait_until(lambda: heard.recvfrom(65536)[1][0] == "127.0.0.2", "the vehicle's offers at the neighbour")
             second = self.start(*arguments, port=port)
             second.wait_for(f"SOME/IP is not up, trying again: another process of this kind uses 127.0.0.1:{port}")
             master.kill()
@@ -263,13 +251,11 @@ class DrivenRun(ProcessTest):
     def setUp(self):
         super().setUp()
         self.clock = faster_clock(self.SPEED)
-        if self.clock is None or not BROKER:
-            self.skipTest("libfaketime and mosquitto are needed")
+        self.need("mosquitto", clock=self.clock)
         self.broker_port, self.port = free_tcp_port(), free_udp_port()
-        self.peer(BROKER, "-p", str(self.broker_port))
-        self.heard = os.path.join(self.folder, "heard")
+        self.start_broker(self.broker_port)
         wait_until(self.broker_answers, "the broker")
-        self.peer("mosquitto_sub", "-p", str(self.broker_port), "-t", "d/#", "-F", "%t %p", output=self.heard)
+        self.start_peer("heard", "mosquitto_sub", "-p", self.broker_port, "-t", "d/#", "-F", "%t %p")
         vehicle = Vehicle(self.folder, self.port, "--services", "GNSS,Temperature", "--period-ms", "2000",
                           environment=self.clock)
         self.addCleanup(vehicle.end)
@@ -280,11 +266,6 @@ class DrivenRun(ProcessTest):
         daemon = os.open(os.path.join(self.folder, "dlt"), os.O_RDWR)
         self.dlt = bytearray()
         threading.Thread(target=lambda: [self.dlt.extend(os.read(daemon, 65536)) for _ in iter(int, 1)], daemon=True).start()
-
-    def peer(self, *command, output=os.devnull):
-        with open(output, "wb") as out:
-            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.DEVNULL)
-        self.addCleanup(lambda: (process.kill(), process.wait()))
 
     def broker_answers(self):
         with socket.socket() as probe:
@@ -308,8 +289,8 @@ class DrivenRun(ProcessTest):
         self.publish("d/config/response", [{"recordId": f"record{number}", "recordBody": body}])
 
     def on_topic(self, topic):
-        with open(self.heard) as file:
-            return [json.loads(line.split(" ", 1)[1]) for line in file if line.startswith(topic + " ") and line.endswith("\n")]
+        lines = Path(self.folder, "heard.txt").read_text().splitlines(keepends=True)
+        return [json.loads(line.split(" ", 1)[1]) for line in lines if line.startswith(topic + " ") and line.endswith("\n")]
 
     def numbers(self, count):
         """The numbers of the reports that came, once there are that many."""
@@ -344,7 +325,7 @@ class DrivenRun(ProcessTest):
         self.configure("4", ("outside", "Temperature", "temperatures", 0))
         master.wait_for_count("events.subscribed", 2)
         for state in ("kPrepSD", "kOn", "kNew"):
-            self.assertEqual(master.ask({"request": "state", "state": state})["state"], state)
+            master.ask({"request": "state", "state": state})
         self.assertEqual(master.stop(), 0, master.text())
 
         notices = self.notices()

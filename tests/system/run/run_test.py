@@ -16,13 +16,12 @@ import socket
 import struct
 import subprocess
 import sys
-import tempfile
 import termios
 import unittest
 from pathlib import Path
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import CATALOG, WITH_CATALOG, count_in, free_udp_port, status_of, wait_until  # noqa: E402
+from processes import CATALOG, WITH_CATALOG, ProcessCase, count_in, free_udp_port, kill, status_of, wait_until  # noqa: E402
 
 SOURCE = Path(os.environ["VLM_SOURCE"])
 DEADLINE = 240  # s; reached only on failure
@@ -94,26 +93,16 @@ class Bench:
     def abandon(self):
         """Ends what a failed test has left: the run, and all that it started."""
         started = children_of(self.process.pid)
-        self.process.poll() is None and self.process.kill()
-        self.process.wait()
+        kill(self.process)
         for pid in still_there(started):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
         wait_until(lambda: not still_there(started), "the end of all processes")
 
 
-class Run(unittest.TestCase):
-    def setUp(self):
-        self.folder = tempfile.TemporaryDirectory()
-        self.addCleanup(self.folder.cleanup)
-
-    def write(self, name, content):
-        path = Path(self.folder.name) / name
-        path.write_text(content)
-        return str(path)
-
+class Run(ProcessCase):
     def start(self, *arguments, **more):
-        bench = Bench(str(Path(self.folder.name) / "run"), *arguments, **more)
+        bench = Bench(os.path.join(self.folder, "run"), *arguments, **more)
         self.addCleanup(bench.abandon)
         return bench
 
@@ -142,13 +131,9 @@ class Run(unittest.TestCase):
         bench.wait_until(lambda: "Report DriveReport" in bench.text(), "a report")
         os.kill(int(pid), signal.SIGKILL)
         bench.wait_until(lambda: re.search(r"[2-9] envelopes wait in the spool", bench.text()), "a spool that fills")
-        broker = subprocess.Popen([command[0], "-c", command[1]], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        try:
-            bench.wait_until(lambda: "the spool is empty again" in bench.text(), "a spool that drains")
-            self.check_end(bench)
-        finally:
-            broker.kill()
-            broker.wait()
+        self.start_peer("broker", command[0], "-c", command[1])
+        bench.wait_until(lambda: "the spool is empty again" in bench.text(), "a spool that drains")
+        self.check_end(bench)
 
     def test_everything_that_the_catalog_names_can_be_collected_at_once(self):
         config = SOURCE / "examples/collector-everything.json"
