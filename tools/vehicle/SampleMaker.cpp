@@ -15,32 +15,6 @@ using qdr::services::FieldValues;
 
 namespace {
 
-constexpr const char* companionSuffix = "ValueType";
-
-bool endsWith(const std::string& text, const std::string& suffix) {
-    return text.size() > suffix.size() &&
-           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-const FieldInfo* findField(const DescribedEvent& event, const std::string& name) {
-    for (const auto& field : event.fields()) {
-        if (field.name == name) {
-            return &field;
-        }
-    }
-    return nullptr;
-}
-
-/// The field whose quality a "...ValueType" field gives; nullptr for other fields.
-const FieldInfo* companionOf(const DescribedEvent& event, const std::string& name) {
-    if (!endsWith(name, companionSuffix)) {
-        return nullptr;
-    }
-    const std::string base = name.substr(0, name.size() - std::string(companionSuffix).size());
-    const FieldInfo* field = findField(event, base + "PhysicalValue");
-    return field != nullptr ? field : findField(event, base);
-}
-
 /// A value that changes slowly in the middle of the field's range, different for each field.
 Reading plausible(const std::string& path, const FieldInfo& field, double time) {
     if (!field.enumerators.empty()) {
@@ -160,18 +134,9 @@ namespace {
 /// The field that distinguishes an event's samples; nullptr if the event has none.
 const FieldInfo* keyFieldOf(const DescribedEvent& event) {
     if (!event.key().empty()) {
-        return findField(event, event.key());
+        return event.find(event.key());
     }
-    return event.members().empty() ? nullptr : findField(event, event.members().front());
-}
-
-std::string nameOf(const FieldInfo& field, std::int64_t value) {
-    for (const auto& enumerator : field.enumerators) {
-        if (enumerator.value == value) {
-            return enumerator.name;
-        }
-    }
-    return {};
+    return event.members().empty() ? nullptr : event.find(event.members().front());
 }
 
 /// Returns the values of the key field for which samples are sent, one each.
@@ -223,7 +188,7 @@ std::vector<std::string> fieldsOf(const DescribedEvent& event, int key) {
 void replaceOverridden(FieldValues& sample, const std::string& service, const DescribedEvent& event, int key,
                        const std::vector<const FieldOverride*>& overrides) {
     for (const auto* forced : overrides) {
-        const FieldInfo* field = findField(event, forced->field);
+        const FieldInfo* field = event.find(forced->field);
         const bool concerned = forced->service == service && forced->event == event.name() &&
                                (!forced->key || *forced->key == key);
         if (field == nullptr || !concerned) {
@@ -254,16 +219,17 @@ std::vector<FieldValues> SampleMaker::make(const std::string& service, const Des
         sample[key->name] = static_cast<std::int64_t>(value);
         const std::uint64_t count = m_counts[{&event, value}]++;
         const auto read = [&](const FieldInfo& field) {
-            const Moment moment{state, state.controls, field, value, nameOf(*key, value), wallMs, count};
+            const Moment moment{state,  state.controls, field, value, std::string(key->nameOf(value)),
+                                wallMs, count};
             const Rule* rule = m_rules.rule(path, field.name);
             return rule != nullptr ? (*rule)(moment) : plausible(path + "." + field.name, field, state.time);
         };
         for (const auto& name : fieldsOf(event, value)) {
-            const FieldInfo* field = findField(event, name);
+            const FieldInfo* field = event.find(name);
             if (field == nullptr || field == key) {
                 continue;
             }
-            const FieldInfo* physical = companionOf(event, name);
+            const FieldInfo* physical = event.fieldOfState(name);
             if (physical != nullptr && m_rules.rule(path, name) == nullptr) {
                 sample[name] = fit(Reading(read(*physical).quality), *field);
             } else {

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -21,6 +22,7 @@
 #include "services/ProxyNames.h"
 #include "services/adapters/RegisteredAdapters.h"
 #include "services/adapters/ServiceAdapterBase.h"
+#include "someip/Runtime.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FieldValues.h"
 #include "tests/support/RecordValue.h"
@@ -66,8 +68,8 @@ constexpr std::int64_t kWithoutWriter = 200;
 /// An event under test: what is sent and what must arrive.
 class EventUnderTest {
   public:
-    EventUnderTest(DescribedEvent& event, std::string serviceName)
-        : m_event(event), m_serviceName(std::move(serviceName)) {
+    EventUnderTest(const DescribedService& service, DescribedEvent& event, std::string serviceName)
+        : m_service(service), m_event(event), m_serviceName(std::move(serviceName)) {
         for (std::size_t place = 0; place < event.fields().size(); ++place) {
             m_all[event.fields()[place].name] = valueFor(event.fields()[place], place);
         }
@@ -86,6 +88,7 @@ class EventUnderTest {
         add("nothing", {}, {}, std::nullopt);
     }
 
+    const DescribedService& service() const { return m_service; }
     DescribedEvent& event() const { return m_event; }
     const std::string& serviceName() const { return m_serviceName; }
     const std::vector<Case>& cases() const { return m_cases; }
@@ -162,6 +165,7 @@ class EventUnderTest {
         m_cases.push_back({std::move(what), std::move(sample), std::move(record)});
     }
 
+    const DescribedService& m_service;
     DescribedEvent& m_event;
     const std::string m_serviceName;
     FieldValues m_all;
@@ -206,6 +210,50 @@ std::vector<Value> recordsOf(EventUnderTest& one) {
     }
     return records;
 }
+
+/// What a client decodes with the event's description, for one event at a time.
+class Decoded {
+  public:
+    Decoded(const DescribedService& service, const DescribedEvent& event)
+        : m_event(event),
+          m_receiver(someip::Runtime::process().receive(
+              service.interface(), 1, event.interface(), [this](auto payload, auto& report) {
+                  std::vector<qdr::services::DecodedSample> samples;
+                  EXPECT_TRUE(m_event.decode(payload, samples, report)) << report.error;
+                  const std::lock_guard lock(m_guard);
+                  m_samples = std::move(samples);
+              })) {}
+    ~Decoded() { someip::Runtime::process().release(m_receiver); }
+
+    /// Each value that was sent must be in its place, and no other.
+    void expect(const std::vector<Case>& cases) {
+        ASSERT_TRUE(eventually([&] {
+            const std::lock_guard lock(m_guard);
+            return m_samples.size() == cases.size();
+        }));
+        for (std::size_t i = 0; i < cases.size(); ++i) {
+            FieldValues left = cases[i].sample;
+            for (std::size_t place = 0; place < m_event.fields().size(); ++place) {
+                const FieldInfo& field = m_event.fields()[place];
+                const auto& value = m_samples[i].at(place);
+                const auto sent = left.find(field.name);
+                ASSERT_EQ(value.has_value(), sent != left.end()) << cases[i].what << ": " << field.name;
+                if (value) {
+                    const Value decoded = std::visit([](const auto& held) { return Value(held); }, *value);
+                    EXPECT_EQ(decoded, inRecord(field, sent->second)) << cases[i].what << ": " << field.name;
+                    left.erase(sent);
+                }
+            }
+            EXPECT_TRUE(left.empty()) << cases[i].what;
+        }
+    }
+
+  private:
+    const DescribedEvent& m_event;
+    std::mutex m_guard;
+    std::vector<qdr::services::DecodedSample> m_samples;  ///< guarded by m_guard
+    const std::shared_ptr<someip::EventReceiver> m_receiver;
+};
 
 /// Expects the members of the required tables in the records.
 void expectRequired(const vlmTest::RequiredEvent& required, const std::vector<Value>& records) {
@@ -271,7 +319,8 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
         services.push_back(qdr::services::makeDescribedService(name));
         const std::string key = services.back()->registryKey();
         for (DescribedEvent* event : services.back()->events()) {
-            events.push_back(std::make_unique<EventUnderTest>(*event, key.empty() ? name + "Proxy" : key));
+            events.push_back(std::make_unique<EventUnderTest>(*services.back(), *event,
+                                                              key.empty() ? name + "Proxy" : key));
         }
         ASSERT_TRUE(services.back()->offer()) << name;
     }
@@ -286,7 +335,9 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     // One event after the other, so that no socket buffer has to hold all of them.
     for (const auto& one : events) {
         SCOPED_TRACE(one->serviceName() + " " + one->event().name());
+        Decoded decoded(one->service(), one->event());
         const std::vector<Value> records = recordsOf(*one);
+        decoded.expect(one->cases());
         ASSERT_EQ(records.size(), one->cases().size());
         for (std::size_t i = 0; i < records.size(); ++i) {
             Value record = records[i];

@@ -49,12 +49,38 @@ WholeNumber wholeNumber(const FieldInfo& field, const FieldValue& value) {
 
 }  // namespace
 
+std::string_view FieldInfo::nameOf(std::int64_t value) const {
+    const auto found = std::ranges::find(enumerators, value, &EnumeratorInfo::value);
+    return found == enumerators.end() ? std::string_view() : found->name;
+}
+
+const FieldInfo* DescribedEvent::find(std::string_view name) const {
+    const auto found =
+        std::ranges::find_if(fields(), [&](const FieldInfo& field) { return field.name == name; });
+    return found == fields().end() ? nullptr : &*found;
+}
+
+const FieldInfo& DescribedEvent::indexField() const {
+    const FieldInfo* const found = find(key());
+    return found != nullptr ? *found : fields().front();
+}
+
+const FieldInfo* DescribedEvent::fieldOfState(std::string_view name) const {
+    constexpr std::string_view suffix = "ValueType";
+    if (!name.ends_with(suffix) || name.size() == suffix.size()) {
+        return nullptr;
+    }
+    const std::string base(name.substr(0, name.size() - suffix.size()));
+    const FieldInfo* const physical = find(base + "PhysicalValue");
+    return physical != nullptr ? physical : find(base);
+}
+
 EventDescription describeEvent(const ac::com::EventInterface& event, std::span<const FieldRow> fields,
-                               unsigned int cycleMs) {
+                               std::span<const IndexInfo> indexes, unsigned int cycleMs) {
     EventDescription description;
     description.name = event.name;
-    description.eventId = event.eventId;
-    description.eventgroupId = event.eventgroupId;
+    description.interface = event;
+    description.indexes.assign(indexes.begin(), indexes.end());
     description.cycleMs = cycleMs;
     for (const FieldRow& row : fields) {
         description.fields.push_back({row.name,

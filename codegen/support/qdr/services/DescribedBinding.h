@@ -28,9 +28,9 @@ struct FieldRow {
     double maximum = 0;
 };
 
-/// An event's description without key, writers and members.
+/// An event's description without summary, key, writers and members.
 EventDescription describeEvent(const ac::com::EventInterface& event, std::span<const FieldRow> fields,
-                               unsigned int cycleMs);
+                               std::span<const IndexInfo> indexes, unsigned int cycleMs);
 /// Splits a text at its single blanks.
 std::vector<std::string> splitNames(std::string_view names);
 
@@ -41,7 +41,7 @@ class SampleSource {
         : m_event(event), m_values(values) {}
 
     template <typename T>
-    void take(std::size_t field, eb::com::optional<T>& out) {
+    void field(std::size_t field, eb::com::optional<T>& out) {
         const FieldValue* const value = find(field);
         if (value == nullptr) {
             return;
@@ -99,14 +99,46 @@ class SampleSource {
     std::string m_error;
 };
 
+/// Copies one sample's fields to their places in a decoded sample.
+class SampleReader {
+  public:
+    explicit SampleReader(DecodedSample& out) : m_out(out) {}
+
+    template <typename T>
+    void field(std::size_t field, const eb::com::optional<T>& in) {
+        if (in) {
+            m_out[field] = valueOf(*in);
+        }
+    }
+
+  private:
+    template <typename T>
+    static FieldValue valueOf(const T& value) {
+        if constexpr (std::is_enum_v<T>) {
+            return valueOf(static_cast<std::underlying_type_t<T>>(value));
+        } else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, std::string>) {
+            return value;
+        } else if constexpr (std::is_floating_point_v<T>) {
+            return static_cast<double>(value);
+        } else if constexpr (std::is_signed_v<T>) {
+            return std::int64_t{value};
+        } else {
+            return std::uint64_t{value};
+        }
+    }
+
+    DecodedSample& m_out;
+};
+
 /// Data-driven access to an event of a skeleton.
 template <class DT>
 class BoundEvent final : public DescribedEvent {
   public:
     using Fill = void (*)(SampleSource& from, DT& sample);
+    using Read = void (*)(SampleReader& to, const DT& sample);
 
-    BoundEvent(EventDescription description, ac::com::SkeletonEvent<DT>& event, Fill fill)
-        : DescribedEvent(std::move(description)), m_event(event), m_fill(fill) {}
+    BoundEvent(EventDescription description, ac::com::SkeletonEvent<DT>& event, Fill fill, Read read)
+        : DescribedEvent(std::move(description)), m_event(event), m_fill(fill), m_read(read) {}
 
     bool send(const std::vector<FieldValues>& values) override {
         std::vector<DT> samples;
@@ -116,6 +148,18 @@ class BoundEvent final : public DescribedEvent {
     bool sendFaulty(const std::vector<FieldValues>& values, const someip::WireFault& fault) override {
         std::vector<DT> samples;
         return makeSamples(values, samples) && m_event.SendFaulty(samples, fault);
+    }
+
+    bool decode(std::span<const std::uint8_t> payload, std::vector<DecodedSample>& samples,
+                someip::DecodeReport& report) const override {
+        std::vector<DT> decoded;
+        const bool good = someip::decodeSamples(payload, decoded, report);
+        samples.assign(decoded.size(), DecodedSample(fields().size()));
+        for (std::size_t i = 0; i < decoded.size(); ++i) {
+            SampleReader reader(samples[i]);
+            m_read(reader, decoded[i]);
+        }
+        return good;
     }
 
     std::size_t subscribers() const override { return m_event.subscribers(); }
@@ -142,30 +186,30 @@ class BoundEvent final : public DescribedEvent {
 
     ac::com::SkeletonEvent<DT>& m_event;
     const Fill m_fill;
+    const Read m_read;
 };
 
 /// Data-driven access to a service; owns its skeleton.
 template <class Skeleton>
 class BoundService final : public DescribedService {
   public:
-    BoundService(std::string name, std::string registryKey, std::string catalogName, std::uint16_t serviceId)
-        : m_name(std::move(name)),
-          m_registryKey(std::move(registryKey)),
-          m_catalogName(std::move(catalogName)),
-          m_serviceId(serviceId) {}
+    BoundService(std::string registryKey, std::string catalogName, const char* summary)
+        : m_registryKey(std::move(registryKey)), m_catalogName(std::move(catalogName)), m_summary(summary) {}
 
     Skeleton& skeleton() { return m_skeleton; }
 
-    template <class DT>
-    void add(EventDescription description, ac::com::SkeletonEvent<DT>& event,
-             std::type_identity_t<typename BoundEvent<DT>::Fill> fill) {
-        m_events.push_back(std::make_unique<BoundEvent<DT>>(std::move(description), event, fill));
+    /// `visit(visitor, sample)` calls visitor.field(data id, member) for each field, for SampleSource and
+    /// SampleReader.
+    template <class DT, class Visit>
+    void add(EventDescription description, ac::com::SkeletonEvent<DT>& event, Visit visit) {
+        m_events.push_back(std::make_unique<BoundEvent<DT>>(std::move(description), event, visit, visit));
     }
 
     const std::string& name() const override { return m_name; }
     const std::string& registryKey() const override { return m_registryKey; }
     const std::string& catalogName() const override { return m_catalogName; }
-    std::uint16_t serviceId() const override { return m_serviceId; }
+    const ac::com::ServiceInterface& interface() const override { return m_skeleton.serviceInterface(); }
+    const char* summary() const override { return m_summary; }
 
     bool offer() override { return m_skeleton.OfferService(); }
     void stopOffer() override { m_skeleton.StopOfferService(); }
@@ -179,11 +223,11 @@ class BoundService final : public DescribedService {
     }
 
   private:
-    const std::string m_name;
+    Skeleton m_skeleton;
+    const std::string m_name{m_skeleton.serviceInterface().name};
     const std::string m_registryKey;
     const std::string m_catalogName;
-    const std::uint16_t m_serviceId;
-    Skeleton m_skeleton;
+    const char* const m_summary;
     std::vector<std::unique_ptr<DescribedEvent>> m_events;  ///< refer to m_skeleton
 };
 
