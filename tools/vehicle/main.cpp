@@ -19,7 +19,7 @@
 #include "base/Version.h"
 #include "kyo/Log.h"
 #include "machine/Manifest.h"
-#include "tools/check/Document.h"
+#include "tools/network/NetworkOptions.h"
 #include "tools/vehicle/Names.h"
 #include "tools/vehicle/Vehicle.h"
 
@@ -71,36 +71,11 @@ std::pair<std::string, std::string> splitAt(const std::string& text, const char*
     return {text.substr(0, sign), text.substr(sign + 1)};
 }
 
-/// The "someip" section of the manifest file, if one is given, changed by the options.
+/// The network options as the middleware takes them.
 std::string someipSection(const cxxopts::ParseResult& given) {
-    kyo::Json::Value section(kyo::Json::objectValue);
-    section["address"] = "127.0.0.2";
-    if (given.count("manifest") != 0) {
-        vlmCheck::Document document;
-        std::vector<vlmCheck::Finding> findings;
-        const auto file = given["manifest"].as<std::string>();
-        if (!vlmCheck::readDocument(file, document, findings)) {
-            refuse(file + ": " + findings.front().reason);
-        }
-        machine::Manifest manifest;
-        std::string error;
-        if (!machine::readManifest(document.root, manifest, error)) {
-            refuse(file + ": " + error);
-        }
-        if (document.root.isMember("someip")) {
-            section = document.root["someip"];
-        }
-    }
-    for (const char* option : {"address", "network"}) {
-        if (given.count(option) != 0) {
-            section[option] = given[option].as<std::string>();
-        }
-    }
-    if (given.count("group") != 0) {
-        section["discovery"]["group"] = given["group"].as<std::string>();
-    }
-    if (given.count("discovery-port") != 0) {
-        section["discovery"]["port"] = given["discovery-port"].as<unsigned>();
+    kyo::Json::Value section = tools::networkSection(given);
+    if (!section.isMember("address")) {
+        section["address"] = "127.0.0.2";
     }
     if (given.count("event-port") != 0) {
         section["eventPort"] = given["event-port"].as<unsigned>();
@@ -160,14 +135,10 @@ void declareOptions(cxxopts::Options& options) {
         ("time-factor", "seconds of drive in one second", cxxopts::value<double>()->default_value("1"), "FACTOR")
         ("seed", "of the random errors", cxxopts::value<unsigned>()->default_value("1"), "NUMBER")
         ("fault", "a fault at a time; may be repeated", cxxopts::value<std::vector<std::string>>(), "SECONDS:FAULT");
+    tools::addNetworkOptions(options, "127.0.0.2");
     options.add_options("Network")
-        ("address", "own IPv4 address (127.0.0.2)", cxxopts::value<std::string>(), "ADDRESS")
-        ("network", "peers outside it are ignored", cxxopts::value<std::string>(), "ADDRESS/BITS")
         ("event-port", "UDP and TCP port that events are sent from", cxxopts::value<unsigned>(), "PORT")
-        ("tcp", "all events over TCP, whatever their descriptions say")
-        ("discovery-port", "UDP port of service discovery (30490)", cxxopts::value<unsigned>(), "PORT")
-        ("group", "multicast group or broadcast address of service discovery", cxxopts::value<std::string>(), "ADDRESS")
-        ("manifest", "machine manifest whose \"someip\" section applies", cxxopts::value<std::string>(), "FILE");
+        ("tcp", "all events over TCP, whatever their descriptions say");
     options.add_options("Other")
         ("duration", "end after that many seconds", cxxopts::value<double>(), "SECONDS")
         ("status-seconds", "seconds between status lines; 0 for none", cxxopts::value<double>()->default_value("10"), "SECONDS")

@@ -149,6 +149,11 @@ Endpoint Runtime::eventEndpoint() const {
     return m_network == nullptr ? Endpoint{} : m_network->eventEndpoint();
 }
 
+std::string Runtime::failure() const {
+    const std::lock_guard lock(m_guard);
+    return m_openFailure;
+}
+
 void Runtime::wake() const {
     if (m_worker != nullptr) {
         m_worker->loop.wake();
@@ -179,6 +184,11 @@ std::vector<ServiceKey> Runtime::findService(const ac::com::ServiceInterface& se
         wake();
     }
     return found;
+}
+
+std::vector<RemoteService> Runtime::offers() const {
+    const std::lock_guard lock(m_guard);
+    return m_network == nullptr ? std::vector<RemoteService>() : m_network->discovery().client().offered();
 }
 
 std::shared_ptr<EventReceiver> Runtime::receive(const ac::com::ServiceInterface& service,

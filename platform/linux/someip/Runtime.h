@@ -49,6 +49,8 @@ class Runtime final : private SdObserver {
 
     /// True while the sockets are open. Any thread, no lock.
     bool networkIsUp() const noexcept { return m_networkIsUp.load(std::memory_order_relaxed); }
+    /// Why the network is down; empty while it is up.
+    std::string failure() const;
     /// The endpoint of this process for events; zero while the network is down.
     Endpoint eventEndpoint() const;
 
@@ -56,6 +58,8 @@ class Runtime final : private SdObserver {
 
     /// Starts the search and returns the instances that are offered now. `instance` may be kAnyInstance.
     std::vector<ServiceKey> findService(const ac::com::ServiceInterface& service, std::uint16_t instance);
+    /// All instances that peers offer now, searched or not.
+    std::vector<RemoteService> offers() const;
     /// Requests an event. `handler` is called on the middleware's thread, outside any lock.
     std::shared_ptr<EventReceiver> receive(const ac::com::ServiceInterface& service, std::uint16_t instance,
                                            const ac::com::EventInterface& event,

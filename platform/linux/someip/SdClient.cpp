@@ -55,6 +55,14 @@ std::vector<RemoteService> SdClient::offered(const ServiceKey& service) const {
     return found;
 }
 
+std::vector<RemoteService> SdClient::offered() const {
+    std::vector<RemoteService> all;
+    for (const auto& [key, offer] : m_offers) {
+        all.push_back(offer.service);
+    }
+    return all;
+}
+
 const RemoteService* SdClient::find(const ServiceKey& service) const {
     const auto found = m_offers.find(service);
     return found == m_offers.end() ? nullptr : &found->second.service;

@@ -147,6 +147,8 @@ class SdClient {
 
     /// The matching instances that are offered now; the instance may be kAnyInstance.
     std::vector<RemoteService> offered(const ServiceKey& service) const;
+    /// All instances that are remembered, requested or not, ascending.
+    std::vector<RemoteService> offered() const;
     const RemoteService* find(const ServiceKey& service) const;
     SubscriptionState state(const EventgroupKey& eventgroup) const;
 

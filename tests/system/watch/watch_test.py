@@ -1,0 +1,186 @@
+#!/usr/bin/env python3
+"""vlm-watch shows what a vehicle sends, next to a vlmmaster and a second vlm-watch, and ends cleanly.
+
+The environment is that of tests/support/processes.py, and VLM_WATCH.
+"""
+import csv
+import io
+import json
+import os
+import pty
+import re
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import termios
+import time
+import unittest
+from fcntl import ioctl
+from pathlib import Path
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
+from processes import DEADLINE, Vehicle, Vlmmaster, free_udp_port  # noqa: E402
+
+VLM_WATCH = os.environ["VLM_WATCH"]
+# A parked car: what it sends is known.
+SCENARIO = {
+    "name": "parked", "description": "Nothing changes.",
+    "start": {"latitude": 48.4, "longitude": 9.99, "heading": 205, "chargeState": 61, "batteryTemperature": 5},
+    "set": {"outsideTemperature": -9, "ignition": "off", "gear": "park", "targetSpeed": 0},
+    "phases": [{"name": "parked", "duration": 3600, "overrides": [
+        {"event": "GNSS.positions", "field": "altitudeMeanSeaLevel", "value": 123.5},
+        {"event": "GNSS.positions", "field": "altitudeMeanSeaLevelValueType", "value": "substituted"},
+        {"event": "GNSS.positionsQuality", "field": "antennaState", "value": "open"}]}]}
+
+
+class WatchTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        temporary = tempfile.TemporaryDirectory(prefix="vlm-watch-")
+        cls.addClassCleanup(temporary.cleanup)
+        cls.folder = Path(temporary.name)
+        cls.port = free_udp_port()
+        scenario = cls.folder / "scenario.json"
+        scenario.write_text(json.dumps(SCENARIO))
+        vehicle = Vehicle(str(cls.folder), cls.port, "--services", "GNSS,Temperature", "--scenario", str(scenario))
+        cls.addClassCleanup(vehicle.end)
+
+    def start(self, *arguments, **options):
+        process = subprocess.Popen(
+            [VLM_WATCH, "--discovery-port", str(self.port), *arguments], stdin=subprocess.DEVNULL,
+            **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options})
+        self.addCleanup(self.end, process)
+        return process
+
+    @staticmethod
+    def end(process):
+        if process.poll() is None:
+            process.kill()
+        process.wait()
+        for stream in (process.stdout, process.stderr):
+            if stream:
+                stream.close()
+
+    def watch(self, *arguments):
+        process = self.start(*arguments)
+        out, err = process.communicate(timeout=DEADLINE)
+        return process.returncode, out, err
+
+    def test_it_shows_what_the_vehicle_sends(self):
+        status, out, err = self.watch("--once", "--json", "GNSS.positions:1", "GNSS.positionsQuality", "temperature.temperatures:outside")
+        self.assertEqual(status, 0, err)
+        lines = {(line["event"], line["index"]): line for line in map(json.loads, out.splitlines())}
+        self.assertEqual({name for name, _ in lines}, {"positions", "positionsQuality", "temperatures"})
+        position = lines["positions", 1]["values"]
+        self.assertAlmostEqual(position["latitude"], 48.4, delta=0.001)
+        self.assertAlmostEqual(position["longitude"], 9.99, delta=0.001)
+        self.assertEqual((position["altitudeMeanSeaLevel"], position["altitudeMeanSeaLevelValueType"]), (123.5, 4))
+        self.assertAlmostEqual(lines["positions", 1]["timestamp"] / 1000, time.time(), delta=60)
+        self.assertEqual(lines["positionsQuality", 1]["values"]["antennaState"], 1)
+        self.assertAlmostEqual(lines["temperatures", 0]["values"]["temperatureRawPhysicalValue"], -9, delta=3)
+        self.assertNotIn(("positions", 2), lines)
+
+        status, out, err = self.watch("--once", "--explain", "GNSS.positions:1")
+        self.assertEqual(status, 0, err)
+        self.assertRegex(out, r"altitudeMeanSeaLevel +123\.5 \(substituted\) m +Height above mean sea level\.")
+
+    def test_csv_can_be_replayed(self):
+        status, out, err = self.watch("--csv", "--seconds", "2", "GNSS.positions")
+        self.assertEqual(status, 0, err)
+        rows = list(csv.DictReader(io.StringIO(out)))
+        self.assertGreater(len(rows), 3)
+        self.assertEqual({row["altitudeMeanSeaLevelValueType"] for row in rows}, {"substituted"})
+        recording = self.folder / "positions.csv"
+        recording.write_text(out)
+        port, self.port = self.port, free_udp_port()
+        try:
+            replaying = Vehicle(str(self.folder), self.port, "--address", "127.0.0.3", "--services", "GNSS", "--loop",
+                                "--csv", f"GNSS.positions={recording}")
+            self.addCleanup(replaying.end)
+            status, again, err = self.watch("--once", "--json", "GNSS.positions:1")
+        finally:
+            self.port = port
+        self.assertEqual(status, 0, err)
+        self.assertIn(json.loads(again)["values"]["latitude"], {float(row["latitude"]) for row in rows})
+
+    def test_it_runs_next_to_vlmmaster_and_a_second_one(self):
+        application = self.folder / "vlm.json"
+        application.write_text('{"OfferedDataTypes": ["VLMReport"]}')
+        collector = self.folder / "collector.json"
+        collector.write_text(json.dumps({
+            "CONFIG": [{"name": "watched", "version": "1"}], "CLOCK": [{"name": "tick", "duration": 60000}],
+            "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
+            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
+        master = Vlmmaster(["-c", str(application), "-l", str(collector)], str(self.folder), port=self.port)
+        self.addCleanup(master.kill)
+        watching = [self.start("--json", "GNSS.positions:1") for _ in range(2)]
+        for process in watching:
+            self.assertEqual(json.loads(process.stdout.readline())["event"], "positions")
+        master.wait_for_count("records.collected", 3)
+        for process in watching:
+            self.assertEqual(json.loads(process.stdout.readline())["event"], "positions")
+        for address in ("127.0.0.1", "127.0.0.2"):
+            status, out, err = self.watch("--address", address, "GNSS")
+            self.assertEqual((status, out), (2, ""))
+            self.assertIn(f"{address} cannot be used: another process of this kind uses {address}:{self.port}", err)
+        self.assertEqual(self.watch("--once", "--json", "--address", "127.0.0.4", "GNSS.positions:2")[0], 0)
+
+    def test_it_says_why_nothing_arrives(self):
+        status, out, err = self.watch("--once", "--seconds", "3", "GNSS.positions:1", "Chassis")
+        self.assertEqual(status, 1)
+        self.assertIn("GNSS.positions:1", out)
+        self.assertIn("not arrived: Chassis.axes, ", err)
+        self.assertIn("Chassis: is offered by nobody", err)
+        status, out, err = self.watch("GNSS.position")
+        self.assertEqual((status, out), (2, ""))
+        self.assertIn('did you mean "positions"?', err)
+
+    def test_it_lists_who_offers_what(self):
+        status, out, err = self.watch("--list")
+        self.assertEqual(status, 0, err)
+        self.assertRegex(out, rf"GNSS +0x1102 +1 +1\.0  127\.0\.0\.2:{self.port} +127\.0\.0\.2:\d+")
+        self.assertRegex(out, r"nobody offers ACC, AWV, ")
+        status, out, err = self.watch("--list", "--json", "GNSS", "Chassis")
+        self.assertEqual([json.loads(line)["service"] for line in out.splitlines()], ["GNSS"])
+
+    def test_it_ends_with_its_reader_and_with_a_signal(self):
+        process = self.start("--json", "GNSS.positions")
+        process.stdout.readline()
+        process.stdout.close()
+        self.assertEqual(process.wait(DEADLINE), 0)
+        self.assertNotIn("rror", process.stderr.read())
+        # A reader that does not read: the pipe is full, and the signal still ends it.
+        process = self.start("--json", "--all", "GNSS.positions")
+        process.stdout.readline()
+        process.send_signal(signal.SIGINT)
+        process.communicate(timeout=DEADLINE)
+        self.assertEqual(process.returncode, 0)
+
+    def test_a_terminal_gets_whole_lines_of_its_width(self):
+        ours, theirs = pty.openpty()
+        ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 100, 0, 0))
+        process = self.start("--seconds", "3", "GNSS.positions", "Temperature", stdout=theirs)
+        os.close(theirs)
+        shown = b""
+        while True:
+            try:
+                part = os.read(ours, 4096)
+            except OSError:  # the other end is closed
+                break
+            if not part:
+                break
+            shown += part
+        os.close(ours)
+        self.assertEqual(process.wait(DEADLINE), 0, process.stderr.read())
+        lines = shown.decode().splitlines()
+        self.assertLessEqual(max(map(len, lines)), 100)
+        self.assertLess(len(lines), 20 * 3 + 25)
+        names = [re.match(r"\d\d:\d\d:\d\d\.\d{3}  ( +\+\d+| {6})  (\S+)", line)[2] for line in lines]
+        self.assertEqual(set(names), {"GNSS.positions:1", "GNSS.positions:2", "Temperature.temperatures:0",
+                                      "Temperature.temperatures:1", *(name for name in names if "Warnings" in name)})
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
