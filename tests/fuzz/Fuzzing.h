@@ -1,9 +1,15 @@
 #pragma once
 /// Common parts of the fuzz targets. A target must be deterministic.
-#include <cstddef>
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "kyo/Json.h"
 

@@ -1,7 +1,5 @@
 #pragma once
 /// SOME/IP messages around parts of the input.
-#include <vector>
-
 #include "Fuzzing.h"
 #include "someip/Message.h"
 

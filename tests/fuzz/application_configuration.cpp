@@ -1,6 +1,4 @@
 /// The application configuration with look-ups by path. The first lines, up to an empty one, are keys.
-#include <vector>
-
 #include "Fuzzing.h"
 #include "app/VLMConfig.h"
 

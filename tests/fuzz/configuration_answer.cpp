@@ -2,8 +2,6 @@
 /// which is encoded in base64 here; or a file from which the directory backend creates an answer.
 #include <botan/base64.h>
 
-#include <memory>
-
 #include "Fuzzing.h"
 #include "backend/ConfigurationFile.h"
 #include "config/ConfigControlPanel.h"

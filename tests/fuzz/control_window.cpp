@@ -1,7 +1,4 @@
 /// Master control, as a spool takes it, between sends, losses and time. Each line is a message or a command.
-#include <map>
-#include <set>
-
 #include "Fuzzing.h"
 #include "backend/Forwarder.h"
 

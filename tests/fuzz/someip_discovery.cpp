@@ -1,10 +1,5 @@
 /// Discovery datagrams and time, through parser, sessions, client and server. Answers must be readable, and
 /// the observer's calls must be consistent.
-#include <algorithm>
-#include <map>
-#include <set>
-#include <vector>
-
 #include "Messages.h"
 #include "someip/ServiceDiscovery.h"
 

@@ -1,10 +1,5 @@
 /// Datagrams from several peers, with time between them, through the dispatcher: headers, routes, segments.
 /// Also the reverse: segments of a message are joined again in any order.
-#include <algorithm>
-#include <atomic>
-#include <memory>
-#include <vector>
-
 #include "Messages.h"
 #include "someip/EventDispatcher.h"
 

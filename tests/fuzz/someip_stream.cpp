@@ -1,8 +1,5 @@
 /// A TCP stream that comes in pieces of any size: the same messages as from one piece, and no more memory
 /// than came.
-#include <algorithm>
-#include <vector>
-
 #include "Messages.h"
 #include "someip/StreamReader.h"
 

@@ -1,8 +1,5 @@
 /// Payloads through the generated readers of several services. Decoded samples are encoded again; both must
 /// be equal.
-#include <array>
-#include <vector>
-
 #include "Fuzzing.h"
 #include "qdr/services/airbag/datatypes.h"
 #include "qdr/services/chassis/datatypes.h"

@@ -9,7 +9,6 @@
 ///
 /// Any thread may log; the sink itself is never destroyed. One LogCapture at a time.
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -23,44 +22,24 @@ namespace vlmTest {
 
 struct LoggedLine {
     int level = 0;
-    std::string text;       ///< the whole line
-    std::string signature;  ///< the text before ":<line>", or before the message
-    int line = 0;           ///< line number of the prefix; 0 without one
-    std::string message;    ///< the text after the prefix and a blank; empty for an entry trace
+    std::string text;     ///< the whole line
+    std::string message;  ///< the text after the prefix and a blank; empty for an entry trace
 };
 
 /// Parses a line: "<signature>:<line> <message>", or "<signature> <message>" with a signature that ends with
-/// ')' or
-/// '>'.
-inline LoggedLine parseLogLine(int level, std::string text) {
-    LoggedLine out;
-    out.level = level;
-    out.text = std::move(text);
-    const std::string& all = out.text;
-    const auto digit = [&](std::size_t at) {
-        return at < all.size() && std::isdigit(static_cast<unsigned char>(all[at])) != 0;
-    };
-    const std::size_t closing = all.find(')');
-    for (std::size_t at = all.find(':', closing == std::string::npos ? 0 : closing); at != std::string::npos;
-         at = all.find(':', at + 1)) {
-        std::size_t end = at + 1;
-        while (digit(end)) {
-            ++end;
-        }
-        if (end > at + 1 && (end == all.size() || all[end] == ' ')) {
-            out.signature = all.substr(0, at);
-            out.line = std::stoi(all.substr(at + 1, end - at - 1));
-            out.message = end < all.size() ? all.substr(end + 1) : "";
-            return out;
+/// ')' or '>'.
+inline LoggedLine parseLogLine(int level, const std::string& text) {
+    const std::size_t closing = text.find(')');
+    for (std::size_t at = text.find(':', closing == std::string::npos ? 0 : closing); at != std::string::npos;
+         at = text.find(':', at + 1)) {
+        const std::size_t end = std::min(text.find_first_not_of("0123456789", at + 1), text.size());
+        if (end > at + 1 && (end == text.size() || text[end] == ' ')) {
+            return {level, text, text.substr(std::min(end + 1, text.size()))};
         }
     }
-    std::size_t end = all.find(") ");
-    if (const std::size_t lambda = all.find(")> "); lambda != std::string::npos) {
-        end = lambda + 1;
-    }
-    out.signature = end == std::string::npos ? "" : all.substr(0, end + 1);
-    out.message = end == std::string::npos ? all : all.substr(end + 2);
-    return out;
+    const std::size_t lambda = text.find(")> ");
+    const std::size_t end = lambda != std::string::npos ? lambda + 1 : text.find(") ");
+    return {level, text, end == std::string::npos ? text : text.substr(end + 2)};
 }
 
 class LogCapture {
@@ -128,7 +107,7 @@ class LogCapture {
     class Sink : public kyo::ProductLogger {
       public:
         void logData(std::string message, kyo::LogLevel level) override {
-            LoggedLine line = parseLogLine(level, std::move(message));
+            LoggedLine line = parseLogLine(level, message);
             const std::lock_guard<std::mutex> lock(guard);
             lines.push_back(std::move(line));
             changed.notify_all();

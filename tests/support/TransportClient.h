@@ -1,29 +1,16 @@
 #pragma once
 /// The client of a backend transport.
-#include <gtest/gtest.h>
-
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "backend/Transport.h"
 #include "machine/Manifest.h"
-#include "tests/support/Eventually.h"
+#include "tests/support/Test.h"
 
 namespace vlmTest {
 
 /// Collects what a transport's callbacks receive. Must outlive the transport.
 class TransportClient {
   public:
-    std::vector<kyo::Json::Value> controls() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_controls;
-    }
-    std::vector<kyo::Json::Value> answers() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_answers;
-    }
+    std::vector<kyo::Json::Value> controls() const { return m_controls.all(); }
+    std::vector<kyo::Json::Value> answers() const { return m_answers.all(); }
     bool awaitControls(std::size_t count) const {
         return eventually([&] { return controls().size() >= count; });
     }
@@ -39,17 +26,14 @@ class TransportClient {
     }
 
   private:
-    void note(std::vector<kyo::Json::Value>& list, kyo::Json::Value value) {
+    void note(SharedList<kyo::Json::Value>& list, kyo::Json::Value value) {
         EXPECT_NE(std::this_thread::get_id(), m_maker);
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        list.push_back(std::move(value));
+        list.add(std::move(value));
     }
 
     const std::thread::id m_maker = std::this_thread::get_id();
-    mutable std::mutex m_mutex;
-    // Guarded by m_mutex.
-    std::vector<kyo::Json::Value> m_controls;
-    std::vector<kyo::Json::Value> m_answers;
+    SharedList<kyo::Json::Value> m_controls;
+    SharedList<kyo::Json::Value> m_answers;
 };
 
 /// A backend behind that broker.

@@ -1,63 +1,16 @@
 /// Brokers that no package provides: one that only knows MQTT 3.1.1, and one that never answers.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <mqtt_protocol.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <string>
-#include <vector>
 
 #include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Loopback.h"
 
 namespace {
 
 using kyo::orx::MqttConnection;
 using kyo::orx::MqttTransport;
-using vlmTest::LogCapture;
-
-/// A socket that listens on a free loopback port and reads from its clients.
-class Listener {
-  public:
-    Listener() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        ::bind(m_socket, reinterpret_cast<sockaddr*>(&address), size);
-        ::listen(m_socket, 4);
-        ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
-        m_port = ntohs(address.sin_port);
-    }
-    ~Listener() { ::close(m_socket); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    std::uint16_t port() const { return m_port; }
-    /// The next connection, or -1 after a time-out.
-    int accept() const { return readable(m_socket) ? ::accept(m_socket, nullptr, nullptr) : -1; }
-    /// The bytes of one read; empty after a time-out.
-    static std::string receive(int connection) {
-        char buffer[4096];
-        const ssize_t got = readable(connection) ? ::recv(connection, buffer, sizeof buffer, 0) : 0;
-        return {buffer, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
-    }
-
-  private:
-    static bool readable(int handle) {
-        pollfd wait{handle, POLLIN, 0};
-        return ::poll(&wait, 1, 20000) > 0;
-    }
-    const int m_socket;
-    std::uint16_t m_port = 0;
-};
+using namespace std::string_literals;
+using namespace vlmTest;
 
 machine::BackendSettings settingsFor(const Listener& listener) {
     machine::BackendSettings settings;
@@ -88,35 +41,29 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     MqttTransport transport(settingsFor(listener), {"Catalog 1", {}});
     transport.start();
 
-    const int first = listener.accept();
-    ASSERT_GE(first, 0);
-    const std::string packet = Listener::receive(first);
+    const Connection first = listener.accept();
+    const std::string packet = first.receive();
     EXPECT_EQ(protocolLevel(packet), 5);
     EXPECT_EQ(keepAlive(packet), 30) << "else a broker that is gone stays unnoticed";
-    const char refusal[] = {0x20, 2, 0, 1};
-    ASSERT_EQ(::send(first, refusal, sizeof refusal, 0), 4);
-
-    const int second = listener.accept();
-    ::close(first);
-    ASSERT_GE(second, 0);
-    EXPECT_EQ(protocolLevel(Listener::receive(second)), 4);
-    const char welcome[] = {0x20, 2, 0, 0};
-    ASSERT_EQ(::send(second, welcome, sizeof welcome, 0), 4);
+    first.send("\x20\x02\x00\x01"s);  // refused
+    const Connection second = listener.accept();
+    first.close();
+    EXPECT_EQ(protocolLevel(second.receive()), 4);
+    second.send("\x20\x02\x00\x00"s);  // welcome
     EXPECT_TRUE(log.waitFor("connected to the broker"));
     EXPECT_TRUE(log.hasPart(5, "does not speak MQTT 5; trying 3.1.1"));
     std::string received;
     const auto receiveUntil = [&](const char* text) {
         while (received.find(text) == std::string::npos) {
-            const std::string more = Listener::receive(second);
+            const std::string more = second.receive();
             ASSERT_FALSE(more.empty());
             received += more;
         }
     };
     receiveUntil("/config/response");
     EXPECT_EQ(received.find("online"), std::string::npos) << "the answer could miss the subscriptions";
-    const auto answer = [second](char identifier, char granted) {
-        const char answered[] = {static_cast<char>(0x90), 3, 0, identifier, granted};
-        EXPECT_EQ(::send(second, answered, sizeof answered, 0), 5);
+    const auto answer = [&second](char identifier, char granted) {
+        second.send("\x90\x03\x00"s + identifier + granted);
     };
     answer(1, static_cast<char>(0x80));
     answer(2, 1);
@@ -130,7 +77,6 @@ TEST(OldBroker, GetsTheOlderProtocolAtOnceWhenItRefusesTheNewerOne) {
     answer(received[again + 3], 1);
     received.clear();
     receiveUntil("\"state\":\"online\"");
-    ::close(second);
 }
 
 /// A broker that welcomes who comes and ends the connection at once. When each came.
@@ -142,21 +88,18 @@ TEST(DroppingBroker, IsTriedAfterLongerAndLongerPauses) {
     transport.start();
     std::vector<std::chrono::steady_clock::time_point> came;
     for (int i = 0; i < 4; ++i) {
-        const int connection = listener.accept();
-        ASSERT_GE(connection, 0);
+        const Connection connection = listener.accept();
         came.push_back(std::chrono::steady_clock::now());
-        Listener::receive(connection);
-        const char welcome[] = {0x20, 3, 0, 0, 0};
-        ASSERT_EQ(::send(connection, welcome, sizeof welcome, 0), 5);
-        Listener::receive(connection);  // what follows upon the welcome
-        ::close(connection);
+        connection.receive();
+        connection.send("\x20\x03\x00\x00\x00"s);
+        connection.receive();  // what follows upon the welcome
     }
     EXPECT_GT(came[2] - came[1], std::chrono::milliseconds(1490)) << "three quarters of two seconds";
     EXPECT_GT(came[3] - came[2], std::chrono::milliseconds(2990));
 }
 
 /// Confirms each message until one of more than 127 bytes begins.
-void confirmUntilALongOneBegins(int connection) {
+void confirmUntilALongOneBegins(const Connection& connection) {
     std::string received;
     for (;;) {
         const std::size_t length = received.size() < 2 ? 0 : static_cast<unsigned char>(received[1]);
@@ -164,7 +107,7 @@ void confirmUntilALongOneBegins(int connection) {
             return;
         }
         if (received.size() < 2 + length || received.size() < 2) {
-            const std::string more = Listener::receive(connection);
+            const std::string more = connection.receive();
             if (more.empty()) {
                 return;
             }
@@ -173,8 +116,7 @@ void confirmUntilALongOneBegins(int connection) {
         }
         if ((static_cast<unsigned char>(received[0]) & 0xF0u) == 0x30u) {
             const std::size_t at = 4u + static_cast<unsigned char>(received[3]);
-            const char confirmation[] = {0x40, 2, received[at], received[at + 1]};
-            EXPECT_EQ(::send(connection, confirmation, sizeof confirmation, MSG_NOSIGNAL), 4);
+            connection.send("\x40\x02"s + received[at] + received[at + 1]);
         }
         received.erase(0, 2 + length);
     }
@@ -204,18 +146,17 @@ TEST(OldBroker, IsNotTriedForEverWithAMessageThatItEndsEachConnectionFor) {
     made = &connection;
     connection.start();
     int ends = 0;
-    const char* answer = "\x20\x02\x00\x01";  // no MQTT 5
+    std::string answer = "\x20\x02\x00\x01"s;  // no MQTT 5
     while (refused == 0 && ends < 20) {
-        const int client = listener.accept();
-        ASSERT_GE(client, 0);
-        Listener::receive(client);
-        ASSERT_EQ(::send(client, answer, 4, 0), 4);
+        const Connection client = listener.accept();
+        client.receive();
+        client.send(answer);
         confirmUntilALongOneBegins(client);
-        ::close(client);
+        client.close();
         ends += answer[3] == 0 ? 1 : 0;
-        answer = "\x20\x02\x00\x00";
+        answer[3] = 0;
         if (ends == 10) {
-            EXPECT_TRUE(vlmTest::eventually([&] { return refused == 7; }));
+            EXPECT_TRUE(eventually([&] { return refused == 7; }));
         }
     }
     EXPECT_EQ(ends, 10);
@@ -239,9 +180,7 @@ TEST(SeveralBrokers, AreTriedInTurnEachWithALineOfItsOwn) {
     MqttTransport transport(settings, {"Catalog 1", {}});
     transport.start();
     for (const Listener* const next : {&first, &second, &first, &second}) {
-        const int connection = next->accept();
-        ASSERT_GE(connection, 0);
-        ::close(connection);
+        next->accept();
     }
     for (const Listener* const one : {&first, &second}) {
         EXPECT_TRUE(log.waitFor("no connection to the broker at 127.0.0.1:" + std::to_string(one->port())));
@@ -254,11 +193,9 @@ TEST(SilentBroker, DoesNotDelayTheEnd) {
     auto transport =
         std::make_unique<MqttTransport>(settingsFor(listener), kyo::orx::Presence{"Catalog 1", {}});
     transport->start();
-    const int connection = listener.accept();
-    ASSERT_GE(connection, 0);
-    ASSERT_EQ(protocolLevel(Listener::receive(connection)), 5);
+    const Connection connection = listener.accept();
+    ASSERT_EQ(protocolLevel(connection.receive()), 5);
     transport.reset();  // must not wait for the broker
-    ::close(connection);
 }
 
 }  // namespace

@@ -1,23 +1,9 @@
 /// The MQTT transport with a real broker: presence, loss and return of the broker, access, limits.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "Processes.h"
 #include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
-#include "kyo/Status.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"
 
 namespace {
@@ -25,16 +11,7 @@ namespace {
 using kyo::orx::masterControl;
 using kyo::orx::MqttConnection;
 using kyo::orx::MqttTransport;
-using vlmTest::Broker;
-using vlmTest::Certificates;
-using vlmTest::envelope;
-using vlmTest::eventually;
-using vlmTest::freePort;
-using vlmTest::LogCapture;
-
-std::string text(const kyo::Json::Value& value) {
-    return kyo::Json::FastWriter().write(value);
-}
+using namespace vlmTest;
 
 machine::MqttBackend settingsFor(std::uint16_t port) {
     machine::MqttBackend settings;
@@ -80,10 +57,10 @@ class Observer {
     MqttConnection m_connection;
 };
 
-class Vehicle : public vlmTest::TransportClient {
+class Vehicle : public TransportClient {
   public:
     explicit Vehicle(const machine::MqttBackend& settings)
-        : m_transport(std::make_unique<MqttTransport>(vlmTest::behind(settings),
+        : m_transport(std::make_unique<MqttTransport>(behind(settings),
                                                       kyo::orx::Presence{"Catalog 1", {"TypeA", "TypeB"}})) {
         listenTo(*m_transport);
         m_transport->start();
@@ -101,8 +78,7 @@ const std::string kOnline =
 const std::string kOffline =
     R"({"offeredDataTypes":["TypeA","TypeB"],"serverName":"Catalog 1","state":"offline"})";
 
-class MqttBackendTest : public testing::Test {
-  protected:
+struct MqttBackendTest : Test {
     LogCapture m_log;
     const std::uint16_t m_port = freePort();
     machine::MqttBackend m_settings = settingsFor(m_port);
@@ -111,7 +87,7 @@ class MqttBackendTest : public testing::Test {
 TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetained) {
     Broker broker(m_port);
     Observer backend(m_settings);
-    backend.say("test/vehicle/mastercontrol", text(masterControl("stale", {"TypeA"}, 0, 1)), true);
+    backend.say("test/vehicle/mastercontrol", compactText(masterControl("stale", {"TypeA"}, 0, 1)), true);
     ASSERT_TRUE(backend.awaits("test/vehicle/mastercontrol", 1));
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(m_log.waitFor("test/vehicle/mastercontrol: ignored, as it was retained"));
@@ -119,7 +95,7 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
         backend.say("test/vehicle/mastercontrol", wrong);
     }
     EXPECT_TRUE(m_log.waitFor("ignored, as it is not JSON", 4));
-    backend.say("test/vehicle/mastercontrol", text(kOpening));
+    backend.say("test/vehicle/mastercontrol", compactText(kOpening));
     ASSERT_TRUE(vehicle.awaitControls(1));
     EXPECT_EQ(vehicle.controls()[0], kOpening);
     EXPECT_EQ(vehicle.transport().requestConfiguration(), 0);
@@ -130,7 +106,7 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
     EXPECT_EQ(vehicle.answers()[0][0]["recordId"], "r");
     EXPECT_EQ(vehicle.transport().send(envelope("1", 300000)), 0);
     ASSERT_TRUE(backend.awaits("test/vehicle/data", 1));
-    EXPECT_EQ(backend.on("test/vehicle/data")[0], text(envelope("1", 300000)));
+    EXPECT_EQ(backend.on("test/vehicle/data")[0], compactText(envelope("1", 300000)));
 }
 
 TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndByItselfWhenItEnds) {
@@ -145,7 +121,7 @@ TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndByItselfWhenItEnds) 
         usurper.stop();
     }
     ASSERT_TRUE(eventually([&] { return backend.on("test/vehicle/status").back() == kOnline; }));
-    EXPECT_THAT(backend.on("test/vehicle/status"), testing::Contains(kOffline));
+    EXPECT_THAT(backend.on("test/vehicle/status"), Contains(kOffline));
 
     vehicle.end();
     ASSERT_TRUE(eventually([&] { return backend.on("test/vehicle/status").back() == kOffline; }));
@@ -166,7 +142,21 @@ TEST_F(MqttBackendTest, DropsWhatWaitedForABrokerThatCameBackWithALowerLimit) {
     EXPECT_TRUE(m_log.waitFor("1 unsent messages are given up"));
     EXPECT_EQ(vehicle.transport().send(envelope("after")), 0);
     ASSERT_TRUE(backend.awaits("test/vehicle/data", 1));
-    EXPECT_EQ(backend.on("test/vehicle/data").back(), text(envelope("after")));
+    EXPECT_EQ(backend.on("test/vehicle/data").back(), compactText(envelope("after")));
+}
+
+TEST_F(MqttBackendTest, TellsTheApplicationToSendAgainWhatNoBackendHeard) {
+    Broker broker(m_port);
+    Observer backend(m_settings);
+    Vehicle vehicle(m_settings);
+    ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
+    backend.say("test/vehicle/mastercontrol", compactText(kOpening));
+    ASSERT_TRUE(vehicle.awaitControls(1));
+    backend.stop();
+    EXPECT_EQ(vehicle.transport().send(envelope("1")), 0);
+    ASSERT_TRUE(vehicle.awaitControls(2));
+    EXPECT_EQ(vehicle.controls()[1], masterControl("t", {"TypeA"}, 0, 1));
+    EXPECT_TRUE(m_log.hasPart(3, "no backend listens"));
 }
 
 TEST_F(MqttBackendTest, LogsAtTheEndWhatIsLostWithTheProcessAndTakesNothingMore) {
@@ -199,27 +189,23 @@ TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
 }
 
 TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelForTheNext) {
-    const struct {
-        const char* limit;
-        int result;
-        const char* complaint;
-    } cases[] = {
+    const std::tuple<const char*, int, const char*> cases[] = {
         {"max_packet_size 20000\n", MqttConnection::kTooLarge,
          "do not fit into the broker's largest packet of 20000"},
         {"message_size_limit 20000\n", 0,
          "refuses an envelope for its size"},  // a limit that the broker does not announce
     };
-    for (const auto& c : cases) {
-        Broker broker(m_port, std::string("allow_anonymous true\n") + c.limit);
+    for (const auto& [limit, result, complaint] : cases) {
+        Broker broker(m_port, std::string("allow_anonymous true\n") + limit);
         Vehicle vehicle(m_settings);
         Observer backend(m_settings);
         ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
-        backend.say("test/vehicle/mastercontrol", text(kOpening));
+        backend.say("test/vehicle/mastercontrol", compactText(kOpening));
         ASSERT_TRUE(vehicle.awaitControls(1));
-        EXPECT_EQ(vehicle.transport().send(envelope("big", 30000)), c.result);
+        EXPECT_EQ(vehicle.transport().send(envelope("big", 30000)), result);
         ASSERT_TRUE(vehicle.awaitControls(2)) << "nobody else would open the channel for the next one";
         EXPECT_EQ(vehicle.controls()[1], kOpening);
-        EXPECT_TRUE(m_log.hasPart(3, c.complaint));
+        EXPECT_TRUE(m_log.hasPart(3, complaint));
         EXPECT_EQ(vehicle.transport().send(envelope("small")), 0);
         EXPECT_TRUE(backend.awaits("test/vehicle/data", 1));
     }
@@ -232,15 +218,15 @@ TEST_F(MqttBackendTest, RepeatsNoOpeningThatANewerMessageHasOvertaken) {
     ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
     const auto closed = masterControl("t", {"TypeA"}, 3, 0);
     const auto opening = masterControl("u", {"TypeA"}, 0, 0);
-    backend.say("test/vehicle/mastercontrol", text(kOpening));
+    backend.say("test/vehicle/mastercontrol", compactText(kOpening));
     ASSERT_TRUE(vehicle.awaitControls(1));
     EXPECT_LT(vehicle.transport().send(envelope("big", 30000)), 0);  // repeats the opening in 200 ms
-    backend.say("test/vehicle/mastercontrol", text(closed));
-    backend.say("test/vehicle/mastercontrol", text(opening));
+    backend.say("test/vehicle/mastercontrol", compactText(closed));
+    backend.say("test/vehicle/mastercontrol", compactText(opening));
     ASSERT_TRUE(vehicle.awaitControls(3));
     EXPECT_LT(vehicle.transport().send(envelope("big", 30000)), 0);  // in 400 ms
     ASSERT_TRUE(vehicle.awaitControls(4));
-    EXPECT_THAT(vehicle.controls(), testing::ElementsAre(kOpening, closed, opening, opening));
+    EXPECT_THAT(vehicle.controls(), ElementsAre(kOpening, closed, opening, opening));
 }
 
 /// What is published in the instant in which the connection comes about goes out once, and after what
@@ -288,7 +274,7 @@ std::size_t peakSinceLastCall() {
 }
 
 TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     Broker broker(m_port);
     Vehicle vehicle(m_settings);
     Observer backend(m_settings, {"test/vehicle/status"});
@@ -299,11 +285,11 @@ TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
     }
     const auto publish = [&](const std::string& topic, const std::string& message) {
         const std::string file = folder.write("message", message);
-        return vlmTest::ChildProcess({"mosquitto_pub", "-p", std::to_string(m_port), "-q", "1", "-t",
-                                      "test/vehicle/" + topic, "-f", file})
+        return ChildProcess({"mosquitto_pub", "-p", std::to_string(m_port), "-q", "1", "-t",
+                             "test/vehicle/" + topic, "-f", file})
                    .wait() == 0;
     };
-    const std::string control = R"({"ignored":[)" + nested + "[]]," + text(kOpening).substr(1);
+    const std::string control = R"({"ignored":[)" + nested + "[]]," + compactText(kOpening).substr(1);
     const std::string answer =
         R"([{"ignored":[)" + nested + nested + R"([]],"recordId":"r","recordBody":"e30="}])";
     const std::string tooLong = R"([{"ignored":[)" + nested + nested + nested + nested + "[]]}]";
@@ -316,7 +302,7 @@ TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
     EXPECT_TRUE(m_log.waitFor("test/vehicle/config/response: refused, at most 1000 values are expected"));
     ASSERT_TRUE(publish("config/response", tooLong))
         << "which the broker keeps, as this side has asked it to";
-    backend.say("test/vehicle/mastercontrol", text(kOpening));
+    backend.say("test/vehicle/mastercontrol", compactText(kOpening));
     ASSERT_TRUE(vehicle.awaitControls(1));
     const std::size_t moved = peakSinceLastCall() - before;
     EXPECT_LT(moved, 32u << 10);
@@ -325,7 +311,7 @@ TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
 }
 
 TEST_F(MqttBackendTest, LogsAWrongPasswordOnceAndConnectsWhenItIsRight) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const auto accessFor = [&folder](const std::string& password) {
         const std::string file = folder.write("passwords", "vehicle:" + password + "\n");
         EXPECT_EQ(std::system(("mosquitto_passwd -U " + file).c_str()), 0);
@@ -363,11 +349,7 @@ TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesIt
     swapped.keyFile = certificates.file("other-ca.key");
     const std::string server = certificates.brokerLines("server");
     const std::string strict = server + "require_certificate true\n";
-    const struct {
-        machine::MqttBackend settings;
-        std::string brokerLines;
-        const char* outcome;
-    } cases[] = {
+    const std::tuple<machine::MqttBackend, std::string, const char*> cases[] = {
         {m_settings, "", "no connection to the broker"},  // in the clear
         {m_settings, certificates.brokerLines("expired"), "the broker's certificate has expired"},
         {m_settings, certificates.brokerLines("elsewhere"),
@@ -382,12 +364,12 @@ TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesIt
         {known, strict, "connected to the broker"},
     };
     Broker broker(m_port);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.brokerLines + c.outcome);
-        broker.restart("allow_anonymous true\n" + c.brokerLines);
+    for (const auto& [settings, brokerLines, outcome] : cases) {
+        SCOPED_TRACE(brokerLines + outcome);
+        broker.restart("allow_anonymous true\n" + brokerLines);
         m_log.clear();
-        const Vehicle vehicle(c.settings);
-        EXPECT_TRUE(m_log.waitFor(c.outcome)) << testing::PrintToString(m_log.messages(3));
+        const Vehicle vehicle(settings);
+        EXPECT_TRUE(m_log.waitFor(outcome)) << PrintToString(m_log.messages(3));
         EXPECT_EQ(m_log.hasPart(5, "connected to the broker"), m_log.messages(3).empty());
     }
 }
@@ -395,30 +377,30 @@ TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesIt
 /// An OpenSSL that allows what is long out of date, on both sides: then it is the vehicle that refuses it.
 TEST_F(MqttBackendTest, SpeaksNoTlsOlderThan12) {
     const Certificates certificates;
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const std::string lenient =
         "OPENSSL_CONF=" +
         folder.write("openssl.cnf",
                      "openssl_conf = all\n[all]\nssl_conf = ssl\n[ssl]\nsystem_default = any\n[any]\n"
                      "MinProtocol = TLSv1\nCipherString = ALL:@SECLEVEL=0\n");
     const std::string port = std::to_string(m_port);
-    const vlmTest::Descriptor output(vlmTest::openForWriting(folder.file("server.txt")));
-    const vlmTest::ChildProcess server(
+    const Descriptor output(openForWriting(folder.file("server.txt")));
+    const ChildProcess server(
         {"openssl", "s_server", "-accept", "127.0.0.1:" + port, "-tls1_1", "-cert",
          certificates.file("server.crt"), "-key", certificates.file("server.key"), "-quiet"},
         {lenient}, output, output);
     const auto plainClient = [&] {
-        return vlmTest::runToItsEnd({"sh", "-c",
-                                     "exec openssl s_client -connect 127.0.0.1:" + port + " -CAfile " +
-                                         certificates.file("ca.crt") + " </dev/null"},
-                                    {lenient});
+        return runToItsEnd({"sh", "-c",
+                            "exec openssl s_client -connect 127.0.0.1:" + port + " -CAfile " +
+                                certificates.file("ca.crt") + " </dev/null"},
+                           {lenient});
     };
     ASSERT_TRUE(eventually([&] { return plainClient().out.find("TLSv1.1") != std::string::npos; }));
     // A process of its own, as OpenSSL reads its configuration once.
-    const auto vehicle = vlmTest::runToItsEnd(
-        {std::filesystem::read_symlink("/proc/self/exe"), "--gtest_also_run_disabled_tests",
-         "--gtest_filter=*ConnectsWithALenientOpenssl"},
-        {lenient, "BROKER_PORT=" + port, "CA_FILE=" + certificates.file("ca.crt")});
+    const auto vehicle =
+        runToItsEnd({std::filesystem::read_symlink("/proc/self/exe"), "--gtest_also_run_disabled_tests",
+                     "--gtest_filter=*ConnectsWithALenientOpenssl"},
+                    {lenient, "BROKER_PORT=" + port, "CA_FILE=" + certificates.file("ca.crt")});
     EXPECT_EQ(vehicle.status, 0) << vehicle.out << vehicle.err;
 }
 
@@ -429,8 +411,7 @@ TEST_F(MqttBackendTest, DISABLED_ConnectsWithALenientOpenssl) {
     m_settings.tls = true;
     m_settings.caFile = std::getenv("CA_FILE");
     const Vehicle vehicle(m_settings);
-    EXPECT_TRUE(m_log.waitFor("the broker speaks no TLS 1.2 or newer"))
-        << testing::PrintToString(m_log.messages(3));
+    EXPECT_TRUE(m_log.waitFor("the broker speaks no TLS 1.2 or newer")) << PrintToString(m_log.messages(3));
 }
 
 }  // namespace

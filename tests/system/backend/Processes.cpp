@@ -1,47 +1,10 @@
 #include "Processes.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
-#include <stdexcept>
 
-#include "tests/support/Eventually.h"
+#include "tests/support/Loopback.h"
 
 namespace vlmTest {
-
-namespace {
-
-sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-bool listens(std::uint16_t port) {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    const bool connected =
-        ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(socket);
-    return connected;
-}
-
-}  // namespace
-
-std::uint16_t freePort() {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    ::bind(socket, reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(socket);
-    return ntohs(address.sin_port);
-}
 
 Broker::Broker(std::uint16_t port, std::string configuration)
     : m_port(port), m_configuration(std::move(configuration)) {
@@ -56,7 +19,7 @@ void Broker::start() {
     const Descriptor log(openForWriting(m_folder.file("log")));
     m_process = std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", file},
                                                std::vector<std::string>(), log, log);
-    if (!eventually([this] { return listens(m_port); })) {
+    if (!eventually([this] { return somebodyListensAt(m_port); })) {
         throw std::runtime_error("the broker does not listen");
     }
 }

@@ -1,16 +1,8 @@
 #pragma once
 /// Processes that a test starts and ends, each by its pid: a broker, the bench's backend, openssl.
-#include <cstdint>
-#include <memory>
-#include <string>
-
-#include "tests/support/ChildProcess.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Loopback.h"
 
 namespace vlmTest {
-
-/// A TCP port of 127.0.0.1 that was free at the call.
-std::uint16_t freePort();
 
 /// mosquitto on its own port, with additional configuration lines.
 class Broker {

@@ -1,21 +1,8 @@
 /// The spool against a real broker: outages, restarts, both forms on the wire, what the application sees.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <string>
-#include <vector>
-
 #include "Processes.h"
 #include "backend/Backend.h"
 #include "backend/MqttConnection.h"
 #include "backend/SpoolTransport.h"
-#include "kyo/Status.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/TransportClient.h"
 
 namespace {
@@ -24,20 +11,13 @@ using kyo::orx::masterControl;
 using kyo::orx::MqttConnection;
 using kyo::orx::SpoolDisk;
 using kyo::orx::SpoolTransport;
-using vlmTest::Broker;
-using vlmTest::envelope;
-using vlmTest::eventually;
-using vlmTest::TemporaryFolder;
-
-std::string text(const kyo::Json::Value& value) {
-    return kyo::Json::FastWriter().write(value);
-}
+using namespace vlmTest;
 
 /// A backend that stores what comes, and answers as its script says.
 class Backend {
   public:
     explicit Backend(const machine::MqttBackend& settings, vlmBackend::Settings script = {})
-        : m_backend(std::move(script), [this](const std::string& line) { print(line); }),
+        : m_backend(std::move(script), [this](const std::string& line) { m_lines.add(line); }),
           m_connection(
               settings, "backend", {"test/vehicle/status", "test/vehicle/data/#", "test/vehicle/health"}, {},
               {[this] { m_connected = true; },
@@ -48,49 +28,35 @@ class Backend {
     }
     void say(const kyo::Json::Value& control) {
         std::string error;
-        EXPECT_EQ(m_connection.publish("test/vehicle/mastercontrol", text(control), false, 0, error), 0)
+        EXPECT_EQ(m_connection.publish("test/vehicle/mastercontrol", compactText(control), false, 0, error),
+                  0)
             << error;
     }
-    std::vector<std::string> topics() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_topics;
-    }
-    bool saw(const std::string& part) const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return std::any_of(m_lines.begin(), m_lines.end(),
-                           [&part](const std::string& line) { return line.find(part) != std::string::npos; });
-    }
+    std::vector<std::string> topics() const { return m_topics.all(); }
+    bool saw(const std::string& part) const { return Matches(Contains(HasSubstr(part)))(m_lines.all()); }
     std::size_t payloadBytes() const { return m_payloadBytes; }
     void stop() { m_connection.stop(); }
 
   private:
     void take(const std::string& topic, const std::string& payload) {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            if (topic.find("/data") != std::string::npos) {
-                m_topics.push_back(topic);
-                m_payloadBytes += payload.size();
-            }
+        if (topic.find("/data") != std::string::npos) {
+            m_topics.add(topic);
+            m_payloadBytes += payload.size();
         }
         for (const auto& answer : m_backend.onMessage(topic, payload)) {
             std::string error;
             m_connection.publish(answer.topic, answer.payload, false, 0, error);
         }
     }
-    void print(const std::string& line) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(line);
-    }
     std::atomic<bool> m_connected{false};
     std::atomic<std::size_t> m_payloadBytes{0};
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_topics;
-    std::vector<std::string> m_lines;
+    SharedList<std::string> m_topics;
+    SharedList<std::string> m_lines;
     vlmBackend::Backend m_backend;
     MqttConnection m_connection;
 };
 
-class Vehicle : public vlmTest::TransportClient {
+class Vehicle : public TransportClient {
   public:
     explicit Vehicle(const machine::BackendSettings& settings,
                      SpoolDisk& disk = kyo::orx::Spool::ordinaryDisk())
@@ -112,8 +78,7 @@ class Vehicle : public vlmTest::TransportClient {
     std::unique_ptr<SpoolTransport> m_transport;
 };
 
-class SpoolBackendTest : public testing::Test {
-  protected:
+struct SpoolBackendTest : Test {
     SpoolBackendTest() {
         m_settings.transport = "mqtt";
         m_settings.mqtt.port = m_port;
@@ -145,8 +110,8 @@ class SpoolBackendTest : public testing::Test {
     }
 
     TemporaryFolder m_folder;
-    vlmTest::LogCapture m_log;
-    const std::uint16_t m_port = vlmTest::freePort();
+    LogCapture m_log;
+    const std::uint16_t m_port = freePort();
     machine::BackendSettings m_settings;
 };
 
@@ -337,7 +302,7 @@ TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
                              {[] {}, [](auto&&...) {}, [](int, int) {}, [](int, const std::string&) {}});
         other.start();
         for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(other.publish("test/vehicle/config/response", text(record), false, 0, error), 0);
+            EXPECT_EQ(other.publish("test/vehicle/config/response", compactText(record), false, 0, error), 0);
         }
         ASSERT_TRUE(vehicle.awaitAnswers(1));
         EXPECT_TRUE(m_log.waitFor("is the one that was passed on last"));
@@ -357,10 +322,10 @@ TEST(BenchBackend, AcknowledgesNoEnvelopeThatItCannotStore) {
     settings.store = "/nowhere/store.jsonl";
     std::vector<std::string> lines;
     vlmBackend::Backend backend(settings, [&](const std::string& line) { lines.push_back(line); });
-    const auto answers = backend.onMessage("car/data", text(envelope("1")));
+    const auto answers = backend.onMessage("car/data", compactText(envelope("1")));
     ASSERT_FALSE(answers.empty());
-    EXPECT_THAT(answers[0].payload, testing::HasSubstr("\"dataDeliveryResult\":1"));
-    EXPECT_THAT(lines, testing::Contains(testing::HasSubstr("store.jsonl cannot be written")));
+    EXPECT_THAT(answers[0].payload, HasSubstr("\"dataDeliveryResult\":1"));
+    EXPECT_THAT(lines, Contains(HasSubstr("store.jsonl cannot be written")));
 }
 
 }  // namespace

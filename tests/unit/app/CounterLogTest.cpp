@@ -1,14 +1,12 @@
 #include "app/CounterLog.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
-#include "kyo/Status.h"
-#include "tests/support/LogCapture.h"
-
+using namespace vlmTest;
 using vlmProd::CounterLog;
 
 TEST(CounterLog, LogsWhatChangedAtMostOnceAMinute) {
-    vlmTest::LogCapture log;
+    LogCapture log;
     auto& lost = kyo::Status::counter("test.dropped");
     CounterLog counters;
     const auto start = CounterLog::Clock::now();

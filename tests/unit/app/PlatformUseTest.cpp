@@ -1,21 +1,19 @@
 // How logger and heartbeat use the platform.
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "app/VlmAraLogger.h"
 #include "app/vlmHeartBeat.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 
 namespace {
+
+using namespace vlmTest;
 
 // In a process of its own, since the platform's log can be started once.
 TEST(AraLogger, GivesEachLevelItsSeverity) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const vlmTest::TemporaryFolder noDaemonHasItsPipeHere;
+    const TemporaryFolder noDaemonHasItsPipeHere;
     EXPECT_EXIT(
         {
             ::setenv("DLT_PIPE_DIR", noDaemonHasItsPipeHere.path().c_str(), 1);
@@ -26,7 +24,7 @@ TEST(AraLogger, GivesEachLevelItsSeverity) {
             }
             std::exit(0);
         },
-        testing::ExitedWithCode(0),
+        ExitedWithCode(0),
         "INFO +l0\n[^\n]+INFO +l1\n[^\n]+FATAL +l2\n[^\n]+ERROR +l3\n[^\n]+WARN +l4\n[^\n]+INFO "
         "+l5\n[^\n]+DEBUG +l6\n"
         "[^\n]+DEBUG +l7\n[^\n]+INFO +l8\n[^\n]+INFO +l9\n");
@@ -36,12 +34,12 @@ TEST(HeartBeat, LogsThatThereIsNoHealthManagement) {
     struct Unsupervised : vlmProd::vlmHeartBeat {
         Unsupervised() : vlmHeartBeat(Unconnected{}) {}
     };
-    vlmTest::LogCapture log;
+    LogCapture log;
     Unsupervised().sendAliveSignal();
     ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0].message, "IAmAlive called, the mSupervisionEntity has not been created");
     EXPECT_EQ(log.lines()[0].level, 3);
-    EXPECT_EQ(log.lines()[0].line, 56);
+    EXPECT_THAT(log.lines()[0].text,
+                EndsWith("):56 IAmAlive called, the mSupervisionEntity has not been created"));
 }
 
 }  // namespace

@@ -2,18 +2,14 @@
 #include "app/StopSignals.h"
 
 #include <botan/hash.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <iostream>
-#include <thread>
 
 #include "app/ProcessEnd.h"
-#include "kyo/Log.h"
+#include "tests/support/Test.h"
 
 // The handler logs only when it interrupts the wait, where the thread holds no lock and is outside the
 // allocator. The thread sanitizer would report it nevertheless.
@@ -23,6 +19,7 @@ extern "C" const char* __tsan_default_options() {
 
 namespace {
 
+using namespace vlmTest;
 using std::chrono::seconds;
 using vlmProd::exitRequested;
 
@@ -40,8 +37,7 @@ void prepare() {
     vlmProd::installSignalHandlers();
 }
 
-class StopSignals : public testing::Test {
-  protected:
+struct StopSignals : Test {
     StopSignals() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
@@ -56,7 +52,7 @@ TEST_F(StopSignals, AreTheOnlyOnesThatEndTheWaitEarly) {
             const bool whole = std::chrono::steady_clock::now() - begin >= seconds(1);
             std::_Exit(whole && !exitRequested() ? 0 : 1);
         },
-        testing::ExitedWithCode(0), "^$");
+        ExitedWithCode(0), "^$");
 }
 
 class AbortingLogger : public kyo::ProductLogger {
@@ -74,7 +70,7 @@ TEST_F(StopSignals, RaisedByAnAbortInsideTheLogNeitherHangNorLog) {
             vlmProd::waitForStopSignal(seconds(600));
             std::_Exit(1);
         },
-        testing::KilledBySignal(SIGABRT), "^void signal_handler\\(int32_t\\) SIGNAL HANDLER HAPPENED= 6\n$");
+        KilledBySignal(SIGABRT), "^void signal_handler\\(int32_t\\) SIGNAL HANDLER HAPPENED= 6\n$");
 }
 
 TEST_F(StopSignals, EndAProcessWhoseThreadsComputeDigestsUntilThen) {
@@ -95,7 +91,7 @@ TEST_F(StopSignals, EndAProcessWhoseThreadsComputeDigestsUntilThen) {
                 }
                 std::exit(0);
             },
-            testing::ExitedWithCode(0), "^$");
+            ExitedWithCode(0), "^$");
     }
 }
 

@@ -1,18 +1,11 @@
 // The application configuration: key paths, the log lines of failed look-ups, typed look-ups and the digest.
 #include "app/VLMConfig.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 
 namespace {
 
-using testing::Throws;
+using namespace vlmTest;
 using vlmProd::VLMConfig;
-using vlmTest::LogCapture;
-using vlmTest::TemporaryFolder;
 
 constexpr char kDocument[] = R"({
   "Services": [{"Name": "a"}, {"Name": "b"}, {"Name": "c", "Ports": [[1, 2], [3]]}],
@@ -21,8 +14,7 @@ constexpr char kDocument[] = R"({
   "Flag": true, "Dotted": "x"
 })";
 
-class VLMConfigTest : public testing::Test {
-  protected:
+struct VLMConfigTest : Test {
     TemporaryFolder m_folder;
     LogCapture m_log;
     VLMConfig m_config{m_folder.write("vlm.json", kDocument)};
@@ -45,12 +37,7 @@ TEST_F(VLMConfigTest, AKeyThatCannotBeResolvedLogsWhyAtItsKnownLine) {
     const std::string unclosed = "Config::getJsonValue() - FAIL: No closing ] ended unexpectedly!, key=";
     const std::string outside = "VLMConfig::getJsonValue() - FAIL: Not valid index! arrayindex=";
     const std::string absent = "Config::getJsonValue() - Key not present in JSON! ";
-    const struct {
-        std::string key;
-        int index;
-        int line;
-        std::string message;
-    } cases[] = {
+    const std::tuple<std::string, int, int, std::string> cases[] = {
         {"Top[0]", 0, 226, "VLMConfig::getJsonValue() - FAIL: Not Array Type, key=Top[0]"},
         {"Services[12", 0, 247, unclosed + "Services[12"},
         {"Services[x]", 0, 247, unclosed + "Services[x]"},
@@ -63,16 +50,16 @@ TEST_F(VLMConfigTest, AKeyThatCannotBeResolvedLogsWhyAtItsKnownLine) {
         {"Top.None", 0, 292, absent},
         {"Top.Null", 0, 292, absent},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.key);
+    for (const auto& [key, index, line, message] : cases) {
+        SCOPED_TRACE(key);
         m_log.clear();
-        EXPECT_TRUE(m_config.getJsonValue(c.key, c.index).isNull());
+        EXPECT_TRUE(m_config.getJsonValue(key, index).isNull());
         const auto lines = m_log.lines();
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines[0].level, 7);
         EXPECT_EQ(lines[0].text,
                   "const kyo::Json::Value& vlmProd::VLMConfig::getJsonValue(const string&, int):" +
-                      std::to_string(c.line) + " " + c.message);
+                      std::to_string(line) + " " + message);
     }
 }
 
@@ -109,7 +96,7 @@ TEST_F(VLMConfigTest, LoadingThrowsATextAndTheSingletonIsCreatedOnce) {
     const std::string path = m_folder.file("vlm.json");
     m_log.clear();
     VLMConfig* const created = VLMConfig::createSingleton(path);
-    EXPECT_THAT(m_log.messages(7), testing::ElementsAre(" VLM configfile=" + path));
+    EXPECT_THAT(m_log.messages(7), ElementsAre(" VLM configfile=" + path));
     EXPECT_EQ(VLMConfig::getInstance(), created);
     EXPECT_THAT([&] { VLMConfig::createSingleton(path); },
                 Throws<std::string>("VLM Config::create() ERROR: VLM Config already created!"));

@@ -1,15 +1,10 @@
 #include "base/ConcurrentQueue.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 #include <time.h>
 
 #include <cerrno>
-#include <map>
-#include <string>
-#include <thread>
-
-#include "tests/support/Together.h"
 
 namespace {
 thread_local int t_pauses = 0;  // of this thread
@@ -24,6 +19,8 @@ extern "C" int nanosleep(const timespec* wanted, timespec* rest) {
 
 namespace vlmProd {
 namespace {
+
+using namespace vlmTest;
 
 // A consumer in withFront() holds the lock during all tries of the producer.
 TEST(ConcurrentQueue, DropsTheValueAfterTenTriesAndCountsIt) {
@@ -47,7 +44,7 @@ TEST(ConcurrentQueue, KeepsEachProducersOrderAndLosesOnlyWhatItCounts) {
     kyo::Counter dropped;
     ConcurrentQueue<std::pair<int, int>> queue(&dropped);
     std::atomic<int> refused{0};
-    vlmTest::Together producers(kProducers, [&](int p) {
+    Together producers(kProducers, [&](int p) {
         for (int i = 1; i <= kValues; ++i) {
             if (!queue.put({p, i}, 2)) {
                 ++refused;

@@ -1,16 +1,11 @@
 // The signature before a log line, and the cost of a message whose level is off.
 #include "base/VlmLog.h"
-
-#include <gtest/gtest.h>
-
-#include <utility>
-
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 namespace {
 
 using vlmProd::logSignature;
-using vlmTest::LogCapture;
+using namespace vlmTest;
 
 TEST(LogSignature, IsTheSameForEveryCompiler) {
     const std::pair<const char*, const char*> cases[] = {

@@ -1,23 +1,12 @@
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <iterator>
-#include <memory>
-
 #include "bus/EventControl.h"
 #include "bus/PubSubService.h"
 #include "bus/Timer.h"
-#include "kyo/Status.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
 
-using vlmTest::eventually;
-using vlmTest::LogCapture;
+using namespace vlmTest;
 using Clock = std::chrono::steady_clock;
 
 TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {

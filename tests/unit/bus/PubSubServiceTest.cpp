@@ -1,24 +1,12 @@
 #include "bus/PubSubService.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <functional>
-#include <mutex>
-#include <vector>
-
 #include "bus/Publisher.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
 
-using testing::ElementsAre;
-using testing::SizeIs;
-using testing::UnorderedElementsAre;
-using vlmTest::eventually;
-using vlmTest::LogCapture;
+using namespace vlmTest;
 
 /// Records the messages that it receives.
 class Receiver : public ISubscriber {
@@ -31,27 +19,17 @@ class Receiver : public ISubscriber {
         if (onMessage) {
             onMessage();
         }
-        const std::lock_guard<std::mutex> lock(m_guard);
-        m_payloads.push_back(message.getPayload().asInt());
+        payloads.add(message.getPayload().asInt());
         // A subscriber owns its copy of the message and may change it.
         message.setPayload(kyo::Json::Value(-1));
     }
 
-    std::vector<int> payloads() {
-        const std::lock_guard<std::mutex> lock(m_guard);
-        return m_payloads;
-    }
-
     std::function<void()> onMessage;
-
-  private:
-    std::mutex m_guard;
-    std::vector<int> m_payloads;
+    SharedList<int> payloads;
 };
 
 /// A bus for each test, driven by hand.
-class Bus : public testing::Test {
-  protected:
+struct Bus : Test {
     void publish(int payload) {
         kyo::Json::Value value(payload);
         Message message(Message::OnEvent, value);
@@ -86,12 +64,12 @@ TEST_F(Bus, DeliversEveryMessageOnceToEverySubscriberAndIsNotHeldUpByASlowOne) {
     publish(1);
     publish(2);
     bus.drainOnce();
-    EXPECT_TRUE(eventually([&] { return first->payloads().size() == 2 && second->payloads().size() == 2; }));
-    EXPECT_THAT(slow->payloads(), SizeIs(0));
-    EXPECT_THAT(first->payloads(), UnorderedElementsAre(1, 2)) << "although it was added twice";
-    EXPECT_THAT(second->payloads(), UnorderedElementsAre(1, 2)) << "each has a copy of the message";
+    EXPECT_TRUE(eventually([&] { return first->payloads.size() == 2 && second->payloads.size() == 2; }));
+    EXPECT_EQ(slow->payloads.size(), 0U);
+    EXPECT_THAT(first->payloads.all(), UnorderedElementsAre(1, 2)) << "although it was added twice";
+    EXPECT_THAT(second->payloads.all(), UnorderedElementsAre(1, 2)) << "each has a copy of the message";
     release = true;
-    EXPECT_TRUE(eventually([&] { return slow->payloads().size() == 2; }));
+    EXPECT_TRUE(eventually([&] { return slow->payloads.size() == 2; }));
 }
 
 TEST_F(Bus, WeighsAMessageThirtyTwoAndLeavesTheRestQueuedWhenItIsStopped) {
@@ -115,37 +93,6 @@ TEST(PubSubServiceThread, SleepsOnWhenItIsStoppedAndEndsAtTheNextWakeUp) {
     EXPECT_TRUE(eventually([&] { return !bus.isRunning(); }, [&] { bus.addMessageToQueue(message); }));
     EXPECT_GE(bus.queued(), 32U) << "what woke it stays queued";
     EXPECT_FALSE(log.has(6, "Read from PubSubService Q"));
-}
-
-// Bus thread, publisher and a late subscription run concurrently. The process's bus is never destroyed.
-TEST(PubSubService, DeliversWhatThePublisherPutsWhileSubscribersAreAdded) {
-    LogCapture log(0);
-    auto& bus = PubSubService::getInstance();
-    bus.start();
-    const auto subscriber = std::make_shared<EventSubscriber>();
-    const auto callback = std::make_shared<EventSubscriberCallback>();
-    std::atomic<int> ticks{0};
-    callback->setOnEventCallback([&ticks](Message message) {
-        if (message.getTopic() == Message::OnEvent && message.getPayload().isNull()) {
-            ++ticks;
-        }
-    });
-    subscriber->setEventSubscriberCallback(callback);
-    subscriber->addSubscriber(Message::OnEvent);
-    std::vector<std::shared_ptr<Receiver>> late;
-    EventPublisher publisher;
-    for (int i = 0; i < 50; ++i) {
-        Message tick;
-        publisher.publishMessage(tick);
-        late.push_back(std::make_shared<Receiver>());
-        bus.addSubscriber(Message::OnEvent, late.back());
-    }
-    // A message published just before the thread sleeps waits for the next wake-up.
-    EXPECT_TRUE(eventually([&] { return ticks == 50; }, [&] { bus.awakeThread(); }));
-    for (const auto& receiver : late) {
-        bus.removeSubscriber(Message::OnEvent, receiver);
-    }
-    callback->setOnEventCallback([](Message) {});
 }
 
 }  // namespace

@@ -1,22 +1,12 @@
 // The signal catalog: its answers, and its messages about errors in the file.
 #include "catalog/VlmJsonCatalog.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Pair;
-using testing::Throws;
+using namespace vlmTest;
 using vlmProd::FilesReturnCode;
 using vlmProd::VlmJsonCatalog;
-using vlmTest::LogCapture;
-using vlmTest::TemporaryFolder;
 
 constexpr char kCatalog[] = R"({
   "meta": {"vlmVersion": "7.1"},
@@ -34,8 +24,7 @@ constexpr char kCatalog[] = R"({
   }
 })";
 
-class VlmJsonCatalogTest : public testing::Test {
-  protected:
+struct VlmJsonCatalogTest : Test {
     std::string write(const std::string& content) { return m_folder.write("other.json", content); }
 
     TemporaryFolder m_folder;

@@ -1,44 +1,26 @@
 #include "collect/CollectorImpl.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
 #include <limits>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "json/JsonFields.h"
 #include "kyo/DateTime.h"
-#include "kyo/Status.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/Together.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
 
-using kyo::Json::Value;
-using testing::ElementsAre;
-using vlmTest::LogCapture;
+using namespace vlmTest;
 
 /// A record as a resource completes it.
 Value recordAt(long long timestamp, int value = 0) {
-    Value record;
+    Value record = valueOf(
+        R"({"collectorName":"position","index":1,"resName":"positions","serviceName":"GNSSProxy","type":1})");
     record["timestamp"] = static_cast<kyo::Json::Int64>(timestamp);
-    record["serviceName"] = "GNSSProxy";
-    record["resName"] = "positions";
-    record["type"] = 1U;
-    record["collectorName"] = "position";
-    record["index"] = 1;
     record["speed2D"] = value;
     return record;
 }
 
 Value valueOf(const SignalCollection& collection) {
-    Value value;
-    EXPECT_TRUE(kyo::Json::Reader().parse(collection.text, value)) << collection.text;
+    Value value = vlmTest::valueOf(collection.text);
     EXPECT_EQ(value["collectName"].asString(), collection.collectName) << "reports choose by it";
     return value;
 }
@@ -51,8 +33,7 @@ std::vector<std::string> timestampsIn(const Value& collection) {
     return stamps;
 }
 
-class CollectorImplTest : public testing::Test {
-  protected:
+struct CollectorImplTest : Test {
     static void insert(CollectorImpl& collector, Value record) { collector.insertRecord(record); }
 
     static CollectorImpl make(long long history) {
@@ -62,11 +43,7 @@ class CollectorImplTest : public testing::Test {
 };
 
 TEST_F(CollectorImplTest, TrimsWhatWaitsToTheHistoryWhenTheTickEnds) {
-    const struct {
-        long long history;
-        std::vector<long long> arrived;
-        std::vector<std::string> kept;
-    } cases[] = {
+    const std::tuple<long long, std::vector<long long>, std::vector<std::string>> cases[] = {
         {100, {0, 50, 200}, {"200"}},                 // both are too far from the newest
         {100, {0, 50, 100}, {"0", "50", "100"}},      // exactly the history: kept
         {100, {500, 300, 10}, {"500", "300", "10"}},  // the order of arrival counts
@@ -92,7 +69,7 @@ TEST_F(CollectorImplTest, DoesNotOverflowOnAbsurdTimeStamps) {
     insert(collector, recordAt(std::numeric_limits<kyo::Json::Int64>::min()));
     insert(collector, recordAt(std::numeric_limits<kyo::Json::Int64>::max()));
     collector.moveToHistoryState();
-    EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), testing::Contains("9223372036854775807"));
+    EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), Contains("9223372036854775807"));
 }
 
 TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothingAndElseTakesOverWhatTheRecordsSay) {
@@ -178,7 +155,7 @@ class HoldingLogger : public kyo::ProductLogger {
         if (message.find("Record inserted to Input queue") != std::string::npos &&
             message.find("\"timestamp\":1,") != std::string::npos) {
             holding = true;
-            vlmTest::eventually([this] { return release.load(); }, [] {}, std::chrono::milliseconds(300));
+            eventually([this] { return release.load(); }, [] {}, std::chrono::milliseconds(300));
         }
     }
     std::atomic<bool> holding{false};
@@ -189,14 +166,14 @@ class HoldingLogger : public kyo::ProductLogger {
 TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
     static HoldingLogger logger;  // the log keeps the address
     logger.holding = logger.release = false;
-    const auto expired = kyo::Status::counter("records.expired").value();
-    const auto replaced = kyo::Status::counter("records.replaced").value();
+    const auto expired = counted("records.expired");
+    const auto replaced = counted("records.replaced");
     CollectorImpl collector = make(0);
     kyo::Log::setProductLogger(&logger);
     kyo::Log::setReportingLevel(5);
     std::thread older([&] { insert(collector, recordAt(1)); });
     std::thread newer([&] {
-        vlmTest::eventually([] { return logger.holding.load(); });
+        eventually([] { return logger.holding.load(); });
         insert(collector, recordAt(2));
         logger.release = true;
     });
@@ -204,9 +181,8 @@ TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
     newer.join();
     kyo::Log::setReportingLevel(0);
     kyo::Log::setProductLogger(nullptr);
-    EXPECT_EQ(kyo::Status::counter("records.expired").value(), expired);
-    EXPECT_EQ(kyo::Status::counter("records.replaced").value(), replaced + 1)
-        << "both have been in the output queue";
+    EXPECT_EQ(counted("records.expired"), expired);
+    EXPECT_EQ(counted("records.replaced"), replaced + 1) << "both have been in the output queue";
     EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), ElementsAre("2"));
 }
 
@@ -215,14 +191,14 @@ TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
 TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
     constexpr int kThreads = 4;
     constexpr int kRecords = 2000;
-    const auto count = [](const char* name) { return kyo::Status::counter(name).value(); };
+    const auto count = [](const char* name) { return counted(name); };
     const auto lost = [&] {
         return count("queue.collector.input.dropped") + count("queue.collector.output.dropped") +
                count("records.expired") + count("records.replaced");
     };
     const auto lostBefore = lost();
     CollectorImpl collector = make(50);
-    vlmTest::Together dispatchers(kThreads, [&](int t) {
+    Together dispatchers(kThreads, [&](int t) {
         for (int i = 0; i < kRecords; ++i) {
             insert(collector, recordAt(i * 10LL, t * kRecords + i));
         }

@@ -1,20 +1,12 @@
 #include "base/CompactJson.h"
 
-#include <gmock/gmock.h>
-
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "collect/CollectorImpl.h"
-#include "json/JsonFields.h"
 #include "tests/support/RecordValue.h"
 
 namespace vlmProd {
 namespace {
 
-using kyo::Json::Value;
-using vlmTest::valueOf;
+using namespace vlmTest;
 
 const std::string kNasty =
     R"({"":0,"a\"b":"}],{[","array":[1,[2,{"x":"]"}],"\\"],"back\\":"\\","comma":",","empty":{},"minus":-1.5e-7,)"

@@ -1,20 +1,11 @@
 #include "collect/IngressQueue.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-
-#include "json/JsonFields.h"
-#include "kyo/Status.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
 
-using kyo::Json::Value;
-using vlmTest::LogCapture;
+using namespace vlmTest;
 
 Value recordAt(int timestamp) {
     Value record;
@@ -29,7 +20,8 @@ TEST(IngressQueue, WeighsARecordWithTheLengthOfItsTextAndDropsTheOneThatItTakesA
     queue.setDispatch([](const Record&) { ADD_FAILURE() << "dispatched after the stop"; });
     Value record = recordAt(5);
     queue.insertRecord(record);
-    EXPECT_EQ(log.lines().front().signature, "void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&)");
+    EXPECT_THAT(log.lines().front().text,
+                StartsWith("void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&):"));
     EXPECT_EQ(record, recordAt(5)) << "the caller's record stays as it is";
     Value tiny;
     queue.insertRecord(tiny);
@@ -54,8 +46,8 @@ TEST(IngressQueueThread, DispatchesAllThatWasPutWhileItSleptAfterOneWakeUpAndEnd
         Value record = recordAt(i);
         queue->insertRecord(record);
     }
-    EXPECT_TRUE(vlmTest::eventually([&] { return *dispatched + dropped.value() == expected; },
-                                    [&] { queue->SendWakeupSignal(); }));
+    EXPECT_TRUE(eventually([&] { return *dispatched + dropped.value() == expected; },
+                           [&] { queue->SendWakeupSignal(); }));
     EXPECT_EQ(log.count(5, "From ingress Q~"), *dispatched) << "none twice";
     queue->releaseIngressQueue();  // ends the thread, then the object
 }

@@ -1,23 +1,14 @@
 /// What becomes of the backend's configuration answers, and when it is asked again.
 #include <botan/base64.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "config/ConfigControlPanel.h"
 #include "report/VlmReportControl.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
 
 namespace {
 
-using testing::ElementsAre;
+using namespace vlmTest;
 using vlmProd::ConfigControlPanel;
-using vlmTest::LogCapture;
-using vlmTest::valueOf;
 
 std::string base64(const std::string& text) {
     return Botan::base64_encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
@@ -30,8 +21,7 @@ kyo::Json::Value record(const std::string& id, const std::string& body) {
     return value;
 }
 
-class ConfigAnswer : public testing::Test {
-  protected:
+struct ConfigAnswer : Test {
     LogCapture m_log;
     std::string m_reason;
     std::vector<std::pair<kyo::Json::Value, std::string>> m_handedOver;
@@ -74,10 +64,7 @@ TEST_F(ConfigAnswer, TellsTheClientWhatBecameOfAConfiguration) {
 }
 
 TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
-    const struct {
-        kyo::Json::Value answer;
-        const char* complaint;
-    } cases[] = {
+    const std::pair<kyo::Json::Value, const char*> cases[] = {
         {valueOf("17"),
          "Configuration answer refused, the answer: an array is expected, found a number (17)"},
         {valueOf("[]"), "The configuration answer holds no record; the request goes on"},
@@ -89,10 +76,10 @@ TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
          "Configuration answer refused, [0].recordBody: a text is expected, found an object"},
         {record("a", "no base64!"), "Can not parse from string to json to get config."},
     };
-    for (const auto& wrong : cases) {
+    for (const auto& [answer, complaint] : cases) {
         m_log.clear();
-        m_panel->ConfigResponseCallback(wrong.answer);
-        EXPECT_EQ(m_log.count(3, wrong.complaint), 1u) << wrong.complaint;
+        m_panel->ConfigResponseCallback(answer);
+        EXPECT_EQ(m_log.count(3, complaint), 1u) << complaint;
     }
     EXPECT_TRUE(m_handedOver.empty());
 }

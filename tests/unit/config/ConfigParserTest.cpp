@@ -2,26 +2,14 @@
 // the queries answer.
 #include "config/ConfigParser.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <functional>
-
-#include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
-using kyo::Json::Value;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Pair;
-using testing::UnorderedElementsAre;
+using namespace vlmTest;
 using vlmProd::CollectorOnEventType;
 using vlmProd::ConfigErrorCode;
 using vlmProd::ConfigParser;
-using vlmTest::LogCapture;
 
 /// A configuration that passes, from whose text tests take parts out or put others in.
 struct Document {
@@ -32,7 +20,7 @@ struct Document {
         R"("COLLECT":[{"name":"c1","serv":"Gnss","res":"position","index":2,"history":5000}])";
     std::string compare;
 
-    Value value() const { return vlmTest::valueOf("{" + config + clock + report + compare + collect + "}"); }
+    Value value() const { return valueOf("{" + config + clock + report + compare + collect + "}"); }
 };
 
 Document withCollect(const std::string& elements) {
@@ -47,15 +35,14 @@ Document withClock(const std::string& elements) {
     return document;
 }
 
-class ConfigParserTest : public testing::Test {
-  protected:
+struct ConfigParserTest : Test {
     bool parse(Value document) {
         m_log.clear();
         m_parser = ConfigParser();
         return m_parser.parseFromJson(document, m_code);
     }
     bool parse(const Document& document) { return parse(document.value()); }
-    bool parse(const char* text) { return parse(vlmTest::valueOf(text)); }
+    bool parse(const char* text) { return parse(valueOf(text)); }
 
     LogCapture m_log;
     ConfigParser m_parser;
@@ -64,23 +51,19 @@ class ConfigParserTest : public testing::Test {
 
 TEST_F(ConfigParserTest, TheClockNeverGoesBelowAMinute) {
     const std::string tooShort = "ZEPH-43664: Field 'duration' is less than 1 minute so setting it to 60000";
-    const struct {
-        const char* duration;
-        int expected;
-        std::string message;
-    } cases[] = {
+    const std::tuple<const char*, int, std::string> cases[] = {
         {R"(,"duration":60001)", 60001, ""},
         {R"(,"duration":59999)", 60000, tooShort},
         {R"(,"duration":null)", 60000, tooShort},
         {"", 60000, "ZEPH-43664: Field 'duration' not present, setting it to 60000"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.duration);
-        ASSERT_TRUE(parse(withClock(R"({"name":"t")" + std::string(c.duration) + "}")));
-        EXPECT_EQ(m_parser.getClockDuration(), c.expected);
+    for (const auto& [duration, expected, message] : cases) {
+        SCOPED_TRACE(duration);
+        ASSERT_TRUE(parse(withClock(R"({"name":"t")" + std::string(duration) + "}")));
+        EXPECT_EQ(m_parser.getClockDuration(), expected);
         EXPECT_TRUE(m_log.has(5, "ZEPH-42903: VLM wants to configure the duration of the VLM Clock"));
-        EXPECT_EQ(m_log.hasPart(5, "ZEPH-43664"), !c.message.empty());
-        EXPECT_TRUE(c.message.empty() || m_log.has(5, c.message));
+        EXPECT_EQ(m_log.hasPart(5, "ZEPH-43664"), !message.empty());
+        EXPECT_TRUE(message.empty() || m_log.has(5, message));
     }
 }
 
@@ -109,11 +92,7 @@ TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
     noReport.report.clear();
     namelessReport.report = R"("REPORT":[{"name":"r"},{"application":"a"}],)";
     twoReports.report = R"("REPORT":[{"name":"r"},{"name":"s"},{"name":"r"}],)";
-    const struct {
-        Document document;
-        int level;
-        std::string message;
-    } cases[] = {
+    const std::tuple<Document, int, std::string> cases[] = {
         {noCollect, 3, "Failed to get collector block from config file"},
         {withCollect(R"({"serv":"s","res":"r","index":0})"), 5, "Field 'name' not present"},
         {withCollect(R"({"name":"a","serv":"s","res":"r","index":0},
@@ -133,24 +112,21 @@ TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
         {namelessReport, 5, "Field 'Report name' not present"},
         {twoReports, 5, "Invalid configuration file as report name already found"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        EXPECT_FALSE(parse(c.document));
+    for (const auto& [document, level, message] : cases) {
+        SCOPED_TRACE(message);
+        EXPECT_FALSE(parse(document));
         EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
         const auto lines = m_log.lines();
         ASSERT_GE(lines.size(), 2u);
-        EXPECT_EQ(lines[lines.size() - 2].message, c.message);
-        EXPECT_EQ(lines[lines.size() - 2].level, c.level);
+        EXPECT_EQ(lines[lines.size() - 2].message, message);
+        EXPECT_EQ(lines[lines.size() - 2].level, level);
         EXPECT_EQ(lines.back().message, "Invalid configuration file");
         EXPECT_EQ(lines.back().level, 3);
     }
 }
 
 TEST_F(ConfigParserTest, AMemberOfTheWrongTypeIsNamedWithItsPlaceAndRefused) {
-    const struct {
-        const char* document;
-        const char* message;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {R"([1])", "collector configuration: an object is expected, found an array"},
         {R"({"CLOCK":"tick"})", "CLOCK: an array of objects is expected, found a text (\"tick\")"},
         {R"({"COLLECT":[{}, 5]})", "COLLECT[1]: an object is expected, found a number (5)"},
@@ -165,11 +141,11 @@ TEST_F(ConfigParserTest, AMemberOfTheWrongTypeIsNamedWithItsPlaceAndRefused) {
         {R"({"REPORT":[{"name":"r","from":["a",{}]}]})",
          "REPORT[0].from[1]: a text is expected, found an object"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.document);
-        EXPECT_FALSE(parse(c.document));
+    for (const auto& [document, message] : cases) {
+        SCOPED_TRACE(document);
+        EXPECT_FALSE(parse(document));
         EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
-        EXPECT_THAT(m_log.messages(3), ElementsAre(c.message, "Invalid configuration file"));
+        EXPECT_THAT(m_log.messages(3), ElementsAre(message, "Invalid configuration file"));
     }
 }
 
@@ -211,7 +187,7 @@ TEST_F(ConfigParserTest, TheFirstElementsCountAndWhatTheJsonConversionAcceptsSta
 }
 
 TEST_F(ConfigParserTest, ADocumentOrFileIsRefusedWithTheCodeOfItsFault) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     for (const char* text : {"{}", "[]", "null"}) {
         EXPECT_FALSE(parse(text));
         EXPECT_EQ(m_code, ConfigErrorCode::EmptyInput);
@@ -298,11 +274,7 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
     ASSERT_TRUE(parse(Document()));
     const std::string service = "\nService name does not exist";
     const std::string collector = "\nCollector name does not exist";
-    const struct {
-        std::function<void()> query;
-        int code;
-        std::string message;
-    } cases[] = {
+    const std::tuple<std::function<void()>, int, std::string> cases[] = {
         {[&] { m_parser.getResources("None", m_code); }, 7, "Service name doesn't exist"},
         {[&] { m_parser.getIndexNumber("c1", "None", "position", m_code); }, 7, service},
         {[&] { m_parser.getIndexNumber("c1", "Gnss", "none", m_code); }, 8, "\nResource name does not exist"},
@@ -312,12 +284,12 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
         {[&] { ConfigParser().configReportBlock(m_code); }, 11,
          "Failed to get the report from Json Configuration file"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
+    for (const auto& [query, code, message] : cases) {
+        SCOPED_TRACE(message);
         m_log.clear();
-        c.query();
-        EXPECT_EQ(static_cast<int>(m_code), c.code);
-        EXPECT_THAT(m_log.messages(3), ElementsAre(c.message));
+        query();
+        EXPECT_EQ(static_cast<int>(m_code), code);
+        EXPECT_THAT(m_log.messages(3), ElementsAre(message));
     }
 }
 

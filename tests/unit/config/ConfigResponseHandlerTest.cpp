@@ -2,31 +2,17 @@
 // collector, and the passes that subscribe.
 #include "config/ConfigResponseHandler.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <mutex>
-#include <thread>
-
 #include "bus/PubSubService.h"
+#include "bus/Publisher.h"
 #include "collect/IngressQueue.h"
-#include "kyo/Status.h"
 #include "report/VlmReportControl.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/support/TestCatalog.h"
-#include "tests/support/Together.h"
 
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace vlmTest;
 using namespace vlmProd;
-using vlmTest::LogCapture;
-using vlmTest::valueOf;
 
 constexpr char kCatalog[] = R"({"meta":{"vlmVersion":"7"},"services":{
   "GNSS":{"positions":{"someipKeyProperty":"type","instances":{
@@ -74,19 +60,13 @@ class FakeAdapter : public BaseServiceObject {
         return m_offered;
     }
 
-    std::vector<std::string> calls() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return std::exchange(m_calls, {});
-    }
+    std::vector<std::string> calls() { return m_calls.take(); }
     std::atomic<bool> m_offered{true};
 
   private:
-    void note(const std::string& call) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_calls.push_back(call);
-    }
-    std::mutex m_mutex;
-    std::vector<std::string> m_calls;  ///< guarded by m_mutex
+    void note(const std::string& call) { m_calls.add(call); }
+
+    SharedList<std::string> m_calls;
     std::set<std::string> m_subscribed;
 };
 
@@ -98,9 +78,8 @@ T& leftBehind(Arguments&&... arguments) {
     return *all->back();
 }
 
-class ConfigResponseHandlerTest : public testing::Test {
-  protected:
-    static void SetUpTestSuite() { vlmTest::haveCatalog(kCatalog); }
+struct ConfigResponseHandlerTest : Test {
+    static void SetUpTestSuite() { haveCatalog(kCatalog); }
 
     bool setUp(const char* configuration) {
         return m_handler.doBaseSetupFromOrxConfigResponse(valueOf(configuration), "record");
@@ -157,19 +136,15 @@ TEST_F(ConfigResponseHandlerTest, CreatesNoCollectorWhenDiscoveryDoesNotStart) {
 }
 
 TEST_F(ConfigResponseHandlerTest, SetsThePipelineUpFromTheParserToTheClock) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     ASSERT_TRUE(m_handler.doBaseSetupFromLocalConfig(folder.write("collector.json", kFirst)));
     const auto messages = m_log.messages();
     auto at = messages.begin();
     for (const char* const expected :
-         {"Collector from 'From' block: c1", "ApplicationName, ConfigName, ConfigVersion: app, first, 1",
-          "Creating collector object for c1",
+         {"ApplicationName, ConfigName, ConfigVersion: app, first, 1",
           "historyDuration: 500 , Lag:  0 , Collector name: c1 And OnEvent Type: 0",
-          "Didn't find the OnEvent type for c2. Hence defaulting to Clock.", "Size of collect names = 2",
-          "Size of All services and Resources = 2", "Configured list of indexes size = 1",
-          "Size of list of properties for resource positions = 2", "COLLECT MAP FOUND, collectName = c1",
-          "Pushing the service GNSSProxy  to queue to discover it",
-          "Pushing the service AirbagProxy  to queue to discover it",
+          "Didn't find the OnEvent type for c2. Hence defaulting to Clock.",
+          "COLLECT MAP FOUND, collectName = c1", "Pushing the service AirbagProxy  to queue to discover it",
           "CLOCK NAME = tick  And DURATION = 90000", "ZEPH-43022: VLM implements a timer object"}) {
         at = std::find(at, messages.end(), expected);
         ASSERT_NE(at, messages.end()) << "not after the one before: " << expected;
@@ -201,9 +176,9 @@ TEST_F(ConfigResponseHandlerTest, AFurtherConfigurationAddsToWhatIsThereAndRepla
     EXPECT_THAT(m_gnss->calls(), ElementsAre("create times", "key times source", "index times 0 utc",
                                              "collector GNSSProxy times 0 c1", "index positions 2 speed",
                                              "collector GNSSProxy positions 2 c3"));
-    EXPECT_THAT(m_handler.configuredResources(),
-                ElementsAre(testing::Pair("Airbag", ElementsAre("crashes")),
-                            testing::Pair("GNSS", ElementsAre("positions", "times"))));
+    EXPECT_THAT(
+        m_handler.configuredResources(),
+        ElementsAre(Pair("Airbag", ElementsAre("crashes")), Pair("GNSS", ElementsAre("positions", "times"))));
     for (const std::string collector : {"c1", "c2", "c3", "c4"}) {
         m_log.clear();
         send(R"({"collectorName":")" + collector + R"("})");
@@ -274,13 +249,13 @@ TEST_F(ConfigResponseHandlerTest, OneThreadSubscribesAndItMayHaveNothingToDo) {
     EXPECT_TRUE(m_log.has(5, "A thread subscribes the resources already"));
 }
 
-// Threads that race: two that hand over configurations, two that dispatch records, one that subscribes and
-// one that reads the status.
+// Threads that race: two that hand over configurations, two that dispatch records, one that subscribes, one
+// that ticks and one that reads the status; and the bus.
 TEST_F(ConfigResponseHandlerTest, ConfigurationsRecordsAndPassesDoNotDisturbEachOther) {
     ASSERT_TRUE(setUp(kFirst));
     kyo::Log::setReportingLevel(0);
     std::atomic<int> configuring{2};
-    vlmTest::Together(6, [&](int t) {
+    Together(7, [&](int t) {
         if (t < 2) {
             for (int i = 0; i < 10; ++i) {
                 EXPECT_TRUE(setUp(t == 0 ? kFirst : kSecond));
@@ -292,6 +267,10 @@ TEST_F(ConfigResponseHandlerTest, ConfigurationsRecordsAndPassesDoNotDisturbEach
                 send(t == 2 ? R"({"collectorName":"c1","timestamp":1})" : R"({"collectorName":"c3"})");
             } else if (t == 4) {
                 m_handler.subscribeOnce(m_handler.configuredResources(), [] {});
+            } else if (t == 5) {
+                Message tick;
+                EventPublisher().publishMessage(tick);
+                std::this_thread::sleep_for(1ms);
             } else {
                 kyo::Status::snapshot();
             }

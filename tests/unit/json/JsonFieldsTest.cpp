@@ -1,13 +1,12 @@
 // Reading untrusted documents.
 #include "json/JsonFields.h"
-
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 #include <limits>
 
 namespace {
 
-using kyo::Json::Value;
+using namespace vlmTest;
 using namespace vlmProd;
 
 TEST(JsonFields, ANumberIsRefusedBeyondTheLimitsOfItsType) {

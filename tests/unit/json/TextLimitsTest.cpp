@@ -1,15 +1,10 @@
 #include "json/TextLimits.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include "tests/support/Test.h"
 
 TEST(TextLimits, NameWhatExceedsThemAndIgnoreStringsAndComments) {
     const vlmProd::TextLimits limits{60, 3, 6};
-    const struct {
-        const char* text;
-        const char* fault;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"{\"a\": [[1, 2]], \"b\": 3}", ""},
         {"[\"[[[[[ , , , , , , \\\" [[[[\"]", ""},
         {"/* \" */ [ // \"\n[[1]]]", ""},
@@ -21,9 +16,9 @@ TEST(TextLimits, NameWhatExceedsThemAndIgnoreStringsAndComments) {
         {"                                                             ",
          "at most 60 bytes are expected, found 61"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, expected] : cases) {
         std::string fault;
-        EXPECT_EQ(vlmProd::isWithin(limits, c.text, fault), *c.fault == '\0') << c.text;
-        EXPECT_EQ(fault, c.fault) << c.text;
+        EXPECT_EQ(vlmProd::isWithin(limits, text, fault), *expected == '\0') << text;
+        EXPECT_EQ(fault, expected) << text;
     }
 }

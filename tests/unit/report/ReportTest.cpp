@@ -1,15 +1,11 @@
 // The text that waits in the shipping queue is the one that the writer makes of the whole report, and what
 // leaves is the one that it makes of the report without its catalog id.
-#include <gtest/gtest.h>
-
-#include "json/JsonFields.h"
 #include "report/Report.h"
 #include "tests/support/RecordValue.h"
 
 namespace {
 
-using kyo::Json::Value;
-using vlmProd::compactText;
+using namespace vlmTest;
 using vlmProd::Report;
 
 }  // namespace
@@ -21,7 +17,7 @@ TEST(Report, HoldsTheWritersTextWithAndWithoutTheCatalogIdAtAnyPlace) {
           R"({"applicationName":"a","catalogId":{"odd":[1,2]}})", R"({"catalogId":""})",
           R"({"applicationName":"no catalog id"})", R"({"\"odd\u0001":0})", "{}"}) {
         SCOPED_TRACE(text);
-        Value report = vlmTest::valueOf(text);
+        Value report = valueOf(text);
         const Report shipped(report);
         EXPECT_TRUE(shipped.isReadable());
         EXPECT_EQ(shipped.text(), compactText(report));
@@ -35,7 +31,7 @@ TEST(Report, IsNotReadableWhenItIsNoReportOrNestedTooDeep) {
     EXPECT_FALSE(Report().isReadable());
     EXPECT_FALSE(Report(Value("text")).isReadable());
     EXPECT_EQ(Report(Value("text")).text(), "\"text\"");
-    Value report = vlmTest::valueOf(R"({"reportName":"r"})");
+    Value report = valueOf(R"({"reportName":"r"})");
     Value* at = &report["signalCollections"];
     for (int i = 0; i < 1100; ++i) {
         at = &at->append(Value(kyo::Json::arrayValue));

@@ -1,38 +1,18 @@
 /// How reports leave the shipping queue: one at a time, driven by the backend's results.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <map>
-#include <mutex>
 #include <random>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "kyo/Status.h"
 #include "report/VlmDataSubmissionControl.h"
 #include "tests/minimal/ScriptedOrxClient.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/NoConfigurations.h"
-#include "tests/support/Together.h"
+#include "tests/support/Test.h"
 
 namespace {
 
-using testing::ElementsAre;
+using namespace vlmTest;
 using vlmProd::orxStatus;
 using vlmProd::VlmDataSubmissionControl;
-using vlmTest::control;
-using vlmTest::eventually;
-using vlmTest::LogCapture;
-using vlmTest::report;
-using vlmTest::reportIn;
-using vlmTest::ScriptedClient;
 
-class SubmissionControl : public testing::Test {
-  protected:
+struct SubmissionControl : Test {
     ~SubmissionControl() override {
         if (m_control.started()) {
             m_control.stopVlmDataSubmissionControl();
@@ -42,7 +22,7 @@ class SubmissionControl : public testing::Test {
 
     /// Starts, opens the channel and waits until the thread that this starts has found the queue empty.
     void startOpen() {
-        m_control.initializeServer("Catalog 1", {"TypeA"}, std::make_shared<vlmTest::NoConfigurations>());
+        m_control.initializeServer("Catalog 1", {"TypeA"}, std::make_shared<NoConfigurations>());
         m_control.start();
         ASSERT_TRUE(m_log.waitFor("Conditional wait because There is no report in shipping queue"));
         backend().masterControl(control());
@@ -85,7 +65,7 @@ class QuickBackend {
     explicit QuickBackend(std::vector<kyo::Json::Value> messages) {
         ScriptedClient::current().answerSends([this, messages] {
             if (!m_answered.exchange(true)) {
-                m_thread = std::thread([this, messages] {
+                m_thread = std::jthread([this, messages] {
                     m_calling = true;
                     for (const auto& message : messages) {
                         ScriptedClient::current().masterControl(message);
@@ -97,18 +77,13 @@ class QuickBackend {
             return 0;
         });
     }
-    ~QuickBackend() {
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
     bool done() const { return m_done; }
 
   private:
     std::atomic<bool> m_answered{false};
     std::atomic<bool> m_calling{false};
     std::atomic<bool> m_done{false};
-    std::thread m_thread;
+    std::jthread m_thread;
 };
 
 TEST_F(SubmissionControl, ObeysResultsThatComeBeforeTheSendHasReturned) {
@@ -180,7 +155,7 @@ class Growth {
   public:
     std::uint64_t of(const std::string& name) const {
         const auto before = m_before.find(name);
-        return kyo::Status::counter(name).value() - (before == m_before.end() ? 0 : before->second);
+        return counted(name) - (before == m_before.end() ? 0 : before->second);
     }
 
   private:
@@ -290,12 +265,12 @@ TEST_F(SubmissionControl, LosesAndReordersNothingWhenAllItsCallersRace) {
             std::this_thread::yield();
         }
     });
-    vlmTest::Together(kProducers, [this](int producer) {
+    Together(kProducers, [this](int producer) {
         for (int i = 0; i < kEach; ++i) {
             add("p" + std::to_string(producer), i);
         }
     }).join();
-    const auto dropped = kyo::Status::counter("queue.shipping.dropped").value();
+    const auto dropped = counted("queue.shipping.dropped");
     const std::size_t expected = kProducers * kEach - dropped;
     EXPECT_TRUE(sent(expected));
     done = true;

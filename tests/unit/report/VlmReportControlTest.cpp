@@ -1,28 +1,13 @@
 #include "report/VlmReportControl.h"
 
-#include <gmock/gmock.h>
-
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
-#include "json/JsonFields.h"
 #include "kyo/DateTime.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
 #include "tests/support/TestCatalog.h"
-#include "tests/support/Together.h"
 
 namespace vlmProd {
 namespace {
 
-using kyo::Json::Value;
-using testing::ElementsAre;
-using vlmTest::eventually;
-using vlmTest::LogCapture;
-using vlmTest::valueOf;
+using namespace vlmTest;
 
 SignalCollection collectionOf(const std::string& collector) {
     Value collection;
@@ -31,17 +16,12 @@ SignalCollection collectionOf(const std::string& collector) {
 }
 
 /// What was shipped.
-class Shipped {
-  public:
-    void add(const Report& shipped) {
-        const std::lock_guard<std::mutex> lock(m_guard);
-        m_reports.push_back(valueOf(shipped.text()));
-    }
+struct Shipped : SharedList<Value> {
+    void add(const Report& report) { SharedList::add(valueOf(report.text())); }
     /// In short: name, sequence number and collectors.
-    std::vector<std::string> reports() {
-        const std::lock_guard<std::mutex> lock(m_guard);
+    std::vector<std::string> reports() const {
         std::vector<std::string> out;
-        for (const Value& report : m_reports) {
+        for (const Value& report : all()) {
             out.push_back(report["reportName"].asString() + "#" + report["sequenceNumber"].asString() + ":");
             for (const auto& collection : report["signalCollections"]) {
                 out.back() += " " + collection["collectName"].asString();
@@ -49,19 +29,11 @@ class Shipped {
         }
         return out;
     }
-    Value last() {
-        const std::lock_guard<std::mutex> lock(m_guard);
-        return m_reports.back();
-    }
-
-  private:
-    std::mutex m_guard;
-    std::vector<Value> m_reports;
+    Value last() const { return all().back(); }
 };
 
-class VlmReportControlTest : public testing::Test {
-  protected:
-    static void SetUpTestSuite() { vlmTest::haveCatalog(); }
+struct VlmReportControlTest : Test {
+    static void SetUpTestSuite() { haveCatalog(); }
 
     void configure(const char* reports, const std::string& name = "basic") {
         control.initializeReportControl(valueOf(reports), name, "1.2");
@@ -87,7 +59,7 @@ TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheir
     EXPECT_EQ(control.queued(), 0U);
     Value last = shipped->last();
     const std::string created = last["createDatetime"].asString();
-    EXPECT_THAT(created, testing::MatchesRegex("[0-9]+"));
+    EXPECT_THAT(created, MatchesRegex("[0-9]+"));
     EXPECT_GE(std::stoull(created), before);
     EXPECT_TRUE(last["createDatetime"].isString());
     last.removeMember("createDatetime");
@@ -177,12 +149,10 @@ TEST_F(VlmReportControlTest, MakesOneBatchOfACollectorsTick) {
     threaded->initializeReportControl(valueOf(R"([{"name": "r", "from": ["x", "y"]}])"), "", "");
     threaded->start();
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Report queue."));
-    vlmTest::Together(2, [&](int t) { threaded->addToReport(collectionOf(t == 0 ? "x" : "y")); }).join();
+    Together(2, [&](int t) { threaded->addToReport(collectionOf(t == 0 ? "x" : "y")); }).join();
     threaded->initializeReportControl(valueOf(R"([{"name": "s", "application": "a", "from": []}])"), "", "");
-    EXPECT_TRUE(
-        eventually([&] { return shipped->reports().size() == 2; }, [&] { threaded->SendWakeupSignal(); }));
-    EXPECT_THAT(shipped->reports(),
-                testing::AnyOf(ElementsAre("r#1: x y", "s#1:"), ElementsAre("r#1: y x", "s#1:")));
+    EXPECT_TRUE(eventually([&] { return shipped->size() == 2; }, [&] { threaded->SendWakeupSignal(); }));
+    EXPECT_THAT(shipped->reports(), ElementsAre(testing::AnyOf("r#1: x y", "r#1: y x"), "s#1:"));
     threaded->releaseVlmReportControl();
     EXPECT_TRUE(log.has(5, "Exiting the ReportControl thread"));
 }

@@ -1,63 +1,33 @@
 /// What the backend link makes of master-control messages, and the envelope that it sends.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "config/ConfigControlPanel.h"
-#include "json/JsonFields.h"
 #include "report/VlmServer.h"
 #include "tests/minimal/ScriptedOrxClient.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/Together.h"
+#include "tests/support/Test.h"
 
 namespace {
 
-using testing::ElementsAre;
-using vlmProd::compactText;
+using namespace vlmTest;
 using vlmProd::ConfigControlPanel;
 using vlmProd::orxStatus;
 using vlmProd::VlmServer;
-using vlmTest::control;
-using vlmTest::eventually;
-using vlmTest::LogCapture;
-using vlmTest::report;
-using vlmTest::ScriptedClient;
 
-class BackendLink : public testing::Test {
-  protected:
+struct BackendLink : Test {
     BackendLink() {
-        m_server.registerDataDeliveryCallback([calls = m_calls](orxStatus status) {
-            const std::lock_guard<std::mutex> lock(calls->mutex);
-            calls->statuses.push_back(status);
-            calls->threads.push_back(std::this_thread::get_id());
+        m_server.registerDataDeliveryCallback([statuses = m_statuses](orxStatus status) {
+            statuses->add({status, std::this_thread::get_id()});
         });
         m_server.startServer();
     }
 
-    /// Shared with the threads that first calls are made on, which a test need not wait for.
-    struct Calls {
-        std::mutex mutex;
-        std::vector<orxStatus> statuses;
-        std::vector<std::thread::id> threads;
-    };
-    std::size_t calls() {
-        const std::lock_guard<std::mutex> lock(m_calls->mutex);
-        return m_calls->statuses.size();
-    }
     kyo::Json::Value sent(kyo::Json::Value value) {
         EXPECT_EQ(m_server.sendToOrx(value), 0);
         return ScriptedClient::current().envelopes().back();
     }
 
     LogCapture m_log;
-    const std::shared_ptr<Calls> m_calls = std::make_shared<Calls>();
+    /// Shared with the threads that first calls are made on, which a test need not wait for.
+    using Statuses = SharedList<std::pair<orxStatus, std::thread::id>>;
+    const std::shared_ptr<Statuses> m_statuses = std::make_shared<Statuses>();
     VlmServer m_server{"Catalog 1", {"TypeA"}, std::make_shared<ConfigControlPanel>([](auto&&...) {
                            return std::string();
                        })};
@@ -77,17 +47,15 @@ TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce
     m_server.handleMasterControlCallBack(control(0, 1));
     m_server.handleMasterControlCallBack(control());
     EXPECT_EQ(ScriptedClient::current().requests(), 1);
-    ASSERT_TRUE(eventually([this] { return calls() == 2; }));
-    const std::lock_guard<std::mutex> lock(m_calls->mutex);
-    EXPECT_THAT(m_calls->statuses, ElementsAre(orxStatus::SendNext, orxStatus::SendNext));
-    EXPECT_THAT(m_calls->threads, testing::Not(testing::Contains(std::this_thread::get_id())));
+    ASSERT_TRUE(eventually([this] { return m_statuses->size() == 2; }));
+    EXPECT_THAT(m_statuses->all(), Each(Pair(orxStatus::SendNext, Ne(std::this_thread::get_id()))));
 }
 
 TEST_F(BackendLink, NeverLooksOpenBetweenTwoMessagesThatCloseIt) {
     kyo::Log::setReportingLevel(0);  // which leaves little but the instant in question
     std::atomic<bool> done{false};
     std::atomic<int> seenOpen{0};
-    vlmTest::Together observers(2, [&](int) {
+    Together observers(2, [&](int) {
         while (!done) {
             seenOpen += !m_server.isBlocked() ? 1 : 0;
         }
@@ -105,11 +73,7 @@ TEST_F(BackendLink, NeverLooksOpenBetweenTwoMessagesThatCloseIt) {
 
 TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
     m_server.handleMasterControlCallBack(control());
-    const struct {
-        const char* key;
-        const char* json;
-        const char* complaint;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"dataDeliveryResult", "\"0\"",
          "dataDeliveryResult: a number from -2147483648 to 2147483647 is expected, found a text (\"0\")"},
         {"backendChannelControl", "4294967296",
@@ -120,13 +84,12 @@ TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
          "permittedDataType: an array of texts is expected, found a text (\"TypeA\")"},
         {"permittedDataType", "[\"TypeB\", {}]", "permittedDataType[1]: a text is expected, found an object"},
     };
-    for (const auto& wrong : cases) {
+    for (const auto& [key, json, complaint] : cases) {
         kyo::Json::Value message = control(2, 1, {"TypeB"}, "other");
-        ASSERT_TRUE(kyo::Json::Reader().parse(wrong.json, message[wrong.key]));
+        ASSERT_TRUE(kyo::Json::Reader().parse(json, message[key]));
         m_log.clear();
         m_server.handleMasterControlCallBack(message);
-        EXPECT_THAT(m_log.messages(3),
-                    ElementsAre(std::string("Master control refused, ") + wrong.complaint));
+        EXPECT_THAT(m_log.messages(3), ElementsAre(std::string("Master control refused, ") + complaint));
         EXPECT_FALSE(m_server.isBlocked());
     }
     m_server.handleMasterControlCallBack(kyo::Json::Value("text"));
@@ -152,7 +115,7 @@ TEST_F(BackendLink, LogsAMessageInOrderAndPutsTheReportIntoTheEnvelope) {
                     "BackendChannelControl: 0"));
     kyo::Json::Value envelope = sent(report("Trip", 3));
     EXPECT_THAT(envelope["messageId"].asString(),
-                testing::MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-8[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
+                MatchesRegex("[0-9a-f]{8}-[0-9a-f]{4}-8[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
     EXPECT_TRUE(envelope["timestamp"].isIntegral());
     EXPECT_LT(envelope["timestamp"].asInt64(), 100'000'000'000) << "whole seconds";
     kyo::Json::Value expected = report("Trip", 3);

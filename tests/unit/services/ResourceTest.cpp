@@ -1,39 +1,27 @@
 #include "services/Resource.h"
 
-#include <gmock/gmock.h>
-
 #include <rttr/variant.h>
-#include <string>
 
 #include "collect/IngressQueue.h"
-#include "json/JsonFields.h"
 #include "qdr/services/airbag/datatypes.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/RecordValue.h"
 
 namespace vlmProd {
 namespace {
 
-using kyo::Json::Value;
-using testing::ElementsAre;
-using vlmTest::LogCapture;
-using vlmTest::valueOf;
+using namespace vlmTest;
 
 Value recordOf(const Value& type) {
-    Value record;
-    record["timestamp"] = 1234U;
-    record["serviceName"] = "GNSSProxy";
-    record["resName"] = "positions";
+    Value record =
+        valueOf(R"({"resName":"positions","serviceName":"GNSSProxy","timestamp":1234,"zeta":1.5})");
     if (!type.isNull()) {
         record["type"] = type;
     }
-    record["zeta"] = 1.5;
     return record;
 }
 
 /// The process's ingress queue has no thread here: what a resource puts in is taken out by hand.
-class ResourceTest : public testing::Test {
-  protected:
+struct ResourceTest : Test {
     ResourceTest() {
         Record old;
         while (IngressQueue::getInstance()->takeRecord(&old)) {
@@ -88,14 +76,15 @@ TEST_F(ResourceTest, LogsItsConfigurationAndARecordInTheirOrder) {
                             "[serviceName]:\"GNSSProxy\"", "[timestamp]:1234", "[type]:1", "[zeta]:1.5",
                             "FAST WRITER = " + whole, "record len~" + std::to_string(whole.size()),
                             "Record Json = " + whole, "collectorname :: insertrecordfused"));
-    EXPECT_EQ(log.lines().front().signature, "void vlmProd::Resource::processData(kyo::Json::Value)");
+    EXPECT_THAT(log.lines().front().text,
+                StartsWith("void vlmProd::Resource::processData(kyo::Json::Value):"));
 }
 
 TEST_F(ResourceTest, LogsTheCompletedRecordAsTheWriterWouldWhereverTheNewMembersBelong) {
     resource.setCollectorName("", "positions", 1, "fu\"sed");
     for (const char* const text : {R"({"type":1})", R"({"aaa":"}{","type":1,"zz":[{"index":5}]})",
                                    R"({"collectorName":"brought along","index":9,"type":1})"}) {
-        Value completed = vlmTest::valueOf(std::string(text));
+        Value completed = valueOf(std::string(text));
         LogCapture log;
         EXPECT_EQ(through(completed)["collectorName"].asString(), "fu\"sed");
         completed["collectorName"] = "fu\"sed";

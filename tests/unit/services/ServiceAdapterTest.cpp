@@ -1,21 +1,15 @@
-#include <gmock/gmock.h>
-
 #include <limits>
-#include <map>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "collect/IngressQueue.h"
 #include "services/ServiceMapObjectHandler.h"
 #include "services/adapters/RecordWriter.h"
 #include "services/adapters/ServiceAdapterBase.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
 
-using testing::ElementsAre;
+using namespace vlmTest;
 
 /// An adapter; the test plays its middleware.
 class VLMSpring : public ServiceAdapterBase {
@@ -46,8 +40,7 @@ class VLMSpring : public ServiceAdapterBase {
     }
 };
 
-class ServiceAdapterTest : public testing::Test {
-  protected:
+struct ServiceAdapterTest : Test {
     ServiceAdapterTest() {
         recordsOf("");
         log.clear();
@@ -63,7 +56,7 @@ class ServiceAdapterTest : public testing::Test {
     }
 
     VLMSpring adapter;
-    vlmTest::LogCapture log;
+    LogCapture log;
 };
 
 TEST_F(ServiceAdapterTest, ConnectsOnceWithinFiveAttempts) {
@@ -99,9 +92,9 @@ TEST_F(ServiceAdapterTest, SubscribesAnEventOnceAndOnlyWhenConnected) {
 TEST_F(ServiceAdapterTest, NamesAResourceThatDoesNotExist) {
     adapter.receive("flows");
     EXPECT_TRUE(log.has(3, "Resource ptr is null for resource flows"));
-    EXPECT_EQ(log.lines().front().signature,
-              "void vlmProd::VLMSpring::callback_flows(std::vector<qdr::services::spring::datatypes::"
-              "DT_flows_struct>)");
+    EXPECT_THAT(log.lines().front().text,
+                StartsWith("void vlmProd::VLMSpring::callback_flows("
+                           "std::vector<qdr::services::spring::datatypes::DT_flows_struct>):"));
     EXPECT_FALSE(adapter.SubscribeResource("flows")) << "the empty entry that was left is no resource";
     EXPECT_FALSE(adapter.isSubscribed("flows"));
     adapter.setCollectorName("SpringProxy", "flows", 1, "c");
@@ -124,7 +117,7 @@ TEST(RecordWriter, LeavesOutAndCountsWhatJsonCannotHold) {
 TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
     const std::string name = "RouteBasedConsumptionProxy";
     ServiceMapObjectHandler registry{ServiceMapObjectHandler::Adapters{{"SpringProxy", nullptr}}};
-    const vlmTest::LogCapture log;
+    const LogCapture log;
     EXPECT_FALSE(registry.findService(name));
     registry.setSomeIPKey(name, "r", "k");
     registry.createResourceObject(name, {"r"});

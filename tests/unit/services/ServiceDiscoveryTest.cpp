@@ -1,22 +1,13 @@
 #include "services/ServiceDiscovery.h"
 
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <map>
-#include <string>
-#include <vector>
-
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
 
-using testing::ElementsAre;
-using vlmTest::LogCapture;
+using namespace vlmTest;
 
-class ServiceDiscoveryTest : public testing::Test {
-  protected:
+struct ServiceDiscoveryTest : Test {
     std::vector<std::string> asked;
     std::map<std::string, int> connectsAtAttempt;
     std::vector<std::chrono::seconds> pauses;

@@ -1,34 +1,20 @@
 // vlm-check as a program: exit status and output.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
-#include <string>
-
-#include "kyo/Json.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 
 namespace {
 
-using testing::HasSubstr;
+using namespace vlmTest;
 
-class VlmCheck : public testing::Test {
-  protected:
+struct VlmCheck : Test {
     /// Returns the exit status; m_output has the output.
     int run(const std::string& arguments) {
-        FILE* pipe = popen((std::string(VLM_CHECK) + " " + arguments + " 2>&1").c_str(), "r");
-        std::array<char, 4096> buffer{};
-        m_output.clear();
-        while (const std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) {
-            m_output.append(buffer.data(), n);
-        }
-        const int status = pclose(pipe);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        const Outcome outcome = runToItsEnd({"sh", "-c", std::string(VLM_CHECK) + " " + arguments + " 2>&1"});
+        m_output = outcome.out;
+        return outcome.status;
     }
 
-    const vlmTest::TemporaryFolder m_folder;
+    const TemporaryFolder m_folder;
     std::string m_output;
 };
 
@@ -44,8 +30,7 @@ TEST_F(VlmCheck, EndsWith0WhenAllFilesAreGoodAndWith1WhenOneIsNot) {
     EXPECT_EQ(run("--kind collector " + good), 1);
     EXPECT_THAT(m_output, HasSubstr("\"COLLECT\" is missing"));
     EXPECT_EQ(run("--json " + bad), 1);
-    kyo::Json::Value result;
-    ASSERT_TRUE(kyo::Json::Reader().parse(m_output, result)) << m_output;
+    const Value result = valueOf(m_output);
     EXPECT_FALSE(result[0]["good"].asBool());
     EXPECT_EQ(result[0]["findings"][0]["path"].asString(), "$.OfferedDataTypes");
 }
@@ -62,8 +47,7 @@ TEST_F(VlmCheck, NamesWhatKeepsAFileOrTheCommandLineFromBeingRead) {
         {m_folder.write("other.json", R"({"temperature": 3})"), "looks like none of the known files"},
         {"", ""},
         {"--kind nonsense x.json", "unknown kind \"nonsense\""},
-        {"--catalog " + m_folder.file("none.json") + " x.json", "none.json cannot be read"},
-    };
+        {"--catalog " + m_folder.file("none.json") + " x.json", "none.json cannot be read"}};
     for (const auto& [arguments, expected] : cases) {
         EXPECT_EQ(run(arguments), 1) << arguments;
         EXPECT_THAT(m_output, HasSubstr(expected)) << arguments;

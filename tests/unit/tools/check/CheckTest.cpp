@@ -1,16 +1,16 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
-#include <vector>
-
+#include "tests/support/Test.h"
 #include "tools/check/Checks.h"
 #include "tools/check/Suggest.h"
 
+namespace vlmCheck {
+
+void PrintTo(const Finding& finding, std::ostream* out) {
+    *out << finding.path << ": " << finding.reason << " [" << finding.suggestion << "]";
+}
+
 namespace {
 
-using namespace vlmCheck;
+using namespace vlmTest;
 
 Document documentOf(const std::string& text) {
     Document document;
@@ -66,17 +66,11 @@ std::vector<Finding> checkChanged(Kind kind, const std::string& find, const std:
 void expectFindings(Kind kind, const std::vector<Case>& cases) {
     EXPECT_TRUE(check(goodTexts.at(kind), kind).empty());
     for (const auto& test : cases) {
-        bool isFound = false;
-        std::string all;
-        for (const auto& finding : checkChanged(kind, test.find, test.replace)) {
-            isFound = isFound || (finding.severity == test.severity && finding.path == test.path &&
-                                  finding.reason.find(test.reason) != std::string::npos &&
-                                  finding.suggestion.find(test.suggestion) != std::string::npos);
-            all += finding.path + ": " + finding.reason + " [" + finding.suggestion + "]\n";
-        }
-        EXPECT_TRUE(isFound) << test.replace << ": no finding at " << test.path << " saying \"" << test.reason
-                             << "\" [" << test.suggestion << "] among\n"
-                             << all;
+        EXPECT_THAT(checkChanged(kind, test.find, test.replace),
+                    Contains(AllOf(Field(&Finding::severity, test.severity), Field(&Finding::path, test.path),
+                                   Field(&Finding::reason, HasSubstr(test.reason)),
+                                   Field(&Finding::suggestion, HasSubstr(test.suggestion)))))
+            << test.replace;
     }
 }
 
@@ -192,3 +186,4 @@ TEST(Check, ReportsTheLineOfTheValueOrOfItsParent) {
 }
 
 }  // namespace
+}  // namespace vlmCheck

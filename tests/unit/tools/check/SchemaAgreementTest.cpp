@@ -1,18 +1,13 @@
 // The manifest's schema and the platform's reader must agree.
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <set>
-#include <sstream>
-#include <string>
 #include <tuple>
 
 #include "machine/Manifest.h"
+#include "tests/support/Test.h"
 #include "tools/check/Schema.h"
 
 namespace {
 
-using kyo::Json::Value;
+using namespace vlmTest;
 
 /// Calls `visit` with the dotted path of each part of the schema.
 void walk(const Value& schema, const std::string& path,

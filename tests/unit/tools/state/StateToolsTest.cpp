@@ -1,25 +1,17 @@
 // vlm-state and vlm-status with a server.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-
 #include "kyo/Histogram.h"
-#include "kyo/Status.h"
 #include "state/StateServer.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 #include "tools/state/Bundle.h"
 #include "tools/state/Metrics.h"
 #include "tools/state/StatusText.h"
 
-using testing::HasSubstr;
-using testing::Not;
+using namespace vlmTest;
 
 namespace {
 
-class StateTools : public testing::Test {
-  protected:
+struct StateTools : Test {
     void serve() {
         m_server = std::make_unique<ara::stm::StateServer>(
             m_folder.file("s"), [this](std::uint32_t id, const std::string& state) {
@@ -30,9 +22,9 @@ class StateTools : public testing::Test {
         m_self = m_server.get();
     }
 
-    vlmTest::Outcome run(std::vector<std::string> command) {
+    Outcome run(std::vector<std::string> command) {
         command.insert(command.end(), {"--socket", m_folder.file("s")});
-        return vlmTest::runToItsEnd(command, {"VLM_MACHINE_MANIFEST="});
+        return runToItsEnd(command, {"VLM_MACHINE_MANIFEST="});
     }
     /// Runs the tool and expects its exit status and output.
     void expectOf(const std::vector<std::string>& command, int status, const std::string& out,
@@ -43,17 +35,10 @@ class StateTools : public testing::Test {
         EXPECT_THAT(outcome.err, HasSubstr(err));
     }
 
-    vlmTest::TemporaryFolder m_folder;
+    TemporaryFolder m_folder;
     std::unique_ptr<ara::stm::StateServer> m_server;
     std::atomic<ara::stm::StateServer*> m_self{nullptr};
 };
-
-kyo::Json::Value snapshotOf(const std::string& text) {
-    kyo::Json::Value value;
-    kyo::Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << text;
-    return value;
-}
 
 }  // namespace
 
@@ -72,28 +57,27 @@ TEST_F(StateTools, PrintTheAnswerAndReportSuccessByTheirExitStatus) {
     expectOf({VLM_STATE, std::string(500, 'k')}, 1, "", "\"state\" must be a text");
     kyo::Status::counter("tools.test.dropped").add(3);
     expectOf({VLM_STATUS}, 0, "Lost, or not usable:\ntools.test.dropped  3\n");
-    EXPECT_EQ(snapshotOf(run({VLM_STATUS, "--json"}).out)["tools"]["test"]["dropped"].asInt(), 3);
+    EXPECT_EQ(valueOf(run({VLM_STATUS, "--json"}).out)["tools"]["test"]["dropped"].asInt(), 3);
 }
 
 TEST_F(StateTools, VlmStatusFollowsThroughARestart) {
-    const vlmTest::Descriptor out(vlmTest::openForWriting(m_folder.file("live")));
-    const vlmTest::ChildProcess tool({VLM_STATUS, "--follow", "0.05", "--socket", m_folder.file("s")}, {},
-                                     out);
+    const Descriptor out(openForWriting(m_folder.file("live")));
+    const ChildProcess tool({VLM_STATUS, "--follow", "0.05", "--socket", m_folder.file("s")}, {}, out);
     const auto lines = [&](const std::string& start) {
         int count = 0;
-        for (const std::string& line : vlmTest::linesOf(vlmTest::readFile(m_folder.file("live")))) {
+        for (const std::string& line : linesOf(readFile(m_folder.file("live")))) {
             count += line.rfind(start, 0) == 0 ? 1 : 0;
         }
         return count;
     };
-    EXPECT_TRUE(vlmTest::eventually([&] { return lines("waiting for vlmmaster") == 1; }));
+    EXPECT_TRUE(eventually([&] { return lines("waiting for vlmmaster") == 1; }));
     serve();
-    EXPECT_TRUE(vlmTest::eventually([&] { return lines("services 0/0") >= 2; }));
+    EXPECT_TRUE(eventually([&] { return lines("services 0/0") >= 2; }));
     m_server.reset();
-    EXPECT_TRUE(vlmTest::eventually([&] { return lines("waiting for vlmmaster") == 2; }));
+    EXPECT_TRUE(eventually([&] { return lines("waiting for vlmmaster") == 2; }));
     const int before = lines("services 0/0");
     serve();
-    EXPECT_TRUE(vlmTest::eventually([&] { return lines("services 0/0") > before; }));
+    EXPECT_TRUE(eventually([&] { return lines("services 0/0") > before; }));
 }
 
 TEST(StatusText, TheLiveLineShowsTheEssentialsAndTheRateBetweenTwoCalls) {
@@ -105,7 +89,7 @@ TEST(StatusText, TheLiveLineShowsTheEssentialsAndTheRateBetweenTwoCalls) {
     const auto snapshot = [&](const char* samples, const char* dlt) {
         char text[1000];
         std::snprintf(text, sizeof text, kText, samples, dlt);
-        return snapshotOf(text);
+        return valueOf(text);
     };
     tools::LiveLine line;
     const std::chrono::steady_clock::time_point start{};
@@ -116,7 +100,7 @@ TEST(StatusText, TheLiveLineShowsTheEssentialsAndTheRateBetweenTwoCalls) {
     const std::string second = line.next(snapshot("350", "6"), start + std::chrono::seconds(2));
     EXPECT_THAT(second, HasSubstr("samples 350 (125/s)"));
     EXPECT_THAT(second, HasSubstr("lost 7, log lines dropped 6"));
-    EXPECT_THAT(tools::LiveLine().next(snapshotOf(R"({"spool":{"waiting":12,"bytes":49152,"oldestSeconds":75,
+    EXPECT_THAT(tools::LiveLine().next(valueOf(R"({"spool":{"waiting":12,"bytes":49152,"oldestSeconds":75,
                     "remainingSeconds":6.3}})"),
                                        start),
                 HasSubstr("spool 12 (48 KiB, oldest 75 s, empty in 6 s)"));
@@ -127,9 +111,9 @@ TEST(StatusText, TheLiveLineShowsTheEssentialsAndTheRateBetweenTwoCalls) {
 TEST(StatusText, OddSnapshotsAreShownAndNeverThrow) {
     for (const char* const text :
          {"{}", R"({"samples":[1,2],"log":null,"backend":{"open":"x"},"a":{"b":{}}})", "[1]", "null"}) {
-        const kyo::Json::Value snapshot = snapshotOf(text);
+        const kyo::Json::Value snapshot = valueOf(text);
         EXPECT_THAT(tools::statusTable(snapshot), HasSubstr("Nothing was lost"));
-        EXPECT_THAT(tools::LiveLine().next(snapshot, {}), Not(testing::IsEmpty()));
+        EXPECT_THAT(tools::LiveLine().next(snapshot, {}), Not(IsEmpty()));
     }
 }
 
@@ -138,7 +122,7 @@ TEST(Metrics, HaveBaseUnitsHelpTextsAndCumulativeBuckets) {
     for (const int us : {-5, 50, 51, 2'000'000, 70'000'000}) {
         histogram.add(std::chrono::microseconds(us));
     }
-    kyo::Json::Value snapshot = snapshotOf(R"({"samples":{"received":7},"clock":{"durationMs":60000},
+    kyo::Json::Value snapshot = valueOf(R"({"samples":{"received":7},"clock":{"durationMs":60000},
         "process":{"memoryKiB":2,"version":"1.\"2\\"},"someip":{"up":true},"not":{"described":1}})");
     snapshot["latency"]["tickToReport"] = histogram.value();
     const std::string open = tools::metricsText(snapshot, tools::MetricFormat::OpenMetrics);
@@ -173,7 +157,7 @@ TEST(Metrics, HaveBaseUnitsHelpTextsAndCumulativeBuckets) {
     EXPECT_THAT(older, Not(HasSubstr("# EOF")));
     EXPECT_THAT(tools::statusTable(snapshot),
                 HasSubstr("latency.tickToReport  5, half within 0.1 ms, 99 % above 60 s\n"));
-    EXPECT_EQ(tools::metricsText(snapshotOf("{}"), tools::MetricFormat::Prometheus),
+    EXPECT_EQ(tools::metricsText(valueOf("{}"), tools::MetricFormat::Prometheus),
               "# TYPE vlm_up gauge\n# HELP vlm_up whether vlmmaster answers\nvlm_up 0\n");
 }
 

@@ -1,26 +1,13 @@
 /// A folder as the backend: what stands in it after good and bad days.
 #include <botan/base64.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "backend/DirectoryTransport.h"
-#include "kyo/Status.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/TransportClient.h"
 
 namespace {
@@ -42,22 +29,13 @@ namespace {
 
 using kyo::orx::CallbackThread;
 using kyo::orx::DirectoryTransport;
-using testing::ElementsAre;
-using vlmTest::envelope;
-using vlmTest::eventually;
-using vlmTest::LogCapture;
-using vlmTest::TemporaryFolder;
-
-std::string contentOf(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using namespace vlmTest;
 
 std::string lineOf(const kyo::Json::Value& value) {
-    return kyo::Json::FastWriter().write(value) + '\n';
+    return compactText(value) + '\n';
 }
 
-class Backend : public vlmTest::TransportClient {
+class Backend : public TransportClient {
   public:
     explicit Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"})
         : transport({folder, "collector.json"}, {"Catalog 1", std::move(offered)}) {
@@ -74,8 +52,7 @@ class Backend : public vlmTest::TransportClient {
     DirectoryTransport transport;
 };
 
-class DirectoryBackend : public testing::Test {
-  protected:
+struct DirectoryBackend : Test {
     TemporaryFolder m_folder;
     const std::string m_file = m_folder.file("envelopes.jsonl");
     LogCapture m_log;
@@ -87,12 +64,12 @@ TEST_F(DirectoryBackend, OpensTheChannelStoresEachEnvelopeAndAnswersItWithWholeM
     ASSERT_TRUE(backend.awaitControls(1));
     dataFlushes = folderFlushes = 0;
     EXPECT_EQ(backend.transport.send(envelope("1")), 0);
-    EXPECT_EQ(contentOf(deep + "/envelopes.jsonl"), lineOf(envelope("1"))) << "there when the send returns";
+    EXPECT_EQ(readFile(deep + "/envelopes.jsonl"), lineOf(envelope("1"))) << "there when the send returns";
     EXPECT_EQ(backend.transport.send(envelope("2")), 0);
     EXPECT_EQ(dataFlushes, 2);
     EXPECT_EQ(folderFlushes, 1) << "the new file's name";
     ASSERT_TRUE(backend.awaitControls(3));
-    EXPECT_EQ(contentOf(deep + "/envelopes.jsonl"), lineOf(envelope("1")) + lineOf(envelope("2")));
+    EXPECT_EQ(readFile(deep + "/envelopes.jsonl"), lineOf(envelope("1")) + lineOf(envelope("2")));
     for (const auto& message : backend.controls()) {
         EXPECT_EQ(message,
                   kyo::orx::masterControl(message["eventTicket"].asString(), {"TypeA", "TypeB"}, 0, 0));
@@ -122,11 +99,11 @@ TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALine) {
     m_folder.write("envelopes.jsonl", whole + "{\"messageId\":\"half" + std::string(9000, 'y'));
     Backend backend(m_folder.path());
     EXPECT_EQ(backend.transport.send(envelope("new")), 0);
-    EXPECT_EQ(contentOf(m_file), whole + lineOf(envelope("new")));
+    EXPECT_EQ(readFile(m_file), whole + lineOf(envelope("new")));
 
     m_folder.write("envelopes.jsonl", "no line end at all");
     EXPECT_EQ(backend.transport.send(envelope("new")), 0);
-    EXPECT_EQ(contentOf(m_file), lineOf(envelope("new")));
+    EXPECT_EQ(readFile(m_file), lineOf(envelope("new")));
 }
 
 /// A limit of file size stands for a full disk: the write ends in the middle, with an error.
@@ -142,14 +119,14 @@ TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChanne
     ASSERT_TRUE(backend.awaitControls(1));
     ASSERT_EQ(backend.transport.send(envelope("kept", 100)), 0);
     ASSERT_TRUE(backend.awaitControls(2));
-    const std::string before = contentOf(m_file);
+    const std::string before = readFile(m_file);
 
     limitFileSize(1000);
-    const auto failed = kyo::Status::counter("orx.failed").value();
+    const auto failed = counted("orx.failed");
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
-    EXPECT_EQ(kyo::Status::counter("orx.failed").value(), failed + 2);
-    EXPECT_EQ(contentOf(m_file), before);
+    EXPECT_EQ(counted("orx.failed"), failed + 2);
+    EXPECT_EQ(readFile(m_file), before);
     // A probe in the meantime must not mistake room for a small line for room for this one.
     const auto touched = std::filesystem::last_write_time(m_folder.path());
     ASSERT_TRUE(eventually([&] { return std::filesystem::last_write_time(m_folder.path()) != touched; }));
@@ -158,9 +135,9 @@ TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChanne
     limitFileSize(RLIM_INFINITY);
     ASSERT_TRUE(backend.awaitControls(3));
     EXPECT_EQ(backend.transport.send(envelope("big", 5000)), 0);
-    EXPECT_EQ(contentOf(m_file), before + lineOf(envelope("big", 5000)));
+    EXPECT_EQ(readFile(m_file), before + lineOf(envelope("big", 5000)));
     EXPECT_FALSE(std::filesystem::exists(m_file + ".probe"));
-    EXPECT_THAT(m_log.messages(3), ElementsAre(testing::HasSubstr("File too large")));
+    EXPECT_THAT(m_log.messages(3), ElementsAre(HasSubstr("File too large")));
     EXPECT_EQ(m_log.count(5, m_file + " can be written again"), 1u);
 }
 
@@ -206,7 +183,7 @@ TEST_F(DirectoryBackend, TakesNothingMoreWhenTheProcessEnds) {
     EXPECT_EQ(backend.transport.send(envelope("1")), 0);
     backend.transport.leave();
     EXPECT_EQ(backend.transport.send(envelope("2")), -ESHUTDOWN);
-    EXPECT_EQ(contentOf(m_file), lineOf(envelope("1")));
+    EXPECT_EQ(readFile(m_file), lineOf(envelope("1")));
 }
 
 TEST_F(DirectoryBackend, AnswersWithNoConfigurationBeyondTheLimit) {
@@ -220,24 +197,15 @@ TEST_F(DirectoryBackend, AnswersWithNoConfigurationBeyondTheLimit) {
 TEST(CallbackThreadTest, KeepsOrderSurvivesExceptionsAndForgetsWhatWaitsWhenStopped) {
     LogCapture log;
     CallbackThread callbacks;
-    std::mutex mutex;
-    std::vector<int> done;
-    const auto note = [&](int value) {
-        return [&, value] {
-            const std::lock_guard<std::mutex> lock(mutex);
-            done.push_back(value);
-        };
-    };
+    SharedList<int> done;
+    const auto note = [&done](int value) { return [&done, value] { done.add(value); }; };
     callbacks.post(note(3), std::chrono::milliseconds(50));
     callbacks.post(note(1));
     callbacks.post([] { throw std::runtime_error("deliberate"); });
     callbacks.post(note(2));
     callbacks.post(note(99), std::chrono::hours(1));
-    ASSERT_TRUE(eventually([&] {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return done.size() == 3;
-    }));
-    EXPECT_THAT(done, ElementsAre(1, 2, 3));
+    ASSERT_TRUE(eventually([&] { return done.size() == 3; }));
+    EXPECT_THAT(done.all(), ElementsAre(1, 2, 3));
     EXPECT_TRUE(log.has(3, "A callback failed: deliberate"));
     callbacks.stop();
     EXPECT_FALSE(callbacks.post(note(4)));

@@ -1,21 +1,14 @@
 /// What is sent from the spool and when, what counts as arrived, and what is remembered: by hand, without a
 /// clock.
-#include <gtest/gtest.h>
-
-#include <map>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "backend/Compression.h"
 #include "backend/Forwarder.h"
 #include "backend/Health.h"
 #include "backend/Remembered.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace vlmTest;
 using kyo::orx::BackendControl;
 using kyo::orx::Forwarder;
 using kyo::orx::RememberedConfiguration;
@@ -23,8 +16,7 @@ using kyo::orx::Spool;
 using Numbers = std::vector<std::uint64_t>;
 
 /// A forwarder with a spool of numbers, whose envelopes are named after them.
-class ForwarderTest : public testing::Test {
-  protected:
+struct ForwarderTest : Test {
     void store(std::uint64_t count) {
         for (std::uint64_t i = 0; i < count; ++i) {
             m_waiting[++m_highest] = true;
@@ -273,7 +265,7 @@ TEST(CompressionTest, NeedsTheDictionaryOfAFrameByItsNumberAndThenFindsShortText
 
     EXPECT_FALSE(known.add("50002", error));
     EXPECT_EQ(error, "no dictionary 50002 is built in; known are 50001");
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     EXPECT_FALSE(known.add(folder.write("some.zdict", text), error));
     EXPECT_NE(error.find("some.zdict: no zstd dictionary"), std::string::npos) << error;
     EXPECT_FALSE(known.add(folder.file("none"), error));
@@ -288,7 +280,7 @@ kyo::Json::Value configuration(const std::string& id, const std::string& body) {
 }
 
 TEST(RememberedConfigurationTest, StandsInForABackendThatIsSilentAndGoesOnAskingIt) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const RememberedConfiguration::Clock::time_point start{1h};
     const auto remembering = [&folder](std::optional<std::chrono::seconds> after) {
         return RememberedConfiguration(folder.path(), Spool::ordinaryDisk(), after);

@@ -1,22 +1,11 @@
 /// The spool on disk: order, limits, what cannot be used, and what a power cut leaves.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
 #include <random>
-#include <set>
-#include <string>
-#include <variant>
-#include <vector>
 
 #include "backend/Spool.h"
-#include "kyo/Status.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 
 namespace {
 
@@ -25,7 +14,7 @@ using kyo::orx::Encoding;
 using kyo::orx::Spool;
 using kyo::orx::SpoolDisk;
 using kyo::orx::SpooledEnvelope;
-using vlmTest::TemporaryFolder;
+using namespace vlmTest;
 
 SpooledEnvelope envelope(const std::string& id, std::size_t size = 100, std::int64_t storedMs = 1000) {
     SpooledEnvelope made;
@@ -49,10 +38,6 @@ std::vector<std::string> idsIn(Spool& spool) {
     return ids;
 }
 
-std::uint64_t counted(const std::string& name) {
-    return kyo::Status::counter(name).value();
-}
-
 /// A disk that refuses, and does not wait for the real one.
 class FastDisk : public SpoolDisk {
   public:
@@ -66,8 +51,7 @@ class FastDisk : public SpoolDisk {
     int refusal = 0;
 };
 
-class SpoolTest : public testing::Test {
-  protected:
+struct SpoolTest : Test {
     std::unique_ptr<Spool> opened(Spool::Settings settings = {}) {
         settings.folder = m_folder.file("a/spool");
         auto spool = std::make_unique<Spool>(settings, m_disk);
@@ -84,7 +68,7 @@ class SpoolTest : public testing::Test {
     }
 
     TemporaryFolder m_folder;
-    vlmTest::LogCapture m_log;
+    LogCapture m_log;
     FastDisk m_disk;
 };
 
@@ -242,98 +226,83 @@ TEST_F(SpoolTest, KeepsNothingOfAnEnvelopeThatTheDiskDoesNotTake) {
 /// synchronisation has covered, and of the rest whatever chance keeps - each change for itself, in order.
 class RecordingDisk : public SpoolDisk {
   public:
-    int makeFolder(const Path& folder) override { return SpoolDisk::makeFolder(folder); }
     int write(const Path& file, std::string_view content) override {
-        m_log.push_back({Create, file, {}, std::string(content)});
-        m_log.push_back({Content, file, {}, std::string(content)});
+        const std::string text(content);
+        m_log.push_back({Kind::Name, [file, text](Files& files, std::mt19937& chance) {
+                             files[file] = text.substr(0, chance() % (text.size() + 1));
+                         }});
+        m_log.push_back({Kind::Content, [file, text](Files& files, std::mt19937&) {
+                             if (files.contains(file)) {
+                                 files[file] = text;
+                             }
+                         }});
         return SpoolDisk::write(file, content);
     }
     int rename(const Path& from, const Path& to) override {
-        m_log.push_back({Rename, from, to, {}});
+        m_log.push_back({Kind::Name, [from, to](Files& files, std::mt19937&) {
+                             if (files.contains(from)) {
+                                 files[to] = files[from];
+                                 files.erase(from);
+                             }
+                         }});
         return SpoolDisk::rename(from, to);
     }
     int syncFolder(const Path& folder) override {
-        m_log.push_back({Sync, folder, {}, {}});
+        m_log.push_back({Kind::Sync, [](Files&, std::mt19937&) {}});
         return SpoolDisk::syncFolder(folder);
     }
     int remove(const Path& file) override {
-        m_log.push_back({Remove, file, {}, {}});
+        m_log.push_back({Kind::Name, [file](Files& files, std::mt19937&) { files.erase(file); }});
         return SpoolDisk::remove(file);
     }
     int truncate(const Path& file) override {
-        m_log.push_back({Truncate, file, {}, {}});
+        m_log.push_back({Kind::Name, [file](Files& files, std::mt19937&) {
+                             if (files.contains(file)) {
+                                 files[file].clear();
+                             }
+                         }});
         return SpoolDisk::truncate(file);
     }
     std::size_t length() const { return m_log.size(); }
     /// The length behind the first synchronisation after `from`, or "never".
     std::size_t syncedAfter(std::size_t from) const {
-        while (from < m_log.size() && m_log[from].kind != Sync) {
+        while (from < m_log.size() && m_log[from].kind != Kind::Sync) {
             ++from;
         }
-        return from < m_log.size() ? from + 1 : std::size_t{0} - 1;
+        return from < m_log.size() ? from + 1 : SIZE_MAX;
     }
 
     /// Writes to `target` what is left when the power goes after that many changes.
     void layOut(std::size_t length, std::mt19937& chance, const Path& folder, const Path& target) const {
         std::size_t safe = length;
-        while (safe > 0 && m_log[safe - 1].kind != Sync) {
+        while (safe > 0 && m_log[safe - 1].kind != Kind::Sync) {
             --safe;
         }
-        std::map<std::string, std::shared_ptr<std::string>> names;
+        Files files;
         for (std::size_t i = 0; i < length; ++i) {
-            const Change& change = m_log[i];
-            if (i >= safe && change.kind != Content && chance() % 2 == 0) {
-                continue;
-            }
-            switch (change.kind) {
-                case Create:  // the content comes later, if at all
-                    names[change.path] = std::make_shared<std::string>(
-                        change.content.substr(0, chance() % (change.content.size() + 1)));
-                    break;
-                case Content:  // was synchronised by itself
-                    if (const auto found = names.find(change.path); found != names.end()) {
-                        *found->second = change.content;
-                    }
-                    break;
-                case Rename:
-                    if (const auto found = names.find(change.path); found != names.end()) {
-                        const auto file = found->second;
-                        names.erase(found);
-                        names[change.to] = file;
-                    }
-                    break;
-                case Remove:
-                    names.erase(change.path);
-                    break;
-                case Truncate:
-                    if (const auto found = names.find(change.path); found != names.end()) {
-                        found->second->clear();
-                    }
-                    break;
-                case Sync:
-                    break;
+            if (i < safe || m_log[i].kind == Kind::Content || chance() % 2 != 0) {
+                m_log[i].apply(files, chance);
             }
         }
-        for (const auto& [name, content] : names) {
-            const Path file = target / Path(name).lexically_relative(folder);
+        for (const auto& [name, content] : files) {
+            const Path file = target / name.lexically_relative(folder);
             fs::create_directories(file.parent_path());
-            std::ofstream(file, std::ios::binary) << *content;
+            std::ofstream(file, std::ios::binary) << content;
         }
     }
 
   private:
-    enum Kind { Create, Content, Rename, Sync, Remove, Truncate };
+    using Files = std::map<Path, std::string>;
+    enum class Kind { Name, Content, Sync };  ///< content is synchronised by itself
     struct Change {
         Kind kind;
-        Path path;
-        Path to;
-        std::string content;
+        std::function<void(Files&, std::mt19937&)> apply;
     };
     std::vector<Change> m_log;
 };
 
 TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndRestoresNothingWhoseDeletionWasWritten) {
-    const vlmTest::LogCapture quiet;
+    const LogCapture quiet;
     std::mt19937 chance(20260101);
     std::size_t cuts = 0;
     for (int round = 0; round < 20; ++round) {

@@ -1,14 +1,10 @@
 // The compact JSON text of records, reports and envelopes must read back as the same value.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <string>
 
-#include "kyo/Json.h"
+#include "tests/support/Test.h"
 
-using kyo::Json::Value;
+using namespace vlmTest;
 
 namespace {
 

@@ -1,14 +1,7 @@
-#include "kyo/Status.h"
+#include "tests/support/Test.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <stdexcept>
-
-#include "tests/support/Together.h"
-
+using namespace vlmTest;
 using kyo::Status;
-using kyo::Json::Value;
 
 TEST(Status, TheSnapshotNestsDottedNamesAndReadsGaugesAsTheyAreNow) {
     Status::counter("test.one.dropped").add(3);
@@ -47,22 +40,4 @@ TEST(Status, AGaugeMayThrowAndMayUseTheStatusItself) {
     const Value snapshot = Status::snapshot();
     EXPECT_TRUE(snapshot["bad"]["gauge"].isNull());
     EXPECT_TRUE(snapshot["self"]["gauge"].asBool());
-}
-
-// Threads count and register while another takes snapshots.
-TEST(Status, CountsAreExactWhileSnapshotsAreTaken) {
-    vlmTest::Together threads(4, [](int t) {
-        kyo::Counter& shared = Status::counter("race.shared");
-        for (int i = 0; i < 2000; ++i) {
-            shared.add();
-            if (i % 100 == 0) {
-                Status::counter("race.own" + std::to_string(t * 1000 + i)).add();
-            }
-        }
-    });
-    while (threads.running()) {
-        Status::snapshot();
-    }
-    threads.join();
-    EXPECT_EQ(Status::snapshot()["race"]["shared"].asInt(), 8000);
 }

@@ -1,31 +1,26 @@
 // Lines on standard output: their format, and a missing reader.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
-#include <map>
 #include <regex>
 
 #include "log/ConsoleSink.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 
-using testing::HasSubstr;
-using vlmTest::Descriptor;
-using vlmTest::linesOf;
+using namespace vlmTest;
 
 namespace {
 
 /// Runs the probe with its standard output at the given descriptor, or else in a file.
-vlmTest::Outcome probe(std::vector<std::string> words, int standardOutput = -1) {
-    const vlmTest::TemporaryFolder noDaemonHasItsPipeHere;
+Outcome probe(std::vector<std::string> words, int standardOutput = -1) {
+    const TemporaryFolder noDaemonHasItsPipeHere;
     words.insert(words.begin(), LOG_PROBE);
-    auto outcome = vlmTest::runToItsEnd(
+    auto outcome = runToItsEnd(
         words, {"DLT_PIPE_DIR=" + noDaemonHasItsPipeHere.path(), "VLM_MACHINE_MANIFEST="}, standardOutput);
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     return outcome;
 }
 
-std::uint64_t droppedBy(const vlmTest::Outcome& outcome) {
+std::uint64_t droppedBy(const Outcome& outcome) {
     return outcome.probeStatus()["log"]["dropped"]["console"].asUInt64();
 }
 
@@ -127,8 +122,8 @@ TEST(Console, AReaderThatIsGoneOrNeverWasEndsTheConsoleAndNotTheProcess) {
     EXPECT_GE(droppedBy(probe({"say", "one", "@300", "two", "@300", "three"}, pipe.writer)), 2u);
     EXPECT_EQ(::fcntl(pipe.writer, F_GETFL) & O_NONBLOCK, 0)
         << "the pipe is shared: its flags are not ours to change";
-    const auto closed = vlmTest::runToItsEnd(
-        {"bash", "-c", std::string("exec ") + LOG_PROBE + " say one two >&-"}, {"VLM_MACHINE_MANIFEST="});
+    const auto closed = runToItsEnd({"bash", "-c", std::string("exec ") + LOG_PROBE + " say one two >&-"},
+                                    {"VLM_MACHINE_MANIFEST="});
     EXPECT_EQ(closed.status, 0);
     EXPECT_EQ(droppedBy(closed), 0u) << "nothing is called dropped";
 }

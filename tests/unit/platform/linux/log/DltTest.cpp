@@ -1,6 +1,6 @@
 #include "log/DltSink.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 TEST(DltPieces, AreCutBetweenCharactersWhereThereAreSome) {
     using ara::log::pieceLength;

@@ -1,16 +1,14 @@
 #include "log/LineQueue.h"
 
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
+
 #include <poll.h>
 #include <pthread.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <thread>
 
-#include "tests/support/Eventually.h"
-
+using namespace vlmTest;
 using kyo::LineBuffer;
 using kyo::LineQueue;
 
@@ -152,12 +150,12 @@ TEST(LineQueue, AHandlerThatInterruptsALoggingThreadDropsItsLineInsteadOfWaiting
     });
     LineBuffer out;
     int sent = 0;
-    const bool answered = vlmTest::eventually([&] { return g_handled.load() >= 300; },
-                                              [&] {
-                                                  ::pthread_kill(worker.native_handle(), SIGUSR1);
-                                                  ++sent;
-                                                  queue.drain(out);
-                                              });
+    const bool answered = eventually([&] { return g_handled.load() >= 300; },
+                                     [&] {
+                                         ::pthread_kill(worker.native_handle(), SIGUSR1);
+                                         ++sent;
+                                         queue.drain(out);
+                                     });
     stop.store(true);
     worker.join();
     ::sigaction(SIGUSR1, &before, nullptr);

@@ -1,22 +1,20 @@
 // The log file that the manifest names.
-#include <gtest/gtest.h>
-
 #include <regex>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 
-using vlmTest::linesOf;
-using vlmTest::readFile;
+using namespace vlmTest;
 
 namespace {
 
 /// Runs the probe and returns its standard error.
-std::string runWithLog(const vlmTest::TemporaryFolder& folder, const std::string& log,
+std::string runWithLog(const TemporaryFolder& folder, const std::string& log,
                        std::vector<std::string> words) {
     const std::string manifest =
         folder.write("m.json", "{\"log\": {\"console\": false, \"dlt\": false, " + log + "}}");
     words.insert(words.begin(), LOG_PROBE);
-    const auto outcome = vlmTest::runToItsEnd(words, {"VLM_MACHINE_MANIFEST=" + manifest});
+    const auto outcome = runToItsEnd(words, {"VLM_MACHINE_MANIFEST=" + manifest});
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     return outcome.err;
 }
@@ -29,7 +27,7 @@ bool isOpenToOthers(const std::string& path) {
 }  // namespace
 
 TEST(LogFile, HoldsTheLinesUpToItsOwnLevelRegardlessOfTheLimitForOthers) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const std::string log = R"("maxLevel": 0, "fileLevel": 3, "file": ")" + folder.file("vlm.log") + "\"";
     runWithLog(folder, log, {"say", "detail", "@3", "first"});
     runWithLog(folder, log, {"say", "@3", "second"});
@@ -42,7 +40,7 @@ TEST(LogFile, HoldsTheLinesUpToItsOwnLevelRegardlessOfTheLimitForOthers) {
 }
 
 TEST(LogFile, StartsAgainAtItsLimitAndKeepsThePreviousFile) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const std::string log = R"("fileMaxBytes": 20000, "file": ")" + folder.file("vlm.log") + "\"";
     // A run's lines may come in one write of nearly 8,000 bytes: six runs need more than two files in any
     // case.
@@ -62,7 +60,7 @@ TEST(LogFile, StartsAgainAtItsLimitAndKeepsThePreviousFile) {
 }
 
 TEST(LogFile, OneThatCannotBeOpenedIsReportedOnceAndCostsNothingElse) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const auto said = runWithLog(folder, R"("file": "/nowhere/vlm.log")", {"lines", "1", "10"});
     EXPECT_EQ(linesOf(said)[0], "The log file /nowhere/vlm.log cannot be opened: No such file or directory");
 }

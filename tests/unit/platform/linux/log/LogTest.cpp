@@ -1,19 +1,11 @@
 // Composing a line, and its receivers.
-#include "kyo/Log.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <limits>
-#include <sstream>
-#include <utility>
-#include <vector>
 
 #include "log/LineText.h"
+#include "tests/support/Test.h"
 
-using testing::ElementsAre;
-using testing::Pair;
+using namespace vlmTest;
 
 namespace {
 

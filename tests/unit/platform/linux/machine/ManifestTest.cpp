@@ -1,30 +1,19 @@
 // A wrong manifest is refused, with the wrong key.
 #include "machine/Manifest.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 
 using machine::Manifest;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace vlmTest;
 
 namespace {
-
-kyo::Json::Value parse(const std::string& text) {
-    kyo::Json::Value value;
-    kyo::Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << text << reader.getFormattedErrorMessages();
-    return value;
-}
 
 std::string errorOf(const std::string& text) {
     Manifest manifest;
     manifest.log.maxLevel = 4;
     std::string error;
-    EXPECT_FALSE(machine::readManifest(parse(text), manifest, error)) << text;
+    EXPECT_FALSE(machine::readManifest(valueOf(text), manifest, error)) << text;
     EXPECT_EQ(manifest.log.maxLevel, 4) << "a refused manifest must change nothing";
     return error;
 }
@@ -34,11 +23,11 @@ std::string errorOf(const std::string& text) {
 TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
     Manifest manifest;
     std::string error = "old";
-    ASSERT_TRUE(machine::readManifest(parse("{}"), manifest, error)) << error;
+    ASSERT_TRUE(machine::readManifest(valueOf("{}"), manifest, error)) << error;
     EXPECT_EQ(error, "");
     EXPECT_EQ(manifest.someip.discovery.port, 30490);
 
-    ASSERT_TRUE(machine::readManifest(parse(R"({
+    ASSERT_TRUE(machine::readManifest(valueOf(R"({
         "$schema": "x",
         "log": {"maxLevel": 5, "console": false, "dlt": false, "file": "/a", "fileLevel": 3, "fileMaxBytes": 1000000},
         "someip": {"address": "192.168.7.2", "eventPort": 40001, "network": "192.168.7.0/24",
@@ -62,7 +51,7 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
     EXPECT_FALSE(manifest.backend.spool);
     EXPECT_EQ(manifest.backend.remember.afterSeconds, 30u);
     ASSERT_TRUE(machine::readManifest(
-        parse(R"({"backend": {"spool": {}, "remember": {"afterSeconds": null}}})"), manifest, error))
+        valueOf(R"({"backend": {"spool": {}, "remember": {"afterSeconds": null}}})"), manifest, error))
         << error;
     EXPECT_EQ(manifest.backend.spool->maxBytes, 512u << 20);
     EXPECT_FALSE(manifest.backend.remember.afterSeconds);
@@ -115,7 +104,7 @@ TEST(Manifest, BrokersHaveThePortOfTheirOwnOrTheUsualOne) {
     std::string error;
     ASSERT_EQ(machine::brokersOf(manifest.backend.mqtt).size(), 1u) << "host alone";
     ASSERT_TRUE(machine::readManifest(
-        parse(
+        valueOf(
             R"({"backend": {"mqtt": {"port": 8883, "hosts": ["a", "b.c:1", "[::1]:2", "::1", "[fe80::1]"]}}})"),
         manifest, error))
         << error;
@@ -127,10 +116,10 @@ TEST(Manifest, BrokersHaveThePortOfTheirOwnOrTheUsualOne) {
 }
 
 TEST(Manifest, TheProcessUsesTheFileThatTheVariableNamesOrEndsWithStatus1AndAReason) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const auto runProbe = [&](const std::string& file) {
-        return vlmTest::runToItsEnd({LOG_PROBE, "manifest"},
-                                    {"VLM_MACHINE_MANIFEST=" + file, "DLT_PIPE_DIR=" + folder.path()});
+        return runToItsEnd({LOG_PROBE, "manifest"},
+                           {"VLM_MACHINE_MANIFEST=" + file, "DLT_PIPE_DIR=" + folder.path()});
     };
     const auto good = runProbe(folder.write(
         "m.json", R"({"log": {"maxLevel": 3, "dlt": false}, "state": {"socket": "/x/y.sock"}})"));

@@ -1,28 +1,21 @@
 // The state socket: its protocol, and its protection against bad clients.
 #include "state/StateServer.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <memory>
 #include <system_error>
 
-#include "kyo/Status.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Eventually.h"
+#include "tests/support/Test.h"
 
 using ara::stm::StateServer;
 using ara::stm::StateServerLimits;
-using testing::AllOf;
-using testing::HasSubstr;
-using vlmTest::eventually;
+using namespace vlmTest;
 using Confirmation = StateServer::Confirmation;
 
 namespace {
@@ -67,7 +60,7 @@ class TestClient {
     }
 
   private:
-    const vlmTest::Descriptor m_socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    const Descriptor m_socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
 };
 
 const std::string kStatus = R"({"request":"status"})";
@@ -76,8 +69,7 @@ std::string stateRequest(const std::string& state) {
     return R"({"request":"state","state":")" + state + "\"}";
 }
 
-class StateServerTest : public testing::Test {
-  protected:
+struct StateServerTest : Test {
     std::string path() const { return m_folder.file("vlm.sock"); }
 
     /// Starts a server that confirms at once, except the state "later".
@@ -118,7 +110,7 @@ class StateServerTest : public testing::Test {
 
     void expectAlive() { EXPECT_THAT(TestClient(path()).ask(kStatus), HasSubstr("\"state\":{\"refused\"")); }
 
-    vlmTest::TemporaryFolder m_folder;
+    TemporaryFolder m_folder;
     std::unique_ptr<StateServer> m_server;
     std::atomic<StateServer*> m_self{nullptr};
     std::atomic<std::uint32_t> m_lastId{0};
@@ -129,22 +121,20 @@ class StateServerTest : public testing::Test {
 TEST_F(StateServerTest, StatesAreConfirmedWithTheirIdAndWhatIsNoRequestIsRefusedWithAReason) {
     serve();
     TestClient client(path());
-    const std::string kGarbage[] = {
-        "x",
-        "[]",
-        "{}",
-        std::string("\0\0\xFF", 3),
-        std::string(3000, '['),
-        R"({"request":1})",
-        R"({"request":"stop"})",
-        R"({"request":"status"}{})",
-        R"({"request":"state"})",
-        R"({"request":"state","state":["kOn"]})",
-        stateRequest(""),
-        stateRequest(std::string(129, 'k')),
-    };
+    const std::string kGarbage[] = {"x",
+                                    "[]",
+                                    "{}",
+                                    std::string("\0\0\xFF", 3),
+                                    std::string(3000, '['),
+                                    R"({"request":1})",
+                                    R"({"request":"stop"})",
+                                    R"({"request":"status"}{})",
+                                    R"({"request":"state"})",
+                                    R"({"request":"state","state":["kOn"]})",
+                                    stateRequest(""),
+                                    stateRequest(std::string(129, 'k'))};
     for (const std::string& request : kGarbage) {
-        EXPECT_THAT(client.ask(request), testing::StartsWith("{\"error\":\"")) << request;
+        EXPECT_THAT(client.ask(request), StartsWith("{\"error\":\"")) << request;
     }
     EXPECT_EQ(client.ask(stateRequest("kPrepSD")), R"({"requestId":1,"result":"success","state":"kPrepSD"})");
     EXPECT_EQ(client.ask(R"( {"state":"anything", "request":"state"} )"),
@@ -265,13 +255,13 @@ TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(WEXITSTATUS(status), 0) << "1: could not even connect; 2: was answered";
-    EXPECT_GE(kyo::Status::counter("state.refused").value(), 1u);
+    EXPECT_GE(counted("state.refused"), 1u);
     expectAlive();
 }
 
 TEST_F(StateServerTest, ADeadProcessesSocketIsReplacedAndALivingOnesIsNot) {
     {
-        const vlmTest::Descriptor dead(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const Descriptor dead(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const auto address = addressOf(path());
         ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
@@ -294,7 +284,7 @@ TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndPlacesThatCannotBeTrustedOrU
     EXPECT_NE(::access(inner.c_str(), F_OK), 0);
 
     EXPECT_EQ(failure(m_folder.write("a-file", "precious")), EEXIST);
-    EXPECT_EQ(vlmTest::readFile(m_folder.file("a-file")), "precious");
+    EXPECT_EQ(readFile(m_folder.file("a-file")), "precious");
     EXPECT_EQ(failure(m_folder.file(std::string(120, 'x'))), ENAMETOOLONG);
     EXPECT_EQ(failure(m_folder.file("no/such/folder.sock")), ENOENT);
     ::chmod(m_folder.file("made").c_str(), 0777);

@@ -1,34 +1,22 @@
 // kyo::Thread; meant for the thread sanitizer.
 #include "kyo/Thread.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <memory>
-#include <vector>
-
 #include "kyo/Event.h"
-#include "tests/support/Eventually.h"
-
-using vlmTest::eventually;
+#include "tests/support/Test.h"
 
 namespace {
 
-class Worker : public kyo::Thread {
-  public:
-    explicit Worker(std::function<void(Worker&)> body) : m_body(std::move(body)) {}
+using namespace vlmTest;
+
+struct Worker : kyo::Thread {
+    explicit Worker(std::function<void(Worker&)> given) : body(std::move(given)) {}
     void run() override {
-        m_body(*this);
-        runs.fetch_add(1);
+        body(*this);
+        ++runs;
     }
+    const std::function<void(Worker&)> body;
     std::atomic<int> runs{0};
-
-  private:
-    std::function<void(Worker&)> m_body;
 };
-
-}  // namespace
 
 TEST(Thread, ASecondStartDoesNothingAndJoinWaitsForTheEnd) {
     kyo::Event go;
@@ -37,10 +25,9 @@ TEST(Thread, ASecondStartDoesNothingAndJoinWaitsForTheEnd) {
     worker.start();
     go.set();
     worker.join();
-    EXPECT_EQ(worker.runs.load(), 1);
     worker.start();
     worker.join();
-    EXPECT_EQ(worker.runs.load(), 1);
+    EXPECT_EQ(worker.runs, 1);
 }
 
 // run() detaches its own thread, possibly before start() has returned.
@@ -51,6 +38,8 @@ TEST(Thread, ManyWorkersMayDetachThemselves) {
         workers.back()->start();
     }
     for (const auto& worker : workers) {
-        EXPECT_TRUE(eventually([&] { return worker->runs.load() == 1; }));
+        EXPECT_TRUE(eventually([&] { return worker->runs == 1; }));
     }
 }
+
+}  // namespace
