@@ -113,7 +113,10 @@ cxxopts::Options describeOptions() {
         cxxopts::value<std::string>()->default_value(""));
     add("catalog", "signal catalog for the checks of configurations",
         cxxopts::value<std::string>()->default_value(vlmCheck::CatalogView::kInstalled));
-    add("tiles", "map tiles for the page: https://tiles.example/{z}/{x}/{y}.png; without it, outlines only",
+    add("tiles",
+        "map tiles for the page: https://tiles.example/{z}/{x}/{y}.png; without it, outlines and a grid",
+        cxxopts::value<std::string>()->default_value(""));
+    add("tiles-attribution", "whose map that is, as its terms of use demand; shown on the map",
         cxxopts::value<std::string>()->default_value(""));
     add("users", "file with the users of page and API; --add-user writes it",
         cxxopts::value<std::string>()->default_value(""));
@@ -218,6 +221,7 @@ void readWeb(const cxxopts::ParseResult& given, Options& out) {
     web.catalog = given["catalog"].as<std::string>();
     web.assignmentsChanged = [changed = out.assignmentsChanged] { changed->wake(); };
     web.tiles = given["tiles"].as<std::string>();
+    web.attribution = given["tiles-attribution"].as<std::string>();
     web.version = vlmProd::version();
 }
 

@@ -82,6 +82,12 @@ constexpr std::array kMigrations{
     // Which of several instances looks after a vehicle.
     R"(CREATE TABLE instances (name TEXT PRIMARY KEY, alive_until BIGINT NOT NULL);
        ALTER TABLE vehicles ADD COLUMN owner TEXT NOT NULL DEFAULT '')",
+    // What has changed lately is found, and a list of vehicles filtered, without reading all of them. The
+    // next health message of a vehicle fills in its losses.
+    R"(ALTER TABLE vehicles ADD COLUMN changed BIGINT NOT NULL DEFAULT 0;
+       ALTER TABLE vehicles ADD COLUMN lost BIGINT NOT NULL DEFAULT 0;
+       ALTER TABLE vehicles ADD COLUMN waiting BIGINT NOT NULL DEFAULT 0;
+       CREATE INDEX vehicles_by_change ON vehicles (changed))",
 };
 
 void replaceAll(std::string& text, std::string_view what, std::string_view by) {

@@ -7,6 +7,7 @@
 
 #include "backend/store/Configurations.h"
 #include "backend/store/Schema.h"
+#include "base/LossCounters.h"
 #include "json/JsonFields.h"
 
 namespace vlmBackend::store {
@@ -15,7 +16,8 @@ namespace {
 
 constexpr int kLevel = 3;  // of zstd, for the envelopes' texts
 constexpr std::int64_t kReportsPerStep = 200;
-constexpr int kTries = 3;  // of a transaction that another instance was in the way of
+constexpr double kMostCounted = 1e15;  // of what a vehicle says that it lost or holds
+constexpr int kTries = 3;              // of a transaction that another instance was in the way of
 
 /// Null for what is no number: it comes from a topic that anybody may have written.
 Cell spoolNumber(const std::string& text) {
@@ -39,6 +41,25 @@ std::vector<std::size_t> orderOf(std::span<const Received> batch, Dialect dialec
                   [&key](std::size_t a, std::size_t b) { return key(a) < key(b); });
     }
     return order;
+}
+
+/// The assignment that notes a change at the given parameter's time. Never earlier than another change, since
+/// readers ask for the newest ones and clocks may be set back.
+std::string changedAt(const char* parameter, Dialect dialect) {
+    return std::string("changed = ") + (dialect == Dialect::Sqlite ? "MAX" : "GREATEST") +
+           "((SELECT MAX(changed) FROM vehicles), " + parameter + ")";
+}
+
+/// Of all counters of lost data in a health message.
+std::int64_t lossesIn(const kyo::Json::Value& health) {
+    const kyo::Json::Value& counters = vlmProd::member(health, "counters");
+    double sum = 0;
+    for (const auto& name : counters.isObject() ? counters.getMemberNames() : std::vector<std::string>()) {
+        if (vlmProd::countsLoss(name) && counters[name].isNumeric()) {
+            sum += std::clamp(counters[name].asDouble(), 0.0, kMostCounted);
+        }
+    }
+    return static_cast<std::int64_t>(std::min(sum, kMostCounted));
 }
 
 }  // namespace
@@ -218,6 +239,7 @@ Stored Store::putOne(const Received& received) {
     }
     Added& added = m_added[vehicle];
     ++added.reports;
+    added.receivedMs = std::max(added.receivedMs, received.receivedMs);
     added.samples += static_cast<std::int64_t>(rows.size());
     added.lastReport = report;
     for (const Refused& refused : envelope.refused) {
@@ -231,11 +253,16 @@ Stored Store::putOne(const Received& received) {
 /// The rows that most batches change, as late as possible: other instances wait for them.
 void Store::addTotals() {
     for (const auto& [vehicle, added] : m_added) {
-        const Cell parameters[] = {vehicle, added.reports, added.samples, added.unusable,
-                                   added.lastReport == 0 ? Cell{} : Cell{added.lastReport}};
+        const Cell parameters[] = {vehicle,
+                                   added.reports,
+                                   added.samples,
+                                   added.unusable,
+                                   added.lastReport == 0 ? Cell{} : Cell{added.lastReport},
+                                   added.receivedMs};
         m_sql->query(
             "UPDATE vehicles SET reports = reports + $2, samples = samples + $3, unusable = unusable + $4, "
-            "last_report = COALESCE($5, last_report) WHERE id = $1",
+            "last_report = COALESCE($5, last_report), " +
+                changedAt("$6", m_sql->dialect()) + " WHERE id = $1",
             parameters);
     }
     const std::string values = m_sql->dialect() == Dialect::Sqlite ? "$6" : "CAST($6 AS JSONB)";
@@ -256,7 +283,9 @@ void Store::addTotals() {
 
 void Store::keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
                          const std::string& payload) {
-    ++m_added[vehicle].unusable;
+    Added& added = m_added[vehicle];
+    ++added.unusable;
+    added.receivedMs = std::max(added.receivedMs, receivedMs);
     const Cell parameters[] = {vehicle, receivedMs, reason, Bytes{payload}};
     m_sql->query("INSERT INTO unusable (vehicle, received, reason, payload) VALUES ($1, $2, $3, $4)",
                  parameters);
@@ -294,17 +323,23 @@ bool Store::setPresence(const std::string& prefix, bool online, const std::strin
                         std::int64_t nowMs) {
     return transact([&](Sql& sql) {
         const Cell parameters[] = {vehicleId(prefix), std::int64_t{online}, catalog, nowMs};
-        sql.query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4 WHERE id = $1", parameters);
+        sql.query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4, " +
+                      changedAt("$4", sql.dialect()) + " WHERE id = $1",
+                  parameters);
     });
 }
 
 void Store::setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs) {
     transact([&](Sql& sql) {
         const std::int64_t vehicle = vehicleId(prefix);
-        const Cell parameters[] = {vehicle, storableJson(vlmProd::compactText(health)), nowMs};
-        sql.query(sql.dialect() == Dialect::Sqlite
-                      ? "UPDATE vehicles SET health = $2, health_at = $3 WHERE id = $1"
-                      : "UPDATE vehicles SET health = CAST($2 AS JSONB), health_at = $3 WHERE id = $1",
+        const kyo::Json::Value& waiting = vlmProd::member(health, "waitingEnvelopes");
+        const Cell parameters[] = {
+            vehicle, storableJson(vlmProd::compactText(health)), nowMs, lossesIn(health),
+            waiting.isNumeric() ? static_cast<std::int64_t>(std::clamp(waiting.asDouble(), 0.0, kMostCounted))
+                                : 0};
+        const std::string value = sql.dialect() == Dialect::Sqlite ? "$2" : "CAST($2 AS JSONB)";
+        sql.query("UPDATE vehicles SET health = " + value + ", health_at = $3, lost = $4, waiting = $5, " +
+                      changedAt("$3", sql.dialect()) + " WHERE id = $1",
                   parameters);
         noteStates(sql, vehicle, vlmProd::member(health, "configurations"), nowMs);
     });

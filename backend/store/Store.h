@@ -83,6 +83,7 @@ class Store {
         std::int64_t samples = 0;
         std::int64_t unusable = 0;
         std::int64_t lastReport = 0;  ///< 0: none
+        std::int64_t receivedMs = 0;
     };
     struct Newest {
         std::int64_t measuredMs = 0;

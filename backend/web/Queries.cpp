@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -24,6 +25,7 @@ namespace {
 /// Beyond it, readers of JSON lose digits.
 constexpr std::int64_t kExact = std::int64_t{1} << 53;
 constexpr std::int64_t kMostUnusable = 100;
+constexpr std::int64_t kMostListed = 1000;  // groups, and configurations that vehicles are to have
 
 Value number(std::int64_t value) {
     return value >= -kExact && value <= kExact ? Value(value) : Value(std::to_string(value));
@@ -150,7 +152,7 @@ constexpr const char* kVehicles =
     "(SELECT r.measured_from FROM reports r WHERE r.vehicle = v.id ORDER BY r.measured_to LIMIT 1), "
     "(SELECT r.measured_to FROM reports r WHERE r.vehicle = v.id ORDER BY r.measured_to DESC LIMIT 1), "
     "l.name, l.sequence, l.received, l.measured_to, l.samples, "
-    "v.grp, d.configuration, s.configuration, s.sent, s.state, s.state_at, s.reason "
+    "v.grp, d.configuration, s.configuration, s.sent, s.state, s.state_at, s.reason, v.lost "
     "FROM vehicles v LEFT JOIN reports l ON l.id = v.last_report LEFT JOIN desired d ON d.vehicle = v.id "
     "LEFT JOIN deliveries s ON s.vehicle = v.id ";
 
@@ -168,6 +170,7 @@ Value vehicleOf(const Row& row) {
     const Value health = parsed(text(row[9]));
     out["health"] = health.isObject() ? health : Value();
     out["healthMs"] = numberOrNull(row[10]);
+    out["lost"] = number(integer(row[25]));
     const bool hasSamples = integer(row[7]) != 0;
     out["measuredFromMs"] = hasSamples ? numberOrNull(row[11]) : Value();
     out["measuredToMs"] = hasSamples ? numberOrNull(row[12]) : Value();
@@ -227,12 +230,62 @@ Value catalog() {
     return out;
 }
 
-Value vehicles(Sql& sql) {
+Value vehicles(Sql& sql, const VehicleChoice& choice) {
+    constexpr std::array<std::pair<std::string_view, const char*>, 6> kShown{{
+        {"all", ""},
+        {"online", " AND v.online = 1"},
+        {"offline", " AND v.online = 0 AND v.seen > 0"},
+        {"losses", " AND v.lost > 0"},
+        {"waiting", " AND v.waiting > 0"},
+        {"refused", " AND s.state = 'refused' AND s.configuration = d.configuration"},
+    }};
+    const auto* const shown =
+        std::ranges::find(kShown, choice.show, &std::pair<std::string_view, const char*>::first);
+    if (shown == kShown.end()) {
+        throw Problem(400, "show: all, online, offline, losses, waiting or refused is expected");
+    }
+    const char* const find = sql.dialect() == Dialect::Sqlite ? "INSTR(" : "STRPOS(";
+    const Cell parameters[] = {choice.after, choice.search, choice.limit};
     Value out(kyo::Json::arrayValue);
-    sql.stream(std::string(kVehicles) + "ORDER BY v.name", {}, [&out](const Row& row) {
-        out.append(vehicleOf(row));
-        return true;
-    });
+    sql.stream(std::string(kVehicles) + "WHERE v.name > $1 AND ($2 = '' OR " + find +
+                   "LOWER(v.name), LOWER($2)) > 0 OR " + find + "LOWER(v.grp), LOWER($2)) > 0)" +
+                   shown->second + " ORDER BY v.name LIMIT $3",
+               parameters, [&out](const Row& row) {
+                   out.append(vehicleOf(row));
+                   return true;
+               });
+    return out;
+}
+
+Value fleet(Sql& sql) {
+    const auto sums = sql.query(
+        "SELECT COUNT(*), COALESCE(SUM(CASE WHEN seen > 0 THEN 1 ELSE 0 END), 0), COALESCE(SUM(online), 0), "
+        "CAST(COALESCE(SUM(samples), 0) AS BIGINT), CAST(COALESCE(SUM(waiting), 0) AS BIGINT), "
+        "COALESCE(SUM(CASE WHEN lost > 0 THEN 1 ELSE 0 END), 0) FROM vehicles");
+    constexpr std::array kSums{"vehicles", "present", "online", "samples", "waitingEnvelopes", "withLosses"};
+    Value out;
+    for (std::size_t i = 0; i < kSums.size(); ++i) {
+        out[kSums.at(i)] = number(integer(sums[0][i]));
+    }
+    out["refused"] = number(
+        integer(sql.query("SELECT COUNT(*) FROM desired d JOIN deliveries s ON s.vehicle = d.vehicle AND "
+                          "s.configuration = d.configuration WHERE s.state = 'refused'")[0][0]));
+    const Cell most[] = {kMostListed};
+    Value& groups = out["groups"] = Value(kyo::Json::arrayValue);
+    for (const Row& row : sql.query(
+             "SELECT grp, COUNT(*) FROM vehicles WHERE grp <> '' GROUP BY grp ORDER BY grp LIMIT $1", most)) {
+        Value& group = groups.append(Value());
+        group["name"] = text(row[0]);
+        group["vehicles"] = number(integer(row[1]));
+    }
+    Value& configurations = out["configurations"] = Value(kyo::Json::arrayValue);
+    for (const Row& row : sql.query("SELECT configuration, COUNT(*) FROM desired GROUP BY configuration "
+                                    "ORDER BY configuration DESC LIMIT $1",
+                                    most)) {
+        Value& configuration = configurations.append(Value());
+        configuration["id"] = number(integer(row[0]));
+        configuration["vehicles"] = number(integer(row[1]));
+    }
     return out;
 }
 

@@ -20,8 +20,18 @@ struct Range {
 
 kyo::Json::Value catalog();
 
-/// All vehicles by name, or the one of that name.
-kyo::Json::Value vehicles(store::Sql& sql);
+/// Which vehicles are listed.
+struct VehicleChoice {
+    std::string search;  ///< part of name or group, in any case; empty: all
+    std::string show;    ///< "all", "online", "offline", "losses", "waiting" or "refused"
+    std::string after;   ///< those with a greater name; empty: all
+    std::int64_t limit = 0;
+};
+
+/// The first of them by name. Throws Problem for an unknown `show`.
+kyo::Json::Value vehicles(store::Sql& sql, const VehicleChoice& choice);
+/// Totals of all vehicles, and how many are in each group and are to have each configuration.
+kyo::Json::Value fleet(store::Sql& sql);
 kyo::Json::Value vehicle(store::Sql& sql, const std::string& name);
 std::int64_t vehicleId(store::Sql& sql, const std::string& name);
 

@@ -18,6 +18,7 @@ using kyo::Json::Value;
 
 constexpr std::chrono::minutes kLongestExport{10};
 constexpr std::size_t kMostColumns = 64;
+constexpr std::int64_t kMostVehicles = 1000;
 
 Range rangeOf(const Request& request) {
     return {request.number("from"), request.number("to"), request.number("instance")};
@@ -136,7 +137,15 @@ void addReadRoutes(Router& router, Readers& readers) {
         });
     };
     router.add("GET", "/api/catalog", Role::View, [](const Request&) { return Response::of(catalog()); });
-    add("/api/vehicles", [](store::Sql& sql, const Request&) { return vehicles(sql); });
+    add("/api/vehicles", [](store::Sql& sql, const Request& request) {
+        const auto text = [&request](const char* name, const char* otherwise) {
+            const auto found = request.query.find(name);
+            return found == request.query.end() ? std::string(otherwise) : found->second;
+        };
+        return vehicles(sql, {text("search", ""), text("show", "all"), text("after", ""),
+                              request.number("limit", 1, kMostVehicles).value_or(kMostVehicles)});
+    });
+    add("/api/fleet", [](store::Sql& sql, const Request&) { return fleet(sql); });
     add("/api/vehicles/{vehicle}",
         [](store::Sql& sql, const Request& request) { return vehicle(sql, request.parameter("vehicle")); });
     add("/api/vehicles/{vehicle}/latest",

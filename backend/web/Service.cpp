@@ -73,6 +73,7 @@ void Service::addOwnRoutes() {
         out["version"] = m_settings.version;
         out["machine"] = m_machine.isKnown();
         out["tiles"] = m_settings.tiles;
+        out["attribution"] = m_settings.attribution;
         return Response::of(out);
     });
     m_router.addOthers(Role::View, [this](const Request& request) { return m_page.file(request.path); });

@@ -28,8 +28,9 @@ struct ServiceSettings {
     std::string catalog;  ///< file of the signal catalog, for checking configurations
     /// Called on a request's thread when vehicles are to have other configurations.
     std::function<void()> assignmentsChanged = [] {};
-    std::string tiles;    ///< address of map tiles with {z}, {x} and {y}; empty: none
-    std::string version;  ///< of the program
+    std::string tiles;        ///< address of map tiles with {z}, {x} and {y}; empty: none
+    std::string attribution;  ///< whose map that is, a text
+    std::string version;      ///< of the program
 };
 
 /// Owns everything that answers requests.

@@ -1,6 +1,8 @@
 #include "backend/web/Updates.h"
 
+#include <algorithm>
 #include <chrono>
+#include <utility>
 #include <variant>
 
 namespace vlmBackend::web {
@@ -11,6 +13,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kPeriod{1};
 constexpr std::chrono::seconds kComment{15};
+/// Vehicles in one event; if more have changed, readers only learn that.
+constexpr std::size_t kMostVehicles = 1000;
+/// A change is looked for this long: a transaction may take its time, and instances have clocks of their own.
+constexpr std::int64_t kLatelyMs = 10'000;
 constexpr std::chrono::seconds kFirst{
     5};  ///< until a reader gets what there is, even if the database does not answer
 
@@ -52,14 +58,17 @@ void Updates::run() {
 void Updates::poll() {
     std::map<std::string, std::string> found;
     store::ChangeCounts changes = m_changes;
+    bool read = false;
     try {
         m_readers.use([&](store::Sql& sql) {
             changes = store::changeCounts(sql);
+            const store::Cell parameters[] = {kLatelyMs, static_cast<std::int64_t>(kMostVehicles + 1)};
             sql.stream(
                 "SELECT v.name, v.online, v.reports, l.received, l.measured_to FROM vehicles v LEFT JOIN "
-                "reports l ON "
-                "l.id = v.last_report",
-                {}, [&found](const store::Row& row) {
+                "reports l ON l.id = v.last_report WHERE v.changed >= (SELECT MAX(changed) FROM vehicles) - "
+                "$1 "
+                "ORDER BY v.changed DESC LIMIT $2",
+                parameters, [&found](const store::Row& row) {
                     kyo::Json::Value state;
                     state["name"] = store::text(row[0]);
                     state["online"] = store::integer(row[1]) != 0;
@@ -70,6 +79,7 @@ void Updates::poll() {
                     return true;
                 });
         });
+        read = true;
     } catch (const std::exception&) {
         // The readers keep what they have; /healthz says what is wrong.
     }
@@ -77,7 +87,25 @@ void Updates::poll() {
     ++m_polls;
     m_configurations += m_changes == changes ? 0 : 1;
     m_changes = changes;
+    if (read) {
+        take(std::move(found));
+    }
+    m_changed.notify_all();
+}
+
+/// Under the lock.
+void Updates::take(std::map<std::string, std::string> found) {
     const std::uint64_t next = m_version + 1;
+    if (found.size() > kMostVehicles) {
+        m_states.clear();
+        m_version = m_forgotten = next;
+        return;
+    }
+    std::erase_if(m_states, [&](const auto& known) {
+        const bool old = !found.contains(known.first);
+        m_forgotten = old ? std::max(m_forgotten, known.second.version) : m_forgotten;
+        return old;
+    });
     for (auto& [name, text] : found) {
         State& known = m_states[name];
         if (known.text != text) {
@@ -85,14 +113,16 @@ void Updates::poll() {
             m_version = next;
         }
     }
-    m_changed.notify_all();
 }
 
 /// The events that a reader with these versions lacks; it has them then. Under the lock.
 std::string Updates::news(std::uint64_t& sent, std::uint64_t& configurations, bool first) const {
     std::string out;
+    if (!first && sent < m_forgotten) {
+        out = "event: many\ndata: {}\n\n";
+    }
     if (first || sent != m_version) {
-        out = "event: vehicles\ndata: [";
+        out += "event: vehicles\ndata: [";
         bool any = false;
         for (const auto& [name, state] : m_states) {
             if (state.version > sent) {

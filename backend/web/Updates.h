@@ -38,6 +38,7 @@ class Updates {
 
     void run();
     void poll();
+    void take(std::map<std::string, std::string> found);
     void serve(const Put& put);
     std::string news(std::uint64_t& sent, std::uint64_t& configurations, bool first) const;
 
@@ -45,8 +46,10 @@ class Updates {
     Metrics& m_metrics;
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::map<std::string, State> m_states;  ///< by vehicle; these are guarded by m_mutex
-    std::uint64_t m_version = 0;            ///< of the newest state
+    std::map<std::string, State>
+        m_states;                        ///< of what changed lately, by vehicle; these are guarded by m_mutex
+    std::uint64_t m_version = 0;         ///< of the newest state
+    std::uint64_t m_forgotten = 0;       ///< a reader with an older version has missed a state
     std::uint64_t m_configurations = 0;  ///< changes of configurations, assignments and what became of them
     store::ChangeCounts m_changes;       ///< of the database; the thread's
     std::uint64_t m_polls = 0;

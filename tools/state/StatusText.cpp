@@ -1,11 +1,15 @@
 #include "tools/state/StatusText.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <string_view>
 
+#include "base/LossCounters.h"
+
 namespace tools {
+
+using vlmProd::countsLoss;
+using vlmProd::countsLostLogLines;
 
 namespace {
 
@@ -77,16 +81,7 @@ std::string textOf(const Value& value) {
     return value.isBool() ? (value.asBool() ? "yes" : "no") : kyo::Json::FastWriter().write(value);
 }
 
-bool startsWith(std::string_view text, std::string_view with) {
-    return text.substr(0, with.size()) == with;
-}
-
-/// The table shows lost log lines separately from lost data.
-bool countsLostLogLines(std::string_view name) {
-    return startsWith(name, "log.dropped.");
-}
-
-double sumOf(const Values& values, bool (*counts)(const std::string&)) {
+double sumOf(const Values& values, bool (*counts)(std::string_view)) {
     double sum = 0;
     for (const auto& [name, value] : values) {
         sum += counts(name) && value.isNumeric() ? value.asDouble() : 0.0;
@@ -111,18 +106,6 @@ bool isHistogram(const Value& value) {
     return std::all_of(value["buckets"].begin(), value["buckets"].end(), [](const Value& bucket) {
         return bucket.isArray() && bucket.size() == 2 && bucket[1].isNumeric();
     });
-}
-
-bool countsLoss(const std::string& name) {
-    // Without "orx.failed" and "reports.resendFailed", which count attempts.
-    constexpr std::array<std::string_view, 8> kOthers{
-        "someip.kernelDropped", "someip.malformed", "someip.truncated",  "someip.sd.malformed",
-        "threads.failed",       "reports.failed",   "reports.discarded", "orx.givenUp"};
-    if (countsLostLogLines(name)) {
-        return false;
-    }
-    const bool dropped = name.find(".dropped.") != std::string::npos || name.ends_with(".dropped");
-    return dropped || std::find(kOthers.begin(), kOthers.end(), name) != kOthers.end();
 }
 
 std::string statusTable(const Value& snapshot) {
@@ -186,7 +169,7 @@ std::string LiveLine::next(const Value& snapshot, std::chrono::steady_clock::tim
         }
     }
     line += " | lost " + whole(sumOf(values, countsLoss));
-    const double lines = sumOf(values, [](const std::string& name) { return countsLostLogLines(name); });
+    const double lines = sumOf(values, countsLostLogLines);
     if (lines > 0) {
         line += ", log lines dropped " + whole(lines);
     }

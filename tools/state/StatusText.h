@@ -16,9 +16,6 @@ std::map<std::string, kyo::Json::Value> flatten(const kyo::Json::Value& snapshot
 /// True for what kyo::Histogram shows.
 bool isHistogram(const kyo::Json::Value& value);
 
-/// True for a counter of lost samples, records or reports, or of unusable messages.
-bool countsLoss(const std::string& name);
-
 /// A table with one line per value, in groups, and the losses at the end.
 std::string statusTable(const kyo::Json::Value& snapshot);
 

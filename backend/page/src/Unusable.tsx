@@ -3,14 +3,14 @@ import type { JSX } from "preact";
 import type { Unusable as Entry } from "./api";
 import { address, get } from "./api";
 import { bytes } from "./format";
-import { epoch, vehiclesVersion } from "./live";
+import { epoch, manyVersion, vehiclesVersion } from "./live";
 import { changeQuery, link, route } from "./route";
 import { useLoad, useStore } from "./store";
 import { Empty, Panel, Scroll, Show, Time } from "./ui";
 
 export function Unusable(): JSX.Element {
   const vehicle = useStore(route).query.get("vehicle") ?? "";
-  const entries = useLoad(`unusable ${vehicle}`, `${useStore(vehiclesVersion)} ${useStore(epoch)}`,
+  const entries = useLoad(`unusable ${vehicle}`, `${useStore(vehiclesVersion)} ${useStore(manyVersion)} ${useStore(epoch)}`,
     (signal) => get<Entry[]>(["unusable"], { vehicle }, signal));
   return (
     <>

@@ -1,11 +1,12 @@
 /** All vehicles: who is online, what came last, what was lost, what waits. */
 import type { JSX } from "preact";
-import type { Configuration, Vehicle } from "./api";
-import { get } from "./api";
+import type { Configuration, Fleet, Vehicle } from "./api";
+import { get, MOST_VEHICLES } from "./api";
 import { bytes, losses, plural, whole } from "./format";
-import { configurationsVersion, epoch, vehiclesVersion } from "./live";
+import { configurationsVersion, epoch, manyVersion, vehiclesVersion } from "./live";
 import { changeQuery, link, route } from "./route";
-import { useLoad, useStore } from "./store";
+import type { Loaded } from "./store";
+import { useLoad, useSettled, useStore } from "./store";
 import type { Tone } from "./ui";
 import { Age, Chip, Empty, Online, Panel, Scroll, Show, Stat } from "./ui";
 
@@ -19,18 +20,14 @@ export const STATES: Record<Vehicle["configuration"]["state"], { tone: Tone; tex
   refused: { tone: "bad", text: "refused", meaning: "The vehicle refused it." },
 };
 
-const FILTERS: Record<string, { text: string; keeps: (vehicle: Vehicle) => boolean }> = {
-  all: { text: "All", keeps: () => true },
-  online: { text: "Online", keeps: (vehicle) => vehicle.online },
-  offline: { text: "Offline", keeps: (vehicle) => !vehicle.online && vehicle.seenMs > 0 },
-  losses: { text: "With losses", keeps: (vehicle) => lossesOf(vehicle) > 0 },
-  waiting: { text: "Envelopes waiting", keeps: (vehicle) => (vehicle.health?.waitingEnvelopes ?? 0) > 0 },
-  refused: { text: "Configuration refused", keeps: (vehicle) => vehicle.configuration.state === "refused" },
+const FILTERS: Record<string, string> = {
+  all: "All",
+  online: "Online",
+  offline: "Offline",
+  losses: "With losses",
+  waiting: "Envelopes waiting",
+  refused: "Configuration refused",
 };
-
-function lossesOf(vehicle: Vehicle): number {
-  return losses(vehicle.health?.counters).reduce((sum, [, count]) => sum + count, 0);
-}
 
 function Losses(props: { vehicle: Vehicle }): JSX.Element {
   const { vehicle } = props;
@@ -39,7 +36,7 @@ function Losses(props: { vehicle: Vehicle }): JSX.Element {
   if (found.length === 0) return <span>none</span>;
   return (
     <details class="counters">
-      <summary><Chip tone="warn">{whole(lossesOf(vehicle))} lost</Chip></summary>
+      <summary><Chip tone="warn">{whole(vehicle.lost)} lost</Chip></summary>
       <dl>{found.map(([name, count]) => <div key={name}><dt>{name}</dt><dd class="num">{whole(count)}</dd></div>)}</dl>
     </details>
   );
@@ -89,80 +86,101 @@ function Row(props: { vehicle: Vehicle; configurations: Configuration[] | undefi
   );
 }
 
+/** The vehicles that the address asks for, as many as it says, and one more if there is one. */
+export function useVehicles(search: string, show: string, most: number): Loaded<Vehicle[]> {
+  const version = `${useStore(vehiclesVersion)} ${useStore(manyVersion)} ${useStore(configurationsVersion)} ${useStore(epoch)}`;
+  const wanted = useSettled(search, 250);
+  return useLoad(`vehicles ${show} ${most} ${wanted}`, version, (signal) =>
+    get<Vehicle[]>(["vehicles"], { search: wanted, show, limit: Math.min(most + 1, MOST_VEHICLES) }, signal));
+}
+
+export function useFleet(): Loaded<Fleet> {
+  const version = `${useStore(vehiclesVersion)} ${useStore(manyVersion)} ${useStore(configurationsVersion)} ${useStore(epoch)}`;
+  return useLoad("fleet", version, (signal) => get<Fleet>(["fleet"], {}, signal));
+}
+
+/** The button that shows more of them, or what to do when no more fit. */
+export function More(props: { found: number; most: number; page: number }): JSX.Element | null {
+  const { found, most, page } = props;
+  if (most >= MOST_VEHICLES) {
+    return found < MOST_VEHICLES ? null : <p class="more muted">These are the first {whole(MOST_VEHICLES)}. A part of the name finds others.</p>;
+  }
+  return found <= most ? null : <p class="more"><button type="button"
+    onClick={() => changeQuery({ rows: String(most + page) }, true)}>Show more</button></p>;
+}
+
+function Totals(props: { fleet: Fleet }): JSX.Element {
+  const { fleet } = props;
+  return (
+    <dl class="stats">
+      {fleet.present === 0 ? <Stat label="Vehicles" value={whole(fleet.vehicles)} />
+        : <Stat label="Online" value={`${whole(fleet.online)} of ${whole(fleet.present)}`} tone={fleet.online > 0 ? "good" : "plain"} />}
+      <Stat label="Samples stored" value={whole(fleet.samples)} />
+      <Stat label="Envelopes waiting" value={whole(fleet.waitingEnvelopes)} tone={fleet.waitingEnvelopes > 0 ? "info" : "plain"} note="on vehicles' disks" />
+      <Stat label="With losses" value={whole(fleet.withLosses)} tone={fleet.withLosses > 0 ? "warn" : "plain"} note="vehicles" />
+      <Stat label="Configuration refused" value={whole(fleet.refused)} tone={fleet.refused > 0 ? "bad" : "plain"} note="vehicles" />
+    </dl>
+  );
+}
+
 export function Vehicles(): JSX.Element {
-  const version = `${useStore(vehiclesVersion)} ${useStore(configurationsVersion)} ${useStore(epoch)}`;
-  const vehicles = useLoad("vehicles", version, (signal) => get<Vehicle[]>(["vehicles"], {}, signal));
-  const configurations = useLoad("configurations", `${useStore(configurationsVersion)} ${useStore(epoch)}`,
-    (signal) => get<Configuration[]>(["configurations"], {}, signal));
   const { query } = useStore(route);
   const text = query.get("search") ?? "";
   const filter = FILTERS[query.get("show") ?? "all"] ? query.get("show") ?? "all" : "all";
-  const most = Number(query.get("rows")) || PAGE;
+  const most = Math.min(Number(query.get("rows")) || PAGE, MOST_VEHICLES);
+  const fleet = useFleet();
+  const vehicles = useVehicles(text, filter, most);
+  const configurations = useLoad("configurations", `${useStore(configurationsVersion)} ${useStore(epoch)}`,
+    (signal) => get<Configuration[]>(["configurations"], {}, signal));
+  const isWhole = text === "" && filter === "all";
   return (
     <>
       <h1>Vehicles</h1>
-      <Show loaded={vehicles} what="the vehicles">
-        {(all) => {
-          if (all.length === 0) {
-            return (
-              <Empty title="No vehicle has reported yet.">
-                <p>A vehicle appears here with its first message. With <code>make run</code> that takes about a minute, as the
-                  clock ticks at most once a minute.</p>
-                <p>Until then, <a href={link(["machine"])}>This machine</a> shows what vlmmaster receives.</p>
-              </Empty>
-            );
-          }
-          const wanted = text.toLowerCase();
-          const found = all.filter((vehicle) => FILTERS[filter]!.keeps(vehicle)
-            && (vehicle.name.toLowerCase().includes(wanted) || vehicle.group.toLowerCase().includes(wanted)));
-          const online = all.filter((vehicle) => vehicle.online).length;
-          const present = all.filter((vehicle) => vehicle.seenMs > 0).length;
-          const withLosses = all.filter((vehicle) => lossesOf(vehicle) > 0).length;
-          const waiting = all.reduce((sum, vehicle) => sum + (vehicle.health?.waitingEnvelopes ?? 0), 0);
-          const refused = all.filter((vehicle) => vehicle.configuration.state === "refused").length;
-          return (
-            <>
-              <dl class="stats">
-                {present === 0 ? <Stat label="Vehicles" value={whole(all.length)} />
-                  : <Stat label="Online" value={`${whole(online)} of ${whole(present)}`} tone={online > 0 ? "good" : "plain"} />}
-                <Stat label="Samples stored" value={whole(all.reduce((sum, vehicle) => sum + vehicle.samples, 0))} />
-                <Stat label="Envelopes waiting" value={whole(waiting)} tone={waiting > 0 ? "info" : "plain"} note="on vehicles' disks" />
-                <Stat label="With losses" value={whole(withLosses)} tone={withLosses > 0 ? "warn" : "plain"} note="vehicles" />
-                <Stat label="Configuration refused" value={whole(refused)} tone={refused > 0 ? "bad" : "plain"} note="vehicles" />
-              </dl>
-              <Panel title={plural(found.length, "vehicle")} actions={
-                <>
-                  <label class="field-inline"><span class="visually-hidden">Name or group</span>
-                    <input type="search" placeholder="Name or group" value={text}
-                      onInput={(event) => changeQuery({ search: event.currentTarget.value, rows: undefined }, true)} />
-                  </label>
-                  <label class="field-inline"><span class="visually-hidden">Show</span>
-                    <select value={filter} onChange={(event) => changeQuery({
-                      show: event.currentTarget.value === "all" ? undefined : event.currentTarget.value, rows: undefined })}>
-                      {Object.entries(FILTERS).map(([name, entry]) => <option key={name} value={name}>{entry.text}</option>)}
-                    </select>
-                  </label>
-                </>
-              }>
-                {found.length === 0 ? <Empty title="No vehicle fits."><p><button type="button"
+      <Show loaded={fleet} what="the vehicles">
+        {(all) => all.vehicles === 0 ? (
+          <Empty title="No vehicle has reported yet.">
+            <p>A vehicle appears here with its first message. With <code>make run</code> that takes about a minute, as the
+              clock ticks at most once a minute.</p>
+            <p>Until then, <a href={link(["machine"])}>This machine</a> shows what vlmmaster receives.</p>
+          </Empty>
+        ) : (
+          <>
+            <Totals fleet={all} />
+            <Panel title={isWhole ? plural(all.vehicles, "vehicle") : "Vehicles"} actions={
+              <>
+                <label class="field-inline"><span class="visually-hidden">Name or group</span>
+                  <input type="search" placeholder="Name or group" value={text}
+                    onInput={(event) => changeQuery({ search: event.currentTarget.value, rows: undefined }, true)} />
+                </label>
+                <label class="field-inline"><span class="visually-hidden">Show</span>
+                  <select value={filter} onChange={(event) => changeQuery({
+                    show: event.currentTarget.value === "all" ? undefined : event.currentTarget.value, rows: undefined })}>
+                    {Object.entries(FILTERS).map(([name, label]) => <option key={name} value={name}>{label}</option>)}
+                  </select>
+                </label>
+              </>
+            }>
+              <Show loaded={vehicles} what="the vehicles">
+                {(found) => found.length === 0 ? <Empty title="No vehicle fits."><p><button type="button"
                   onClick={() => changeQuery({ search: undefined, show: undefined })}>Show all</button></p></Empty> : (
-                  <Scroll label="Vehicles">
-                    <table class="cards">
-                      <thead>
-                        <tr><th>Vehicle</th><th>State</th><th>Last report</th><th class="right">Samples</th><th>Configuration</th>
-                          <th>Losses</th><th>Waiting</th><th class="right">Unusable</th></tr>
-                      </thead>
-                      <tbody>{found.slice(0, most).map((vehicle) =>
-                        <Row key={vehicle.name} vehicle={vehicle} configurations={configurations.value} />)}</tbody>
-                    </table>
-                  </Scroll>
+                  <>
+                    <Scroll label="Vehicles">
+                      <table class="cards">
+                        <thead>
+                          <tr><th>Vehicle</th><th>State</th><th>Last report</th><th class="right">Samples</th><th>Configuration</th>
+                            <th>Losses</th><th>Waiting</th><th class="right">Unusable</th></tr>
+                        </thead>
+                        <tbody>{found.slice(0, most).map((vehicle) =>
+                          <Row key={vehicle.name} vehicle={vehicle} configurations={configurations.value} />)}</tbody>
+                      </table>
+                    </Scroll>
+                    <More found={found.length} most={most} page={PAGE} />
+                  </>
                 )}
-                {found.length > most && <p class="more"><button type="button"
-                  onClick={() => changeQuery({ rows: String(most + PAGE) }, true)}>Show {Math.min(PAGE, found.length - most)} more</button></p>}
-              </Panel>
-            </>
-          );
-        }}
+              </Show>
+            </Panel>
+          </>
+        )}
       </Show>
     </>
   );

@@ -6,7 +6,24 @@ export interface Session {
   version: string;
   machine: boolean;
   tiles: string;
+  attribution: string;
 }
+
+/** Totals of all vehicles. */
+export interface Fleet {
+  vehicles: number;
+  present: number;
+  online: number;
+  samples: number;
+  waitingEnvelopes: number;
+  withLosses: number;
+  refused: number;
+  groups: { name: string; vehicles: number }[];
+  configurations: { id: number; vehicles: number }[];
+}
+
+/** Vehicles in one answer, at most. */
+export const MOST_VEHICLES = 1000;
 
 export type Kind = "boolean" | "integer" | "unsigned64" | "real" | "text";
 
@@ -59,6 +76,7 @@ export interface Vehicle {
   lastReport: { name: string; sequence: number; receivedMs: number; measuredToMs: number; samples: number } | null;
   health: Health | null;
   healthMs: number | null;
+  lost: number;
   configuration: VehicleConfiguration;
 }
 

@@ -19,8 +19,13 @@ export const vehiclesVersion = new Store(0);
 export const configurationsVersion = new Store(0);
 /** By vehicle: grows with each change of that vehicle. */
 export const vehicleVersions = new Store<Readonly<Record<string, number>>>({});
+/** Grows when any vehicle may have changed, since many did. */
+export const manyVersion = new Store(0);
 
 const RETRY_MS = 2000;
+const MANY_MS = 5000; // between two of those: all that is shown is loaded again
+
+let manyTimer: ReturnType<typeof setTimeout> | undefined;
 
 export function startUpdates(): void {
   const source = new EventSource("/api/updates");
@@ -35,6 +40,12 @@ export function startUpdates(): void {
     }
     vehicleVersions.set(versions);
     vehiclesVersion.set(vehiclesVersion.value + 1);
+  });
+  source.addEventListener("many", () => {
+    manyTimer ??= setTimeout(() => {
+      manyTimer = undefined;
+      manyVersion.set(manyVersion.value + 1);
+    }, MANY_MS);
   });
   source.addEventListener("configurations", () => configurationsVersion.set(configurationsVersion.value + 1));
   source.addEventListener("error", () => {

@@ -16,7 +16,7 @@ import { Vehicle } from "./vehicle/Vehicle";
 import { Vehicles } from "./Vehicles";
 import "./styles.css";
 
-const NONE: Session = { user: "", role: "view", version: "", machine: false, tiles: "" };
+const NONE: Session = { user: "", role: "view", version: "", machine: false, tiles: "", attribution: "" };
 
 function View(props: { session: Session }): JSX.Element {
   const { path } = useStore(route);

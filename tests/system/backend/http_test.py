@@ -140,6 +140,7 @@ class Contract(unittest.TestCase):
                "/api/vehicles/{vehicle}/series": ["column=gnss_positions.latitude&width=10",
                                                   "column=chassis_velocity_info.velocity_physical_value"],
                "/api/vehicles/{vehicle}/export": ["form=gpx", "form=jsonl", "form=csv&columns=gnss_positions.latitude"],
+               "/api/vehicles": ["", "search=ENC&show=all&limit=1", "show=losses"],
                "/api/unusable": ["", "vehicle=bench"]}
     APART = {"/api/updates", "/api/machine"}  # tested below
     GOOD = {"CONFIG": [{"name": "trip", "version": "1"}], "CLOCK": [{"name": "minute", "duration": 60000}],

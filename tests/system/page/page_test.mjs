@@ -108,13 +108,20 @@ test("samples on the wire become points on the map and lines in plots, by themse
   await until(async () => (await page.locator(track).count()) && (await number(track, "data-positions")) > 10, "positions on the map", 60_000);
   await until(async () => (await number(".plot-box", "data-points")) > 0, "points in the first plot");
   // The map draws its track in the colour of tracks.
-  const drawn = await page.locator(".map canvas.leaflet-zoom-animated").evaluate((canvas) => {
+  const drawn = (pane) => page.locator(`.map .leaflet-${pane}-pane canvas`).evaluate((canvas) => {
     const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
     let inked = 0;
     for (let at = 3; at < data.length; at += 4) inked += data[at] > 0;
     return inked;
   });
-  assert.ok(drawn > 20, `the track covers ${drawn} pixels`);
+  const covered = await drawn("overlay");
+  assert.ok(covered > 20, `the track covers ${covered} pixels`);
+  // From far away, a map without tiles has the outlines of countries.
+  await until(async () => {
+    await page.locator(".map").press("Shift+-"); // three levels
+    return (await page.locator(".leaflet-outlines-pane canvas").count()) > 0 && (await drawn("outlines")) > 100;
+  }, "outlines");
+  await page.getByRole("button", { name: "Whole track" }).click();
   const before = await number(track, "data-positions");
   await until(async () => (await number(track, "data-positions")) > before, "new positions without a reload");
 });
@@ -129,6 +136,7 @@ test("a field found by its words is plotted, and the cursor shows its value", as
   assert.match(page.url(), /plot=gnss_positions\.latency/);
   await until(async () => / ms$/.test(await plot.locator(".plot-value").textContent()), "the value with its unit");
   // A drag zooms: the range no longer follows, and the address holds it.
+  await plot.locator(".u-over").scrollIntoViewIfNeeded();
   const box = await plot.locator(".u-over").boundingBox();
   await page.mouse.move(box.x + box.width * 0.3, box.y + 40);
   await page.mouse.down();

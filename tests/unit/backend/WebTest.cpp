@@ -1,14 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 
+#include "backend/store/Configurations.h"
 #include "backend/store/Store.h"
 #include "backend/web/Access.h"
 #include "backend/web/Machine.h"
 #include "backend/web/Page.h"
 #include "backend/web/Queries.h"
 #include "backend/web/ReadApi.h"
+#include "backend/web/Updates.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/unit/backend/Databases.h"
 #include "tests/unit/backend/Envelopes.h"
@@ -178,6 +181,87 @@ TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
     EXPECT_EQ(ask("")["samples"].asInt(), 0);
     EXPECT_EQ(ask("")["unusable"].asInt(), 0);
     EXPECT_TRUE(ask("")["lastReport"].isNull());
+}
+
+TEST_P(WebTest, ListsVehiclesInPartsAndCountsAll) {
+    const auto names = [&](const std::string& query) {
+        std::string all;
+        const Value found = jsonOf(get("/api/vehicles?" + query).body);
+        for (const Value& vehicle : found) {
+            all += (all.empty() ? "" : " ") + vehicle["name"].asString();
+        }
+        return all;
+    };
+    Value health;
+    health["counters"]["spool.dropped.oldest"] = 3;
+    health["counters"]["queue.report.dropped"] = 4;
+    health["counters"]["log.dropped.dlt"] = 5;
+    health["waitingEnvelopes"] = 17;
+    for (const char* name : {"Car_1", "car-2", "van"}) {
+        store.setPresence(std::string("vlm/") + name, name[0] == 'v', "1", kNow);
+    }
+    store.setHealth("vlm/van", health, kNow);
+    store::setGroup(store.sql(), "car-2", "50% fleet");
+    arrive("a", "[" + positionText(kNow, 48, 9) + "]");  // a vehicle without presence
+
+    EXPECT_EQ(names("search=CAR_"), "Car_1") << "no pattern";
+    EXPECT_EQ(names("search=0%25+FL"), "car-2") << "a part of the group";
+    EXPECT_EQ(names("show=online"), "van");
+    EXPECT_EQ(names("show=losses"), "van");
+    EXPECT_EQ(names("show=waiting"), "van");
+    EXPECT_EQ(names("show=offline").size(), std::string("Car_1 car-2").size());
+    EXPECT_EQ(names("show=refused"), "");
+    EXPECT_EQ(names("search=car&show=online"), "");
+    EXPECT_EQ(get("/api/vehicles?show=some").status, 400);
+    EXPECT_EQ(get("/api/vehicles?limit=1001").status, 400);
+    const std::string whole = names("");
+    std::string paged;
+    for (std::string name = names("limit=1"); !name.empty() && paged.size() < 100;) {
+        paged += (paged.empty() ? "" : " ") + name;
+        std::ranges::replace(name, ' ', '+');
+        name = names("limit=1&after=" + name);
+    }
+    EXPECT_EQ(paged, whole);
+
+    const Value fleet = jsonOf(get("/api/fleet").body);
+    EXPECT_EQ(
+        compactText(fleet),
+        R"({"configurations":[],"groups":[{"name":"50% fleet","vehicles":1}],"online":1,"present":3,"refused":0,)"
+        R"("samples":1,"vehicles":4,"waitingEnvelopes":17,"withLosses":1})");
+    EXPECT_EQ(jsonOf(get("/api/vehicles/van").body)["lost"].asInt(), 7);
+}
+
+TEST_P(WebTest, UpdatesNameWhatChangedAndOnlySayThatMuchDid) {
+    for (int i = 0; i < 1001; ++i) {
+        store.sql().script("INSERT INTO vehicles (name, prefix) VALUES ('v" + std::to_string(i) + "', '')");
+    }
+    Metrics metrics;
+    Updates updates(readers, metrics);
+    updates.addRoutes(router);
+    Response answer = get("/api/updates");
+    int events = 0;
+    int calls = 0;
+    // On this thread; called each second.
+    answer.stream([&](std::string_view text) {
+        const std::string got(text);
+        if (events == 0 && !got.empty()) {
+            EXPECT_EQ(got, "event: vehicles\ndata: []\n\n") << "1001 are too many";
+            store.setPresence("vlm/one", true, "1", kNow);
+            ++events;
+        } else if (events == 1 && got.find("\"one\"") != std::string::npos) {
+            EXPECT_EQ(got.find("\"v1\""), std::string::npos) << "only what changed";
+            store.setPresence("vlm/two", true, "1", kNow - 86'400'000);  // the clock was set back
+            ++events;
+        } else if (events == 2 && got.find("\"two\"") != std::string::npos) {
+            store.sql().script(
+                "UPDATE vehicles SET changed = (SELECT MAX(changed) FROM vehicles), reports = reports + 1");
+            ++events;
+        } else if (events == 3 && got.find("event: many") != std::string::npos) {
+            ++events;
+        }
+        return events < 4 && ++calls < 60;
+    });
+    EXPECT_EQ(events, 4);
 }
 
 TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {

@@ -1,7 +1,7 @@
 /** Says which vehicles are to have a configuration. */
 import type { JSX } from "preact";
 import { useState } from "preact/hooks";
-import type { Assignment, Configuration, Vehicle } from "../api";
+import type { Assignment, Configuration, Fleet, Vehicle } from "../api";
 import { put } from "../api";
 import { ErrorBox } from "../ui";
 
@@ -9,9 +9,9 @@ export function assign(assignment: Assignment): Promise<Assignment> {
   return put<Assignment>(["assignments"], assignment);
 }
 
-export function Assign(props: { configuration: Configuration; vehicles: Vehicle[] }): JSX.Element {
-  const { configuration, vehicles } = props;
-  const groups = [...new Set(vehicles.map(({ group }) => group).filter((group) => group !== ""))].sort();
+/** `vehicles` are the first ones of a large fleet. */
+export function Assign(props: { configuration: Configuration; fleet: Fleet; vehicles: Vehicle[] }): JSX.Element {
+  const { configuration, fleet, vehicles } = props;
   const [to, setTo] = useState("");
   const [done, setDone] = useState<string[]>([]);
   const [error, setError] = useState<Error | null>(null);
@@ -34,12 +34,13 @@ export function Assign(props: { configuration: Configuration; vehicles: Vehicle[
       <div class="row">
         <select aria-label="Assign to" value={to} onChange={(event) => setTo(event.currentTarget.value)}>
           <option value="">Assign to …</option>
-          {groups.length > 0 && <optgroup label="Groups">{groups.map((group) => <option key={group} value={`group ${group}`}>{group}</option>)}</optgroup>}
+          {fleet.groups.length > 0 && <optgroup label="Groups">{fleet.groups.map(({ name }) => <option key={name} value={`group ${name}`}>{name}</option>)}</optgroup>}
           <optgroup label="Vehicles">{vehicles.map(({ name, online }) => (
             <option key={name} value={`vehicle ${name}`}>{name}{online ? "" : " (offline)"}</option>))}</optgroup>
         </select>
         <button type="button" class="primary" disabled={to === "" || busy} onClick={() => void send()}>Assign</button>
       </div>
+      {vehicles.length < fleet.vehicles && <p class="muted">These are the first {vehicles.length} vehicles; Configure finds the others by name.</p>}
       {done.length > 0 && <p class="notice good" role="status">Assigned to {done.join(", ")}. A vehicle that is online gets it at once, another one
         when it returns.</p>}
       {error && <ErrorBox error={error} title="Not assigned." />}

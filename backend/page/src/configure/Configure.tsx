@@ -1,14 +1,14 @@
 /** Configurations, and which vehicle is to have which. */
 import type { JSX } from "preact";
 import { useEffect, useState } from "preact/hooks";
-import type { Assignment, Configuration, Session, Vehicle } from "../api";
-import { get, put } from "../api";
+import type { Assignment, Configuration, Fleet, Session } from "../api";
+import { get, MOST_VEHICLES, put } from "../api";
 import { plural } from "../format";
-import { configurationsVersion, epoch, vehiclesVersion } from "../live";
+import { configurationsVersion, epoch } from "../live";
 import { changeQuery, link, route } from "../route";
 import { useLoad, useStore } from "../store";
 import { Age, Chip, Empty, ErrorBox, Online, Panel, Scroll, Show, Time } from "../ui";
-import { configurationName, STATES } from "../Vehicles";
+import { configurationName, More, STATES, useFleet, useVehicles } from "../Vehicles";
 import { assign } from "./Assign";
 import { Editor } from "./Editor";
 
@@ -69,20 +69,20 @@ function ConfigurationChoice(props: {
   );
 }
 
-function VehiclesPanel(props: { vehicles: Vehicle[]; configurations: Configuration[]; assignments: Assignment[]; may: boolean }): JSX.Element {
-  const { vehicles, configurations, assignments, may } = props;
+function VehiclesPanel(props: { fleet: Fleet; configurations: Configuration[]; assignments: Assignment[]; may: boolean }): JSX.Element {
+  const { fleet, configurations, assignments, may } = props;
   const query = useStore(route).query;
   const search = query.get("search") ?? "";
-  const most = Number(query.get("rows")) || PAGE;
-  const found = vehicles.filter(({ name, group }) => `${name} ${group}`.toLowerCase().includes(search.toLowerCase()));
+  const most = Math.min(Number(query.get("rows")) || PAGE, MOST_VEHICLES);
+  const vehicles = useVehicles(search, "all", most);
   const groupAssignment = (group: string): Assignment | undefined =>
     group === "" ? undefined : assignments.find((each) => each.vehicle === "" && each.group === group && each.configuration !== null);
   return (
-    <Panel title="Vehicles" actions={vehicles.length > 5 &&
+    <Panel title="Vehicles" actions={fleet.vehicles > 5 &&
       <input type="search" aria-label="Name or group" placeholder="Name or group" value={search}
         onInput={(event) => changeQuery({ search: event.currentTarget.value, rows: undefined }, true)} />}>
-      {vehicles.length === 0 ? <Empty title="No vehicle has reported yet."><p>A vehicle appears with its first message.</p></Empty> : (
-        <Scroll label="Configurations of vehicles">
+      {fleet.vehicles === 0 ? <Empty title="No vehicle has reported yet."><p>A vehicle appears with its first message.</p></Empty> : (
+        <Show loaded={vehicles} what="the vehicles">{(found) => <><Scroll label="Configurations of vehicles">
           <table class="cards form">
             <thead><tr><th>Vehicle</th><th>Group</th><th>Own assignment</th><th>To have</th><th>Sent</th><th>State</th></tr></thead>
             <tbody>
@@ -122,15 +122,15 @@ function VehiclesPanel(props: { vehicles: Vehicle[]; configurations: Configurati
             </tbody>
           </table>
         </Scroll>
+        <More found={found.length} most={most} page={PAGE} /></>}</Show>
       )}
-      {found.length > most && <p class="more"><button type="button" onClick={() => changeQuery({ rows: String(most + PAGE) }, true)}>Show more</button></p>}
     </Panel>
   );
 }
 
-function GroupsPanel(props: { vehicles: Vehicle[]; configurations: Configuration[]; assignments: Assignment[]; may: boolean }): JSX.Element | null {
-  const { vehicles, configurations, assignments, may } = props;
-  const groups = [...new Set([...vehicles.map(({ group }) => group), ...assignments.map(({ group }) => group)])].filter((group) => group !== "").sort();
+function GroupsPanel(props: { fleet: Fleet; configurations: Configuration[]; assignments: Assignment[]; may: boolean }): JSX.Element | null {
+  const { fleet, configurations, assignments, may } = props;
+  const groups = [...new Set([...fleet.groups.map(({ name }) => name), ...assignments.map(({ group }) => group)])].filter((group) => group !== "").sort();
   if (groups.length === 0) return null;
   return (
     <Panel title="Groups">
@@ -141,7 +141,7 @@ function GroupsPanel(props: { vehicles: Vehicle[]; configurations: Configuration
             {groups.map((group) => (
               <tr key={group}>
                 <th scope="row">{group}</th>
-                <td data-label="Vehicles" class="num">{vehicles.filter((vehicle) => vehicle.group === group).length}</td>
+                <td data-label="Vehicles" class="num">{fleet.groups.find(({ name }) => name === group)?.vehicles ?? 0}</td>
                 <td data-label="Configuration">
                   <ConfigurationChoice label={`Configuration of group ${group}`} configurations={configurations} without="none" disabled={!may}
                     assigned={assignments.find((each) => each.vehicle === "" && each.group === group)?.configuration ?? null}
@@ -156,8 +156,8 @@ function GroupsPanel(props: { vehicles: Vehicle[]; configurations: Configuration
   );
 }
 
-function ConfigurationsPanel(props: { vehicles: Vehicle[]; configurations: Configuration[] }): JSX.Element {
-  const { vehicles, configurations } = props;
+function ConfigurationsPanel(props: { fleet: Fleet | undefined; configurations: Configuration[] }): JSX.Element {
+  const { fleet, configurations } = props;
   const names = [...new Set(configurations.map(({ name }) => name))].sort();
   return (
     <Panel title="Configurations" actions={<a class="button primary" href={link(["configure", "new"])}>New configuration</a>}>
@@ -173,14 +173,14 @@ function ConfigurationsPanel(props: { vehicles: Vehicle[]; configurations: Confi
               {names.map((name) => {
                 const [newest, ...earlier] = configurations.filter((each) => each.name === name).sort((a, b) => b.version - a.version);
                 const ids = [newest!, ...earlier].map(({ id }) => id);
-                const having = vehicles.filter(({ configuration }) => configuration.desired !== null && ids.includes(configuration.desired));
+                const having = fleet?.configurations.filter(({ id }) => ids.includes(id)).reduce((sum, { vehicles }) => sum + vehicles, 0);
                 return (
                   <tr key={name}>
                     <th scope="row"><a href={link(["configure", String(newest!.id)])}>{name}</a></th>
                     <td data-label="Newest version" class="num">v{newest!.version}</td>
                     <td data-label="Stored"><Time ms={newest!.createdMs} both /></td>
                     <td data-label="By">{newest!.user || <span class="muted">nobody named</span>}</td>
-                    <td data-label="Vehicles" class="num">{having.length}</td>
+                    <td data-label="Vehicles" class="num">{having ?? "…"}</td>
                     <td data-label="Earlier versions">{earlier.length === 0 ? <span class="muted">none</span> : (
                       <details><summary>{plural(earlier.length, "version")}</summary>
                         {earlier.map(({ id, version, createdMs }) => <div key={id}><a href={link(["configure", String(id)])}>v{version}</a>{" "}
@@ -201,15 +201,15 @@ function ConfigurationsPanel(props: { vehicles: Vehicle[]; configurations: Confi
 export function Configure(props: { session: Session; path: string[] }): JSX.Element {
   const { session, path } = props;
   const version = `${useStore(configurationsVersion)} ${useStore(epoch)}`;
-  const vehicles = useLoad("vehicles", `${version} ${useStore(vehiclesVersion)}`, (signal) => get<Vehicle[]>(["vehicles"], {}, signal));
+  const fleet = useFleet();
   const configurations = useLoad("configurations", version, (signal) => get<Configuration[]>(["configurations"], {}, signal));
   const assignments = useLoad("assignments", version, (signal) => get<Assignment[]>(["assignments"], {}, signal));
   const may = session.role === "configure";
   if (path[0] !== undefined) {
     return (
       <Show loaded={configurations} what="the configurations">
-        {(all) => <Show loaded={vehicles} what="the vehicles">
-          {(each) => <Editor key={path[0]} id={path[0]!} vehicles={each} configurations={all} session={session} />}
+        {(all) => <Show loaded={fleet} what="the vehicles">
+          {(totals) => <Editor key={path[0]} id={path[0]!} fleet={totals} configurations={all} session={session} />}
         </Show>}
       </Show>
     );
@@ -223,13 +223,13 @@ export function Configure(props: { session: Session; path: string[] }): JSX.Elem
       <Show loaded={configurations} what="the configurations">
         {(all) => (
           <>
-            <ConfigurationsPanel vehicles={vehicles.value ?? []} configurations={all} />
-            <Show loaded={vehicles} what="the vehicles">
-              {(each) => <Show loaded={assignments} what="the assignments">
+            <ConfigurationsPanel fleet={fleet.value} configurations={all} />
+            <Show loaded={fleet} what="the vehicles">
+              {(totals) => <Show loaded={assignments} what="the assignments">
                 {(assigned) => (
                   <>
-                    <VehiclesPanel vehicles={each} configurations={all} assignments={assigned} may={may} />
-                    <GroupsPanel vehicles={each} configurations={all} assignments={assigned} may={may} />
+                    <VehiclesPanel fleet={totals} configurations={all} assignments={assigned} may={may} />
+                    <GroupsPanel fleet={totals} configurations={all} assignments={assigned} may={may} />
                   </>
                 )}
               </Show>}

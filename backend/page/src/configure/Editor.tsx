@@ -1,13 +1,14 @@
 /** A configuration as a form and as JSON; both show the same text. */
 import type { JSX } from "preact";
 import { useEffect, useMemo, useRef, useState } from "preact/hooks";
-import type { CatalogEvent, Configuration, Finding, Session, Vehicle } from "../api";
-import { ApiError, get, post } from "../api";
+import type { CatalogEvent, Configuration, Finding, Fleet, Session, Vehicle } from "../api";
+import { ApiError, get, MOST_VEHICLES, post } from "../api";
 import { plural, words } from "../format";
 import { epoch } from "../live";
 import { changeQuery, link, route } from "../route";
 import { useLoad, useSettled, useStore } from "../store";
 import { Chip, Empty, ErrorBox, Panel, Scroll, Show, Time } from "../ui";
+import { useVehicles } from "../Vehicles";
 import { Assign } from "./Assign";
 import type { Model } from "./model";
 import * as edit from "./model";
@@ -319,11 +320,12 @@ function keepDraft(key: string, draft: { name: string; text: string } | null): v
 function Form(props: {
   base: Configuration | undefined;
   catalog: CatalogEvent[];
+  fleet: Fleet;
   vehicles: Vehicle[];
   configurations: Configuration[];
   session: Session;
 }): JSX.Element {
-  const { base, catalog, vehicles, configurations, session } = props;
+  const { base, catalog, fleet, vehicles, configurations, session } = props;
   const key = base ? String(base.id) : "new";
   const original = useMemo(() => ({ name: base?.name ?? "", text: base?.text ?? edit.write(edit.empty()) }), [base]);
   const [draft, setDraft] = useState(() => draftOf(key) ?? original);
@@ -408,7 +410,7 @@ function Form(props: {
               <>
                 <p class="notice good" role="status">Stored as <a href={link(["configure", String(stored.id)])}>{stored.name} v{stored.version}</a>. Vehicles
                   get it when you assign it.</p>
-                <Assign configuration={stored} vehicles={vehicles} />
+                <Assign configuration={stored} fleet={fleet} vehicles={vehicles} />
               </>
             ) : (
               <>
@@ -418,7 +420,7 @@ function Form(props: {
                 {errors > 0 && <p class="muted">{plural(errors, "error")} to correct first.</p>}
                 {refusal && <ErrorBox error={refusal} title="Not stored." />}
                 {refusal && refusal.findings.length > 0 && <Findings findings={refusal.findings} error={undefined} onLine={showLine} />}
-                {base && !dirty && may && <><h3>Assign {base.name} v{base.version}</h3><Assign configuration={base} vehicles={vehicles} /></>}
+                {base && !dirty && may && <><h3>Assign {base.name} v{base.version}</h3><Assign configuration={base} fleet={fleet} vehicles={vehicles} /></>}
               </>
             )}
           </Panel>
@@ -428,14 +430,17 @@ function Form(props: {
   );
 }
 
-export function Editor(props: { id: string; vehicles: Vehicle[]; configurations: Configuration[]; session: Session }): JSX.Element {
-  const { id, vehicles, configurations, session } = props;
+export function Editor(props: { id: string; fleet: Fleet; configurations: Configuration[]; session: Session }): JSX.Element {
+  const { id, fleet, configurations, session } = props;
+  const vehicles = useVehicles("", "all", MOST_VEHICLES);
   const isNew = id === "new";
   const base = useLoad(isNew ? null : `configuration ${id}`, "", (signal) => get<Configuration>(["configurations", id], {}, signal));
   const catalog = useLoad("catalog", "", (signal) => get<CatalogEvent[]>(["catalog"], {}, signal));
   const form = (loaded: Configuration | undefined): JSX.Element => (
     <Show loaded={catalog} what="the catalog">
-      {(events) => <Form key={id} base={loaded} catalog={events} vehicles={vehicles} configurations={configurations} session={session} />}
+      {(events) => <Show loaded={vehicles} what="the vehicles">
+        {(some) => <Form key={id} base={loaded} catalog={events} fleet={fleet} vehicles={some} configurations={configurations} session={session} />}
+      </Show>}
     </Show>
   );
   return (

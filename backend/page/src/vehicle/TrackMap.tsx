@@ -1,4 +1,4 @@
-/** The track on a map: tiles when the backend names a server, else a grid of degrees. */
+/** The track on a map: tiles when the backend names a server, else outlines and a grid of degrees. */
 import "leaflet/dist/leaflet.css";
 import L from "leaflet";
 import type { JSX } from "preact";
@@ -83,12 +83,21 @@ class Graticule extends L.Layer {
 
 type Points = L.LatLngTuple[];
 
+/** The map takes HTML where it shows whose tiles they are. */
+function escaped(text: string): string {
+  const box = document.createElement("span");
+  box.textContent = text;
+  return box.innerHTML;
+}
+
 function pointsOf(track: Track | undefined): Points {
   return track ? track.latitudes.map((latitude, index) => [latitude, track.longitudes[index]!]) : [];
 }
 
 export function TrackMap(props: {
   tiles: string;
+  /** Whose tiles they are. */
+  attribution: string;
   /** Of the shown range. */
   track: Track | undefined;
   /** Of everything, drawn pale. */
@@ -97,7 +106,7 @@ export function TrackMap(props: {
   fitKey: string;
   onVisible: (range: { fromMs: number; toMs: number } | null) => void;
 }): JSX.Element {
-  const { tiles, track, whole, fitKey } = props;
+  const { tiles, attribution, track, whole, fitKey } = props;
   const box = useRef<HTMLDivElement>(null);
   const map = useRef<L.Map | null>(null);
   const drawn = useRef<L.LayerGroup | null>(null);
@@ -108,11 +117,14 @@ export function TrackMap(props: {
   const shade = useStore(theme);
 
   useEffect(() => {
-    const made = L.map(box.current!, { preferCanvas: true, attributionControl: tiles !== "", zoomSnap: 0.25, worldCopyJump: true,
+    const made = L.map(box.current!, { preferCanvas: true, attributionControl: tiles !== "" && attribution !== "", zoomSnap: 0.25, worldCopyJump: true,
       center: [0, 0], zoom: 2, fadeAnimation: false });
     map.current = made;
-    if (tiles === "") made.addLayer(new Graticule());
-    else L.tileLayer(tiles, { maxZoom: 19 }).addTo(made);
+    if (tiles === "") {
+      made.addLayer(new Graticule());
+      // A map without outlines is better than none.
+      import("./outlines").then(({ addOutlines }) => map.current === made && addOutlines(made)).catch(() => undefined);
+    } else L.tileLayer(tiles, { maxZoom: 19, attribution: escaped(attribution) }).addTo(made);
     made.attributionControl?.setPrefix(false);
     L.control.scale({ imperial: false, maxWidth: 140 }).addTo(made);
     drawn.current = L.layerGroup().addTo(made);
@@ -149,7 +161,7 @@ export function TrackMap(props: {
       made.remove();
       map.current = null;
     };
-  }, [tiles, shade]);
+  }, [tiles, attribution, shade]);
 
   const fit = (): void => {
     const points = pointsOf(current.current.track?.timesMs.length ? current.current.track : whole);

@@ -4,7 +4,7 @@ import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import type { CatalogEvent, Configuration, Sample, Session, Track, Vehicle as Data } from "../api";
 import { address, get } from "../api";
 import { losses, span, stamp, utc, whole, zone } from "../format";
-import { configurationsVersion, epoch, vehicleVersions } from "../live";
+import { configurationsVersion, epoch, manyVersion, vehicleVersions } from "../live";
 import { changeQuery, link, route } from "../route";
 import { useLoad, useStore } from "../store";
 import { Age, Chip, Empty, ErrorBox, Online, Panel, Show, Stat } from "../ui";
@@ -204,7 +204,7 @@ function Drive(props: { vehicle: Data; catalog: CatalogEvent[]; latest: Sample[]
               <a href={link(["configure"])}>Configure</a></p></Empty> : (
               <>
                 {track.error && <ErrorBox error={track.error} title="Cannot load the track." />}
-                <TrackMap tiles={session.tiles} track={track.value} whole={part ? wholeTrack.value : undefined}
+                <TrackMap tiles={session.tiles} attribution={session.attribution} track={track.value} whole={part ? wholeTrack.value : undefined}
                   fitKey={`${name} ${query.get("from")} ${query.get("to")} ${query.get("last")}`} onVisible={setVisible} />
                 <p class="map-text muted num" data-positions={track.value?.samples ?? 0}>
                   {track.value ? track.value.samples === 0 ? "No positions in this time range."
@@ -246,7 +246,7 @@ function Drive(props: { vehicle: Data; catalog: CatalogEvent[]; latest: Sample[]
 
 export function Vehicle(props: { name: string; session: Session }): JSX.Element {
   const { name, session } = props;
-  const version = `${useStore(vehicleVersions)[name] ?? 0} ${useStore(epoch)}`;
+  const version = `${useStore(vehicleVersions)[name] ?? 0} ${useStore(manyVersion)} ${useStore(epoch)}`;
   const configurationVersion = useStore(configurationsVersion);
   const vehicle = useLoad(`vehicle ${name}`, `${version} ${configurationVersion}`, (signal) => get<Data>(["vehicles", name], {}, signal));
   const catalog = useLoad("catalog", "", (signal) => get<CatalogEvent[]>(["catalog"], {}, signal));
