@@ -20,7 +20,7 @@ constexpr Endpoint kPeers[] = {
 constexpr ServiceKey kWanted[] = {{0x1001, 1, 1}, {0x1002, kAnyInstance, 1}};
 constexpr ServiceKey kOffered{0x2001, 1, 1};
 
-struct Witness : SdObserver {
+struct Witness : SdClientObserver, SdServerObserver, SdPeerObserver {
     void serviceUp(const RemoteService& service) override {
         require(kNetwork.contains(service.endpoints.at(0).address),
                 "events come from inside the network only");
@@ -72,7 +72,7 @@ void checkSent(ServiceDiscovery& discovery) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input in({data, size});
     Witness witness;
-    ServiceDiscovery discovery({}, kSelf, kSelfTcp, kNetwork, witness, 1);
+    ServiceDiscovery discovery({}, kSelf, kSelfTcp, kNetwork, {witness, witness, witness}, 1);
     Clock::time_point now{1h};
     discovery.client().want(kWanted[0], now);
     discovery.client().want(kWanted[1], now);

@@ -30,12 +30,8 @@ void EventSender::change(const std::function<void(Target&)>& how) {
     m_target = std::move(changed);
 }
 
-void EventSender::setSocket(std::shared_ptr<const UdpSocket> socket) {
-    change([&](Target& target) { target.socket = std::move(socket); });
-}
-
-void EventSender::add(const Endpoint& receiver, std::shared_ptr<TcpSocket> connection) {
-    change([&](Target& target) { target.receivers.push_back({receiver, std::move(connection)}); });
+void EventSender::add(const Endpoint& receiver, std::shared_ptr<Outlet> outlet) {
+    change([&](Target& target) { target.receivers.push_back({receiver, std::move(outlet)}); });
 }
 
 void EventSender::remove(const Endpoint& receiver) {
@@ -102,13 +98,12 @@ Header EventSender::header(std::uint16_t session) const noexcept {
 
 bool EventSender::transmit(const Header& header, std::span<std::uint8_t> message) {
     const auto to = target();
-    if (to->distinct.empty() || to->socket == nullptr || m_silent.load(std::memory_order_relaxed)) {
+    if (to->distinct.empty() || m_silent.load(std::memory_order_relaxed)) {
         return true;
     }
     bool sent = true;
     const auto send = [&](const Receiver& receiver, std::span<const std::uint8_t> bytes) {
-        if ((receiver.connection != nullptr ? receiver.connection->send(bytes)
-                                            : to->socket->sendTo(receiver.endpoint, bytes, true)) == 0) {
+        if (receiver.outlet->send(receiver.endpoint, bytes) == 0) {
             counters().sent.add();
             return true;
         }
@@ -118,7 +113,7 @@ bool EventSender::transmit(const Header& header, std::span<std::uint8_t> message
     };
     // Segments have headers of their own, written in place of the message's.
     for (const Receiver& receiver : to->distinct) {
-        if (receiver.connection != nullptr || message.size() - kHeaderSize <= kMaxUnsegmentedPayload) {
+        if (message.size() - kHeaderSize <= receiver.outlet->maxPayload()) {
             writeHeader(header, message.data());
             send(receiver, message);
         } else {

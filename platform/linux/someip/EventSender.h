@@ -11,8 +11,7 @@
 #include "ac/com/types.h"
 #include "someip/CallGate.h"
 #include "someip/ServiceDiscovery.h"
-#include "someip/TcpSocket.h"
-#include "someip/UdpSocket.h"
+#include "someip/Transport.h"
 #include "someip/WireFault.h"
 
 namespace someip {
@@ -40,10 +39,8 @@ class EventSender {
     /// The handler is not called afterwards. Waits for one that is running.
     void close() noexcept;
 
-    /// Called by the runtime: the socket and the subscribers to send to.
-    void setSocket(std::shared_ptr<const UdpSocket> socket);
-    /// `connection` is the one of a receiver over TCP.
-    void add(const Endpoint& receiver, std::shared_ptr<TcpSocket> connection);
+    /// Called by the server side: the subscribers, and the way to each.
+    void add(const Endpoint& receiver, std::shared_ptr<Outlet> outlet);
     void remove(const Endpoint& receiver);
     /// Sends nothing while set, like a sender that has failed.
     void setSilent(bool silent) noexcept { m_silent.store(silent, std::memory_order_relaxed); }
@@ -51,12 +48,11 @@ class EventSender {
   private:
     struct Receiver {
         Endpoint endpoint;
-        std::shared_ptr<TcpSocket> connection;  ///< none over UDP
+        std::shared_ptr<Outlet> outlet;
     };
     struct Target {
-        std::shared_ptr<const UdpSocket> socket;  ///< none: not offered
-        std::vector<Receiver> receivers;          ///< one entry per subscription
-        std::vector<Receiver> distinct;           ///< without duplicates
+        std::vector<Receiver> receivers;  ///< one entry per subscription
+        std::vector<Receiver> distinct;   ///< without duplicates
     };
     std::shared_ptr<const Target> target() const;
     void change(const std::function<void(Target&)>& how);

@@ -1,5 +1,6 @@
 #include "someip/NetworkAccess.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <random>
@@ -33,24 +34,42 @@ bool networkIsGone(int error) noexcept {
 
 }  // namespace
 
-NetworkAccess::NetworkAccess(const machine::SomeIpSettings& settings, const Network& range,
-                             const Endpoint& eventEndpoint, std::unique_ptr<const TcpListener> listener,
-                             SdObserver& observer)
-    : m_range(range),
-      m_streams(eventEndpoint.address, range, settings.maxSampleBytes + kHeaderSize, std::move(listener)),
-      m_discovery(timesOf(settings.discovery), eventEndpoint, m_streams.endpoint(), range, observer,
+/// What open() has opened.
+struct NetworkAccess::Sockets {
+    Network range;
+    std::unique_ptr<const EndpointLock> lock;
+    std::shared_ptr<UdpSocket> events;
+    std::shared_ptr<UdpSocket> unicast;
+    std::shared_ptr<UdpSocket> group;
+    std::unique_ptr<const TcpListener> listener;  ///< none: offers nothing
+};
+
+NetworkAccess::NetworkAccess(const machine::SomeIpSettings& settings, Sockets&& sockets,
+                             const SdObservers& observers)
+    : m_range(sockets.range),
+      m_lock(std::move(sockets.lock)),
+      m_events(sockets.events, m_batch, m_range),
+      m_unicast(std::move(sockets.unicast), m_batch),
+      m_group(std::move(sockets.group), m_batch),
+      m_groups(sockets.events, m_batch, m_range),
+      m_servers(eventEndpoint().address, settings.maxSampleBytes + kHeaderSize),
+      m_clients(sockets.listener == nullptr
+                    ? nullptr
+                    : std::make_unique<StreamServer>(m_range, std::move(sockets.listener))),
+      m_discovery(timesOf(settings.discovery), eventEndpoint(),
+                  m_clients == nullptr ? Endpoint{} : m_clients->endpoint(), m_range, observers,
                   std::random_device()()) {}
 
-std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings& settings,
-                                                   SdObserver& observer, std::string& error) {
+std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings& settings, bool offers,
+                                                   const SdObservers& observers, std::string& error) {
+    Sockets sockets;
     Address address = 0;
-    Network range;
     Endpoint group;
     if (!parseAddress(settings.address, address)) {
         error = "someip.address: \"" + settings.address + "\" is no IPv4 address";
         return nullptr;
     }
-    if (!parseNetwork(settings.network, range)) {
+    if (!parseNetwork(settings.network, sockets.range)) {
         error = "someip.network: \"" + settings.network + "\" is no IPv4 network such as \"192.168.1.0/24\"";
         return nullptr;
     }
@@ -61,15 +80,14 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     group.port = settings.discovery.port;
     const bool multicast = isMulticast(group.address);
 
-    auto lock = EndpointLock::take({address, settings.discovery.port}, error);
-    if (lock == nullptr) {
+    sockets.lock = EndpointLock::take({address, settings.discovery.port}, error);
+    if (sockets.lock == nullptr) {
         return nullptr;
     }
     UdpSocket::Options options;
     options.receiveBufferBytes = settings.receiveBufferBytes;
-    const std::shared_ptr<const UdpSocket> events =
-        UdpSocket::open({address, settings.eventPort}, options, error);
-    if (events == nullptr) {
+    sockets.events = UdpSocket::open({address, settings.eventPort}, options, error);
+    if (sockets.events == nullptr) {
         return nullptr;
     }
     options = {};
@@ -78,48 +96,101 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     options.interfaceAddress = multicast ? address : 0;
     // Other stacks on this machine may bind the port at all addresses.
     options.shared = true;
-    const std::shared_ptr<const UdpSocket> unicast =
-        UdpSocket::open({address, settings.discovery.port}, options, error);
-    if (unicast == nullptr) {
+    sockets.unicast = UdpSocket::open({address, settings.discovery.port}, options, error);
+    if (sockets.unicast == nullptr) {
         return nullptr;
     }
     options.join = multicast;
-    const std::shared_ptr<const UdpSocket> groupSocket = UdpSocket::open(group, options, error);
-    if (groupSocket == nullptr) {
+    sockets.group = UdpSocket::open(group, options, error);
+    if (sockets.group == nullptr) {
         return nullptr;
     }
-
-    auto listener = TcpListener::open({address, settings.eventPort, Protocol::Tcp}, error);
-    if (listener == nullptr) {
-        return nullptr;
+    if (offers) {
+        sockets.listener = TcpListener::open({address, settings.eventPort, Protocol::Tcp}, error);
+        if (sockets.listener == nullptr) {
+            return nullptr;
+        }
     }
-    std::shared_ptr<NetworkAccess> access(
-        new NetworkAccess(settings, range, events->endpoint(), std::move(listener), observer));
-    access->m_lock = std::move(lock);
-    access->events.socket = events;
-    access->discoveryUnicast.socket = unicast;
-    access->discoveryGroup.socket = groupSocket;
-    access->m_group = group;
-    KYO_LOG(5, "SOME/IP is up: events at " << toText(events->endpoint()) << ", receive buffer "
-                                           << events->receiveBufferBytes() << " bytes, service discovery at "
-                                           << toText(unicast->endpoint()) << " and " << toText(group));
-    if (!range.contains(address)) {
+    KYO_LOG(5, "SOME/IP is up: events at "
+                   << toText(sockets.events->endpoint()) << ", receive buffer "
+                   << sockets.events->receiveBufferBytes() << " bytes, service discovery at "
+                   << toText(sockets.unicast->endpoint()) << " and " << toText(group));
+    if (!sockets.range.contains(address)) {
         KYO_LOG(3, "The own address " << toText(address) << " is not part of the network " << settings.network
                                       << ": services of this process cannot find each other");
     }
-    return access;
+    return std::shared_ptr<NetworkAccess>(new NetworkAccess(settings, std::move(sockets), observers));
 }
 
-NetworkAccess::Inlet* NetworkAccess::eventInlet(int fd) noexcept {
-    if (fd == events.socket->fd()) {
-        return &events;
+std::shared_ptr<Outlet> NetworkAccess::outlet(const Endpoint& receiver) const {
+    if (receiver.protocol == Protocol::Udp) {
+        return m_events.socket();
     }
-    for (auto& [group, inlet] : joinedGroups) {
-        if (inlet.socket != nullptr && inlet.socket->fd() == fd) {
-            return &inlet;
-        }
+    return m_clients == nullptr ? nullptr : m_clients->outlet(receiver);
+}
+
+void NetworkAccess::watch(const EventLoop& loop) const noexcept {
+    for (const int fd : {m_events.fd(), m_unicast.fd(), m_group.fd()}) {
+        loop.watch(fd);
     }
-    return nullptr;
+    if (m_clients != nullptr) {
+        m_clients->watch(loop);
+    }
+}
+
+void NetworkAccess::unwatch(const EventLoop& loop) const noexcept {
+    for (const int fd : {m_events.fd(), m_unicast.fd(), m_group.fd()}) {
+        loop.unwatch(fd);
+    }
+    m_groups.unwatch(loop);
+    m_servers.unwatch(loop);
+    if (m_clients != nullptr) {
+        m_clients->unwatch(loop);
+    }
+}
+
+void NetworkAccess::accept(const EventLoop& loop, Clock::time_point now) {
+    if (m_clients != nullptr) {
+        m_clients->accept(loop, m_discovery.server(), now);
+    }
+}
+
+void NetworkAccess::maintain(const EventLoop& loop, Clock::time_point now) {
+    if (m_clients != nullptr) {
+        m_clients->maintain(loop, m_discovery.server());
+    }
+    m_servers.maintain(loop, m_discovery.client(), now);
+    m_groups.maintain(loop);
+}
+
+Clock::time_point NetworkAccess::nextDeadline() const {
+    const auto next = std::min(m_discovery.nextDeadline(), m_servers.nextDeadline());
+    return m_clients == nullptr ? next : std::min(next, m_clients->nextDeadline());
+}
+
+void NetworkAccess::reset(const Address& peer) noexcept {
+    m_servers.reset(peer);
+    if (m_clients != nullptr) {
+        m_clients->reset(peer);
+    }
+}
+
+bool NetworkAccess::isControl(int fd) const noexcept {
+    return fd == m_unicast.fd() || fd == m_group.fd() || m_servers.isUnfinished(fd) ||
+           (m_clients != nullptr && m_clients->isNewClient(fd));
+}
+
+Inlet* NetworkAccess::inlet(int fd) noexcept {
+    if (fd == m_events.fd()) {
+        return &m_events;
+    }
+    if (Inlet* const group = m_groups.inlet(fd)) {
+        return group;
+    }
+    if (Inlet* const server = m_servers.inlet(fd)) {
+        return server;
+    }
+    return m_clients == nullptr ? nullptr : m_clients->inlet(fd);
 }
 
 bool NetworkAccess::flush(bool silent, std::string& error) {
@@ -128,8 +199,8 @@ bool NetworkAccess::flush(bool silent, std::string& error) {
         if (silent) {
             continue;
         }
-        const Endpoint& to = datagram.to ? *datagram.to : m_group;
-        const int failure = discoveryUnicast.socket->sendTo(to, datagram.bytes, false);
+        const Endpoint& to = datagram.to ? *datagram.to : m_group.socket()->endpoint();
+        const int failure = m_unicast.socket()->sendTo(to, datagram.bytes, false);
         if (failure == 0) {
             counters().sdSent.add();
             continue;

@@ -1,62 +1,66 @@
 #pragma once
-#include <map>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "machine/Manifest.h"
+#include "someip/Datagrams.h"
 #include "someip/EndpointLock.h"
+#include "someip/MulticastGroups.h"
 #include "someip/ServiceDiscovery.h"
-#include "someip/Streams.h"
-#include "someip/UdpSocket.h"
+#include "someip/StreamClient.h"
+#include "someip/StreamServer.h"
 
 namespace someip {
 
 /// The sockets and the service discovery of a process while its network is open. Guarded by the runtime's
-/// lock, except where noted.
+/// lock, except for what the thread alone uses: batch, readers and inlets.
 class NetworkAccess {
   public:
-    /// Returns nullptr, with `error`, when an address, a port or a group is not available.
-    static std::shared_ptr<NetworkAccess> open(const machine::SomeIpSettings& settings, SdObserver& observer,
-                                               std::string& error);
-
-    /// A socket and the number of datagrams that the system has dropped there. Used by the thread alone.
-    struct Inlet {
-        std::shared_ptr<const UdpSocket> socket;
-        std::uint32_t dropped = 0;
-    };
+    /// Returns nullptr, with `error`, when an address, a port or a group is not available. `offers`: clients
+    /// may connect.
+    static std::shared_ptr<NetworkAccess> open(const machine::SomeIpSettings& settings, bool offers,
+                                               const SdObservers& observers, std::string& error);
 
     ServiceDiscovery& discovery() noexcept { return m_discovery; }
-    Streams& streams() noexcept { return m_streams; }
+    MulticastGroups& groups() noexcept { return m_groups; }
     const Network& range() const noexcept { return m_range; }
-    const Endpoint& eventEndpoint() const noexcept { return events.socket->endpoint(); }
+    const Endpoint& eventEndpoint() const noexcept { return m_events.socket()->endpoint(); }
+    /// The way to a subscriber: nullptr for a client that is not connected.
+    std::shared_ptr<Outlet> outlet(const Endpoint& receiver) const;
 
-    bool isDiscovery(int fd) const noexcept {
-        return fd == discoveryUnicast.socket->fd() || fd == discoveryGroup.socket->fd();
-    }
-    /// The inlet of events with that descriptor; nullptr if none has. Used by the thread alone.
-    Inlet* eventInlet(int fd) noexcept;
+    void watch(const EventLoop& loop) const noexcept;
+    void unwatch(const EventLoop& loop) const noexcept;
+    /// Takes clients that have connected. Before discovery is read: their subscriptions need the connection.
+    void accept(const EventLoop& loop, Clock::time_point now);
+    /// Makes and ends connections, joins and leaves groups, as the subscriptions need them now.
+    void maintain(const EventLoop& loop, Clock::time_point now);
+    Clock::time_point nextDeadline() const;
+    /// Ends the connections with a peer that has rebooted, at the next maintain().
+    void reset(const Address& peer) noexcept;
+
+    /// True for a descriptor that needs accept(), discovery or maintain().
+    bool isControl(int fd) const noexcept;
+    /// What events come from at that descriptor; nullptr if nothing does.
+    Inlet* inlet(int fd) noexcept;
+    DatagramReader& unicastDiscovery() noexcept { return m_unicast; }
+    DatagramReader& groupDiscovery() noexcept { return m_group; }
 
     /// Sends the outbox, or clears it when `silent`. Returns false, with `error`, when the network is gone.
     bool flush(bool silent, std::string& error);
 
-    Inlet events;
-    Inlet discoveryUnicast;
-    Inlet discoveryGroup;
-    /// Multicast groups that carry events, and the eventgroups that use them.
-    std::map<Endpoint, std::set<EventgroupKey>> wantedGroups;
-    /// The groups that were joined, and those that could not be joined (no socket). Used by the thread alone.
-    std::map<Endpoint, Inlet> joinedGroups;
-
   private:
-    NetworkAccess(const machine::SomeIpSettings& settings, const Network& range,
-                  const Endpoint& eventEndpoint, std::unique_ptr<const TcpListener> listener,
-                  SdObserver& observer);
+    struct Sockets;
+    NetworkAccess(const machine::SomeIpSettings& settings, Sockets&& sockets, const SdObservers& observers);
 
     const Network m_range;
-    Endpoint m_group;
-    std::unique_ptr<const EndpointLock> m_lock;  ///< of the unicast discovery endpoint
-    Streams m_streams;
+    const std::unique_ptr<const EndpointLock> m_lock;  ///< of the unicast discovery endpoint
+    DatagramBatch m_batch;
+    DatagramInlet m_events;
+    DatagramReader m_unicast;
+    DatagramReader m_group;
+    MulticastGroups m_groups;
+    StreamClient m_servers;
+    std::unique_ptr<StreamServer> m_clients;  ///< none in a process that offers nothing
     ServiceDiscovery m_discovery;
 };
 

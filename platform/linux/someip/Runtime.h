@@ -8,25 +8,26 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "ac/com/types.h"
 #include "machine/Manifest.h"
+#include "someip/ClientSide.h"
 #include "someip/EventDispatcher.h"
 #include "someip/EventReceiver.h"
 #include "someip/EventSender.h"
+#include "someip/KnownServices.h"
 #include "someip/NetworkAccess.h"
 #include "someip/RateLimit.h"
+#include "someip/ServerSide.h"
 #include "someip/ServiceDiscovery.h"
 
 namespace someip {
 
-class Runtime final : private SdObserver {
+class Runtime final : private SdPeerObserver {
   public:
     Runtime() = default;
     /// As stop(), but waits for a running handler without a limit.
@@ -81,80 +82,37 @@ class Runtime final : private SdObserver {
 
   private:
     struct Worker;
-    /// A change for a subscription handler, which is called outside the lock.
-    struct Notice {
-        std::shared_ptr<EventSender> sender;
-        Endpoint receiver;
-        bool subscribed;
-    };
 
-    // SdObserver. Called with the lock held.
-    void serviceUp(const RemoteService& service) override;
-    void serviceDown(const RemoteService& service, const char* reason) override;
-    void offerUnusable(const ServiceKey& service, const Endpoint& peer, const char* reason) override;
-    void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) override;
-    void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) override;
-    void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
-    void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) override;
     void peerRebooted(const Endpoint& peer) override;
 
     // Called with the lock held.
     void openNetwork(Clock::time_point now);
     void closeNetwork(bool sayGoodBye);
-    void applyOffer(const ServiceProvider& provider, Clock::time_point now);
-    Protocol protocolOf(const EventSender& sender) const noexcept;
-    std::vector<EventDispatcher::Route> routes() const;
-    std::string nameOf(const ServiceKey& service) const;
-    void logChange(const RemoteService& service, const char* what, const std::string& reason);
-    void subscriberChanged(const EventgroupKey& eventgroup, const Endpoint& receiver, bool subscribed);
     void wake() const;
 
     // Called by the thread.
     void work(Worker& worker);
-    Clock::time_point step(Worker& worker, DatagramBatch& batch, std::shared_ptr<NetworkAccess>& network);
-    void receiveDiscovery(NetworkAccess::Inlet& inlet, bool group, DatagramBatch& batch,
-                          Clock::time_point now);
+    Clock::time_point step(Worker& worker, std::shared_ptr<NetworkAccess>& network);
+    void handleDiscovery(const Worker& worker, Clock::time_point now);
+    void receiveDiscovery(DatagramReader& reader, bool group, Clock::time_point now);
     void refreshRoutes(EventDispatcher& dispatcher, std::uint64_t& routesSeen);
-    void receiveEvents(NetworkAccess& network, NetworkAccess::Inlet& inlet, DatagramBatch& batch,
-                       EventDispatcher& dispatcher, std::uint64_t& routesSeen);
-    /// Returns false when the connection has ended.
-    bool receiveStream(NetworkAccess& network, int fd, EventDispatcher& dispatcher,
-                       std::uint64_t& routesSeen);
-    void joinGroups(NetworkAccess& network, const Worker& worker);
-    static void countDropped(NetworkAccess::Inlet& inlet, const DatagramBatch& batch);
-    static void notify(std::vector<Notice>& notices, const std::atomic<bool>* stop);
+    static void notify(const std::vector<ServerSide::Notice>& notices, const std::atomic<bool>* stop);
 
     std::atomic<bool> m_networkIsUp{false};
     std::atomic<bool> m_silent{false};
-    /// Incremented whenever the result of routes() changes.
-    std::atomic<std::uint64_t> m_routesVersion{1};
 
     mutable std::mutex m_guard;  ///< guards all members below
     std::shared_ptr<Worker> m_worker;
     std::vector<std::shared_ptr<Worker>> m_leftBehind;  ///< threads that were in a handler at stop()
     std::shared_ptr<NetworkAccess> m_network;
     machine::SomeIpSettings m_settings;
-    bool m_providesServices = false;
+    bool m_offers = false;  ///< not started for clients only
     Clock::time_point m_retryAt;
     std::string m_openFailure;  ///< the one logged last
-    std::set<ServiceKey> m_searches;
-    std::vector<std::shared_ptr<EventReceiver>> m_receivers;
-    std::vector<std::shared_ptr<ServiceProvider>> m_providers;
-    /// A service that this process requests or offers.
-    struct KnownService {
-        std::string name;
-        ChangeLimit changes;
-        RateLimit unusable;
-    };
-    std::map<std::uint16_t, KnownService> m_known;
-    std::map<EventgroupKey, ChangeLimit> m_subscriptionChanges;  ///< only of receivers
-    std::map<EventgroupKey, ChangeLimit> m_subscriberChanges;    ///< only of what is offered
-    std::set<EventgroupKey> m_refused;                           ///< refusals that were logged
-    std::vector<Notice> m_notices;
-    ChangeLimit m_otherChanges;  ///< of services that this process does not know
-    RateLimit m_otherUnusable;
+    KnownServices m_services;
+    ClientSide m_client{m_services};
+    ServerSide m_server{m_services};
     ChangeLimit m_reboots;
-    ChangeLimit m_groupChanges;
     RateLimit m_sdMalformed;
     RateLimit m_sdForeign;
 };

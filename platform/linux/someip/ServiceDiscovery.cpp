@@ -21,11 +21,11 @@ std::vector<SdOutbox::Datagram> SdOutbox::take() {
 }
 
 ServiceDiscovery::ServiceDiscovery(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp,
-                                   const Network& network, SdObserver& observer, std::uint32_t seed)
-    : m_observer(observer),
+                                   const Network& network, const SdObservers& observers, std::uint32_t seed)
+    : m_observer(observers.peers),
       m_random(seed),
-      m_client(times, udp, network, m_outbox, observer, m_random),
-      m_server(times, udp, tcp, network, m_outbox, observer, m_random) {}
+      m_client(times, udp, network, m_outbox, observers.client, m_random),
+      m_server(times, udp, tcp, network, m_outbox, observers.server, m_random) {}
 
 bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
                                   std::span<const std::uint8_t> datagram, Clock::time_point now,

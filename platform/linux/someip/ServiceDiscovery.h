@@ -77,10 +77,11 @@ enum class SubscriptionState : std::uint8_t {
     Refused,
 };
 
-/// Receives the changes. Called from inside ServiceDiscovery, so it must not call back into it.
-class SdObserver {
+/// Receives the client's changes. As the other observers, called from inside ServiceDiscovery, so it must not
+/// call back into it.
+class SdClientObserver {
   public:
-    virtual ~SdObserver() = default;
+    virtual ~SdClientObserver() = default;
     virtual void serviceUp(const RemoteService& service) = 0;
     virtual void serviceDown(const RemoteService& service, const char* reason) = 0;
     /// An offer that cannot be used, each time it comes.
@@ -88,9 +89,26 @@ class SdObserver {
     virtual void subscriptionChanged(const EventgroupKey& eventgroup, SubscriptionState state) = 0;
     /// The acknowledgement names a multicast group that carries the events.
     virtual void multicastGiven(const EventgroupKey& eventgroup, const Endpoint& group) = 0;
+};
+
+/// Receives the server's changes.
+class SdServerObserver {
+  public:
+    virtual ~SdServerObserver() = default;
     virtual void subscriberAdded(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
     virtual void subscriberRemoved(const EventgroupKey& eventgroup, const Endpoint& receiver) = 0;
+};
+
+class SdPeerObserver {
+  public:
+    virtual ~SdPeerObserver() = default;
     virtual void peerRebooted(const Endpoint& peer) = 0;
+};
+
+struct SdObservers {
+    SdClientObserver& client;
+    SdServerObserver& server;
+    SdPeerObserver& peers;
 };
 
 /// Entries that wait to be sent, by receiver.
@@ -128,7 +146,7 @@ struct SdOrigin {
 class SdClient {
   public:
     SdClient(const SdTimes& times, const Endpoint& receiver, const Network& network, SdOutbox& outbox,
-             SdObserver& observer, std::minstd_rand& random)
+             SdClientObserver& observer, std::minstd_rand& random)
         : m_times(times),
           m_receiver(receiver),
           m_network(network),
@@ -225,7 +243,7 @@ class SdClient {
     const Endpoint m_receiver;
     const Network m_network;
     SdOutbox& m_outbox;
-    SdObserver& m_observer;
+    SdClientObserver& m_observer;
     std::minstd_rand& m_random;
     std::uint64_t m_lives = 0;
     std::map<ServiceKey, Search> m_searches;
@@ -240,7 +258,7 @@ class SdServer {
   public:
     /// `udp` and `tcp` are the endpoints that events are sent from.
     SdServer(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp, const Network& network,
-             SdOutbox& outbox, SdObserver& observer, std::minstd_rand& random)
+             SdOutbox& outbox, SdServerObserver& observer, std::minstd_rand& random)
         : m_times(times),
           m_udp(udp),
           m_tcp(tcp),
@@ -295,7 +313,7 @@ class SdServer {
     const Endpoint m_tcp;
     const Network m_network;
     SdOutbox& m_outbox;
-    SdObserver& m_observer;
+    SdServerObserver& m_observer;
     std::minstd_rand& m_random;
     std::map<ServiceKey, Offered> m_offered;
     Clock::time_point m_nextCycle =
@@ -310,7 +328,7 @@ class ServiceDiscovery {
     /// `udp` and `tcp` are the endpoints of this process for events; messages from outside `network` are
     /// ignored.
     ServiceDiscovery(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp, const Network& network,
-                     SdObserver& observer, std::uint32_t seed);
+                     const SdObservers& observers, std::uint32_t seed);
 
     SdClient& client() noexcept { return m_client; }
     SdServer& server() noexcept { return m_server; }
@@ -324,7 +342,7 @@ class ServiceDiscovery {
     void shutdown();
 
   private:
-    SdObserver& m_observer;
+    SdPeerObserver& m_observer;
     SdOutbox m_outbox;
     std::minstd_rand m_random;
     SdPeerSessions m_peers;

@@ -2,6 +2,12 @@
 /// Endpoints as the system calls take them.
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <string>
 
 #include "someip/Endpoint.h"
 
@@ -25,6 +31,15 @@ inline Endpoint boundEndpoint(int fd, Protocol protocol) noexcept {
     socklen_t size = sizeof bound;
     return ::getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) == 0 ? fromSystem(bound, protocol)
                                                                               : Endpoint{};
+}
+
+/// Closes a socket that cannot be opened. `error` gets the step that has failed, with errno's reason.
+inline std::nullptr_t openFailed(int fd, const char* step, const Endpoint& endpoint, std::string& error) {
+    error = std::string(step) + " " + toText(endpoint) + ": " + std::strerror(errno);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    return nullptr;
 }
 
 inline bool setOption(int fd, int level, int option, int value) noexcept {

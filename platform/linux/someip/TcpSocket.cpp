@@ -33,26 +33,19 @@ void watchPeer(int fd) noexcept {
 }  // namespace
 
 std::shared_ptr<TcpSocket> TcpSocket::connect(Address from, const Endpoint& to, std::string& error) {
-    const auto failed = [&](const char* step, int fd) {
-        error = std::string(step) + " " + toText(to) + ": " + std::strerror(errno);
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        return nullptr;
-    };
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
-        return failed("cannot make a socket for", fd);
+        return openFailed(fd, "cannot make a socket for", to, error);
     }
     watchPeer(fd);
     const sockaddr_in own = toSystem({from, 0});
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
-        return failed("cannot bind the own address for", fd);
+        return openFailed(fd, "cannot bind the own address for", to, error);
     }
     const sockaddr_in address = toSystem(to);
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
         errno != EINPROGRESS) {
-        return failed("cannot connect to", fd);
+        return openFailed(fd, "cannot connect to", to, error);
     }
     return std::shared_ptr<TcpSocket>(new TcpSocket(fd, to));
 }
@@ -120,24 +113,17 @@ ssize_t TcpSocket::receive(std::span<std::uint8_t> into) const noexcept {
 }
 
 std::unique_ptr<TcpListener> TcpListener::open(const Endpoint& endpoint, std::string& error) {
-    const auto failed = [&](const char* step, int fd) {
-        error = std::string(step) + " " + toText(endpoint) + ": " + std::strerror(errno);
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        return nullptr;
-    };
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
-        return failed("cannot make a socket for", fd);
+        return openFailed(fd, "cannot make a socket for", endpoint, error);
     }
     setOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // connections of the process before may still be closing
     const sockaddr_in address = toSystem(endpoint);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return failed("cannot bind", fd);
+        return openFailed(fd, "cannot bind", endpoint, error);
     }
     if (::listen(fd, SOMAXCONN) != 0) {
-        return failed("cannot listen at", fd);
+        return openFailed(fd, "cannot listen at", endpoint, error);
     }
     return std::unique_ptr<TcpListener>(new TcpListener(fd, boundEndpoint(fd, Protocol::Tcp)));
 }

@@ -3,21 +3,23 @@
 
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <span>
 #include <string>
 
 #include "someip/Endpoint.h"
+#include "someip/Transport.h"
 
 namespace someip {
 
 /// One TCP connection, or the attempt to make one.
-class TcpSocket {
+class TcpSocket final : public Outlet {
   public:
     /// Starts to connect, without waiting. Returns nullptr with the failed step and the reason in `error`.
     static std::shared_ptr<TcpSocket> connect(Address from, const Endpoint& to, std::string& error);
-    ~TcpSocket();
+    ~TcpSocket() override;
     TcpSocket(const TcpSocket&) = delete;
     TcpSocket& operator=(const TcpSocket&) = delete;
 
@@ -33,6 +35,11 @@ class TcpSocket {
     /// the connection ends, since the peer may have half a message. Puts a magic cookie before the
     /// first message, and before another one every ten seconds. Returns 0 or errno. Any thread.
     int send(std::span<const std::uint8_t> message) noexcept;
+    /// `to` is the remote end.
+    int send(const Endpoint& /*to*/, std::span<const std::uint8_t> message) noexcept override {
+        return send(message);
+    }
+    std::size_t maxPayload() const noexcept override { return std::numeric_limits<std::size_t>::max(); }
     /// Receives what is available, without waiting. Returns the number of bytes, 0 when the peer has closed,
     /// and -1 with errno otherwise (EAGAIN: nothing is available). One thread.
     ssize_t receive(std::span<std::uint8_t> into) const noexcept;
@@ -60,7 +67,7 @@ class TcpListener {
     int fd() const noexcept { return m_fd; }
     /// The bound endpoint, with the port that the system chose.
     const Endpoint& endpoint() const noexcept { return m_endpoint; }
-    /// Returns nullptr when no connection waits.
+    /// Returns nullptr, with errno, when no connection waits (EAGAIN) or none can be taken.
     std::shared_ptr<TcpSocket> accept() const;
 
   private:

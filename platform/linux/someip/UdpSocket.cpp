@@ -11,22 +11,15 @@ namespace someip {
 
 std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Options& options,
                                            std::string& error) {
-    const auto failed = [&](const char* step, int fd) {
-        error = std::string(step) + " " + toText(endpoint) + ": " + std::strerror(errno);
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        return nullptr;
-    };
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        return failed("cannot make a socket for", fd);
+        return openFailed(fd, "cannot make a socket for", endpoint, error);
     }
     if (options.shared && !setOption(fd, SOL_SOCKET, SO_REUSEADDR, 1)) {
-        return failed("cannot share", fd);
+        return openFailed(fd, "cannot share", endpoint, error);
     }
     if (options.broadcast && !setOption(fd, SOL_SOCKET, SO_BROADCAST, 1)) {
-        return failed("cannot broadcast from", fd);
+        return openFailed(fd, "cannot broadcast from", endpoint, error);
     }
     if (options.receiveBufferBytes != 0) {
         // The first needs a privileged process; the second is limited by net.core.rmem_max.
@@ -40,19 +33,19 @@ std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Optio
         in_addr interface {};
         interface.s_addr = htonl(options.interfaceAddress);
         if (::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0) {
-            return failed("cannot choose the multicast interface for", fd);
+            return openFailed(fd, "cannot choose the multicast interface for", endpoint, error);
         }
     }
     const sockaddr_in address = toSystem(endpoint);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return failed("cannot bind", fd);
+        return openFailed(fd, "cannot bind", endpoint, error);
     }
     if (options.join) {
         ip_mreqn membership{};
         membership.imr_multiaddr.s_addr = htonl(endpoint.address);
         membership.imr_address.s_addr = htonl(options.interfaceAddress);
         if (::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) {
-            return failed("cannot join", fd);
+            return openFailed(fd, "cannot join", endpoint, error);
         }
     }
     return std::unique_ptr<UdpSocket>(new UdpSocket(fd, boundEndpoint(fd, Protocol::Udp)));

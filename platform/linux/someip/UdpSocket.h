@@ -10,10 +10,12 @@
 #include <string>
 
 #include "someip/Endpoint.h"
+#include "someip/Message.h"
+#include "someip/Transport.h"
 
 namespace someip {
 
-class UdpSocket {
+class UdpSocket final : public Outlet {
   public:
     struct Options {
         std::uint32_t receiveBufferBytes = 0;  ///< 0: the system's default
@@ -26,7 +28,7 @@ class UdpSocket {
     /// Returns a socket bound to the endpoint, or nullptr with the failed step and the reason in `error`.
     static std::unique_ptr<UdpSocket> open(const Endpoint& endpoint, const Options& options,
                                            std::string& error);
-    ~UdpSocket();
+    ~UdpSocket() override;
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
 
@@ -37,6 +39,11 @@ class UdpSocket {
     std::uint32_t receiveBufferBytes() const;
     /// Sends one datagram; waits for space in the send buffer only if `wait`. Returns 0 or errno. Any thread.
     int sendTo(const Endpoint& to, std::span<const std::uint8_t> bytes, bool wait) const noexcept;
+
+    int send(const Endpoint& to, std::span<const std::uint8_t> message) noexcept override {
+        return sendTo(to, message, true);
+    }
+    std::size_t maxPayload() const noexcept override { return kMaxUnsegmentedPayload; }
 
   private:
     UdpSocket(int fd, const Endpoint& endpoint) : m_fd(fd), m_endpoint(endpoint) {}

@@ -1,7 +1,8 @@
 /// Events over TCP, with real connections.
-#include <poll.h>
+#include <sys/resource.h>
 
 #include "Bench.h"
+#include "someip/SystemAddress.h"
 #include "someip/TcpSocket.h"
 
 using namespace vlmTest;
@@ -156,4 +157,66 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
     EXPECT_GT(at[2] - at[1], 900ms);
     device.sendDiscovery(device.offer(0));
     EXPECT_TRUE(log.waitFor("its offer was stopped"));
+}
+
+TEST_F(OverTcp, AClientWaitsWhileNoDescriptorIsLeftForIt) {
+    PlainDevice device(3);
+    ASSERT_TRUE(serverSide.start(serverSettings(), true));
+    ASSERT_TRUE(server.base.OfferService());
+    someip::SdEntry offer;
+    someip::Endpoint from;
+    ASSERT_TRUE(device.await(someip::SdEntryType::Offer, offer, from));
+    const int waiting = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int lowestFree = ::dup(waiting);
+    ::close(lowestFree);
+    rlimit usual{};
+    ::getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit noneLeft{static_cast<rlim_t>(lowestFree), usual.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &noneLeft);
+    const auto to = someip::toSystem(*offer.over(someip::Protocol::Tcp));
+    const int connected = ::connect(waiting, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    const bool waits = log.waitFor("has to wait: Too many open files");
+    ::setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(connected, 0) << "the system answers for the server";
+    EXPECT_TRUE(waits);
+    EXPECT_TRUE(log.waitFor("has connected"));
+    ::close(waiting);
+    EXPECT_TRUE(log.waitFor("has disconnected"));
+}
+
+TEST_F(OverTcp, AServerThatDoesNotAnswerIsTriedAgain) {
+    PlainDevice device(2);
+    const int full = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto at = someip::toSystem({addressOf(2), 0});
+    ASSERT_EQ(::bind(full, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0);
+    ASSERT_EQ(::listen(full, 0), 0);
+    const auto endpoint = someip::boundEndpoint(full, someip::Protocol::Tcp);
+    std::string error;
+    const auto only = someip::TcpSocket::connect(addressOf(3), endpoint, error);  // takes the place
+    ASSERT_NE(only, nullptr) << error;
+    ASSERT_TRUE(eventually([&] { return only->state() == 0; }));
+    ASSERT_TRUE(clientSide.start(settingsFor(1), false));
+    client.subscribe();
+    auto offer = device.offer(60);
+    offer.unicast = {endpoint};
+    device.sendDiscovery(offer);
+    EXPECT_TRUE(log.waitFor("No connection to " + someip::toText(endpoint) + ": Connection timed out"));
+    ::close(full);
+    EXPECT_TRUE(log.waitFor("No connection to " + someip::toText(endpoint) + ": Connection refused"));
+}
+
+TEST_F(OverTcp, AProcessWithoutServicesTakesNoClients) {
+    auto settings = settingsFor(1);
+    settings.eventPort = static_cast<std::uint16_t>(discoveryPort() + 2);
+    for (const bool offers : {false, true}) {
+        ASSERT_TRUE(clientSide.start(settings, offers));
+        std::string error;
+        const auto connection = someip::TcpSocket::connect(
+            addressOf(3), {addressOf(1), settings.eventPort, someip::Protocol::Tcp}, error);
+        ASSERT_NE(connection, nullptr) << error;
+        int state = EINPROGRESS;
+        ASSERT_TRUE(eventually([&] { return (state = connection->state()) != EINPROGRESS; }));
+        EXPECT_EQ(state, offers ? 0 : ECONNREFUSED);
+        clientSide.stop();
+    }
 }

@@ -12,7 +12,7 @@
 
 namespace vlmTest {
 
-struct SdNews : someip::SdObserver {
+struct SdNews : someip::SdClientObserver, someip::SdServerObserver, someip::SdPeerObserver {
     static std::string text(const someip::ServiceKey& key) {
         return std::to_string(key.service) + "." + std::to_string(key.instance);
     }
@@ -198,8 +198,12 @@ struct SdBench : ::testing::Test {
     someip::SdTimes times;
     SdNews observer;
     someip::Network network{0x7F000000, 0xFF000000};
-    someip::ServiceDiscovery sd{
-        times, {0x7F000001, 45000}, {0x7F000001, 45000, someip::Protocol::Tcp}, network, observer, 1};
+    someip::ServiceDiscovery sd{times,
+                                {0x7F000001, 45000},
+                                {0x7F000001, 45000, someip::Protocol::Tcp},
+                                network,
+                                {observer, observer, observer},
+                                1};
     Clock::time_point now{std::chrono::hours(1)};
     std::vector<SentSd> sent;
     SdPeer vehicle{{0x7F000002, 30490}};
