@@ -17,11 +17,15 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         return 0;
     }
     require(error.empty(), "what is accepted has none");
-    someip::Address address = 0;
+    someip::Address own;
+    someip::Address group;
     someip::Network network;
-    require(someip::parseAddress(manifest.someip.address, address), "the address is one");
-    require(someip::parseAddress(manifest.someip.discovery.group, address), "the group is one");
+    const std::string& address = manifest.someip.address;
+    // The interface may be another machine's.
+    require(someip::parseAddress(address.substr(0, address.find('%')), own), "the address is one");
+    require(someip::parseAddress(manifest.someip.discovery.group, group), "the group is one");
     require(someip::parseNetwork(manifest.someip.network, network), "the network is one");
+    require(own.isIpv6() == group.isIpv6() && own.isIpv6() == network.base.isIpv6(), "all are of one kind");
     require(manifest.someip.discovery.initialDelayMinMs <= manifest.someip.discovery.initialDelayMaxMs,
             "the initial delay is a range");
     require(manifest.backend.transport == "directory" || manifest.backend.transport == "mqtt",

@@ -11,7 +11,7 @@ namespace tools {
 void addNetworkOptions(cxxopts::Options& options, const std::string& ownAddress) {
     // clang-format off
     options.add_options("Network")
-        ("address", "own IPv4 address (" + ownAddress + ")", cxxopts::value<std::string>(), "ADDRESS")
+        ("address", "own IPv4 or IPv6 address (" + ownAddress + ")", cxxopts::value<std::string>(), "ADDRESS")
         ("network", "peers outside it are ignored", cxxopts::value<std::string>(), "ADDRESS/BITS")
         ("discovery-port", "UDP port of service discovery (30490)", cxxopts::value<unsigned>(), "PORT")
         ("group", "multicast group or broadcast address of service discovery", cxxopts::value<std::string>(), "ADDRESS")

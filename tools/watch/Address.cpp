@@ -1,8 +1,6 @@
 #include "tools/watch/Address.h"
 
-#include <arpa/inet.h>
 #include <ifaddrs.h>
-#include <netinet/in.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +9,7 @@
 
 #include "someip/Endpoint.h"
 #include "someip/Runtime.h"
+#include "someip/SystemAddress.h"
 
 namespace vlmWatch {
 
@@ -32,13 +31,14 @@ std::vector<std::string> interfaceAddresses() {
     const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> owner(first, &::freeifaddrs);
     std::vector<std::string> addresses;
     for (const ifaddrs* one = first; one != nullptr; one = one->ifa_next) {
-        if (one->ifa_addr == nullptr || one->ifa_addr->sa_family != AF_INET) {
-            continue;
+        const int family = one->ifa_addr == nullptr ? AF_UNSPEC : one->ifa_addr->sa_family;
+        if (family == AF_INET) {
+            const auto* const address = reinterpret_cast<const sockaddr_in*>(one->ifa_addr);
+            addresses.push_back(someip::toText(someip::Address(ntohl(address->sin_addr.s_addr))));
+        } else if (family == AF_INET6) {
+            const someip::SystemAddress address(*reinterpret_cast<const sockaddr_in6*>(one->ifa_addr));
+            addresses.push_back(someip::toText(address.endpoint(someip::Protocol::Udp).address));
         }
-        char text[INET_ADDRSTRLEN] = "";
-        ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(one->ifa_addr)->sin_addr, text,
-                    sizeof text);
-        addresses.emplace_back(text);
     }
     return addresses;
 }

@@ -1,6 +1,7 @@
 #include "machine/Manifest.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,17 +28,48 @@ bool isIpv4(const std::string& text) {
     return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-/// Whether the text is an address and a number of bits: "127.0.0.0/8".
-bool isIpv4Network(const std::string& text) {
+bool readIpv6(const std::string& text, in6_addr& out) {
+    return ::inet_pton(AF_INET6, text.c_str(), &out) == 1;
+}
+
+/// Of a text that has passed the checks below.
+bool usesIpv6(const std::string& text) {
+    return text.find(':') != std::string::npos;
+}
+
+/// "192.168.1.1", "fd00::1", or "fe80::1%eth0". The interface may come later, or be another machine's.
+bool isAddress(const std::string& text) {
+    const auto percent = text.find('%');
+    in6_addr address{};
+    if (!readIpv6(text.substr(0, percent), address)) {
+        return isIpv4(text);
+    }
+    const bool hasInterface = percent != std::string::npos;
+    const std::string interface = hasInterface ? text.substr(percent + 1) : "";
+    return !IN6_IS_ADDR_MULTICAST(&address) && hasInterface == bool{IN6_IS_ADDR_LINKLOCAL(&address)} &&
+           hasInterface == !interface.empty() && interface.size() < IF_NAMESIZE &&
+           interface.find_first_of("/ %") == std::string::npos;
+}
+
+/// An address and a number of bits: "127.0.0.0/8", "fd00::/64".
+bool isNetwork(const std::string& text) {
     const auto slash = text.find('/');
-    if (slash == std::string::npos || !isIpv4(text.substr(0, slash))) {
+    const std::string base = text.substr(0, slash);
+    in6_addr address{};
+    const bool ipv6 = readIpv6(base, address);
+    if (slash == std::string::npos || (!ipv6 && !isIpv4(base))) {
         return false;
     }
-    const std::string length = text.substr(slash + 1);
-    if (length.empty() || length.size() > 2 || length.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    return std::stoi(length) <= 32;
+    unsigned bits = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data() + slash + 1, end, bits);
+    return error == std::errc() && stop == end && bits <= (ipv6 ? 128 : 32);
+}
+
+/// IPv6 has no broadcast.
+bool isGroup(const std::string& text) {
+    in6_addr address{};
+    return isIpv4(text) || (readIpv6(text, address) && IN6_IS_ADDR_MULTICAST(&address));
 }
 
 /// "name", "name:port", "[IPv6 address]:port" or an IPv6 address.
@@ -88,7 +120,8 @@ void read(const Field& log, LogSettings& out) {
 
 void read(const Field& discovery, DiscoverySettings& out) {
     discovery["port"].number(out.port, 1);
-    readChecked(discovery["group"], out.group, isIpv4, "an IPv4 multicast group or broadcast address");
+    readChecked(discovery["group"], out.group, isGroup,
+                "an IPv4 multicast group or broadcast address, or an IPv6 multicast group");
     discovery["ttlSeconds"].number(out.ttlSeconds, 1, 0xFF'FFFF);
     const Field initialDelayMin = discovery["initialDelayMinMs"];
     initialDelayMin.number(out.initialDelayMinMs, 0, kDayMs);
@@ -102,11 +135,22 @@ void read(const Field& discovery, DiscoverySettings& out) {
 }
 
 void read(const Field& someip, SomeIpSettings& out) {
-    readChecked(someip["address"], out.address, isIpv4, "an IPv4 address");
+    readChecked(someip["address"], out.address, isAddress,
+                "an IPv4 or IPv6 address, with its interface if it is link-local (\"fe80::1%eth0\"),");
     someip["eventPort"].number(out.eventPort);
     someip["eventsOverTcp"].flag(out.eventsOverTcp);
-    readChecked(someip["network"], out.network, isIpv4Network, "an IPv4 network such as \"10.0.0.0/8\"");
-    read(someip["discovery"], out.discovery);
+    const Field network = someip["network"];
+    readChecked(network, out.network, isNetwork,
+                "an IPv4 or IPv6 network such as \"10.0.0.0/8\" or \"fd00::/64\"");
+    const Field discovery = someip["discovery"];
+    read(discovery, out.discovery);
+    const bool ipv6 = usesIpv6(out.address);
+    network.expect(usesIpv6(out.network) == ipv6,
+                   ipv6 ? "an IPv6 network, as someip.address is an IPv6 address,"
+                        : "an IPv4 network, as someip.address is an IPv4 address,");
+    discovery["group"].expect(usesIpv6(out.discovery.group) == ipv6,
+                              ipv6 ? "an IPv6 multicast group, as someip.address is an IPv6 address,"
+                                   : "an IPv4 group, as someip.address is an IPv4 address,");
     someip["receiveBufferBytes"].number(out.receiveBufferBytes, 4096, 1u << 30);
     someip["maxSampleBytes"].number(out.maxSampleBytes, 1400, 1u << 30);
     someip["reassemblyTimeoutMs"].number(out.reassemblyTimeoutMs, 1, kDayMs);

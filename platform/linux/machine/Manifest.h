@@ -22,7 +22,7 @@ struct LogSettings {
 
 struct DiscoverySettings {
     std::uint16_t port = 30490;
-    std::string group = "127.255.255.255";  ///< IPv4 multicast group or broadcast address
+    std::string group = "127.255.255.255";  ///< multicast group, or IPv4 broadcast address
     std::uint32_t ttlSeconds = 3;
     std::uint32_t initialDelayMinMs = 10;
     std::uint32_t initialDelayMaxMs = 30;
@@ -32,7 +32,7 @@ struct DiscoverySettings {
 };
 
 struct SomeIpSettings {
-    std::string address = "127.0.0.1";    ///< IPv4 address of the own interface
+    std::string address = "127.0.0.1";    ///< of the own interface
     std::uint16_t eventPort = 0;          ///< UDP and TCP port for event data; 0: any free one
     bool eventsOverTcp = false;           ///< as a server: all events, whatever their descriptions say
     std::string network = "127.0.0.0/8";  ///< peers outside it are ignored

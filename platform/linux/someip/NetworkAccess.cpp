@@ -26,6 +26,32 @@ SdTimes timesOf(const machine::DiscoverySettings& settings) {
     return times;
 }
 
+/// Returns false, with the key in `error`. An interface that is not there may come later.
+bool readAddresses(const machine::SomeIpSettings& settings, Address& own, Network& range, Address& group,
+                   std::string& error) {
+    const auto wrong = [&](const char* key, const std::string& text, const char* reason) {
+        error = std::string("someip.") + key + ": \"" + text + "\" " + reason;
+        return false;
+    };
+    if (!parseAddress(settings.address, own)) {
+        return wrong("address", settings.address,
+                     settings.address.find('%') == std::string::npos ? "is no IPv4 or IPv6 address"
+                                                                     : "names no interface of this machine");
+    }
+    if (!parseNetwork(settings.network, range) || range.base.isIpv6() != own.isIpv6()) {
+        return wrong("network", settings.network,
+                     own.isIpv6() ? "is no IPv6 network such as \"fd00::/64\""
+                                  : "is no IPv4 network such as \"192.168.1.0/24\"");
+    }
+    range.base = range.base.on(own.interface());
+    if (!parseAddress(settings.discovery.group, group) || group.isIpv6() != own.isIpv6() ||
+        (group.isIpv6() && !group.isMulticast())) {
+        return wrong("discovery.group", settings.discovery.group,
+                     own.isIpv6() ? "is no IPv6 multicast group" : "is no IPv4 address");
+    }
+    return true;
+}
+
 /// True for errors of sending to the group that mean a lost interface, not one lost packet.
 bool networkIsGone(int error) noexcept {
     return error == ENETUNREACH || error == ENETDOWN || error == EADDRNOTAVAIL || error == ENODEV ||
@@ -63,22 +89,12 @@ NetworkAccess::NetworkAccess(const machine::SomeIpSettings& settings, Sockets&& 
 std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings& settings, bool offers,
                                                    const SdObservers& observers, std::string& error) {
     Sockets sockets;
-    Address address = 0;
-    Endpoint group;
-    if (!parseAddress(settings.address, address)) {
-        error = "someip.address: \"" + settings.address + "\" is no IPv4 address";
+    Address address;
+    Endpoint group{{}, settings.discovery.port};
+    if (!readAddresses(settings, address, sockets.range, group.address, error)) {
         return nullptr;
     }
-    if (!parseNetwork(settings.network, sockets.range)) {
-        error = "someip.network: \"" + settings.network + "\" is no IPv4 network such as \"192.168.1.0/24\"";
-        return nullptr;
-    }
-    if (!parseAddress(settings.discovery.group, group.address)) {
-        error = "someip.discovery.group: \"" + settings.discovery.group + "\" is no IPv4 address";
-        return nullptr;
-    }
-    group.port = settings.discovery.port;
-    const bool multicast = isMulticast(group.address);
+    const bool multicast = group.address.isMulticast();
 
     sockets.lock = EndpointLock::take({address, settings.discovery.port}, error);
     if (sockets.lock == nullptr) {
@@ -93,7 +109,7 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
     options = {};
     options.receiveBufferBytes = kDiscoveryBufferBytes;
     options.broadcast = !multicast;
-    options.interfaceAddress = multicast ? address : 0;
+    options.interfaceAddress = multicast ? address : Address();
     // Other stacks on this machine may bind the port at all addresses.
     options.shared = true;
     sockets.unicast = UdpSocket::open({address, settings.discovery.port}, options, error);

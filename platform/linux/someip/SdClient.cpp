@@ -288,7 +288,11 @@ const char* SdClient::whyUnusable(const ServiceKey& key, const SdEntry& entry) c
         return "it names no instance or version";
     }
     if (entry.unicast.empty()) {
-        return entry.otherEndpoint ? "it has no endpoint for UDP or TCP over IPv4" : "it has no endpoint";
+        if (!entry.otherEndpoint) {
+            return "it has no endpoint";
+        }
+        return m_network.base.isIpv6() ? "it has no endpoint for UDP or TCP over IPv6"
+                                       : "it has no endpoint for UDP or TCP over IPv4";
     }
     if (entry.contradictory()) {
         return "its endpoints contradict each other";
@@ -390,7 +394,7 @@ void SdClient::onAcknowledgement(const SdEntry& entry, const Endpoint& peer, Clo
     subscription.notBefore = Clock::time_point::min();
     subscription.acknowledgedUntil = after(entry.ttl, now);
     set(key, subscription, SubscriptionState::Acknowledged);
-    if (!entry.multicast.empty() && isMulticast(entry.multicast.front().address)) {
+    if (!entry.multicast.empty() && entry.multicast.front().address.isMulticast()) {
         m_observer.multicastGiven(key, entry.multicast.front());
     }
 }

@@ -12,10 +12,11 @@ constexpr std::uint8_t kFlagReboot = 0x80;
 constexpr std::uint8_t kFlagUnicast = 0x40;
 constexpr std::uint8_t kFlagExplicitInitialData = 0x20;
 constexpr std::uint8_t kInitialDataRequested = 0x80;  // of the byte with the counter
-constexpr std::uint16_t kIpv4OptionLength = 9;
-constexpr std::uint16_t kIpv6OptionLength = 0x15;
-constexpr std::size_t kOptionHeaderSize = 3;  // length and type
-constexpr std::size_t kMaxRun = 15;           // options of one run: 4 bits
+constexpr std::size_t kIpv4Size = 4;
+constexpr std::size_t kIpv6Size = 16;
+constexpr std::size_t kOptionHeaderSize = 3;   // length and type
+constexpr std::size_t kAddressOptionRest = 5;  // reserved; after the address: reserved, protocol, port
+constexpr std::size_t kMaxRun = 15;            // options of one run: 4 bits
 
 /// The used part of an option. An option of another kind keeps its index.
 struct Option {
@@ -24,6 +25,38 @@ struct Option {
 
     bool operator==(const Option&) const = default;
 };
+
+constexpr bool isIpv6(SdOptionType type) noexcept {
+    return type == SdOptionType::Ipv6Endpoint || type == SdOptionType::Ipv6Multicast ||
+           type == SdOptionType::Ipv6SdEndpoint;
+}
+
+/// The bytes of the address in an option of that type; 0 if there is none.
+constexpr std::size_t addressSize(SdOptionType type) noexcept {
+    const bool ipv4 = type == SdOptionType::Ipv4Endpoint || type == SdOptionType::Ipv4Multicast ||
+                      type == SdOptionType::Ipv4SdEndpoint;
+    return isIpv6(type) ? kIpv6Size : ipv4 ? kIpv4Size : 0;
+}
+
+/// Reads an option from its address on.
+Option addressOption(SdOptionType type, const std::uint8_t* bytes) {
+    Option option;
+    option.endpoint.address =
+        isIpv6(type) ? Address::ipv6(loadBig<std::uint64_t>(bytes), loadBig<std::uint64_t>(bytes + 8))
+                     : Address(loadBig<std::uint32_t>(bytes));
+    bytes += addressSize(type);
+    const std::uint8_t protocol = bytes[1];
+    option.endpoint.port = loadBig<std::uint16_t>(bytes + 2);
+    option.endpoint.protocol = protocol == kProtocolTcp ? Protocol::Tcp : Protocol::Udp;
+    if (type == SdOptionType::Ipv4Endpoint || type == SdOptionType::Ipv6Endpoint) {
+        option.kind =
+            protocol == kProtocolUdp || protocol == kProtocolTcp ? Option::Unicast : Option::OtherUnicast;
+    } else if ((type == SdOptionType::Ipv4Multicast || type == SdOptionType::Ipv6Multicast) &&
+               protocol == kProtocolUdp) {
+        option.kind = Option::Multicast;
+    }
+    return option;
+}
 
 bool parseOptions(std::span<const std::uint8_t> bytes, std::vector<Option>& out, std::string& error) {
     while (!bytes.empty()) {
@@ -39,37 +72,13 @@ bool parseOptions(std::span<const std::uint8_t> bytes, std::vector<Option>& out,
         }
         Option option;
         const auto type = static_cast<SdOptionType>(bytes[2]);
-        switch (type) {
-            case SdOptionType::Ipv4Endpoint:
-            case SdOptionType::Ipv4Multicast:
-            case SdOptionType::Ipv4SdEndpoint:
-                if (length != kIpv4OptionLength) {
-                    error =
-                        "IPv4 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
-                    return false;
-                }
-                option.endpoint = {loadBig<std::uint32_t>(bytes.data() + 4),
-                                   loadBig<std::uint16_t>(bytes.data() + 10),
-                                   bytes[9] == kProtocolTcp ? Protocol::Tcp : Protocol::Udp};
-                if (type == SdOptionType::Ipv4Endpoint) {
-                    option.kind = bytes[9] == kProtocolUdp || bytes[9] == kProtocolTcp ? Option::Unicast
-                                                                                       : Option::OtherUnicast;
-                } else if (type == SdOptionType::Ipv4Multicast && bytes[9] == kProtocolUdp) {
-                    option.kind = Option::Multicast;
-                }
-                break;
-            case SdOptionType::Ipv6Endpoint:
-            case SdOptionType::Ipv6Multicast:
-            case SdOptionType::Ipv6SdEndpoint:
-                if (length != kIpv6OptionLength) {
-                    error =
-                        "IPv6 option " + std::to_string(out.size()) + " has length " + std::to_string(length);
-                    return false;
-                }
-                option.kind = type == SdOptionType::Ipv6Endpoint ? Option::OtherUnicast : Option::Other;
-                break;
-            default:
-                break;
+        if (const std::size_t size = addressSize(type); size != 0) {
+            if (length != size + kAddressOptionRest) {
+                error = std::string(size == kIpv6Size ? "IPv6" : "IPv4") + " option " +
+                        std::to_string(out.size()) + " has length " + std::to_string(length);
+                return false;
+            }
+            option = addressOption(type, bytes.data() + kOptionHeaderSize + 1);
         }
         out.push_back(option);
         bytes = bytes.subspan(kOptionHeaderSize + length);
@@ -111,12 +120,27 @@ void appendEntry(std::vector<std::uint8_t>& out, const SdEntry& entry, std::size
                        : entry.minor);
 }
 
+std::size_t sizeOf(const Option& option) noexcept {
+    return kOptionHeaderSize + kAddressOptionRest +
+           (option.endpoint.address.isIpv6() ? kIpv6Size : kIpv4Size);
+}
+
 void appendOption(std::vector<std::uint8_t>& out, const Option& option) {
-    appendBig(out, kIpv4OptionLength);
-    out.push_back(static_cast<std::uint8_t>(option.kind == Option::Unicast ? SdOptionType::Ipv4Endpoint
-                                                                           : SdOptionType::Ipv4Multicast));
-    out.push_back(0);
-    appendBig(out, option.endpoint.address);
+    const Address& address = option.endpoint.address;
+    const bool unicast = option.kind == Option::Unicast;
+    appendBig(out, static_cast<std::uint16_t>(sizeOf(option) - kOptionHeaderSize));
+    if (address.isIpv6()) {
+        out.push_back(
+            static_cast<std::uint8_t>(unicast ? SdOptionType::Ipv6Endpoint : SdOptionType::Ipv6Multicast));
+        out.push_back(0);
+        appendBig(out, address.high());
+        appendBig(out, address.low());
+    } else {
+        out.push_back(
+            static_cast<std::uint8_t>(unicast ? SdOptionType::Ipv4Endpoint : SdOptionType::Ipv4Multicast));
+        out.push_back(0);
+        appendBig(out, address.ipv4());
+    }
     out.push_back(0);
     out.push_back(option.endpoint.protocol == Protocol::Tcp ? kProtocolTcp : kProtocolUdp);
     appendBig(out, option.endpoint.port);
@@ -198,8 +222,8 @@ void SdMessageBuilder::addOnce(SdEntry entry) {
 
 std::size_t SdMessageBuilder::write(std::size_t first, Session session,
                                     std::vector<std::uint8_t>& out) const {
-    constexpr std::size_t kOptionSize = kOptionHeaderSize + kIpv4OptionLength;
     std::vector<Option> options;
+    std::vector<std::uint8_t> optionBytes;
     std::vector<std::uint8_t> entryBytes;
     std::size_t taken = 0;
     while (first + taken < m_entries.size()) {
@@ -214,22 +238,27 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
         wanted.resize(std::min(wanted.size(), kMaxRun));
         const auto found = std::search(options.begin(), options.end(), wanted.begin(), wanted.end());
         const auto index = static_cast<std::size_t>(found - options.begin());
-        const std::size_t added = found == options.end() ? wanted.size() : 0;
-        const std::size_t size = kHeaderSize + kSdFixedSize + entryBytes.size() +
-                                 (withNext ? 2 : 1) * kEntrySize + (options.size() + added) * kOptionSize;
+        const bool isNew = found == options.end();
+        std::size_t size = kHeaderSize + kSdFixedSize + entryBytes.size() + (withNext ? 2 : 1) * kEntrySize +
+                           optionBytes.size();
+        for (const Option& option : wanted) {
+            size += isNew ? sizeOf(option) : 0;
+        }
         // The size limit also keeps option indexes within 8 bits.
         if (taken != 0 && size > kMaxSdMessage) {
             break;
         }
-        if (added != 0) {
+        if (isNew) {
             options.insert(options.end(), wanted.begin(), wanted.end());
+            for (const Option& option : wanted) {
+                appendOption(optionBytes, option);
+            }
         }
         appendEntry(entryBytes, entry, wanted.empty() ? 0 : index, wanted.size());
         ++taken;
     }
 
-    const std::size_t optionBytes = options.size() * kOptionSize;
-    const std::size_t bodySize = kSdFixedSize + entryBytes.size() + optionBytes;
+    const std::size_t bodySize = kSdFixedSize + entryBytes.size() + optionBytes.size();
     Header header;
     header.service = kSdService;
     header.method = kSdMethod;
@@ -243,10 +272,8 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
     appendBig(out, flags << 24);
     appendBig(out, static_cast<std::uint32_t>(entryBytes.size()));
     out.insert(out.end(), entryBytes.begin(), entryBytes.end());
-    appendBig(out, static_cast<std::uint32_t>(optionBytes));
-    for (const Option& option : options) {
-        appendOption(out, option);
-    }
+    appendBig(out, static_cast<std::uint32_t>(optionBytes.size()));
+    out.insert(out.end(), optionBytes.begin(), optionBytes.end());
     return taken;
 }
 

@@ -52,9 +52,9 @@ struct SdEntry {
     std::uint8_t counter = 0;           ///< eventgroup entries, 4 bits
     bool initialDataRequested = false;  ///< subscribe entries
     std::uint16_t eventgroup = 0;       ///< eventgroup entries
-    std::vector<Endpoint> unicast;      ///< IPv4 endpoint options for UDP and TCP, in order
-    bool otherEndpoint = false;         ///< there are endpoint options for IPv6 or another protocol
-    std::vector<Endpoint> multicast;    ///< IPv4 multicast options for UDP, in order
+    std::vector<Endpoint> unicast;      ///< endpoint options for UDP and TCP, in order
+    bool otherEndpoint = false;         ///< there are endpoint options for another protocol
+    std::vector<Endpoint> multicast;    ///< multicast options for UDP, in order
 
     /// Returns the first endpoint for that protocol; nullptr if there is none.
     const Endpoint* over(Protocol protocol) const noexcept {
@@ -79,8 +79,8 @@ struct SdMessage {
 };
 
 /// Reads one discovery message. Returns false, with `error`, when the header, a length or an option index is
-/// wrong. Entries of unknown type, unknown options, and endpoints other than IPv4 with UDP or TCP are
-/// ignored.
+/// wrong. Entries of unknown type, unknown options, and endpoints other than those for UDP and TCP are
+/// ignored. Link-local addresses are without their interface.
 bool parseSdMessage(const Header& header, std::span<const std::uint8_t> body, SdMessage& out,
                     std::string& error);
 

@@ -22,10 +22,22 @@ std::vector<SdOutbox::Datagram> SdOutbox::take() {
 
 ServiceDiscovery::ServiceDiscovery(const SdTimes& times, const Endpoint& udp, const Endpoint& tcp,
                                    const Network& network, const SdObservers& observers, std::uint32_t seed)
-    : m_observer(observers.peers),
+    : m_network(network),
+      m_observer(observers.peers),
       m_random(seed),
       m_client(times, udp, network, m_outbox, observers.client, m_random),
       m_server(times, udp, tcp, network, m_outbox, observers.server, m_random) {}
+
+void ServiceDiscovery::adopt(SdEntry& entry, const Endpoint& from) const {
+    const auto isOther = [&](const Endpoint& one) { return one.address.isIpv6() != m_network.base.isIpv6(); };
+    entry.otherEndpoint = entry.otherEndpoint || std::ranges::any_of(entry.unicast, isOther);
+    for (auto* const list : {&entry.unicast, &entry.multicast}) {
+        std::erase_if(*list, isOther);
+        for (Endpoint& one : *list) {
+            one.address = one.address.on(from.address.interface());
+        }
+    }
+}
 
 bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
                                   std::span<const std::uint8_t> datagram, Clock::time_point now,
@@ -50,7 +62,8 @@ bool ServiceDiscovery::onDatagram(const Endpoint& from, bool multicast,
             m_client.onReboot(from, now);
             m_server.onReboot(from);
         }
-        for (const SdEntry& entry : message.entries) {
+        for (SdEntry& entry : message.entries) {
+            adopt(entry, from);
             switch (entry.type) {
                 case SdEntryType::Find:
                     m_server.onFind(entry, from);

@@ -342,6 +342,11 @@ class ServiceDiscovery {
     void shutdown();
 
   private:
+    /// Keeps the endpoints of our own kind of network. A link-local address is one of the interface that the
+    /// message has come through.
+    void adopt(SdEntry& entry, const Endpoint& from) const;
+
+    const Network m_network;
     SdPeerObserver& m_observer;
     SdOutbox m_outbox;
     std::minstd_rand m_random;

@@ -32,19 +32,18 @@ void watchPeer(int fd) noexcept {
 
 }  // namespace
 
-std::shared_ptr<TcpSocket> TcpSocket::connect(Address from, const Endpoint& to, std::string& error) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+std::shared_ptr<TcpSocket> TcpSocket::connect(const Address& from, const Endpoint& to, std::string& error) {
+    const int fd = ::socket(familyOf(to.address), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         return openFailed(fd, "cannot make a socket for", to, error);
     }
     watchPeer(fd);
-    const sockaddr_in own = toSystem({from, 0});
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+    const SystemAddress own({from, 0});
+    if (::bind(fd, own.get(), own.size()) != 0) {
         return openFailed(fd, "cannot bind the own address for", to, error);
     }
-    const sockaddr_in address = toSystem(to);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
-        errno != EINPROGRESS) {
+    const SystemAddress address(to);
+    if (::connect(fd, address.get(), address.size()) != 0 && errno != EINPROGRESS) {
         return openFailed(fd, "cannot connect to", to, error);
     }
     return std::shared_ptr<TcpSocket>(new TcpSocket(fd, to));
@@ -113,13 +112,13 @@ ssize_t TcpSocket::receive(std::span<std::uint8_t> into) const noexcept {
 }
 
 std::unique_ptr<TcpListener> TcpListener::open(const Endpoint& endpoint, std::string& error) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int fd = ::socket(familyOf(endpoint.address), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         return openFailed(fd, "cannot make a socket for", endpoint, error);
     }
     setOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // connections of the process before may still be closing
-    const sockaddr_in address = toSystem(endpoint);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const SystemAddress address(endpoint);
+    if (::bind(fd, address.get(), address.size()) != 0) {
         return openFailed(fd, "cannot bind", endpoint, error);
     }
     if (::listen(fd, SOMAXCONN) != 0) {
@@ -133,14 +132,14 @@ TcpListener::~TcpListener() {
 }
 
 std::shared_ptr<TcpSocket> TcpListener::accept() const {
-    sockaddr_in from{};
-    socklen_t size = sizeof from;
-    const int fd = ::accept4(m_fd, reinterpret_cast<sockaddr*>(&from), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    SystemAddress from;
+    socklen_t size = from.size();
+    const int fd = ::accept4(m_fd, from.get(), &size, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
         return nullptr;
     }
     watchPeer(fd);
-    return std::shared_ptr<TcpSocket>(new TcpSocket(fd, fromSystem(from, Protocol::Tcp)));
+    return std::shared_ptr<TcpSocket>(new TcpSocket(fd, from.endpoint(Protocol::Tcp)));
 }
 
 }  // namespace someip

@@ -18,7 +18,7 @@ namespace someip {
 class TcpSocket final : public Outlet {
   public:
     /// Starts to connect, without waiting. Returns nullptr with the failed step and the reason in `error`.
-    static std::shared_ptr<TcpSocket> connect(Address from, const Endpoint& to, std::string& error);
+    static std::shared_ptr<TcpSocket> connect(const Address& from, const Endpoint& to, std::string& error);
     ~TcpSocket() override;
     TcpSocket(const TcpSocket&) = delete;
     TcpSocket& operator=(const TcpSocket&) = delete;

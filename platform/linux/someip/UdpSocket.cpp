@@ -1,17 +1,70 @@
 #include "someip/UdpSocket.h"
 
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "someip/SystemAddress.h"
-
 namespace someip {
 
-std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Options& options,
+namespace {
+
+/// The index of the interface that has the IPv6 address; 0 if none has.
+unsigned interfaceOf(const Address& address) {
+    if (address.interface() != 0) {
+        return address.interface();
+    }
+    ifaddrs* all = nullptr;
+    if (::getifaddrs(&all) != 0) {
+        return 0;
+    }
+    unsigned found = 0;
+    for (const ifaddrs* one = all; one != nullptr && found == 0; one = one->ifa_next) {
+        if (one->ifa_addr != nullptr && one->ifa_addr->sa_family == AF_INET6) {
+            const SystemAddress its(*reinterpret_cast<const sockaddr_in6*>(one->ifa_addr));
+            found = its.endpoint(Protocol::Udp).address == address ? ::if_nametoindex(one->ifa_name) : 0;
+        }
+    }
+    ::freeifaddrs(all);
+    return found;
+}
+
+/// Sends to multicast groups at the interface with that address.
+bool chooseInterface(int fd, const Address& address) {
+    if (address.isIpv6()) {
+        return setOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(interfaceOf(address)));
+    }
+    in_addr interface {};
+    interface.s_addr = htonl(address.ipv4());
+    return ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) == 0;
+}
+
+/// Joins the group at the interface with that address.
+bool join(int fd, const Address& group, const Address& address) {
+    if (group.isIpv6()) {
+        ipv6_mreq membership{};
+        storeBig(membership.ipv6mr_multiaddr.s6_addr, group.high());
+        storeBig(membership.ipv6mr_multiaddr.s6_addr + 8, group.low());
+        membership.ipv6mr_interface = interfaceOf(address);
+        return ::setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+    }
+    ip_mreqn membership{};
+    membership.imr_multiaddr.s_addr = htonl(group.ipv4());
+    membership.imr_address.s_addr = htonl(address.ipv4());
+    return ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
+}
+
+}  // namespace
+
+std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& requested, const Options& options,
                                            std::string& error) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    Endpoint endpoint = requested;
+    if (endpoint.address.isLinkLocal() && endpoint.address.interface() == 0) {
+        endpoint.address = endpoint.address.on(interfaceOf(options.interfaceAddress));
+    }
+    const int fd = ::socket(familyOf(endpoint.address), SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return openFailed(fd, "cannot make a socket for", endpoint, error);
     }
@@ -29,24 +82,15 @@ std::unique_ptr<UdpSocket> UdpSocket::open(const Endpoint& endpoint, const Optio
         }
     }
     setOption(fd, SOL_SOCKET, SO_RXQ_OVFL, 1);
-    if (options.interfaceAddress != 0) {
-        in_addr interface {};
-        interface.s_addr = htonl(options.interfaceAddress);
-        if (::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0) {
-            return openFailed(fd, "cannot choose the multicast interface for", endpoint, error);
-        }
+    if (options.interfaceAddress != Address() && !chooseInterface(fd, options.interfaceAddress)) {
+        return openFailed(fd, "cannot choose the multicast interface for", endpoint, error);
     }
-    const sockaddr_in address = toSystem(endpoint);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const SystemAddress address(endpoint);
+    if (::bind(fd, address.get(), address.size()) != 0) {
         return openFailed(fd, "cannot bind", endpoint, error);
     }
-    if (options.join) {
-        ip_mreqn membership{};
-        membership.imr_multiaddr.s_addr = htonl(endpoint.address);
-        membership.imr_address.s_addr = htonl(options.interfaceAddress);
-        if (::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) {
-            return openFailed(fd, "cannot join", endpoint, error);
-        }
+    if (options.join && !join(fd, endpoint.address, options.interfaceAddress)) {
+        return openFailed(fd, "cannot join", endpoint, error);
     }
     return std::unique_ptr<UdpSocket>(new UdpSocket(fd, boundEndpoint(fd, Protocol::Udp)));
 }
@@ -63,10 +107,10 @@ std::uint32_t UdpSocket::receiveBufferBytes() const {
 }
 
 int UdpSocket::sendTo(const Endpoint& to, std::span<const std::uint8_t> bytes, bool wait) const noexcept {
-    const sockaddr_in address = toSystem(to);
+    const SystemAddress address(to);
     for (;;) {
         if (::sendto(m_fd, bytes.data(), bytes.size(), wait ? MSG_NOSIGNAL : MSG_NOSIGNAL | MSG_DONTWAIT,
-                     reinterpret_cast<const sockaddr*>(&address), sizeof address) >= 0) {
+                     address.get(), address.size()) >= 0) {
             return 0;
         }
         if (errno != EINTR) {
@@ -85,8 +129,8 @@ DatagramBatch::DatagramBatch()
 std::size_t DatagramBatch::receive(const UdpSocket& socket) {
     for (std::size_t i = 0; i < kDatagrams; ++i) {
         msghdr& header = m_headers[i].msg_hdr;
-        header.msg_name = &m_senders[i];
-        header.msg_namelen = sizeof m_senders[i];
+        header.msg_name = m_senders[i].get();
+        header.msg_namelen = m_senders[i].size();
         header.msg_iov = &m_vectors[i];
         header.msg_iovlen = 1;
         header.msg_control = &m_controls[i];
@@ -99,7 +143,7 @@ std::size_t DatagramBatch::receive(const UdpSocket& socket) {
 }
 
 Endpoint DatagramBatch::from(std::size_t index) const noexcept {
-    return fromSystem(m_senders[index], Protocol::Udp);
+    return m_senders[index].endpoint(Protocol::Udp);
 }
 
 std::span<const std::uint8_t> DatagramBatch::bytes(std::size_t index) const noexcept {

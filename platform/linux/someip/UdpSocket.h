@@ -1,6 +1,5 @@
 #pragma once
 /// UDP sockets that receive many datagrams with one system call.
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -11,6 +10,7 @@
 
 #include "someip/Endpoint.h"
 #include "someip/Message.h"
+#include "someip/SystemAddress.h"
 #include "someip/Transport.h"
 
 namespace someip {
@@ -21,12 +21,12 @@ class UdpSocket final : public Outlet {
         std::uint32_t receiveBufferBytes = 0;  ///< 0: the system's default
         bool shared = false;                   ///< others that say so too may bind the same endpoint
         bool broadcast = false;                ///< may send to a broadcast address
-        Address interfaceAddress = 0;          ///< for joining and sending to multicast groups
-        bool join = false;                     ///< join the endpoint as a multicast group
+        Address interfaceAddress;  ///< of the interface for multicast groups; 0.0.0.0: none is used
+        bool join = false;         ///< join the endpoint as a multicast group
     };
 
     /// Returns a socket bound to the endpoint, or nullptr with the failed step and the reason in `error`.
-    static std::unique_ptr<UdpSocket> open(const Endpoint& endpoint, const Options& options,
+    static std::unique_ptr<UdpSocket> open(const Endpoint& requested, const Options& options,
                                            std::string& error);
     ~UdpSocket() override;
     UdpSocket(const UdpSocket&) = delete;
@@ -68,7 +68,7 @@ class DatagramBatch {
     bool droppedBySystem(std::uint32_t& total) const noexcept;
 
   private:
-    static constexpr std::size_t kSize = 65536;  // no UDP datagram over IPv4 is larger
+    static constexpr std::size_t kSize = 65536;  // no UDP datagram is larger
     struct alignas(cmsghdr) Control {
         std::uint8_t bytes[CMSG_SPACE(sizeof(std::uint32_t))];
     };
@@ -76,7 +76,7 @@ class DatagramBatch {
     std::unique_ptr<std::uint8_t[]> m_buffers;  ///< the system allocates pages on first use
     std::array<mmsghdr, kDatagrams> m_headers{};
     std::array<iovec, kDatagrams> m_vectors{};
-    std::array<sockaddr_in, kDatagrams> m_senders{};
+    std::array<SystemAddress, kDatagrams> m_senders{};
     std::array<Control, kDatagrams> m_controls{};
     std::size_t m_count = 0;
 };

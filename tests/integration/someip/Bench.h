@@ -1,9 +1,10 @@
 #pragma once
-/// Real sockets on the loopback network. Addresses and ports depend on the process id, so that concurrent
-/// runs do not disturb each other.
+/// Real sockets on the loopback network, or with IPv6. Addresses and ports depend on the process id, so that
+/// concurrent runs do not disturb each other.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <string>
@@ -20,27 +21,60 @@
 
 namespace vlmTest {
 
+/// The first half of the addresses, "fd00::" or "fe80::", for a run in the namespace of
+/// tests/support/with-ipv6; empty for the loopback's IPv4.
+inline const std::string& ipv6Prefix() {
+    static const std::string prefix = [] {
+        const char* const given = std::getenv("VLM_TEST_IPV6_PREFIX");
+        return std::string(given == nullptr ? "" : given);
+    }();
+    return prefix;
+}
+
 inline std::string addressText(int host) {
+    if (!ipv6Prefix().empty()) {
+        return ipv6Prefix() + std::to_string(host) + (ipv6Prefix() == "fe80::" ? "%v0" : "");
+    }
     return "127." + std::to_string(64 + ::getpid() % 128) + "." + std::to_string((::getpid() / 128) % 250) +
            "." + std::to_string(host);
 }
-inline someip::Address addressOf(int host) {
-    someip::Address address = 0;
-    someip::parseAddress(addressText(host), address);
+inline someip::Address addressFrom(const std::string& text) {
+    someip::Address address;
+    EXPECT_TRUE(someip::parseAddress(text, address)) << text;
     return address;
+}
+inline someip::Address addressOf(int host) {
+    return addressFrom(addressText(host));
+}
+/// The smallest network with that host.
+inline std::string networkText(int host) {
+    return ipv6Prefix().empty() ? addressText(host) + "/32" : ipv6Prefix() + std::to_string(host) + "/128";
 }
 inline std::uint16_t discoveryPort() {
     return static_cast<std::uint16_t>(20000 + ::getpid() % 10000);
 }
 
 inline std::string multicastText() {
+    if (!ipv6Prefix().empty()) {
+        return (ipv6Prefix() == "fe80::" ? "ff02::7:" : "ff05::7:") + std::to_string(::getpid() % 10000);
+    }
     return "239.255." + std::to_string(::getpid() % 250) + "." + std::to_string(1 + (::getpid() / 250) % 250);
+}
+/// Of service discovery: the loopback's broadcast address, or a group.
+inline someip::Endpoint discoveryGroup() {
+    return {ipv6Prefix().empty() ? someip::Address(0x7FFFFFFF)
+                                 : addressFrom("ff02::6").on(addressOf(1).interface()),
+            discoveryPort()};
 }
 
 inline machine::SomeIpSettings settingsFor(int host) {
     machine::SomeIpSettings settings;
     settings.address = addressText(host);
     settings.discovery.port = discoveryPort();
+    if (!ipv6Prefix().empty()) {
+        settings.network = ipv6Prefix() + "/64";
+        settings.discovery.group = "ff02::6";
+    }
     return settings;
 }
 
@@ -135,16 +169,18 @@ class PlainDevice {
             EXPECT_NE(socket, nullptr) << error;
             return socket;
         };
-        discovery = open({addressOf(host), discoveryPort()}, {0, false, true, 0, false});
-        group = open({0x7FFFFFFF, discoveryPort()}, {0, true, true, 0, false});
-        events = open({addressOf(host), 0}, {0, false, false, addressOf(host), false});
+        const auto own = addressOf(host);
+        const bool ipv6 = own.isIpv6();
+        const auto interface = ipv6 ? own : someip::Address();
+        discovery = open({own, discoveryPort()}, {0, false, !ipv6, interface, false});
+        group = open(discoveryGroup(), {0, true, !ipv6, interface, ipv6});
+        events = open({own, 0}, {0, false, false, own, false});
     }
 
     void sendDiscovery(const someip::SdEntry& entry, const someip::Endpoint* to = nullptr) {
         (to != nullptr ? outbox.to(*to) : outbox.multicast()).add(entry);
         for (const auto& datagram : outbox.take()) {
-            discovery->sendTo(datagram.to.value_or(someip::Endpoint{0x7FFFFFFF, discoveryPort()}),
-                              datagram.bytes, true);
+            discovery->sendTo(datagram.to.value_or(group->endpoint()), datagram.bytes, true);
         }
     }
     someip::SdEntry offer(std::uint32_t ttl = 3) const {
@@ -199,6 +235,9 @@ class PlainDevice {
                 waiting.pop_front();
                 if (isFound(datagram)) {
                     from = sender;
+                    for (auto& endpoint : found.unicast) {
+                        endpoint.address = endpoint.address.on(sender.address.interface());
+                    }
                     return true;
                 }
             }

@@ -13,8 +13,10 @@ using ::testing::HasSubstr;
 namespace {
 
 std::string configuration() {
-    return "{\"address\": \"" + addressText(5) +
-           "\", \"discovery\": {\"port\": " + std::to_string(discoveryPort()) + "}}";
+    const auto settings = settingsFor(5);
+    return "{\"address\": \"" + settings.address + "\", \"network\": \"" + settings.network +
+           "\", \"discovery\": {\"group\": \"" + settings.discovery.group +
+           "\", \"port\": " + std::to_string(discoveryPort()) + "}}";
 }
 
 }  // namespace

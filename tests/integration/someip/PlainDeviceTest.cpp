@@ -70,7 +70,7 @@ TEST_F(DeviceTalk, ARefusedSubscriptionIsLoggedOnceAndAcceptedLater) {
 TEST_F(DeviceTalk, ServiceDiscoveryFromOutsideTheNetworkIsNotHeard) {
     runtime.stop();
     auto settings = settingsFor(1);
-    settings.network = addressText(1) + "/32";
+    settings.network = networkText(1);
     ASSERT_TRUE(runtime.start(settings, false));
     auto& foreign = someip::counters().sdForeign;
     const auto before = foreign.value();
@@ -147,9 +147,8 @@ TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAn
 // Multicast on the loopback interface: nothing leaves the machine.
 TEST_F(DeviceTalk, EventsMayComeByTheMulticastGroupOfTheAcknowledgement) {
     offer();
-    someip::Endpoint group;
-    ASSERT_TRUE(someip::parseAddress(multicastText(), group.address));
-    group.port = static_cast<std::uint16_t>(discoveryPort() + 1);
+    const someip::Endpoint group{addressFrom(multicastText()).on(addressOf(1).interface()),
+                                 static_cast<std::uint16_t>(discoveryPort() + 1)};
     device->answer(subscription, from, 3, {group});
     ASSERT_TRUE(log.waitFor("Events come by multicast to " + someip::toText(group)));
     device->events->sendTo(group, device->notification(1, 1), true);

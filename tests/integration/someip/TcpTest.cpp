@@ -166,15 +166,15 @@ TEST_F(OverTcp, AClientWaitsWhileNoDescriptorIsLeftForIt) {
     someip::SdEntry offer;
     someip::Endpoint from;
     ASSERT_TRUE(device.await(someip::SdEntryType::Offer, offer, from));
-    const int waiting = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int waiting = ::socket(someip::familyOf(addressOf(3)), SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int lowestFree = ::dup(waiting);
     ::close(lowestFree);
     rlimit usual{};
     ::getrlimit(RLIMIT_NOFILE, &usual);
     const rlimit noneLeft{static_cast<rlim_t>(lowestFree), usual.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &noneLeft);
-    const auto to = someip::toSystem(*offer.over(someip::Protocol::Tcp));
-    const int connected = ::connect(waiting, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    const someip::SystemAddress to(*offer.over(someip::Protocol::Tcp));
+    const int connected = ::connect(waiting, to.get(), to.size());
     const bool waits = log.waitFor("has to wait: Too many open files");
     ::setrlimit(RLIMIT_NOFILE, &usual);
     EXPECT_EQ(connected, 0) << "the system answers for the server";
@@ -186,9 +186,9 @@ TEST_F(OverTcp, AClientWaitsWhileNoDescriptorIsLeftForIt) {
 
 TEST_F(OverTcp, AServerThatDoesNotAnswerIsTriedAgain) {
     PlainDevice device(2);
-    const int full = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto at = someip::toSystem({addressOf(2), 0});
-    ASSERT_EQ(::bind(full, reinterpret_cast<const sockaddr*>(&at), sizeof at), 0);
+    const int full = ::socket(someip::familyOf(addressOf(2)), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const someip::SystemAddress at({addressOf(2), 0});
+    ASSERT_EQ(::bind(full, at.get(), at.size()), 0);
     ASSERT_EQ(::listen(full, 0), 0);
     const auto endpoint = someip::boundEndpoint(full, someip::Protocol::Tcp);
     std::string error;

@@ -216,7 +216,8 @@ TEST_F(ClientAndServer, APortThatIsTakenIsLoggedOnceAndRetriedUntilItIsFree) {
 TEST_F(ClientAndServer, TheDiscoveryPortIsSharedWithAnotherStackWhicheverStartsFirst) {
     someip::UdpSocket::Options shared;
     shared.shared = true;
-    const someip::Endpoint everywhere{0, discoveryPort()};
+    const auto anyAddress = ipv6Prefix().empty() ? someip::Address() : someip::Address::ipv6(0, 0);
+    const someip::Endpoint everywhere{anyAddress, discoveryPort()};
     std::string error;
     auto neighbour = someip::UdpSocket::open(everywhere, shared, error);
     ASSERT_NE(neighbour, nullptr) << error;
@@ -235,16 +236,19 @@ TEST_F(ClientAndServer, TheDiscoveryPortIsSharedWithAnotherStackWhicheverStartsF
     ASSERT_TRUE(second.start(settingsFor(1), false));
     EXPECT_FALSE(second.networkIsUp());
     EXPECT_THAT(log.messages(3),
-                ElementsAre(HasSubstr("another process of this kind uses " + addressText(1))));
+                ElementsAre(HasSubstr("another process of this kind uses " +
+                                      someip::toText(someip::Endpoint{addressOf(1), discoveryPort()}))));
     clientSide.stop();
     EXPECT_TRUE(eventually([&] { return second.networkIsUp(); }));
 }
 
 TEST_F(ClientAndServer, AnAddressOfAnotherMachineIsLoggedAndTheEndIsQuick) {
     auto settings = settingsFor(1);
-    settings.address = "192.0.2.1";
+    settings.address = ipv6Prefix().empty() ? "192.0.2.1" : "2001:db8::1";
     ASSERT_TRUE(clientSide.start(settings, false));
-    EXPECT_THAT(log.messages(3), ElementsAre(HasSubstr("cannot bind 192.0.2.1:0")));
+    EXPECT_THAT(log.messages(3),
+                ElementsAre(HasSubstr("cannot bind " +
+                                      someip::toText(someip::Endpoint{addressFrom(settings.address)}))));
     EXPECT_FALSE(clientSide.start(settings, false)) << "runs already";
     ac::com::SkeletonBase skeleton(kMeter, 1, clientSide);
     EXPECT_FALSE(skeleton.OfferService()) << "a middleware for clients offers nothing";
@@ -258,4 +262,15 @@ TEST_F(ClientAndServer, DiscoveryWorksByAMulticastGroup) {
     startBoth(forClient, forServer);
     ASSERT_TRUE(client.connect());
     EXPECT_TRUE(server.sendUntilReceived(client, 1));
+}
+
+TEST_F(ClientAndServer, AnInterfaceThatIsMissingIsLoggedOnceAndAwaited) {
+    auto settings = settingsFor(1);
+    settings.address = "fe80::1%nowhere";
+    settings.network = "fe80::/64";
+    settings.discovery.group = "ff02::6";
+    ASSERT_TRUE(clientSide.start(settings, false));
+    EXPECT_TRUE(log.waitFor("still not up"));
+    EXPECT_THAT(log.messages(3),
+                ElementsAre(HasSubstr("someip.address: \"fe80::1%nowhere\" names no interface")));
 }

@@ -96,45 +96,99 @@ class Analyser {
         return datagram.from.protocol == someip::Protocol::Tcp;
     }
 
-    /// IPv4 packets without link layer; without UDP checksums, which is allowed. Each stream begins with its
-    /// first piece.
+    /// Packets without link layer. Each stream begins with its first piece.
     std::string pcap() const {
         std::vector<std::uint8_t> out;
         std::map<someip::Endpoint, std::uint32_t> sequences;
-        const auto put = [&](auto value) { someip::appendBig(out, value); };
         for (const std::uint32_t word : {0xA1B2C3D4u, 0x00020004u, 0u, 0u, 0x00040000u, 101u}) {
-            put(word);
+            someip::appendBig(out, word);
         }
         std::uint32_t second = 0;
         for (const auto& datagram : m_datagrams) {
-            const auto size = static_cast<std::uint32_t>(datagram.bytes.size() + (isTcp(datagram) ? 40 : 28));
-            for (const std::uint32_t word : {++second, 0u, size, size}) {
-                put(word);
+            std::uint32_t& sequence = sequences[datagram.from];
+            const auto segment = isTcp(datagram) ? tcpSegment(datagram, sequence) : udpDatagram(datagram);
+            sequence += static_cast<std::uint32_t>(datagram.bytes.size());
+            const auto head = ipHeader(datagram, segment.size(), ++second);
+            const auto size = static_cast<std::uint32_t>(head.size() + segment.size());
+            for (const std::uint32_t word : {second, 0u, size, size}) {
+                someip::appendBig(out, word);
             }
-            put(std::uint16_t{0x4500});
-            put(static_cast<std::uint16_t>(size));
-            put(static_cast<std::uint16_t>(second));
-            put(std::uint16_t{0});
-            put(static_cast<std::uint16_t>(0x4000 |
-                                           (isTcp(datagram) ? someip::kProtocolTcp : someip::kProtocolUdp)));
-            put(std::uint16_t{0});
-            put(datagram.from.address);
-            put(datagram.to.address);
-            put(datagram.from.port);
-            put(datagram.to.port);
-            if (isTcp(datagram)) {
-                auto& sequence = sequences[datagram.from];
-                for (const std::uint32_t word : {sequence, 1u, 0x50187FFFu, 0u}) {  // PSH and ACK
-                    put(word);
-                }
-                sequence += static_cast<std::uint32_t>(datagram.bytes.size());
-            } else {
-                put(static_cast<std::uint16_t>(datagram.bytes.size() + 8));
-                put(std::uint16_t{0});
-            }
-            out.insert(out.end(), datagram.bytes.begin(), datagram.bytes.end());
+            out.insert(out.end(), head.begin(), head.end());
+            out.insert(out.end(), segment.begin(), segment.end());
         }
         return {out.begin(), out.end()};
+    }
+
+    static void putAddress(std::vector<std::uint8_t>& out, const someip::Address& address) {
+        if (address.isIpv6()) {
+            someip::appendBig(out, address.high());
+            someip::appendBig(out, address.low());
+        } else {
+            someip::appendBig(out, address.ipv4());
+        }
+    }
+
+    static std::vector<std::uint8_t> ipHeader(const CapturedDatagram& datagram, std::size_t size,
+                                              std::uint32_t number) {
+        std::vector<std::uint8_t> out;
+        const auto put = [&](auto value) { someip::appendBig(out, value); };
+        const unsigned protocol = isTcp(datagram) ? someip::kProtocolTcp : someip::kProtocolUdp;
+        if (datagram.from.address.isIpv6()) {
+            put(0x60000000u);
+            put(static_cast<std::uint16_t>(size));
+            put(static_cast<std::uint16_t>(protocol << 8 | 0x40));
+        } else {
+            put(std::uint16_t{0x4500});
+            put(static_cast<std::uint16_t>(size + 20));
+            put(static_cast<std::uint16_t>(number));
+            put(std::uint16_t{0});
+            put(static_cast<std::uint16_t>(0x4000 | protocol));
+            put(std::uint16_t{0});
+        }
+        putAddress(out, datagram.from.address);
+        putAddress(out, datagram.to.address);
+        return out;
+    }
+
+    static std::vector<std::uint8_t> tcpSegment(const CapturedDatagram& datagram, std::uint32_t sequence) {
+        std::vector<std::uint8_t> out;
+        someip::appendBig(out, datagram.from.port);
+        someip::appendBig(out, datagram.to.port);
+        for (const std::uint32_t word : {sequence, 1u, 0x50187FFFu, 0u}) {  // PSH and ACK
+            someip::appendBig(out, word);
+        }
+        out.insert(out.end(), datagram.bytes.begin(), datagram.bytes.end());
+        return out;
+    }
+
+    static std::vector<std::uint8_t> udpDatagram(const CapturedDatagram& datagram) {
+        std::vector<std::uint8_t> out;
+        const auto size = static_cast<std::uint16_t>(datagram.bytes.size() + 8);
+        for (const std::uint16_t word : {datagram.from.port, datagram.to.port, size, std::uint16_t{0}}) {
+            someip::appendBig(out, word);
+        }
+        out.insert(out.end(), datagram.bytes.begin(), datagram.bytes.end());
+        if (datagram.from.address.isIpv6()) {  // which demands a checksum
+            someip::storeBig(&out[6], checksum(datagram, out));
+        }
+        return out;
+    }
+
+    /// Of a UDP datagram with its addresses, protocol and length.
+    static std::uint16_t checksum(const CapturedDatagram& datagram, const std::vector<std::uint8_t>& udp) {
+        std::vector<std::uint8_t> all;
+        putAddress(all, datagram.from.address);
+        putAddress(all, datagram.to.address);
+        someip::appendBig(all, static_cast<std::uint32_t>(udp.size()));
+        someip::appendBig(all, std::uint32_t{someip::kProtocolUdp});
+        all.insert(all.end(), udp.begin(), udp.end());
+        all.resize((all.size() + 1) / 2 * 2);
+        std::uint32_t sum = 0;
+        for (std::size_t i = 0; i < all.size(); i += 2) {
+            sum += someip::loadBig<std::uint16_t>(&all[i]);
+            sum = (sum & 0xFFFF) + (sum >> 16);
+        }
+        return static_cast<std::uint16_t>(~sum);
     }
 
     TemporaryFolder m_folder;

@@ -56,10 +56,11 @@ struct Wire : ::testing::Test {
             }
         }
     }
-    Fields ownEndpoint() const {
-        const auto own = runtime.eventEndpoint();
-        return {{"someipsd.option.ipv4address", someip::toText(own.address)},
-                {"someipsd.option.port", std::to_string(own.port)},
+    Fields ownEndpoint() const { return optionFields(runtime.eventEndpoint()); }
+    static Fields optionFields(const someip::Endpoint& endpoint) {
+        return {{endpoint.address.isIpv6() ? "someipsd.option.ipv6address" : "someipsd.option.ipv4address",
+                 someip::toText(endpoint.address)},
+                {"someipsd.option.port", std::to_string(endpoint.port)},
                 {"someipsd.option.proto", "17"}};
     }
 
@@ -126,6 +127,18 @@ TEST_F(Wire, TheServersSideOfDiscovery) {
                                         {"someipsd.entry.ttl", "0"},
                                         {"someipsd.entry.eventgroupid", "0x0077"}});
     expectFrames({offer, acknowledgement, refusal, offer + Fields{{"someipsd.entry.ttl", "0"}}});
+}
+
+TEST_F(Wire, AMulticastOption) {
+    const someip::Endpoint group{addressFrom(multicastText()), 30491};
+    auto acknowledgement = SdPeer::acknowledge(kMeter.serviceId, 1);
+    acknowledgement.multicast = {group};
+    someip::SdOutbox outbox;
+    outbox.to(discovery).add(acknowledgement);
+    analyser.add(device->discovery->endpoint(), discovery, outbox.take().at(0).bytes);
+    expectFrames({discoveryWith({{"someipsd.entry.type", "0x07"},
+                                 {"someipsd.option.type", group.address.isIpv6() ? "22" : "20"}}) +
+                  optionFields(group)});
 }
 
 TEST_F(Wire, ANotificationAndOneInSegments) {

@@ -150,7 +150,7 @@ TEST(Check, FindsEachFaultOfAnApplicationConfigurationAndOfAManifest) {
          {"30490", "70000", E, "$.someip.discovery.port", "from 1 to 65535", ""},
          {R"("transport": "mqtt")", R"("transport": "mqt")", E, "$.backend.transport",
           "one of \"directory\", \"mqtt\"", "did you mean \"mqtt\"?"},
-         {"10.0.0.1", "10.0.0.999", E, "$.someip.address", "an IPv4 address is expected", ""},
+         {"10.0.0.1", "10.0.0.999", E, "$.someip.address", "an IPv4 or IPv6 address", ""},
          {"/dev/null", "/nowhere/ca.pem", W, "$.backend.mqtt.caFile", "does not exist", ""},
          {R"("transport": "mqtt", )", "", W, "$.backend", "\"directory\" is used", "mqtt"}});
 }

@@ -40,6 +40,13 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
                              "keyFile": "k"}}})"),
                                       manifest, error))
         << error;
+    for (const char* address : {"fd00::1", "::1", "fe80::1%eth0"}) {
+        const std::string text = std::string(R"({"someip": {"address": ")") + address +
+                                 R"(", "network": "fd00::/8", "discovery": {"group": "ff02::4:c0de"}}})";
+        Manifest ipv6;
+        EXPECT_TRUE(machine::readManifest(valueOf(text), ipv6, error)) << error;
+        EXPECT_EQ(ipv6.someip.address, address);
+    }
     EXPECT_FALSE(manifest.log.console);
     EXPECT_EQ(manifest.log.file, "/a");
     EXPECT_EQ(manifest.log.fileMaxBytes, 1'000'000u);
@@ -67,8 +74,18 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"log": {"console": 1}})", "log.console: true or false"},
         {R"({"log": {"file": null}})", "log.file: a text"},
         {R"({"log": {"file": "a\u0000b"}})", "log.file: a text without zero bytes"},
-        {R"({"someip": {"address": "localhost"}})", "someip.address: an IPv4 address"},
-        {R"({"someip": {"network": "10.0.0.0/33"}})", "someip.network: an IPv4 network"},
+        {R"({"someip": {"address": "localhost"}})", "someip.address: an IPv4 or IPv6 address"},
+        {R"({"someip": {"address": "fe80::1"}})",
+         "someip.address: an IPv4 or IPv6 address, with its interface"},
+        {R"({"someip": {"address": "fd00::1%eth0"}})", "someip.address: an IPv4 or IPv6 address"},
+        {R"({"someip": {"address": "fd00::1"}})", "someip.network: an IPv6 network, as someip.address is"},
+        {R"({"someip": {"network": "10.0.0.0/33"}})", "someip.network: an IPv4 or IPv6 network"},
+        {R"({"someip": {"network": "fd00::/129"}})", "someip.network: an IPv4 or IPv6 network"},
+        {R"({"someip": {"network": "fd00::/64"}})", "someip.network: an IPv4 network, as someip.address is"},
+        {R"({"someip": {"address": "fd00::1", "network": "fd00::/64"}})",
+         "someip.discovery.group: an IPv6 multicast group, as someip.address is"},
+        {R"({"someip": {"discovery": {"group": "fd00::1"}}})",
+         "someip.discovery.group: an IPv4 multicast group"},
         {R"({"someip": {"eventPort": 1e300}})", "someip.eventPort: a number"},
         {R"({"someip": {"discovery": {"Port": 1}}})", "someip.discovery.Port: no such key"},
         {R"({"someip": {"discovery": {"initialDelayMinMs": 40}}})",

@@ -197,7 +197,7 @@ struct SdBench : ::testing::Test {
 
     someip::SdTimes times;
     SdNews observer;
-    someip::Network network{0x7F000000, 0xFF000000};
+    someip::Network network{0x7F000000, 8};
     someip::ServiceDiscovery sd{times,
                                 {0x7F000001, 45000},
                                 {0x7F000001, 45000, someip::Protocol::Tcp},

@@ -364,3 +364,47 @@ TEST_F(SdClientSteps, EventsOverTcpAreSubscribedOnceConnectedAndAgainAfterTheCon
     hearMulticast(vehicle, {vehicle.offer(1, 0)});
     EXPECT_THAT(client().neededConnections(), IsEmpty());
 }
+
+TEST_F(SdClientSteps, OfAnOfferForBothKindsOfNetworkTheOwnKindCounts) {
+    const auto ipv6 = Address::ipv6(0xFD00'0000'0000'0000, 2);
+    auto both = vehicle.offer(1);
+    both.unicast.push_back({ipv6, 40000});
+    auto other = vehicle.offer(2);
+    other.unicast = {{ipv6, 40000}};
+    want(kGroup1);
+    hearMulticast(vehicle, {both, other});
+    EXPECT_THAT(observer.take(), ElementsAre("up 1.1 127.0.0.2:40000", "requested 1.1/1",
+                                             "unusable 2.1: it has no endpoint for UDP or TCP over IPv4"));
+    auto acknowledgement = SdPeer::acknowledge(1, 1);
+    acknowledgement.multicast = {{Address::ipv6(0xFF02'0000'0000'0000, 5), 30491}, {0xEF000001, 30491}};
+    hearUnicast(vehicle, {acknowledgement});
+    EXPECT_THAT(observer.take(), ElementsAre("acknowledged 1.1/1", "group 1.1/1 239.0.0.1:30491"));
+}
+
+TEST_F(SdClientSteps, ALinkLocalAddressIsThatOfTheInterfaceWhereTheMessageComes) {
+    constexpr std::uint32_t kHere = 70000;  // no interface has so high an index
+    const auto at = [](std::uint64_t host, std::uint32_t interface) {
+        return Address::ipv6(0xFE80'0000'0000'0000, host, interface);
+    };
+    ServiceDiscovery here{times,
+                          {at(1, kHere), 45000},
+                          {at(1, kHere), 45000, Protocol::Tcp},
+                          {at(0, kHere), 64},
+                          {observer, observer, observer},
+                          1};
+    here.client().wantEventgroup(kGroup1, Protocol::Udp, now);
+    std::string error;
+    for (const std::uint32_t interface : {kHere + 1, kHere}) {
+        SdPeer peer({at(2, interface), 30490});
+        EXPECT_TRUE(here.onDatagram(peer.endpoint, true, peer.message(true, {peer.offer(1)}), now, error))
+            << error;
+    }
+    auto acknowledgement = SdPeer::acknowledge(1, 1);
+    acknowledgement.multicast = {{Address::ipv6(0xFF02'0000'0000'0000, 5), 30491}};
+    SdPeer peer({at(2, kHere), 30490});
+    here.onDatagram(peer.endpoint, false, peer.message(false, {acknowledgement}), now, error);
+    EXPECT_THAT(observer.take(), ElementsAre("unusable 1.1: its endpoint is outside of the network",
+                                             "up 1.1 [fe80::2%70000]:40000", "requested 1.1/1",
+                                             "acknowledged 1.1/1", "group 1.1/1 [ff02::5%70000]:30491"));
+    EXPECT_THAT(here.client().find(kService1)->endpoints, ElementsAre(Endpoint{at(2, kHere), 40000}));
+}

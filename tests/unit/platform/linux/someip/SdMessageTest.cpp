@@ -109,6 +109,35 @@ TEST(SdMessages, ManyEntriesAreSplitAndShareTheirOptions) {
     EXPECT_EQ(group, 200);
 }
 
+TEST(SdMessages, OptionsOfBothKindsOfNetworkAreWrittenAndRead) {
+    const auto nodeAddress = Address::ipv6(0xFD00'0000'0000'0001, 0x0203'0405'0607'0809);
+    SdPeer peer({nodeAddress, 30490});
+    auto entry = peer.subscribe(1, 1);
+    entry.unicast = {{nodeAddress, 0x1234}, {0x7F000002, 50000}, {nodeAddress, 0x1234, Protocol::Tcp}};
+    entry.multicast = {{Address::ipv6(0xFF02'0000'0000'0000, 5), 30491}};
+    for (std::uint16_t group = 1; group <= 70; ++group) {
+        entry.eventgroup = group;
+        peer.outbox.to(peer.endpoint).add(entry);
+    }
+    const auto datagrams = peer.outbox.take();
+    const auto sent = readAgain(datagrams);
+    ASSERT_THAT(sent, SizeIs(1));
+    ASSERT_THAT(sent[0].message.entries, SizeIs(70));
+    for (const auto& one : sent[0].message.entries) {
+        EXPECT_EQ(one.unicast, entry.unicast);
+        EXPECT_EQ(one.multicast, entry.multicast);
+    }
+    const Bytes endpoint = {0x00, 0x15, 0x06, 0x00, 0xFD, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01,
+                            0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x00, 0x11, 0x12, 0x34};
+    const Bytes group = {0x00, 0x15, 0x16, 0x00, 0xFF, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+                         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05, 0x00, 0x11, 0x77, 0x1B};
+    const auto& bytes = datagrams[0].bytes;
+    const auto options = bytes.begin() + 16 + 12 + 70 * 16;
+    EXPECT_TRUE(std::equal(endpoint.begin(), endpoint.end(), options));
+    EXPECT_TRUE(std::equal(group.begin(), group.end(), bytes.end() - 24));
+    EXPECT_EQ(bytes.end() - options, 24 + 12 + 24 + 24);
+}
+
 TEST(SdMessages, AreNumberedPerRelationFrom1WithoutZero) {
     SdOutbox outbox;
     const auto next = [&](std::uint32_t to) {
