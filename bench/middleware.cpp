@@ -1,9 +1,11 @@
 // The middleware alone: decoding and delivery, compared with a loop that only receives the same datagrams
-// from the same socket; and the time from an offer on the wire to the subscription on the wire.
+// from the same socket; the same for a TCP connection; and the time from an offer on the wire to the
+// subscription on the wire.
 #include <benchmark/benchmark.h>
 #include <poll.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -14,6 +16,8 @@
 #include "someip/Runtime.h"
 #include "someip/Samples.h"
 #include "someip/SdMessage.h"
+#include "someip/StreamReader.h"
+#include "someip/TcpSocket.h"
 #include "someip/UdpSocket.h"
 #include "support/Samples.h"
 
@@ -83,12 +87,12 @@ void bareLoop(benchmark::State& state, const std::vector<std::uint8_t>& datagram
     receive(state, datagram, {0x7F006101, 0}, [](const Endpoint&, const DatagramBatch&, std::size_t) {});
 }
 
+/// A receiver that decodes and counts.
 template <class DT>
-void decodeAndDeliver(benchmark::State& state, const std::vector<std::uint8_t>& datagram,
-                      const ac::com::ServiceInterface& service, const ac::com::EventInterface& event) {
-    constexpr Endpoint kSource{0x7F006101, 42'137};
-    std::size_t delivered = 0;
-    const auto receiver = std::make_shared<EventReceiver>(
+std::shared_ptr<EventReceiver> countingReceiver(const ac::com::ServiceInterface& service,
+                                                const ac::com::EventInterface& event,
+                                                std::size_t& delivered) {
+    return std::make_shared<EventReceiver>(
         service, 1, event, [&delivered](std::span<const std::uint8_t> payload, someip::DecodeReport& report) {
             std::vector<DT> samples;
             if (someip::decodeSamples(payload, samples, report)) {
@@ -96,12 +100,98 @@ void decodeAndDeliver(benchmark::State& state, const std::vector<std::uint8_t>& 
                 benchmark::DoNotOptimize(samples.data());
             }
         });
+}
+
+template <class DT>
+void decodeAndDeliver(benchmark::State& state, const std::vector<std::uint8_t>& datagram,
+                      const ac::com::ServiceInterface& service, const ac::com::EventInterface& event) {
+    constexpr Endpoint kSource{0x7F006101, 42'137};
+    std::size_t delivered = 0;
     const std::atomic<bool> stop{false};
     EventDispatcher dispatcher(ReassemblyLimits{}, stop);
-    dispatcher.setRoutes({{kSource, receiver}});
+    dispatcher.setRoutes({{kSource, countingReceiver<DT>(service, event, delivered)}});
     receive(state, datagram, kSource, [&](const Endpoint&, const DatagramBatch& batch, std::size_t i) {
         dispatcher.onDatagram(batch.from(i), batch.bytes(i), Clock::now());
     });
+    if (delivered != static_cast<std::size_t>(state.iterations()) * kDatagrams) {
+        state.SkipWithError("samples were not delivered");
+    }
+}
+
+/// Two ends of a connection.
+struct Connection {
+    Connection() {
+        std::string error;
+        const auto listener = TcpListener::open({0x7F006101, 0, Protocol::Tcp}, error);
+        client = listener == nullptr ? nullptr : TcpSocket::connect(0x7F006102, listener->endpoint(), error);
+        if (client == nullptr) {
+            throw std::runtime_error(error);
+        }
+        pollfd waiting{listener->fd(), POLLIN, 0};
+        ::poll(&waiting, 1, 1000);
+        server = listener->accept();
+        if (server == nullptr || client->state() != 0) {
+            throw std::runtime_error("no connection");
+        }
+    }
+
+    std::shared_ptr<TcpSocket> server;
+    std::shared_ptr<TcpSocket> client;
+};
+
+/// Fills the connection, then measures how long this thread takes to empty it. `space()` returns the buffer
+/// for the next bytes, `use(size)` takes them.
+template <typename Space, typename Use>
+void receiveStream(benchmark::State& state, const std::vector<std::uint8_t>& message,
+                   const Connection& connection, Space&& space, Use&& use) {
+    for (auto _ : state) {
+        for (int i = 0; i < kDatagrams; ++i) {
+            connection.server->send(message);
+        }
+        std::size_t left = kDatagrams * message.size();  // and the magic cookies
+        const double start = threadSeconds();
+        for (;;) {
+            const ssize_t size = connection.client->receive(space());
+            if (size <= 0) {
+                break;
+            }
+            use(static_cast<std::size_t>(size));
+            left -= std::min(left, static_cast<std::size_t>(size));
+        }
+        state.SetIterationTime(threadSeconds() - start);
+        if (left != 0) {
+            state.SkipWithError("the stream has stopped");
+            return;
+        }
+    }
+    state.counters["samples"] = kDatagrams;
+}
+
+void bareStreamLoop(benchmark::State& state, const std::vector<std::uint8_t>& message) {
+    const Connection connection;
+    std::vector<std::uint8_t> buffer(64u << 10);
+    receiveStream(
+        state, message, connection, [&] { return std::span(buffer); }, [](std::size_t) {});
+}
+
+template <class DT>
+void decodeAndDeliverStream(benchmark::State& state, const std::vector<std::uint8_t>& message,
+                            const ac::com::ServiceInterface& service, const ac::com::EventInterface& event) {
+    const Connection connection;
+    const Endpoint source = connection.client->remote();
+    std::size_t delivered = 0;
+    const std::atomic<bool> stop{false};
+    EventDispatcher dispatcher(ReassemblyLimits{}, stop);
+    dispatcher.setRoutes({{source, countingReceiver<DT>(service, event, delivered)}});
+    StreamReader reader(1u << 20);
+    receiveStream(
+        state, message, connection, [&] { return reader.space(); },
+        [&](std::size_t size) {
+            reader.filled(size);
+            for (auto one = reader.next(); !one.empty(); one = reader.next()) {
+                dispatcher.onDatagram(source, one, Clock::now());
+            }
+        });
     if (delivered != static_cast<std::size_t>(state.iterations()) * kDatagrams) {
         state.SkipWithError("samples were not delivered");
     }
@@ -216,7 +306,14 @@ int main(int argc, char** argv) {
                                        gnss::kInterface, gnss::kEvent_positions),
           benchmark::RegisterBenchmark("notification/bare", bareLoop, notification),
           benchmark::RegisterBenchmark("notification/delivered", decodeAndDeliver<AirbagNotification>,
-                                       notification, airbag::kInterface, airbag::kEvent_notifications)}) {
+                                       notification, airbag::kInterface, airbag::kEvent_notifications),
+          benchmark::RegisterBenchmark("positionsTcp/bare", bareStreamLoop, position),
+          benchmark::RegisterBenchmark("positionsTcp/delivered", decodeAndDeliverStream<Position>, position,
+                                       gnss::kInterface, gnss::kEvent_positions),
+          benchmark::RegisterBenchmark("notificationTcp/bare", bareStreamLoop, notification),
+          benchmark::RegisterBenchmark("notificationTcp/delivered",
+                                       decodeAndDeliverStream<AirbagNotification>, notification,
+                                       airbag::kInterface, airbag::kEvent_notifications)}) {
         one->Iterations(64)->UseManualTime()->Unit(benchmark::kMicrosecond);
     }
     benchmark::RegisterBenchmark("offerToSubscription", offerToSubscription)
