@@ -8,7 +8,6 @@ find_package(Boost REQUIRED)
 # Another platform brings its own.
 if(VLM_PLATFORM_DIR STREQUAL "${PROJECT_SOURCE_DIR}/platform/linux")
   pkg_check_modules(DLT REQUIRED IMPORTED_TARGET automotive-dlt)
-  pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
   pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
   pkg_check_modules(SIMDJSON REQUIRED IMPORTED_TARGET simdjson)
   pkg_check_modules(ARGON2 REQUIRED IMPORTED_TARGET libargon2)

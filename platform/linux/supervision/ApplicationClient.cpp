@@ -1,10 +1,9 @@
 #include "ara/exec/application_client.h"
 
-#include <systemd/sd-daemon.h>
-
 #include <cstring>
 
 #include "log/PlatformLog.h"
+#include "supervision/ServiceManager.h"
 
 namespace ara::exec {
 
@@ -41,7 +40,7 @@ ApplicationClient::ApplicationClient() = default;
 ApplicationClient::~ApplicationClient() = default;
 
 void ApplicationClient::ReportApplicationState(ApplicationState state) {
-    const int sent = ::sd_notify(0, notificationOf(state));
+    const int sent = kyo::notifyServiceManager(notificationOf(state));
     if (sent < 0) {
         KYO_LOG(
             3, "The service manager cannot be notified of " << nameOf(state) << ": " << std::strerror(-sent));

@@ -1,11 +1,10 @@
 #include "ara/phm/supervision.h"
 
-#include <systemd/sd-daemon.h>
-
 #include <cstring>
 #include <utility>
 
 #include "log/PlatformLog.h"
+#include "supervision/ServiceManager.h"
 
 namespace ara::phm {
 
@@ -16,7 +15,7 @@ SupervisionEntity::SupervisionEntity(Phm_client& client) : m_instance(client.ins
 SupervisionEntity::~SupervisionEntity() = default;
 
 void SupervisionEntity::CheckpointReached(std::uint16_t supervisionId, std::uint16_t checkpointId) {
-    const int sent = ::sd_notify(0, "WATCHDOG=1");
+    const int sent = kyo::notifyServiceManager("WATCHDOG=1");
     if (sent < 0) {
         KYO_LOG(3, "The watchdog cannot be notified that " << m_instance
                                                            << " is alive: " << std::strerror(-sent));
