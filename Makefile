@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage package package-test release-check clean
+.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage package package-check package-test release-check clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -32,8 +32,9 @@ help:
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
-	@echo 'make package   Debian packages, in build/package/; make package-test: install, upgrade and purge them in a clean root'
-	@echo 'make release-check  all that must hold for a release, and a table'
+	@echo 'make package   Debian packages, in build/package/; ARCHITECTURE=arm64, SUITE=trixie: for another machine'
+	@echo 'make package-test   install, upgrade and purge them in a clean root; make package-check: those of build/$(PRESET), in short'
+	@echo 'make release-check  all that must hold for a release, or STEPS=..., and a table'
 	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (respects DESTDIR)'
 	@echo 'make format    clang-format on all sources; make lint: the same as a check, and clang-tidy'
 	@echo 'make deps      install missing Debian packages; run and test do this themselves'
@@ -120,21 +121,32 @@ everything: configure
 
 install:
 	@$(MAKE) --no-print-directory configure PRESET=release
-	cmake build/release -DCMAKE_INSTALL_PREFIX='$(PREFIX)' >/dev/null
 	cmake --build --preset release -j $(JOBS)
 	DESTDIR='$(DESTDIR)' cmake --install build/release --prefix '$(PREFIX)'
 
+# make package, make package-test: another architecture or release of Debian than this machine's.
+ARCHITECTURE ?= $(shell dpkg --print-architecture)
+SUITE ?= $(shell . /etc/os-release && echo $$VERSION_CODENAME)
+
 package:
 	@tools/run/deps.sh package
-	JOBS=$(JOBS) packaging/build
+	@tools/run/deps.sh package-test
+	JOBS=$(JOBS) packaging/build --architecture $(ARCHITECTURE) --suite $(SUITE)
 
 # WHOLE=1 waits for the demo's first report.
 package-test:
 	@tools/run/deps.sh package-test
-	tests/packages/run $(if $(WHOLE),--whole)
+	tests/packages/run --architecture $(ARCHITECTURE) --suite $(SUITE) $(if $(WHOLE),--whole)
+
+# The packages of a build tree, since a build with a distribution's options takes as long as all the rest of CI.
+package-check: build
+	@tools/run/deps.sh package
+	@tools/run/deps.sh package-test
+	packaging/build --from build/$(PRESET)
+	tests/packages/run --short --packages build/package/$(SUITE)-$(ARCHITECTURE)-$(PRESET)
 
 release-check:
-	tools/run/release-check
+	tools/run/release-check $(STEPS)
 
 sources = git ls-files -z '*.cpp' '*.h'
 
