@@ -118,7 +118,7 @@ export function TrackMap(props: {
 
   useEffect(() => {
     const made = L.map(box.current!, { preferCanvas: true, attributionControl: tiles !== "" && attribution !== "", zoomSnap: 0.25, worldCopyJump: true,
-      center: [0, 0], zoom: 2, fadeAnimation: false });
+      center: [0, 0], zoom: 2, minZoom: 2, fadeAnimation: false });
     map.current = made;
     if (tiles === "") {
       made.addLayer(new Graticule());

@@ -10,8 +10,16 @@ const NEAREST_ZOOM = 7;
 
 export function addOutlines(map: L.Map): void {
   const topology = world as unknown as Topology<{ countries: GeometryCollection }>;
-  const lines = mesh(topology, topology.objects.countries).coordinates
-    .map((line) => line.map(([longitude, latitude]): L.LatLngTuple => [latitude!, longitude!]));
+  const lines: L.LatLngTuple[][] = [];
+  for (const points of mesh(topology, topology.objects.countries).coordinates) {
+    let before: number | undefined;
+    for (const [longitude, latitude] of points as [number, number][]) {
+      // A line that leaves the map at 180 degrees goes on at its other side.
+      if (before === undefined || Math.abs(longitude - before) > 180) lines.push([]);
+      lines[lines.length - 1]!.push([latitude, longitude]);
+      before = longitude;
+    }
+  }
   const pane = map.createPane("outlines");
   pane.style.zIndex = "140"; // below grid and track
   const outlines = L.polyline(lines, { pane: "outlines", renderer: L.canvas({ pane: "outlines" }), color: colour("muted"), weight: 1, opacity: 0.6,
@@ -21,5 +29,7 @@ export function addOutlines(map: L.Map): void {
     else outlines.addTo(map);
   };
   map.on("zoomend", show);
+  // Before its renderer, which would otherwise redraw what it no longer has.
+  map.on("unload", () => outlines.remove());
   show();
 }
