@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan bench docs everything install format lint fuzz faults load mutants soak coverage package package-check package-test release-check clean
+.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan test-big-endian bench docs everything install format lint fuzz faults load mutants soak coverage package package-check package-test release-check clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -22,6 +22,7 @@ help:
 	@echo '                 DURATION=SECONDS  end after this time'
 	@echo '                 SPEED=FACTOR      faster clock for vehicle and vlmmaster, by libfaketime'
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
+	@echo 'make test-big-endian  the SOME/IP codec on s390x, in qemu'
 	@echo 'make coverage  unit and integration tests, and a table of their coverage'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
@@ -73,6 +74,11 @@ coverage:
 
 test-asan test-tsan: test-%:
 	$(MAKE) --no-print-directory test PRESET=$*
+
+# On s390x in qemu.
+test-big-endian:
+	@tools/run/deps.sh big-endian
+	tests/packages/big-endian
 
 # Runs the kept seeds first, then new inputs; build/fuzz/corpus keeps findings for the next run.
 fuzz:
