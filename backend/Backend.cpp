@@ -6,6 +6,8 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <set>
+#include <span>
 #include <sstream>
 #include <utility>
 
@@ -29,10 +31,11 @@ constexpr std::size_t kRecentIds = 1000;
 constexpr std::chrono::milliseconds kLease{6000};      // of an instance that renews it no more
 constexpr std::chrono::milliseconds kLookEvery{1000};  // for what other instances changed
 constexpr std::int64_t kMostTaken = 200;               // vehicles at once, so that instances share them
-constexpr std::size_t kAtOnce = 100;                   // configurations that are sent in one transaction
+constexpr std::size_t kAtOnce = 100;                   // vehicles that are written in one transaction
 constexpr vlmProd::TextLimits kMessage{
     .bytes = 256u << 10, .depth = 32, .values = 10'000};  // that is no envelope
-constexpr std::uint64_t kMostBytes = 64u << 20;           // the most that a vehicle's manifest can allow
+constexpr std::size_t kMostTextAtOnce = 64u << 20;  // bytes of envelopes in one transaction, and in memory
+constexpr std::uint64_t kMostBytes = 64u << 20;     // the most that a vehicle's manifest can allow
 
 std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -46,6 +49,13 @@ std::optional<std::string> prefixOf(const std::string& topic, const std::string&
         return topic.substr(0, topic.size() - suffix.size());
     }
     return std::nullopt;
+}
+
+/// Where "/data" is in the topic of an envelope; npos for another topic.
+std::size_t dataIn(const std::string& topic) {
+    const auto at = topic.rfind("/data");
+    const bool is = at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/');
+    return is ? at : std::string::npos;
 }
 
 }  // namespace
@@ -78,44 +88,61 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
         std::move(more.begin(), more.end(), std::back_inserter(out));
     };
     std::vector<Arrived> arrived;
+    std::size_t arrivedBytes = 0;
+    const auto storeArrived = [&] {
+        const std::vector<bool> stored = store(arrived);
+        for (std::size_t i = 0; i < arrived.size(); ++i) {
+            add(onEnvelope(arrived[i], stored[i]));
+        }
+        arrived.clear();
+        arrivedBytes = 0;
+    };
+    // First: who looks after a vehicle answers it.
+    add(onStatuses(messages));
     for (const auto& [topic, payload] : messages) {
-        const std::string_view prefix = std::string_view(topic).substr(0, topic.rfind('/'));
-        if (const auto at = topic.rfind("/data");
-            at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/')) {
+        if (const auto at = dataIn(topic); at != std::string::npos) {
             Arrived one = decode(topic.substr(0, at), topic.substr(at + 5), payload);
             if (one.lacksDictionary) {
                 // Readable when the dictionary is there: the vehicle keeps it and waits for an opening
                 // message.
                 out.push_back(masterControl(one.received.prefix, m_vehicles[one.received.prefix], 2, false));
             } else {
+                arrivedBytes += one.received.text.size();
                 arrived.push_back(std::move(one));
+                if (arrivedBytes > kMostTextAtOnce) {
+                    storeArrived();
+                }
             }
             continue;
         }
         Value content;
-        kyo::Json::Reader reader;
-        if (std::string fault; !vlmProd::isWithin(kMessage, payload, fault)) {
-            m_print(topic + ": " + fault);
-        } else if (!reader.parse(payload, content, false) || !content.isObject()) {
-            m_print(topic + ": " +
-                    (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
-        } else if (topic.ends_with("/status")) {
-            add(onStatus(std::string(prefix), content));
-        } else if (topic.ends_with("/health") && m_settings.database != nullptr) {
-            if (const auto known = m_vehicles.find(std::string(prefix));
-                known != m_vehicles.end() && known->second.online && !known->second.isOurs) {
-                continue;
+        if (topic.ends_with("/status") || !readMessage(topic, payload, content)) {
+            continue;
+        }
+        if (const auto healthy = prefixOf(topic, "/health"); healthy && m_settings.database != nullptr) {
+            const auto known = m_vehicles.find(*healthy);
+            if (known == m_vehicles.end() || !known->second.online || known->second.isOurs) {
+                m_settings.database->setHealth(*healthy, content, nowMs());
             }
-            m_settings.database->setHealth(std::string(prefix), content, nowMs());
         } else if (const auto asking = prefixOf(topic, "/config/request")) {
             add(onRequest(*asking));
         }
     }
-    const std::vector<bool> stored = store(arrived);
-    for (std::size_t i = 0; i < arrived.size(); ++i) {
-        add(onEnvelope(arrived[i], stored[i]));
-    }
+    storeArrived();
     return out;
+}
+
+/// False for what is no usable JSON object, which is logged.
+bool Backend::readMessage(const std::string& topic, const std::string& payload, Value& content) {
+    kyo::Json::Reader reader;
+    if (std::string fault; !vlmProd::isWithin(kMessage, payload, fault)) {
+        m_print(topic + ": " + fault);
+    } else if (!reader.parse(payload, content, false) || !content.isObject()) {
+        m_print(topic + ": " + (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
+    } else {
+        return true;
+    }
+    return false;
 }
 
 /// `suffix`: "", "/zstd", "/plain/17", "/zstd-50001/17". A frame tells its dictionary by itself.
@@ -179,10 +206,13 @@ std::vector<bool> Backend::store(std::vector<Arrived>& batch) {
     }
     std::vector<store::Received> received;
     received.reserve(batch.size());
-    for (const Arrived& one : batch) {
-        received.push_back(one.received);
+    for (Arrived& one : batch) {
+        received.push_back(std::move(one.received));
     }
     const auto results = m_settings.database->put(received);
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+        batch[i].received = std::move(received[i]);
+    }
     const auto isFailed = [](const store::Stored& one) { return one.outcome == store::Outcome::Failed; };
     m_settings.totals->databaseFailures += std::any_of(results.begin(), results.end(), isFailed) ? 1 : 0;
     for (std::size_t i = 0; i < results.size(); ++i) {
@@ -198,9 +228,9 @@ std::vector<bool> Backend::store(std::vector<Arrived>& batch) {
             describe(batch[i]);  // for the result's messageId
             noteDatabaseFailed(result.reason);
         } else if (result.outcome == store::Outcome::Unusable) {
-            m_print(received[i].prefix + ": kept aside: " + result.reason);
+            m_print(batch[i].received.prefix + ": kept aside: " + result.reason);
         } else if (result.refused != 0) {
-            m_print(received[i].prefix + ' ' + result.report + ": " + std::to_string(result.refused) +
+            m_print(batch[i].received.prefix + ' ' + result.report + ": " + std::to_string(result.refused) +
                     " samples kept aside: " + result.reason);
         }
     }
@@ -221,10 +251,14 @@ std::vector<Outgoing> Backend::retry() {
     }
     m_databaseFailed = false;
     m_print("the database is back");
-    for (auto& [prefix, vehicle] : m_vehicles) {  // what could not be written
-        if (vehicle.online && !notePresence(prefix, vehicle)) {
-            return {};
+    std::vector<std::string> online;  // what could not be written
+    for (const auto& [prefix, vehicle] : m_vehicles) {
+        if (vehicle.online) {
+            online.push_back(prefix);
         }
+    }
+    if (!notePresences(online)) {
+        return {};
     }
     auto out = m_settings.open ? openAll() : std::vector<Outgoing>{};
     for (auto& [prefix, vehicle] : m_vehicles) {
@@ -297,44 +331,65 @@ Outgoing Backend::masterControl(const std::string& prefix, const Vehicle& vehicl
     return {prefix + "/mastercontrol", compactText(message), {}, m_settings.open};
 }
 
-std::vector<Outgoing> Backend::onStatus(const std::string& prefix, const Value& status) {
-    Vehicle& vehicle = m_vehicles[prefix];
-    vehicle.online = textOf(member(status, "state")) == "online";
-    vehicle.offered.clear();
-    const Value& types = member(status, "offeredDataTypes");
-    for (kyo::Json::ArrayIndex i = 0; types.isArray() && i < types.size(); ++i) {
-        vehicle.offered.push_back(textOf(types[i]));
+/// The presence in all of these messages.
+std::vector<Outgoing> Backend::onStatuses(const std::vector<Incoming>& messages) {
+    std::set<std::string> prefixes;
+    for (const auto& [topic, payload] : messages) {
+        const auto prefix = prefixOf(topic, "/status");
+        Value status;
+        if (!prefix || dataIn(topic) != std::string::npos || !readMessage(topic, payload, status)) {
+            continue;
+        }
+        Vehicle& vehicle = m_vehicles[*prefix];
+        vehicle.online = textOf(member(status, "state")) == "online";
+        vehicle.offered.clear();
+        const Value& types = member(status, "offeredDataTypes");
+        for (kyo::Json::ArrayIndex i = 0; types.isArray() && i < types.size(); ++i) {
+            vehicle.offered.push_back(textOf(types[i]));
+        }
+        vehicle.catalog = textOf(member(status, "serverName"));
+        m_print(*prefix + (vehicle.online ? " online: " : " offline: ") + vehicle.catalog + ", offers " +
+                compactText(types));
+        prefixes.insert(*prefix);
     }
-    m_print(prefix + (vehicle.online ? " online: " : " offline: ") + textOf(member(status, "serverName")) +
-            ", offers " + compactText(types));
-    vehicle.catalog = textOf(member(status, "serverName"));
-    notePresence(prefix, vehicle);
-    vehicle.isChecked = vehicle.online && vehicle.isOurs && m_settings.database != nullptr;
-    if (!vehicle.online || !vehicle.isOurs) {
-        return {};
+    notePresences({prefixes.begin(), prefixes.end()});
+    std::vector<Outgoing> out;
+    for (const std::string& prefix : prefixes) {
+        Vehicle& vehicle = m_vehicles[prefix];
+        vehicle.isChecked = vehicle.online && vehicle.isOurs && m_settings.database != nullptr;
+        if (vehicle.isChecked) {
+            m_checks.emplace_back(Clock::now() + m_settings.returnPause, prefix);
+        }
+        if (vehicle.online && vehicle.isOurs) {
+            // After each connection a vehicle needs an opening message before it sends.
+            out.push_back(masterControl(prefix, vehicle, 0, m_settings.open));
+        }
     }
-    if (vehicle.isChecked) {
-        m_checks.emplace_back(Clock::now() + m_settings.returnPause, prefix);
-    }
-    // After each connection a vehicle needs an opening message before it sends.
-    return {masterControl(prefix, vehicle, 0, m_settings.open)};
+    return out;
 }
 
 /// False when the database fails.
-bool Backend::notePresence(const std::string& prefix, Vehicle& vehicle) {
-    vehicle.isOurs = isAlone();
+bool Backend::notePresences(const std::vector<std::string>& prefixes) {
+    std::vector<store::Presence> all;
+    for (const std::string& prefix : prefixes) {
+        Vehicle& vehicle = m_vehicles[prefix];
+        vehicle.isOurs = isAlone();
+        all.push_back({prefix, vehicle.online, vehicle.catalog, false});
+    }
     if (m_settings.database == nullptr) {
         return true;
     }
-    const bool done = m_settings.database->setPresence(prefix, vehicle.online, vehicle.catalog, nowMs()) &&
-                      (isAlone() || m_settings.database->transact([&](store::Sql& sql) {
-                          vehicle.isOurs = vehicle.online &&
-                                           store::claim(sql, m_settings.instance, store::vehicleName(prefix));
-                      }));
-    if (!done) {
-        noteDatabaseFailed("presence cannot be written");
+    for (std::size_t at = 0; at < all.size(); at += kAtOnce) {
+        const auto some = std::span(all).subspan(at, std::min(kAtOnce, all.size() - at));
+        if (!m_settings.database->setPresence(some, m_settings.instance, nowMs())) {
+            noteDatabaseFailed("presence cannot be written");
+            return false;
+        }
+        for (const store::Presence& one : some) {
+            m_vehicles[one.prefix].isOurs = isAlone() || one.isOurs;
+        }
     }
-    return done;
+    return true;
 }
 
 /// Vehicles of an instance that is gone are opened here, as their last messages may have had no answer.

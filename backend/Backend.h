@@ -63,8 +63,8 @@ class Backend {
     Backend(Settings settings, Print print);
 
     /// Takes messages on <prefix>/status, <prefix>/health, <prefix>/config/request and <prefix>/data; the
-    /// topic of data has the suffix of its MqttConnection::Form. Stores all envelopes of a call in one
-    /// transaction. Returns the answers to send.
+    /// topic of data has the suffix of its MqttConnection::Form. Presence comes first. Stores all envelopes
+    /// of a call in one transaction, or in several if their texts are long. Returns the answers to send.
     std::vector<Outgoing> onMessages(const std::vector<Incoming>& messages);
     std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload) {
         return onMessages({{topic, payload}});
@@ -123,10 +123,11 @@ class Backend {
     void describe(Arrived& arrived);
     std::vector<bool> store(std::vector<Arrived>& batch);
     std::vector<Outgoing> openAll();
-    std::vector<Outgoing> onStatus(const std::string& prefix, const kyo::Json::Value& status);
+    bool readMessage(const std::string& topic, const std::string& payload, kyo::Json::Value& content);
+    std::vector<Outgoing> onStatuses(const std::vector<Incoming>& messages);
     std::vector<Outgoing> onRequest(const std::string& prefix);
     Outgoing configurationMessage(const std::string& prefix, const store::Configuration& configuration) const;
-    bool notePresence(const std::string& prefix, Vehicle& vehicle);
+    bool notePresences(const std::vector<std::string>& prefixes);
     void renewLease(Clock::time_point now, std::vector<Outgoing>& out);
     void noteChanges(std::vector<Outgoing>& out);
     bool isAlone() const { return m_settings.instance.empty(); }

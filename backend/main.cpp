@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <cxxopts.hpp>
+#include <deque>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -305,6 +306,7 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
 class Inbox {
   public:
     static constexpr std::size_t kMostBytes = 64u << 20;
+    static constexpr std::size_t kMostAtOnce = 512u << 10;
 
     int bell() const { return m_bell.get(); }
     void put(std::string topic, std::string payload) {
@@ -314,12 +316,20 @@ class Inbox {
         m_messages.push_back({std::move(topic), std::move(payload)});
         m_bell.wake();
     }
-    std::vector<vlmBackend::Incoming> takeAll() {
+    /// The oldest ones. Not all after an outage: what they answer, and the lease, must not wait for all.
+    std::vector<vlmBackend::Incoming> take() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_bell.reset();
-        m_bytes = 0;
+        std::vector<vlmBackend::Incoming> taken;
+        for (std::size_t bytes = 0; !m_messages.empty() && bytes < kMostAtOnce; m_messages.pop_front()) {
+            bytes += m_messages.front().payload.size();
+            m_bytes -= m_messages.front().payload.size();
+            taken.push_back(std::move(m_messages.front()));
+        }
+        if (m_messages.empty()) {
+            m_bell.reset();
+        }
         m_room.notify_all();
-        return std::exchange(m_messages, {});
+        return taken;
     }
     /// Nobody takes any more.
     void close() {
@@ -332,7 +342,7 @@ class Inbox {
     const kyo::WakeFd m_bell;
     std::mutex m_mutex;
     std::condition_variable m_room;
-    std::vector<vlmBackend::Incoming> m_messages;  ///< these three guarded by m_mutex
+    std::deque<vlmBackend::Incoming> m_messages;  ///< these three guarded by m_mutex
     std::size_t m_bytes = 0;
     bool m_closed = false;
 };
@@ -541,7 +551,7 @@ class Program {
             if (handles[0].revents != 0) {
                 onSignal(signals);
             }
-            schedule(m_backend.onMessages(m_inbox.takeAll()));
+            schedule(m_backend.onMessages(m_inbox.take()));
             if (m_backend.databaseFailed() && SteadyClock::now() >= m_nextTry) {
                 m_nextTry = SteadyClock::now() + kTryEvery;
                 schedule(m_backend.retry());

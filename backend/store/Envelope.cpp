@@ -1,7 +1,9 @@
 #include "backend/store/Envelope.h"
 
+#include <algorithm>
 #include <charconv>
 #include <optional>
+#include <tuple>
 
 namespace vlmBackend::store {
 
@@ -85,26 +87,6 @@ bool fits(ondemand::value value, Kind kind) {
     }
 }
 
-/// Why the values are none of that event; empty when they are.
-std::string mismatch(ondemand::object values, const Event& event) {
-    for (auto member : values) {
-        std::string_view name;
-        if (member.unescaped_key().get(name) != SUCCESS) {
-            return "a member's name cannot be read";
-        }
-        const EventField* field = event.field(name);
-        if (field == nullptr) {
-            return std::string(event.service) + "." + std::string(event.resource) + " has no member \"" +
-                   std::string(name.substr(0, kMostName)) + "\"";
-        }
-        ondemand::value value;
-        if (member.value().get(value) != SUCCESS || !fits(value, field->kind)) {
-            return "\"" + std::string(name) + "\" has the wrong type";
-        }
-    }
-    return {};
-}
-
 /// At most kMostRefused are kept.
 void refuse(Envelope& envelope, std::string reason, std::string_view text) {
     ++envelope.refusedInAll;
@@ -144,6 +126,8 @@ bool EnvelopeReader::read(std::string_view text, Envelope& envelope, std::string
                     throw Fault{"orxClientDataReport: a text is expected"};
                 }
                 m_report = padded_string(report);
+                m_values.clear();
+                m_values.reserve(report.size());  // so that nothing moves: what is written is no longer
                 withReport = true;
             }
         }
@@ -225,6 +209,50 @@ void EnvelopeReader::readCollection(ondemand::object collection, Envelope& envel
     }
 }
 
+/// Returns why the values are none of that event; empty when they are, and m_members has them.
+std::string EnvelopeReader::readValues(ondemand::object values, const Event& event) {
+    m_members.clear();
+    for (auto member : values) {
+        std::string_view name;
+        const char* const begin = member.key().value().raw() - 1;  // its quote
+        if (member.unescaped_key().get(name) != SUCCESS) {
+            return "a member's name cannot be read";
+        }
+        const EventField* field = event.field(name);
+        if (field == nullptr) {
+            return std::string(event.service) + "." + std::string(event.resource) + " has no member \"" +
+                   std::string(name.substr(0, kMostName)) + "\"";
+        }
+        ondemand::value value;
+        std::string_view token;
+        if (member.value().get(value) == SUCCESS) {
+            token = value.raw_json_token();
+        }
+        if (token.empty() || !fits(value, field->kind)) {
+            return "\"" + std::string(name) + "\" has the wrong type";
+        }
+        const auto length = token.find_last_not_of(" \t\r\n") + 1;
+        m_members.push_back({name, {begin, static_cast<std::size_t>(token.data() + length - begin)}});
+    }
+    return {};
+}
+
+/// Writes the members in the order in which PostgreSQL stores them, which then need not sort them.
+std::string_view EnvelopeReader::sortedValues() {
+    std::sort(m_members.begin(), m_members.end(), [](const Member& a, const Member& b) {
+        return std::tuple(a.name.size(), a.name, a.text.data()) <
+               std::tuple(b.name.size(), b.name, b.text.data());
+    });
+    const std::size_t from = m_values.size();
+    m_values += '{';
+    for (const Member& member : m_members) {
+        m_values += m_values.size() == from + 1 ? "" : ",";
+        m_values += member.text;
+    }
+    m_values += '}';
+    return std::string_view(m_values).substr(from);
+}
+
 bool EnvelopeReader::readSample(std::string_view text, Sample& out, std::string& reason) {
     // The text lies inside m_report, so that what follows it is readable.
     ondemand::document document = m_one.iterate(text, text.size() + SIMDJSON_PADDING);
@@ -238,13 +266,11 @@ bool EnvelopeReader::readSample(std::string_view text, Sample& out, std::string&
             out.measuredMs = wholeNumber(value, "timestamp");
             timed = true;
         } else if (name == "propertyValuePairs" && !value.is_null()) {
-            ondemand::object values = value.get_object();
-            reason = mismatch(values, *out.event);
+            reason = readValues(value.get_object(), *out.event);
             if (!reason.empty()) {
                 return false;  // after an error the text cannot be read on
             }
-            values.reset();
-            out.values = values.raw_json();
+            out.values = sortedValues();
             valued = true;
         }
     }

@@ -15,7 +15,7 @@ struct Sample {
     const Event* event = nullptr;
     std::int64_t instance = 0;
     std::int64_t measuredMs = 0;
-    std::string_view values;  ///< its "propertyValuePairs" as they came
+    std::string_view values;  ///< its "propertyValuePairs", sorted by length of name, then by name
 };
 
 /// Part of an envelope that fits no event.
@@ -45,10 +45,17 @@ class EnvelopeReader {
     bool read(std::string_view text, Envelope& envelope, std::string& reason);
 
   private:
+    struct Member {
+        std::string_view name;
+        std::string_view text;  ///< with its name
+    };
+
     void readReport(Envelope& envelope);
     void readCollection(simdjson::ondemand::object collection, Envelope& envelope);
     /// `out` has its event and instance. Returns false with the reason why it is no sample of that event.
     bool readSample(std::string_view text, Sample& out, std::string& reason);
+    std::string readValues(simdjson::ondemand::object values, const Event& event);
+    std::string_view sortedValues();
 
     simdjson::ondemand::parser m_outer;
     simdjson::ondemand::parser m_inner;
@@ -56,6 +63,8 @@ class EnvelopeReader {
     simdjson::padded_string m_text;
     simdjson::padded_string m_report;
     std::vector<std::string_view> m_samples;
+    std::vector<Member> m_members;  ///< of one sample
+    std::string m_values;           ///< of all samples
 };
 
 }  // namespace vlmBackend::store

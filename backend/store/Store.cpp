@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "backend/store/Configurations.h"
+#include "backend/store/Leases.h"
 #include "backend/store/Schema.h"
 #include "base/LossCounters.h"
 #include "json/JsonFields.h"
@@ -319,14 +320,29 @@ std::int64_t Store::eventId(const Event& event) {
     return id;
 }
 
-bool Store::setPresence(const std::string& prefix, bool online, const std::string& catalog,
-                        std::int64_t nowMs) {
-    return transact([&](Sql& sql) {
-        const Cell parameters[] = {vehicleId(prefix), std::int64_t{online}, catalog, nowMs};
-        sql.query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4, " +
-                      changedAt("$4", sql.dialect()) + " WHERE id = $1",
-                  parameters);
-    });
+bool Store::setPresence(std::span<Presence> all, const std::string& instance, std::int64_t nowMs) {
+    const auto write = [&](Sql& sql) {
+        std::map<std::int64_t, Presence*> byId;  // rows are changed in the order of addTotals()
+        for (Presence& one : all) {
+            byId[vehicleId(one.prefix)] = &one;
+        }
+        for (const auto& [id, one] : byId) {
+            const Cell parameters[] = {id, std::int64_t{one->online}, one->catalog, nowMs};
+            sql.query("UPDATE vehicles SET online = $2, catalog = $3, seen = $4, " +
+                          changedAt("$4", sql.dialect()) + " WHERE id = $1",
+                      parameters);
+            one->isOurs = one->online && !instance.empty() && claim(sql, instance, vehicleName(one->prefix));
+        }
+    };
+    for (int tries = 0; tries < kTries; ++tries) {
+        if (transact(write)) {
+            return true;
+        }
+        if (m_cause != DatabaseError::Cause::Conflict) {
+            break;
+        }
+    }
+    return false;
 }
 
 void Store::setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs) {

@@ -43,6 +43,13 @@ struct Stored {
     std::size_t refused = 0;  ///< samples that fit no event; kept aside
 };
 
+struct Presence {
+    std::string prefix;
+    bool online = false;
+    std::string catalog;
+    bool isOurs = false;  ///< set by setPresence()
+};
+
 struct Kept {
     std::int64_t reports = 0;
     std::int64_t samples = 0;
@@ -60,8 +67,10 @@ class Store {
 
     /// Stores all of them in one transaction. On return, what is not Failed survives a crash. Never throws.
     std::vector<Stored> put(std::span<const Received> batch);
-    /// A vehicle's presence. False when the database fails. Never throws.
-    bool setPresence(const std::string& prefix, bool online, const std::string& catalog, std::int64_t nowMs);
+    /// The presence of vehicles, each of them once, in one transaction. With the name of an instance, those
+    /// that are online become its own, unless another one that is alive has them. False when the database
+    /// fails. Never throws.
+    bool setPresence(std::span<Presence> all, const std::string& instance, std::int64_t nowMs);
     /// The vehicle's health message, a JSON object, and what it says of the configuration that was sent.
     /// Never throws.
     void setHealth(const std::string& prefix, const kyo::Json::Value& health, std::int64_t nowMs);

@@ -12,7 +12,7 @@ using ::testing::HasSubstr;
 using vlmTest::envelopeText;
 using vlmTest::positionText;
 
-TEST(EnvelopeReader, TakesSamplesAsTheyCameAndSetsAsideWhatFitsNoEvent) {
+TEST(EnvelopeReader, SortsTheMembersOfSamplesAndSetsAsideWhatFitsNoEvent) {
     const std::string bad[] = {
         R"({"propertyValuePairs":{"latitude":"48"},"timestamp":"5"})",
         R"({"propertyValuePairs":{"type":1.5},"timestamp":"5"})",
@@ -35,7 +35,7 @@ TEST(EnvelopeReader, TakesSamplesAsTheyCameAndSetsAsideWhatFitsNoEvent) {
     ASSERT_EQ(envelope.samples.size(), 1);
     EXPECT_EQ(envelope.samples[0].event->view, "gnss_positions");
     EXPECT_EQ(envelope.samples[0].measuredMs, 1'700'000'000'123);
-    EXPECT_EQ(envelope.samples[0].values, R"({"latitude":48.500000,"longitude":9.250000,"type":1})");
+    EXPECT_EQ(envelope.samples[0].values, R"({"type":1,"latitude":48.500000,"longitude":9.250000})");
     ASSERT_EQ(envelope.refused.size(), std::size(bad));
     for (std::size_t i = 0; i < std::size(bad); ++i) {
         EXPECT_EQ(envelope.refused[i].text, bad[i]) << envelope.refused[i].reason;

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "backend/Backend.h"
+#include "backend/store/Leases.h"
 #include "backend/store/Schema.h"
 #include "backend/store/Sqlite.h"
 #include "tests/unit/backend/Databases.h"
@@ -222,21 +223,33 @@ TEST_F(PostgresStoreTest, ConnectsAgainAfterALostConnectionAndStoresNothingTwice
     EXPECT_EQ(results[1].outcome, Outcome::Stored);
 }
 
-TEST_F(PostgresStoreTest, TakesTheSameEnvelopesFromSeveralInstancesOnce) {
+TEST_F(PostgresStoreTest, TakesTheSameEnvelopesAndVehiclesFromSeveralInstancesOnce) {
     constexpr std::size_t kInstances = 4;
     constexpr int kEnvelopes = 40;
+    constexpr std::size_t kVehicles = 7;
     std::vector<Received> batch;
     for (int i = 0; i < kEnvelopes; ++i) {
         batch.push_back(arrived(oneSample(std::to_string(i))));
-        batch.back().prefix += std::to_string(i % 7);
+        batch.back().prefix += std::to_string(static_cast<std::size_t>(i) % kVehicles);
     }
     std::atomic<int> stored{0};
+    std::atomic<int> taken{0};
     std::vector<std::thread> threads;
     for (std::size_t instance = 0; instance < kInstances; ++instance) {
         threads.emplace_back([&, instance] {
             auto mine = batch;
             std::rotate(mine.begin(), mine.begin() + static_cast<std::ptrdiff_t>(instance * 10), mine.end());
+            std::vector<Presence> present;
+            for (std::size_t i = 0; i < kVehicles; ++i) {
+                present.push_back(
+                    {"vlm/bench" + std::to_string((i + instance) % kVehicles), true, "21", false});
+            }
             Store another(fresh.where);
+            const std::string name = "instance " + std::to_string(instance);
+            another.transact([&name](Sql& sql) { renewInstance(sql, name, std::chrono::minutes(1)); });
+            EXPECT_TRUE(another.setPresence(present, name, kNow));
+            taken += static_cast<int>(std::count_if(present.begin(), present.end(),
+                                                    [](const Presence& one) { return one.isOurs; }));
             for (const Stored& one : another.put(mine)) {
                 EXPECT_NE(one.outcome, Outcome::Failed) << one.reason;
                 stored += one.outcome == Outcome::Stored ? 1 : 0;
@@ -247,6 +260,7 @@ TEST_F(PostgresStoreTest, TakesTheSameEnvelopesFromSeveralInstancesOnce) {
         thread.join();
     }
     EXPECT_EQ(stored, kEnvelopes);
+    EXPECT_EQ(taken, static_cast<int>(kVehicles)) << "each vehicle has one instance";
     EXPECT_EQ(count("samples"), kEnvelopes);
     EXPECT_EQ(integer(store.sql().query("SELECT SUM(reports) FROM vehicles")[0][0]), kEnvelopes);
 }
