@@ -5,13 +5,9 @@ database are killed in turn: no envelope is lost, none is stored twice, and anot
 VLM_BACKEND names the program, VLM_FAULT_ROUNDS how often each is killed (1).
 """
 import base64
-import http.client
 import json
 import os
-import shutil
-import signal
-import socket
-import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -20,119 +16,17 @@ from pathlib import Path
 
 import paho.mqtt.client as mqtt
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
+from servers import Broker, Instance, Postgres, wait_until  # noqa: E402
+
 BACKEND = os.environ["VLM_BACKEND"]
 ROUNDS = int(os.environ.get("VLM_FAULT_ROUNDS", "1"))
-DEADLINE = 90  # s; reached only on failure
 VEHICLES = 6
 SAMPLES = 20  # of an envelope
 RESULT_TIMEOUT = 3  # s
 CONFIGURATION = {"CONFIG": [{"name": "trip", "version": "1"}], "CLOCK": [{"name": "minute", "duration": 60000}],
                  "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "minute"}],
                  "REPORT": [{"name": "Trip", "application": "App", "from": ["position"]}]}
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def wait_until(condition, what, deadline=DEADLINE):
-    end = time.monotonic() + deadline
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise AssertionError(f"did not come: {what() if callable(what) else what}")
-        time.sleep(0.05)
-    return value
-
-
-class Postgres:
-    """A server of its own, which refuses to run as root."""
-
-    def __init__(self, folder):
-        self.folder = Path(folder)
-        self.bin = sorted(Path("/usr/lib/postgresql").glob("*/bin"))[-1]
-        self.user = ["runuser", "-u", "postgres", "--"] if os.geteuid() == 0 else []
-        if self.user:
-            shutil.chown(folder, "postgres")
-        self.port = free_port()
-        subprocess.run([*self.user, self.bin / "initdb", "-D", self.folder / "data", "-U", "test", "-A", "trust", "-E",
-                        "UTF8", "--locale=C.UTF-8"], check=True, stdout=subprocess.DEVNULL)
-        self.start()
-        subprocess.run([self.bin / "createdb", "-h", folder, "-p", str(self.port), "-U", "test", "fleet"], check=True)
-        self.url = f"postgresql://test@127.0.0.1:{self.port}/fleet"
-
-    def start(self):
-        with open(self.folder / "log", "ab") as log:
-            self.process = subprocess.Popen(
-                [*self.user, self.bin / "postgres", "-D", self.folder / "data", "-p", str(self.port), "-k", self.folder,
-                 "-c", "listen_addresses=127.0.0.1"], stdout=log, stderr=log, stdin=subprocess.DEVNULL)
-        wait_until(lambda: subprocess.run([self.bin / "pg_isready", "-h", self.folder, "-p", str(self.port)],
-                                          stdout=subprocess.DEVNULL, check=False).returncode == 0, "PostgreSQL")
-
-    def kill(self):
-        """The first line of the server's file is its process identifier; its own processes end after it."""
-        os.kill(int((self.folder / "data/postmaster.pid").read_text().split()[0]), signal.SIGKILL)
-        self.process.wait()
-
-    def stop(self):
-        subprocess.run([*self.user, self.bin / "pg_ctl", "-D", self.folder / "data", "-m", "immediate", "stop"],
-                       check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.process.wait(DEADLINE)
-
-    def ask(self, statement):
-        done = subprocess.run([self.bin / "psql", "-At", self.url, "-c", statement], capture_output=True, text=True,
-                              check=True)
-        return done.stdout.strip()
-
-
-class Broker:
-    def __init__(self, folder):
-        self.port = free_port()
-        self.file = Path(folder) / "mosquitto.conf"
-        self.file.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\npersistence true\n"
-                             f"persistence_location {folder}/\nautosave_interval 1\nautosave_on_changes true\n"
-                             "user root\n")
-        self.start()
-
-    def start(self):
-        program = shutil.which("mosquitto", path=os.environ["PATH"] + ":/usr/sbin")
-        self.process = subprocess.Popen([program, "-c", self.file], stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL)
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
-
-
-class Instance:
-    def __init__(self, folder, name, broker, database):
-        self.listen = free_port()
-        self.output = Path(folder) / f"{name}.txt"
-        self.command = [BACKEND, "--port", str(broker.port), "--prefix", "vlm/+", "--database", database.url,
-                        "--instances", "fleet", "--listen", f"127.0.0.1:{self.listen}"]
-        self.start()
-
-    def start(self):
-        with open(self.output, "ab") as out:
-            self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=out,
-                                            stderr=subprocess.STDOUT)
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
-
-    def text(self):
-        return self.output.read_text()
-
-    def put(self, method, target, body):
-        peer = http.client.HTTPConnection("127.0.0.1", self.listen, timeout=DEADLINE)
-        peer.request(method, target, json.dumps(body), {"Content-Type": "application/json"})
-        answer = peer.getresponse()
-        content = answer.read()
-        peer.close()
-        assert answer.status < 300, content
-        return json.loads(content)
 
 
 class Vehicle:
@@ -218,7 +112,7 @@ class SeveralInstances(unittest.TestCase):
         self.addCleanup(self.database.stop)
         self.broker = Broker(str(places["broker"]))
         self.addCleanup(lambda: self.broker.kill())
-        self.instances = [Instance(temporary.name, name, self.broker, self.database) for name in ("one", "two")]
+        self.instances = [Instance(BACKEND, temporary.name, name, self.broker, self.database) for name in ("one", "two")]
         for instance in self.instances:
             self.addCleanup(instance.kill)
         self.vehicles = [Vehicle(number, self.broker) for number in range(VEHICLES)]
