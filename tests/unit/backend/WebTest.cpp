@@ -44,6 +44,10 @@ class WebTest : public ::testing::TestWithParam<store::Dialect> {
                                        kNow + 500};
         ASSERT_EQ(store.put({&received, 1})[0].outcome, store::Outcome::Stored);
     }
+    void setPresence(const std::string& prefix, bool online, std::int64_t at) {
+        store::Presence one{prefix, online, "1", false};
+        EXPECT_TRUE(store.setPresence({&one, 1}, "", at));
+    }
     Response get(const std::string& target, Role role = Role::View, const std::string& method = "GET") {
         Request request;
         request.method = method;
@@ -198,7 +202,7 @@ TEST_P(WebTest, ListsVehiclesInPartsAndCountsAll) {
     health["counters"]["log.dropped.dlt"] = 5;
     health["waitingEnvelopes"] = 17;
     for (const char* name : {"Car_1", "car-2", "van"}) {
-        store.setPresence(std::string("vlm/") + name, name[0] == 'v', "1", kNow);
+        setPresence(std::string("vlm/") + name, name[0] == 'v', kNow);
     }
     store.setHealth("vlm/van", health, kNow);
     store::setGroup(store.sql(), "car-2", "50% fleet");
@@ -246,11 +250,11 @@ TEST_P(WebTest, UpdatesNameWhatChangedAndOnlySayThatMuchDid) {
         const std::string got(text);
         if (events == 0 && !got.empty()) {
             EXPECT_EQ(got, "event: vehicles\ndata: []\n\n") << "1001 are too many";
-            store.setPresence("vlm/one", true, "1", kNow);
+            setPresence("vlm/one", true, kNow);
             ++events;
         } else if (events == 1 && got.find("\"one\"") != std::string::npos) {
             EXPECT_EQ(got.find("\"v1\""), std::string::npos) << "only what changed";
-            store.setPresence("vlm/two", true, "1", kNow - 86'400'000);  // the clock was set back
+            setPresence("vlm/two", true, kNow - 86'400'000);  // the clock was set back
             ++events;
         } else if (events == 2 && got.find("\"two\"") != std::string::npos) {
             store.sql().script(
