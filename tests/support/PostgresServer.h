@@ -1,16 +1,7 @@
 #pragma once
 /// A PostgreSQL server of a test's own: in a temporary folder, on a free port of 127.0.0.1.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <memory>
-#include <stdexcept>
-#include <string>
-
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Loopback.h"
 
 namespace vlmTest {
 
@@ -24,7 +15,7 @@ class PostgresServer {
     /// Connection string of a new, empty database.
     std::string freshDatabase() {
         const std::string name = "test" + std::to_string(++m_databases);
-        run({m_programs + "/createdb", "-h", m_folder.path(), "-p", m_port, "-U", "test", name});
+        run(program({"createdb", "-h", m_folder.path(), "-p", m_port, "-U", "test", name}));
         return "postgresql://test@127.0.0.1:" + m_port + "/" + name;
     }
     PostgresServer(const PostgresServer&) = delete;
@@ -32,73 +23,46 @@ class PostgresServer {
 
   private:
     PostgresServer() {
-        for (const auto& entry : std::filesystem::directory_iterator("/usr/lib/postgresql")) {
-            m_programs = entry.path().string() + "/bin";
-        }
-        const bool isRoot = ::geteuid() == 0;  // the server refuses that user
-        if (isRoot) {
-            m_user = {"runuser", "-u", "postgres", "--"};
+        if (::geteuid() == 0) {
             run({"chown", "postgres", m_folder.path()});
         }
-        run({m_programs + "/initdb", "-D", data(), "-U", "test", "-A", "trust", "--no-sync", "-E", "UTF8",
-             "--locale=C.UTF-8"},
-            true);
-        m_port = freePort();
-        std::vector<std::string> command = m_user;
-        for (const std::string& word :
-             {m_programs + "/postgres", std::string("-D"), data(), std::string("-p"), m_port,
-              std::string("-k"), m_folder.path(), std::string("-c"),
-              std::string("listen_addresses=127.0.0.1"), std::string("-c"), std::string("fsync=off")}) {
-            command.push_back(word);
-        }
-        m_log = std::make_unique<Descriptor>(openForWriting(m_folder.file("log")));
-        m_server = std::make_unique<ChildProcess>(command, std::vector<std::string>{}, *m_log, *m_log);
+        run(program({"initdb", "-D", m_data, "-U", "test", "-A", "trust", "--no-sync", "-E", "UTF8",
+                     "--locale=C.UTF-8"}));
+        const Descriptor log(openForWriting(m_folder.file("log")));
+        m_server = std::make_unique<ChildProcess>(
+            program({"postgres", "-D", m_data, "-p", m_port, "-k", m_folder.path(), "-c",
+                     "listen_addresses=127.0.0.1", "-c", "fsync=off"}),
+            std::vector<std::string>{}, log, log);
         if (!eventually([this] {
-                return runToItsEnd({m_programs + "/pg_isready", "-h", m_folder.path(), "-p", m_port})
-                           .status == 0;
+                return runToItsEnd(program({"pg_isready", "-h", m_folder.path(), "-p", m_port})).status == 0;
             })) {
             throw std::runtime_error("PostgreSQL does not start: " + readFile(m_folder.file("log")));
         }
     }
     ~PostgresServer() {
-        std::vector<std::string> stop = m_user;
-        for (const std::string& word : {m_programs + "/pg_ctl", std::string("-D"), data(), std::string("-m"),
-                                        std::string("immediate"), std::string("-w"), std::string("stop")}) {
-            stop.push_back(word);
-        }
-        try {
-            runToItsEnd(stop);
-            m_server->wait();
-        } catch (const std::exception&) {
-            // The process ends anyway.
-        }
+        runToItsEnd(program({"pg_ctl", "-D", m_data, "-m", "immediate", "-w", "stop"}));
+        m_server->wait();
     }
-    void run(std::vector<std::string> command, bool asUser = false) {
-        if (asUser) {
-            command.insert(command.begin(), m_user.begin(), m_user.end());
+    /// The command for a program of the server, as a user whom it does not refuse.
+    static std::vector<std::string> program(std::vector<std::string> words) {
+        for (const auto& version : std::filesystem::directory_iterator("/usr/lib/postgresql")) {
+            words[0] = version.path() / "bin" / std::filesystem::path(words[0]).filename();
         }
-        const Outcome outcome = runToItsEnd(command);
-        if (outcome.status != 0) {
+        if (::geteuid() == 0) {
+            const std::string asUser[] = {"runuser", "-u", "postgres", "--"};
+            words.insert(words.begin(), std::begin(asUser), std::end(asUser));
+        }
+        return words;
+    }
+    static void run(const std::vector<std::string>& command) {
+        if (const Outcome outcome = runToItsEnd(command); outcome.status != 0) {
             throw std::runtime_error(command[0] + ": " + outcome.out + outcome.err);
         }
     }
-    static std::string freePort() {
-        const Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        ::bind(probe, reinterpret_cast<sockaddr*>(&address), size);
-        ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-        return std::to_string(ntohs(address.sin_port));
-    }
-    std::string data() const { return m_folder.file("data"); }
 
     const TemporaryFolder m_folder;
-    std::string m_programs;
-    std::string m_port;
-    std::vector<std::string> m_user;  ///< before a command that must not run as root
-    std::unique_ptr<Descriptor> m_log;
+    const std::string m_data = m_folder.file("data");
+    const std::string m_port = std::to_string(freePort());
     std::unique_ptr<ChildProcess> m_server;
     int m_databases = 0;
 };

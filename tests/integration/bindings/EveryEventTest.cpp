@@ -1,29 +1,17 @@
 /// Every event of every described service, from a skeleton through real sockets and the service's adapter to
 /// the record that enters the pipeline, and the catalog that offers it. Driven by the descriptions; the
 /// result must match the required tables.
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <set>
-#include <string>
+#include <rttr/type>
 #include <typeinfo>
-#include <vector>
 
 #include "ac/com/runtime/component.h"
 #include "collect/IngressQueue.h"
-#include "json/JsonFields.h"
-#include "kyo/Status.h"
 #include "qdr/services/described.h"
+#include "qdr/services/registration.h"
 #include "services/ProxyNames.h"
 #include "services/adapters/RegisteredAdapters.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "someip/Runtime.h"
-#include "tests/support/Eventually.h"
 #include "tests/support/FieldValues.h"
 #include "tests/support/RecordValue.h"
 #include "tests/unit/codegen/Required.h"
@@ -37,14 +25,12 @@ std::shared_ptr<BaseServiceObject> makeVLMPowertrain(std::string name);
 
 namespace {
 
-using kyo::Json::Value;
 using qdr::services::DescribedEvent;
 using qdr::services::DescribedService;
 using qdr::services::FieldInfo;
 using qdr::services::FieldValue;
 using qdr::services::FieldValues;
-using vlmTest::eventually;
-using vlmTest::valueFor;
+using namespace vlmTest;
 
 /// One sample and the record that must come of it, but for its time.
 struct Case {
@@ -206,7 +192,7 @@ std::vector<Value> recordsOf(EventUnderTest& one) {
     std::vector<Value> records;
     Record record;
     while (IngressQueue::getInstance()->takeRecord(&record)) {
-        records.push_back(vlmTest::valueOf(record));
+        records.push_back(valueOf(record));
     }
     return records;
 }
@@ -255,8 +241,24 @@ class Decoded {
     const std::shared_ptr<someip::EventReceiver> m_receiver;
 };
 
+/// Whether the event's data type is known to reflection, with its fields in order.
+void expectRegistered(const std::string& nameSpace, const DescribedEvent& event) {
+    const auto type = rttr::type::get_by_name("qdr::services::" + nameSpace + "::datatypes::DT_" +
+                                              event.name() + "_struct");
+    ASSERT_TRUE(type.is_valid());
+    std::vector<std::string> described;
+    std::vector<std::string> registered;
+    for (const auto& field : event.fields()) {
+        described.push_back(field.name);
+    }
+    for (const auto& property : type.get_properties()) {
+        registered.push_back(property.get_name().to_string());
+    }
+    EXPECT_EQ(registered, described);
+}
+
 /// Expects the members of the required tables in the records.
-void expectRequired(const vlmTest::RequiredEvent& required, const std::vector<Value>& records) {
+void expectRequired(const RequiredEvent& required, const std::vector<Value>& records) {
     const std::set<std::string> common{"timestamp", "serviceName", "resName", "collectorName", "index"};
     std::set<std::string> added;
     std::set<int> withFields;
@@ -294,17 +296,17 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     new ac::com::runtime::Component_singleton(
         true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
     auto made = makeRegisteredAdapters();
-    const auto registry = vlmTest::readRequired("registry");
+    const auto registry = readRequired("registry");
     ASSERT_EQ(made.size(), registry.size());
     for (std::size_t place = 0; place < made.size(); ++place) {
         EXPECT_EQ(made[place].first, registry[place].at(1));
         const BaseServiceObject& adapter = *made[place].second;
-        EXPECT_THAT(typeid(adapter).name(), testing::HasSubstr(registry[place].at(2)));
+        EXPECT_THAT(typeid(adapter).name(), HasSubstr(registry[place].at(2)));
         EXPECT_EQ(proxyNames::all[place], made[place].first);
     }
     EXPECT_THAT(std::vector(proxyNames::all.begin() + made.size(), proxyNames::all.end()),
-                testing::ElementsAre("ManeuverAssistProxy", "SmartChargingStatisticSyncProxy",
-                                     "DisplaySpeedProxy", "RouteBasedConsumptionProxy"));
+                ElementsAre("ManeuverAssistProxy", "SmartChargingStatisticSyncProxy", "DisplaySpeedProxy",
+                            "RouteBasedConsumptionProxy"));
     made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
     made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
     made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));
@@ -326,7 +328,9 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     }
     ASSERT_NO_FATAL_FAILURE(connect(adapters, events));
 
-    const auto allRequired = vlmTest::requiredEvents();
+    qdr::services::registerAllTypes();
+    qdr::services::registerAllTypes();  // does nothing more
+    const auto allRequired = requiredEvents();
     EXPECT_EQ(events.size(), allRequired.size());
     Value catalog;
     std::ifstream file(VLM_CATALOG_FILE);
@@ -352,18 +356,19 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
         });
         ASSERT_NE(required, allRequired.end());
         expectRequired(*required, records);
+        expectRegistered(required->nameSpace, one->event());
         if (required->registryKey != "-") {
             const std::string name = one->serviceName().substr(0, one->serviceName().rfind("Proxy"));
             expectInCatalog(catalog["services"][name][required->event], *one);
             ++registered;
         }
-        for (const auto& row : vlmTest::readRequired("written_fields")) {
+        for (const auto& row : readRequired("written_fields")) {
             if (row.at(0) == required->adapter && row.at(1) == required->event) {
-                EXPECT_EQ(one->fieldsOf(std::stoi(row.at(2))), vlmTest::splitText(row.at(3), ' '));
+                EXPECT_EQ(one->fieldsOf(std::stoi(row.at(2))), splitText(row.at(3), ' '));
             }
         }
         if (required->event == "additionalRadarInformation") {
-            EXPECT_THAT(one->fieldsOf(1), testing::Contains("unvailability")) << "misspelled on purpose";
+            EXPECT_THAT(one->fieldsOf(1), Contains("unvailability")) << "misspelled on purpose";
         }
     }
     std::size_t offered = 0;

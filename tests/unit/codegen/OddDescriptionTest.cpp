@@ -1,14 +1,8 @@
 /// What the generator makes of a description that is valid and odd (odd/oddities.yaml), compiled and run.
-#include <gmock/gmock.h>
-
 #include <cmath>
-#include <cstdint>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "collect/IngressQueue.h"
-#include "json/JsonFields.h"
 #include "qdr/services/described.h"
 #include "qdr/services/oddities/datatypes.h"
 #include "qdr/services/oddities/interface.h"
@@ -24,7 +18,7 @@ namespace {
 
 using namespace qdr::services::oddities::datatypes;
 using qdr::services::FieldValue;
-using testing::ElementsAre;
+using namespace vlmTest;
 
 DT_scalars_struct fullSample() {
     DT_scalars_struct sample;
@@ -47,8 +41,7 @@ DT_scalars_struct fullSample() {
     return sample;
 }
 
-class OddDescription : public testing::Test {
-  protected:
+struct OddDescription : Test {
     OddDescription() {
         adapter.createResourceObject({"scalars", "switches", "levels"});
         adapter.setSomeIPKey("scalars", "selector");
@@ -60,7 +53,7 @@ class OddDescription : public testing::Test {
         if (!IngressQueue::getInstance()->takeRecord(&record)) {
             return "none";
         }
-        kyo::Json::Value value = vlmTest::valueOf(record);
+        kyo::Json::Value value = valueOf(record);
         EXPECT_TRUE(value.isMember("timestamp"));
         value.removeMember("timestamp");
         EXPECT_EQ(value["serviceName"].asString(), "OdditiesProxy");
@@ -151,12 +144,7 @@ TEST(OddService, IsDescribedAsDataAndTakesWhatFitsAField) {
     EXPECT_STREQ(torque.unit, "N·m");
     EXPECT_EQ(std::pair(torque.minimum, torque.maximum), std::pair(-1.5, 1000.0));
 
-    struct Case {
-        const char* field;
-        FieldValue value;
-        bool fits;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, FieldValue, bool> cases[] = {
         {"u8", std::int64_t{255}, true},
         {"u8", std::int64_t{256}, false},
         {"u8", std::int64_t{-1}, false},
@@ -174,7 +162,7 @@ TEST(OddService, IsDescribedAsDataAndTakesWhatFitsAField) {
     for (const auto& [field, value, fits] : cases) {
         EXPECT_EQ(scalars.send({{{field, value}}}), fits) << field;
         const std::string refusal = std::string("scalars: the value of ") + field + " does not fit ";
-        EXPECT_THAT(scalars.error(), testing::StartsWith(fits ? "" : refusal));
+        EXPECT_THAT(scalars.error(), StartsWith(fits ? "" : refusal));
         EXPECT_EQ(scalars.error().empty(), fits);
     }
     EXPECT_FALSE(scalars.send({{{"unknown", true}}}));

@@ -1,11 +1,7 @@
 #pragma once
 /// Reads the tables in required/: what every event of every service must have, independent of its
 /// description.
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include "tests/support/Test.h"
 
 namespace vlmTest {
 

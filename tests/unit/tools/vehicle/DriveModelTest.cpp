@@ -1,10 +1,9 @@
 #include "tools/vehicle/DriveModel.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <random>
 
+#include "tests/support/Test.h"
 #include "tools/vehicle/Names.h"
 
 namespace {

@@ -1,12 +1,11 @@
 #include "tools/vehicle/Faults.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 namespace {
 
 using namespace vlmVehicle;
-using testing::HasSubstr;
+using namespace vlmTest;
 
 TEST(Fault, IsReadFromItsWords) {
     Fault fault;

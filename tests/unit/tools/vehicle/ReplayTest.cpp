@@ -1,14 +1,13 @@
 #include "tools/vehicle/Replay.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 #include <cmath>
 
 namespace {
 
 using namespace vlmVehicle;
-using testing::HasSubstr;
+using namespace vlmTest;
 
 const char* const trackText = R"(<?xml version="1.0"?>
 <gpx version="1.1" creator="test" xmlns="http://www.topografix.com/GPX/1/1">

@@ -1,12 +1,8 @@
 // The rules must match the descriptions of all services, and the services must be consistent.
+#include "tests/support/Test.h"
 #include "tools/vehicle/SampleMaker.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <filesystem>
-#include <set>
 
 namespace {
 

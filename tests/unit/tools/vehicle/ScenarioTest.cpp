@@ -1,24 +1,16 @@
 #include "tools/vehicle/Scenario.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/support/Test.h"
 
 namespace {
 
 using namespace vlmVehicle;
-using testing::HasSubstr;
-
-kyo::Json::Value json(const std::string& text) {
-    kyo::Json::Value value;
-    kyo::Json::Reader reader;
-    EXPECT_TRUE(reader.parse(text, value)) << reader.getFormattedErrorMessages();
-    return value;
-}
+using namespace vlmTest;
 
 ScenarioPlayer playerOf(const std::string& text) {
     Scenario scenario;
     std::string error;
-    EXPECT_TRUE(Scenario::read(json(text), scenario, error)) << error;
+    EXPECT_TRUE(Scenario::read(valueOf(text), scenario, error)) << error;
     return ScenarioPlayer(std::move(scenario));
 }
 
@@ -76,7 +68,7 @@ TEST(Scenario, PhasesFollowEachOtherEndEarlyAndAreLeftOut) {
     ASSERT_GE(phases.size(), 4U);
     // The second time the car is fast enough at the start: the phase lasts one step.
     EXPECT_THAT(std::vector<std::string>(phases.begin(), phases.begin() + 4),
-                testing::ElementsAre("drive off", "roll", "drive off", "roll"));
+                ElementsAre("drive off", "roll", "drive off", "roll"));
 }
 
 TEST(Scenario, OverridesHoldInTheirTimeAndWhileTheirConditionDoes) {
@@ -112,7 +104,7 @@ TEST(Scenario, AFaultInTheFileIsNamedWithItsPlace) {
     for (const auto& [text, expected] : cases) {
         Scenario scenario;
         std::string error;
-        EXPECT_FALSE(Scenario::read(json(text), scenario, error)) << text;
+        EXPECT_FALSE(Scenario::read(valueOf(text), scenario, error)) << text;
         EXPECT_THAT(error, HasSubstr(expected)) << text;
     }
 }
