@@ -36,10 +36,10 @@ class Lines {
   public:
     struct Options {
         std::set<std::string> fields{};  ///< empty: all
-        std::size_t width = 0;         ///< columns of the terminal; 0: lines may have any length
-        std::size_t height = 0;        ///< lines of the terminal, after which the header comes again; 0: once
-        bool explain = false;          ///< units and meanings: a sample is a block of lines
-        bool sparse = false;           ///< says how many samples a line stands for
+        std::size_t width = 0;           ///< columns of the terminal; 0: lines may have any length
+        std::size_t height = 0;  ///< lines of the terminal, after which the header comes again; 0: once
+        bool explain = false;    ///< units and meanings: a sample is a block of lines
+        bool sparse = false;     ///< says how many samples a line stands for
     };
 
     Lines(const std::vector<Selected>& selection, Options options);
