@@ -10,9 +10,7 @@ namespace someip {
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto kAcceptPause = 1s;
+constexpr std::chrono::seconds kAcceptPause{1};
 
 bool isExhausted(int error) noexcept {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
