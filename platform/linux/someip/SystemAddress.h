@@ -4,8 +4,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -14,50 +16,70 @@
 
 namespace someip {
 
+inline in6_addr ipv6Of(const Address& address) noexcept {
+    std::array<std::uint8_t, sizeof(in6_addr)> bytes{};
+    storeBig(bytes.data(), address.high());
+    storeBig(bytes.data() + 8, address.low());
+    in6_addr out{};
+    std::memcpy(&out, bytes.data(), bytes.size());
+    return out;
+}
+
 /// An address of either family, to be passed to the system or filled by it.
 class SystemAddress {
   public:
     SystemAddress() noexcept = default;
-    explicit SystemAddress(const sockaddr_in6& address) noexcept : m_any{.v6 = address} {}
+    explicit SystemAddress(const sockaddr_in6& address) noexcept { set(address); }
     explicit SystemAddress(const Endpoint& endpoint) noexcept {
         if (endpoint.address.isIpv6()) {
-            m_any.v6.sin6_family = AF_INET6;
-            m_any.v6.sin6_port = htons(endpoint.port);
-            m_any.v6.sin6_scope_id = endpoint.address.interface();
-            storeBig(m_any.v6.sin6_addr.s6_addr, endpoint.address.high());
-            storeBig(m_any.v6.sin6_addr.s6_addr + 8, endpoint.address.low());
-            m_size = sizeof m_any.v6;
+            sockaddr_in6 address{};
+            address.sin6_family = AF_INET6;
+            address.sin6_port = htons(endpoint.port);
+            address.sin6_scope_id = endpoint.address.interface();
+            address.sin6_addr = ipv6Of(endpoint.address);
+            set(address);
         } else {
-            m_any.v4.sin_family = AF_INET;
-            m_any.v4.sin_port = htons(endpoint.port);
-            m_any.v4.sin_addr.s_addr = htonl(endpoint.address.ipv4());
-            m_size = sizeof m_any.v4;
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_port = htons(endpoint.port);
+            address.sin_addr.s_addr = htonl(endpoint.address.ipv4());
+            set(address);
         }
     }
 
     Endpoint endpoint(Protocol protocol) const noexcept {
-        if (m_any.base.sa_family == AF_INET6) {
-            const std::uint8_t* const bytes = m_any.v6.sin6_addr.s6_addr;
-            return {Address::ipv6(loadBig<std::uint64_t>(bytes), loadBig<std::uint64_t>(bytes + 8),
-                                  m_any.v6.sin6_scope_id),
-                    ntohs(m_any.v6.sin6_port), protocol};
+        if (m_any.sin6_family == AF_INET6) {
+            const auto address = as<sockaddr_in6>();
+            std::array<std::uint8_t, sizeof address.sin6_addr> bytes{};
+            std::memcpy(bytes.data(), &address.sin6_addr, bytes.size());
+            return {Address::ipv6(loadBig<std::uint64_t>(bytes.data()),
+                                  loadBig<std::uint64_t>(bytes.data() + 8), address.sin6_scope_id),
+                    ntohs(address.sin6_port), protocol};
         }
-        return {ntohl(m_any.v4.sin_addr.s_addr), ntohs(m_any.v4.sin_port), protocol};
+        const auto address = as<sockaddr_in>();
+        return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port), protocol};
     }
 
-    sockaddr* get() noexcept { return &m_any.base; }
-    const sockaddr* get() const noexcept { return &m_any.base; }
+    sockaddr* get() noexcept { return reinterpret_cast<sockaddr*>(&m_any); }
+    const sockaddr* get() const noexcept { return reinterpret_cast<const sockaddr*>(&m_any); }
     /// Before a call that fills it: the space that there is.
     socklen_t size() const noexcept { return m_size; }
 
   private:
-    union Any {
-        sockaddr base;
-        sockaddr_in v4;
-        sockaddr_in6 v6;
-    };
-    Any m_any{.v6 = {}};
-    socklen_t m_size = sizeof(Any);
+    template <typename T>
+    void set(const T& address) noexcept {
+        std::memcpy(&m_any, &address, sizeof address);
+        m_size = sizeof address;
+    }
+    template <typename T>
+    T as() const noexcept {
+        T address{};
+        std::memcpy(&address, &m_any, sizeof address);
+        return address;
+    }
+
+    sockaddr_in6 m_any{};  ///< the longer one of the two
+    socklen_t m_size = sizeof(sockaddr_in6);
 };
 
 inline int familyOf(const Address& address) noexcept {

@@ -45,8 +45,7 @@ bool chooseInterface(int fd, const Address& address) {
 bool join(int fd, const Address& group, const Address& address) {
     if (group.isIpv6()) {
         ipv6_mreq membership{};
-        storeBig(membership.ipv6mr_multiaddr.s6_addr, group.high());
-        storeBig(membership.ipv6mr_multiaddr.s6_addr + 8, group.low());
+        membership.ipv6mr_multiaddr = ipv6Of(group);
         membership.ipv6mr_interface = interfaceOf(address);
         return ::setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &membership, sizeof membership) == 0;
     }

@@ -54,8 +54,6 @@ class SampleSource {
             }
         } else if constexpr (std::is_same_v<T, std::string>) {
             out = text(field, *value);
-        } else if constexpr (std::is_same_v<T, bool>) {
-            takeInteger(field, *value, out);
         } else if constexpr (std::is_integral_v<T>) {
             takeInteger(field, *value, out);
         } else {
