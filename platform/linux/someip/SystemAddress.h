@@ -49,14 +49,14 @@ class SystemAddress {
 
     Endpoint endpoint(Protocol protocol) const noexcept {
         if (m_any.sin6_family == AF_INET6) {
-            const auto address = as<sockaddr_in6>();
-            std::array<std::uint8_t, sizeof address.sin6_addr> bytes{};
-            std::memcpy(bytes.data(), &address.sin6_addr, bytes.size());
+            std::array<std::uint8_t, sizeof m_any.sin6_addr> bytes{};
+            std::memcpy(bytes.data(), &m_any.sin6_addr, bytes.size());
             return {Address::ipv6(loadBig<std::uint64_t>(bytes.data()),
-                                  loadBig<std::uint64_t>(bytes.data() + 8), address.sin6_scope_id),
-                    ntohs(address.sin6_port), protocol};
+                                  loadBig<std::uint64_t>(bytes.data() + 8), m_any.sin6_scope_id),
+                    ntohs(m_any.sin6_port), protocol};
         }
-        const auto address = as<sockaddr_in>();
+        sockaddr_in address{};
+        std::memcpy(&address, &m_any, sizeof address);
         return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port), protocol};
     }
 
@@ -70,12 +70,6 @@ class SystemAddress {
     void set(const T& address) noexcept {
         std::memcpy(&m_any, &address, sizeof address);
         m_size = sizeof address;
-    }
-    template <typename T>
-    T as() const noexcept {
-        T address{};
-        std::memcpy(&address, &m_any, sizeof address);
-        return address;
     }
 
     sockaddr_in6 m_any{};  ///< the longer one of the two
