@@ -183,7 +183,7 @@ std::string lineOf(const char* message) {
 }  // namespace
 
 Postgres::Postgres(const std::string& where, bool readOnly)
-    : m_connection(nullptr, PQfinish), m_cancel(nullptr, PQfreeCancel) {
+    : m_connection(nullptr, PQfinish), m_cancel(nullptr, PQfreeCancel), m_prepares(!readOnly) {
     // What stands in `where` comes later and counts. A server that is gone is noticed within half a minute.
     const char* const names[] = {"connect_timeout",  "keepalives_idle",  "keepalives_interval",
                                  "keepalives_count", "tcp_user_timeout", "fallback_application_name",
@@ -240,13 +240,38 @@ std::vector<Row> Postgres::query(const std::string& statement, std::span<const C
     return rows;
 }
 
+/// The name under which the server keeps a statement that comes a second time; null for others. Readers ask
+/// for ranges of very different size, so each of theirs is planned for its own.
+const char* Postgres::prepared(const std::string& statement, const std::vector<unsigned>& types) {
+    if (!m_prepares) {
+        return nullptr;
+    }
+    const auto [at, isNew] = m_statements.try_emplace({statement, types});
+    Statement& known = at->second;
+    if (isNew) {
+        known.name = "s" + std::to_string(m_statements.size());
+        return nullptr;
+    }
+    if (!known.isPrepared) {
+        check(PQprepare(m_connection.get(), known.name.c_str(), statement.c_str(),
+                        static_cast<int>(types.size()), types.data()));
+        known.isPrepared = true;
+    }
+    return known.name.c_str();
+}
+
 void Postgres::stream(const std::string& statement, std::span<const Cell> parameters,
                       const std::function<bool(const Row&)>& each) {
     pg_conn* const connection = m_connection.get();
     const Parameters given(parameters);
-    if (PQsendQueryParams(connection, statement.c_str(), static_cast<int>(given.values.size()),
-                          given.types.data(), given.values.data(), given.lengths.data(), given.formats.data(),
-                          0) == 0) {
+    const auto count = static_cast<int>(given.values.size());
+    const char* const name = prepared(statement, given.types);
+    const int isSent = name == nullptr ? PQsendQueryParams(connection, statement.c_str(), count,
+                                                           given.types.data(), given.values.data(),
+                                                           given.lengths.data(), given.formats.data(), 0)
+                                       : PQsendQueryPrepared(connection, name, count, given.values.data(),
+                                                             given.lengths.data(), given.formats.data(), 0);
+    if (isSent == 0) {
         fail(nullptr);
     }
     PQsetSingleRowMode(connection);

@@ -1,9 +1,11 @@
 #pragma once
 #include <chrono>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "backend/store/Sql.h"
 
@@ -37,6 +39,7 @@ class Postgres : public Sql {
     using Result = std::unique_ptr<pg_result, void (*)(pg_result*)>;
 
     void readPartitions();
+    const char* prepared(const std::string& statement, const std::vector<unsigned>& types);
     void copy(const std::string& statement, const std::string& data);
     [[noreturn]] void fail(const pg_result* result) const;
     Result check(pg_result* result) const;
@@ -44,6 +47,12 @@ class Postgres : public Sql {
     std::unique_ptr<pg_conn, void (*)(pg_conn*)> m_connection;
     std::unique_ptr<pg_cancel, void (*)(pg_cancel*)> m_cancel;
     std::chrono::milliseconds m_limit{0};
+    struct Statement {
+        std::string name;
+        bool isPrepared = false;
+    };
+    bool m_prepares;
+    std::map<std::pair<std::string, std::vector<unsigned>>, Statement> m_statements;  ///< by text and types
     std::set<std::int64_t> m_partitions;  ///< days since 1970 that exist
 };
 
