@@ -186,41 +186,13 @@ Stored Store::putOne(const Received& received) {
     out.samples = envelope.samples.size();
     out.refused = envelope.refusedInAll;
 
-    std::int64_t from = envelope.createdMs;
-    std::int64_t to = envelope.createdMs;
-    if (!envelope.samples.empty()) {
-        const auto [least, greatest] =
-            std::minmax_element(envelope.samples.begin(), envelope.samples.end(),
-                                [](const Sample& a, const Sample& b) { return a.measuredMs < b.measuredMs; });
-        from = least->measuredMs;
-        to = greatest->measuredMs;
-    }
-    const Cell parameters[] = {envelope.messageId,
-                               vehicle,
-                               envelope.application,
-                               envelope.report,
-                               envelope.sequence,
-                               envelope.catalog,
-                               received.receivedMs,
-                               from,
-                               to,
-                               static_cast<std::int64_t>(envelope.samples.size()),
-                               spoolNumber(received.spoolNumber),
-                               static_cast<std::int64_t>(received.wireBytes),
-                               Bytes{m_compressor.compress(received.text)}};
-    const auto inserted = m_sql->query(
-        "INSERT INTO reports (message_id, vehicle, application, name, sequence, catalog, received, "
-        "measured_from, measured_to, samples, spool_number, wire_bytes, envelope) "
-        "VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13) "
-        "ON CONFLICT (message_id) DO NOTHING RETURNING id",
-        parameters);
-    if (inserted.empty()) {
+    const std::int64_t report = insertReport(envelope, vehicle, received);
+    if (report == 0) {
         out.outcome = Outcome::Repeated;
         return out;
     }
     std::vector<SampleRow> rows;
     rows.reserve(envelope.samples.size());
-    const std::int64_t report = integer(inserted[0][0]);
     std::map<std::pair<std::int64_t, std::int64_t>, const SampleRow*> newest;
     for (const Sample& sample : envelope.samples) {
         const SampleRow& row =
@@ -249,6 +221,39 @@ Stored Store::putOne(const Received& received) {
     }
     out.outcome = Outcome::Stored;
     return out;
+}
+
+/// Returns 0 for one that was stored before.
+std::int64_t Store::insertReport(const Envelope& envelope, std::int64_t vehicle, const Received& received) {
+    std::int64_t from = envelope.createdMs;
+    std::int64_t to = envelope.createdMs;
+    if (!envelope.samples.empty()) {
+        const auto [least, greatest] =
+            std::minmax_element(envelope.samples.begin(), envelope.samples.end(),
+                                [](const Sample& a, const Sample& b) { return a.measuredMs < b.measuredMs; });
+        from = least->measuredMs;
+        to = greatest->measuredMs;
+    }
+    const Cell parameters[] = {envelope.messageId,
+                               vehicle,
+                               envelope.application,
+                               envelope.report,
+                               envelope.sequence,
+                               envelope.catalog,
+                               received.receivedMs,
+                               from,
+                               to,
+                               static_cast<std::int64_t>(envelope.samples.size()),
+                               spoolNumber(received.spoolNumber),
+                               static_cast<std::int64_t>(received.wireBytes),
+                               Bytes{m_compressor.compress(received.text)}};
+    const auto inserted = m_sql->query(
+        "INSERT INTO reports (message_id, vehicle, application, name, sequence, catalog, received, "
+        "measured_from, measured_to, samples, spool_number, wire_bytes, envelope) "
+        "VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13) "
+        "ON CONFLICT (message_id) DO NOTHING RETURNING id",
+        parameters);
+    return inserted.empty() ? 0 : integer(inserted[0][0]);
 }
 
 /// The rows that most batches change, as late as possible: other instances wait for them.

@@ -106,6 +106,7 @@ class Store {
     bool putAll(std::span<const Received> batch, std::vector<Stored>& all, std::string& reason);
     std::vector<Stored> putEach(std::span<const Received> batch, const std::string& reason);
     Stored putOne(const Received& received);
+    std::int64_t insertReport(const Envelope& envelope, std::int64_t vehicle, const Received& received);
     void keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
                       const std::string& payload);
     bool attempt(const std::function<void()>& work, std::string& reason);

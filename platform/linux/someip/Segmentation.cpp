@@ -50,31 +50,9 @@ bool Reassembler::add(const SegmentKey& key, std::span<const std::uint8_t> conte
     const auto header = SegmentHeader::read(content.data());
     const auto bytes = content.subspan(kSegmentHeaderSize);
     const bool first = header.offset == 0;
-    const auto known = m_index.find(key);
-    const bool opened = known == m_index.end();
-    Set* set = opened ? nullptr : &*known->second;
-    if (opened) {
-        const bool repeats = repeatsCompleted(key, header, bytes);
-        if (repeats && !first) {
-            ++m_ignored;
-            return false;
-        }
-        set = open(key, first, now);
-        if (set == nullptr) {
-            return false;
-        }
-        set->repeats = repeats ? 1 : 0;
-    } else if (set->refused) {
-        if (!first) {
-            ++m_ignored;
-            return false;
-        }
-        set = openAgain(*set, 0, now);
-        if (set == nullptr) {
-            return false;
-        }
-    } else if (set->repeats != 0 && !repeatsCompleted(key, header, bytes)) {
-        set->repeats = 0;
+    Set* set = setFor(key, header, bytes, now);
+    if (set == nullptr) {
+        return false;
     }
     auto placed = place(*set, header, bytes);
     const bool begins =
@@ -90,17 +68,46 @@ bool Reassembler::add(const SegmentKey& key, std::span<const std::uint8_t> conte
         ++m_ignored;
         return false;
     }
+    ++set->segments;
     if (placed != Placed::Taken || m_held > m_limits.maxTotalBytes) {
         refuse(*set);
         return false;
     }
     if (!set->endKnown || set->front.size() != set->end) {
-        set->repeats += set->repeats != 0 && !opened ? 1 : 0;
         return false;
     }
     keep(*set, now);
     message = m_completed.back().bytes;
     return true;
+}
+
+/// The set that the segment belongs to; none when it is ignored or refused.
+Reassembler::Set* Reassembler::setFor(const SegmentKey& key, const SegmentHeader& segment,
+                                      std::span<const std::uint8_t> bytes, Clock::time_point now) {
+    const bool first = segment.offset == 0;
+    const auto known = m_index.find(key);
+    if (known == m_index.end()) {
+        const bool repeats = repeatsCompleted(key, segment, bytes);
+        if (repeats && !first) {
+            ++m_ignored;
+            return nullptr;
+        }
+        Set* const set = open(key, first, now);
+        if (set != nullptr) {
+            set->repeats = repeats;
+        }
+        return set;
+    }
+    Set& set = *known->second;
+    if (set.refused) {
+        if (!first) {
+            ++m_ignored;
+            return nullptr;
+        }
+        return openAgain(set, 0, now);
+    }
+    set.repeats = set.repeats && repeatsCompleted(key, segment, bytes);
+    return &set;
 }
 
 /// Whether the bytes and the end are those that the set has.
@@ -209,7 +216,7 @@ Reassembler::Set* Reassembler::open(const SegmentKey& key, bool first, Clock::ti
     bool full = openSets() >= m_limits.maxOpenSets;
     if (full) {
         // What only repeats a complete message is not worth a place.
-        const auto repeat = std::ranges::find_if(m_sets, [](const Set& one) { return one.repeats != 0; });
+        const auto repeat = std::ranges::find_if(m_sets, &Set::repeats);
         if (repeat != m_sets.end()) {
             countIncomplete(*repeat);
             erase(repeat);
@@ -259,14 +266,14 @@ void Reassembler::refuse(Set& set) {
     set.held = 0;
     set.front = {};
     set.ahead.clear();
-    set.repeats = 0;
+    set.repeats = false;
     set.refused = true;
     ++m_refused;
 }
 
 void Reassembler::countIncomplete(const Set& set) {
-    if (set.repeats != 0) {
-        m_ignored += set.repeats;
+    if (set.repeats) {
+        m_ignored += set.segments;
     } else if (!set.refused) {
         ++m_dropped;
     }

@@ -97,8 +97,9 @@ class Reassembler {
         bool endKnown = false;
         /// Bytes from 0 on that came again in order: should other bytes follow, they begin the next message.
         std::size_t again = 0;
-        std::uint64_t repeats = 0;  ///< segments, as long as all repeat the message that was completed before
-        bool refused = false;       ///< dropped already; kept so that what still comes opens no new set
+        std::uint64_t segments = 0;  ///< that were not there yet
+        bool repeats = false;        ///< so far all repeat the message that was completed before
+        bool refused = false;        ///< dropped already; kept so that what still comes opens no new set
     };
     using Sets = std::list<Set>;  ///< oldest first
 
@@ -112,6 +113,8 @@ class Reassembler {
     bool agrees(const Set& set, const SegmentHeader& segment, std::span<const std::uint8_t> bytes) const;
     void insert(Set& set, std::size_t from, std::span<const std::uint8_t> bytes);
     void hold(Set& set, std::size_t bytes);
+    Set* setFor(const SegmentKey& key, const SegmentHeader& segment, std::span<const std::uint8_t> bytes,
+                Clock::time_point now);
     Set* open(const SegmentKey& key, bool first, Clock::time_point now);
     Set* openAgain(Set& set, std::size_t kept, Clock::time_point now);
     void refuse(Set& set);
