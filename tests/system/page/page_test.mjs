@@ -1,5 +1,5 @@
 // The page in a real browser: data of a vehicle appears by itself, a configuration made on the page is stored and
-// collects, the page survives a restart of the server, and every view is accessible and fits a narrow screen.
+// collects, the page survives restarts of server, broker and database, and every view is accessible and fits a narrow screen.
 import assert from "node:assert/strict";
 import { mkdtempSync, readFileSync, rmSync, existsSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -27,6 +27,7 @@ let serverRuns = true;
 before(async () => {
   await bench.prepare();
   bench.startBroker();
+  await bench.startDatabase();
   await bench.startBackend();
   bench.startVehicle();
   browser = await chromium.launch({ executablePath: VLM_CHROMIUM, args: [
@@ -55,7 +56,7 @@ function test(name, body) {
 }
 
 after(async () => {
-  if (failed) console.log(["vlm-backend", "vlm-vehicle"].map((name) => `${name}:\n${bench.log(name)}`).join("\n"));
+  if (failed) console.log(["postgres", "vlm-backend", "vlm-vehicle"].map((name) => `${name}:\n${bench.log(name)}`).join("\n"));
   await browser?.close();
   await bench.endAll();
   rmSync(folder, { recursive: true, force: true });
@@ -165,6 +166,20 @@ test("the page recovers when server and broker restart", async () => {
   await bench.startBackend();
   await page.getByText("live", { exact: true }).waitFor();
   serverRuns = true;
+  const before = await number("[data-positions]", "data-positions");
+  await until(async () => (await number("[data-positions]", "data-positions")) > before, "new positions after the restart", 60_000);
+});
+
+test("the page recovers when the database restarts", async () => {
+  serverRuns = false;
+  await bench.end("postgres", "SIGQUIT"); // at once, as after a fault
+  await page.goto(`${bench.address}#/vehicles`);
+  await page.getByRole("alert").first().waitFor();
+  await bench.startDatabase();
+  await page.getByRole("link", { name: "bench" }).waitFor();
+  serverRuns = true;
+  await page.goto(`${bench.address}#/vehicle/bench`);
+  await until(async () => (await page.locator("[data-positions]").count()) && (await number("[data-positions]", "data-positions")) > 0, "the track");
   const before = await number("[data-positions]", "data-positions");
   await until(async () => (await number("[data-positions]", "data-positions")) > before, "new positions after the restart", 60_000);
 });

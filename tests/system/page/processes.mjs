@@ -1,6 +1,6 @@
-// A vehicle, vlmmaster, a broker and a backend with its page, on loopback, in a folder of their own.
-import { spawn } from "node:child_process";
-import { existsSync, mkdirSync, openSync, readdirSync, readFileSync, writeFileSync } from "node:fs";
+// A vehicle, vlmmaster, a broker, PostgreSQL and a backend with its page, on loopback, in a folder of their own.
+import { execFileSync, spawn } from "node:child_process";
+import { chmodSync, chownSync, existsSync, mkdirSync, openSync, readdirSync, readFileSync, writeFileSync } from "node:fs";
 import { createServer } from "node:net";
 import { createSocket } from "node:dgram";
 import { join } from "node:path";
@@ -38,6 +38,19 @@ function fasterClock() {
   return { LD_PRELOAD: `/usr/lib/${folder}/faketime/libfaketimeMT.so.1`, NO_FAKE_STAT: "1", FAKETIME: `+0 x${SPEED}` };
 }
 
+function postgresPrograms() {
+  const versions = "/usr/lib/postgresql";
+  const newest = readdirSync(versions).filter((name) => existsSync(join(versions, name, "bin/initdb"))).sort((a, b) => a - b).pop();
+  return join(versions, newest, "bin");
+}
+
+// PostgreSQL refuses to run as root.
+function postgresUser() {
+  if (process.getuid() !== 0) return {};
+  const [uid, gid] = ["-u", "-g"].map((what) => Number(execFileSync("id", [what, "postgres"])));
+  return { uid, gid };
+}
+
 export class Bench {
   constructor(folder) {
     this.folder = folder;
@@ -47,6 +60,7 @@ export class Bench {
   async prepare() {
     this.broker = await freePort();
     this.port = await freePort();
+    this.databasePort = await freePort();
     this.discovery = await freePort(true);
     mkdirSync(join(this.folder, "spool"));
     writeFileSync(join(this.folder, "mosquitto.conf"),
@@ -64,9 +78,9 @@ export class Bench {
     return `http://127.0.0.1:${this.port}/`;
   }
 
-  start(name, command, environment = {}) {
+  start(name, command, environment = {}, user = {}) {
     const log = openSync(join(this.folder, `${name}.log`), "a");
-    const child = spawn(command[0], command.slice(1), { stdio: ["ignore", log, log], env: { ...process.env, ...environment } });
+    const child = spawn(command[0], command.slice(1), { stdio: ["ignore", log, log], env: { ...process.env, ...environment }, ...user });
     child.ended = new Promise((done) => child.once("exit", done));
     this.started.set(name, child);
   }
@@ -75,9 +89,35 @@ export class Bench {
     this.start("mosquitto", [existsSync("/usr/sbin/mosquitto") ? "/usr/sbin/mosquitto" : "mosquitto", "-c", join(this.folder, "mosquitto.conf")]);
   }
 
+  async startDatabase() {
+    const programs = postgresPrograms();
+    const user = postgresUser();
+    const data = join(this.folder, "database");
+    const peer = ["-h", "127.0.0.1", "-p", String(this.databasePort), "-U", "test"];
+    const isNew = !existsSync(data);
+    if (isNew) {
+      mkdirSync(data);
+      chmodSync(this.folder, 0o755);
+      if (user.uid) chownSync(data, user.uid, user.gid);
+      execFileSync(join(programs, "initdb"), ["-D", data, "-U", "test", "-A", "trust", "-E", "UTF8", "--locale=C.UTF-8"],
+        { stdio: "ignore", cwd: "/", ...user });
+    }
+    this.start("postgres", [join(programs, "postgres"), "-D", data, "-p", String(this.databasePort), "-k", "", "-c", "listen_addresses=127.0.0.1"],
+      {}, user);
+    await until(() => {
+      try {
+        execFileSync(join(programs, "pg_isready"), peer, { stdio: "ignore" });
+        return true;
+      } catch {
+        return false;
+      }
+    }, () => `PostgreSQL; ${this.log("postgres")}`);
+    if (isNew) execFileSync(join(programs, "createdb"), [...peer, "vehicles"]);
+  }
+
   startBackend(...options) {
-    this.start("vlm-backend", [VLM_BACKEND, "--prefix", "vlm/bench", "--port", String(this.broker), "--database", join(this.folder, "vehicles.db"),
-      "--listen", `127.0.0.1:${this.port}`, "--page", VLM_PAGE, "--catalog", VLM_CATALOG, "--machine", join(this.folder, "vlmmaster.sock"),
+    this.start("vlm-backend", [VLM_BACKEND, "--prefix", "vlm/bench", "--port", String(this.broker), "--database",
+      `postgresql://test@127.0.0.1:${this.databasePort}/vehicles`, "--listen", `127.0.0.1:${this.port}`, "--page", VLM_PAGE, "--catalog", VLM_CATALOG, "--machine", join(this.folder, "vlmmaster.sock"),
       "--machine-log", join(this.folder, "vlmmaster.txt"), ...options]);
     return until(async () => (await fetch(`${this.address}healthz`).catch(() => null))?.ok, () => `the backend; ${this.log("vlm-backend")}`);
   }
@@ -93,11 +133,11 @@ export class Bench {
     return readFileSync(join(this.folder, `${name}.log`), "utf8").slice(-2000);
   }
 
-  async end(name) {
+  async end(name, signal = "SIGTERM") {
     const child = this.started.get(name);
     if (!child) return;
     this.started.delete(name);
-    child.kill("SIGTERM");
+    child.kill(signal);
     const timer = setTimeout(() => child.kill("SIGKILL"), END_MS);
     await child.ended;
     clearTimeout(timer);
