@@ -2,26 +2,18 @@
 #include "backend/store/Configurations.h"
 
 #include <botan/base64.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "backend/Backend.h"
 #include "backend/store/Schema.h"
 #include "backend/web/ConfigureApi.h"
 #include "backend/web/Queries.h"
-#include "json/JsonFields.h"
 #include "tests/unit/backend/Databases.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using vlmProd::compactText;
-using vlmProd::member;
+using namespace vlmTest;
 using web::Role;
 
 constexpr const char* kGood = R"({"CONFIG": [{"name": "trip", "version": "1"}],
@@ -29,31 +21,22 @@ constexpr const char* kGood = R"({"CONFIG": [{"name": "trip", "version": "1"}],
   "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "minute"}],
   "REPORT": [{"name": "Trip", "application": "App", "from": ["position"]}]})";
 
-class ConfigurationsTest : public ::testing::TestWithParam<store::Dialect> {
-  protected:
+struct ConfigurationsTest : WithRoutes {
     ConfigurationsTest() {
         api.addRoutes(router);
         for (const std::string vehicle : {"a", "b", "c"}) {
             say(vehicle, R"({"state":"offline"})");
         }
     }
-    store::Sql& sql() { return database.sql(); }
+    store::Sql& sql() { return store.sql(); }
     /// Status and body.
-    std::pair<int, kyo::Json::Value> ask(const std::string& method, const std::string& target,
-                                         const kyo::Json::Value& body = {}, Role role = Role::Configure) {
-        web::Request request;
-        request.method = method;
-        request.contentType = "application/json";
-        request.body = compactText(body);
-        request.role = role;
-        request.user = "ines";
-        const auto response = router.handle(target, request);
-        kyo::Json::Value content;
-        EXPECT_TRUE(kyo::Json::Reader().parse(response.body, content, false)) << response.body;
-        return {response.status, content};
+    std::pair<int, Value> ask(const std::string& method, const std::string& target, const Value& body = {},
+                              Role role = Role::Configure) {
+        const auto response = handle(method, target, compactText(body), role);
+        return {response.status, valueOf(response.body)};
     }
-    static kyo::Json::Value configuration(const std::string& name, const std::string& text = kGood) {
-        kyo::Json::Value body;
+    static Value configuration(const std::string& name, const std::string& text = kGood) {
+        Value body;
         body["name"] = name;
         body["text"] = text;
         return body;
@@ -61,26 +44,23 @@ class ConfigurationsTest : public ::testing::TestWithParam<store::Dialect> {
     std::int64_t add(const std::string& name) {
         return ask("POST", "/api/configurations", configuration(name)).second["id"].asInt64();
     }
+    /// No configuration for id 0.
     int assign(const std::string& vehicle, const std::string& group, std::int64_t id) {
-        kyo::Json::Value body;
-        body["vehicle"] = vehicle;
-        body["group"] = group;
-        body["configuration"] =
-            id == 0 ? kyo::Json::Value() : kyo::Json::Value(static_cast<kyo::Json::Int64>(id));
-        return ask("PUT", "/api/assignments", body).first;
+        return ask("PUT", "/api/assignments",
+                   valueOf(R"({"vehicle":")" + vehicle + R"(","group":")" + group + R"(","configuration":)" +
+                           (id == 0 ? "null" : std::to_string(id)) + "}"))
+            .first;
     }
     int setGroup(const std::string& vehicle, const std::string& group) {
-        kyo::Json::Value body;
-        body["group"] = group;
-        return ask("PUT", "/api/vehicles/" + vehicle + "/group", body).first;
+        return ask("PUT", "/api/vehicles/" + vehicle + "/group", valueOf(R"({"group":")" + group + "\"}"))
+            .first;
     }
     /// "<prefix> <recordId>" of each configuration among the messages.
     static std::vector<std::string> sent(const std::vector<Outgoing>& messages) {
         std::vector<std::string> out;
         for (const Outgoing& message : messages) {
             if (message.topic.ends_with("/config/response")) {
-                kyo::Json::Value content;
-                EXPECT_TRUE(kyo::Json::Reader().parse(message.payload, content, false));
+                const Value content = valueOf(message.payload);
                 out.push_back(message.topic.substr(0, message.topic.find("/config")) + ' ' +
                               content[0]["recordId"].asString());
                 const auto body = Botan::base64_decode(content[0]["recordBody"].asString());
@@ -105,29 +85,23 @@ class ConfigurationsTest : public ::testing::TestWithParam<store::Dialect> {
                                                             R"(","reason":"why"}]})");
     }
     std::vector<std::string> changed() { return sent(backend.onConfigurationsChanged()); }
-    kyo::Json::Value delivery(const std::string& vehicle) {
-        return web::vehicle(sql(), vehicle)["configuration"];
-    }
+    Value delivery(const std::string& vehicle) { return web::vehicle(sql(), vehicle)["configuration"]; }
     std::string stateOf(const std::string& vehicle) { return delivery(vehicle)["state"].asString(); }
     std::string record(std::int64_t id) { return store::configuration(sql(), id).value().recordId; }
 
     Settings settings() {
         Settings out;
-        out.database = &database;
+        out.database = &store;
         return out;
     }
 
-    const vlmTest::FreshDatabase fresh{GetParam()};
-    store::Store database{fresh.where};
     Backend backend{settings(), [](const std::string&) {}};
     int changes = 0;
-    web::Readers readers{fresh.where};
     const web::ConfigureApi api{{fresh.where, "/nowhere/catalog.json", [this] { ++changes; }}, readers};
-    web::Router router;
 };
 
 TEST_P(ConfigurationsTest, AreCheckedAsByVlmCheckAndCountedPerName) {
-    kyo::Json::Value text;
+    Value text;
     text["text"] = "{\"CLOCK\": 1,\n \"clok\": []}";
     const auto [status, findings] = ask("POST", "/api/check", text, Role::View);
     EXPECT_EQ(status, 200);
@@ -177,7 +151,7 @@ TEST_P(ConfigurationsTest, OfAVehicleComeBeforeItsGroups) {
     EXPECT_EQ(assign("a", "", 0), 200);
     EXPECT_EQ(delivery("a")["desired"].asInt64(), shared);
     EXPECT_EQ(setGroup("a", ""), 200);
-    EXPECT_EQ(delivery("a")["desired"], kyo::Json::Value());
+    EXPECT_EQ(delivery("a")["desired"], Value());
 
     EXPECT_EQ(assign("unknown", "", own), 404);
     EXPECT_EQ(assign("a", "", 99), 404);
@@ -242,7 +216,7 @@ class OlderDatabaseTest : public ::testing::TestWithParam<store::Dialect> {};
 INSTANTIATE_WITH_EACH_DATABASE(OlderDatabaseTest);
 
 TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
-    const vlmTest::FreshDatabase fresh(GetParam());
+    const FreshDatabase fresh(GetParam());
     {
         const auto old = store::connect(fresh.where);
         store::migrate(*old, 1);
@@ -266,7 +240,7 @@ TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
         database.sql().query("SELECT latitude, received_ms FROM gnss_positions WHERE vehicle = 'bench'");
     ASSERT_THAT(rows, SizeIs(1));
     EXPECT_EQ(store::real(rows[0][0]), 48.5);
-    const store::Received again{"vlm/bench", vlmTest::envelopeText("m", "[]"), "", "", 9, 30};
+    const store::Received again{"vlm/bench", envelopeText("m", "[]"), "", "", 9, 30};
     EXPECT_EQ(database.put({&again, 1})[0].outcome, store::Outcome::Repeated);
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["configuration"]["state"].asString(), "none");
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["samples"].asInt(), 1);

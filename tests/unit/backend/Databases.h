@@ -1,12 +1,9 @@
 #pragma once
 /// Tests that run with each kind of database.
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "backend/store/Sql.h"
+#include "backend/store/Store.h"
+#include "backend/web/Readers.h"
+#include "backend/web/Router.h"
 #include "tests/support/PostgresServer.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace vlmTest {
 
@@ -22,6 +19,36 @@ class FreshDatabase {
 
   public:
     const std::string where;
+};
+
+/// A store in a database of its own.
+struct WithStore : TestWithParam<vlmBackend::store::Dialect> {
+    /// Stores the envelope of a vehicle.
+    vlmBackend::store::Outcome arrive(const std::string& prefix, std::string text, std::int64_t at) {
+        const vlmBackend::store::Received received{prefix, std::move(text), "", "17", 10, at};
+        return store.put({&received, 1})[0].outcome;
+    }
+
+    const FreshDatabase fresh{GetParam()};
+    vlmBackend::store::Store store{fresh.where};
+};
+
+/// And the routes of a test on it.
+struct WithRoutes : WithStore {
+    vlmBackend::web::Response handle(const std::string& method, const std::string& target,
+                                     const std::string& body, vlmBackend::web::Role role,
+                                     const std::string& type = "application/json") {
+        vlmBackend::web::Request request;
+        request.method = method;
+        request.contentType = type;
+        request.body = body;
+        request.role = role;
+        request.user = "ines";
+        return router.handle(target, request);
+    }
+
+    vlmBackend::web::Readers readers{fresh.where};
+    vlmBackend::web::Router router;
 };
 
 inline std::string nameOfDialect(const testing::TestParamInfo<vlmBackend::store::Dialect>& info) {

@@ -1,16 +1,12 @@
 #include "backend/store/Envelope.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include "tests/support/Test.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend::store {
 namespace {
 
-using ::testing::HasSubstr;
-using vlmTest::envelopeText;
-using vlmTest::positionText;
+using namespace vlmTest;
 
 TEST(EnvelopeReader, SortsTheMembersOfSamplesAndSetsAsideWhatFitsNoEvent) {
     const std::string bad[] = {

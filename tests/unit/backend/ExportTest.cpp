@@ -1,23 +1,16 @@
 #include "backend/store/Export.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <sstream>
-
 #include "backend/store/Store.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend::store {
 namespace {
 
-using ::testing::HasSubstr;
-using vlmTest::envelopeText;
-using vlmTest::positionText;
+using namespace vlmTest;
 
 TEST(Export, WritesChosenColumnsATrackAndTheEnvelopesOfATimeRange) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const std::string file = folder.file("db");
     Store store(file);
     constexpr long long t = 1'700'000'000'000;

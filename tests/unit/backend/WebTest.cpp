@@ -1,69 +1,39 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <fstream>
-
 #include "backend/store/Configurations.h"
-#include "backend/store/Store.h"
 #include "backend/web/Access.h"
 #include "backend/web/Machine.h"
 #include "backend/web/Page.h"
 #include "backend/web/Queries.h"
 #include "backend/web/ReadApi.h"
 #include "backend/web/Updates.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/backend/Databases.h"
 #include "tests/unit/backend/Envelopes.h"
 
 namespace vlmBackend::web {
 namespace {
 
-using kyo::Json::Value;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using vlmProd::compactText;
-using vlmTest::envelopeText;
-using vlmTest::positionText;
+using namespace vlmTest;
 
 constexpr std::int64_t kNow = 1'700'000'000'000;
 
-Value jsonOf(const std::string& text) {
-    Value content;
-    kyo::Json::Reader().parse(text, content, false);
-    return content;
-}
-
-class WebTest : public ::testing::TestWithParam<store::Dialect> {
-  protected:
+struct WebTest : WithRoutes {
     WebTest() { addReadRoutes(router, readers); }
 
-    void arrive(const std::string& id, const std::string& samples, const std::string& service = "GNSSProxy",
-                const std::string& resource = "positions") {
-        const store::Received received{"vlm/a b", envelopeText(id, samples, service, resource), "", "", 10,
-                                       kNow + 500};
-        ASSERT_EQ(store.put({&received, 1})[0].outcome, store::Outcome::Stored);
+    void arrive(const std::string& id, const std::string& samples) {
+        ASSERT_EQ(WithRoutes::arrive("vlm/a b", envelopeText(id, samples), kNow + 500),
+                  store::Outcome::Stored);
     }
     void setPresence(const std::string& prefix, bool online, std::int64_t at) {
         store::Presence one{prefix, online, "1", false};
         EXPECT_TRUE(store.setPresence({&one, 1}, "", at));
     }
-    Response get(const std::string& target, Role role = Role::View, const std::string& method = "GET") {
-        Request request;
-        request.method = method;
-        request.role = role;
-        return router.handle(target, request);
+    Response get(const std::string& target, Role role = Role::View) {
+        return handle("GET", target, "", role);
     }
     Value ask(const std::string& what) {
         const Response answer = get("/api/vehicles/a%20b" + what);
         EXPECT_EQ(answer.status, 200) << what << ": " << answer.body;
-        return jsonOf(answer.body);
+        return valueOf(answer.body);
     }
-
-    const vlmTest::FreshDatabase fresh{GetParam()};
-    store::Store store{fresh.where};
-    Readers readers{fresh.where};
-    Router router;
 };
 INSTANTIATE_WITH_EACH_DATABASE(WebTest);
 
@@ -71,25 +41,21 @@ TEST_P(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
     router.add("PUT", "/api/things/{thing}", Role::Configure, [](const Request& request) {
         return Response::text(request.parameter("thing") + "=" + request.json()["x"].asString());
     });
-    const auto put = [&](const std::string& target, Role role, const std::string& type,
-                         const std::string& body) {
-        Request request;
-        request.method = "PUT";
-        request.role = role;
-        request.contentType = type;
-        request.body = body;
-        return router.handle(target, request);
+    const std::tuple<const char*, Role, const char*, std::string, int> requests[] = {
+        {"/api/things/a%2Fb", Role::Configure, "application/json", R"({"x":"y"})", 200},
+        {"/api/things/a", Role::View, "application/json", "{}", 403},
+        {"/api/things/a", Role::None, "application/json", "{}", 401},
+        {"/api/things/a", Role::Configure, "text/plain", "{}", 415},  // no form of another site
+        {"/api/things/a", Role::Configure, "application/json", "[]", 400},
+        {"/api/things/a", Role::Configure, "application/json", R"({"x":)" + std::string(100, '['), 413},
+        {"/api/things/", Role::Configure, "application/json", "{}", 404},
+        {"/api/things/%f", Role::Configure, "application/json", "{}", 400},
     };
-    const std::string json = "application/json";
-    EXPECT_EQ(put("/api/things/a%2Fb", Role::Configure, json, R"({"x":"y"})").body, "a/b=y");
-    EXPECT_EQ(put("/api/things/a", Role::View, json, "{}").status, 403);
-    EXPECT_EQ(put("/api/things/a", Role::None, json, "{}").status, 401);
-    EXPECT_EQ(put("/api/things/a", Role::Configure, "text/plain", "{}").status, 415)
-        << "no form of another site";
-    EXPECT_EQ(put("/api/things/a", Role::Configure, json, "[]").status, 400);
-    EXPECT_EQ(put("/api/things/a", Role::Configure, json, R"({"x":)" + std::string(100, '[')).status, 413);
-    EXPECT_EQ(put("/api/things/", Role::Configure, json, "{}").status, 404);
-    EXPECT_EQ(put("/api/things/%f", Role::Configure, json, "{}").status, 400);
+    for (const auto& [target, role, type, body, status] : requests) {
+        const Response answer = handle("PUT", target, body, role, type);
+        EXPECT_EQ(answer.status, status) << target << ' ' << type << ' ' << body.substr(0, 20);
+        EXPECT_EQ(answer.body == "a/b=y", status == 200);
+    }
     EXPECT_EQ(get("/api/things/a").status, 405);
     EXPECT_EQ(get("/api/vehicles", Role::None).status, 401);
 
@@ -108,7 +74,7 @@ TEST_P(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
     for (const auto& [query, reason] : wrong) {
         const Response answer = get(std::string("/api/vehicles/a%20b/") + query);
         EXPECT_EQ(answer.status, 400) << query;
-        EXPECT_THAT(jsonOf(answer.body)["error"].asString(), HasSubstr(reason));
+        EXPECT_THAT(valueOf(answer.body)["error"].asString(), HasSubstr(reason));
     }
     EXPECT_EQ(get("/api/vehicles/none/export?form=gpx").status, 404) << "before the first byte of the file";
 }
@@ -174,7 +140,7 @@ TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
     EXPECT_EQ(vehicle["unusable"].asInt(), 1);
     EXPECT_EQ(vehicle["measuredFromMs"].asInt64(), kNow - 9);
     EXPECT_EQ(vehicle["measuredToMs"].asInt64(), kNow + 9);
-    const Value unusable = jsonOf(get("/api/unusable?vehicle=a+b").body);
+    const Value unusable = valueOf(get("/api/unusable?vehicle=a+b").body);
     ASSERT_EQ(unusable.size(), 1u);
     EXPECT_EQ(get("/api/unusable/" + unusable[0]["id"].asString()).body, "no envelope");
     EXPECT_EQ(get("/api/unusable/99").status, 404);
@@ -190,7 +156,7 @@ TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
 TEST_P(WebTest, ListsVehiclesInPartsAndCountsAll) {
     const auto names = [&](const std::string& query) {
         std::string all;
-        const Value found = jsonOf(get("/api/vehicles?" + query).body);
+        const Value found = valueOf(get("/api/vehicles?" + query).body);
         for (const Value& vehicle : found) {
             all += (all.empty() ? "" : " ") + vehicle["name"].asString();
         }
@@ -227,12 +193,12 @@ TEST_P(WebTest, ListsVehiclesInPartsAndCountsAll) {
     }
     EXPECT_EQ(paged, whole);
 
-    const Value fleet = jsonOf(get("/api/fleet").body);
+    const Value fleet = valueOf(get("/api/fleet").body);
     EXPECT_EQ(
         compactText(fleet),
         R"({"configurations":[],"groups":[{"name":"50% fleet","vehicles":1}],"online":1,"present":3,"refused":0,)"
         R"("samples":1,"vehicles":4,"waitingEnvelopes":17,"withLosses":1})");
-    EXPECT_EQ(jsonOf(get("/api/vehicles/van").body)["lost"].asInt(), 7);
+    EXPECT_EQ(valueOf(get("/api/vehicles/van").body)["lost"].asInt(), 7);
 }
 
 TEST_P(WebTest, UpdatesNameWhatChangedAndOnlySayThatMuchDid) {
@@ -269,7 +235,7 @@ TEST_P(WebTest, UpdatesNameWhatChangedAndOnlySayThatMuchDid) {
 }
 
 TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     const std::string users = folder.file("users");
     addUser(users, "eva", "view", "a long password");
     addUser(users, "udo", "view", "another password");
@@ -283,10 +249,9 @@ TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {
                                   const std::string& address = "192.0.2.1") {
         Request request;
         const auto refused = access.admit({address, "any", authorization}, request);
+        const char* const role[] = {"", ".", "!"};
         return refused ? std::to_string(refused->status)
-                       : request.user + (request.role == Role::Configure ? "!"
-                                         : request.role == Role::View    ? "."
-                                                                         : "");
+                       : request.user + role[static_cast<int>(request.role)];
     };
     EXPECT_EQ(roleOf("Basic ZXZhOmEgbG9uZyBwYXNzd29yZA=="), "eva.");  // eva:a long password
     EXPECT_EQ(roleOf("Basic dWRvOmEgdGhpcmQgcGFzc3dvcmQ="), "udo!");  // udo:a third password
@@ -318,7 +283,7 @@ TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {
 }
 
 TEST(WebFilesTest, ServesThePageAndTheEndOfALog) {
-    const vlmTest::TemporaryFolder folder;
+    const TemporaryFolder folder;
     std::filesystem::create_directories(folder.file("page/assets"));
     std::ofstream(folder.file("page/index.html")) << "<p>";
     std::ofstream(folder.file("page/.hidden")) << "x";

@@ -47,12 +47,8 @@ TEST(GpxTrack, GivesPlaceSpeedAndCourseBetweenItsPoints) {
 
 const qdr::services::DescribedEvent& temperatures() {
     static const auto service = qdr::services::makeDescribedService("Temperature");
-    for (auto* event : service->events()) {
-        if (event->name() == "temperatures") {
-            return *event;
-        }
-    }
-    throw std::logic_error("no temperatures");
+    const auto events = service->events();
+    return **std::ranges::find(events, "temperatures", &qdr::services::DescribedEvent::name);
 }
 
 TEST(CsvRecording, MakesSamplesOfRowsAndNotificationsOfTimes) {

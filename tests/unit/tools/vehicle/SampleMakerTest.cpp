@@ -35,12 +35,8 @@ struct AllServices {
 };
 
 const FieldInfo* fieldOf(const DescribedEvent& event, const std::string& name) {
-    for (const auto& field : event.fields()) {
-        if (field.name == name) {
-            return &field;
-        }
-    }
-    return nullptr;
+    const auto found = std::ranges::find(event.fields(), name, &FieldInfo::name);
+    return found == event.fields().end() ? nullptr : &*found;
 }
 
 const FieldInfo& keyField(const DescribedEvent& event) {

@@ -1,18 +1,14 @@
 /// The selections of vlm-watch, on the real descriptions.
 #include "tools/watch/Selection.h"
 
-#include <gmock/gmock.h>
-
-#include <stdexcept>
+#include "tests/support/Test.h"
 
 namespace vlmWatch {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace vlmTest;
 
-class Selection : public testing::Test {
-  protected:
+struct Selection : Test {
     /// "GNSS.positions:1,2"; no index is all of them.
     static std::vector<std::string> selected(const std::vector<std::string>& texts) {
         std::vector<std::string> all;
@@ -24,15 +20,6 @@ class Selection : public testing::Test {
             all.push_back(std::move(text));
         }
         return all;
-    }
-
-    static std::string refusal(const std::string& text) {
-        try {
-            select({text}, services());
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "taken";
     }
 
     static const Services& services() {
@@ -66,16 +53,20 @@ TEST_F(Selection, JoinsWhatIsSelectedTwice) {
 }
 
 TEST_F(Selection, IsRefusedWithNearNames) {
-    EXPECT_THAT(refusal("GNS"), HasSubstr("no service is called \"GNS\"; did you mean \"GNSS\"?"));
-    EXPECT_THAT(refusal("qqqqqq"), HasSubstr("known are ACC, AWV"));
-    EXPECT_THAT(refusal("GNSS.position"),
-                HasSubstr("GNSS has no event \"position\"; did you mean \"positions\"?"));
-    EXPECT_THAT(refusal("GNSS.positions:fusde"), HasSubstr("no index \"fusde\"; did you mean \"fused\"?"));
-    EXPECT_THAT(refusal("GNSS.positions:7"), HasSubstr("it has 1 (fused), 2 (satellitesOnly)"));
-    EXPECT_THAT(refusal("GNSS.positions:99999999999999999999"),
-                HasSubstr("it has 1 (fused), 2 (satellitesOnly)"));
+    std::vector<std::pair<const char*, const char*>> cases{
+        {"GNS", "no service is called \"GNS\"; did you mean \"GNSS\"?"},
+        {"qqqqqq", "known are ACC, AWV"},
+        {"GNSS.position", "GNSS has no event \"position\"; did you mean \"positions\"?"},
+        {"GNSS.positions:fusde", "no index \"fusde\"; did you mean \"fused\"?"},
+        {"GNSS.positions:7", "it has 1 (fused), 2 (satellitesOnly)"},
+        {"GNSS.positions:99999999999999999999", "it has 1 (fused), 2 (satellitesOnly)"}};
     for (const char* text : {"", ".", ":", ".positions", "GNSS.", "GNSS:", "GNSS.positions:"}) {
-        EXPECT_THAT(refusal(text), HasSubstr("SERVICE[.event][:index] is expected")) << text;
+        cases.emplace_back(text, "SERVICE[.event][:index] is expected");
+    }
+    for (const auto& [text, reason] : cases) {
+        EXPECT_THAT([&text = text] { select({text}, services()); },
+                    testing::ThrowsMessage<std::runtime_error>(HasSubstr(reason)))
+            << text;
     }
 }
 

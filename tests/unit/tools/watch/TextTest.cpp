@@ -1,19 +1,16 @@
 /// How vlm-watch shows samples.
 #include "tools/watch/Text.h"
 
-#include <gmock/gmock.h>
-
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 
 namespace vlmWatch {
 namespace {
 
 using qdr::services::FieldValue;
-using testing::HasSubstr;
-using vlmTest::linesOf;
+using namespace vlmTest;
 
-class Text : public testing::Test {
-  protected:
+struct Text : Test {
     /// A sample of the only selected event; 2026-11-25 20:45:24.123456 UTC.
     Arrival arrival(const std::map<std::string, FieldValue>& values, std::int64_t index) const {
         const auto& fields = selection.front().event->fields();
@@ -40,8 +37,8 @@ TEST_F(Text, OfOneEventIsATableWithSteadyColumns) {
     Lines lines(selection, {.fields = {"latitude", "longitude", "speed2D"}});
     const auto first = linesOf(lines.of(arrival(sample, 2), 0));
     ASSERT_EQ(first.size(), 3u);
-    EXPECT_THAT(first[0], testing::StartsWith("UTC           GNSS.positions "));
-    EXPECT_THAT(first[2], testing::StartsWith("20:45:24.123  :2 satellitesOnly"));
+    EXPECT_THAT(first[0], StartsWith("UTC           GNSS.positions "));
+    EXPECT_THAT(first[2], StartsWith("20:45:24.123  :2 satellitesOnly"));
     EXPECT_THAT(first[2], HasSubstr("48.4012346"));
     EXPECT_THAT(first[2], HasSubstr("-9.5 (notAvailable)"));
     EXPECT_THAT(first[2], HasSubstr("(9)")) << "a state that the description does not know";
@@ -53,7 +50,7 @@ TEST_F(Text, OfOneEventIsATableWithSteadyColumns) {
     const auto second = linesOf(lines.of(arrival({{"latitude", 1.0}}, 1), 0));
     ASSERT_EQ(second.size(), 1u);
     EXPECT_EQ(second[0].find("1", second[0].find("fused") + 5) + 1, end);
-    EXPECT_THAT(second[0], testing::EndsWith("-"));
+    EXPECT_THAT(second[0], EndsWith("-"));
 }
 
 TEST_F(Text, FitsTheTerminal) {
@@ -80,17 +77,16 @@ TEST_F(Text, ExplainedHasUnitsAndMeanings) {
 }
 
 TEST_F(Text, ForProgramsHasAllValuesUnchanged) {
-    kyo::Json::Value line;
-    ASSERT_TRUE(kyo::Json::Reader().parse(jsonLine(selection.front(), arrival(sample, 2)), line));
+    const Value line = valueOf(jsonLine(selection.front(), arrival(sample, 2)));
     EXPECT_EQ(line["timestamp"].asInt64(), 1795639524123);
     EXPECT_EQ(line["index"].asInt(), 2);
     EXPECT_EQ(line["values"]["latitude"].asDouble(), 48.401234567);
     EXPECT_EQ(line["values"]["longitudeValueType"].asInt(), 2);
     EXPECT_EQ(line["values"].size(), sample.size());
     const auto& event = *selection.front().event;
-    EXPECT_THAT(csvHeader(event), testing::StartsWith("time,type,messageCounter,"));
+    EXPECT_THAT(csvHeader(event), StartsWith("time,type,messageCounter,"));
     const std::string row = csvRow(event, arrival(sample, 2));
-    EXPECT_THAT(row, testing::StartsWith("1795639524.123456,satellitesOnly,,"));
+    EXPECT_THAT(row, StartsWith("1795639524.123456,satellitesOnly,,"));
     EXPECT_THAT(row, HasSubstr(",48.401234567,valid,-9.5,notAvailable,"));
     EXPECT_EQ(std::ranges::count(row, ','), static_cast<std::ptrdiff_t>(event.fields().size()));
 }
