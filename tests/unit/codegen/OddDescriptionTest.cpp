@@ -6,6 +6,7 @@
 #include "qdr/services/described.h"
 #include "qdr/services/oddities/datatypes.h"
 #include "qdr/services/oddities/interface.h"
+#include "services/adapters/RecordWriter.h"
 #include "services/adapters/VLMOddities.h"
 #include "tests/support/RecordValue.h"
 
@@ -101,8 +102,10 @@ TEST_F(OddDescription, TheKeyValueSelectsWhatIsWrittenButForNumbersThatJsonCanno
     odd.f32 = std::numeric_limits<float>::infinity();
     odd.f64 = std::nan("");
     odd.u8 = 0;
+    const auto before = notFiniteMembers().value();
     adapter.callback_scalars({odd});
     EXPECT_EQ(record(), R"({"resName":"scalars","selector":7,"u8":0})");
+    EXPECT_EQ(notFiniteMembers().value(), before + 2);
     DT_scalars_struct sample = fullSample();
     const std::pair<eb::com::optional<Selector>, const char*> cases[] = {
         {Selector::largest, R"({"resName":"scalars","selector":2147483647,"text":"Gr\u00f6\u00dfe \"x\""})"},

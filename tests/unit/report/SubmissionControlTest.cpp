@@ -162,26 +162,6 @@ class Growth {
     const std::map<std::string, std::uint64_t> m_before = kyo::Status::counters();
 };
 
-TEST_F(SubmissionControl, CountsOneLostReportWhenOpeningsComeFasterThanTheClientTakesEnvelopes) {
-    startOpen();
-    const Growth growth;
-    std::atomic<int> taken{0};
-    backend().answerSends([&taken] { return ++taken > 100 ? -1002 : 0; });
-    for (int i = 0; i < 200; ++i) {
-        add("report", i);
-    }
-    ASSERT_TRUE(sent(1));
-    const auto waiting = [this] { return m_control.waitingReports(); };
-    ASSERT_TRUE(awaits([&] { return waiting() == 199; }));
-    for (int i = 0; i < 400; ++i) {
-        backend().masterControl(control());
-    }
-    EXPECT_EQ(growth.of("reports.sent"), 100u);
-    EXPECT_EQ(growth.of("reports.failed"), 1u);
-    EXPECT_EQ(growth.of("reports.resendFailed"), 300u);
-    EXPECT_EQ(waiting(), 99u);
-}
-
 /// Openings, results, closings, refusals in any order: what the counters say is what has happened.
 TEST_F(SubmissionControl, AccountsForEachReportWhateverTheBackendAndTheClientAnswer) {
     const unsigned seed = std::random_device{}();

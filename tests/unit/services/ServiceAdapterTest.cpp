@@ -1,8 +1,5 @@
-#include <limits>
-
 #include "collect/IngressQueue.h"
 #include "services/ServiceMapObjectHandler.h"
-#include "services/adapters/RecordWriter.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Test.h"
 
@@ -100,18 +97,6 @@ TEST_F(ServiceAdapterTest, NamesAResourceThatDoesNotExist) {
     adapter.setCollectorName("SpringProxy", "flows", 1, "c");
     adapter.setSomeIPKey("flows", "k");
     EXPECT_EQ(log.count(3, "Resource flows does not exist"), 3U);
-}
-
-TEST(RecordWriter, LeavesOutAndCountsWhatJsonCannotHold) {
-    using Limits = std::numeric_limits<double>;
-    kyo::Json::Value record;
-    const auto before = notFiniteMembers().value();
-    putField(record, kyo::Json::StaticString("a"), eb::com::optional<double>(Limits::quiet_NaN()));
-    putField(record, kyo::Json::StaticString("b"), eb::com::optional<float>(float(-Limits::infinity())));
-    putField(record, kyo::Json::StaticString("c"), eb::com::optional<double>(1.5));
-    putField(record, kyo::Json::StaticString("d"), eb::com::optional<double>());
-    EXPECT_EQ(record.getMemberNames(), std::vector<std::string>{"c"});
-    EXPECT_EQ(notFiniteMembers().value(), before + 2);
 }
 
 TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
