@@ -3,12 +3,8 @@
 #include "report/Report.h"
 #include "tests/support/RecordValue.h"
 
-namespace {
-
 using namespace vlmTest;
 using vlmProd::Report;
-
-}  // namespace
 
 TEST(Report, HoldsTheWritersTextWithAndWithoutTheCatalogIdAtAnyPlace) {
     for (const char* const text :

@@ -177,12 +177,9 @@ TEST(Check, SuggestsTheNearestNameOrNone) {
 }
 
 TEST(Check, ReportsTheLineOfTheValueOrOfItsParent) {
-    const auto wrong = checkChanged(Kind::Collector, "\"index\": 1", "\n \"index\": 9");
-    ASSERT_EQ(wrong.size(), 1U);
-    EXPECT_EQ(wrong[0].line, 6U);
-    const auto missing = checkChanged(Kind::Collector, "\"index\": 1, ", "");
-    ASSERT_EQ(missing.size(), 1U);
-    EXPECT_EQ(missing[0].line, 5U);
+    EXPECT_THAT(checkChanged(Kind::Collector, "\"index\": 1", "\n \"index\": 9"),
+                ElementsAre(Field(&Finding::line, 6U)));
+    EXPECT_THAT(checkChanged(Kind::Collector, "\"index\": 1, ", ""), ElementsAre(Field(&Finding::line, 5U)));
 }
 
 }  // namespace

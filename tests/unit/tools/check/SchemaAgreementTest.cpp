@@ -67,10 +67,7 @@ void expectSameTypeAndLimits(const std::string& path, const Value& part) {
 }
 
 TEST(ManifestSchema, HasTheReaderSKeysTypesLimitsAndDefaults) {
-    Value schema;
-    kyo::Json::Reader reader;
-    ASSERT_TRUE(reader.parse(vlmCheck::schemaText(vlmCheck::Kind::Manifest), schema))
-        << reader.getFormattedErrorMessages();
+    const Value schema = valueOf(vlmCheck::schemaText(vlmCheck::Kind::Manifest));
     machine::Manifest read;
     walk(schema, "", [&](const std::string& path, const Value& part) {
         if (part["type"] == "object") {
