@@ -133,8 +133,7 @@ def wait_until(condition, what, deadline):
 
 def support(build):
     """tests/support/processes.py, which takes its programs from the environment."""
-    os.environ.update(VLMMASTER=str(build / "app/vlmmaster"), WITH_CATALOG=str(ROOT / "tests/support/with-catalog"),
-                      VLM_VEHICLE=str(build / "tools/vehicle/vlm-vehicle"),
+    os.environ.update(VLMMASTER=str(build / "app/vlmmaster"), VLM_VEHICLE=str(build / "tools/vehicle/vlm-vehicle"),
                       VLM_CATALOG=str(next((build / "generated").glob("VLM_Available_Signals_Catalog_*.json"))))
     sys.path.insert(0, str(ROOT / "tests/support"))
     import processes
@@ -190,7 +189,7 @@ def drive(build, folder, settings, config, ticks, speed=SPEED, subscribed=1):
             real_ticks = master.count("clock.ticks") - first
         finally:
             master.kill()
-            vehicle.end()
+            vehicle.kill()
             relay.socket.close()
     lines = store.read_bytes().splitlines()[-count:]
     Path(folder, "last.jsonl").write_bytes(b"\n".join(lines) + b"\n")
@@ -321,7 +320,7 @@ def starts(build, table, top):
             times["file"].append(start(["-l", str(config)]))
             times["remembered"].append(start([]))
     finally:
-        vehicle.end()
+        vehicle.kill()
     table.ratio(14, "start to the first sample without a broker, afterSeconds 0", statistics.median(times["remembered"]),
                 statistics.median(times["file"]), 1.05, "s", "with a local file")
 

@@ -1,10 +1,11 @@
 """Real processes for tests: vlmmaster with its output and status, and its surroundings.
 
-VLMMASTER, VLM_CATALOG and WITH_CATALOG name the program, the generated catalog and tests/support/with-catalog;
-VLM_VEHICLE names vlm-vehicle. Each vlmmaster has a folder, a state socket and a discovery port of its own.
+VLMMASTER and VLM_CATALOG name the program and the generated catalog, VLM_VEHICLE, VLM_BACKEND and so on the others that a
+test needs. Each vlmmaster has a folder, a state socket and a discovery port of its own.
 """
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -12,11 +13,16 @@ import subprocess
 import tempfile
 import time
 import unittest
-import urllib.parse
-import urllib.request
 from pathlib import Path
 
-VLMMASTER, CATALOG, WITH_CATALOG, VLM_VEHICLE = map(os.environ.get, ("VLMMASTER", "VLM_CATALOG", "WITH_CATALOG", "VLM_VEHICLE"))
+VLMMASTER, CATALOG, VLM_VEHICLE, BACKEND = map(os.environ.get, ("VLMMASTER", "VLM_CATALOG", "VLM_VEHICLE", "VLM_BACKEND"))
+SOURCE = Path(__file__).resolve().parents[2]
+WITH_CATALOG = SOURCE / "tests/support/with-catalog"
+APPLICATION = SOURCE / "examples/application.json"
+COLLECTOR = json.dumps({
+    "CONFIG": [{"name": "test", "version": "1"}], "CLOCK": [{"name": "tick", "duration": 60000}],
+    "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
+    "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]})
 
 DEADLINE = 60  # s; reached only on failure
 STOP_LIMIT = 10  # s; a stop takes 2 s at most, a wait of the main loop 30 s
@@ -44,16 +50,53 @@ def wait_until(condition, what, deadline=DEADLINE, period=0.02):
     return value
 
 
-def start_peer(output, *command, **options):
-    """A process whose output is added to the file."""
-    with open(output, "ab") as out:
-        return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=out, stderr=out, **options)
+class Peer:
+    """A process whose output is added to a file; it can be killed and started again."""
+
+    def __init__(self, output, *command, **options):
+        self.output = Path(output)
+        self._command, self._options = [str(word) for word in command], options
+        self._waited_to = 0
+        self.start()
+
+    def start(self):
+        with open(self.output, "ab") as out:
+            self.process = subprocess.Popen(self._command, **{"stdin": subprocess.DEVNULL, "stdout": out, "stderr": out,
+                                                              **self._options})
+
+    def text(self):
+        return self.output.read_text(errors="replace")
+
+    def wait_for(self, text):
+        """That the text comes, after those waited for before."""
+        def found():
+            ended = self.process.poll() is not None
+            at = self.text().find(text, self._waited_to)
+            assert at >= 0 or not ended, f"ended without {text!r}:\n{self.text()[-4000:]}"
+            self._waited_to = at + len(text) if at >= 0 else self._waited_to
+            return at >= 0
+        wait_until(found, lambda: f"{text!r} in:\n{self.text()[-4000:]}")
+
+    def end(self, limit=DEADLINE):
+        """The exit status."""
+        try:
+            return self.process.wait(timeout=limit)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise AssertionError("does not end:\n" + self.text()[-4000:])
+
+    def stop(self, number=signal.SIGTERM, limit=STOP_LIMIT):
+        self.process.send_signal(number)
+        return self.end(limit)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
 
 
-def kill(process):
-    if process.poll() is None:
-        process.kill()
-    process.wait()
+def listens(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
 def fake_clock(**variables):
@@ -78,9 +121,7 @@ class ProcessCase(unittest.TestCase):
     """A test with a folder of its own; the processes that it starts end with it."""
 
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory(prefix="vlm-test-")
-        self.addCleanup(temporary.cleanup)
-        self.folder = temporary.name
+        self.folder = self.enterContext(tempfile.TemporaryDirectory(prefix="vlm-test-"))
 
     def need(self, *programs, clock=False):
         """Skips the test without these programs, or without a clock that it needs."""
@@ -95,19 +136,25 @@ class ProcessCase(unittest.TestCase):
         Path(path).write_text(content)
         return path
 
-    def start_peer(self, name, *command, **options):
-        """A process with its output in a file of that name."""
-        peer = start_peer(os.path.join(self.folder, name + ".txt"), *command, **options)
-        self.addCleanup(kill, peer)
+    def until_end(self, peer):
+        """The peer, which is killed at the end of the test."""
+        self.addCleanup(peer.kill)
         return peer
 
+    def start_peer(self, name, *command, **options):
+        """A process with its output in a file of that name."""
+        return self.until_end(Peer(os.path.join(self.folder, name + ".txt"), *command, **options))
+
     def start_broker(self, port, access="allow_anonymous true"):
+        self.need("mosquitto")
         configuration = self.write("mosquitto.conf", f"listener {port} 127.0.0.1\n{access}\n")
-        return self.start_peer("broker", program("mosquitto"), "-c", configuration)
+        broker = self.start_peer("broker", program("mosquitto"), "-c", configuration)
+        wait_until(lambda: listens(port), broker.text)
+        return broker
 
     def start_prometheus(self, target):
         """One that scrapes the target each second. Returns a function: the value of a query, or 0."""
-        self.need("prometheus")
+        self.need("prometheus", "promtool")
         address = f"127.0.0.1:{free_tcp_port()}"
         configuration = self.write("prometheus.yml", "global: {scrape_interval: 1s}\n"
                                    f"scrape_configs: [{{job_name: vlm, static_configs: [{{targets: ['{target}']}}]}}]\n")
@@ -115,13 +162,10 @@ class ProcessCase(unittest.TestCase):
                         f"--storage.tsdb.path={self.folder}/tsdb")
 
         def value(query):
-            try:
-                url = f"http://{address}/api/v1/query?query={urllib.parse.quote(query)}"
-                with urllib.request.urlopen(url, timeout=30) as answer:
-                    found = json.load(answer)["data"]["result"]
-            except OSError:
-                return 0  # it has not started yet
-            return float(found[0]["value"][1]) if found else 0
+            done = subprocess.run(["promtool", "query", "instant", f"http://{address}", query], capture_output=True,
+                                  text=True, timeout=30, check=False)  # fails until it has started
+            found = re.search(r" => (\S+) @", done.stdout)
+            return float(found[1]) if found else 0
         return value
 
 
@@ -159,10 +203,8 @@ def merged(base, changes):
     return result
 
 
-class Vlmmaster:
-    """A process with its output in a file.
-
-    `manifest` changes the machine manifest, `environment` and `inside` are for the program alone: variables, and
+class Vlmmaster(Peer):
+    """`manifest` changes the machine manifest, `environment` and `inside` are for the program alone: variables, and
     what stands between the namespace's making and the program. `outside` stands before all of it.
     """
 
@@ -177,39 +219,8 @@ class Vlmmaster:
                    "backend": {"directory": {"path": os.path.join(folder, "backend")}}}
         path.write_text(json.dumps(merged(content, manifest or {})))
         inside = ["env", *(f"{name}={value}" for name, value in environment.items())] if environment else []
-        self._output = Path(folder, "output.txt")
-        self._waited_to = 0
-        self.process = start_peer(self._output, *outside, WITH_CATALOG, catalog, *inside, VLMMASTER, *arguments, cwd=folder,
-                                  env=dict(os.environ, VLM_MACHINE_MANIFEST=str(path)), preexec_fn=before)
-
-    def text(self):
-        return self._output.read_text(errors="replace")
-
-    @property
-    def lines(self):
-        return self.text().splitlines()
-
-    def wait_for(self, text):
-        """That the text comes, after those waited for before."""
-        def found():
-            ended = self.process.poll() is not None
-            at = self.text().find(text, self._waited_to)
-            assert at >= 0 or not ended, f"ended without {text!r}:\n" + "\n".join(self.lines[-40:])
-            self._waited_to = at + len(text) if at >= 0 else self._waited_to
-            return at >= 0
-        wait_until(found, lambda: f"{text!r} in:\n" + "\n".join(self.lines[-40:]))
-
-    def end(self, limit=DEADLINE):
-        """The exit status."""
-        try:
-            return self.process.wait(timeout=limit)
-        except subprocess.TimeoutExpired:
-            kill(self.process)
-            raise AssertionError("does not end:\n" + "\n".join(self.lines[-40:]))
-
-    def stop(self, number=signal.SIGTERM, limit=STOP_LIMIT):
-        self.process.send_signal(number)
-        return self.end(limit)
+        super().__init__(Path(folder, "output.txt"), *outside, WITH_CATALOG, catalog, *inside, VLMMASTER, *arguments,
+                         cwd=folder, env=dict(os.environ, VLM_MACHINE_MANIFEST=str(path)), preexec_fn=before)
 
     def ask(self, request):
         return ask(self.socket, request)
@@ -229,18 +240,8 @@ class Vlmmaster:
         wait_until(lambda: self.count(name) >= least,
                    lambda: f"{name} >= {least} in {json.dumps(self.status())}", deadline, 0.05)
 
-    def kill(self):
-        kill(self.process)
 
-
-class Vehicle:
-    """vlm-vehicle; its output goes to a file."""
-
+class Vehicle(Peer):
     def __init__(self, folder, port, *arguments, environment=None):
-        self.process = start_peer(os.path.join(folder, "vehicle.txt"), VLM_VEHICLE, "--discovery-port", str(port),
-                                  "--status-seconds", "0", *arguments, env=dict(os.environ, **(environment or {})))
-
-    def end(self, number=signal.SIGKILL):
-        if self.process.poll() is None:
-            self.process.send_signal(number)
-        return self.process.wait(DEADLINE)
+        super().__init__(os.path.join(folder, "vehicle.txt"), VLM_VEHICLE, "--discovery-port", port, "--status-seconds", "0",
+                         *arguments, env=dict(os.environ, **(environment or {})))

@@ -1,64 +1,56 @@
 """What several instances of vlm-backend need: a PostgreSQL server, a persistent broker, and the instances."""
+import contextlib
 import http.client
 import json
 import os
 import shutil
 import signal
-import socket
 import subprocess
-import time
 from pathlib import Path
 
-DEADLINE = 90  # s; reached only on failure
+from processes import DEADLINE, Peer, free_tcp_port, program, wait_until
+
+NOW = 1_700_000_000_000  # ms
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+def positions(first, count):
+    return [{"timestamp": str(NOW + i * 100),
+             "propertyValuePairs": {"latitude": 48 + i % 10_000 / 1e4, "longitude": 9 + i % 10_000 / 1e4, "type": 1}}
+            for i in range(first, first + count)]
 
 
-def wait_until(condition, what, deadline=DEADLINE):
-    end = time.monotonic() + deadline
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise AssertionError(f"did not come: {what() if callable(what) else what}")
-        time.sleep(0.05)
-    return value
+def envelope(message_id, number, samples):
+    report = {"applicationName": "App", "functionId": "21", "reportName": "Trip", "sequenceNumber": number,
+              "signalCollections": [{"index": 1, "resourceName": "positions", "serviceName": "GNSSProxy", "samples": samples}]}
+    return json.dumps({"messageId": message_id, "timestamp": NOW // 1000, "orxClientDataReport": json.dumps(report)})
 
 
-class Postgres:
+class Postgres(Peer):
     """A server of its own, which refuses to run as root. `settings` are those of postgresql.conf."""
 
     def __init__(self, folder, settings=()):
         self.folder = Path(folder)
-        self.settings = [word for setting in settings for word in ("-c", setting)]
         self.bin = sorted(Path("/usr/lib/postgresql").glob("*/bin"))[-1]
         self.user = ["runuser", "-u", "postgres", "--"] if os.geteuid() == 0 else []
         if self.user:
             shutil.chown(folder, "postgres")
-        self.port = free_port()
+        port = str(free_tcp_port())
+        self.place = ["-h", folder, "-p", port]
+        self.url = f"postgresql://test@127.0.0.1:{port}/fleet"
         subprocess.run([*self.user, self.bin / "initdb", "-D", self.folder / "data", "-U", "test", "-A", "trust", "-E",
                         "UTF8", "--locale=C.UTF-8"], check=True, stdout=subprocess.DEVNULL)
-        self.start()
-        subprocess.run([self.bin / "createdb", "-h", folder, "-p", str(self.port), "-U", "test", "fleet"], check=True)
-        self.url = f"postgresql://test@127.0.0.1:{self.port}/fleet"
+        super().__init__(self.folder / "log", *self.user, self.bin / "postgres", "-D", self.folder / "data", "-p", port, "-k",
+                         folder, "-c", "listen_addresses=127.0.0.1", *(word for one in settings for word in ("-c", one)))
+        subprocess.run([self.bin / "createdb", *self.place, "-U", "test", "fleet"], check=True)
 
     def start(self):
-        self.spawn()
-        ready = [self.bin / "pg_isready", "-h", self.folder, "-p", str(self.port)]
+        super().start()
 
         def answers():
             if self.process.poll() is not None:
-                self.spawn()  # of a killed server, something was still there
-            return subprocess.run(ready, stdout=subprocess.DEVNULL, check=False).returncode == 0
+                super(Postgres, self).start()  # of a killed server, something was still there
+            return subprocess.run([self.bin / "pg_isready", *self.place], stdout=subprocess.DEVNULL, check=False).returncode == 0
         wait_until(answers, "PostgreSQL")
-
-    def spawn(self):
-        with open(self.folder / "log", "ab") as log:
-            self.process = subprocess.Popen(
-                [*self.user, self.bin / "postgres", "-D", self.folder / "data", "-p", str(self.port), "-k", self.folder,
-                 "-c", "listen_addresses=127.0.0.1", *self.settings], stdout=log, stderr=log, stdin=subprocess.DEVNULL)
 
     def processes(self):
         """The server's own process, which the first line of its file names, and those that it has started."""
@@ -67,10 +59,8 @@ class Postgres:
 
     def kill(self):
         for process in self.processes():
-            try:
+            with contextlib.suppress(ProcessLookupError):  # it ended with its server
                 os.kill(process, signal.SIGKILL)
-            except ProcessLookupError:
-                pass  # it ended with its server
         self.process.wait()
 
     def stop(self):
@@ -79,60 +69,46 @@ class Postgres:
         self.process.wait(DEADLINE)
 
     def ask(self, statement):
-        done = subprocess.run([self.bin / "psql", "-At", self.url, "-c", statement], capture_output=True, text=True,
-                              check=True)
-        return done.stdout.strip()
+        return subprocess.run([self.bin / "psql", "-At", self.url, "-c", statement], capture_output=True, text=True,
+                              check=True).stdout.strip()
 
 
-class Broker:
+class Broker(Peer):
     """mosquitto, which writes its state to the disk each second, if there is a change, or each `save_every` seconds."""
 
     def __init__(self, folder, save_every=None):
-        self.port = free_port()
-        self.file = Path(folder) / "mosquitto.conf"
-        on_changes = "true" if save_every is None else "false"
-        self.file.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\npersistence true\n"
-                             f"persistence_location {folder}/\nautosave_interval {save_every or 1}\n"
-                             f"autosave_on_changes {on_changes}\nuser root\n")
-        self.start()
-
-    def start(self):
-        program = shutil.which("mosquitto", path=os.environ["PATH"] + ":/usr/sbin")
-        self.process = subprocess.Popen([program, "-c", self.file], stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL)
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
+        self.port = free_tcp_port()
+        file = Path(folder) / "mosquitto.conf"
+        file.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\npersistence true\n"
+                        f"persistence_location {folder}/\nautosave_interval {save_every or 1}\n"
+                        f"autosave_on_changes {'false' if save_every else 'true'}\nuser root\n")
+        super().__init__("/dev/null", program("mosquitto"), "-c", file)
 
 
-class Instance:
-    """One of several of vlm-backend. `more` are further arguments."""
+class VlmBackend(Peer):
+    """vlm-backend, which answers HTTP requests at `port`; with TLS if there is a `context` for it."""
 
-    def __init__(self, program, folder, name, broker, database, more=()):
-        self.listen = free_port()
-        self.output = Path(folder) / f"{name}.txt"
-        self.command = [program, "--port", str(broker.port), "--prefix", "vlm/+", "--database", database.url,
-                        "--instances", "fleet", "--listen", f"127.0.0.1:{self.listen}", *more]
-        self.start()
+    port, context = None, None
 
-    def start(self):
-        with open(self.output, "ab") as out:
-            self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=out,
-                                            stderr=subprocess.STDOUT)
+    def ask(self, target, method="GET", headers=None, body=None):
+        """Status, headers and body."""
+        place = {"host": "127.0.0.1", "port": self.port, "timeout": DEADLINE}
+        with contextlib.closing(http.client.HTTPSConnection(**place, context=self.context) if self.context
+                                else http.client.HTTPConnection(**place)) as peer:
+            peer.request(method, target, body, headers or {})
+            answer = peer.getresponse()
+            return answer.status, answer.headers, answer.read()
 
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
+    def change(self, method, target, body):
+        """Status and content of the answer."""
+        status, _, content = self.ask(target, method, {"Content-Type": "application/json"}, json.dumps(body))
+        return status, json.loads(content)
 
-    def text(self):
-        return self.output.read_text()
 
-    def put(self, method, target, body):
-        peer = http.client.HTTPConnection("127.0.0.1", self.listen, timeout=DEADLINE)
-        peer.request(method, target, json.dumps(body), {"Content-Type": "application/json"})
-        answer = peer.getresponse()
-        content = answer.read()
-        peer.close()
-        assert answer.status < 300, content
-        return json.loads(content)
+class Instance(VlmBackend):
+    """One of several. `more` are further arguments."""
+
+    def __init__(self, command, folder, name, broker, database, more=()):
+        self.port = free_tcp_port()
+        super().__init__(Path(folder) / f"{name}.txt", command, "--port", broker.port, "--prefix", "vlm/+", "--database",
+                         database.url, "--instances", "fleet", "--listen", f"127.0.0.1:{self.port}", *more)

@@ -1,70 +1,16 @@
-#!/usr/bin/env python3
 """The access rules of examples/mosquitto in a real broker: a vehicle writes and reads below its own name alone.
 
-The environment is that of tests/support/processes.py, and VLM_BACKEND and VLM_SOURCE.
+The environment is that of tests/support/processes.py.
 """
-import json
 import os
-import socket
 import subprocess
-import sys
-import threading
-import unittest
 from pathlib import Path
 
-import paho.mqtt.client as mqtt
+from mqtt_client import Client
+from processes import APPLICATION, BACKEND, SOURCE, ProcessCase, Vlmmaster, free_tcp_port, listens, program, wait_until
+from servers import envelope, positions
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import DEADLINE, ProcessCase, Vlmmaster, free_tcp_port, program, wait_until  # noqa: E402
-
-VLM_BACKEND = os.environ["VLM_BACKEND"]
-SOURCE = Path(os.environ["VLM_SOURCE"])
 PASSWORDS = {"backend": "b1", "bench": "v1", "other": "v2"}
-
-
-def envelope(message_id):
-    report = {"applicationName": "App", "functionId": "21", "reportName": "Trip", "sequenceNumber": 1,
-              "signalCollections": [{"index": 1, "resourceName": "positions", "serviceName": "GNSSProxy", "samples": [
-                  {"timestamp": "1700000000000", "propertyValuePairs": {"latitude": 48.0, "longitude": 9.0}}]}]}
-    return json.dumps({"messageId": message_id, "timestamp": 1_700_000_000, "orxClientDataReport": json.dumps(report)})
-
-
-class Client:
-    """A login at the broker, and the topics that came."""
-
-    def __init__(self, port, login, password=None, topics=()):
-        self.received, self.connected, self.changed = [], None, threading.Condition()
-        self.client = mqtt.Client(f"test-{login}-{id(self)}", protocol=mqtt.MQTTv5)
-        if password is not None:
-            self.client.username_pw_set(login, password)
-        self.client.on_connect = lambda client, _u, _f, code, _p: self.note(client, code, topics)
-        self.client.on_message = lambda _c, _u, message: self.add((message.topic, message.payload.decode()))
-        self.client.connect("127.0.0.1", port)
-        self.client.loop_start()
-        self.wait(lambda: self.connected is not None)
-
-    def note(self, client, code, topics):
-        for topic in topics:
-            client.subscribe(topic, 1)
-        with self.changed:
-            self.connected = code.value < 0x80
-            self.changed.notify_all()
-
-    def add(self, message):
-        with self.changed:
-            self.received.append(message)
-            self.changed.notify_all()
-
-    def wait(self, condition):
-        with self.changed:
-            assert self.changed.wait_for(condition, DEADLINE), self.received
-
-    def publish(self, topic, payload, retain=False):
-        self.client.publish(topic, payload, 1, retain)
-
-    def end(self):
-        self.client.disconnect()
-        self.client.loop_stop()
 
 
 class AccessTest(ProcessCase):
@@ -80,28 +26,15 @@ class AccessTest(ProcessCase):
         passwords.touch(0o600)
         for login, password in PASSWORDS.items():
             subprocess.run([program("mosquitto_passwd"), "-b", passwords, login, password], check=True)
-        self.start_peer("broker", program("mosquitto"), "-c", "mosquitto.conf", cwd=self.folder)
-        wait_until(self.takes_connections, Path(self.folder, "broker.txt").read_text)
-
-    def takes_connections(self):
-        try:
-            socket.create_connection(("127.0.0.1", self.port), 1).close()
-            return True
-        except OSError:
-            return False
+        broker = self.start_peer("broker", program("mosquitto"), "-c", "mosquitto.conf", cwd=self.folder)
+        wait_until(lambda: listens(self.port), broker.text)
 
     def client(self, login, topics=()):
-        client = Client(self.port, login, PASSWORDS.get(login), topics)
+        password = PASSWORDS.get(login)
+        client = Client(self.port, f"test-{login}-{id(topics)}", topics, password and login, password)
         self.addCleanup(client.end)
+        client.wait(lambda: client.connected is not None)
         return client
-
-    def backend(self):
-        self.start_peer("backend", VLM_BACKEND, "--port", self.port, "--prefix", "vlm/+", "--user", "backend", "--listen", "none",
-                        "--database", f"{self.folder}/vehicles.db", "--config", SOURCE / "examples/collector.json",
-                        env={**os.environ, "VLM_BACKEND_PASSWORD": PASSWORDS["backend"]})
-        output = Path(self.folder, "backend.txt")
-        wait_until(lambda: "connected to the broker" in output.read_text(), output.read_text)
-        return output
 
     def test_a_vehicle_writes_and_reads_below_its_own_name_alone(self):
         seen = self.client("backend", ["vlm/#"])
@@ -126,20 +59,19 @@ class AccessTest(ProcessCase):
         self.assertFalse(self.client("nobody").connected, "no login, no connection")
 
     def test_vlmmaster_and_vlm_backend_work_with_these_rules(self):
-        output = self.backend()
-        application = self.write("vlm.json", '{"OfferedDataTypes": ["VLMReport"]}')
-        master = Vlmmaster(["-c", application], self.folder, manifest={"backend": {"transport": "mqtt", "mqtt": {
-            "port": self.port, "prefix": "vlm/bench", "user": "bench", "password": PASSWORDS["bench"]}}})
-        self.addCleanup(master.kill)
-        wait_until(lambda: "vlm/bench asks for a configuration" in output.read_text(), output.read_text)
+        backend = self.start_peer(
+            "backend", BACKEND, "--port", self.port, "--prefix", "vlm/+", "--user", "backend", "--listen", "none", "--database",
+            f"{self.folder}/vehicles.db", "--config", SOURCE / "examples/collector.json",
+            env={**os.environ, "VLM_BACKEND_PASSWORD": PASSWORDS["backend"]})
+        backend.wait_for("connected to the broker")
+        master = self.until_end(Vlmmaster(
+            ["-c", APPLICATION], self.folder, manifest={"backend": {"transport": "mqtt", "mqtt": {
+                "port": self.port, "prefix": "vlm/bench", "user": "bench", "password": PASSWORDS["bench"]}}}))
+        backend.wait_for("vlm/bench asks for a configuration")
         master.wait_for_count("config.answers", 1)
         self.assertEqual(master.count("config.refused"), 0)
         other = self.client("other")
-        other.publish("vlm/bench/data", envelope("forged"))
-        other.publish("vlm/other/data", envelope("own"))
-        wait_until(lambda: "vlm/other Trip #1" in output.read_text(), output.read_text)
-        self.assertNotIn("vlm/bench Trip", output.read_text())
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
+        other.publish("vlm/bench/data", envelope("forged", 1, positions(0, 1)))
+        other.publish("vlm/other/data", envelope("own", 1, positions(0, 1)))
+        backend.wait_for("vlm/other Trip #1")
+        self.assertNotIn("vlm/bench Trip", backend.text())

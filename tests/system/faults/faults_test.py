@@ -1,32 +1,25 @@
-#!/usr/bin/env python3
 """Faults around a vehicle computer: peers that die, stall or refuse, a bad network, a wrong clock, a full disk.
 
-The environment is that of tests/support/processes.py, and VLM_BACKEND, VLM_SPOOL, VLM_SOURCE. VLM_FAULT_ROUNDS tells how often
-each fault is made (a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster
-clock, as nothing ticks faster than once a minute.
+The environment is that of tests/support/processes.py, and VLM_SPOOL. VLM_FAULT_ROUNDS tells how often each fault is made
+(a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster clock, as nothing ticks
+faster than once a minute.
 """
 import json
 import os
 import random
 import signal
 import subprocess
-import sys
 import tempfile
 import time
-import unittest
 from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import (ProcessCase, Vehicle, Vlmmaster, count_in, fake_clock, faster_clock, free_tcp_port,  # noqa: E402
-                       free_udp_port, kill, program, wait_until)
-from cluster import Cluster  # noqa: E402
-from relay import Relay  # noqa: E402
+from cluster import Cluster
+from processes import (APPLICATION, BACKEND, SOURCE, ProcessCase, Vehicle, Vlmmaster, count_in, fake_clock, faster_clock,
+                       free_tcp_port, free_udp_port, program, wait_until)
+from relay import Relay
 
-SOURCE = Path(os.environ["VLM_SOURCE"])
-BACKEND = os.environ["VLM_BACKEND"]
 SPOOL = os.environ["VLM_SPOOL"]
 CONFIGURATION = str(SOURCE / "examples/collector.json")
-APPLICATION = str(SOURCE / "examples/application.json")
 ROUNDS = int(os.environ.get("VLM_FAULT_ROUNDS", "0"))
 SEED = int(os.environ.get("VLM_FAULT_SEED", "0")) or random.SystemRandom().randrange(1, 1 << 31)
 SERVICES = ("GNSS", "Chassis", "Temperature", "DrivingRange", "Airbag")
@@ -55,10 +48,8 @@ class FaultTest(ProcessCase):
               flush=True)
 
     def start_vehicle(self, *arguments, port=None, period=200):
-        vehicle = Vehicle(self.folder, port or self.port, "--services", ",".join(SERVICES), "--period-ms", str(period),
-                          *arguments, environment=self.clock)
-        self.addCleanup(vehicle.end)
-        return vehicle
+        return self.until_end(Vehicle(self.folder, port or self.port, "--services", ",".join(SERVICES), "--period-ms",
+                                      period, *arguments, environment=self.clock))
 
     def start_master(self, *arguments, backend=None, log=None, **options):
         """Starts self.master; self.store is the file of envelopes if the backend is a folder."""
@@ -68,8 +59,8 @@ class FaultTest(ProcessCase):
             self.store = os.path.join(folder, "backend", "envelopes.jsonl")
         manifest = {"log": {"maxLevel": 3, **(log or {})}, "backend": backend}
         options.setdefault("environment", self.clock)
-        self.master = Vlmmaster(["-c", APPLICATION, *arguments], folder, port=self.port, manifest=manifest, **options)
-        self.addCleanup(self.master.kill)
+        self.master = self.until_end(Vlmmaster(["-c", APPLICATION, *arguments], folder, port=self.port, manifest=manifest,
+                                               **options))
 
     def random_pause(self, most):
         time.sleep(self.chance.uniform(0, most))  # a random moment, not a wait for something
@@ -84,12 +75,15 @@ class FaultTest(ProcessCase):
         self.master.wait_for_count("services.found", len(SERVICES), 120)
         self.master.wait_for_count("events.subscribed", EVENTS, 120)
 
-    def reports(self):
-        """The backend's reports in order of arrival, without repetitions."""
+    def arrived(self):
+        """The envelopes at the backend, in that order."""
         store = Path(self.store)
         lines = store.read_bytes().split(b"\n")[:-1] if store.exists() else []
-        stored = [json.loads(line) for line in lines]
-        envelopes = {envelope["messageId"]: envelope for envelope in (one.get("envelope", one) for one in stored)}
+        return [one.get("envelope", one) for one in map(json.loads, lines)]
+
+    def reports(self):
+        """The backend's reports in order of arrival, without repetitions."""
+        envelopes = {envelope["messageId"]: envelope for envelope in self.arrived()}
         return [json.loads(envelope["orxClientDataReport"]) for envelope in envelopes.values()]
 
     def wait_for_fresh_samples(self):
@@ -139,10 +133,10 @@ class VehicleFaults(FaultTest):
         vehicle = self.kill_and_restart("--tcp")
         self.told["connections"] = self.master.count("someip.tcp.connected")
         self.assertGreater(self.told["connections"], ROUNDS or 3)
-        for stalled in (vehicle.process, self.master.process):
-            stalled.send_signal(signal.SIGSTOP)
+        for stalled in (vehicle, self.master):
+            stalled.process.send_signal(signal.SIGSTOP)
             time.sleep(4)  # longer than the TTL of offers and subscriptions, and than a server waits
-            stalled.send_signal(signal.SIGCONT)
+            stalled.process.send_signal(signal.SIGCONT)
             self.wait_for_samples()
         self.told["connections lost"] = self.master.count("someip.tcp.lost")
         self.assertEqual(self.master.count("someip.tcp.broken", "someip.tp.segments"), [0, 0])
@@ -157,11 +151,11 @@ class VehicleFaults(FaultTest):
         longest = 0.0
         for _ in range(rounds):
             self.random_pause(1)
-            vehicle.end(signal.SIGKILL)
+            vehicle.kill()
             self.random_pause(0.5)
             before = self.master.count("samples.received")
             began = time.monotonic()
-            vehicle = self.start_vehicle(*arguments)
+            vehicle.start()
             self.master.wait_for_count("samples.received", before + 200)
             longest = max(longest, time.monotonic() - began)
         self.told["longest time to 200 samples"] = f"{longest:.1f} s"
@@ -186,7 +180,7 @@ class NetworkFaults(FaultTest):
     def settle(self, relay, vehicle):
         """Ends the faults and the vehicle, and waits for the last datagram. Returns the relay's counters."""
         relay.share = relay.mutated = 0
-        vehicle.end(signal.SIGTERM)
+        vehicle.stop()
         arrived = lambda: sum(self.master.count("someip.datagrams", "someip.kernelDropped"))  # noqa: E731
         wait_until(lambda: arrived() == relay.counted["events forwarded"],
                    lambda: f"{arrived()} of {relay.counted['events forwarded']} datagrams", 20)
@@ -245,10 +239,14 @@ class NetworkFaults(FaultTest):
 class BrokerFaults(FaultTest):
     def setUp(self):
         super().setUp()
-        self.need("mosquitto", "mosquitto_passwd")
+        self.need("mosquitto_passwd")
         self.broker_port = free_tcp_port()
         self.store = os.path.join(self.folder, "store.jsonl")
-        self.start_broker()
+        self.users = self.write("users", "")
+        self.set_password("right")
+        # A broker started by root changes to a user who could not read the file.
+        self.broker = self.start_broker(self.broker_port, f"allow_anonymous false\npassword_file {self.users}\n"
+                                        f"user {'root' if os.geteuid() == 0 else ''}")
         self.start_vehicle()
         mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "user": "car", "password": "right",
                 "reconnectMaxSeconds": 5, "keepAliveSeconds": 60}
@@ -259,44 +257,41 @@ class BrokerFaults(FaultTest):
         self.wait_for_all_services()
         self.wait_for_fresh_samples()
 
-    def start_broker(self, password="right"):
-        users = os.path.join(self.folder, "users")
-        Path(users).touch()
+    def set_password(self, password):
         for user, theirs in (("car", password), ("backend", "right")):
-            subprocess.run([program("mosquitto_passwd"), "-b", users, user, theirs], check=True,
+            subprocess.run([program("mosquitto_passwd"), "-b", self.users, user, theirs], check=True,
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        # A broker started by root changes to a user who could not read the file.
-        self.broker = super().start_broker(self.broker_port, f"allow_anonymous false\npassword_file {users}\n"
-                                           f"user {'root' if os.geteuid() == 0 else ''}")
 
     def refusals(self):
-        return Path(self.folder, "broker.txt").read_text().count("not authorised")
+        return self.broker.text().count("not authorised")
 
     def start_again(self):
         reconnects = self.master.count("orx.reconnects")
-        self.start_broker()
+        self.broker.start()
         self.master.wait_for_count("orx.reconnects", reconnects + 1)
 
     def test_a_broker_that_dies_stalls_and_refuses_the_login_for_a_while(self):
         rounds = self.told["rounds"] = ROUNDS or 2
         for _ in range(rounds):
             self.random_pause(1.5)
-            kill(self.broker)
+            self.broker.kill()
             self.random_pause(1.5)
             self.start_again()
 
-            self.broker.send_signal(signal.SIGSTOP)
+            self.broker.process.send_signal(signal.SIGSTOP)
             self.wait_for_samples()  # collecting does not wait for the broker
             self.random_pause(2)
-            self.broker.send_signal(signal.SIGCONT)
+            self.broker.process.send_signal(signal.SIGCONT)
             self.wait_for_fresh_samples()
 
-            kill(self.broker)
-            self.start_broker("wrong")
+            self.broker.kill()
+            self.set_password("wrong")
+            self.broker.start()
             refused = self.refusals()
             wait_until(lambda: self.refusals() > refused, "a refusal")
             self.wait_for_samples()
-            kill(self.broker)
+            self.broker.kill()
+            self.set_password("right")
             self.start_again()
         self.wait_for_fresh_samples()
         self.told["connected again"] = self.master.count("orx.reconnects")
@@ -309,21 +304,16 @@ class SpoolFaults(FaultTest):
 
     def setUp(self):
         super().setUp()
-        self.need("mosquitto")
         self.broker_port = free_tcp_port()
         self.store = os.path.join(self.folder, "store.jsonl")
         self.spool = os.path.join(self.folder, "spool")
         self.log = os.path.join(self.folder, "log.txt")
-        self.arrived, self.read_to = [], 0
         self.gone, self.kept = [], set()
         self.clock = faster_clock(2 * SPEED)
-        self.start_broker()
+        self.broker = self.start_broker(self.broker_port)
         self.start_vehicle(period=1000)
         self.start_peer("backend", BACKEND, "--port", str(self.broker_port), "--prefix", "vlm/faults",
                         "--config", CONFIGURATION, "--store", self.store)
-
-    def start_broker(self):
-        self.broker = super().start_broker(self.broker_port)
 
     def start_process(self):
         # The process's seconds are short: no time-out of its own is to be the reason for what comes again.
@@ -347,19 +337,8 @@ class SpoolFaults(FaultTest):
         lines = subprocess.run([SPOOL, "list", self.spool], check=True, capture_output=True, text=True).stdout.splitlines()
         return {line.rsplit(" ", 1)[1] for line in lines[:-1]}
 
-    def arrivals(self):
-        """messageId and the report's hash of all that has come, in that order."""
-        try:
-            with open(self.store, "rb") as store:
-                store.seek(self.read_to)
-                new = store.read()
-        except OSError:
-            return self.arrived
-        for line in new[:new.rfind(b"\n") + 1].splitlines(True):
-            envelope = json.loads(line)
-            self.arrived.append((envelope["messageId"], hash(envelope["orxClientDataReport"])))
-            self.read_to += len(line)
-        return self.arrived
+    def identifiers(self):
+        return [envelope["messageId"] for envelope in self.arrived()]
 
     def kill_process(self):
         """At any moment, or at one when something is written, sent or deleted. At that moment, what has arrived and is
@@ -372,7 +351,7 @@ class SpoolFaults(FaultTest):
                 time.sleep(0.001)
             self.random_pause(0.03)
         self.master.kill()
-        before = [identifier for identifier, _ in self.arrivals()]
+        before = self.identifiers()
         waiting = self.waiting()
         self.gone.append((len(before), set(before) - waiting))
         self.kept |= waiting
@@ -381,33 +360,31 @@ class SpoolFaults(FaultTest):
     def test_killed_at_random_moments_it_loses_nothing_that_it_has_confirmed(self):
         self.start_process()
         self.wait_for_all_services()
-        wait_until(lambda: self.arrivals(), "a first report", 60)
+        wait_until(self.arrived, "a first report", 60)
         for _ in range(ROUNDS or 2):
-            kill(self.broker)
+            self.broker.kill()
             self.kill_process()
             self.start_process()
             self.kill_process()
-            self.start_broker()
+            self.broker.start()
             self.start_process()
             self.kill_process()
             self.start_process()
         self.master.wait_for_count("clock.ticks", 1, 60)
         # Kills in quick succession leave few; the next ticks bring more.
         confirmed = wait_until(lambda: len(taken := self.confirmed()) > 2 and taken, self.status, 200, 0.2)
-        wait_until(lambda: confirmed | self.kept <= {identifier for identifier, _ in self.arrivals()},
+        wait_until(lambda: confirmed | self.kept <= set(self.identifiers()),
                    lambda: f"what was confirmed; {self.status()}", 60)
-        arrivals = list(self.arrivals())
         names = {}
-        for identifier, report in arrivals:
-            names.setdefault(report, set()).add(identifier)
+        for envelope in self.arrived():
+            names.setdefault(envelope["orxClientDataReport"], set()).add(envelope["messageId"])
+        arrivals = self.identifiers()
         self.assertEqual([ids for ids in names.values() if len(ids) != 1], [])
         for count, gone in self.gone:
-            self.assertEqual({identifier for identifier, _ in arrivals[count:]} & gone, set(),
-                             "came again after its deletion")
-        different = len({identifier for identifier, _ in arrivals})
+            self.assertEqual(set(arrivals[count:]) & gone, set(), "came again after its deletion")
+        different = len(set(arrivals))
         self.told.update({"confirmed by the last log": len(confirmed), "on the disk at a kill": len(self.kept),
                           "arrived": different, "of them again": len(arrivals) - different})
-        self.assertGreater(len(confirmed), 2)
 
 
 class ClusterFaults(FaultTest):
@@ -440,9 +417,9 @@ class ClusterFaults(FaultTest):
             self.random_pause(4)
             # The first one is the vehicle's.
             node = self.chance.randrange(len(self.cluster.nodes)) if turn else 0
-            self.cluster.kill(node)
+            self.cluster.nodes[node].kill()
             self.wait_for_fresh_samples()
-            self.cluster.start(node)
+            self.cluster.nodes[node].start()
             self.cluster.wait_until_whole()
         stored = self.master.count("spool.stored")
         self.master.wait_for_count("spool.delivered", stored, 90)
@@ -554,7 +531,9 @@ class DltFaults(FaultTest):
             f"LoggingFilename = {self.pipes}/daemon.log\nTimeOutOnSend = 4\nRingbufferMinSize = 500000\n"
             f"RingbufferMaxSize = 10000000\nRingbufferStepSize = 500000\nPersistanceStoragePath = {self.pipes}\n"
             f"ControlSocketPath = {self.pipes}/ctrl.sock\nBindAddress = ::ffff:127.0.0.1\n")
-        self.start_daemon()
+        self.daemon = self.start_peer("daemon", "dlt-daemon", "-c", f"{self.pipes}/dlt.conf", "-t", self.pipes, "-p",
+                                      self.dlt_port)
+        wait_until(lambda: os.path.exists(f"{self.pipes}/dlt"), "the daemon's pipe", 20)
         self.start_peer("received", "stdbuf", "-oL", "dlt-receive", "-a", "-p", str(self.dlt_port), "127.0.0.1")
         self.start_vehicle()
         self.start_master(log={"maxLevel": 7, "console": False, "dlt": True},
@@ -564,11 +543,6 @@ class DltFaults(FaultTest):
         received = Path(self.folder, "received.txt")  # debug messages too, which the daemon's own level would hide
         wait_until(lambda: b"VLM- VLM- log debug" in received.read_bytes(), "a debug message through the daemon")
 
-    def start_daemon(self):
-        self.daemon = self.start_peer("daemon", "dlt-daemon", "-c", f"{self.pipes}/dlt.conf", "-t", self.pipes, "-p",
-                                      str(self.dlt_port))
-        wait_until(lambda: os.path.exists(f"{self.pipes}/dlt"), "the daemon's pipe", 20)
-
     def wait_for_messages(self, more):
         self.master.wait_for_count("log.dlt.messages", self.master.count("log.dlt.messages") + more)
 
@@ -576,18 +550,18 @@ class DltFaults(FaultTest):
         rounds = self.told["rounds"] = ROUNDS or 2
         for _ in range(rounds):
             self.random_pause(0.5)
-            kill(self.daemon)
+            self.daemon.kill()
             wait_until(lambda: not self.master.count("log.dlt.connected"), "that the daemon's end is noticed")
             self.wait_for_samples()
-            self.start_daemon()
+            self.daemon.start()
             wait_until(lambda: self.master.count("log.dlt.connected"), "that the daemon's return is noticed")
             self.wait_for_messages(100)
 
             dropped = self.master.count("log.dropped.dlt")
-            self.daemon.send_signal(signal.SIGSTOP)
+            self.daemon.process.send_signal(signal.SIGSTOP)
             self.master.wait_for_count("log.dropped.dlt", dropped + 2000)
             self.wait_for_samples()
-            self.daemon.send_signal(signal.SIGCONT)
+            self.daemon.process.send_signal(signal.SIGCONT)
             self.wait_for_messages(1000)
         self.assertEqual(self.master.count("log.dlt.connected"), True)
         self.wait_for_fresh_samples()
@@ -596,7 +570,7 @@ class DltFaults(FaultTest):
         self.told.update(zip(names, self.master.count(*names)))
         self.finish()
         # Standard error and output are the same file, and the console is off.
-        self.assertLess(len(self.master.lines), 5, "\n".join(self.master.lines[:20]))
+        self.assertLess(self.master.text().count("\n"), 5, self.master.text()[:2000])
 
 
 class Stops(FaultTest):
@@ -624,7 +598,3 @@ class Stops(FaultTest):
             if turn % 4 < 2:
                 self.assertIn("Exiting from main", self.master.text(), f"turn {turn}")
         self.told.update({"stops": turns, "longest": f"{longest:.2f} s"})
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

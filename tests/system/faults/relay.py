@@ -5,7 +5,7 @@ offers at its event port, vlmmaster finds at the relay's, and the other way roun
 and events, goes through here.
 """
 import random
-import selectors
+import select
 import socket
 import struct
 import threading
@@ -27,20 +27,16 @@ class Relay:
         self.counted = Counter()  # by "<events|discovery> <lost|doubled|overtaken|forwarded>"
         self._chance = random.Random(seed)
         self._vehicle_port, self._master_port = vehicle_port, master_port
-        self._selector = selectors.DefaultSelector()
         self._held = {}  # per direction: the datagram that waits to be overtaken
         self._events = {"vehicle": None, "master": None}  # each side's real endpoint for events
         self._to_master = self._socket(FOR_MASTER, master_port)
         self._to_vehicle = self._socket(FOR_VEHICLE, vehicle_port)
         self._events_to_master = self._socket(FOR_MASTER, 0)
         self._events_to_vehicle = self._socket(FOR_VEHICLE, 0)
-        ways = ((self._to_master, self._from_master), (self._to_vehicle, self._from_vehicle),
-                (self._socket(BROADCAST, vehicle_port), self._from_vehicle),
-                (self._socket(BROADCAST, master_port), self._from_master),
-                (self._events_to_vehicle, self._event))
-        for channel, handler in ways:
-            self._selector.register(channel, selectors.EVENT_READ, handler)
-        self._sockets = [channel for channel, _ in ways] + [self._events_to_master]
+        self._handlers = {self._to_master: self._from_master, self._to_vehicle: self._from_vehicle,
+                          self._socket(BROADCAST, vehicle_port): self._from_vehicle,
+                          self._socket(BROADCAST, master_port): self._from_master,
+                          self._events_to_vehicle: self._event}
         self._ended = threading.Event()
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
@@ -48,47 +44,41 @@ class Relay:
     def end(self):
         self._ended.set()
         self._thread.join()
-        for channel in self._sockets:
+        for channel in (*self._handlers, self._events_to_master):
             channel.close()
 
     @staticmethod
     def _socket(address, port):
         channel = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        channel.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        channel.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
-        channel.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
-        channel.setblocking(False)
+        for option, value in ((socket.SO_REUSEADDR, 1), (socket.SO_BROADCAST, 1), (socket.SO_RCVBUF, 4 << 20)):
+            channel.setsockopt(socket.SOL_SOCKET, option, value)
         channel.bind((address, port))
         return channel
 
     def _run(self):
         while not self._ended.is_set():
-            for key, _ in self._selector.select(0.01):
-                for _ in range(64):
-                    try:
-                        data, sender = key.fileobj.recvfrom(65536)
-                    except BlockingIOError:
-                        break
-                    if sender[0] not in (FOR_MASTER, FOR_VEHICLE):  # not the relay's own multicasts
-                        key.data(key.fileobj, data, sender)
+            for channel in select.select(self._handlers, [], [], 0.01)[0]:
+                data, (sender, _) = channel.recvfrom(65536)
+                if sender not in (FOR_MASTER, FOR_VEHICLE):  # not the relay's own multicasts
+                    self._handlers[channel](channel, data)
             now = time.monotonic()
             for way, (due, send) in list(self._held.items()):
                 if due <= now:
                     del self._held[way]
                     send()
 
-    def _from_vehicle(self, channel, data, _):
+    def _from_vehicle(self, channel, data):
         told = self._translate(data, "vehicle", self._events_to_master.getsockname())
         to = (BROADCAST if channel.getsockname()[0] == BROADCAST else "127.0.0.1", self._master_port)
         told = self._mutate(told)
         self._pass("discovery", channel, lambda: self._to_master.sendto(told, to))
 
-    def _from_master(self, channel, data, _):
+    def _from_master(self, channel, data):
         told = self._translate(data, "master", self._events_to_vehicle.getsockname())
         to = (BROADCAST if channel.getsockname()[0] == BROADCAST else "127.0.0.2", self._vehicle_port)
         self._pass("discovery", channel, lambda: self._to_vehicle.sendto(told, to))
 
-    def _event(self, channel, data, _):
+    def _event(self, channel, data):
         to = self._events["master"]
         if to:
             data = self._mutate(data)

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """vlm-status as metrics of a real vlmmaster: Prometheus scrapes them, promtool accepts them, and a bug report's bundle has
 no payloads.
 
@@ -11,12 +10,10 @@ import re
 import subprocess
 import sys
 import timeit
-import unittest
 import urllib.request
 from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import ProcessCase, Vehicle, Vlmmaster, free_udp_port, kill, wait_until  # noqa: E402
+from processes import APPLICATION, COLLECTOR, ProcessCase, Vehicle, Vlmmaster, free_udp_port, wait_until
 
 VLM_STATUS = os.environ["VLM_STATUS"]
 OPEN = {"Accept": "application/openmetrics-text; version=1.0.0"}
@@ -31,14 +28,9 @@ class MetricsTest(ProcessCase):
     def setUp(self):
         super().setUp()
         port = free_udp_port()
-        self.application = self.write("vlm.json", '{"OfferedDataTypes": ["VLMReport"]}')
-        collector = self.write("collector.json", json.dumps({
-            "CONFIG": [{"name": "metrics", "version": "1"}], "CLOCK": [{"name": "tick", "duration": 60000}],
-            "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
-            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
-        self.master = Vlmmaster(["-c", self.application, "-l", collector], self.folder, port=port)
-        self.addCleanup(self.master.kill)
-        self.addCleanup(Vehicle(self.folder, port, "--services", "GNSS").end)
+        self.master = self.until_end(Vlmmaster(["-c", APPLICATION, "-l", self.write("collector.json", COLLECTOR)],
+                                               self.folder, port=port))
+        self.until_end(Vehicle(self.folder, port, "--services", "GNSS"))
         self.master.wait_for_count("records.collected", 3)
 
     def status(self, *arguments):
@@ -47,11 +39,8 @@ class MetricsTest(ProcessCase):
 
     def exporter(self, path):
         """The exporter's address; it serves until the end of the test."""
-        process = subprocess.Popen([VLM_STATUS, "--listen", "127.0.0.1:0", "--socket", path], stdout=subprocess.PIPE,
-                                   stdin=subprocess.DEVNULL, text=True)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(kill, process)
-        return re.search(r"http://\S+", process.stdout.readline())[0]
+        exporter = self.start_peer(os.path.basename(path), VLM_STATUS, "--listen", "127.0.0.1:0", "--socket", path)
+        return wait_until(lambda: re.search(r"(http://\S+)\s", exporter.text()), exporter.text)[1]
 
     def test_every_value_of_the_status_is_a_described_metric(self):
         text = self.status("--openmetrics")
@@ -93,13 +82,9 @@ class MetricsTest(ProcessCase):
         text = Path(file).read_text()
         bundle = json.loads(text)
         self.assertEqual(bundle["configuration"]["application"]["sha256"],
-                         hashlib.sha256(Path(self.application).read_bytes()).hexdigest())
+                         hashlib.sha256(APPLICATION.read_bytes()).hexdigest())
         self.assertEqual(set(bundle["configuration"]), {"application", "collector", "manifest", "catalog"})
         self.assertGreaterEqual(bundle["status"]["samples"]["received"], 3)
         self.assertEqual(bundle["versions"]["vlm-status"], bundle["status"]["process"]["version"])
         for secret in ("latitude", "OfferedDataTypes", "propertyValuePairs"):
             self.assertNotIn(secret, text)
-
-
-if __name__ == "__main__":
-    unittest.main()

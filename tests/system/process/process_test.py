@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Real vlmmaster processes: start-up, its failures, and stops.
 
 The environment is that of tests/support/processes.py.
@@ -11,17 +10,14 @@ import re
 import resource
 import signal
 import socket
-import subprocess
-import sys
 import tempfile
 import threading
 import time
-import unittest
 from datetime import datetime
 from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import (CATALOG, STOP_LIMIT, ProcessCase, Vehicle, Vlmmaster, faster_clock, free_tcp_port,  # noqa: E402
+from mqtt_client import Client
+from processes import (CATALOG, COLLECTOR, STOP_LIMIT, ProcessCase, Vehicle, Vlmmaster, faster_clock, free_tcp_port,
                        free_udp_port, merged, wait_until)
 
 MAIN = " int main(int, char**) "
@@ -37,19 +33,14 @@ class ProcessTest(ProcessCase):
     def setUp(self):
         super().setUp()
         self.application = self.write("vlm.json", '{"OfferedDataTypes": ["a", "b"]}')
-        self.collector = self.write("collector.json", json.dumps({
-            "CONFIG": [{"name": "process", "version": "1"}],
-            "CLOCK": [{"name": "tick", "duration": 60000}],
-            "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
-            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
+        self.collector = self.write("collector.json", COLLECTOR)
 
     def start(self, *arguments, **options):
         folder = tempfile.mkdtemp(dir=self.folder)
         log = os.path.join(folder, "log")
         options["manifest"] = merged({"log": {"file": log, "fileMaxBytes": 100_000_000}}, options.get("manifest", {}))
-        master = Vlmmaster(arguments, folder, **options)
+        master = self.until_end(Vlmmaster(arguments, folder, **options))
         master.log = Path(log)
-        self.addCleanup(master.kill)
         return master
 
     @staticmethod
@@ -209,8 +200,7 @@ class SharedMachine(ProcessTest):
             master = self.start(*arguments, port=port)
             master.wait_for("SOME/IP is up")
             heard = heard or self.neighbour(port)
-            vehicle = Vehicle(self.folder, port, "--services", "GNSS", "--period-ms", "50")
-            self.addCleanup(vehicle.end)
+            vehicle = self.until_end(Vehicle(self.folder, port, "--services", "GNSS", "--period-ms", "50"))
             master.wait_for_count("samples.received", 10)
             wait_until(lambda: heard.recvfrom(65536)[1][0] == "127.0.0.2", "the vehicle's offers at the neighbour")
             second = self.start(*arguments, port=port)
@@ -218,7 +208,7 @@ class SharedMachine(ProcessTest):
             master.kill()
             second.wait_for("SOME/IP is up")
             self.assertEqual(second.stop(), 0)
-            vehicle.end()
+            vehicle.kill()
 
 
 class Stops(ProcessTest):
@@ -251,14 +241,14 @@ class DrivenRun(ProcessTest):
     def setUp(self):
         super().setUp()
         self.clock = faster_clock(self.SPEED)
-        self.need("mosquitto", clock=self.clock)
+        self.need(clock=self.clock)
         self.broker_port, self.port = free_tcp_port(), free_udp_port()
         self.start_broker(self.broker_port)
-        wait_until(self.broker_answers, "the broker")
-        self.start_peer("heard", "mosquitto_sub", "-p", self.broker_port, "-t", "d/#", "-F", "%t %p")
-        vehicle = Vehicle(self.folder, self.port, "--services", "GNSS,Temperature", "--period-ms", "2000",
-                          environment=self.clock)
-        self.addCleanup(vehicle.end)
+        self.backend = Client(self.broker_port, "backend", ["d/#"])
+        self.addCleanup(self.backend.end)
+        self.backend.wait(lambda: self.backend.connected)
+        self.until_end(Vehicle(self.folder, self.port, "--services", "GNSS,Temperature", "--period-ms", "2000",
+                               environment=self.clock))
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(self.manager.close)
         self.manager.bind(os.path.join(self.folder, "manager"))
@@ -267,16 +257,9 @@ class DrivenRun(ProcessTest):
         self.dlt = bytearray()
         threading.Thread(target=lambda: [self.dlt.extend(os.read(daemon, 65536)) for _ in iter(int, 1)], daemon=True).start()
 
-    def broker_answers(self):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.broker_port)) == 0
-
-    def publish(self, topic, message):
-        subprocess.run(["mosquitto_pub", "-p", str(self.broker_port), "-t", topic, "-m", json.dumps(message)], check=True)
-
     def control(self, result=0, channel=0, permitted=("a",)):
-        self.publish("d/mastercontrol", {"eventTicket": "t", "permittedDataType": permitted,
-                                         "backendChannelControl": channel, "dataDeliveryResult": result})
+        self.backend.publish("d/mastercontrol", json.dumps({
+            "eventTicket": "t", "permittedDataType": permitted, "backendChannelControl": channel, "dataDeliveryResult": result}))
 
     def configure(self, number, *collects):
         body = json.dumps({
@@ -286,11 +269,10 @@ class DrivenRun(ProcessTest):
         self.answer(number, base64.b64encode(body.encode()).decode())
 
     def answer(self, number, body):
-        self.publish("d/config/response", [{"recordId": f"record{number}", "recordBody": body}])
+        self.backend.publish("d/config/response", json.dumps([{"recordId": f"record{number}", "recordBody": body}]))
 
-    def on_topic(self, topic):
-        lines = Path(self.folder, "heard.txt").read_text().splitlines(keepends=True)
-        return [json.loads(line.split(" ", 1)[1]) for line in lines if line.startswith(topic + " ") and line.endswith("\n")]
+    def on_topic(self, wanted):
+        return [json.loads(payload) for topic, payload in list(self.backend.received) if topic == wanted]
 
     def numbers(self, count):
         """The numbers of the reports that came, once there are that many."""
@@ -375,7 +357,3 @@ class DrivenRun(ProcessTest):
         self.assertEqual(seen, set(severities.values()))
         # A long line comes in pieces.
         self.assertIn(max(lines, key=len)[2:].encode(), b"".join(bytes(text) for _, text in messages))
-
-
-if __name__ == "__main__":
-    unittest.main()

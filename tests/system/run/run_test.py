@@ -1,8 +1,7 @@
-#!/usr/bin/env python3
 """The bench of `make run`: it prints reports of all five services, ends cleanly, and can run again.
 
-The environment is that of tests/support/processes.py, and VLM_BUILD and VLM_SOURCE, the build folder and the
-checkout. The vehicle and vlmmaster get a faster clock, as nothing ticks faster than once a minute.
+The environment is that of tests/support/processes.py, and VLM_BUILD, the build folder. The vehicle and vlmmaster get a
+faster clock, as nothing ticks faster than once a minute.
 """
 import contextlib
 import fcntl
@@ -14,16 +13,12 @@ import select
 import signal
 import socket
 import struct
-import subprocess
-import sys
 import termios
-import unittest
+import time
 from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import CATALOG, WITH_CATALOG, ProcessCase, count_in, free_udp_port, kill, status_of, wait_until  # noqa: E402
+from processes import CATALOG, SOURCE, WITH_CATALOG, Peer, ProcessCase, count_in, free_udp_port, status_of, wait_until
 
-SOURCE = Path(os.environ["VLM_SOURCE"])
 DEADLINE = 240  # s; reached only on failure
 FIVE = {"GNSSProxy", "TemperatureProxy", "DrivingRangeProxy", "ChassisProxy", "AirbagProxy"}
 
@@ -39,22 +34,16 @@ def still_there(pids):
     return [pid for pid in pids if Path(f"/proc/{pid}").exists()]
 
 
-class Bench:
+class Bench(Peer):
     """One run of tools/run/vlm-run, with its output in a file or on a terminal."""
 
     def __init__(self, folder, *arguments, catalog=CATALOG, terminal=None):
         self.folder = Path(folder)
-        self.output = self.folder.parent / (self.folder.name + ".txt")
-        take_terminal = (lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)) if terminal else None
-        with open(self.output, "wb") as out:
-            self.process = subprocess.Popen(
-                [WITH_CATALOG, catalog, str(SOURCE / "tools/run/vlm-run"), "--build", os.environ["VLM_BUILD"],
-                 "--folder", folder, "--discovery-port", str(free_udp_port()), *arguments],
-                stdin=terminal or subprocess.DEVNULL, stdout=terminal or out, stderr=subprocess.STDOUT,
-                start_new_session=True, preexec_fn=take_terminal)
-
-    def text(self):
-        return self.output.read_text(errors="replace")
+        on_terminal = {"stdin": terminal, "stdout": terminal, "stderr": terminal,
+                       "preexec_fn": lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)} if terminal else {}
+        super().__init__(f"{folder}-{time.monotonic()}.txt", WITH_CATALOG, catalog, SOURCE / "tools/run/vlm-run", "--build",
+                         os.environ["VLM_BUILD"], "--folder", folder, "--discovery-port", free_udp_port(), *arguments,
+                         start_new_session=True, **on_terminal)
 
     def count(self, name):
         return count_in(status_of(self.folder / "vlmmaster.sock"), name)
@@ -83,17 +72,15 @@ class Bench:
     def wait_for_start(self):
         self.wait_until(lambda: "Ctrl-C ends them" in self.text(), "the start")
 
-    def end(self, number=signal.SIGINT):
+    def stop_all(self, number=signal.SIGINT):
         """The exit status; by then every process of the run must have ended."""
         started = children_of(self.process.pid)
-        self.process.send_signal(number)
-        status = self.process.wait(40)
-        return status, still_there(started)
+        return self.stop(number, 40), still_there(started)
 
     def abandon(self):
         """Ends what a failed test has left: the run, and all that it started."""
         started = children_of(self.process.pid)
-        kill(self.process)
+        self.kill()
         for pid in still_there(started):
             with contextlib.suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
@@ -107,28 +94,22 @@ class Run(ProcessCase):
         return bench
 
     def check_end(self, bench, *number):
-        self.assertEqual(bench.end(*number), (0, []), bench.text())
+        self.assertEqual(bench.stop_all(*number), (0, []), bench.text())
         self.assertIn("All processes have ended cleanly.", bench.text())
 
-    def check_reports_of_all_five(self, *arguments):
-        bench = self.start("--speed", "10", *arguments)
+    def test_a_folder_as_backend_gets_reports_with_samples_of_all_five_services(self):
+        bench = self.start("--speed", "10")
         bench.wait_until(lambda: bench.services_with_samples() >= FIVE, "samples of all five services")
         self.check_end(bench)
         self.assertRegex(bench.text(), r"Report DriveReport no\. 1 of BenchDrive 1\.0\.0: \S+0001-DriveReport\.json")
         self.assertRegex(bench.text(), r"services 5/5 \| events \d+ \| samples \d+")
 
-    def test_a_folder_as_backend_gets_reports_with_samples_of_all_five_services(self):
-        self.check_reports_of_all_five()
-
-    def test_a_broker_and_its_backend_get_them_as_well(self):
-        self.check_reports_of_all_five("--backend", "mqtt")
-
-    def test_the_spool_fills_while_the_broker_is_away_and_drains_when_it_is_back(self):
+    def test_a_broker_and_its_backend_get_them_as_well_and_the_spool_fills_while_the_broker_is_away_and_drains_when_it_is_back(self):
         bench = self.start("--backend", "mqtt", "--speed", "20")
         pattern = r"mosquitto \(pid (\d+)\).*\n  (\S+) -c (\S+)\n"
         bench.wait_until(lambda: re.search(pattern, bench.text()), "the broker's name")
         pid, *command = re.search(pattern, bench.text()).groups()
-        bench.wait_until(lambda: "Report DriveReport" in bench.text(), "a report")
+        bench.wait_until(lambda: bench.services_with_samples() >= FIVE, "samples of all five services")
         os.kill(int(pid), signal.SIGKILL)
         bench.wait_until(lambda: re.search(r"[2-9] envelopes wait in the spool", bench.text()), "a spool that fills")
         self.start_peer("broker", command[0], "-c", command[1])
@@ -218,7 +199,3 @@ class Run(ProcessCase):
         os.kill(vehicle[0], signal.SIGKILL)
         self.assertEqual(bench.process.wait(60), 1, bench.text())
         self.assertIn("vlm-vehicle has ended by itself with status -9", bench.text())
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

@@ -1,8 +1,8 @@
-#!/usr/bin/env python3
 """vlm-watch shows what a vehicle sends, next to a vlmmaster and a second vlm-watch, and ends cleanly.
 
 The environment is that of tests/support/processes.py, and VLM_WATCH.
 """
+import contextlib
 import csv
 import io
 import json
@@ -12,16 +12,11 @@ import re
 import signal
 import struct
 import subprocess
-import sys
-import tempfile
 import termios
 import time
-import unittest
 from fcntl import ioctl
-from pathlib import Path
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../support"))
-from processes import DEADLINE, Vehicle, Vlmmaster, free_udp_port  # noqa: E402
+from processes import APPLICATION, COLLECTOR, DEADLINE, ProcessCase, Vehicle, Vlmmaster, free_udp_port
 
 VLM_WATCH = os.environ["VLM_WATCH"]
 # A parked car: what it sends is known.
@@ -35,33 +30,19 @@ SCENARIO = {
         {"event": "GNSS.positionsQuality", "field": "antennaState", "value": "open"}]}]}
 
 
-class WatchTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        temporary = tempfile.TemporaryDirectory(prefix="vlm-watch-")
-        cls.addClassCleanup(temporary.cleanup)
-        cls.folder = Path(temporary.name)
-        cls.port = free_udp_port()
-        scenario = cls.folder / "scenario.json"
-        scenario.write_text(json.dumps(SCENARIO))
-        vehicle = Vehicle(str(cls.folder), cls.port, "--services", "GNSS,Temperature", "--scenario", str(scenario))
-        cls.addClassCleanup(vehicle.end)
+class WatchTest(ProcessCase):
+    def setUp(self):
+        super().setUp()
+        self.port = free_udp_port()
+        self.until_end(Vehicle(self.folder, self.port, "--services", "GNSS,Temperature", "--scenario",
+                               self.write("scenario.json", json.dumps(SCENARIO))))
 
-    def start(self, *arguments, **options):
-        process = subprocess.Popen(
-            [VLM_WATCH, "--discovery-port", str(self.port), *arguments], stdin=subprocess.DEVNULL,
-            **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options})
-        self.addCleanup(self.end, process)
+    def start(self, *arguments, stdout=subprocess.PIPE):
+        process = self.enterContext(subprocess.Popen(
+            [VLM_WATCH, "--discovery-port", str(self.port), *arguments], stdin=subprocess.DEVNULL, stdout=stdout,
+            stderr=subprocess.PIPE, text=True))
+        self.addCleanup(process.kill)
         return process
-
-    @staticmethod
-    def end(process):
-        if process.poll() is None:
-            process.kill()
-        process.wait()
-        for stream in (process.stdout, process.stderr):
-            if stream:
-                stream.close()
 
     def watch(self, *arguments):
         process = self.start(*arguments)
@@ -92,29 +73,16 @@ class WatchTest(unittest.TestCase):
         rows = list(csv.DictReader(io.StringIO(out)))
         self.assertGreater(len(rows), 3)
         self.assertEqual({row["altitudeMeanSeaLevelValueType"] for row in rows}, {"substituted"})
-        recording = self.folder / "positions.csv"
-        recording.write_text(out)
-        port, self.port = self.port, free_udp_port()
-        try:
-            replaying = Vehicle(str(self.folder), self.port, "--address", "127.0.0.3", "--services", "GNSS", "--loop",
-                                "--csv", f"GNSS.positions={recording}")
-            self.addCleanup(replaying.end)
-            status, again, err = self.watch("--once", "--json", "GNSS.positions:1")
-        finally:
-            self.port = port
+        self.port = free_udp_port()
+        self.until_end(Vehicle(self.folder, self.port, "--address", "127.0.0.3", "--services", "GNSS", "--loop", "--csv",
+                               "GNSS.positions=" + self.write("positions.csv", out)))
+        status, again, err = self.watch("--once", "--json", "GNSS.positions:1")
         self.assertEqual(status, 0, err)
         self.assertIn(json.loads(again)["values"]["latitude"], {float(row["latitude"]) for row in rows})
 
     def test_it_runs_next_to_vlmmaster_and_a_second_one(self):
-        application = self.folder / "vlm.json"
-        application.write_text('{"OfferedDataTypes": ["VLMReport"]}')
-        collector = self.folder / "collector.json"
-        collector.write_text(json.dumps({
-            "CONFIG": [{"name": "watched", "version": "1"}], "CLOCK": [{"name": "tick", "duration": 60000}],
-            "REPORT": [{"name": "all", "application": "test", "from": ["position"]}],
-            "COLLECT": [{"name": "position", "serv": "GNSS", "res": "positions", "index": 1, "on": "tick"}]}))
-        master = Vlmmaster(["-c", str(application), "-l", str(collector)], str(self.folder), port=self.port)
-        self.addCleanup(master.kill)
+        master = self.until_end(Vlmmaster(["-c", APPLICATION, "-l", self.write("collector.json", COLLECTOR)], self.folder,
+                                          port=self.port))
         watching = [self.start("--json", "GNSS.positions:1") for _ in range(2)]
         for process in watching:
             self.assertEqual(json.loads(process.stdout.readline())["event"], "positions")
@@ -163,15 +131,12 @@ class WatchTest(unittest.TestCase):
         ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 100, 0, 0))
         process = self.start("--seconds", "3", "GNSS.positions", "Temperature", stdout=theirs)
         os.close(theirs)
-        shown = b""
-        while True:
-            try:
-                part = os.read(ours, 4096)
-            except OSError:  # the other end is closed
-                break
-            if not part:
-                break
-            shown += part
+
+        def part():
+            with contextlib.suppress(OSError):  # the other end is closed
+                return os.read(ours, 4096)
+            return b""
+        shown = b"".join(iter(part, b""))
         os.close(ours)
         self.assertEqual(process.wait(DEADLINE), 0, process.stderr.read())
         lines = shown.decode().splitlines()
@@ -180,7 +145,3 @@ class WatchTest(unittest.TestCase):
         names = [re.match(r"\d\d:\d\d:\d\d\.\d{3}  ( +\+\d+| {6})  (\S+)", line)[2] for line in lines]
         self.assertEqual(set(names), {"GNSS.positions:1", "GNSS.positions:2", "Temperature.temperatures:0",
                                       "Temperature.temperatures:1", *(name for name in names if "Warnings" in name)})
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
