@@ -36,6 +36,32 @@ class TransportClient {
     SharedList<kyo::Json::Value> m_answers;
 };
 
+/// A transport with its client.
+template <typename Transport>
+class StartedTransport : public TransportClient {
+  public:
+    template <typename... Arguments>
+    explicit StartedTransport(Arguments&&... arguments)
+        : m_transport(std::make_unique<Transport>(std::forward<Arguments>(arguments)...)) {
+        listenTo(*m_transport);
+        m_transport->start();
+    }
+    Transport& transport() { return *m_transport; }
+    void end() { m_transport.reset(); }
+
+  private:
+    std::unique_ptr<Transport> m_transport;
+};
+
+/// A broker of this machine, to which a lost connection soon comes again.
+inline machine::MqttBackend brokerAt(std::uint16_t port) {
+    machine::MqttBackend broker;
+    broker.port = port;
+    broker.prefix = "test/vehicle";
+    broker.reconnectMaxSeconds = 1;
+    return broker;
+}
+
 /// A backend behind that broker.
 inline machine::BackendSettings behind(const machine::MqttBackend& broker) {
     machine::BackendSettings settings;

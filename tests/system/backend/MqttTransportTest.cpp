@@ -1,8 +1,5 @@
 /// The MQTT transport with a real broker: presence, loss and return of the broker, access, limits.
-#include <cstdlib>
-
 #include "Processes.h"
-#include "backend/MqttConnection.h"
 #include "backend/MqttTransport.h"
 #include "tests/support/TransportClient.h"
 
@@ -13,63 +10,9 @@ using kyo::orx::MqttConnection;
 using kyo::orx::MqttTransport;
 using namespace vlmTest;
 
-machine::MqttBackend settingsFor(std::uint16_t port) {
-    machine::MqttBackend settings;
-    settings.port = port;
-    settings.prefix = "test/vehicle";
-    settings.reconnectMaxSeconds = 1;
-    return settings;
-}
-
-/// The backend's side of the topics: publishes, and collects messages.
-class Observer {
-  public:
-    explicit Observer(const machine::MqttBackend& settings, std::vector<std::string> topics = {"#"},
-                      std::string clientId = "observer")
-        : m_connection(
-              settings, std::move(clientId), std::move(topics), {},
-              {[this] { note("connected", ""); },
-               [this](const std::string& topic, const std::string& payload, bool) { note(topic, payload); },
-               [](int, int) {}, [](int, const std::string&) {}}) {
-        m_connection.start();
-        EXPECT_TRUE(eventually([this] { return !on("connected").empty(); }));
-    }
-    std::vector<std::string> on(const std::string& topic) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_received[topic];
-    }
-    bool awaits(const std::string& topic, std::size_t count) {
-        return eventually([&] { return on(topic).size() >= count; });
-    }
-    void say(const std::string& topic, const std::string& payload, bool retain = false) {
-        std::string error;
-        EXPECT_EQ(m_connection.publish(topic, payload, retain, 0, error), 0) << error;
-    }
-    void stop() { m_connection.stop(); }
-
-  private:
-    void note(const std::string& topic, const std::string& payload) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_received[topic].push_back(payload);
-    }
-    std::mutex m_mutex;
-    std::map<std::string, std::vector<std::string>> m_received;
-    MqttConnection m_connection;
-};
-
-class Vehicle : public TransportClient {
-  public:
+struct Vehicle : StartedTransport<MqttTransport> {
     explicit Vehicle(const machine::MqttBackend& settings)
-        : m_transport(std::make_unique<MqttTransport>(behind(settings),
-                                                      kyo::orx::Presence{"Catalog 1", {"TypeA", "TypeB"}})) {
-        listenTo(*m_transport);
-        m_transport->start();
-    }
-    MqttTransport& transport() { return *m_transport; }
-    void end() { m_transport.reset(); }
-
-  private:
-    std::unique_ptr<MqttTransport> m_transport;
+        : StartedTransport(behind(settings), kyo::orx::Presence{"Catalog 1", {"TypeA", "TypeB"}}) {}
 };
 
 const kyo::Json::Value kOpening = masterControl("t", {"TypeA"}, 0, 0);
@@ -81,7 +24,7 @@ const std::string kOffline =
 struct MqttBackendTest : Test {
     LogCapture m_log;
     const std::uint16_t m_port = freePort();
-    machine::MqttBackend m_settings = settingsFor(m_port);
+    machine::MqttBackend m_settings = brokerAt(m_port);
 };
 
 TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetained) {
@@ -186,6 +129,9 @@ TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
         ASSERT_EQ(other.transport().send(envelope("big", kEach)), 0);
     }
     EXPECT_EQ(other.transport().send(envelope("big", kEach)), MqttConnection::kQueueFull);
+    EXPECT_EQ(other.transport().send(envelope("huge", MqttConnection::kMaxUnconfirmedBytes)),
+              MqttConnection::kTooLarge)
+        << "whatever waits";
 }
 
 TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelForTheNext) {

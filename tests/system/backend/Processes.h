@@ -1,5 +1,9 @@
 #pragma once
-/// Processes that a test starts and ends, each by its pid: a broker, the bench's backend, openssl.
+/// What a transport meets: a broker and certificates, made by programs that a test starts and ends, each by
+/// its pid, and another client of the broker.
+#include <cstdlib>
+
+#include "backend/MqttConnection.h"
 #include "tests/support/Loopback.h"
 
 namespace vlmTest {
@@ -7,34 +11,112 @@ namespace vlmTest {
 /// mosquitto on its own port, with additional configuration lines.
 class Broker {
   public:
-    explicit Broker(std::uint16_t port, std::string configuration = "allow_anonymous true\n");
-    ~Broker() { stop(); }
-    Broker(const Broker&) = delete;
-    Broker& operator=(const Broker&) = delete;
-
-    void start();
+    explicit Broker(std::uint16_t port, const std::string& configuration = "allow_anonymous true\n")
+        : m_port(port) {
+        restart(configuration);
+    }
     /// Kills it, like a crash.
     void stop() { m_process.reset(); }
-    void restart(std::string configuration);
+    void restart(const std::string& configuration) {
+        stop();
+        // Otherwise mosquitto, started by root, changes to a user who cannot read the folder.
+        const std::string file =
+            m_folder.write("mosquitto.conf", "user root\npersistence false\nlistener " +
+                                                 std::to_string(m_port) + " 127.0.0.1\n" + configuration);
+        const Descriptor log(openForWriting(m_folder.file("log")));
+        m_process =
+            std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", file},
+                                           std::vector<std::string>(), log, log);
+        if (!eventually([this] { return somebodyListensAt(m_port); })) {
+            throw std::runtime_error("the broker does not listen");
+        }
+    }
 
   private:
     const std::uint16_t m_port;
-    std::string m_configuration;
-    TemporaryFolder m_folder;
+    const TemporaryFolder m_folder;
     std::unique_ptr<ChildProcess> m_process;  ///< nullptr while stopped
+};
+
+/// A client of the broker: publishes, and collects messages by their topic.
+class Observer {
+  public:
+    using Take = std::function<void(const std::string& topic, const std::string& payload)>;
+
+    /// `take` is called for each message on the network thread.
+    explicit Observer(
+        const machine::MqttBackend& settings, std::vector<std::string> topics = {"#"},
+        std::string clientId = "observer", Take take = [](const auto&...) {})
+        : m_take(std::move(take)),
+          m_connection(settings, std::move(clientId), std::move(topics), {},
+                       {[this] { m_isConnected = true; },
+                        [this](const std::string& topic, const std::string& payload, bool) {
+                            m_take(topic, payload);
+                            const std::lock_guard<std::mutex> lock(m_mutex);
+                            m_received[topic].push_back(payload);
+                        },
+                        [](int, int) {}, [](int, const std::string&) {}}) {
+        m_connection.start();
+        EXPECT_TRUE(eventually([this] { return m_isConnected.load(); }));
+    }
+    std::vector<std::string> on(const std::string& topic) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_received[topic];
+    }
+    bool awaits(const std::string& topic, std::size_t count) {
+        return eventually([&] { return on(topic).size() >= count; });
+    }
+    void say(const std::string& topic, const std::string& payload, bool retain = false) {
+        std::string error;
+        EXPECT_EQ(m_connection.publish(topic, payload, retain, 0, error), 0) << error;
+    }
+    void stop() { m_connection.stop(); }
+
+  private:
+    const Take m_take;
+    std::atomic<bool> m_isConnected{false};
+    std::mutex m_mutex;
+    std::map<std::string, std::vector<std::string>> m_received;
+    kyo::orx::MqttConnection m_connection;
 };
 
 /// Certificates from openssl in a folder: authorities "ca" and "other-ca"; signed by "ca": "server" (for
 /// 127.0.0.1), "expired", "elsewhere" (for another host) and "client". Each has a .crt and a .key file.
 class Certificates {
   public:
-    Certificates();
+    Certificates() {
+        m_folder.write("make.sh", R"(set -e
+key() {
+    openssl ecparam -genkey -name prime256v1 -out $1.key
+}
+for ca in ca other-ca; do
+    key $ca
+    openssl req -x509 -new -key $ca.key -subj /CN=$ca -days 30 -out $ca.crt
+done
+issue() {
+    key $1
+    openssl req -new -key $1.key -subj /CN=$1 -out $1.csr
+    echo "subjectAltName=$2" >$1.ext
+    openssl x509 -req -in $1.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days $3 -extfile $1.ext -out $1.crt
+}
+issue server IP:127.0.0.1 30
+issue expired IP:127.0.0.1 0  # ends in the second in which it begins
+issue elsewhere DNS:elsewhere.example 30
+issue client DNS:vehicle.example 30
+)");
+        if (std::system(("cd " + m_folder.path() + " && sh make.sh >make.log 2>&1").c_str()) != 0) {
+            throw std::runtime_error("openssl has made no certificates");
+        }
+    }
     std::string file(const std::string& name) const { return m_folder.file(name); }
     /// Broker lines for TLS with that certificate.
-    std::string brokerLines(const std::string& certificate) const;
+    std::string brokerLines(const std::string& certificate) const {
+        return "cafile " + file("ca.crt") + "\ncertfile " + file(certificate + ".crt") + "\nkeyfile " +
+               file(certificate + ".key") + "\n";
+    }
 
   private:
-    TemporaryFolder m_folder;
+    const TemporaryFolder m_folder;
 };
 
 }  // namespace vlmTest
