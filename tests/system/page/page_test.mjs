@@ -8,7 +8,7 @@ import { join } from "node:path";
 import { after, before, test as plainTest } from "node:test";
 import { Bench, until } from "./processes.mjs";
 
-const { VLM_PAGE, VLM_PAGE_PACKAGES, VLM_CHROMIUM, VLM_SOURCE } = process.env;
+const { VLM_PAGE, VLM_PAGE_PACKAGES, VLM_CHROMIUM } = process.env;
 const packages = createRequire(join(VLM_PAGE_PACKAGES, "package.json"));
 if (!existsSync(join(VLM_PAGE, "index.html")) || !existsSync(join(VLM_PAGE_PACKAGES, "node_modules"))) {
   console.log("page_test skipped: the page is not built, as npm could not fetch its packages");
@@ -25,7 +25,7 @@ const complaints = [];
 let serverRuns = true;
 
 before(async () => {
-  await bench.prepare();
+  bench.prepare();
   bench.startBroker();
   await bench.startDatabase();
   await bench.startBackend();

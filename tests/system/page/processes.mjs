@@ -1,11 +1,10 @@
 // A vehicle, vlmmaster, a broker, PostgreSQL and a backend with its page, on loopback, in a folder of their own.
 import { execFileSync, spawn } from "node:child_process";
 import { chmodSync, chownSync, existsSync, mkdirSync, openSync, readdirSync, readFileSync, writeFileSync } from "node:fs";
-import { createServer } from "node:net";
-import { createSocket } from "node:dgram";
 import { join } from "node:path";
 
-const { VLMMASTER, VLM_VEHICLE, VLM_BACKEND, WITH_CATALOG, VLM_CATALOG, VLM_SOURCE, VLM_PAGE } = process.env;
+const { VLMMASTER, VLM_VEHICLE, VLM_BACKEND, VLM_CATALOG, VLM_PAGE } = process.env;
+const SOURCE = new URL("../../..", import.meta.url).pathname;
 const SPEED = 15; // the clock ticks at most once a minute
 const END_MS = 10_000;
 
@@ -17,25 +16,6 @@ export async function until(condition, what, deadlineMs = 30_000) {
     if (Date.now() > end) throw new Error(`did not come: ${typeof what === "function" ? what() : what}`);
     await new Promise((done) => setTimeout(done, 50));
   }
-}
-
-function freePort(udp = false) {
-  return new Promise((done, failed) => {
-    const probe = udp ? createSocket("udp4") : createServer();
-    const close = () => {
-      const { port } = probe.address();
-      probe.close(() => done(port));
-    };
-    probe.once("error", failed);
-    if (udp) probe.bind(0, "127.0.0.1", close);
-    else probe.listen(0, "127.0.0.1", close);
-  });
-}
-
-function fasterClock() {
-  const folder = readdirSync("/usr/lib").find((name) => existsSync(`/usr/lib/${name}/faketime/libfaketimeMT.so.1`));
-  if (!folder) throw new Error("libfaketime is missing");
-  return { LD_PRELOAD: `/usr/lib/${folder}/faketime/libfaketimeMT.so.1`, NO_FAKE_STAT: "1", FAKETIME: `+0 x${SPEED}` };
 }
 
 function postgresPrograms() {
@@ -57,11 +37,12 @@ export class Bench {
     this.started = new Map();
   }
 
-  async prepare() {
-    this.broker = await freePort();
-    this.port = await freePort();
-    this.databasePort = await freePort();
-    this.discovery = await freePort(true);
+  prepare() {
+    // Free ports and a faster clock, as the tests in Python find them.
+    const found = "import json; from processes import free_tcp_port as tcp, free_udp_port as udp, faster_clock; " +
+      `print(json.dumps([tcp(), tcp(), tcp(), udp(), faster_clock(${SPEED})]))`;
+    [this.broker, this.port, this.databasePort, this.discovery, this.clock] = JSON.parse(execFileSync("python3", ["-B", "-c", found]));
+    if (!this.clock) throw new Error("libfaketime is missing");
     mkdirSync(join(this.folder, "spool"));
     writeFileSync(join(this.folder, "mosquitto.conf"),
       `listener ${this.broker} 127.0.0.1\nallow_anonymous true\n`);
@@ -115,18 +96,17 @@ export class Bench {
     if (isNew) execFileSync(join(programs, "createdb"), [...peer, "vehicles"]);
   }
 
-  startBackend(...options) {
+  startBackend() {
     this.start("vlm-backend", [VLM_BACKEND, "--prefix", "vlm/bench", "--port", String(this.broker), "--database",
       `postgresql://test@127.0.0.1:${this.databasePort}/vehicles`, "--listen", `127.0.0.1:${this.port}`, "--page", VLM_PAGE, "--catalog", VLM_CATALOG, "--machine", join(this.folder, "vlmmaster.sock"),
-      "--machine-log", join(this.folder, "vlmmaster.txt"), ...options]);
+      "--machine-log", join(this.folder, "vlmmaster.txt")]);
     return until(async () => (await fetch(`${this.address}healthz`).catch(() => null))?.ok, () => `the backend; ${this.log("vlm-backend")}`);
   }
 
   startVehicle() {
-    const clock = fasterClock();
-    this.start("vlm-vehicle", [VLM_VEHICLE, "--discovery-port", String(this.discovery)], clock);
-    this.start("vlmmaster", [WITH_CATALOG, VLM_CATALOG, VLMMASTER, "-c", join(VLM_SOURCE, "examples/application.json")],
-      { VLM_MACHINE_MANIFEST: join(this.folder, "manifest.json"), ...clock });
+    this.start("vlm-vehicle", [VLM_VEHICLE, "--discovery-port", String(this.discovery)], this.clock);
+    this.start("vlmmaster", [join(SOURCE, "tests/support/with-catalog"), VLM_CATALOG, VLMMASTER, "-c", join(SOURCE, "examples/application.json")],
+      { VLM_MACHINE_MANIFEST: join(this.folder, "manifest.json"), ...this.clock });
   }
 
   log(name) {
