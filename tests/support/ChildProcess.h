@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "kyo/Json.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -115,16 +114,6 @@ struct Outcome {
     int status = 0;
     std::string out;
     std::string err;
-
-    /// The status that log_probe prints at its end.
-    kyo::Json::Value probeStatus() const {
-        kyo::Json::Value value;
-        kyo::Json::Reader reader;
-        if (!reader.parse(err, value)) {
-            throw std::runtime_error("not a status alone: " + err);
-        }
-        return value;
-    }
 };
 
 /// Runs the program with its standard output at the given descriptor, or else in a file.

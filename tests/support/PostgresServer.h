@@ -28,21 +28,10 @@ class PostgresServer {
         }
         run(program({"initdb", "-D", m_data, "-U", "test", "-A", "trust", "--no-sync", "-E", "UTF8",
                      "--locale=C.UTF-8"}));
-        const Descriptor log(openForWriting(m_folder.file("log")));
-        m_server = std::make_unique<ChildProcess>(
-            program({"postgres", "-D", m_data, "-p", m_port, "-k", m_folder.path(), "-c",
-                     "listen_addresses=127.0.0.1", "-c", "fsync=off"}),
-            std::vector<std::string>{}, log, log);
-        if (!eventually([this] {
-                return runToItsEnd(program({"pg_isready", "-h", m_folder.path(), "-p", m_port})).status == 0;
-            })) {
-            throw std::runtime_error("PostgreSQL does not start: " + readFile(m_folder.file("log")));
-        }
+        run(program({"pg_ctl", "-D", m_data, "-o",
+                     "-p " + m_port + " -k " + m_folder.path() + " -h 127.0.0.1 -F", "-w", "start"}));
     }
-    ~PostgresServer() {
-        runToItsEnd(program({"pg_ctl", "-D", m_data, "-m", "immediate", "-w", "stop"}));
-        m_server->wait();
-    }
+    ~PostgresServer() { runToItsEnd(program({"pg_ctl", "-D", m_data, "-m", "immediate", "-w", "stop"})); }
     /// The command for a program of the server, as a user whom it does not refuse.
     static std::vector<std::string> program(std::vector<std::string> words) {
         for (const auto& version : std::filesystem::directory_iterator("/usr/lib/postgresql")) {
@@ -63,7 +52,6 @@ class PostgresServer {
     const TemporaryFolder m_folder;
     const std::string m_data = m_folder.file("data");
     const std::string m_port = std::to_string(freePort());
-    std::unique_ptr<ChildProcess> m_server;
     int m_databases = 0;
 };
 

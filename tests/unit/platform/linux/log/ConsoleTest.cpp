@@ -21,7 +21,7 @@ Outcome probe(std::vector<std::string> words, int standardOutput = -1) {
 }
 
 std::uint64_t droppedBy(const Outcome& outcome) {
-    return outcome.probeStatus()["log"]["dropped"]["console"].asUInt64();
+    return valueOf(outcome.err)["log"]["dropped"]["console"].asUInt64();
 }
 
 struct Pipe {
@@ -78,7 +78,7 @@ TEST(Console, LinesOfManyThreadsArriveWholeWithTimeAndLevelAlsoWhenTheProcessExi
 
     const auto named = probe({"say", "@3", "an error\nof two lines"});
     EXPECT_THAT(named.out, HasSubstr(" ERROR   an error\n    of two lines\n"));
-    EXPECT_FALSE(named.probeStatus()["log"]["dlt"]["connected"].asBool());
+    EXPECT_FALSE(valueOf(named.err)["log"]["dlt"]["connected"].asBool());
 }
 
 TEST(Console, AReaderThatComesBackGetsEveryLineThatWasNotCountedAsDropped) {
