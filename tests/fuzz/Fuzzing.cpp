@@ -26,12 +26,6 @@ void require(bool holds, const char* what) {
     }
 }
 
-void logToNowhere() {
-    static Nowhere nowhere;
-    kyo::Log::setProductLogger(&nowhere);
-    kyo::Log::setReportingLevel(7);
-}
-
 std::string Input::line() {
     const auto end = std::find(m_left.begin(), m_left.end(), '\n');
     const std::string text = textOf(take(static_cast<std::size_t>(end - m_left.begin())));
@@ -53,3 +47,11 @@ bool parse(const std::string& text, kyo::Json::Value& out) {
 }
 
 }  // namespace vlmFuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static vlmFuzz::Nowhere nowhere;
+    kyo::Log::setProductLogger(&nowhere);
+    kyo::Log::setReportingLevel(7);
+    vlmFuzz::run(vlmFuzz::Input({data, size}));
+    return 0;
+}

@@ -20,9 +20,6 @@ using Bytes = std::span<const std::uint8_t>;
 /// Ends the process with that text, like a sanitizer, unless `holds`.
 void require(bool holds, const char* what);
 
-/// Enables all log lines and discards them, so that composing them is tested too.
-void logToNowhere();
-
 /// Reads values from the input. After its end all values are 0 or empty.
 class Input {
   public:
@@ -61,6 +58,7 @@ std::string fileWith(const std::string& content);
 /// Parses as the product does. Returns false when the text is no JSON.
 bool parse(const std::string& text, kyo::Json::Value& out);
 
-}  // namespace vlmFuzz
+/// The target itself: handles one input. All log lines are composed, and go nowhere.
+void run(Input in);
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+}  // namespace vlmFuzz

@@ -2,9 +2,7 @@
 #include "Fuzzing.h"
 #include "app/VLMConfig.h"
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
-    vlmFuzz::Input in({data, size});
+void vlmFuzz::run(Input in) {
     std::vector<std::string> keys{"OfferedDataTypes", ""};
     for (std::string key = in.line(); !key.empty() && keys.size() < 8; key = in.line()) {
         keys.push_back(key);
@@ -12,7 +10,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text = vlmFuzz::textOf(in.rest());
     kyo::Json::Value document;
     if (!vlmFuzz::parse(text, document)) {
-        return 0;  // the product ends with status 250
+        return;  // the product ends with status 250
     }
     vlmProd::VLMConfig config(vlmFuzz::fileWith(text));
     vlmFuzz::require(config.getConfigVersion().size() == 64, "the version is a digest");
@@ -29,5 +27,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         }
         config.getArraySize(key);
     }
-    return 0;
 }

@@ -54,14 +54,13 @@ void askEverything(ConfigParser& parser) {
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void vlmFuzz::run(Input in) {
     [[maybe_unused]] static const bool once = [] {
-        vlmFuzz::logToNowhere();
         FilesReturnCode code = FilesReturnCode::Ok;
         VlmJsonCatalog::createSingleton(vlmFuzz::fileWith("{\"meta\":{\"vlmVersion\":\"1\"}}"), code);
         return true;
     }();
-    std::string path = vlmFuzz::fileWith(vlmFuzz::textOf({data, size}));
+    std::string path = vlmFuzz::fileWith(vlmFuzz::textOf(in.rest()));
     ConfigParser parser;
     ConfigErrorCode code = ConfigErrorCode::Ok;
     if (parser.parseFromLocalFile(path, code)) {
@@ -69,5 +68,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     } else {
         require(code != ConfigErrorCode::Ok, "what is refused has a code");
     }
-    return 0;
 }

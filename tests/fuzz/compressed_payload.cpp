@@ -5,14 +5,14 @@
 using kyo::orx::Encoding;
 using vlmFuzz::require;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void vlmFuzz::run(Input in) {
     constexpr std::size_t limit = 1u << 20;
     static const auto known = [] {
         kyo::orx::Dictionaries made;
         made.addBuiltIn();
         return made;
     }();
-    const std::string payload = vlmFuzz::textOf({data, size});
+    const std::string payload = vlmFuzz::textOf(in.rest());
     const std::uint32_t needed = dictionaryOf(Encoding::Zstd, payload);
     std::string text;
     std::string error;
@@ -27,8 +27,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static kyo::orx::Compressor plain(1);
     std::string read;
     static kyo::orx::Compressor smaller(1, kyo::orx::Dictionary::load("50001", error));
-    const std::string packed = ((size & 1) != 0 ? smaller : plain).compress(text);
+    const std::string packed = ((payload.size() & 1) != 0 ? smaller : plain).compress(text);
     require(decompress(Encoding::Zstd, packed, read, error, limit, known) && read == text,
             "what is compressed comes back");
-    return 0;
 }

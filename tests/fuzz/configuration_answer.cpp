@@ -9,9 +9,7 @@
 
 using kyo::Json::Value;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
-    vlmFuzz::Input in({data, size});
+void vlmFuzz::run(Input in) {
     const auto kind = in.byte();
     const std::string text = vlmFuzz::textOf(in.rest());
     int handled = 0;
@@ -39,9 +37,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         answer.append(record);
         least = vlmFuzz::parse(text, document) ? 1 : 0;
     } else if (!vlmFuzz::parse(text, answer)) {
-        return 0;  // the transport passes on only JSON
+        return;  // the transport passes on only JSON
     }
     panel->ConfigResponseCallback(answer);
     vlmFuzz::require(handled >= least && handled <= 1, "a good answer is handled, once");
-    return 0;
 }

@@ -6,8 +6,7 @@ using kyo::orx::Forwarder;
 using kyo::orx::Spool;
 using vlmFuzz::require;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    vlmFuzz::Input in({data, size});
+void vlmFuzz::run(Input in) {
     Forwarder forwarder({std::chrono::seconds(60), 16});
     Forwarder::TimePoint now{};
     std::map<std::uint64_t, bool> waiting;
@@ -62,5 +61,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         require(forwarder.window() >= 1 && forwarder.window() <= 16, "the window has its limits");
         require(forwarder.onTheirWay() <= 16, "no more is on its way");
     }
-    return 0;
 }

@@ -46,9 +46,9 @@ struct Served {
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void vlmFuzz::run(Input input) {
     static Served served;
-    vlmFuzz::Input input({data, size});
+    const std::string asked = textOf(Input(input).rest());  // an error may repeat it
     const bool changes = (input.byte() & 1) != 0;
     const std::string target = input.line();
     web::Access access({false, {}, "secret"});
@@ -78,10 +78,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     require(answer.type != "application/json" || vlmFuzz::parse(body, content),
             "an answer is JSON if it says so");
     require(answer.status < 400 || !content["error"].asString().empty(), "an error has a reason");
-    const std::string_view asked(reinterpret_cast<const char*>(data), size);  // an error may repeat it
-    require(asked.find(kOutside) != std::string_view::npos || body.find(kOutside) == std::string::npos,
+    require(asked.find(kOutside) != std::string::npos || body.find(kOutside) == std::string::npos,
             "no path leads out of the page's folder");
     request.role = web::Role::None;
     require(served.router.handle(target, request).status >= 400, "nothing is answered without a role");
-    return 0;
 }

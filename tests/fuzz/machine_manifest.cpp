@@ -5,16 +5,16 @@
 
 using vlmFuzz::require;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void vlmFuzz::run(Input in) {
     kyo::Json::Value document;
-    if (!vlmFuzz::parse(vlmFuzz::textOf({data, size}), document)) {
-        return 0;  // the product ends with status 1
+    if (!vlmFuzz::parse(vlmFuzz::textOf(in.rest()), document)) {
+        return;  // the product ends with status 1
     }
     machine::Manifest manifest;
     std::string error;
     if (!machine::readManifest(document, manifest, error)) {
         require(!error.empty(), "what is refused has a reason");
-        return 0;
+        return;
     }
     require(error.empty(), "what is accepted has none");
     someip::Address own;
@@ -37,5 +37,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         require(machine::readSomeIpSettings(document["someip"], settings, error),
                 "a section alone is read the same");
     }
-    return 0;
 }

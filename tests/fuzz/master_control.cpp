@@ -13,7 +13,6 @@ namespace {
 /// One server for all inputs; startAnew() brings it into a known state.
 vlmProd::VlmServer& server() {
     static auto* const instance = [] {
-        vlmFuzz::logToNowhere();
         auto* const created =
             new vlmProd::VlmServer("Catalog 1", {"TypeA"}, std::make_shared<vlmTest::NoConfigurations>());
         created->registerDataDeliveryCallback([](vlmProd::orxStatus) {});
@@ -37,8 +36,7 @@ void startAnew() {
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    vlmFuzz::Input in({data, size});
+void vlmFuzz::run(Input in) {
     startAnew();
     auto& client = ScriptedClient::current();
     while (!in.empty()) {
@@ -60,5 +58,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             client.masterControl(message);
         }
     }
-    return 0;
 }

@@ -4,12 +4,11 @@
 
 using namespace vlmProd;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    [[maybe_unused]] static const bool once = (vlmFuzz::logToNowhere(), true);
-    const std::string text = vlmFuzz::textOf({data, size});
+void vlmFuzz::run(Input in) {
+    const std::string text = vlmFuzz::textOf(in.rest());
     kyo::Json::Value document;
     if (!vlmFuzz::parse(text, document)) {
-        return 0;  // the product ends with status 250
+        return;  // the product ends with status 250
     }
     try {
         VlmJsonCatalog catalog(vlmFuzz::fileWith(text));
@@ -29,5 +28,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         catalog.getSomeIPKey("GNSS", "positions", code);
     } catch (const std::exception&) {  // an instance id that is no number ends start-up
     }
-    return 0;
 }

@@ -82,8 +82,7 @@ void checkSent(ServiceDiscovery& discovery) {
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Input in({data, size});
+void vlmFuzz::run(Input in) {
     const Place& place = (in.byte() & 1) != 0 ? kIpv6 : kIpv4;
     const Endpoint selfTcp{place.self.address, place.self.port, Protocol::Tcp};
     const Endpoint tcpClient{place.peers[0].address, 50001, Protocol::Tcp};
@@ -143,5 +142,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     }
     discovery.shutdown();
     checkSent(discovery);
-    return 0;
 }

@@ -1,5 +1,4 @@
 /// Datagrams from several peers, with time between them, through the dispatcher: headers, routes, segments.
-/// Also the reverse: segments of a message are joined again in any order.
 #include "Messages.h"
 #include "someip/EventDispatcher.h"
 
@@ -17,7 +16,9 @@ constexpr Endpoint kPeers[] = {
     {0x7F000002, 40000}, {0x7F000002, 40001}, {0x7F000003, 40000}, {0x0A000001, 1}};
 constexpr ReassemblyLimits kLimits{4096, 12288, 4, 500ms};
 
-void hear(Input in) {
+}  // namespace
+
+void vlmFuzz::run(Input in) {
     const std::atomic<bool> stop{false};
     EventDispatcher dispatcher(kLimits, stop);
     std::vector<EventDispatcher::Route> routes;
@@ -58,57 +59,4 @@ void hear(Input in) {
     }
     dispatcher.onTime(now + 1h);
     require(dispatcher.nextDeadline() == Clock::time_point::max(), "nothing stays open for ever");
-}
-
-void cutAndJoin(Input in) {
-    Header header;
-    header.session = 1;
-    const std::size_t size = 1 + in.word() % 20000;
-    const std::size_t steps = in.byte() % 32;
-    const Bytes swaps = in.take(2 * steps);
-    const Bytes pattern = in.rest();
-    std::vector<std::uint8_t> payload(size);
-    for (std::size_t i = 0; i < size; ++i) {
-        payload[i] = static_cast<std::uint8_t>((pattern.empty() ? 0 : pattern[i % pattern.size()]) + i / 251);
-    }
-    std::vector<std::vector<std::uint8_t>> segments;
-    require(segment(header, payload,
-                    [&](Bytes datagram) {
-                        segments.emplace_back(datagram.begin() + kHeaderSize, datagram.end());
-                        return true;
-                    }),
-            "a payload is cut");
-    const std::size_t needed = segments.size();
-    for (std::size_t i = 0; i + 1 < swaps.size(); i += 2) {
-        std::swap(segments[swaps[i] % needed], segments[swaps[i + 1] % needed]);
-    }
-    Reassembler joiner({});
-    const SegmentKey key{kPeers[0], 1, 2, 0, header.session};
-    Bytes joined;
-    std::vector<std::uint8_t> message;
-    for (std::size_t i = 0; i < needed; ++i) {
-        const bool complete = joiner.add(key, segments[i], Clock::time_point{1h}, joined);
-        require(complete == (i + 1 == needed), "the last segment, and no other, completes the message");
-        message.insert(message.end(), joined.begin(), joined.end());
-        joined = {};
-        // Each comes twice, as networks with two paths have it. A message of one segment comes twice then.
-        require(needed == 1 || !joiner.add(key, segments[i], Clock::time_point{1h}, joined),
-                "a doubled segment completes nothing");
-    }
-    require(message == payload, "what was cut is joined");
-    joiner.expire(Clock::time_point{2h});
-    require(joiner.openSets() == 0 && joiner.heldBytes() == 0 && joiner.dropped() == 0,
-            "nothing is left over");
-}
-
-}  // namespace
-
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Input in({data, size});
-    if ((in.byte() & 7) == 7) {
-        cutAndJoin(in);
-    } else {
-        hear(in);
-    }
-    return 0;
 }

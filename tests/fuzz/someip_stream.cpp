@@ -36,8 +36,7 @@ std::pair<Messages, bool> read(Bytes stream, const std::vector<std::size_t>& pie
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    Input in({data, size});
+void vlmFuzz::run(Input in) {
     std::vector<std::size_t> pieces;
     for (int i = 0; i < 4; ++i) {
         pieces.push_back(1 + in.byte());
@@ -59,5 +58,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         }
     }
     require(read(stream, pieces) == read(stream, {stream.size() + 1}), "pieces make no difference");
-    return 0;
 }

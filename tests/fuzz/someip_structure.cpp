@@ -51,9 +51,7 @@ constexpr std::array kDecoders{
 
 }  // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size != 0) {
-        kDecoders[data[0] % kDecoders.size()](Bytes(data + 1, size - 1));
-    }
-    return 0;
+void vlmFuzz::run(Input in) {
+    const auto decoder = kDecoders[in.byte() % kDecoders.size()];
+    decoder(in.rest());
 }

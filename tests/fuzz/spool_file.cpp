@@ -5,9 +5,8 @@
 
 using vlmFuzz::require;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void vlmFuzz::run(Input in) {
     // The first byte chooses whether the checksum is the input's or the right one.
-    vlmFuzz::Input in({data, size});
     const bool isGiven = (in.byte() & 1) != 0;
     std::string content = vlmFuzz::textOf(in.rest());
     kyo::orx::SpooledEnvelope envelope;
@@ -21,7 +20,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     }
     if (!readSpoolFile(content, envelope, error)) {
         require(!error.empty(), "what is refused has a reason");
-        return 0;
+        return;
     }
     require(writeSpoolFile(envelope) == content, "what is read is written the same");
     std::string text;
@@ -30,5 +29,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         require(!error.empty(), "a payload that is refused has a reason");
     }
     require(text.size() <= limit, "no text is longer than its limit");
-    return 0;
 }

@@ -6,16 +6,16 @@
 using namespace vlmBackend::store;
 using vlmFuzz::require;
 
-int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void vlmFuzz::run(Input in) {
     static Store store(":memory:");
     static EnvelopeReader reader;
-    const std::string text = vlmFuzz::textOf({data, size});
+    const std::string text = vlmFuzz::textOf(in.rest());
     Envelope envelope;
     std::string reason;
     const bool readable = reader.read(text, envelope, reason);
     require(readable != envelope.messageId.empty() || !readable, "an envelope has an identifier");
     require(readable || !reason.empty(), "what is refused has a reason");
-    const Received received{"vlm/fuzz", text, "", "", size, 0};
+    const Received received{"vlm/fuzz", text, "", "", text.size(), 0};
     const Stored stored = store.put({&received, 1})[0];
     require(stored.outcome != Outcome::Failed, "no content makes the database refuse a transaction");
     require((stored.outcome == Outcome::Unusable) == !readable, "reader and store agree");
@@ -23,5 +23,4 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     require(again.outcome == (readable ? Outcome::Repeated : Outcome::Unusable), "a repetition is known");
     // Bounded, and each round starts alike.
     store.sql().script("DELETE FROM samples; DELETE FROM reports; DELETE FROM latest; DELETE FROM unusable");
-    return 0;
 }
