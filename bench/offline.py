@@ -132,11 +132,11 @@ def wait_until(condition, what, deadline):
 
 
 def support(build):
-    """tests/support/processes.py, which takes its programs from the environment."""
-    os.environ.update(VLMMASTER=str(build / "app/vlmmaster"), VLM_VEHICLE=str(build / "tools/vehicle/vlm-vehicle"),
-                      VLM_CATALOG=str(next((build / "generated").glob("VLM_Available_Signals_Catalog_*.json"))))
+    """tests/support/processes.py with the programs of this build; a test names them in the environment."""
     sys.path.insert(0, str(ROOT / "tests/support"))
     import processes
+    processes.VLMMASTER, processes.VLM_VEHICLE = build / "app/vlmmaster", build / "tools/vehicle/vlm-vehicle"
+    processes.CATALOG = next((build / "generated").glob("VLM_Available_Signals_Catalog_*.json"))
     return processes
 
 

@@ -208,7 +208,7 @@ class Vlmmaster(Peer):
     what stands between the namespace's making and the program. `outside` stands before all of it.
     """
 
-    def __init__(self, arguments, folder, catalog=CATALOG, before=None, address="127.0.0.1", port=None, manifest=None,
+    def __init__(self, arguments, folder, catalog=None, before=None, address="127.0.0.1", port=None, manifest=None,
                  environment=None, outside=()):
         self.folder = folder
         self.socket = os.path.join(folder, "state.sock")
@@ -219,7 +219,7 @@ class Vlmmaster(Peer):
                    "backend": {"directory": {"path": os.path.join(folder, "backend")}}}
         path.write_text(json.dumps(merged(content, manifest or {})))
         inside = ["env", *(f"{name}={value}" for name, value in environment.items())] if environment else []
-        super().__init__(Path(folder, "output.txt"), *outside, WITH_CATALOG, catalog, *inside, VLMMASTER, *arguments,
+        super().__init__(Path(folder, "output.txt"), *outside, WITH_CATALOG, catalog or CATALOG, *inside, VLMMASTER, *arguments,
                          cwd=folder, env=dict(os.environ, VLM_MACHINE_MANIFEST=str(path)), preexec_fn=before)
 
     def ask(self, request):
