@@ -1,21 +1,15 @@
 #pragma once
 /// Real sockets on the loopback network, or with IPv6. Addresses and ports depend on the process id, so that
 /// concurrent runs do not disturb each other.
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <deque>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "com/Proxy.h"
 #include "com/Skeleton.h"
 #include "someip/Counters.h"
 #include "someip/Runtime.h"
-#include "tests/support/Eventually.h"
-#include "tests/support/LogCapture.h"
 #include "tests/unit/platform/linux/someip/Reading.h"
 #include "tests/unit/platform/linux/someip/SdBench.h"
 
@@ -117,27 +111,21 @@ class MeterClient {
         return eventually([&] { return readings->subscribed(); });
     }
     void take(std::vector<Reading> samples) {
-        const std::lock_guard lock(guard);
         for (auto& sample : samples) {
-            got.push_back(std::move(sample));
+            got.add(std::move(sample));
         }
     }
-    std::size_t count() const {
-        const std::lock_guard lock(guard);
-        return got.size();
-    }
+    std::size_t count() const { return got.size(); }
     std::vector<std::int64_t> numbers() const {
-        const std::lock_guard lock(guard);
         std::vector<std::int64_t> all;
-        for (const auto& one : got) {
+        for (const auto& one : got.all()) {
             all.push_back(one.offset.value_or(-1));
         }
         return all;
     }
 
     someip::Runtime& runtime;
-    mutable std::mutex guard;
-    std::vector<Reading> got;
+    SharedList<Reading> got;
     // Last, so that they are destroyed before the members that the handler uses.
     std::unique_ptr<ac::com::ProxyBase> proxy;
     std::unique_ptr<ac::com::ProxyEvent<Reading>> readings;
@@ -157,6 +145,58 @@ struct MeterServer {
     ac::com::SkeletonBase base;
     ac::com::SkeletonEvent<Reading> readings{base, kReadings};
     ac::com::SkeletonEvent<Reading> alarms{base, kAlarms};
+};
+
+/// A client and a server like two processes: each with its own middleware and address.
+struct ClientAndServer : Test {
+    void startBoth(const machine::SomeIpSettings& forClient, const machine::SomeIpSettings& forServer) {
+        ASSERT_TRUE(clientSide.start(forClient, false));
+        ASSERT_TRUE(serverSide.start(forServer, true));
+        ASSERT_TRUE(clientSide.networkIsUp());
+        ASSERT_TRUE(serverSide.networkIsUp());
+        ASSERT_TRUE(server.base.OfferService());
+    }
+    void connect(const machine::SomeIpSettings& forServer = settingsFor(2)) {
+        startBoth(settingsFor(1), forServer);
+        ASSERT_TRUE(client.connect());
+        ASSERT_TRUE(client.subscribed());
+    }
+    /// Sends many samples and then a large one; they must arrive as they were sent and in order.
+    void expectSamples() {
+        std::vector<std::int64_t> expected;
+        for (int i = 0; i < 500; ++i) {
+            ASSERT_TRUE(server.readings.Send({numbered(2 * i), numbered(2 * i + 1)}));
+            expected.insert(expected.end(), {2 * i, 2 * i + 1});
+        }
+        ASSERT_TRUE(eventually([&] { return client.count() >= expected.size(); }));
+        EXPECT_EQ(client.numbers(), expected);
+        auto large = fullReading();
+        large.text = std::string(200000, 'x');
+        ASSERT_TRUE(server.readings.Send({large, Reading{}}));
+        ASSERT_TRUE(eventually([&] { return client.count() == 1002; }));
+        EXPECT_EQ(client.got.all()[1000], large);
+        EXPECT_EQ(client.got.all()[1001], Reading{});
+    }
+    /// Kills the server three times and the client once; each time samples must arrive again.
+    void killBothSides(const machine::SomeIpSettings& forServer) {
+        for (int life = 1; life <= 3; ++life) {
+            kill(serverSide);
+            ASSERT_TRUE(serverSide.start(forServer, true));
+            ASSERT_TRUE(server.sendUntilReceived(client, life));
+        }
+        kill(clientSide);
+        ASSERT_TRUE(clientSide.start(settingsFor(1), false));
+        ASSERT_TRUE(server.sendUntilReceived(client, 4));
+        ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; }))
+            << "its former life is gone";
+    }
+
+    LogCapture log{7};
+    SharedList<std::string> told;  ///< who came and went
+    someip::Runtime clientSide;
+    someip::Runtime serverSide;
+    MeterServer server{serverSide};
+    MeterClient client{clientSide};
 };
 
 /// A device of plain sockets: the test writes and reads its messages.
@@ -224,11 +264,9 @@ class PlainDevice {
         };
         return eventually([&] {
             for (const auto* socket : {discovery.get(), group.get()}) {
-                const auto count = batch.receive(*socket);
-                for (std::size_t i = 0; i < count; ++i) {
-                    waiting.emplace_back(batch.from(i),
-                                         std::vector(batch.bytes(i).begin(), batch.bytes(i).end()));
-                }
+                receive(*socket, [this](const someip::Endpoint& sender, auto bytes) {
+                    waiting.emplace_back(sender, std::vector(bytes.begin(), bytes.end()));
+                });
             }
             while (!waiting.empty()) {
                 const auto [sender, datagram] = std::move(waiting.front());
@@ -247,7 +285,11 @@ class PlainDevice {
     /// Calls `take(from, bytes)` for each datagram at the event socket.
     template <typename Take>
     void receiveEvents(Take&& take) {
-        const auto count = batch.receive(*events);
+        receive(*events, take);
+    }
+    template <typename Take>
+    void receive(const someip::UdpSocket& socket, Take&& take) {
+        const auto count = batch.receive(socket);
         for (std::size_t i = 0; i < count; ++i) {
             take(batch.from(i), batch.bytes(i));
         }

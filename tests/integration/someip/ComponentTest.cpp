@@ -1,14 +1,9 @@
 /// The middleware of the process, as programs use it.
-#include <chrono>
-
 #include "Bench.h"
 #include "ac/com/runtime/component.h"
 
 using namespace vlmTest;
-using namespace std::chrono_literals;
 using ac::com::runtime::Component_singleton;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 

@@ -1,33 +1,13 @@
 /// Permitted actions of receive handlers, and shutting down while they run.
-#include <atomic>
-
 #include "Bench.h"
+#include "kyo/Event.h"
 
 using namespace vlmTest;
-using namespace std::chrono_literals;
 
 namespace {
 
-/// Blocks a handler until the test releases it.
-struct Lock {
-    void passThrough() {
-        inside = true;
-        isOpen.wait(false);
-    }
-    bool waitForVisitor() const {
-        return eventually([&] { return inside.load(); });
-    }
-    void open() {
-        isOpen = true;
-        isOpen.notify_all();
-    }
-
-    std::atomic<bool> inside{false};
-    std::atomic<bool> isOpen{false};
-};
-
 /// Each test ends its subscription itself, since handlers use local variables of the test.
-struct Handlers : ::testing::Test {
+struct Handlers : Test {
     void SetUp() override {
         ASSERT_TRUE(runtime.start(settingsFor(1), true));
         server.base.OfferService();
@@ -48,20 +28,20 @@ struct Handlers : ::testing::Test {
 }  // namespace
 
 TEST_F(Handlers, UnsubscribeWaitsForTheOneUnderWay) {
-    Lock lock;
+    kyo::Event mayEnd;
     std::atomic<bool> finished{false};
     std::atomic<int> calls{0};
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
         ++calls;
-        lock.passThrough();
+        mayEnd.wait();
         finished = true;
     }));
     server.readings.Send({numbered(1)});
     server.readings.Send({numbered(2)});
-    ASSERT_TRUE(lock.waitForVisitor());
+    ASSERT_TRUE(eventually([&] { return calls == 1; }));
     std::thread release([&] {
         std::this_thread::sleep_for(20ms);
-        lock.open();
+        mayEnd.set();
     });
     readings->Unsubscribe();
     EXPECT_TRUE(finished);
@@ -135,20 +115,20 @@ TEST_F(Handlers, ASecondSubscribeReplacesTheHandler) {
 }
 
 TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
-    Lock lock;
+    kyo::Event mayEnd;
     std::atomic<int> calls{0};
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
         ++calls;
-        lock.passThrough();
+        mayEnd.wait();
     }));
     server.readings.Send({numbered(1)});
     server.readings.Send({numbered(2)});
-    ASSERT_TRUE(lock.waitForVisitor());
+    ASSERT_TRUE(eventually([&] { return calls == 1; }));
     runtime.stop(50ms);
     EXPECT_TRUE(log.hasPart(3, "A receive handler does not return"));
     // A restart has a new thread; the remaining one ends with its handler.
     ASSERT_TRUE(runtime.start(settingsFor(1), true));
-    lock.open();
+    mayEnd.set();
     EXPECT_TRUE(eventually([&] { return calls >= 2; }, [&] { server.readings.Send({numbered(3)}); }));
     readings.reset();
 }
@@ -164,7 +144,7 @@ TEST(HandlersUnderStress, NoneIsCalledAfterItsEnd) {
     const ac::com::ServiceHandle handle{kMeter.serviceId, 1, kMeter.majorVersion};
     std::atomic<bool> over{false};
     std::atomic<int> received{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 2; ++i) {
         threads.emplace_back([&] {
             ac::com::ProxyBase proxy(kMeter, handle, runtime);
@@ -199,8 +179,6 @@ TEST(HandlersUnderStress, NoneIsCalledAfterItsEnd) {
         }
         over = true;
     });
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     EXPECT_GE(received, 100);
 }

@@ -2,8 +2,6 @@
 #include "Bench.h"
 
 using namespace vlmTest;
-using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 namespace {
 

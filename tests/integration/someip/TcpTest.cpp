@@ -6,8 +6,6 @@
 #include "someip/TcpSocket.h"
 
 using namespace vlmTest;
-using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 namespace {
 
@@ -18,21 +16,7 @@ machine::SomeIpSettings serverSettings() {
     return settings;
 }
 
-struct OverTcp : ::testing::Test {
-    void connect() {
-        ASSERT_TRUE(clientSide.start(settingsFor(1), false));
-        ASSERT_TRUE(serverSide.start(serverSettings(), true));
-        ASSERT_TRUE(server.base.OfferService());
-        ASSERT_TRUE(client.connect());
-        ASSERT_TRUE(client.subscribed());
-    }
-
-    LogCapture log{7};
-    someip::Runtime clientSide;
-    someip::Runtime serverSide;
-    MeterServer server{serverSide};
-    MeterClient client{clientSide};
-};
+using OverTcp = ClientAndServer;
 
 /// A server of plain sockets that offers over TCP alone.
 struct TcpDevice : PlainDevice {
@@ -59,39 +43,19 @@ struct TcpDevice : PlainDevice {
 TEST_F(OverTcp, SamplesArriveInOrderLargeOnesWholeAndAfterEitherSideWasKilled) {
     const auto segments = someip::counters().tpSegments.value();
     const auto strangers = someip::counters().notSubscribed.value();
-    connect();
-    std::vector<std::int64_t> expected;
-    for (int i = 0; i < 2000; ++i) {
-        ASSERT_TRUE(server.readings.Send({numbered(i)}));
-        expected.push_back(i);
-    }
-    ASSERT_TRUE(eventually([&] { return client.count() == expected.size(); }));
-    EXPECT_EQ(client.numbers(), expected);
-    auto large = fullReading();
-    large.text = std::string(500'000, 'x');
-    ASSERT_TRUE(server.readings.Send({large}));
-    ASSERT_TRUE(eventually([&] { return client.count() == 2001; }));
-    EXPECT_EQ(client.got.back(), large);
+    connect(serverSettings());
+    ASSERT_NO_FATAL_FAILURE(expectSamples());
     EXPECT_EQ(someip::counters().tpSegments.value(), segments);
     EXPECT_EQ(someip::counters().notSubscribed.value(), strangers) << "magic cookies are no events";
 
-    for (int life = 1; life <= 3; ++life) {
-        kill(serverSide);
-        ASSERT_TRUE(serverSide.start(serverSettings(), true));
-        ASSERT_TRUE(server.sendUntilReceived(client, life));
-    }
-    kill(clientSide);
-    ASSERT_TRUE(clientSide.start(settingsFor(1), false));
-    ASSERT_TRUE(server.sendUntilReceived(client, 4));
-    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; })) << "its former life is gone";
-
+    ASSERT_NO_FATAL_FAILURE(killBothSides(serverSettings()));
     client.readings->Unsubscribe();
     ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
     EXPECT_TRUE(log.waitFor("has disconnected")) << "a connection that is not needed is closed";
 }
 
 TEST_F(OverTcp, AClientThatDoesNotReadIsDisconnectedAndTheOthersAreServed) {
-    connect();
+    connect(serverSettings());
     PlainDevice stalled(3);
     auto subscription = stalled.subscription(kMeter.serviceId, kReadings.eventgroupId);
     std::string error;

@@ -118,11 +118,9 @@ TEST_F(SpoolTest, ReadsABacklogOfAnyLengthInOrder) {
 
 TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
     for (const bool oldest : {true, false}) {
-        Spool::Settings settings;
-        settings.maxBytes = 10u << 20;
-        settings.dropOldest = oldest;
+        constexpr std::uint64_t kMaxBytes = 10u << 20;
         const std::uint64_t before = counted("spool.dropped.full");
-        auto spool = opened(settings);
+        auto spool = opened({.folder = {}, .maxBytes = kMaxBytes, .dropOldest = oldest});
         std::uint64_t dropped = 0;
         for (int i = 1; i <= 1000; ++i) {
             const auto outcome =
@@ -135,7 +133,7 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
             for (const auto& entry : fs::directory_iterator(spool->folder())) {
                 onDisk += (entry.file_size() + 4095) / 4096 * 4096;
             }
-            ASSERT_LE(onDisk, settings.maxBytes + 4096);  // and the file "format"
+            ASSERT_LE(onDisk, kMaxBytes + 4096);  // and the file "format"
         }
         const std::vector<std::string> ids = idsIn(*spool);
         EXPECT_EQ(counted("spool.dropped.full") - before, 1000 - ids.size());
@@ -153,10 +151,7 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
 }
 
 TEST_F(SpoolTest, DropsWhatIsOnItsWayLastAndWhatIsTooOld) {
-    Spool::Settings settings;
-    settings.maxBytes = 3 * 4096;
-    settings.maxAgeSeconds = 60;
-    auto spool = opened(settings);
+    auto spool = opened({.folder = {}, .maxBytes = 3 * 4096, .maxAgeSeconds = 60});
     for (int i = 1; i <= 3; ++i) {
         store(*spool, envelope(std::to_string(i), 100, 1000 * i));
     }

@@ -76,16 +76,13 @@ TEST(LineQueue, NothingIsLostOrDoubledBetweenManyProducersAndASleepyConsumer) {
     constexpr int kEach = 3000;
     LineQueue queue(kProducers * kEach, 64u << 20);
     std::atomic<int> finished{0};
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kEach; ++i) {
-                EXPECT_TRUE(queue.push(std::to_string(i), static_cast<std::uint8_t>(p)));
-            }
-            finished.fetch_add(1);
-            queue.wake();
-        });
-    }
+    Together producers(kProducers, [&](int p) {
+        for (int i = 0; i < kEach; ++i) {
+            EXPECT_TRUE(queue.push(std::to_string(i), static_cast<std::uint8_t>(p)));
+        }
+        finished.fetch_add(1);
+        queue.wake();
+    });
     std::vector<int> next(kProducers, 0);
     LineBuffer out;
     const auto take = [&] {
@@ -103,9 +100,7 @@ TEST(LineQueue, NothingIsLostOrDoubledBetweenManyProducersAndASleepyConsumer) {
             queue.finishSleep();
         }
     }
-    for (std::thread& producer : producers) {
-        producer.join();
-    }
+    producers.join();
     take();
     queue.finishSleep();
     EXPECT_TRUE(queue.push("nobody sleeps", 0));

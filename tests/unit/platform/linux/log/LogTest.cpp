@@ -9,19 +9,6 @@ using namespace vlmTest;
 
 namespace {
 
-class Recorder : public kyo::ProductLogger {
-  public:
-    Recorder() { kyo::Log::setProductLogger(this); }
-    ~Recorder() override {
-        kyo::Log::setProductLogger(nullptr);
-        kyo::Log::setReportingLevel(0);
-    }
-    void logData(std::string message, kyo::LogLevel level) override {
-        lines.emplace_back(std::move(message), level);
-    }
-    std::vector<std::pair<std::string, int>> lines;
-};
-
 template <typename T>
 void expectAsStreams(T value) {
     std::ostringstream expected;
@@ -62,7 +49,7 @@ TEST(Log, WritesValuesAsTheStandardStreamsDo) {
 
 TEST(Log, ALineGoesToTheLoggerUpToTheReportingLevelAndNowhereBeforeOneIsSet) {
     say(1, "before");
-    Recorder recorder;
+    const LogCapture log(0);
     say(3, "level still 0");
     kyo::Log::setReportingLevel(5);
     say(5, "five");
@@ -74,7 +61,8 @@ TEST(Log, ALineGoesToTheLoggerUpToTheReportingLevelAndNowhereBeforeOneIsSet) {
     kyo::Log::setReportingLevel(9);
     EXPECT_EQ(kyo::Log::getReportingLevel(), 7);  // the manifest's default limit
     say(7, "seven");
-    EXPECT_THAT(recorder.lines, ElementsAre(Pair("five", 5), Pair("seven", 7)));
+    EXPECT_THAT(log.messages(), ElementsAre("five", "seven"));
+    EXPECT_TRUE(log.has(5, "five") && log.has(7, "seven"));
     EXPECT_EQ(kyo::Log::getFileOutputLevel(), -1);
 }
 

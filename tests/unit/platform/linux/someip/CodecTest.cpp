@@ -1,12 +1,9 @@
-#include <gmock/gmock.h>
-
 #include "Reading.h"
+#include "tests/support/Test.h"
 
 using namespace vlmTest;
 using someip::DecodeReport;
 using someip::DecodeResult;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 namespace {
 

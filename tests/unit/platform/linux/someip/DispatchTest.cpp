@@ -1,15 +1,10 @@
-#include <gmock/gmock.h>
-
 #include "Reading.h"
 #include "someip/Counters.h"
 #include "someip/EventDispatcher.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Test.h"
 
 using namespace someip;
 using namespace vlmTest;
-using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -44,7 +39,7 @@ Bytes payloadOf(std::uint8_t small) {
     return payload;
 }
 
-struct Dispatching : ::testing::Test {
+struct Dispatching : Test {
     Dispatching() { dispatcher.setRoutes({{kServer, receiver()}}); }
 
     std::shared_ptr<EventReceiver> receiver() {

@@ -1,14 +1,9 @@
 #pragma once
 /// Service discovery driven by hand: the test moves the clock and reads the sent messages.
-#include <gmock/gmock.h>
-
-#include <algorithm>
 #include <iterator>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "someip/ServiceDiscovery.h"
+#include "tests/support/Test.h"
 
 namespace vlmTest {
 
@@ -145,7 +140,7 @@ struct SdPeer {
     someip::SdOutbox outbox;
 };
 
-struct SdBench : ::testing::Test {
+struct SdBench : Test {
     using Clock = someip::Clock;
 
     void advance(std::chrono::milliseconds by) {

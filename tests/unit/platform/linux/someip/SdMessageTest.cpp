@@ -1,13 +1,7 @@
-#include "someip/SdMessage.h"
-
-#include <gmock/gmock.h>
-
 #include "SdBench.h"
 
 using namespace someip;
 using namespace vlmTest;
-using ::testing::ElementsAre;
-using ::testing::SizeIs;
 
 namespace {
 

@@ -4,10 +4,6 @@
 
 using namespace vlmTest;
 using namespace someip;
-using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 namespace {
 

@@ -1,15 +1,10 @@
 #include "someip/StreamReader.h"
 
-#include <gmock/gmock.h>
-
-#include <algorithm>
-#include <string>
-
 #include "someip/Message.h"
+#include "tests/support/Test.h"
 
 using namespace someip;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using namespace vlmTest;
 
 namespace {
 

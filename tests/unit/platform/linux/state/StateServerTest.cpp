@@ -177,9 +177,7 @@ TEST_F(StateServerTest, TheComponentLearnsThatTheRequesterIsGone) {
 }
 
 TEST_F(StateServerTest, AStateThatNobodyConfirmsIsAnErrorInTheEnd) {
-    StateServerLimits limits;
-    limits.confirmation = std::chrono::milliseconds(50);
-    serve(limits);
+    serve({.confirmation = 50ms});
     TestClient client(path());
     for (const char* const state : {"later", "throw"}) {
         EXPECT_THAT(client.ask(stateRequest(state)),
@@ -190,9 +188,7 @@ TEST_F(StateServerTest, AStateThatNobodyConfirmsIsAnErrorInTheEnd) {
 }
 
 TEST_F(StateServerTest, AClientThatDawdlesOrReadsNothingHoldsUpNobodyAndIsLetGoOrFillsNoMemory) {
-    StateServerLimits limits;
-    limits.idle = std::chrono::milliseconds(150);
-    serve(limits);
+    serve({.idle = 150ms});
     TestClient waiting(path());
     requestLater(waiting);
     TestClient slow(path());
@@ -218,9 +214,7 @@ TEST_F(StateServerTest, AClientThatDawdlesOrReadsNothingHoldsUpNobodyAndIsLetGoO
 }
 
 TEST_F(StateServerTest, ManyClientsPushOutTheOneThatIsSilentLongest) {
-    StateServerLimits limits;
-    limits.clients = 4;
-    serve(limits);
+    serve({.clients = 4});
     TestClient waiting(path());
     requestLater(waiting);
     std::vector<std::unique_ptr<TestClient>> clients;

@@ -1,18 +1,10 @@
 #include "supervision/ServiceManager.h"
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <cstddef>
-#include <cstdlib>
-#include <string>
-#include <utility>
-
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Test.h"
 
 namespace {
 
