@@ -72,12 +72,18 @@ struct SpoolTest : Test {
     FastDisk m_disk;
 };
 
-TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndHasOneOwner) {
+TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndRefusalsOfTheDiskAndHasOneOwner) {
     auto spool = opened();
+    std::string error;
+    SpooledEnvelope refused = envelope("refused");
+    m_disk.refusal = ENOSPC;
+    EXPECT_EQ(spool->store(refused, error), Spool::Stored::NotYet);
+    EXPECT_THAT(error, HasSubstr("No space left"));
+    EXPECT_EQ(spool->waiting(), 0u);
+    m_disk.refusal = 0;
     for (const char* id : {"a", "b", "c"}) {
         EXPECT_EQ(store(*spool, envelope(id)), Spool::Stored::Durably);
     }
-    std::string error;
     EXPECT_FALSE(Spool({m_folder.file("a/spool")}, m_disk).open(error));
     EXPECT_NE(error.find("belongs to another process"), std::string::npos) << error;
     spool.reset();
@@ -202,19 +208,6 @@ TEST_F(SpoolTest, LeavesAFileWhereItIsWhileTheSystemHasNoDescriptorForIt) {
     EXPECT_EQ(spool->read(*spool->next(0), read), Spool::Read::NotNow);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(idsIn(*spool), std::vector<std::string>{"a"});
-}
-
-TEST_F(SpoolTest, KeepsNothingOfAnEnvelopeThatTheDiskDoesNotTake) {
-    auto spool = opened();
-    m_disk.refusal = ENOSPC;
-    SpooledEnvelope made = envelope("a");
-    std::string error;
-    EXPECT_EQ(spool->store(made, error), Spool::Stored::NotYet);
-    EXPECT_NE(error.find("No space left"), std::string::npos) << error;
-    EXPECT_EQ(spool->waiting(), 0u);
-    m_disk.refusal = 0;
-    EXPECT_EQ(spool->store(made, error), Spool::Stored::Durably);
-    EXPECT_EQ(made.number, 1u);
 }
 
 /// Records what is done to the disk, and lays out what a power cut would leave of it: all that a later

@@ -133,10 +133,7 @@ extern "C" const char* __tsan_default_options() {
 TEST(LineQueue, AHandlerThatInterruptsALoggingThreadDropsItsLineInsteadOfWaiting) {
     LineQueue queue(1u << 20, 512u << 20);
     g_interrupted = &queue;
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = logFromHandler;
-    ::sigaction(SIGUSR1, &action, &before);
+    const auto before = std::signal(SIGUSR1, logFromHandler);
     std::atomic<bool> stop{false};
     std::thread worker([&] {
         while (!stop.load(std::memory_order_relaxed)) {
@@ -153,6 +150,6 @@ TEST(LineQueue, AHandlerThatInterruptsALoggingThreadDropsItsLineInsteadOfWaiting
                                      });
     stop.store(true);
     worker.join();
-    ::sigaction(SIGUSR1, &before, nullptr);
+    std::signal(SIGUSR1, before);
     EXPECT_TRUE(answered) << g_handled.load() << " of " << sent;
 }
