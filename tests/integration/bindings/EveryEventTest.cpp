@@ -206,38 +206,35 @@ class Decoded {
               service.interface(), 1, event.interface(), [this](auto payload, auto& report) {
                   std::vector<qdr::services::DecodedSample> samples;
                   EXPECT_TRUE(m_event.decode(payload, samples, report)) << report.error;
-                  const std::lock_guard lock(m_guard);
-                  m_samples = std::move(samples);
+                  for (auto& sample : samples) {
+                      m_samples.add(std::move(sample));
+                  }
               })) {}
     ~Decoded() { someip::Runtime::process().release(m_receiver); }
 
     /// Each value that was sent must be in its place, and no other.
     void expect(const std::vector<Case>& cases) {
-        ASSERT_TRUE(eventually([&] {
-            const std::lock_guard lock(m_guard);
-            return m_samples.size() == cases.size();
-        }));
+        ASSERT_TRUE(eventually([&] { return m_samples.size() == cases.size(); }));
+        const auto samples = m_samples.all();
         for (std::size_t i = 0; i < cases.size(); ++i) {
-            FieldValues left = cases[i].sample;
+            Value sent(kyo::Json::objectValue);
+            for (const auto& [name, value] : cases[i].sample) {
+                sent[name] = inRecord(*m_event.find(name), value);
+            }
+            Value decoded(kyo::Json::objectValue);
             for (std::size_t place = 0; place < m_event.fields().size(); ++place) {
-                const FieldInfo& field = m_event.fields()[place];
-                const auto& value = m_samples[i].at(place);
-                const auto sent = left.find(field.name);
-                ASSERT_EQ(value.has_value(), sent != left.end()) << cases[i].what << ": " << field.name;
-                if (value) {
-                    const Value decoded = std::visit([](const auto& held) { return Value(held); }, *value);
-                    EXPECT_EQ(decoded, inRecord(field, sent->second)) << cases[i].what << ": " << field.name;
-                    left.erase(sent);
+                if (const auto& value = samples[i].at(place)) {
+                    decoded[m_event.fields()[place].name] =
+                        std::visit([](const auto& held) { return Value(held); }, *value);
                 }
             }
-            EXPECT_TRUE(left.empty()) << cases[i].what;
+            EXPECT_EQ(decoded, sent) << cases[i].what;
         }
     }
 
   private:
     const DescribedEvent& m_event;
-    std::mutex m_guard;
-    std::vector<qdr::services::DecodedSample> m_samples;  ///< guarded by m_guard
+    SharedList<qdr::services::DecodedSample> m_samples;
     const std::shared_ptr<someip::EventReceiver> m_receiver;
 };
 
