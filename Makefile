@@ -12,7 +12,7 @@ DURATION ?=
 SPEED ?=
 
 .DEFAULT_GOAL := help
-.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan test-big-endian bench docs everything install format lint fuzz faults load mutants soak coverage package package-check package-test release-check clean
+.PHONY: help deps deps-lint deps-page configure build run test test-asan test-tsan test-big-endian test-emulated bench docs everything install format lint fuzz faults load mutants soak coverage package package-check package-test release-check clean
 
 help:
 	@echo 'make run       vehicle, vlmmaster and a backend on this machine; Ctrl-C ends it'
@@ -23,6 +23,7 @@ help:
 	@echo '                 SPEED=FACTOR      faster clock for vehicle and vlmmaster, by libfaketime'
 	@echo 'make test      all tests; make test-asan, make test-tsan: unit and integration under sanitizers'
 	@echo 'make test-big-endian  the SOME/IP codec on s390x, in qemu'
+	@echo 'make test-emulated  unit and integration tests on arm64, in qemu; ARCHITECTURE=...: on another machine'
 	@echo 'make coverage  unit and integration tests, and a table of their coverage'
 	@echo 'make bench     benchmarks, as a table'
 	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
@@ -79,6 +80,10 @@ test-asan test-tsan: test-%:
 test-big-endian:
 	@tools/run/deps.sh big-endian
 	tests/packages/big-endian
+
+test-emulated:
+	@tools/run/deps.sh package-test
+	JOBS=$(JOBS) tests/packages/emulated $(or $(filter-out $(shell dpkg --print-architecture),$(ARCHITECTURE)),arm64)
 
 # Runs the kept seeds first, then new inputs; build/fuzz/corpus keeps findings for the next run.
 fuzz:
