@@ -242,7 +242,7 @@ std::vector<Row> Postgres::query(const std::string& statement, std::span<const C
 
 /// The name under which the server keeps a statement that comes a second time; null for others. Readers ask
 /// for ranges of very different size, so each of theirs is planned for its own.
-const char* Postgres::prepared(const std::string& statement, const std::vector<unsigned>& types) {
+const std::string* Postgres::prepared(const std::string& statement, const std::vector<unsigned>& types) {
     if (!m_prepares) {
         return nullptr;
     }
@@ -257,7 +257,7 @@ const char* Postgres::prepared(const std::string& statement, const std::vector<u
                         static_cast<int>(types.size()), types.data()));
         known.isPrepared = true;
     }
-    return known.name.c_str();
+    return &known.name;
 }
 
 void Postgres::stream(const std::string& statement, std::span<const Cell> parameters,
@@ -265,12 +265,13 @@ void Postgres::stream(const std::string& statement, std::span<const Cell> parame
     pg_conn* const connection = m_connection.get();
     const Parameters given(parameters);
     const auto count = static_cast<int>(given.values.size());
-    const char* const name = prepared(statement, given.types);
-    const int isSent = name == nullptr ? PQsendQueryParams(connection, statement.c_str(), count,
-                                                           given.types.data(), given.values.data(),
-                                                           given.lengths.data(), given.formats.data(), 0)
-                                       : PQsendQueryPrepared(connection, name, count, given.values.data(),
-                                                             given.lengths.data(), given.formats.data(), 0);
+    const std::string* const name = prepared(statement, given.types);
+    const int isSent =
+        name == nullptr
+            ? PQsendQueryParams(connection, statement.c_str(), count, given.types.data(), given.values.data(),
+                                given.lengths.data(), given.formats.data(), 0)
+            : PQsendQueryPrepared(connection, name->c_str(), count, given.values.data(), given.lengths.data(),
+                                  given.formats.data(), 0);
     if (isSent == 0) {
         fail(nullptr);
     }

@@ -39,7 +39,7 @@ class Postgres : public Sql {
     using Result = std::unique_ptr<pg_result, void (*)(pg_result*)>;
 
     void readPartitions();
-    const char* prepared(const std::string& statement, const std::vector<unsigned>& types);
+    const std::string* prepared(const std::string& statement, const std::vector<unsigned>& types);
     void copy(const std::string& statement, const std::string& data);
     [[noreturn]] void fail(const pg_result* result) const;
     Result check(pg_result* result) const;
