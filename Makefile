@@ -26,7 +26,7 @@ help:
 	@echo 'make test-emulated  unit and integration tests on arm64, in qemu; ARCHITECTURE=...: on another machine'
 	@echo 'make coverage  unit and integration tests, and a table of their coverage'
 	@echo 'make bench     benchmarks, as a table'
-	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute)'
+	@echo 'make fuzz      libFuzzer targets under sanitizers; MINUTES=n or SECONDS=n each (1 minute); SEED=n repeats a run'
 	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run, ONLY=SpoolFaults runs a part'
 	@echo 'make load      5,000 and 20,000 samples a second over all services, for MINUTES=n each (10)'
 	@echo 'make soak      everything at its natural rate for HOURS=n (1), memory and losses as a plot'
@@ -85,15 +85,17 @@ test-emulated:
 	@tools/run/deps.sh package-test
 	JOBS=$(JOBS) tests/packages/emulated $(or $(filter-out $(shell dpkg --print-architecture),$(ARCHITECTURE)),arm64)
 
+# Of chosen faults and inputs; 0: others in each run.
+SEED ?= 0
+
 # Runs the kept seeds first, then new inputs; build/fuzz/corpus keeps findings for the next run.
 fuzz:
 	@tools/run/deps.sh fuzz
 	@$(MAKE) --no-print-directory configure PRESET=fuzz
 	cmake --build --preset fuzz -j $(JOBS)
-	tests/fuzz/run.py --seconds $(or $(SECONDS),$(if $(MINUTES),$$(($(MINUTES) * 60)),60)) --jobs $(JOBS)
+	tests/fuzz/run.py --seconds $(or $(SECONDS),$(if $(MINUTES),$$(($(MINUTES) * 60)),60)) --seed $(SEED) --jobs $(JOBS)
 
 ROUNDS ?= 20
-SEED ?= 0
 
 # One at a time, since they also measure times.
 faults: configure

@@ -8,7 +8,6 @@
 
 #include "base/VlmLog.h"
 #include "json/FieldReader.h"
-#include "json/TextLimits.h"
 #include "kyo/Status.h"
 #include "report/VlmReportControl.h"
 
@@ -17,8 +16,6 @@ namespace vlmProd {
 namespace {
 
 constexpr int kRetryMs = 660000;
-/// Of a collector configuration: some ten times one that collects everything.
-constexpr TextLimits kConfiguration{64u << 20, 64, 100'000};
 
 }  // namespace
 
@@ -96,7 +93,7 @@ void ConfigControlPanel::ConfigResponseCallback(kyo::Json::Value response) {
         const std::string decoded(bytes.begin(), bytes.end());
         VLM_LOG(5, "De-coded string = " << decoded);
         kyo::Json::Reader json;
-        if (std::string fault; !isWithin(kConfiguration, decoded, fault)) {
+        if (std::string fault; !isWithin(kLimits, decoded, fault)) {
             reason = "[0].recordBody: " + fault;
         } else if (!json.parse(decoded, configuration, false)) {
             reason = "[0].recordBody is not JSON: " + json.getFormattedErrorMessages();

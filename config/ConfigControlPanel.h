@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "bus/Timer.h"
+#include "json/TextLimits.h"
 #include "kyo/Json.h"
 #include "kyo/Mutex.h"
 #include "report/ConfigurationReceiver.h"
@@ -24,6 +25,9 @@ class ConfigControlPanel : public ConfigurationReceiver,
     /// configuration does not run; an empty text when it does.
     using ConfigurationHandler = std::function<std::string(kyo::Json::Value configuration,
                                                            std::string recordId, std::string recordBody)>;
+
+    /// Of a collector configuration: some ten times one that collects everything.
+    static constexpr TextLimits kLimits{64u << 20, 64, 100'000};
 
     /// `handler` gets the configurations, on the thread of the answer.
     explicit ConfigControlPanel(ConfigurationHandler handler);

@@ -24,21 +24,22 @@ void vlmFuzz::run(Input in) {
     });
     Value document;
     Value answer;
-    int least = 0;
+    bool good = false;
+    std::string fault;
     if (kind == 'f') {
-        std::string error;
-        answer = kyo::orx::readConfigurationAnswer(vlmFuzz::fileWith(text), 8u << 20, error);
-        least = vlmFuzz::parse(text, document) ? 1 : 0;
+        answer = kyo::orx::readConfigurationAnswer(vlmFuzz::fileWith(text), 8u << 20, fault);
+        good = vlmFuzz::parse(text, document);
     } else if (kind == 'b') {
         Value record(kyo::Json::objectValue);
         record["recordId"] = "record";
         record["recordBody"] =
             Botan::base64_encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
         answer.append(record);
-        least = vlmFuzz::parse(text, document) ? 1 : 0;
+        good = vlmFuzz::parse(text, document);
     } else if (!vlmFuzz::parse(text, answer)) {
         return;  // the transport passes on only JSON
     }
     panel->ConfigResponseCallback(answer);
-    vlmFuzz::require(handled >= least && handled <= 1, "a good answer is handled, once");
+    good = good && vlmProd::isWithin(vlmProd::ConfigControlPanel::kLimits, text, fault);
+    vlmFuzz::require(handled >= (good ? 1 : 0) && handled <= 1, "a good answer is handled, once");
 }

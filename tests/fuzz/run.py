@@ -81,7 +81,7 @@ def run_target(target, options):
     for path in seeds:
         shutil.copyfile(path, corpus / f"seed-{path.name}")
     dictionary = DICTIONARIES.get(target, "json")
-    arguments = [f"-max_total_time={options.seconds}", "-print_final_stats=1"]
+    arguments = [f"-max_total_time={options.seconds}", f"-seed={options.seed}", "-print_final_stats=1"]
     if dictionary:
         arguments.append(f"-dict={HERE / 'dictionaries' / dictionary}.dict")
     fault = None
@@ -95,6 +95,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", type=Path, default=ROOT / "build/fuzz", help="build folder of the preset fuzz")
     parser.add_argument("--seconds", type=int, default=60, help="per target, behind the kept seeds")
+    parser.add_argument("--seed", type=int, default=0, help="of new inputs; 0: another one in each run")
     parser.add_argument("--jobs", type=int, default=1, help="targets at once")
     parser.add_argument("targets", nargs="*", help="all without one")
     options = parser.parse_args()
