@@ -30,7 +30,7 @@ help:
 	@echo 'make faults    peers, network, clock and disk fail, ROUNDS=n times each (20); SEED=n repeats a run, ONLY=SpoolFaults runs a part'
 	@echo 'make load      5,000 and 20,000 samples a second over all services, for MINUTES=n each (10)'
 	@echo 'make soak      everything at its natural rate for HOURS=n (1), memory and losses as a plot'
-	@echo 'make mutants   plants faults one at a time: FILES="bus/*.cpp ..." SEED=n MINUTES=n, and lists what no test noticed'
+	@echo 'make mutants   plants faults one at a time: FILES="bus/*.cpp ..." SEED=n MINUTES=n, and lists what no test noticed; SYSTEM=REGEX: also run these system tests'
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
@@ -111,7 +111,7 @@ load:
 	bench/run --build build/$(LOAD_PRESET) --load $(or $(MINUTES),10)
 
 mutants: deps
-	tools/mutants/mutants.py $(if $(FILES),--files $(foreach pattern,$(FILES),'$(pattern)')) --seed $(or $(SEED:0=),1) --minutes $(or $(MINUTES),10)
+	tools/mutants/mutants.py $(if $(FILES),--files $(foreach pattern,$(FILES),'$(pattern)')) --seed $(or $(SEED:0=),1) --minutes $(or $(MINUTES),10) $(if $(SYSTEM),--system '$(SYSTEM)')
 
 HOURS ?= 1
 

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """Plants one small fault at a time and tells which of them the tests next to the code do not notice.
 
-    mutants.py [--files PATTERN ...] [--seed N] [--minutes N] [--system]
+    mutants.py [--files PATTERN ...] [--seed N] [--minutes N] [--system REGEX]
 
 Works in a copy of the committed tree in build/mutants/, never in the checkout. For each fault it rebuilds and runs the
-test programs that link the file, those of its own folder first, and stops at the first one that fails. Which faults are
-planted, and in which order, follows from the seed alone. The run ends after the given minutes, which begin after the
-first build; it judges nothing.
+test programs that link the file: those of its own folder first, then the other ones, then the chosen system tests. It
+stops at the first one that fails. Which faults are planted, and in which order, follows from the seed alone. The run
+ends after the given minutes, which begin after the first build; it judges nothing.
 """
 
 import argparse
@@ -27,6 +27,7 @@ BUILD = TREE / "build/dev"
 TEST_TIMEOUT = 60  # s; a fault may make a test wait for ever
 BUILD_TIMEOUT = 600  # s
 UNIT_TESTS = "vlm_unit_and_integration_tests"
+SYSTEM_TESTS = set()  # the chosen ones
 
 STRING = re.compile(r'"(?:[^"\\]|\\.)*"')
 CALL = re.compile(r"(\s+)(?!return\b|throw\b|delete\b|else\b|using\b|case\b)[\w:.>\-\[\]*]+\([^{}]*\);$")
@@ -77,7 +78,7 @@ def run(*command, timeout=None):
     return subprocess.run(command, cwd=TREE, capture_output=True, text=True, timeout=timeout, errors="replace")
 
 
-def prepare(with_system):
+def prepare(system):
     """A copy of the committed tree, configured, with the tests built once."""
     if not TREE.exists():
         PLACE.mkdir(parents=True, exist_ok=True)
@@ -85,7 +86,7 @@ def prepare(with_system):
     head = subprocess.run(["git", "rev-parse", "HEAD"], cwd=ROOT, capture_output=True, text=True, check=True).stdout.strip()
     for command in (["git", "fetch", "--quiet", "origin"], ["git", "checkout", "--quiet", "--force", head],
                     ["cmake", "--preset", "dev", "--log-level=WARNING", "-DVLM_BENCH=OFF"],
-                    ["cmake", "--build", "--preset", "dev"] + ([] if with_system else ["--target", UNIT_TESTS])):
+                    ["cmake", "--build", "--preset", "dev"] + ([] if system else ["--target", UNIT_TESTS])):
         print(" ".join(command), flush=True)
         done = run(*command)
         if done.returncode != 0:
@@ -93,14 +94,17 @@ def prepare(with_system):
     return head
 
 
-def tests_by_source(with_system):
-    """For each source of the tree, the tests whose program it is compiled into."""
+def tests_by_source(system):
+    """For each source of the tree, the tests whose program it is compiled into; of system tests only what `system`
+    matches."""
     described = json.loads(run("ctest", "--preset", "dev", "--show-only=json-v1").stdout)["tests"]
     result = {}
     for test in described:
         labels = next((p["value"] for p in test["properties"] if p["name"] == "LABELS"), [])
-        if "system" in labels and not with_system:
-            continue
+        if "system" in labels:
+            if not system or not re.search(system, test["name"]):
+                continue
+            SYSTEM_TESTS.add(test["name"])
         words = list(test["command"]) + [value for p in test["properties"] if p["name"] == "ENVIRONMENT" for value in p["value"]]
         for word in words:
             program = Path(word.rpartition("=")[2])
@@ -114,10 +118,12 @@ def tests_by_source(with_system):
 
 
 def by_distance(name, tests):
-    """The tests of the source's own folder, and the others."""
+    """The tests of the source's own folder, the others, and those of the system, which take longest."""
     own = BUILD / "tests/unit" / Path(name).parent
-    near = {test: program for test, program in tests.items() if program.is_relative_to(own)}
-    return [group for group in (near, {test: tests[test] for test in tests if test not in near}) if group]
+    groups = [{}, {}, {}]
+    for test, program in tests.items():
+        groups[2 if test in SYSTEM_TESTS else 0 if program.is_relative_to(own) else 1][test] = program
+    return [group for group in groups if group]
 
 
 def failing(tests):
@@ -159,7 +165,7 @@ def main():
     parser.add_argument("--files", nargs="+", default=[], metavar="PATTERN", help="all of application and platform without it")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--minutes", type=float, default=10)
-    parser.add_argument("--system", action="store_true", help="tests of real processes too")
+    parser.add_argument("--system", default="", metavar="REGEX", help="also run these tests of real processes")
     options = parser.parse_args()
 
     head = prepare(options.system)
