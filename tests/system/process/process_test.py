@@ -265,7 +265,7 @@ class DrivenRun(ProcessTest):
         body = json.dumps({
             "CONFIG": [{"name": "driven", "version": number}], "CLOCK": [{"name": "tick", "duration": 60000}],
             "REPORT": [{"name": "all", "application": "test", "from": [name for name, *_ in collects]}],
-            "COLLECT": [dict(zip(("name", "serv", "res", "index"), row), history=5000, on="tick") for row in collects]})
+            "COLLECT": [dict(zip(("name", "serv", "res", "index", "history"), row), on="tick") for row in collects]})
         self.answer(number, base64.b64encode(body.encode()).decode())
 
     def answer(self, number, body):
@@ -289,7 +289,7 @@ class DrivenRun(ProcessTest):
         self.assertIn(b"APP_INSTANCE_ID=vlmmaster\0", self.heap_of(master))
         self.control()
         wait_until(lambda: self.on_topic("d/config/request"), "the request")
-        self.configure("1", ("position", "GNSS", "positions", 1))
+        self.configure("1", ("position", "GNSS", "positions", 1, 5000))
         self.assertEqual(self.numbers(1), [1])
         self.answer("2", "!!")  # its identifier is in force all the same
         master.wait_for_count("reports.queued", 3)

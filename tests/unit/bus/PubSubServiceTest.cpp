@@ -45,8 +45,13 @@ TEST_F(Bus, DropsAMessageThatNobodySubscribedWithOneLineAndSilentlyAfterTheLastR
     EXPECT_TRUE(bus.drainOnce());
     EXPECT_THAT(log.messages(4), ElementsAre("No subscriber for msg:0"));
     const auto receiver = std::make_shared<Receiver>();
+    bus.removeSubscriber(Message::OnEvent, receiver);
     bus.addSubscriber(Message::OnEvent, receiver);
     bus.removeSubscriber(Message::OnEvent, receiver);
+    bus.awakeThread();
+    EXPECT_THAT(log.messages(5),
+                ElementsAre("No sub found for type: 0", "Inserted new sub for type: 0",
+                            "Removed sub for type: 0", "Waking up the pubsub service thread"));
     publish(1);
     EXPECT_TRUE(bus.drainOnce());
     EXPECT_THAT(log.messages(4), SizeIs(1));

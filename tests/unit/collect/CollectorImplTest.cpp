@@ -130,8 +130,10 @@ TEST_F(CollectorImplTest, LogsTheDifferenceFrontMinusBackAndTestsBackMinusFront)
     insert(collector, recordAt(0));
     EXPECT_EQ(collector.inputWeight(), 24U) << "records wait in this state too";
     insert(collector, recordAt(101));
+    EXPECT_TRUE(log.has(5, "ZEPH-44489: Collector: position: In the Lag state"));
     log.clear();
     collector.moveToHistoryState();
+    EXPECT_TRUE(log.has(5, "Valid record(s): moving record from input queue to output queue"));
     EXPECT_TRUE(
         log.has(5, "Difference of frontRecord and backRecord timestamp for the Collector: position-101"));
     EXPECT_TRUE(log.has(5, "Difference is greater than history."));

@@ -27,6 +27,7 @@ TEST(IngressQueue, WeighsARecordWithTheLengthOfItsTextAndDropsTheOneThatItTakesA
     queue.insertRecord(tiny);
     EXPECT_EQ(queue.queuedBytes(), compactText(record).size() + 4) << "null";
     queue.stopIngressQueueThread();
+    EXPECT_TRUE(log.has(5, "Waking up Ingress queue thread to process the record"));
     EXPECT_FALSE(queue.drainOnce());
     EXPECT_EQ(queue.queuedBytes(), 4U);
 }

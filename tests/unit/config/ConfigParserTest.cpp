@@ -274,6 +274,7 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
     ASSERT_TRUE(parse(Document()));
     const std::string service = "\nService name does not exist";
     const std::string collector = "\nCollector name does not exist";
+    std::map<std::string, long long> histories;
     const std::tuple<std::function<void()>, int, std::string> cases[] = {
         {[&] { m_parser.getResources("None", m_code); }, 7, "Service name doesn't exist"},
         {[&] { m_parser.getIndexNumber("c1", "None", "position", m_code); }, 7, service},
@@ -283,6 +284,12 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
         {[&] { m_parser.getServiceAndResource("none", m_code); }, 12, collector},
         {[&] { ConfigParser().configReportBlock(m_code); }, 11,
          "Failed to get the report from Json Configuration file"},
+        {[&] { ConfigParser().getAllConfiguredServices(m_code); }, 14,
+         "Failed to get the configured services from Json Configuration file"},
+        {[&] { ConfigParser().getCollectorObjCount(m_code); }, 14,
+         "Failed to get the collector obj count from Json Configuration file"},
+        {[&] { ConfigParser().getAllCollectorNames(m_code, histories); }, 14,
+         "Failed to get the services info from Json Catalog file"},
     };
     for (const auto& [query, code, message] : cases) {
         SCOPED_TRACE(message);

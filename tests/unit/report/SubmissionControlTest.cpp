@@ -17,6 +17,7 @@ struct SubmissionControl : Test {
         if (m_control.started()) {
             m_control.stopVlmDataSubmissionControl();
             m_control.join();
+            EXPECT_TRUE(m_log.has(5, "Exiting VlmDataSubmissionControl thread"));
         }
     }
 
@@ -106,6 +107,8 @@ TEST_F(SubmissionControl, NeverResendsWhatNeverLeftButTheLastGoodReportIfThereIs
     backend().answerSends(noSpace);
     add("lost");
     ASSERT_TRUE(m_log.waitFor("Send vlm Data State: FAILED "));
+    EXPECT_THAT(m_log.messages(3), ElementsAre("Error in Sending orx data to orxmaster, error code =  -28",
+                                               "Send vlm Data State: FAILED "));
     add("good");
     backend().answerSends(nullptr);
     m_log.clear();
@@ -134,7 +137,7 @@ TEST_F(SubmissionControl, ResendsNothingIntoAClosedChannel) {
     EXPECT_TRUE(sent(2));
 }
 
-TEST_F(SubmissionControl, LogsTheBytesInTheQueueAMissingLinkAndAnUnknownStatus) {
+TEST_F(SubmissionControl, LogsTheBytesInTheQueueAndWhyAReportIsNotSent) {
     add("unsent");
     const std::string text = kyo::Json::FastWriter().write(report("unsent"));
     EXPECT_THAT(m_log.messages(5),
@@ -145,9 +148,19 @@ TEST_F(SubmissionControl, LogsTheBytesInTheQueueAMissingLinkAndAnUnknownStatus) 
     m_control.processLastReport();
     m_control.processReportBasedOnDataDelivery(orxStatus::Stop);
     m_control.processReportBasedOnDataDelivery(static_cast<orxStatus>(7));
-    EXPECT_THAT(m_log.messages(3), ElementsAre("ORx Server is null.", "ORx Server is null.",
-                                               "orx status is to stop sending data",
-                                               "Do not know the status of last report sent"));
+    kyo::Json::Value unreadable("text");
+    EXPECT_TRUE(m_control.addReportToShippingQueue(unreadable));
+    m_control.processReportFromQueue();
+    m_control.initializeServer("Catalog 1", {"TypeA"}, std::make_shared<NoConfigurations>());
+    add("unsent");
+    m_control.processReportFromQueue();
+    EXPECT_THAT(
+        m_log.messages(3),
+        ElementsAre("ORx Server is null.", "ORx Server is null.", "orx status is to stop sending data",
+                    "Do not know the status of last report sent", "Can not parse from string to json report.",
+                    "Could not sent the orx data = " + compactText(report("unsent"))));
+    m_control.stopVlmDataSubmissionControl();
+    EXPECT_TRUE(m_log.has(5, "Waking up Vlm Data Submission Control Thread to process the shipping queue"));
 }
 
 /// How much the counters have grown since this was made.

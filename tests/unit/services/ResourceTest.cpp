@@ -108,8 +108,17 @@ TEST_F(ResourceTest, ConvertsTheListedFieldsOfTheStructuresOfAnIndex) {
     sample.crashSeverity = static_cast<CrashSeverity>(2);
     sample.deltaVelocityLateral = 0.5F;
     sample.isRearCrash = true;
+    LogCapture log;
     EXPECT_EQ(converted(std::vector{sample}),
               R"({"crashSeverity":2,"deltaVelocityLateral":0.5,"elementId":1,"isRollover":true})");
+    EXPECT_THAT(
+        log.messages(5),
+        ElementsAre("Variant structure is good", "DATA TYPE Data is sequential container",
+                    "Populating values for key = elementId",
+                    StartsWith("Getting SOMEIP property type = std::optional<"), "ENUM INSERTION SUCCESSFULL",
+                    "SOMEKEY VAL is matching", "ENUM INSERTION SUCCESSFULL",
+                    "Got the value type as eb::com::optional<float>",
+                    "Got the value type as eb::com::optional<bool>", "absent is not found any value"));
     DT_crashInfo_struct keyless;
     keyless.deltaVelocityLateral = 0.75F;
     EXPECT_EQ(converted(std::vector{sample, keyless}),

@@ -106,6 +106,8 @@ TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
     EXPECT_FALSE(registry.findService(name));
     registry.setSomeIPKey(name, "r", "k");
     registry.createResourceObject(name, {"r"});
+    registry.RunOnThread();
+    EXPECT_TRUE(log.has(5, "Starting to run on thread"));
     EXPECT_THAT(log.messages(3),
                 ElementsAre("Didn't find service " + name + "in the map",
                             "Error in getting service object for service " + name + ". not found in the map",
