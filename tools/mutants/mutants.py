@@ -14,6 +14,7 @@ import fnmatch
 import json
 import random
 import re
+import shutil
 import subprocess
 import sys
 import time
@@ -28,6 +29,7 @@ TEST_TIMEOUT = 60  # s; a fault may make a test wait for ever
 BUILD_TIMEOUT = 600  # s
 UNIT_TESTS = "vlm_unit_and_integration_tests"
 SYSTEM_TESTS = set()  # the chosen ones
+FASTER_LINKER = ["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=gold"] if shutil.which("ld.gold") else []
 
 STRING = re.compile(r'"(?:[^"\\]|\\.)*"')
 CALL = re.compile(r"(\s+)(?!return\b|throw\b|delete\b|else\b|using\b|case\b)[\w:.>\-\[\]*]+\([^{}]*\);$")
@@ -85,7 +87,7 @@ def prepare(system):
         subprocess.run(["git", "clone", "--quiet", "--shared", str(ROOT), str(TREE)], check=True)
     head = subprocess.run(["git", "rev-parse", "HEAD"], cwd=ROOT, capture_output=True, text=True, check=True).stdout.strip()
     for command in (["git", "fetch", "--quiet", "origin"], ["git", "checkout", "--quiet", "--force", head],
-                    ["cmake", "--preset", "dev", "--log-level=WARNING", "-DVLM_BENCH=OFF"],
+                    ["cmake", "--preset", "dev", "--log-level=WARNING", "-DVLM_BENCH=OFF", *FASTER_LINKER],
                     ["cmake", "--build", "--preset", "dev"] + ([] if system else ["--target", UNIT_TESTS])):
         print(" ".join(command), flush=True)
         done = run(*command)
