@@ -146,7 +146,7 @@ package:
 	@tools/run/deps.sh package-test
 	JOBS=$(JOBS) packaging/build --architecture $(ARCHITECTURE) --suite $(SUITE)
 
-# WHOLE=1 waits for the demo's first report.
+# WHOLE=1 waits for the demo's first report, and builds the application on the minimal platform from vlmmaster-dev.
 package-test:
 	@tools/run/deps.sh package-test
 	tests/packages/run --architecture $(ARCHITECTURE) --suite $(SUITE) $(if $(WHOLE),--whole)

@@ -73,8 +73,13 @@ TEST_F(VlmJsonCatalogTest, WhatIsNotInTheCatalogIsReportedByMessageAndCode) {
 }
 
 TEST_F(VlmJsonCatalogTest, MissingBlocksAndWrongTypesAreNamedAndTheRestIsLoaded) {
-    const VlmJsonCatalog empty(write("[]"));
-    EXPECT_TRUE(m_log.has(3, "Failed to get the services info from Json Catalog file"));
+    VlmJsonCatalog empty(write("[]"));
+    EXPECT_EQ(empty.getCatalogVersion() + empty.getSomeIPKey("A", "r", m_code), "");
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
+    m_code = FilesReturnCode::Ok;
+    EXPECT_THAT(empty.getServicesNames(m_code), IsEmpty());
+    EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
+    EXPECT_EQ(m_log.count(3, "Failed to get the services info from Json Catalog file"), 4U);
     m_log.clear();
     VlmJsonCatalog catalog(write(R"({"meta":{"vlmVersion":["7"]}, "services":{
         "A":{"r":{"loadFactor":"x","serviceId":[],"someipKeyProperty":{},
