@@ -83,6 +83,8 @@ TEST_F(ConfigParserTest, OfSeveralClocksTheFirstCountsAndAllNamesDriveOnEvents) 
     EXPECT_EQ(m_parser.getOnEventType("cold", m_code), CollectorOnEventType::Clock);
     EXPECT_EQ(m_code, ConfigErrorCode::OnEventTypeNotFound);
     EXPECT_TRUE(m_log.has(3, "Didn't find the onEvent type for cold"));
+    ASSERT_TRUE(parse(withClock(R"({"name":"a"},{"name":"b"})")));
+    EXPECT_TRUE(m_log.has(5, "Size= 2, only the first clock object will be considered"));
 }
 
 TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {

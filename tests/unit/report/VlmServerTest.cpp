@@ -141,6 +141,7 @@ TEST_F(BackendLink, IdentifiesMessagesByCatalogCreationNameAndNumber) {
          {report("b", 1), report("a", 2), report("a", 1, "1700000000001"), otherCatalog}) {
         EXPECT_NE(sent(other)["messageId"], id) << compactText(other);
     }
+    EXPECT_EQ(m_server.getUniqueMessageId("ab", "c"), "3211c318-92a0-8400-9e79-79a4efaf6bf7");
     EXPECT_NE(m_server.getUniqueMessageId("ab", "c"), m_server.getUniqueMessageId("a", "bc"));
 }
 
