@@ -116,7 +116,7 @@ std::string inDialect(std::string text, Dialect dialect) {
     return text;
 }
 
-std::string quoted(std::string_view text, char mark = '\'') {
+std::string inQuotes(std::string_view text, char mark = '\'') {
     std::string out(1, mark);
     for (const char c : text) {
         out.append(c == mark ? 2 : 1, c);
@@ -133,7 +133,7 @@ std::string valueOf(const EventField& field, Dialect dialect) {
     if (dialect == Dialect::Sqlite) {
         return "json_extract(s.vals, '$." + std::string(field.name) + "')";
     }
-    std::string member = "(s.vals ->> " + quoted(field.name) + ")";
+    std::string member = "(s.vals ->> " + inQuotes(field.name) + ")";
     switch (field.kind) {
         case Kind::Boolean:
             return member + "::boolean";
@@ -156,23 +156,23 @@ std::string timeOf(std::string_view column, Dialect dialect) {
 }
 
 std::string viewStatement(const Event& event, Dialect dialect) {
-    const std::string name = quoted(event.view, '"');
+    const std::string name = inQuotes(event.view, '"');
     std::string text = "CREATE VIEW " + name + " AS -- " + std::string(event.summary) +
                        "\nSELECT v.name AS vehicle, " + timeOf("s.measured", dialect) +
                        " AS time, s.measured AS time_ms, " + timeOf("s.received", dialect) +
                        " AS received, s.received AS received_ms, s.instance AS instance";
     std::string comments;
     for (const EventField& field : event.fields) {
-        const std::string column = quoted(field.column, '"');
+        const std::string column = inQuotes(field.column, '"');
         text += "\n  , " + valueOf(field, dialect) + " AS " + column + " -- " + meaningOf(field);
-        comments += "; COMMENT ON COLUMN " + name + "." + column + " IS " + quoted(meaningOf(field));
+        comments += "; COMMENT ON COLUMN " + name + "." + column + " IS " + inQuotes(meaningOf(field));
     }
     text +=
         "\nFROM samples s JOIN vehicles v ON v.id = s.vehicle WHERE s.event = (SELECT id FROM events "
         "WHERE service = " +
-        quoted(event.service) + " AND resource = " + quoted(event.resource) + ")";
+        inQuotes(event.service) + " AND resource = " + inQuotes(event.resource) + ")";
     if (dialect == Dialect::Postgres) {
-        text += "; COMMENT ON VIEW " + name + " IS " + quoted(event.summary) + comments;
+        text += "; COMMENT ON VIEW " + name + " IS " + inQuotes(event.summary) + comments;
     }
     return text;
 }
@@ -205,7 +205,7 @@ void writeViews(Sql& sql) {
     const std::string existing = setting(sql, "view_names");
     for (std::size_t at = 0; at < existing.size();) {
         const auto end = std::min(existing.find(' ', at), existing.size());
-        sql.script("DROP VIEW IF EXISTS " + quoted(existing.substr(at, end - at), '"') +
+        sql.script("DROP VIEW IF EXISTS " + inQuotes(existing.substr(at, end - at), '"') +
                    (sql.dialect() == Dialect::Postgres ? " CASCADE" : ""));
         at = end + 1;
     }
