@@ -96,7 +96,10 @@ TEST_F(ServiceAdapterTest, NamesAResourceThatDoesNotExist) {
     EXPECT_FALSE(adapter.isSubscribed("flows"));
     adapter.setCollectorName("SpringProxy", "flows", 1, "c");
     adapter.setSomeIPKey("flows", "k");
-    EXPECT_EQ(log.count(3, "Resource flows does not exist"), 3U);
+    std::vector<std::string> names{"kind"};
+    adapter.setSomeIPIndexAttribute("flows", 1, names);
+    adapter.addProperties("flows", names);
+    EXPECT_EQ(log.count(3, "Resource flows does not exist"), 5U);
 }
 
 TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
@@ -125,6 +128,7 @@ TEST_F(ServiceAdapterTest, ReceivesWhileItIsConfigured) {
             adapter.createResourceObject({"extra" + std::to_string(i)});
             adapter.setCollectorName("SpringProxy", "flows", i, "c");
             adapter.setSomeIPIndexAttribute("flows", i, names);
+            adapter.addProperties("flows", names);
             adapter.setSomeIPKey("flows", "kind");
             adapter.isSubscribed("flows");
         }
@@ -135,6 +139,7 @@ TEST_F(ServiceAdapterTest, ReceivesWhileItIsConfigured) {
     }
     configuration.join();
     EXPECT_EQ(recordsOf("springs"), 500);
+    EXPECT_FALSE(log.has(3, "Resource flows does not exist"));
 }
 
 }  // namespace
