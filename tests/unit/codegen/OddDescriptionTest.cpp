@@ -63,6 +63,7 @@ struct OddDescription : Test {
     }
 
     VLMOddities adapter{"OdditiesProxy"};
+    const std::unique_ptr<qdr::services::DescribedService> service = qdr::services::oddities::makeDescribed();
 };
 
 TEST_F(OddDescription, EveryTypeComesThroughTheWireIntoARecordAsJsonHasIt) {
@@ -72,7 +73,6 @@ TEST_F(OddDescription, EveryTypeComesThroughTheWireIntoARecordAsJsonHasIt) {
     std::string error;
     ASSERT_TRUE(someip::decodeSamples(bytes, read, error)) << error;
     ASSERT_EQ(read.size(), 2u);
-    EXPECT_EQ(read[0].neverWritten, fullSample().neverWritten);
     adapter.callback_scalars(read);
     EXPECT_EQ(
         record(),
@@ -80,6 +80,19 @@ TEST_F(OddDescription, EveryTypeComesThroughTheWireIntoARecordAsJsonHasIt) {
         R"("i64":-9223372036854775808,"i8":-128,"resName":"scalars","selector":7,"text":"Gr\u00f6\u00dfe \"x\"",)"
         R"("u16":65535,"u32":4294967295,"u64":18446744073709551615,"u8":255,"wide":9223372036854775807})");
     EXPECT_EQ(record(), R"({"resName":"scalars"})");
+
+    std::vector<qdr::services::DecodedSample> decoded;
+    someip::DecodeReport report;
+    ASSERT_TRUE(service->events().at(0)->decode(bytes, decoded, report)) << report.error;
+    using Signed = std::int64_t;
+    using Unsigned = std::uint64_t;
+    EXPECT_THAT(decoded,
+                ElementsAre(ElementsAre(Signed{9223372036854775807}, Unsigned{7}, Signed{-32768}, true,
+                                        Unsigned{255}, Unsigned{65535}, Unsigned{4294967295},
+                                        Unsigned{18446744073709551615U}, Signed{-128}, Signed{-32768},
+                                        Signed{-2147483648}, std::numeric_limits<Signed>::min(), 0.5, -1e300,
+                                        fullSample().text.value(), Unsigned{1}),
+                            Each(std::nullopt)));
 }
 
 TEST_F(OddDescription, DataIdsAreThePlacesInTheDescription) {
@@ -135,8 +148,7 @@ TEST_F(OddDescription, AnUnkeyedEventWritesWhatIsPresent) {
     EXPECT_EQ(record(), R"({"level":-2,"resName":"levels"})");
 }
 
-TEST(OddService, IsDescribedAsDataAndTakesWhatFitsAField) {
-    const auto service = qdr::services::oddities::makeDescribed();
+TEST_F(OddDescription, IsDescribedAsDataAndTakesWhatFitsAField) {
     ASSERT_EQ(service->events().size(), 3u);
     auto& scalars = *service->events().at(0);
     EXPECT_EQ(scalars.key(), "selector");

@@ -71,15 +71,7 @@ WRONG = [
 ]
 
 
-def second(*changes):
-    text = ("service: Well\nsummary: Water of a well.\nregistry: {key: WellProxy, order: 2}\n"
-            "someip: {serviceId: 0x1102, majorVersion: 1, minorVersion: 0}\nevents:\n  depths:\n    summary: Depth.\n"
-            "    someip: {eventId: 0x8001}\n    cycle: 10\n    fields:\n      metre: {type: uint8, range: [0, 9], "
-            "meaning: Depth.}\n")
-    for old, new in changes:
-        assert old in text
-        text = text.replace(old, new)
-    return text
+SECOND = GOOD.replace("Spring", "Well").replace("order: 1", "order: 2").replace("0x1101", "0x1102")
 
 
 class Refusals(unittest.TestCase):
@@ -100,13 +92,13 @@ class Refusals(unittest.TestCase):
                 self.assertEqual(told, [f"interfaces/spring.yaml:{line}"], refusals)
 
     def test_a_collision_of_two_files_is_reported_in_the_second(self):
-        self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second()}), [])
+        self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": SECOND}), [])
         for what, change, line in (
                 ("service id 0x1101", ("0x1102", "0x1101"), 4),
                 ("registry key 'SpringProxy'", ("WellProxy", "SpringProxy"), 3),
                 ("registry order '1'", ("order: 2", "order: 1"), 3)):
             with self.subTest(what):
-                self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": second(change)}),
+                self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": SECOND.replace(*change)}),
                                  [f"interfaces/well.yaml:{line}: {what} is also that of interfaces/spring.yaml"])
 
     def test_the_program_reports_all_errors_of_all_files_in_order_and_writes_nothing(self):
