@@ -70,6 +70,7 @@ class EndsOfStartUp(ProcessTest):
                      "-l, --localFile", "Local Collector config file"):
             self.assertIn(text, master.text())
         self.assertNotIn("absent", master.text())
+        self.assert_in_order(master, ["5" + MAIN + "This is a vlmmaster program."])
 
     def test_command_lines_and_files_that_do_not_lead_to_the_main_loop(self):
         last = ["5" + MAIN + "Unknown exception", "5" + MAIN + "Exiting from main"]
