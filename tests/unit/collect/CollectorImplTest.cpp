@@ -86,41 +86,13 @@ TEST_F(CollectorImplTest, DescribesItselfWhenATickFindsNothing) {
               kyo::DateTime::getCurrentTimeMs());
 }
 
-TEST_F(CollectorImplTest, LogsAnInsertionAndADrainInTheirOrder) {
+TEST_F(CollectorImplTest, LogsThatItKeepsTheLastRecordAloneWithoutAHistory) {
     CollectorImpl collector = make(0);
     LogCapture log;
     insert(collector, recordAt(10));
-    const std::string json = compactText(recordAt(10));
-    EXPECT_THAT(
-        log.messages(5),
-        ElementsAre(
-            "Adding new record to InputQ for the Collector: position",
-            "Record inserted to Input queue for the Collector position recordJson: " + json,
-            "ZEPH 47697: Collector: position: Moving the Record from input queue to output queue",
-            "Front record Timestamp for the Collector: position10",
-            "Back record Timestamp for the Collector: position10",
-            "Difference of frontRecord and backRecord timestamp for the Collector: position0",
-            "History duration for the Collector: position0", "Difference is less than history.",
-            "Queue remains unchanged for the Collector: position",
-            "History duration is 0 for the Collector: position, clearing older records",
-            "ZEPH-44035: Collector: position VLM ensures that no new entry are going to be missed during "
-            "the restart the new event",
-            "Taking data from input queue for the Collector: position jsonCopy: " + json,
-            "Moved data from input queue to output queue for the Collector: position jsonCopy: " + json));
     insert(collector, recordAt(20));
-    EXPECT_TRUE(log.has(5, "Removing data from output queue, jsonCopy:" + json));
-    log.clear();
-    const Value collection = valueOf(collector.buildCollection());
-    EXPECT_THAT(
-        log.messages(5),
-        ElementsAre("moveRecordFromOutputqToReportBuffer for the Collector: position jsonCopy " +
-                        compactText(recordAt(20)),
-                    "Sample: " + compactText(collection["samples"][0]),
-                    "ZEPH-43126: Collector: position collects the last sample data and it\u00B4s timestamp",
-                    "ZEPH-64284: Collector: position creating the end_of_history for the report",
-                    "ZEPH-49277: Collector: position creates a report with signalCollections data from VLM "
-                    "collectors",
-                    "signalCollections data: " + compactText(collection)));
+    EXPECT_EQ(log.count(5, "History duration is 0 for the Collector: position, clearing older records"), 2U);
+    EXPECT_TRUE(log.has(5, "Removing data from output queue, jsonCopy:" + compactText(recordAt(10))));
 }
 
 TEST_F(CollectorImplTest, LogsTheDifferenceFrontMinusBackAndTestsBackMinusFront) {

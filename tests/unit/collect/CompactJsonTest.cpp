@@ -25,53 +25,36 @@ TEST(CompactJson, EndsWhereTheTextIsNoObject) {
     }
 }
 
-/// What became of the records, sample by sample, by the library's own means.
-Value slowly(const std::vector<std::string>& records) {
-    Value samples(kyo::Json::arrayValue);
-    std::string timestamp;
-    for (const auto& text : records) {
-        Value record = valueOf(text);
-        if (!record.isObject()) {
-            record = Value(kyo::Json::objectValue);
-        }
-        if (record.isMember("timestamp")) {
-            timestamp = textOf(record["timestamp"]);
-        }
-        for (const char* known : {"collectorName", "serviceName", "resName", "index", "timestamp"}) {
-            record.removeMember(known);
-        }
-        Value sample(kyo::Json::objectValue);
-        sample["timestamp"] = timestamp;
-        sample["propertyValuePairs"] = record;
-        samples.append(sample);
-    }
-    return samples;
-}
-
-TEST(CompactJson, TakesTheSamplesOutOfTheRecordsAsReadingAndWritingThemWould) {
-    const std::vector<std::string> records{
-        R"({"a":1,"collectorName":"c","index":3,"resName":"r","serviceName":"s","timestamp":17,"z":{"index":1}})",
-        R"({"collectorName":"c\u00e4\"","timestamp":"some\ttime"})",
-        R"({"b":[1.5,"x"]})",
-        "null",
-        R"("{\"timestamp\":1}")",
-        R"({"timestamp":18446744073709551615})",
-        R"({"timestamp":[1]})",
-        compactText(valueOf(kNasty)),
-        R"({"index":[7],"resName":5,"serviceName":true,"timestamp":null})",
-        R"({"collectorName":"last","index":-7,"timestamp":99,"zz":0})"};
+TEST(CompactJson, TakesTheSamplesOutOfTheRecords) {
+    const std::string nasty = compactText(valueOf(kNasty));
+    const std::pair<std::string, std::string> cases[] = {
+        // record, pairs, time stamp
+        {R"({"a":1,"collectorName":"c","index":3,"resName":"r","serviceName":"s","timestamp":17,"z":{"index":1}})",
+         R"({"a":1,"z":{"index":1}},"timestamp":"17")"},
+        {R"({"collectorName":"c\u00e4\"","timestamp":"some\ttime"})", R"({},"timestamp":"some\ttime")"},
+        {R"({"b":[1.5,"x"]})", R"({"b":[1.5,"x"]},"timestamp":"some\ttime")"},
+        {"null", R"({},"timestamp":"some\ttime")"},
+        {R"("{\"timestamp\":1}")", R"({},"timestamp":"some\ttime")"},
+        {R"({"timestamp":18446744073709551615})", R"({},"timestamp":"18446744073709551615")"},
+        {R"({"timestamp":[1]})", R"({},"timestamp":"")"},
+        {nasty, nasty + R"(,"timestamp":"")"},
+        {R"({"index":[7],"resName":5,"serviceName":true,"timestamp":null})", R"({},"timestamp":"")"},
+        {R"({"collectorName":"last","index":-7,"timestamp":99,"zz":0})", R"({"zz":0},"timestamp":"99")"},
+    };
     CollectorImpl collector("c", 1, "s", "r", 3, "minute", CollectorOnEventType::Clock);
-    for (const auto& text : records) {
+    std::string samples;
+    for (const auto& [text, sample] : cases) {
         Record record;
         record.text = text;
         collector.insertRecord(std::move(record));
+        samples += (samples.empty() ? "" : ",") + (R"({"propertyValuePairs":)" + sample) + "}";
     }
     const SignalCollection collection = collector.buildCollection();
     EXPECT_EQ(collection.collectName, "last");
     EXPECT_EQ(collection.text,
               R"({"causeOfSubmit":0,"collectName":"last","endOfHistory":"99","historyLength":10,"index":-7,)"
-              R"("lagLength":0,"resourceName":"5","samples":)" +
-                  compactText(slowly(records)) + R"(,"serviceName":"true"})");
+              R"("lagLength":0,"resourceName":"5","samples":[)" +
+                  samples + R"(],"serviceName":"true"})");
 }
 
 }  // namespace

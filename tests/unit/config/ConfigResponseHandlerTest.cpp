@@ -240,15 +240,6 @@ TEST_F(ConfigResponseHandlerTest, APassTriesWhatIsNotSubscribedAndRestsBetweenSe
     EXPECT_THAT(m_airbag->calls(), ElementsAre("subscribe crashes", "subscribe crashes"));
 }
 
-TEST_F(ConfigResponseHandlerTest, OneThreadSubscribesAndItMayHaveNothingToDo) {
-    EXPECT_FALSE(m_handler.doBaseSetupFromLocalConfig(""));
-    std::thread([this] { m_handler.subscribeResources(); }).detach();
-    ASSERT_TRUE(m_log.waitFor("Size of All services and Resources = 0"));
-    ASSERT_TRUE(m_log.waitFor("Sleeping for 10 secs before retry"));
-    m_handler.subscribeResources();  // returns
-    EXPECT_TRUE(m_log.has(5, "A thread subscribes the resources already"));
-}
-
 // Threads that race: two that hand over configurations, two that dispatch records, one that subscribes, one
 // that ticks and one that reads the status; and the bus.
 TEST_F(ConfigResponseHandlerTest, ConfigurationsRecordsAndPassesDoNotDisturbEachOther) {

@@ -163,25 +163,15 @@ TEST_F(SubmissionControl, LogsTheBytesInTheQueueAndWhyAReportIsNotSent) {
     EXPECT_TRUE(m_log.has(5, "Waking up Vlm Data Submission Control Thread to process the shipping queue"));
 }
 
-/// How much the counters have grown since this was made.
-class Growth {
-  public:
-    std::uint64_t of(const std::string& name) const {
-        const auto before = m_before.find(name);
-        return counted(name) - (before == m_before.end() ? 0 : before->second);
-    }
-
-  private:
-    const std::map<std::string, std::uint64_t> m_before = kyo::Status::counters();
-};
-
 /// Openings, results, closings, refusals in any order: what the counters say is what has happened.
 TEST_F(SubmissionControl, AccountsForEachReportWhateverTheBackendAndTheClientAnswer) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::minstd_rand chance(seed);
     startOpen();
-    const Growth growth;
+    auto growth = [before = kyo::Status::counters()](const std::string& name) mutable {
+        return counted(name) - before[name];
+    };
     std::atomic<int> answer{0};
     std::mutex mutex;
     std::vector<int> answers;  // one for each envelope that the client was given
@@ -191,7 +181,7 @@ TEST_F(SubmissionControl, AccountsForEachReportWhateverTheBackendAndTheClientAns
         return answers.back();
     });
     add("report", 0);
-    ASSERT_TRUE(awaits([&] { return growth.of("reports.sent") == 1; }));
+    ASSERT_TRUE(awaits([&] { return growth("reports.sent") == 1; }));
     const std::vector<kyo::Json::Value> messages{control(),  control(),     control(),        control(1),
                                                  control(2), control(0, 1), control(0, 0, {})};
     int added = 1;
@@ -209,14 +199,13 @@ TEST_F(SubmissionControl, AccountsForEachReportWhateverTheBackendAndTheClientAns
     EXPECT_TRUE(awaits([&] {
         backend().masterControl(control());
         return m_control.waitingReports() == 0 &&
-               growth.of("reports.sent") ==
-                   growth.of("reports.acknowledged") + growth.of("reports.overtaken");
+               growth("reports.sent") == growth("reports.acknowledged") + growth("reports.overtaken");
     })) << "each report that was sent is acknowledged, or a later one was sent before that";
 
-    const auto dropped = growth.of("queue.shipping.dropped");
-    EXPECT_EQ(growth.of("reports.queued"), added - dropped);
-    EXPECT_EQ(growth.of("reports.queued"),
-              growth.of("reports.sent") + growth.of("reports.failed") + growth.of("reports.discarded"));
+    const auto dropped = growth("queue.shipping.dropped");
+    EXPECT_EQ(growth("reports.queued"), added - dropped);
+    EXPECT_EQ(growth("reports.queued"),
+              growth("reports.sent") + growth("reports.failed") + growth("reports.discarded"));
     const auto envelopes = backend().envelopes();
     ASSERT_EQ(envelopes.size(), answers.size());
     std::uint64_t taken = 0;
@@ -227,10 +216,10 @@ TEST_F(SubmissionControl, AccountsForEachReportWhateverTheBackendAndTheClientAns
             arrived.insert(reportIn(envelopes[i])["sequenceNumber"].asInt());
         }
     }
-    EXPECT_EQ(taken, growth.of("reports.sent") + growth.of("reports.resent"));
-    EXPECT_EQ(envelopes.size() - taken, growth.of("reports.failed") + growth.of("reports.resendFailed"));
-    EXPECT_EQ(arrived.size(), growth.of("reports.sent"));
-    EXPECT_EQ(added - arrived.size(), growth.of("reports.failed") + growth.of("reports.discarded") + dropped)
+    EXPECT_EQ(taken, growth("reports.sent") + growth("reports.resent"));
+    EXPECT_EQ(envelopes.size() - taken, growth("reports.failed") + growth("reports.resendFailed"));
+    EXPECT_EQ(arrived.size(), growth("reports.sent"));
+    EXPECT_EQ(added - arrived.size(), growth("reports.failed") + growth("reports.discarded") + dropped)
         << "what never arrived was counted where it was lost, once";
 }
 

@@ -23,11 +23,6 @@ TEST_F(ServiceDiscoveryTest, CompletesTheNamesOfAListAndTriesEachAgainAfterAllOt
     std::vector<std::string> services{"Late", "Early", "Last"};
     discovery.discoverService(services);
     EXPECT_THAT(services, ElementsAre("LateProxy", "EarlyProxy", "LastProxy"));
-    EXPECT_THAT(log.messages(5),
-                ElementsAre("Pushing the service LateProxy  to queue to discover it",
-                            "Pushing the service EarlyProxy  to queue to discover it",
-                            "Pushing the service LastProxy  to queue to discover it",
-                            "Waking up Service discovery Thread to process the serviceName"));
     connectsAtAttempt = {{"EarlyProxy", 1}, {"LateProxy", 3}, {"LastProxy", 4}};
     discovery.stopServiceDiscoveryThread();
     EXPECT_FALSE(discovery.drainOnce()) << "the stop counts once the queue is empty";
