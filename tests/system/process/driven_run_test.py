@@ -87,7 +87,7 @@ class DrivenRun(ProcessTest):
         self.configure("4", ("outside", "Temperature", "temperatures", 0))
         master.wait_for_count("events.subscribed", 2)
         for state in ("kPrepSD", "kOn", "kNew"):
-            master.ask({"request": "state", "state": state})
+            self.assertEqual(master.ask({"request": "state", "state": state})["state"], state)
         self.assertEqual(master.stop(), 0, master.text())
 
         notices = self.notices()
