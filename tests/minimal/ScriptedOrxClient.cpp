@@ -13,7 +13,6 @@ void ScriptedClient::reset() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_answer = nullptr;
     m_envelopes.clear();
-    m_outcomes.clear();
     m_requests = 0;
 }
 
@@ -62,9 +61,7 @@ OrxClient::~OrxClient() = default;
 void OrxClient::registerMasterControlCallback(JsonCallback callback) {
     ScriptedClient::current().m_onMasterControl = std::move(callback);
 }
-void OrxClient::registerConfigResponseCallback(JsonCallback callback) {
-    ScriptedClient::current().m_onConfiguration = std::move(callback);
-}
+void OrxClient::registerConfigResponseCallback(JsonCallback) {}
 void OrxClient::start() {}
 std::int32_t OrxClient::SendOrxData(const Json::Value& envelope) {
     ScriptedClient& client = ScriptedClient::current();
@@ -78,11 +75,6 @@ std::int32_t OrxClient::RequestConfiguration() {
     ++ScriptedClient::current().m_requests;
     return 0;
 }
-void OrxClient::ConfigurationAccepted(const std::string& recordId, bool isAccepted,
-                                      const std::string& reason) {
-    ScriptedClient& client = ScriptedClient::current();
-    const std::lock_guard<std::mutex> lock(client.m_mutex);
-    client.m_outcomes.push_back(recordId + (isAccepted ? " accepted" : " refused: " + reason));
-}
+void OrxClient::ConfigurationAccepted(const std::string&, bool, const std::string&) {}
 
 }  // namespace kyo

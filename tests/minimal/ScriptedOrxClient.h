@@ -31,23 +31,15 @@ class ScriptedClient {
     int requests() const { return m_requests; }
     /// Calls the callback on the calling thread, which plays the client's thread.
     void masterControl(const kyo::Json::Value& message) const { m_onMasterControl(message); }
-    void configuration(const kyo::Json::Value& answer) const { m_onConfiguration(answer); }
-    /// What the application said of configurations: "r1 accepted", "r2 refused: <reason>".
-    std::vector<std::string> outcomes() const {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_outcomes;
-    }
 
   private:
     friend kyo::OrxClient;
     std::atomic<int> m_requests{0};
     kyo::OrxClient::JsonCallback m_onMasterControl;
-    kyo::OrxClient::JsonCallback m_onConfiguration;
     mutable std::mutex m_mutex;
     // Guarded by m_mutex.
     std::function<std::int32_t()> m_answer;
     std::vector<kyo::Json::Value> m_envelopes;
-    std::vector<std::string> m_outcomes;
 };
 
 /// A master-control message; by default it leaves the channel open.

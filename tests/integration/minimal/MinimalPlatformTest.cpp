@@ -66,7 +66,6 @@ std::vector<Value> reportsOfTick(const LogCapture& log, std::size_t times) {
 TEST(MinimalPlatform, BringsEverySampleOfItsVehicleIntoTheEnvelopesOfItsTick) {
     LogCapture log;
     haveCatalog(kCatalog);
-    Vehicle::instance().offer(gnss::kInterface);
     auto& submission = *VlmDataSubmissionControl::getInstance();
     submission.initializeServer("MinimalCatalog", {"VLMReport"}, std::make_shared<NoConfigurations>());
     submission.start();
@@ -137,21 +136,7 @@ TEST(MinimalPlatform, BringsEverySampleOfItsVehicleIntoTheEnvelopesOfItsTick) {
         EXPECT_TRUE(collection["samples"].isNull()) << "what a report has is not in the next one";
     }
     EXPECT_EQ(kyo::Status::snapshot()["records"]["waiting"].asInt64(), 0);
-
-    // The log lines of a tick's thread about its collector, in this order.
-    const std::string last = "ZEPH-44489: ZEPH-64275: Collector: silent: In the History state";
-    ASSERT_TRUE(log.waitFor(last));
-    const auto all = log.messages(5);
-    auto at = all.begin();
-    for (const char* const begin : {"onOnEventCallback", "COLLECTOR NAME = silent",
-                                    "ZEPH-47666: Collector silent: Last on event timestamp: ",
-                                    "ZEPH-44489: ZEPH-64275: Collector: silent: In the Reportable state",
-                                    "ZEPH-43176: Collector silent: moveRecordFromOutputqToReportBuffer",
-                                    "Output queue of Collector silent is empty",
-                                    "Inside VlmReportControl::addToReport\n\n\n", last.c_str()}) {
-        at = std::find_if(at, all.end(), [&](const auto& message) { return message.starts_with(begin); });
-        ASSERT_NE(at, all.end()) << begin;
-    }
+    EXPECT_TRUE(log.has(5, "Output queue of Collector silent is empty"));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,7 +12,7 @@
 
 namespace vlmTest {
 
-/// The offered services and the receivers of their events. Any thread.
+/// It offers every service. Any thread.
 class Vehicle {
   public:
     static Vehicle& instance() {
@@ -21,14 +20,6 @@ class Vehicle {
         return *vehicle;
     }
 
-    void offer(const ac::com::ServiceInterface& service) {
-        const std::lock_guard lock(m_guard);
-        m_offered.insert(service.serviceId);
-    }
-    bool offers(const ac::com::ServiceInterface& service) const {
-        const std::lock_guard lock(m_guard);
-        return m_offered.count(service.serviceId) != 0;
-    }
     void receive(const ac::com::ServiceInterface& service, const ac::com::EventInterface& event,
                  std::function<void(const void*)> handler) {
         const std::lock_guard lock(m_guard);
@@ -52,8 +43,7 @@ class Vehicle {
     }
 
   private:
-    mutable std::mutex m_guard;  ///< guards the members below; not locked while a handler runs
-    std::set<std::uint16_t> m_offered;
+    mutable std::mutex m_guard;  ///< guards m_handlers; not locked while a handler runs
     std::map<std::pair<std::uint16_t, std::uint16_t>, std::function<void(const void*)>> m_handlers;
 };
 
@@ -62,9 +52,6 @@ class Vehicle {
 namespace ac::com {
 
 inline HandleContainer findService(const ServiceInterface& service, const std::string& /*instance*/) {
-    if (!vlmTest::Vehicle::instance().offers(service)) {
-        return {};
-    }
     return {{service.serviceId, 1, service.majorVersion}};
 }
 
