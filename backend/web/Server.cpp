@@ -13,7 +13,9 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <semaphore>
 #include <set>
@@ -266,19 +268,23 @@ class Connection : public httplib::Stream {
 };
 
 /// No more connections than threads; further ones wait in the kernel.
-class Workers : public httplib::ThreadPool {
+class Workers : public httplib::TaskQueue {
+    // Nothing, or in newer versions of the library whether the work is accepted.
+    using Accepted = decltype(std::declval<httplib::ThreadPool&>().enqueue({}));
+
   public:
-    Workers() : httplib::ThreadPool(kMostConnections) {}
-    void enqueue(std::function<void()> work) override {
+    Accepted enqueue(std::function<void()> work) override {
         m_free.acquire();
-        httplib::ThreadPool::enqueue([this, run = std::move(work)] {
+        return m_threads.enqueue([this, run = std::move(work)] {
             run();
             m_free.release();
         });
     }
+    void shutdown() override { m_threads.shutdown(); }
 
   private:
     std::counting_semaphore<kMostConnections> m_free{kMostConnections};
+    httplib::ThreadPool m_threads{kMostConnections};
 };
 
 std::string policy(const std::string& imageSource) {
@@ -407,6 +413,23 @@ class Server::Listener : public httplib::Server {
         return true;
     }
 
+    /// Newer versions of the library do not ask the stream for the addresses.
+    template <typename Stream>
+    bool process(Stream& stream, bool isLast, bool& isClosed,
+                 const std::function<void(httplib::Request&)>& prepare) {
+        if constexpr (requires { process_request(stream, isLast, isClosed, prepare); }) {
+            return process_request(stream, isLast, isClosed, prepare);
+        } else {
+            std::string remote;
+            std::string local;
+            int remotePort = 0;
+            int localPort = 0;
+            stream.get_remote_ip_and_port(remote, remotePort);
+            stream.get_local_ip_and_port(local, localPort);
+            return process_request(stream, remote, remotePort, local, localPort, isLast, isClosed, prepare);
+        }
+    }
+
     void serve(socket_t socket) {
         Connection connection(socket, m_context.get());
         if (!connection.accept()) {
@@ -430,9 +453,10 @@ class Server::Listener : public httplib::Server {
             const bool last = count == kMostRequests;
             answered = false;
             bool unread = false;
-            const bool good = process_request(connection, last, closed, [&](httplib::Request& request) {
+            const bool good = process(connection, last, closed, [&](httplib::Request& request) {
                 // The library would read what is too long, and discard it.
-                if (request.get_header_value<std::uint64_t>("Content-Length") <= kMostBodyBytes) {
+                const std::string length = request.get_header_value("Content-Length");
+                if (std::strtoull(length.c_str(), nullptr, 10) <= kMostBodyBytes) {
                     connection.allowBody();
                 }
                 unread = (request.method == "GET" || request.method == "HEAD") &&
