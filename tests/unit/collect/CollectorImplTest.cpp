@@ -103,6 +103,7 @@ TEST_F(CollectorImplTest, LogsTheDifferenceFrontMinusBackAndTestsBackMinusFront)
     EXPECT_EQ(collector.inputWeight(), 24U) << "records wait in this state too";
     insert(collector, recordAt(101));
     EXPECT_TRUE(log.has(5, "ZEPH-44489: Collector: position: In the Lag state"));
+    EXPECT_TRUE(log.has(5, "Collector: position not in History state"));
     log.clear();
     collector.moveToHistoryState();
     EXPECT_TRUE(log.has(5, "Valid record(s): moving record from input queue to output queue"));

@@ -286,6 +286,16 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
         {[&] { m_parser.getServiceAndResource("none", m_code); }, 12, collector},
         {[&] { ConfigParser().configReportBlock(m_code); }, 11,
          "Failed to get the report from Json Configuration file"},
+        {[&] { ConfigParser().populateConfig(m_code); }, 6,
+         "Failed to get the configuration from Json Configuration file"},
+        {[&] { ConfigParser().populateClock(m_code); }, 14,
+         "Failed to get the clock from Json Configuration file"},
+        {[&] { ConfigParser().populateReport(m_code); }, 11,
+         "Failed to get the report from Json Configuration file"},
+        {[&] { ConfigParser().populateCollect(m_code); }, 14,
+         "Failed to get the collect services from Json Configuration file"},
+        {[&] { ConfigParser().getResourceIndexValue("s", "r"); }, 14,
+         "Failed to get the collect services from Json Configuration file"},
         {[&] { ConfigParser().getAllConfiguredServices(m_code); }, 14,
          "Failed to get the configured services from Json Configuration file"},
         {[&] { ConfigParser().getCollectorObjCount(m_code); }, 14,
@@ -299,6 +309,7 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
         query();
         EXPECT_EQ(static_cast<int>(m_code), code);
         EXPECT_THAT(m_log.messages(3), ElementsAre(message));
+        EXPECT_THAT(m_log.messages(5), IsEmpty());
     }
 }
 

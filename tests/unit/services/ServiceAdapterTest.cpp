@@ -64,6 +64,10 @@ TEST_F(ServiceAdapterTest, ConnectsOnceWithinFiveAttempts) {
     EXPECT_FALSE(adapter.initProxy()) << "no success for a service that is connected";
     EXPECT_THAT(log.messages(5), ElementsAre("Service is allready found, No need to run find service again"));
     EXPECT_EQ(adapter.attempts, 9);
+    adapter.attempts = 0;
+    EXPECT_FALSE(adapter.initProxy());
+    EXPECT_EQ(adapter.attempts, 0)
+        << "what was found is not looked for again, even if it is not connected now";
 }
 
 TEST_F(ServiceAdapterTest, SubscribesAnEventOnceAndOnlyWhenConnected) {
