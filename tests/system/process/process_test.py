@@ -91,7 +91,7 @@ class EndsOfStartUp(ProcessTest):
                     "5" + MAIN + "VLM Config Object is created", "5" + MAIN + "Offered Data Types Size = 2",
                     "5" + MAIN + "after creating component_client", "3 …Catalog file path not valid.",
                     "3 …json cannot be read. Install the signal catalog there."]),
-                (application, malformed, 250, ["3 …catalog file parsing not successful, check format"]),
+                (application, malformed, 250, ["3 …_20210311.json: …Line 1…", "3 …catalog file parsing not successful, check format"]),
                 (application, nameless, 0, [
                     "5" + MAIN + "Successfully created the catalog file parser",
                     ends + "Server name from JSON catalog is empty", *last]),
