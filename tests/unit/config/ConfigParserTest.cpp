@@ -84,7 +84,7 @@ TEST_F(ConfigParserTest, OfSeveralClocksTheFirstCountsAndAllNamesDriveOnEvents) 
     EXPECT_EQ(m_code, ConfigErrorCode::OnEventTypeNotFound);
     EXPECT_TRUE(m_log.has(3, "Didn't find the onEvent type for cold"));
     ASSERT_TRUE(parse(withClock(R"({"name":"a"},{"name":"b"})")));
-    EXPECT_TRUE(m_log.has(5, "Size= 2, only the first clock object will be considered"));
+    EXPECT_EQ(m_log.count(5, "Size= 2, only the first clock object will be considered"), 2u);
 }
 
 TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
