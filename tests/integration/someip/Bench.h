@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <deque>
+#include <tuple>
 
 #include "com/Proxy.h"
 #include "com/Skeleton.h"
@@ -192,7 +193,6 @@ struct ClientAndServer : Test {
     }
 
     LogCapture log{7};
-    SharedList<std::string> told;  ///< who came and went
     someip::Runtime clientSide;
     someip::Runtime serverSide;
     MeterServer server{serverSide};
@@ -237,30 +237,33 @@ class PlainDevice {
         entry.counter = counter;
         return entry;
     }
-    void answer(const someip::SdEntry& subscription, const someip::Endpoint& to, std::uint32_t ttl,
-                std::vector<someip::Endpoint> multicast = {}) {
-        auto entry = subscription;
+    /// Answers the subscription that await() has found.
+    void answer(std::uint32_t ttl, std::vector<someip::Endpoint> multicast = {}) {
+        auto entry = found;
         entry.type = someip::SdEntryType::SubscribeAck;
         entry.ttl = ttl;
         entry.unicast.clear();
         entry.multicast = std::move(multicast);
-        sendDiscovery(entry, &to);
+        sendDiscovery(entry, &from);
     }
-    /// Waits for the next discovery entry of that type, ignoring others, and for its sender.
-    bool await(someip::SdEntryType type, someip::SdEntry& found, someip::Endpoint& from) {
-        const auto isFound = [&](std::span<const std::uint8_t> datagram) {
+    /// Waits for the next discovery entry of that type, or for one that ends it, ignoring others.
+    bool await(someip::SdEntryType type, bool ending = false) {
+        const auto isFound = [&] {
             someip::SdMessage message;
-            seen.emplace_back(datagram.begin(), datagram.end());
-            if (!readDiscovery(datagram, message)) {
+            if (!readDiscovery(foundIn, message)) {
                 return false;
             }
             const auto entry = std::ranges::find_if(message.entries, [&](const someip::SdEntry& one) {
-                return one.type == type && one.service == kMeter.serviceId;
+                return one.type == type && one.service == kMeter.serviceId && (one.ttl == 0) == ending;
             });
-            if (entry != message.entries.end()) {
-                found = *entry;
+            if (entry == message.entries.end()) {
+                return false;
             }
-            return entry != message.entries.end();
+            found = *entry;
+            for (auto& endpoint : found.unicast) {
+                endpoint.address = endpoint.address.on(from.address.interface());
+            }
+            return true;
         };
         return eventually([&] {
             for (const auto* socket : {discovery.get(), group.get()}) {
@@ -269,13 +272,9 @@ class PlainDevice {
                 });
             }
             while (!waiting.empty()) {
-                const auto [sender, datagram] = std::move(waiting.front());
+                std::tie(from, foundIn) = std::move(waiting.front());
                 waiting.pop_front();
-                if (isFound(datagram)) {
-                    from = sender;
-                    for (auto& endpoint : found.unicast) {
-                        endpoint.address = endpoint.address.on(sender.address.interface());
-                    }
+                if (isFound()) {
                     return true;
                 }
             }
@@ -313,7 +312,9 @@ class PlainDevice {
     std::unique_ptr<someip::UdpSocket> events;
     someip::SdOutbox outbox;
     someip::DatagramBatch batch;
-    std::vector<std::vector<std::uint8_t>> seen;
+    someip::SdEntry found;  ///< by await(), with its message and the sender
+    std::vector<std::uint8_t> foundIn;
+    someip::Endpoint from;
     std::deque<std::pair<someip::Endpoint, std::vector<std::uint8_t>>>
         waiting;  ///< discovery that await() has not read
 };

@@ -5,33 +5,27 @@ using namespace vlmTest;
 
 namespace {
 
-struct DeviceTalk : ::testing::Test {
+struct DeviceTalk : ClientAndServer {
     void SetUp() override {
-        ASSERT_TRUE(runtime.start(settingsFor(1), false));
+        ASSERT_TRUE(clientSide.start(settingsFor(1), false));
         client.subscribe();
-        device = std::make_unique<PlainDevice>(2);
     }
     void offer() {
-        device->sendDiscovery(device->offer());
-        ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
-        receiver = subscription.unicast.at(0);
+        device.sendDiscovery(device.offer());
+        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
+        receiver = device.found.unicast.at(0);
     }
     /// Offers the service and acknowledges the subscription.
     void settle() {
         offer();
-        device->answer(subscription, from, 3);
+        device.answer(3);
         ASSERT_TRUE(client.subscribed());
     }
     void sendEvent(int number, std::uint16_t session) {
-        device->events->sendTo(receiver, device->notification(number, session), true);
+        device.events->sendTo(receiver, device.notification(number, session), true);
     }
 
-    LogCapture log{7};
-    someip::Runtime runtime;
-    MeterClient client{runtime};
-    std::unique_ptr<PlainDevice> device;
-    someip::SdEntry subscription;
-    someip::Endpoint from;
+    PlainDevice device{2};
     someip::Endpoint receiver;
 };
 
@@ -39,59 +33,58 @@ struct DeviceTalk : ::testing::Test {
 
 TEST_F(DeviceTalk, EventsMayOvertakeTheAcknowledgementAndTheEndIsSent) {
     offer();
-    EXPECT_EQ(receiver, runtime.eventEndpoint());
+    EXPECT_EQ(receiver, clientSide.eventEndpoint());
     sendEvent(1, 1);
     ASSERT_TRUE(eventually([&] { return client.count() == 1; }));
-    device->answer(subscription, from, 3);
+    device.answer(3);
     sendEvent(2, 2);
     ASSERT_TRUE(eventually([&] { return client.count() == 2; }));
     EXPECT_THAT(client.numbers(), ElementsAre(1, 2));
-    runtime.stop();
-    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
-    EXPECT_EQ(subscription.ttl, 0u);
+    clientSide.stop();
+    EXPECT_TRUE(device.await(someip::SdEntryType::Subscribe, true));
 }
 
 TEST_F(DeviceTalk, ARefusedSubscriptionIsLoggedOnceAndAcceptedLater) {
     for (int refusal = 0; refusal < 2; ++refusal) {
-        device->sendDiscovery(device->offer(60));
-        ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
-        device->answer(subscription, from, 0);
+        device.sendDiscovery(device.offer(60));
+        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
+        device.answer(0);
     }
     ASSERT_TRUE(log.waitFor("subscription refused by the service", 2));
     EXPECT_FALSE(client.readings->subscribed());
     EXPECT_EQ(log.messages(3).size(), 1u);
-    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
-    device->answer(subscription, from, 60);
+    ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
+    device.answer(60);
     EXPECT_TRUE(client.subscribed());
 }
 
 TEST_F(DeviceTalk, ServiceDiscoveryFromOutsideTheNetworkIsNotHeard) {
-    runtime.stop();
+    clientSide.stop();
     auto settings = settingsFor(1);
     settings.network = networkText(1);
-    ASSERT_TRUE(runtime.start(settings, false));
+    ASSERT_TRUE(clientSide.start(settings, false));
     auto& foreign = someip::counters().sdForeign;
     const auto before = foreign.value();
-    device->sendDiscovery(device->offer());
-    device->sendDiscovery(device->offer());
+    device.sendDiscovery(device.offer());
+    device.sendDiscovery(device.offer());
     ASSERT_TRUE(eventually([&] { return foreign.value() >= before + 2; }));
-    EXPECT_TRUE(ac::com::findService(kMeter, "*", runtime).empty());
+    EXPECT_TRUE(ac::com::findService(kMeter, "*", clientSide).empty());
     EXPECT_EQ(log.count(3, log.messages(3).at(0)), 1u);
 }
 
 TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
     settle();
-    const auto good = device->notification(5, 1);
+    const auto good = device.notification(5, 1);
     const auto broken = someip::counters().malformed.value();
     const auto brokenDiscovery = someip::counters().sdMalformed.value();
     for (std::size_t size = 0; size < good.size(); ++size) {
-        device->events->sendTo(receiver, {good.data(), size}, true);
-        device->discovery->sendTo(from, {good.data(), size}, true);
+        device.events->sendTo(receiver, {good.data(), size}, true);
+        device.discovery->sendTo(device.from, {good.data(), size}, true);
     }
-    device->discovery->sendTo(from, good, true);
+    device.discovery->sendTo(device.from, good, true);
     const std::vector<std::uint8_t> garbage(65507, 0xFF);
-    device->events->sendTo(receiver, garbage, true);
-    device->discovery->sendTo(from, garbage, true);
+    device.events->sendTo(receiver, garbage, true);
+    device.discovery->sendTo(device.from, garbage, true);
     ASSERT_TRUE(eventually([&] {
         return someip::counters().malformed.value() == broken + good.size() + 1 &&
                someip::counters().sdMalformed.value() >= brokenDiscovery + good.size();
@@ -103,34 +96,34 @@ TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
 }
 
 TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAndNamed) {
-    runtime.stop();
-    ASSERT_TRUE(runtime.start(settingsFor(1), true));
-    MeterServer server(runtime, 2);
-    server.base.OfferService();
-    device->sendDiscovery(device->offer());
-    ASSERT_TRUE(device->await(someip::SdEntryType::Subscribe, subscription, from));
+    clientSide.stop();
+    ASSERT_TRUE(clientSide.start(settingsFor(1), true));
+    MeterServer own(clientSide, 2);
+    own.base.OfferService();
+    device.sendDiscovery(device.offer());
+    ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
     log.clear();
     const auto lines = [&](const char* part) {
         return std::ranges::count_if(
             log.messages(-1), [&](const std::string& one) { return one.find(part) != std::string::npos; });
     };
-    auto wish = device->subscription(kMeter.serviceId, kReadings.eventgroupId);
+    auto wish = device.subscription(kMeter.serviceId, kReadings.eventgroupId);
     wish.instance = 2;
     for (int i = 0; i < 100; ++i) {
         wish.ttl = i % 2 == 0 ? 3 : 0;
-        device->sendDiscovery(wish, &from);
+        device.sendDiscovery(wish, &device.from);
     }
     const auto reboots = someip::counters().sdReboots.value();
     const auto unusable = someip::counters().sdUnusable.value();
     for (int i = 0; i < 100; ++i) {
-        device->outbox = {};
-        device->sendDiscovery(device->offer());
-        device->sendDiscovery(device->offer(0));
+        device.outbox = {};
+        device.sendDiscovery(device.offer());
+        device.sendDiscovery(device.offer(0));
     }
-    auto noPort = device->offer();
+    auto noPort = device.offer();
     noPort.unicast = {{noPort.unicast[0].address, 0}};
-    device->sendDiscovery(noPort);
-    device->sendDiscovery(noPort);
+    device.sendDiscovery(noPort);
+    device.sendDiscovery(noPort);
     ASSERT_TRUE(eventually([&] { return someip::counters().sdUnusable.value() == unusable + 2; }));
     EXPECT_GE(someip::counters().sdReboots.value(), reboots + 90);
     for (const char* part : {"subscribed by", "has rebooted", " found at ", " lost at "}) {
@@ -147,16 +140,16 @@ TEST_F(DeviceTalk, EventsMayComeByTheMulticastGroupOfTheAcknowledgement) {
     offer();
     const someip::Endpoint group{addressFrom(multicastText()).on(addressOf(1).interface()),
                                  static_cast<std::uint16_t>(discoveryPort() + 1)};
-    device->answer(subscription, from, 3, {group});
+    device.answer(3, {group});
     ASSERT_TRUE(log.waitFor("Events come by multicast to " + someip::toText(group)));
-    device->events->sendTo(group, device->notification(1, 1), true);
-    device->events->sendTo(group, device->notification(2, 2), true);
+    device.events->sendTo(group, device.notification(1, 1), true);
+    device.events->sendTo(group, device.notification(2, 2), true);
     ASSERT_TRUE(eventually([&] { return client.count() == 2; }));
     PlainDevice stranger(3);
     const auto before = someip::counters().wrongPeer.value();
-    stranger.events->sendTo(group, device->notification(66, 1), true);
+    stranger.events->sendTo(group, device.notification(66, 1), true);
     EXPECT_TRUE(eventually([&] { return someip::counters().wrongPeer.value() == before + 1; }));
     EXPECT_THAT(client.numbers(), ElementsAre(1, 2));
     client.readings->Unsubscribe();
-    device->events->sendTo(group, device->notification(3, 3), true);
+    device.events->sendTo(group, device.notification(3, 3), true);
 }

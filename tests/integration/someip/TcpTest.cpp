@@ -59,19 +59,29 @@ TEST_F(OverTcp, AClientThatDoesNotReadIsDisconnectedAndTheOthersAreServed) {
     PlainDevice stalled(3);
     auto subscription = stalled.subscription(kMeter.serviceId, kReadings.eventgroupId);
     std::string error;
-    someip::SdEntry offer;
-    someip::Endpoint from;
-    ASSERT_TRUE(stalled.await(someip::SdEntryType::Offer, offer, from));
+    ASSERT_TRUE(stalled.await(someip::SdEntryType::Offer));
     const auto connection =
-        someip::TcpSocket::connect(addressOf(3), *offer.over(someip::Protocol::Tcp), error);
+        someip::TcpSocket::connect(addressOf(3), *stalled.found.over(someip::Protocol::Tcp), error);
     ASSERT_NE(connection, nullptr) << error;
     ASSERT_TRUE(eventually([&] { return connection->state() == 0; }));
     subscription.unicast = {connection->local()};
-    stalled.sendDiscovery(subscription, &from);
+    stalled.sendDiscovery(subscription, &stalled.from);
     ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 2; }));
+    // A magic cookie comes first.
+    std::vector<std::uint8_t> expected{0xFF, 0xFF, 0x80, 0, 0, 0, 0, 8, 0xDE, 0xAD, 0xBE, 0xEF, 1, 1, 2, 0};
+    std::ranges::copy(stalled.notification(1, 1), std::back_inserter(expected));
+    server.readings.Send({numbered(1)});
+    std::vector<std::uint8_t> received;
+    std::uint8_t piece[100];
+    EXPECT_TRUE(eventually([&] {
+        received.insert(received.end(), piece, piece + std::max<ssize_t>(connection->receive(piece), 0));
+        return received.size() >= expected.size();
+    }));
+    EXPECT_EQ(received, expected);
+
     auto large = fullReading();
     large.text = std::string(500'000, 'x');
-    std::size_t sent = 0;
+    std::size_t sent = 1;
     ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; },
                            [&] {
                                server.readings.Send({large});
@@ -85,17 +95,6 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
     ASSERT_TRUE(clientSide.start(settingsFor(1), false));
     client.subscribe();
     device.sendDiscovery(device.offer());
-    someip::SdEntry subscription;
-    someip::Endpoint from;
-    const auto awaitSubscription = [&](std::uint32_t ttl) {  // passes over renewals
-        for (int tries = 0; tries < 10 && device.await(someip::SdEntryType::Subscribe, subscription, from);
-             ++tries) {
-            if (subscription.ttl == ttl) {
-                return true;
-            }
-        }
-        return false;
-    };
     const auto broken = someip::counters().tcpBroken.value();
     const auto lost = someip::counters().tcpLost.value();
     std::vector<std::chrono::steady_clock::time_point> at;
@@ -103,9 +102,9 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
         device.sendDiscovery(device.offer());
         ASSERT_TRUE(device.accept());
         at.push_back(std::chrono::steady_clock::now());
-        ASSERT_TRUE(awaitSubscription(3));
-        EXPECT_THAT(subscription.unicast, ElementsAre(device.connection->remote()));
-        device.answer(subscription, from, 3);
+        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
+        EXPECT_THAT(device.found.unicast, ElementsAre(device.connection->remote()));
+        device.answer(3);
         auto good = device.notification(static_cast<int>(round), 1);
         // Two messages, the second one in two pieces.
         const std::size_t half = good.size() / 2;
@@ -116,7 +115,7 @@ TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
         device.connection->send(std::vector<std::uint8_t>(64, 0));
         ASSERT_TRUE(eventually([&] { return someip::counters().tcpBroken.value() == broken + round; }));
         ASSERT_TRUE(eventually([&] { return someip::counters().tcpLost.value() == lost + round; }));
-        ASSERT_TRUE(awaitSubscription(0)) << "it ends with its connection";
+        ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe, true)) << "it ends with its connection";
     }
     EXPECT_GT(at[2] - at[1], 900ms);
     device.sendDiscovery(device.offer(0));
@@ -127,9 +126,7 @@ TEST_F(OverTcp, AClientWaitsWhileNoDescriptorIsLeftForIt) {
     PlainDevice device(3);
     ASSERT_TRUE(serverSide.start(serverSettings(), true));
     ASSERT_TRUE(server.base.OfferService());
-    someip::SdEntry offer;
-    someip::Endpoint from;
-    ASSERT_TRUE(device.await(someip::SdEntryType::Offer, offer, from));
+    ASSERT_TRUE(device.await(someip::SdEntryType::Offer));
     const int waiting = ::socket(someip::familyOf(addressOf(3)), SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int lowestFree = ::dup(waiting);
     ::close(lowestFree);
@@ -137,7 +134,7 @@ TEST_F(OverTcp, AClientWaitsWhileNoDescriptorIsLeftForIt) {
     ::getrlimit(RLIMIT_NOFILE, &usual);
     const rlimit noneLeft{static_cast<rlim_t>(lowestFree), usual.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &noneLeft);
-    const someip::SystemAddress to(*offer.over(someip::Protocol::Tcp));
+    const someip::SystemAddress to(*device.found.over(someip::Protocol::Tcp));
     const int connected = ::connect(waiting, to.get(), to.size());
     const bool waits = log.waitFor("has to wait: Too many open files");
     ::setrlimit(RLIMIT_NOFILE, &usual);

@@ -1,18 +1,17 @@
 #pragma once
-/// Passes datagrams, and pieces of TCP streams, to tshark and reads the result. The test's sockets capture
-/// them, so no capture privilege is needed.
+/// Passes datagrams to tshark and reads the result. The test's sockets capture them, so no capture privilege
+/// is needed.
 #include <gmock/gmock.h>
 
 #include <cstdio>
 #include <map>
-#include <set>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "someip/Endpoint.h"
 #include "someip/SdMessage.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/support/ChildProcess.h"
 
 namespace vlmTest {
 
@@ -50,27 +49,15 @@ class Analyser {
     std::size_t count() const { return m_datagrams.size(); }
     void clear() { m_datagrams.clear(); }
 
-    /// The capture as decoded by tshark, with an option for the discovery port, which it takes for another
-    /// protocol. `tables` is a folder with its configuration tables, or empty.
+    /// The capture as decoded by tshark, at all ports. `tables` is a folder with its configuration tables, or
+    /// empty.
     std::vector<AnalysedFrame> frames(const std::string& tables = "") const {
-        std::set<std::string> ports;
-        for (const auto& datagram : m_datagrams) {
-            const std::string kind = isTcp(datagram) ? "tcp.port==" : "udp.port==";
-            ports.insert(
-                {kind + std::to_string(datagram.from.port), kind + std::to_string(datagram.to.port)});
-        }
-        std::string command = "LC_ALL=C.UTF-8 HOME='" + m_folder.path() + "' WIRESHARK_CONFIG_DIR='" +
-                              (tables.empty() ? m_folder.path() : tables) + "' tshark -T pdml -r '" +
-                              capture() + "'";
-        for (const auto& port : ports) {
-            command += " -d " + port + ",someip";
-        }
         // tshark creates its value fields only when a table changes after all were read: hence the extra row.
-        command +=
-            " -o 'uat:SOMEIP_parameter_structs:\"fffffff0\",\"unused\",\"32\",\"0\",\"FALSE\",\"1\",\"0\","
-            "\"unused\",\"1\",\"00000001\",\"unused\"' 2>'" +
-            m_folder.file("errors") + "'";
-        const std::string text = run(command);
+        const std::string text =
+            run({"tshark", "-T", "pdml", "-r", capture(), "-d", "udp.port==1-65535,someip", "-o",
+                 R"(uat:SOMEIP_parameter_structs:"fffffff0","unused","32","0","FALSE","1","0",)"
+                 R"("unused","1","00000001","unused")"},
+                tables.empty() ? m_folder.path() : tables);
         std::vector<AnalysedFrame> frames;
         for (std::size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at + 1)) {
             const auto element = text.substr(at, text.find('>', at) - at);
@@ -95,41 +82,31 @@ class Analyser {
         return element.substr(from, element.find('"', from) - from);
     }
 
-    static bool isTcp(const CapturedDatagram& datagram) {
-        return datagram.from.protocol == someip::Protocol::Tcp;
-    }
-
     /// The output of a command that must succeed.
-    static std::string run(const std::string& command) {
-        std::FILE* const output = ::popen(command.c_str(), "r");
-        std::string text;
-        char part[4096];
-        while (const auto size = std::fread(part, 1, sizeof part, output)) {
-            text.append(part, size);
-        }
-        EXPECT_EQ(::pclose(output), 0) << "tshark is needed; this must succeed: " << command;
-        return text;
+    std::string run(const std::vector<std::string>& command, const std::string& configuration = "") const {
+        const auto outcome = runToItsEnd(
+            command, {"LC_ALL=C.UTF-8", "HOME=" + m_folder.path(), "WIRESHARK_CONFIG_DIR=" + configuration});
+        EXPECT_EQ(outcome.status, 0) << "tshark is needed; " << command[0] << ": " << outcome.err;
+        return outcome.out;
     }
 
     /// Writes the capture, with headers by text2pcap, and returns its path. What follows each other with the
-    /// same endpoints is converted at once, so that the pieces of a stream are numbered.
+    /// same endpoints is converted at once.
     std::string capture() const {
-        std::string command = "mergecap -a -w '" + m_folder.file("capture") + "'";
-        int parts = 0;
+        std::vector<std::string> merge{"mergecap", "-a", "-w", m_folder.file("capture")};
         for (auto next = m_datagrams.begin(); next != m_datagrams.end();) {
             const auto& [from, to, bytes] = *next;
             std::string dump;
             for (; next != m_datagrams.end() && next->from == from && next->to == to; ++next) {
                 dump += "000000 " + hexText(next->bytes, ' ') + '\n';
             }
-            const std::string part = m_folder.write("part" + std::to_string(++parts), dump);
-            run("text2pcap -q -" + std::string(from.address.isIpv6() ? "6 " : "4 ") + toText(from.address) +
-                ',' + toText(to.address) + (isTcp({from, to, {}}) ? " -T " : " -u ") +
-                std::to_string(from.port) + ',' + std::to_string(to.port) + " '" + part + "' '" + part +
-                ".pcap'");
-            command += " '" + part + ".pcap'";
+            const std::string part = m_folder.write("part" + std::to_string(merge.size()), dump);
+            run({"text2pcap", "-q", from.address.isIpv6() ? "-6" : "-4",
+                 toText(from.address) + ',' + toText(to.address), "-u",
+                 std::to_string(from.port) + ',' + std::to_string(to.port), part, part + ".pcap"});
+            merge.push_back(part + ".pcap");
         }
-        run(command);
+        run(merge);
         return m_folder.file("capture");
     }
 

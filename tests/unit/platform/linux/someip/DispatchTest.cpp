@@ -1,3 +1,5 @@
+#include <random>
+
 #include "Reading.h"
 #include "someip/Counters.h"
 #include "someip/EventDispatcher.h"
@@ -183,78 +185,70 @@ TEST_F(Dispatching, FindsNoGapsInASenderThatCountsItsEventsTogetherButThoseThatA
         storeBig(&message[2], event.eventId);
         return counted(counters().sessionGaps, message);
     };
-    const auto routes = [&](std::uint64_t life) {
-        const auto alarms = std::make_shared<EventReceiver>(
-            kMeter, 1, kAlarms, [](std::span<const std::uint8_t>, someip::DecodeReport&) {});
-        return std::vector<EventDispatcher::Route>{{kServer, receiver(), life}, {kServer, alarms, life}};
-    };
     std::uint64_t gaps = 0;
     for (std::uint16_t session = 1; session <= 240; session += 2) {
         gaps += send(kReadings, session);  // the other event is not subscribed
     }
     EXPECT_EQ(gaps, 0u);
 
-    // Both are, and one comes rarely.
-    dispatcher.setRoutes(routes(1));
-    std::uint16_t session = 0;
-    for (int i = 0; i < 500; ++i) {
-        gaps += send(i % 50 == 49 ? kAlarms : kReadings, ++session);
+    // Both are, and one that is counted with the other comes rarely.
+    std::mt19937 random(1);
+    for (std::uint64_t life = 1; life <= 60; ++life) {
+        const auto alarms = std::make_shared<EventReceiver>(
+            kMeter, 1, kAlarms, [](std::span<const std::uint8_t>, someip::DecodeReport&) {});
+        dispatcher.setRoutes({{kServer, receiver(), life}, {kServer, alarms, life}});
+        const bool together = life % 3 == 0;
+        const bool inStep = life % 3 == 1;
+        std::array<std::uint16_t, 2> last{100, 100};
+        std::uint64_t lost = 0;
+        gaps = 0;
+        for (unsigned i = 0; i < 400; ++i) {
+            const std::size_t which = together ? i % 50 == 49 : inStep ? i % 2 : random() % 2;
+            const auto session = ++last[together ? 0 : which];
+            if (i >= 100 && i < 350 && i % 50 < 40 && random() % 30 == 0) {
+                ++lost;
+            } else {
+                gaps += send(which == 0 ? kReadings : kAlarms, session);
+            }
+        }
+        EXPECT_EQ(gaps, lost) << life;
     }
-    EXPECT_EQ(gaps, 0u);
-    session = static_cast<std::uint16_t>(session + 3);
-    gaps += send(kReadings, ++session);
-    gaps += send(kAlarms, ++session);
-    EXPECT_EQ(gaps, 3u);
-
-    // A new life that counts each event apart, both in step.
-    dispatcher.setRoutes(routes(2));
-    for (session = 100; session < 130; ++session) {
-        gaps += send(kReadings, session);
-        gaps += send(kAlarms, session);
-    }
-    EXPECT_EQ(gaps, 3u);
-    gaps += send(kAlarms, session);
-    gaps += send(kReadings, ++session);
-    gaps += send(kAlarms, session);
-    gaps += send(kReadings, ++session);
-    EXPECT_EQ(gaps, 4u) << "one reading";
 }
 
 TEST_F(Dispatching, JoinsSegmentsAndCountsWhatNeverBecameAMessage) {
-    Bytes payload;
-    someip::encodeSamples(std::vector<Reading>(100, fullReading()), payload);
-    std::vector<Bytes> datagrams;
-    segment(headerOf(3), payload, [&](std::span<const std::uint8_t> datagram) {
-        datagrams.emplace_back(datagram.begin(), datagram.end());
-        return true;
-    });
-    for (const Bytes& datagram : datagrams) {
+    const auto segments = [](std::uint16_t session) {
+        Bytes payload;
+        someip::encodeSamples(std::vector<Reading>(100, fullReading()), payload);
+        std::vector<Bytes> datagrams;
+        segment(headerOf(session), payload, [&](std::span<const std::uint8_t> datagram) {
+            datagrams.emplace_back(datagram.begin(), datagram.end());
+            return true;
+        });
+        return datagrams;
+    };
+    for (const Bytes& datagram : segments(3)) {
         EXPECT_TRUE(got.empty());
         hear(datagram);
     }
     EXPECT_EQ(got.size(), 100u);
-
-    EXPECT_EQ(counted(counters().tpIgnored, datagrams[1]), 1u) << "doubled on the way";
+    EXPECT_EQ(counted(counters().tpIgnored, segments(3)[1]), 1u) << "doubled on the way";
 
     // A sender that has started anew under the same port: what it had begun does not go on.
-    for (Bytes& datagram : datagrams) {
-        datagram.at(11) = 5;  // another session
-    }
-    hear(datagrams[0]);
-    const auto begun = counters().tpDropped.value();
+    auto begun = segments(5);
+    const auto dropped = counters().tpDropped.value();
+    hear(begun[0]);
     dispatcher.setRoutes({{kServer, receiver(), 1}});
-    EXPECT_EQ(counters().tpDropped.value(), begun + 1);
-    std::for_each(datagrams.begin() + 1, datagrams.end(), [&](const Bytes& datagram) { hear(datagram); });
-    EXPECT_EQ(got.size(), 100u);
-    hear(datagrams[0]);
+    EXPECT_EQ(counters().tpDropped.value(), dropped + 1);
+    std::ranges::rotate(begun, begun.begin() + 1);
+    for (const Bytes& datagram : begun) {
+        EXPECT_EQ(got.size(), 100u);
+        hear(datagram);
+    }
     EXPECT_EQ(got.size(), 200u);
 
-    datagrams[0].at(11) = 4;  // another session
-    hear(datagrams[0]);
-    const auto before = counters().tpDropped.value();
-    now += 1s;
-    dispatcher.onTime(now);
-    EXPECT_EQ(counters().tpDropped.value(), before + 1);
+    hear(segments(4)[0]);
+    dispatcher.onTime(now += 1s);
+    EXPECT_EQ(counters().tpDropped.value(), dropped + 2);
 }
 
 TEST(RateLimits, ReportTheFirstAndThenOncePerInterval) {
