@@ -37,35 +37,5 @@ TEST(ConcurrentQueue, DropsTheValueAfterTenTriesAndCountsIt) {
     EXPECT_EQ(queue.size(), 1U);
 }
 
-// The producers run concurrently with each other and with the one consumer.
-TEST(ConcurrentQueue, KeepsEachProducersOrderAndLosesOnlyWhatItCounts) {
-    constexpr int kProducers = 4;
-    constexpr int kValues = 20000;
-    kyo::Counter dropped;
-    ConcurrentQueue<std::pair<int, int>> queue(&dropped);
-    std::atomic<int> refused{0};
-    Together producers(kProducers, [&](int p) {
-        for (int i = 1; i <= kValues; ++i) {
-            if (!queue.put({p, i}, 2)) {
-                ++refused;
-            }
-        }
-    });
-    std::map<int, int> last;
-    int received = 0;
-    std::pair<int, int> value;
-    for (bool done = false; !done;) {
-        done = !producers.running();
-        while (queue.take(&value)) {
-            ASSERT_GT(value.second, last[value.first]) << "of producer " << value.first;
-            last[value.first] = value.second;
-            ++received;
-        }
-    }
-    EXPECT_EQ(received + refused, kProducers * kValues);
-    EXPECT_EQ(dropped.value(), static_cast<std::uint64_t>(refused));
-    EXPECT_EQ(queue.size(), 0U);
-}
-
 }  // namespace
 }  // namespace vlmProd
