@@ -34,15 +34,6 @@ struct AllServices {
     }
 };
 
-const FieldInfo* fieldOf(const DescribedEvent& event, const std::string& name) {
-    const auto found = std::ranges::find(event.fields(), name, &FieldInfo::name);
-    return found == event.fields().end() ? nullptr : &*found;
-}
-
-const FieldInfo& keyField(const DescribedEvent& event) {
-    return *fieldOf(event, event.key().empty() ? event.members().front() : event.key());
-}
-
 /// Calls `look` with states throughout the example scenarios and the plain drive.
 void throughAllStories(const std::function<void(const VehicleState&, const std::string& where)>& look) {
     std::vector<Scenario> stories{Scenario::plainDrive()};
@@ -86,7 +77,7 @@ std::string text(const FieldValue& value) {
 /// The samples of one event by the enumerator of their key.
 std::map<std::string, FieldValues> samplesOf(const VehicleState& state, const std::string& path) {
     const auto* event = AllServices::get().events.at(path);
-    const auto& key = keyField(*event);
+    const auto& key = event->indexField();
     std::map<std::string, FieldValues> result;
     for (const auto& sample : SampleMaker().make(path.substr(0, path.find('.')), *event, state, wallMs)) {
         for (const auto& enumerator : key.enumerators) {
@@ -106,7 +97,7 @@ TEST(Rules, NameEventsAndFieldsThatAreDescribed) {
         const auto event = events.find(name.substr(0, dot));
         ASSERT_NE(event, events.end()) << name;
         if (dot + 1 != name.size()) {
-            EXPECT_NE(fieldOf(*event->second, name.substr(dot + 1)), nullptr) << name;
+            EXPECT_NE(event->second->find(name.substr(dot + 1)), nullptr) << name;
         }
     }
 }
@@ -121,7 +112,7 @@ TEST(Samples, OfEveryEventAndKeyComeAndCanBeSent) {
         for (const auto& [path, event] : AllServices::get().events) {
             const auto samples = maker.make(path.substr(0, path.find('.')), *event, state, wallMs);
             for (const auto& sample : samples) {
-                keysOf[path].insert(static_cast<int>(number(sample.at(keyField(*event).name))));
+                keysOf[path].insert(static_cast<int>(number(sample.at(event->indexField().name))));
             }
             ASSERT_TRUE(event->send(samples)) << path << ": " << event->error();
         }
@@ -187,19 +178,15 @@ TEST(Samples, CountPerEventAndKeyAndFollowTheScenarioSOverrides) {
     const VehicleState state;
     const auto* positions = AllServices::get().events.at("GNSS.positions");
     const FieldOverride absent{"GNSS", "positions", "latitude", 2, 0, 0, std::nullopt, kyo::Json::Value()};
-    const FieldOverride invalid{"GNSS", "positions", "longitudeValueType", std::nullopt,
-                                0,      0,           std::nullopt,         "invalid"};
     const FieldOverride high{"GNSS", "positions", "altitudeMeanSeaLevel", 1, 0, 0, std::nullopt, 4000.5};
     const FieldOverride other{"Temperature", "positions", "speed2D", std::nullopt, 0, 0, std::nullopt, 99};
     for (int i = 0; i < 3; ++i) {
-        const auto samples =
-            maker.make("GNSS", *positions, state, wallMs, {&absent, &invalid, &high, &other});
+        const auto samples = maker.make("GNSS", *positions, state, wallMs, {&absent, &high, &other});
         ASSERT_EQ(samples.size(), 2U);
         for (const auto& sample : samples) {
             EXPECT_EQ(number(sample.at("messageCounter")), i);
             EXPECT_EQ(number(sample.at("preciseLocalTimeSeconds")), 1'700'000'000);
             EXPECT_EQ(number(sample.at("preciseLocalTimeNanoseconds")), 123'000'000);
-            EXPECT_EQ(text(sample.at("longitudeValueType")), "invalid");
         }
         EXPECT_EQ(number(samples[0].at("speed2D")), 0);
         EXPECT_EQ(samples[0].count("latitude"), 1U);

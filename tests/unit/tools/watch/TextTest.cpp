@@ -61,11 +61,6 @@ TEST_F(Text, FitsTheTerminal) {
         }
         EXPECT_TRUE(lines.hasCut());
     }
-    const auto several = select({"GNSS.positions", "Chassis"}, services);
-    Lines lines(several, {.width = 80});
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_LE(linesOf(lines.of(arrival(sample, 2), 0)).front().size(), 80u);
-    }
 }
 
 TEST_F(Text, ExplainedHasUnitsAndMeanings) {
