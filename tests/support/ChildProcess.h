@@ -93,7 +93,6 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    void signal(int number) const { ::kill(m_pid, number); }
     /// The exit status; -1 after a signal, -2 when the program did not end in time.
     int wait() {
         int status = 0;

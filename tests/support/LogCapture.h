@@ -92,10 +92,9 @@ class LogCapture {
     }
 
     /// Waits for `times` messages that contain `part`. Returns false at the deadline.
-    bool waitFor(const std::string& part, std::size_t times = 1,
-                 std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+    bool waitFor(const std::string& part, std::size_t times = 1) const {
         std::unique_lock<std::mutex> lock(sink().guard);
-        return sink().changed.wait_until(lock, std::chrono::steady_clock::now() + limit, [&] {
+        return sink().changed.wait_for(lock, std::chrono::seconds(20), [&] {
             return static_cast<std::size_t>(
                        std::count_if(sink().lines.begin(), sink().lines.end(), [&](const LoggedLine& line) {
                            return line.message.find(part) != std::string::npos;

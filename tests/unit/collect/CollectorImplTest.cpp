@@ -156,17 +156,18 @@ TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
 TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
     constexpr int kThreads = 4;
     constexpr int kRecords = 2000;
-    const auto count = [](const char* name) { return counted(name); };
-    const auto lost = [&] {
-        return count("queue.collector.input.dropped") + count("queue.collector.output.dropped") +
-               count("records.expired") + count("records.replaced");
+    const auto lost = [] {
+        return counted("queue.collector.input.dropped") + counted("queue.collector.output.dropped") +
+               counted("records.expired") + counted("records.replaced");
     };
     const auto lostBefore = lost();
     CollectorImpl collector = make(50);
+    std::atomic<int> running{kThreads};
     Together dispatchers(kThreads, [&](int t) {
         for (int i = 0; i < kRecords; ++i) {
             insert(collector, recordAt(i * 10LL, t * kRecords + i));
         }
+        --running;
     });
     std::multiset<int> reported;
     const auto tick = [&] {
@@ -177,7 +178,7 @@ TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
         }
         collector.moveToHistoryState();
     };
-    while (dispatchers.running()) {
+    while (running > 0) {
         tick();
     }
     dispatchers.join();

@@ -1,7 +1,7 @@
 #include "base/CompactJson.h"
 
 #include "collect/CollectorImpl.h"
-#include "tests/support/RecordValue.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "config/ConfigControlPanel.h"
 #include "report/VlmReportControl.h"
-#include "tests/support/RecordValue.h"
+#include "tests/support/Test.h"
 
 namespace {
 

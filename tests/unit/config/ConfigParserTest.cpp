@@ -2,7 +2,7 @@
 // the queries answer.
 #include "config/ConfigParser.h"
 
-#include "tests/support/RecordValue.h"
+#include "tests/support/Test.h"
 
 namespace {
 

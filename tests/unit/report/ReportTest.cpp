@@ -1,7 +1,7 @@
 // The text that waits in the shipping queue is the one that the writer makes of the whole report, and what
 // leaves is the one that it makes of the report without its catalog id.
 #include "report/Report.h"
-#include "tests/support/RecordValue.h"
+#include "tests/support/Test.h"
 
 using namespace vlmTest;
 using vlmProd::Report;

@@ -1,7 +1,7 @@
 #include "report/VlmReportControl.h"
 
 #include "kyo/DateTime.h"
-#include "tests/support/RecordValue.h"
+#include "tests/support/Test.h"
 #include "tests/support/TestCatalog.h"
 
 namespace vlmProd {

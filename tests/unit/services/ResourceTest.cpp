@@ -4,7 +4,7 @@
 
 #include "collect/IngressQueue.h"
 #include "qdr/services/airbag/datatypes.h"
-#include "tests/support/RecordValue.h"
+#include "tests/support/Test.h"
 
 namespace vlmProd {
 namespace {
@@ -33,7 +33,7 @@ struct ResourceTest : Test {
         resource.processData(std::move(record));
         Record taken;
         EXPECT_TRUE(IngressQueue::getInstance()->takeRecord(&taken));
-        return valueOf(taken);
+        return valueOf(taken.text);
     }
 
     Resource resource{"positions"};
