@@ -7,10 +7,11 @@ using ac::com::runtime::Component_singleton;
 
 namespace {
 
+// Multicast on the loopback interface: nothing leaves the machine.
 std::string configuration() {
     const auto settings = settingsFor(5);
     return "{\"address\": \"" + settings.address + "\", \"network\": \"" + settings.network +
-           "\", \"discovery\": {\"group\": \"" + settings.discovery.group +
+           "\", \"discovery\": {\"group\": \"" + multicastText() +
            "\", \"port\": " + std::to_string(discoveryPort()) + "}}";
 }
 

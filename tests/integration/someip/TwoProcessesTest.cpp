@@ -192,13 +192,3 @@ TEST_F(ClientAndServer, TheDiscoveryPortIsSharedWithAnotherStackWhicheverStartsF
     clientSide.stop();
     EXPECT_TRUE(eventually([&] { return second.networkIsUp(); }));
 }
-
-// Multicast on the loopback interface: nothing leaves the machine.
-TEST_F(ClientAndServer, DiscoveryWorksByAMulticastGroup) {
-    auto forClient = settingsFor(1);
-    auto forServer = settingsFor(2);
-    forClient.discovery.group = forServer.discovery.group = multicastText();
-    startBoth(forClient, forServer);
-    ASSERT_TRUE(client.connect());
-    EXPECT_TRUE(server.sendUntilReceived(client, 1));
-}

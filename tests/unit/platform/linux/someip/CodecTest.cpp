@@ -9,10 +9,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-const std::string kTruncated =
-    "Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is possibly due to a "
-    "mismatch between the data models of sender and receiver.";
-
 Bytes lengthAnd(const Bytes& content) {
     Bytes bytes;
     someip::appendBig(bytes, static_cast<std::uint32_t>(content.size()));
@@ -110,7 +106,8 @@ TEST(Codec, AStructureThatEndsInsideAMemberIsReported) {
         EXPECT_EQ(decoded.good, ends.contains(size)) << size << " bytes";
         if (!decoded.good) {
             EXPECT_EQ(decoded.report.result, DecodeResult::Truncated) << size << " bytes";
-            EXPECT_EQ(decoded.report.error, kTruncated);
+            EXPECT_THAT(decoded.report.error,
+                        HasSubstr("[PRS_SOMEIP_00900]: Record length given by sender is too small."));
             EXPECT_THAT(decoded.samples, IsEmpty());
         }
     }

@@ -35,9 +35,7 @@ TEST(SdMessages, ReadAnOfferOfAnIndependentDevice) {
     EXPECT_TRUE(message.unicast);
     ASSERT_THAT(message.entries, SizeIs(1));
     const auto& entry = message.entries[0];
-    EXPECT_EQ(entry.type, SdEntryType::Offer);
-    EXPECT_EQ(entry.service, 0x1101);
-    EXPECT_EQ(entry.instance, 1);
+    EXPECT_THAT(describe(message), ElementsAre("offer 4353.1"));
     EXPECT_EQ(entry.major, 1);
     EXPECT_EQ(entry.ttl, 3u);
     EXPECT_THAT(entry.unicast, ElementsAre(Endpoint{0x7F000002, 40000}));
