@@ -7,17 +7,15 @@ from processes import DEADLINE
 
 
 class Client:
-    """It comes back by itself. All that a subclass overrides is called on another thread."""
+    """It comes back by itself."""
 
-    def __init__(self, port, name, topics=(), login=None, password=None, will=None):
+    def __init__(self, port, name, topics=(), login=None, password=None):
         self.received, self.connected, self.changed = [], None, threading.Condition()
         self.topics = topics
         self.client = mqtt.Client(name, protocol=mqtt.MQTTv5)
         self.client.reconnect_delay_set(1, 1)
         if login:
             self.client.username_pw_set(login, password)
-        if will:
-            self.client.will_set(*will, 1, True)
         self.client.on_connect, self.client.on_message = self.on_connect, self.on_message
         self.client.connect_async("127.0.0.1", port, keepalive=5)
         self.client.loop_start()
@@ -31,11 +29,8 @@ class Client:
 
     def on_message(self, _client, _data, message):
         with self.changed:
-            self.take(message.topic, message.payload.decode())
+            self.received.append((message.topic, message.payload.decode()))
             self.changed.notify_all()
-
-    def take(self, topic, payload):
-        self.received.append((topic, payload))
 
     def wait(self, condition):
         with self.changed:

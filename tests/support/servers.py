@@ -20,9 +20,10 @@ def positions(first, count):
 
 
 def envelope(message_id, number, samples):
-    report = {"applicationName": "App", "functionId": "21", "reportName": "Trip", "sequenceNumber": number,
+    compact = json.JSONEncoder(separators=(",", ":")).encode
+    report = {"applicationName": "App", "createDatetime": str(NOW), "functionId": "21", "reportName": "Trip", "sequenceNumber": number,
               "signalCollections": [{"index": 1, "resourceName": "positions", "serviceName": "GNSSProxy", "samples": samples}]}
-    return json.dumps({"messageId": message_id, "timestamp": NOW // 1000, "orxClientDataReport": json.dumps(report)})
+    return compact({"messageId": message_id, "orxClientDataReport": compact(report), "timestamp": NOW // 1000})
 
 
 class Postgres(Peer):

@@ -1,36 +1,38 @@
 // The page in a real browser: data of a vehicle appears by itself, a configuration made on the page is stored and
 // collects, the page survives restarts of server, broker and database, and every view is accessible and fits a narrow screen.
+// page_test.py starts all that is behind the page.
 import assert from "node:assert/strict";
-import { mkdtempSync, readFileSync, rmSync, existsSync } from "node:fs";
+import { readFileSync, readSync, writeSync } from "node:fs";
 import { createRequire } from "node:module";
-import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test as plainTest } from "node:test";
-import { Bench, until } from "./processes.mjs";
 
-const { VLM_PAGE, VLM_PAGE_PACKAGES, VLM_CHROMIUM } = process.env;
-const packages = createRequire(join(VLM_PAGE_PACKAGES, "package.json"));
-if (!existsSync(join(VLM_PAGE, "index.html")) || !existsSync(join(VLM_PAGE_PACKAGES, "node_modules"))) {
-  console.log("page_test skipped: the page is not built, as npm could not fetch its packages");
-  process.exit(0);
-}
+const [address, browserProgram, packageFolder, telling] = process.argv.slice(2);
+const packages = createRequire(join(packageFolder, "package.json"));
 const { chromium } = packages("playwright-core");
 const axe = readFileSync(packages.resolve("axe-core/axe.min.js"), "utf8");
 
-const folder = mkdtempSync(join(tmpdir(), "vlm-page-"));
-const bench = new Bench(folder);
 let browser;
 let page;
 const complaints = [];
 let serverRuns = true;
 
+async function until(condition, what, deadlineMs = 30_000) {
+  const end = Date.now() + deadlineMs;
+  while (!(await condition())) {
+    if (Date.now() > end) throw new Error(`did not come: ${what}`);
+    await new Promise((done) => setTimeout(done, 50));
+  }
+}
+
+// Returns when that is done.
+function tell(peer, what) {
+  writeSync(Number(telling), `${peer} ${what}\n`);
+  readSync(0, Buffer.alloc(1));
+}
+
 before(async () => {
-  bench.prepare();
-  bench.startBroker();
-  await bench.startDatabase();
-  await bench.startBackend();
-  bench.startVehicle();
-  browser = await chromium.launch({ executablePath: VLM_CHROMIUM, args: [
+  browser = await chromium.launch({ executablePath: browserProgram, args: [
     ...(process.getuid() === 0 ? ["--no-sandbox"] : []), "--disable-gpu", "--disable-quic", "--no-first-run",
     "--disable-background-networking", "--disable-component-update", "--disable-sync"] });
   page = await browser.newPage({ viewport: { width: 1280, height: 900 } });
@@ -55,24 +57,19 @@ function test(name, body) {
   });
 }
 
-after(async () => {
-  if (failed) console.log(["postgres", "vlm-backend", "vlm-vehicle"].map((name) => `${name}:\n${bench.log(name)}`).join("\n"));
-  await browser?.close();
-  await bench.endAll();
-  rmSync(folder, { recursive: true, force: true });
-});
+after(() => browser?.close());
 
 const number = async (selector, attribute) => Number(await page.locator(selector).first().getAttribute(attribute));
 
 test("an empty page says what to expect", async () => {
-  await page.goto(bench.address);
+  await page.goto(address);
   await page.getByRole("heading", { name: "Vehicles", level: 1 }).waitFor();
   await page.getByText("No vehicle has reported yet.").or(page.getByRole("link", { name: "bench" })).first().waitFor();
   await page.getByText("● online").waitFor();
 });
 
 test("a configuration made on the page is stored, assigned and applied", async () => {
-  await page.goto(`${bench.address}#/configure/new`);
+  await page.goto(`${address}#/configure/new`);
   await page.getByLabel("Name of the configuration").fill("Commute");
   for (const [words, instance] of [["GNSS positions", /^1 fused/], ["Chassis velocityInfo", /^1 /], ["Airbag notifications", /^2 /]]) {
     await page.getByRole("searchbox", { name: "Find an event" }).fill(words);
@@ -99,12 +96,12 @@ test("a configuration made on the page is stored, assigned and applied", async (
   await page.getByRole("combobox", { name: "Assign to" }).selectOption("vehicle bench");
   await page.getByRole("button", { name: "Assign", exact: true }).click();
   await page.getByText("Assigned to vehicle bench").waitFor();
-  await page.goto(`${bench.address}#/configure`);
+  await page.goto(`${address}#/configure`);
   await page.getByRole("row", { name: /bench/ }).locator(".chip", { hasText: "applied" }).waitFor();
 });
 
 test("samples on the wire become points on the map and lines in plots, by themselves", async () => {
-  await page.goto(`${bench.address}#/vehicle/bench`);
+  await page.goto(`${address}#/vehicle/bench`);
   const track = "[data-positions]";
   await until(async () => (await page.locator(track).count()) && (await number(track, "data-positions")) > 10, "positions on the map", 60_000);
   await until(async () => (await number(".plot-box", "data-points")) > 0, "points in the first plot");
@@ -159,11 +156,11 @@ test("what is shown can be downloaded", async () => {
 
 test("the page recovers when server and broker restart", async () => {
   serverRuns = false;
-  await bench.end("vlm-backend");
-  await bench.end("mosquitto");
-  bench.startBroker();
+  tell("backend", "stop");
+  tell("broker", "stop");
+  tell("broker", "start");
   await page.getByText("connection lost").waitFor();
-  await bench.startBackend();
+  tell("backend", "start");
   await page.getByText("live", { exact: true }).waitFor();
   serverRuns = true;
   const before = await number("[data-positions]", "data-positions");
@@ -172,13 +169,13 @@ test("the page recovers when server and broker restart", async () => {
 
 test("the page recovers when the database restarts", async () => {
   serverRuns = false;
-  await bench.end("postgres", "SIGQUIT"); // at once, as after a fault
-  await page.goto(`${bench.address}#/vehicles`);
+  tell("database", "kill");
+  await page.goto(`${address}#/vehicles`);
   await page.getByRole("alert").first().waitFor();
-  await bench.startDatabase();
+  tell("database", "start");
   await page.getByRole("link", { name: "bench" }).waitFor();
   serverRuns = true;
-  await page.goto(`${bench.address}#/vehicle/bench`);
+  await page.goto(`${address}#/vehicle/bench`);
   await until(async () => (await page.locator("[data-positions]").count()) && (await number("[data-positions]", "data-positions")) > 0, "the track");
   const before = await number("[data-positions]", "data-positions");
   await until(async () => (await number("[data-positions]", "data-positions")) > before, "new positions after the restart", 60_000);
@@ -188,7 +185,7 @@ const VIEWS = { "#/vehicles": "Vehicles", "#/vehicle/bench": "bench", "#/configu
   "#/configure/1?as=json": "Commute v1", "#/machine": "This machine", "#/unusable": "Unusable input" };
 
 async function open(view) {
-  await page.goto(bench.address + view);
+  await page.goto(address + view);
   await page.getByRole("heading", { name: VIEWS[view], level: 1, exact: true }).waitFor();
   await until(async () => (await page.locator(".busy").count()) === 0, `the content of ${view}`);
   if (view === "#/vehicle/bench") await until(async () => (await number(".plot-box", "data-points")) > 0, "plots");
