@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -84,6 +86,8 @@ class ChildProcess {
             throw std::runtime_error("no process can be started");
         }
     }
+    /// One that has been started.
+    explicit ChildProcess(pid_t pid) : m_pid(pid) {}
     ~ChildProcess() {
         if (m_pid > 0) {
             ::kill(m_pid, SIGKILL);
@@ -124,6 +128,23 @@ inline Outcome runToItsEnd(const std::vector<std::string>& command,
     const int status =
         ChildProcess(command, environment, standardOutput < 0 ? int{out} : standardOutput, err).wait();
     return {status, readFile(folder.file("out")), readFile(folder.file("err"))};
+}
+
+/// Runs `body` and exits, in a copy of this process, in which no other thread may run.
+template <typename Body>
+Outcome inProcessOfItsOwn(Body body, int standardOutput = -1) {
+    const TemporaryFolder folder;
+    const Descriptor out(openForWriting(folder.file("out")));
+    const Descriptor err(openForWriting(folder.file("err")));
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::dup2(standardOutput < 0 ? int{out} : standardOutput, STDOUT_FILENO);
+        ::dup2(err, STDERR_FILENO);
+        body();
+        std::exit(0);
+    }
+    return {ChildProcess(child).wait(), readFile(folder.file("out")), readFile(folder.file("err"))};
 }
 
 }  // namespace vlmTest

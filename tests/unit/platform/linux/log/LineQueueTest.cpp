@@ -7,68 +7,58 @@
 
 #include <cerrno>
 #include <csignal>
+#include <deque>
+#include <random>
 
 using namespace vlmTest;
 using kyo::LineBuffer;
 using kyo::LineQueue;
 
-TEST(LineQueue, IsFullByLinesAndByBytesAndHasRoomAgainOnceDrained) {
-    LineQueue byLines(2, 1u << 20);
-    EXPECT_TRUE(byLines.push("a", 1));
-    EXPECT_TRUE(byLines.push("b", 2));
-    EXPECT_FALSE(byLines.push("c", 3));
-    LineBuffer out;
-    byLines.drain(out);
-    ASSERT_EQ(out.lines(), 2u);
-    out.pop();
-    EXPECT_EQ(out.front().text, "b");
-    EXPECT_EQ(out.front().level, 2);
-    EXPECT_TRUE(byLines.push("d", 4));
-    byLines.drain(out);
-    ASSERT_EQ(out.lines(), 1u);
-    EXPECT_EQ(out.front().text, "d");
-
-    LineQueue byBytes(1000, 2000);
-    EXPECT_TRUE(byBytes.push(std::string(1500, 'x'), 5));
-    EXPECT_FALSE(byBytes.push(std::string(1500, 'y'), 5));
-    EXPECT_TRUE(byBytes.push("z", 5));
+TEST(LineQueue, IsFullByLinesOrByBytesAndHasRoomAgainOnceDrained) {
+    const std::string text(900, 'x');
+    for (const bool byLines : {true, false}) {
+        LineQueue queue(byLines ? 2 : 1000, byLines ? 1u << 20 : 2000);
+        EXPECT_TRUE(queue.push(text, 1));
+        EXPECT_TRUE(queue.push(text, 2));
+        EXPECT_FALSE(queue.push(text, 3));
+        EXPECT_EQ(queue.push("z", 4), !byLines);
+        LineBuffer out;
+        queue.drain(out);
+        ASSERT_EQ(out.lines(), byLines ? 2u : 3u);
+        out.pop();
+        EXPECT_EQ(out.front().text, text);
+        EXPECT_EQ(out.front().level, 2);
+        EXPECT_TRUE(queue.push(text, 5));
+        queue.drain(out);
+        EXPECT_EQ(out.lines(), 1u);
+    }
 }
 
-// Short lines fill many blocks, a long line has its own block, and reading happens in between.
-TEST(LineBuffer, KeepsTheOrderOfLinesOfAnyLengthWhileItIsReadAndFilledInTurn) {
+// Short lines fill many blocks, a long line has its own; by turns the buffer fills and becomes empty.
+TEST(LineBuffer, KeepsLinesOfAnyLengthInOrder) {
     LineBuffer buffer;
-    std::size_t written = 0;
-    std::size_t read = 0;
+    std::deque<std::string> expected;
     std::size_t bytes = 0;
-    const auto text = [](std::size_t number) {
-        return std::string(number % 97 == 0 ? 200'000 : number % 500, static_cast<char>('a' + number % 26));
-    };
-    // A long line may be the first after the buffer was emptied.
-    buffer.append({"short", 0, 1});
-    buffer.pop();
-    buffer.append({text(0), 1, 2});
-    EXPECT_EQ(buffer.front().text, text(0));
-    buffer.pop();
-    EXPECT_EQ(buffer.bytes(), 0u);
-    for (std::size_t round = 0; round < 40; ++round) {
-        for (std::size_t i = 0; i < 100 + round * 10; ++i, ++written) {
-            buffer.append(
-                {text(written), static_cast<std::int64_t>(written), static_cast<std::uint8_t>(written % 7)});
-            bytes += LineBuffer::weight(text(written).size());
-        }
-        ASSERT_EQ(buffer.bytes(), bytes);
-        for (std::size_t i = 0; (i < 250 || round == 39) && !buffer.empty(); ++i, ++read) {
+    std::mt19937 chance(20260101);
+    for (int step = 0, read = 0; step < 30'000; ++step) {
+        if (chance() % 10 < (step % 2000 < 1000 ? 8u : 1u)) {
+            expected.emplace_back(chance() % 97 == 0 ? 200'000 : chance() % 500,
+                                  static_cast<char>('a' + step % 26));
+            bytes += LineBuffer::weight(expected.back().size());
+            const int number = read + static_cast<int>(expected.size());
+            buffer.append({expected.back(), number, static_cast<std::uint8_t>(number % 7)});
+        } else if (!expected.empty()) {
             const kyo::LogLine line = buffer.front();
-            ASSERT_EQ(line.text, text(read));
-            ASSERT_EQ(line.uptimeNs, static_cast<std::int64_t>(read));
+            ASSERT_EQ(line.text, expected.front());
+            ASSERT_EQ(line.uptimeNs, ++read);
             ASSERT_EQ(line.level, read % 7);
             bytes -= LineBuffer::weight(line.text.size());
+            expected.pop_front();
             buffer.pop();
         }
-        ASSERT_EQ(buffer.lines(), written - read);
+        ASSERT_EQ(buffer.lines(), expected.size());
+        ASSERT_EQ(buffer.bytes(), bytes);
     }
-    EXPECT_EQ(read, written);
-    EXPECT_EQ(buffer.bytes(), 0u);
 }
 
 TEST(LineQueue, NothingIsLostOrDoubledBetweenManyProducersAndASleepyConsumer) {

@@ -135,8 +135,12 @@ TEST(Manifest, BrokersHaveThePortOfTheirOwnOrTheUsualOne) {
 TEST(Manifest, TheProcessUsesTheFileThatTheVariableNamesOrEndsWithStatus1AndAReason) {
     const TemporaryFolder folder;
     const auto runProbe = [&](const std::string& file) {
-        return runToItsEnd({LOG_PROBE, "manifest"},
-                           {"VLM_MACHINE_MANIFEST=" + file, "DLT_PIPE_DIR=" + folder.path()});
+        return inProcessOfItsOwn([&file] {
+            ::setenv("VLM_MACHINE_MANIFEST", file.c_str(), 1);
+            kyo::Log::setReportingLevel(7);
+            std::printf("%d %d %s\n", kyo::Log::getReportingLevel(), kyo::Log::getFileOutputLevel(),
+                        machine::stateSocketPath().c_str());
+        });
     };
     const auto good = runProbe(folder.write(
         "m.json", R"({"log": {"maxLevel": 3, "dlt": false}, "state": {"socket": "/x/y.sock"}})"));

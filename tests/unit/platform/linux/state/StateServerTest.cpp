@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -164,16 +163,12 @@ TEST_F(StateServerTest, AConfirmationMayComeLaterFromAnotherThreadAndMustMatchTh
     EXPECT_EQ(client.line(), R"({"requestId":1,"result":"generalError","state":"later"})");
     EXPECT_EQ(client.line(), "<closed>");
     EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::NotAsked);
-}
-
-TEST_F(StateServerTest, TheComponentLearnsThatTheRequesterIsGone) {
-    serve();
     {
-        TestClient client(path());
-        requestLater(client);
+        TestClient gone(path());
+        gone.send(stateRequest("later") + "\n");
+        ASSERT_TRUE(eventually([&] { return m_lastId.load() == 3; }));
     }
-    EXPECT_EQ(m_server->confirm(1, "later", "success"), Confirmation::RequesterGone);
-    expectAlive();
+    EXPECT_EQ(m_server->confirm(3, "later", "success"), Confirmation::RequesterGone);
 }
 
 TEST_F(StateServerTest, AStateThatNobodyConfirmsIsAnErrorInTheEnd) {
@@ -235,20 +230,16 @@ TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
     ::chmod(m_folder.path().c_str(), 0755);
     ::chmod(path().c_str(), 0666);
     const auto address = addressOf(path());
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const auto other = inProcessOfItsOwn([&address] {
         const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
         char answer[100];
         const bool connected =
             ::setgid(65534) == 0 && ::setuid(65534) == 0 &&
             ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        static_cast<void>(::send(socket, kStatus.data(), kStatus.size(), MSG_NOSIGNAL));
-        static_cast<void>(::send(socket, "\n", 1, MSG_NOSIGNAL));
+        static_cast<void>(::send(socket, (kStatus + "\n").c_str(), kStatus.size() + 1, MSG_NOSIGNAL));
         ::_exit(!connected ? 1 : ::recv(socket, answer, sizeof answer, 0) > 0 ? 2 : 0);
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: could not even connect; 2: was answered";
+    });
+    EXPECT_EQ(other.status, 0) << "1: could not even connect; 2: was answered";
     EXPECT_GE(counted("state.refused"), 1u);
     expectAlive();
 }
