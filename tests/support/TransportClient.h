@@ -1,14 +1,30 @@
 #pragma once
-/// The client of a backend transport.
+/// A backend transport with its client.
 #include "backend/Transport.h"
 #include "machine/Manifest.h"
 #include "tests/support/Test.h"
 
 namespace vlmTest {
 
-/// Collects what a transport's callbacks receive. Must outlive the transport.
-class TransportClient {
+/// A transport, and what its callbacks have received.
+template <typename Transport>
+class StartedTransport {
   public:
+    template <typename... Arguments>
+    explicit StartedTransport(Arguments&&... arguments)
+        : m_transport(std::make_unique<Transport>(std::forward<Arguments>(arguments)...)) {
+        const auto noting = [maker = std::this_thread::get_id()](SharedList<kyo::Json::Value>& list) {
+            return [maker, &list](auto value) {
+                EXPECT_NE(std::this_thread::get_id(), maker);
+                list.add(std::move(value));
+            };
+        };
+        m_transport->setMasterControlCallback(noting(m_controls));
+        m_transport->setConfigResponseCallback(noting(m_answers));
+        m_transport->start();
+    }
+    Transport& transport() { return *m_transport; }
+    void end() { m_transport.reset(); }
     std::vector<kyo::Json::Value> controls() const { return m_controls.all(); }
     std::vector<kyo::Json::Value> answers() const { return m_answers.all(); }
     bool awaitControls(std::size_t count) const {
@@ -18,38 +34,9 @@ class TransportClient {
         return eventually([&] { return answers().size() >= count; });
     }
 
-  protected:
-    /// Call it before the transport's start. Callbacks must not come on this thread.
-    void listenTo(kyo::orx::Transport& transport) {
-        transport.setMasterControlCallback([this](auto message) { note(m_controls, std::move(message)); });
-        transport.setConfigResponseCallback([this](auto answer) { note(m_answers, std::move(answer)); });
-    }
-
   private:
-    void note(SharedList<kyo::Json::Value>& list, kyo::Json::Value value) {
-        EXPECT_NE(std::this_thread::get_id(), m_maker);
-        list.add(std::move(value));
-    }
-
-    const std::thread::id m_maker = std::this_thread::get_id();
     SharedList<kyo::Json::Value> m_controls;
     SharedList<kyo::Json::Value> m_answers;
-};
-
-/// A transport with its client.
-template <typename Transport>
-class StartedTransport : public TransportClient {
-  public:
-    template <typename... Arguments>
-    explicit StartedTransport(Arguments&&... arguments)
-        : m_transport(std::make_unique<Transport>(std::forward<Arguments>(arguments)...)) {
-        listenTo(*m_transport);
-        m_transport->start();
-    }
-    Transport& transport() { return *m_transport; }
-    void end() { m_transport.reset(); }
-
-  private:
     std::unique_ptr<Transport> m_transport;
 };
 

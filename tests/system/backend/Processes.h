@@ -86,23 +86,22 @@ class Certificates {
   public:
     Certificates() {
         m_folder.write("make.sh", R"(set -e
-key() {
-    openssl ecparam -genkey -name prime256v1 -out $1.key
+unset OPENSSL_CONF
+make() {
+    name=$1
+    shift
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=$name -days 30 \
+        -keyout $name.key -out $name.crt "$@"
 }
-for ca in ca other-ca; do
-    key $ca
-    openssl req -x509 -new -key $ca.key -subj /CN=$ca -days 30 -out $ca.crt
-done
-issue() {
-    key $1
-    openssl req -new -key $1.key -subj /CN=$1 -out $1.csr
-    echo "subjectAltName=$2" >$1.ext
-    openssl x509 -req -in $1.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days $3 -extfile $1.ext -out $1.crt
-}
-issue server IP:127.0.0.1 30
-issue expired IP:127.0.0.1 0  # ends in the second in which it begins
-issue elsewhere DNS:elsewhere.example 30
-issue client DNS:vehicle.example 30
+make ca
+make other-ca
+signer="-CA ca.crt -CAkey ca.key"
+make server $signer -addext subjectAltName=IP:127.0.0.1
+make elsewhere $signer -addext subjectAltName=DNS:elsewhere.example
+make client $signer -addext subjectAltName=DNS:vehicle.example
+cp server.key expired.key
+openssl req -new -key expired.key -subj /CN=expired -addext subjectAltName=IP:127.0.0.1 |
+    openssl x509 -req $signer -copy_extensions copy -days 0 -out expired.crt  # ends in the second in which it begins
 )");
         if (std::system(("cd " + m_folder.path() + " && sh make.sh >make.log 2>&1").c_str()) != 0) {
             throw std::runtime_error("openssl has made no certificates");

@@ -28,25 +28,22 @@ class Cluster:
     def mqtt_ports(self):
         return [ports["mqtt"] for ports in self._ports]
 
-    def _led(self, node):
-        """Streams that this node leads, and whether all others have what they contain; and the names of all streams."""
-        url = f"http://127.0.0.1:{self._ports[node]['monitor']}/jsz?streams=true"
-        with urllib.request.urlopen(url, timeout=5) as answer:
-            accounts = json.load(answer).get("account_details") or []
-        streams = [stream for account in accounts for stream in account.get("stream_detail") or []]
-        led = {stream["name"]: stream["cluster"] for stream in streams if stream["cluster"].get("leader") == f"node{node}"}
-        return {stream["name"] for stream in streams}, {
-            name: sum(replica["current"] and not replica.get("offline") for replica in cluster.get("replicas", ())) == NODES - 1
-            for name, cluster in led.items()}
-
     def _is_whole(self):
-        try:
-            found = [self._led(node) for node in range(NODES)]
-        except OSError:
-            return False
-        names = set().union(*(names for names, _ in found))
-        led = {name: whole for _, led in found for name, whole in led.items()}
-        return all(led.get(name) for name in names)
+        """Whether each stream has a leader, and all others have what it contains."""
+        names, whole = set(), set()
+        for node, ports in enumerate(self._ports):
+            try:
+                with urllib.request.urlopen(f"http://127.0.0.1:{ports['monitor']}/jsz?streams=true", timeout=5) as answer:
+                    accounts = json.load(answer).get("account_details") or []
+            except OSError:
+                return False
+            for stream in (stream for account in accounts for stream in account.get("stream_detail") or []):
+                names.add(stream["name"])
+                replicas = stream["cluster"].get("replicas", ())
+                others = sum(replica["current"] and not replica.get("offline") for replica in replicas)
+                if stream["cluster"].get("leader") == f"node{node}" and others == NODES - 1:
+                    whole.add(stream["name"])
+        return names == whole
 
     def wait_until_whole(self):
         """All nodes live, and each stream is on all of them. A node's own health is too strict: it counts consumers of

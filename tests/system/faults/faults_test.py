@@ -237,6 +237,8 @@ class NetworkFaults(FaultTest):
 
 
 class BrokerFaults(FaultTest):
+    """With the access rules of examples/mosquitto."""
+
     def setUp(self):
         super().setUp()
         self.need("mosquitto_passwd")
@@ -246,9 +248,10 @@ class BrokerFaults(FaultTest):
         self.set_password("right")
         # A broker started by root changes to a user who could not read the file.
         self.broker = self.start_broker(self.broker_port, f"allow_anonymous false\npassword_file {self.users}\n"
+                                        f"acl_file {SOURCE}/examples/mosquitto/access.acl\n"
                                         f"user {'root' if os.geteuid() == 0 else ''}")
         self.start_vehicle()
-        mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "user": "car", "password": "right",
+        mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "user": "faults", "password": "right",
                 "reconnectMaxSeconds": 5, "keepAliveSeconds": 60}
         self.start_master(backend={"transport": "mqtt", "mqtt": mqtt})
         self.start_peer("backend", BACKEND, "--port", str(self.broker_port), "--prefix", "vlm/faults",
@@ -258,7 +261,7 @@ class BrokerFaults(FaultTest):
         self.wait_for_fresh_samples()
 
     def set_password(self, password):
-        for user, theirs in (("car", password), ("backend", "right")):
+        for user, theirs in (("faults", password), ("backend", "right")):
             subprocess.run([program("mosquitto_passwd"), "-b", self.users, user, theirs], check=True,
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
@@ -294,6 +297,7 @@ class BrokerFaults(FaultTest):
             self.set_password("right")
             self.start_again()
         self.wait_for_fresh_samples()
+        self.assertEqual(self.master.text().count("Not authorized"), rounds, "each time once, however often it is refused")
         self.told["connected again"] = self.master.count("orx.reconnects")
         self.check_each_report_is_accounted_for()
         self.finish()

@@ -35,21 +35,16 @@ std::string lineOf(const kyo::Json::Value& value) {
     return compactText(value) + '\n';
 }
 
-class Backend : public TransportClient {
-  public:
+struct Backend : StartedTransport<DirectoryTransport> {
     explicit Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"})
-        : transport({folder, "collector.json"}, {"Catalog 1", std::move(offered)}) {
-        listenTo(transport);
-        transport.start();
-    }
+        : StartedTransport(machine::DirectoryBackend{folder, "collector.json"},
+                           kyo::orx::Presence{"Catalog 1", std::move(offered)}) {}
     /// Asks for the configuration, and waits for the answer.
     kyo::Json::Value answer() {
         const std::size_t before = answers().size();
-        EXPECT_EQ(transport.requestConfiguration(), 0);
+        EXPECT_EQ(transport().requestConfiguration(), 0);
         return awaitAnswers(before + 1) ? answers().back() : kyo::Json::Value();
     }
-
-    DirectoryTransport transport;
 };
 
 struct DirectoryBackend : Test {
@@ -63,9 +58,9 @@ TEST_F(DirectoryBackend, OpensTheChannelStoresEachEnvelopeAndAnswersItWithWholeM
     Backend backend(deep, {"TypeA", "TypeB"});
     ASSERT_TRUE(backend.awaitControls(1));
     dataFlushes = folderFlushes = 0;
-    EXPECT_EQ(backend.transport.send(envelope("1")), 0);
+    EXPECT_EQ(backend.transport().send(envelope("1")), 0);
     EXPECT_EQ(readFile(deep + "/envelopes.jsonl"), lineOf(envelope("1"))) << "there when the send returns";
-    EXPECT_EQ(backend.transport.send(envelope("2")), 0);
+    EXPECT_EQ(backend.transport().send(envelope("2")), 0);
     EXPECT_EQ(dataFlushes, 2);
     EXPECT_EQ(folderFlushes, 1) << "the new file's name";
     ASSERT_TRUE(backend.awaitControls(3));
@@ -98,11 +93,11 @@ TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALine) {
     const std::string whole = lineOf(envelope("old", 9000));
     m_folder.write("envelopes.jsonl", whole + "{\"messageId\":\"half" + std::string(9000, 'y'));
     Backend backend(m_folder.path());
-    EXPECT_EQ(backend.transport.send(envelope("new")), 0);
+    EXPECT_EQ(backend.transport().send(envelope("new")), 0);
     EXPECT_EQ(readFile(m_file), whole + lineOf(envelope("new")));
 
     m_folder.write("envelopes.jsonl", "no line end at all");
-    EXPECT_EQ(backend.transport.send(envelope("new")), 0);
+    EXPECT_EQ(backend.transport().send(envelope("new")), 0);
     EXPECT_EQ(readFile(m_file), lineOf(envelope("new")));
 }
 
@@ -117,14 +112,14 @@ void limitFileSize(rlim_t bytes) {
 TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChannelWhenThereIsSpace) {
     Backend backend(m_folder.path());
     ASSERT_TRUE(backend.awaitControls(1));
-    ASSERT_EQ(backend.transport.send(envelope("kept", 100)), 0);
+    ASSERT_EQ(backend.transport().send(envelope("kept", 100)), 0);
     ASSERT_TRUE(backend.awaitControls(2));
     const std::string before = readFile(m_file);
 
     limitFileSize(1000);
     const auto failed = counted("orx.failed");
-    EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
-    EXPECT_EQ(backend.transport.send(envelope("big", 5000)), -EFBIG);
+    EXPECT_EQ(backend.transport().send(envelope("big", 5000)), -EFBIG);
+    EXPECT_EQ(backend.transport().send(envelope("big", 5000)), -EFBIG);
     EXPECT_EQ(counted("orx.failed"), failed + 2);
     EXPECT_EQ(readFile(m_file), before);
     // A probe in the meantime must not mistake room for a small line for room for this one.
@@ -134,7 +129,7 @@ TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChanne
 
     limitFileSize(RLIM_INFINITY);
     ASSERT_TRUE(backend.awaitControls(3));
-    EXPECT_EQ(backend.transport.send(envelope("big", 5000)), 0);
+    EXPECT_EQ(backend.transport().send(envelope("big", 5000)), 0);
     EXPECT_EQ(readFile(m_file), before + lineOf(envelope("big", 5000)));
     EXPECT_FALSE(std::filesystem::exists(m_file + ".probe"));
     EXPECT_THAT(m_log.messages(3), ElementsAre(HasSubstr("File too large")));
@@ -145,15 +140,15 @@ TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMadeAndWritesIntoPlainFilesO
     const std::string blocked = m_folder.write("folder", "a file stands where the folder should be");
     Backend backend(blocked);
     ASSERT_TRUE(m_log.waitFor("cannot be written: Not a directory"));
-    EXPECT_LT(backend.transport.send(envelope("1")), 0);
+    EXPECT_LT(backend.transport().send(envelope("1")), 0);
     EXPECT_TRUE(backend.controls().empty());
     std::filesystem::remove(blocked);
     ASSERT_TRUE(backend.awaitControls(1));
     EXPECT_EQ(m_log.messages(3).size(), 1u);
-    EXPECT_EQ(backend.transport.send(envelope("1")), 0);
+    EXPECT_EQ(backend.transport().send(envelope("1")), 0);
 
     std::filesystem::create_directory(m_file);
-    EXPECT_EQ(Backend(m_folder.path()).transport.send(envelope("1")), -EISDIR);
+    EXPECT_EQ(Backend(m_folder.path()).transport().send(envelope("1")), -EISDIR);
 }
 
 TEST_F(DirectoryBackend, TriesTheFolderAgainThoughNoFurtherCallbackWasTakenWhenItFailed) {
@@ -180,9 +175,9 @@ TEST_F(DirectoryBackend, TriesTheFolderAgainThoughNoFurtherCallbackWasTakenWhenI
 
 TEST_F(DirectoryBackend, TakesNothingMoreWhenTheProcessEnds) {
     Backend backend(m_folder.path());
-    EXPECT_EQ(backend.transport.send(envelope("1")), 0);
-    backend.transport.leave();
-    EXPECT_EQ(backend.transport.send(envelope("2")), -ESHUTDOWN);
+    EXPECT_EQ(backend.transport().send(envelope("1")), 0);
+    backend.transport().leave();
+    EXPECT_EQ(backend.transport().send(envelope("2")), -ESHUTDOWN);
     EXPECT_EQ(readFile(m_file), lineOf(envelope("1")));
 }
 
@@ -209,17 +204,6 @@ TEST(CallbackThreadTest, KeepsOrderSurvivesExceptionsAndForgetsWhatWaitsWhenStop
     EXPECT_TRUE(log.has(3, "A callback failed: deliberate"));
     callbacks.stop();
     EXPECT_FALSE(callbacks.post(note(4)));
-}
-
-TEST(CallbackThreadTest, RefusesWorkBeyondItsLimit) {
-    std::mutex gate;
-    CallbackThread callbacks;
-    const std::unique_lock<std::mutex> closed(gate);
-    callbacks.post([&] { const std::lock_guard<std::mutex> wait(gate); });
-    std::size_t taken = 0;
-    while (callbacks.post([] {})) {
-        ASSERT_LE(++taken, CallbackThread::kLimit + 1);
-    }
 }
 
 }  // namespace
