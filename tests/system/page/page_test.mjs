@@ -60,6 +60,13 @@ function test(name, body) {
 after(() => browser?.close());
 
 const number = async (selector, attribute) => Number(await page.locator(selector).first().getAttribute(attribute));
+const positions = () => number("[data-positions]", "data-positions");
+
+async function awaitNewPositions() {
+  await until(async () => (await positions()) > 0, "a track");
+  const before = await positions();
+  await until(async () => (await positions()) > before, "new positions", 60_000);
+}
 
 test("an empty page says what to expect", async () => {
   await page.goto(address);
@@ -102,8 +109,7 @@ test("a configuration made on the page is stored, assigned and applied", async (
 
 test("samples on the wire become points on the map and lines in plots, by themselves", async () => {
   await page.goto(`${address}#/vehicle/bench`);
-  const track = "[data-positions]";
-  await until(async () => (await page.locator(track).count()) && (await number(track, "data-positions")) > 10, "positions on the map", 60_000);
+  await until(async () => (await positions()) > 10, "positions on the map", 60_000);
   await until(async () => (await number(".plot-box", "data-points")) > 0, "points in the first plot");
   // The map draws its track in the colour of tracks.
   const drawn = (pane) => page.locator(`.map .leaflet-${pane}-pane canvas`).evaluate((canvas) => {
@@ -120,8 +126,7 @@ test("samples on the wire become points on the map and lines in plots, by themse
     return (await page.locator(".leaflet-outlines-pane canvas").count()) > 0 && (await drawn("outlines")) > 100;
   }, "outlines");
   await page.getByRole("button", { name: "Whole track" }).click();
-  const before = await number(track, "data-positions");
-  await until(async () => (await number(track, "data-positions")) > before, "new positions without a reload");
+  await awaitNewPositions(); // without a reload
 });
 
 test("a field found by its words is plotted, and the cursor shows its value", async () => {
@@ -163,8 +168,7 @@ test("the page recovers when server and broker restart", async () => {
   tell("backend", "start");
   await page.getByText("live", { exact: true }).waitFor();
   serverRuns = true;
-  const before = await number("[data-positions]", "data-positions");
-  await until(async () => (await number("[data-positions]", "data-positions")) > before, "new positions after the restart", 60_000);
+  await awaitNewPositions();
 });
 
 test("the page recovers when the database restarts", async () => {
@@ -176,9 +180,7 @@ test("the page recovers when the database restarts", async () => {
   await page.getByRole("link", { name: "bench" }).waitFor();
   serverRuns = true;
   await page.goto(`${address}#/vehicle/bench`);
-  await until(async () => (await page.locator("[data-positions]").count()) && (await number("[data-positions]", "data-positions")) > 0, "the track");
-  const before = await number("[data-positions]", "data-positions");
-  await until(async () => (await number("[data-positions]", "data-positions")) > before, "new positions after the restart", 60_000);
+  await awaitNewPositions();
 });
 
 const VIEWS = { "#/vehicles": "Vehicles", "#/vehicle/bench": "bench", "#/configure": "Configure", "#/configure/1": "Commute v1",

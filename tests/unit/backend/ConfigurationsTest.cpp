@@ -97,7 +97,7 @@ struct ConfigurationsTest : WithRoutes {
 
     Backend backend{settings(), [](const std::string&) {}};
     int changes = 0;
-    const web::ConfigureApi api{{fresh.where, "/nowhere/catalog.json", [this] { ++changes; }}, readers};
+    const web::ConfigureApi api{{where, "/nowhere/catalog.json", [this] { ++changes; }}, readers};
 };
 
 TEST_P(ConfigurationsTest, AreCheckedAsByVlmCheckAndCountedPerName) {
@@ -216,9 +216,10 @@ class OlderDatabaseTest : public ::testing::TestWithParam<store::Dialect> {};
 INSTANTIATE_WITH_EACH_DATABASE(OlderDatabaseTest);
 
 TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
-    const FreshDatabase fresh(GetParam());
+    const TemporaryFolder folder;
+    const std::string where = freshDatabase(GetParam(), folder);
     {
-        const auto old = store::connect(fresh.where);
+        const auto old = store::connect(where);
         store::migrate(*old, 1);
         old->script(
             "INSERT INTO vehicles (name, prefix, online, catalog) VALUES ('bench', 'vlm/bench', 1, '21');"
@@ -235,7 +236,7 @@ TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
         old->insertSamples({&sample, 1});
         transaction.commit();
     }
-    store::Store database(fresh.where);
+    store::Store database(where);
     const auto rows =
         database.sql().query("SELECT latitude, received_ms FROM gnss_positions WHERE vehicle = 'bench'");
     ASSERT_THAT(rows, SizeIs(1));

@@ -7,19 +7,11 @@
 
 namespace vlmTest {
 
-/// A new, empty database.
-class FreshDatabase {
-  public:
-    explicit FreshDatabase(vlmBackend::store::Dialect dialect)
-        : where(dialect == vlmBackend::store::Dialect::Sqlite ? m_folder.file("vehicles.db")
-                                                              : PostgresServer::get().freshDatabase()) {}
-
-  private:
-    const TemporaryFolder m_folder;
-
-  public:
-    const std::string where;
-};
+/// A new, empty database; one in a file is in this folder.
+inline std::string freshDatabase(vlmBackend::store::Dialect dialect, const TemporaryFolder& folder) {
+    return dialect == vlmBackend::store::Dialect::Sqlite ? folder.file("vehicles.db")
+                                                         : PostgresServer::get().freshDatabase();
+}
 
 /// A store in a database of its own.
 struct WithStore : TestWithParam<vlmBackend::store::Dialect> {
@@ -29,8 +21,9 @@ struct WithStore : TestWithParam<vlmBackend::store::Dialect> {
         return store.put({&received, 1})[0].outcome;
     }
 
-    const FreshDatabase fresh{GetParam()};
-    vlmBackend::store::Store store{fresh.where};
+    const TemporaryFolder folder;
+    const std::string where = freshDatabase(GetParam(), folder);
+    vlmBackend::store::Store store{where};
 };
 
 /// And the routes of a test on it.
@@ -47,7 +40,7 @@ struct WithRoutes : WithStore {
         return router.handle(target, request);
     }
 
-    vlmBackend::web::Readers readers{fresh.where};
+    vlmBackend::web::Readers readers{where};
     vlmBackend::web::Router router;
 };
 

@@ -113,10 +113,10 @@ TEST_P(StoreTest, RewritesViewsOfOtherDescriptionsAndRefusesANewerDatabase) {
     store.sql().script(
         "DROP VIEW gnss_positions; CREATE VIEW gnss_positions AS SELECT 1 AS latitude;"
         "UPDATE settings SET value = 'other' WHERE name = 'views'");
-    EXPECT_EQ(integer(Store(fresh.where).sql().query("SELECT latitude FROM gnss_positions")[0][0]), 48);
+    EXPECT_EQ(integer(Store(where).sql().query("SELECT latitude FROM gnss_positions")[0][0]), 48);
 
     store.sql().script("UPDATE settings SET value = '99' WHERE name = 'version'");
-    EXPECT_THAT([&] { Store{fresh.where}; }, testing::ThrowsMessage<DatabaseError>(HasSubstr("version 99")));
+    EXPECT_THAT([&] { Store{where}; }, testing::ThrowsMessage<DatabaseError>(HasSubstr("version 99")));
 }
 
 /// Rows of the partitions, by their names.
@@ -171,18 +171,6 @@ TEST_P(PostgresStoreTest, KeepsAsideOnlyTheEnvelopeThatTheDatabaseRefuses) {
     EXPECT_EQ(store.put({batch, 1})[0].outcome, Outcome::Repeated);
 }
 
-TEST_P(PostgresStoreTest, ConnectsAgainAfterALostConnectionAndStoresNothingTwice) {
-    const Received batch[] = {arrived(oneSample("a")), arrived(oneSample("b"))};
-    store.put({batch, 1});
-    const auto other = connect(fresh.where);
-    other->query(
-        "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = current_database() AND pid "
-        "<> "
-        "pg_backend_pid()");
-    EXPECT_EQ(store.put(batch)[1].outcome, Outcome::Failed);
-    EXPECT_THAT(outcomes(store.put(batch)), ElementsAre(Outcome::Repeated, Outcome::Stored));
-}
-
 TEST_P(PostgresStoreTest, TakesTheSameEnvelopesAndVehiclesFromSeveralInstancesOnce) {
     constexpr int kEnvelopes = 40;
     constexpr int kVehicles = 7;
@@ -200,7 +188,7 @@ TEST_P(PostgresStoreTest, TakesTheSameEnvelopesAndVehiclesFromSeveralInstancesOn
         for (int i = 0; i < kVehicles; ++i) {
             present.push_back({"vlm/bench" + std::to_string((i + instance) % kVehicles), true, "21", false});
         }
-        Store another(fresh.where);
+        Store another(where);
         const std::string name = "instance " + std::to_string(instance);
         another.transact([&name](Sql& sql) { renewInstance(sql, name, std::chrono::minutes(1)); });
         EXPECT_TRUE(another.setPresence(present, name, kNow));
