@@ -58,7 +58,7 @@ class KillTest(ProcessCase):
         super().setUp()
         os.chmod(self.folder, 0o755)
         random.seed(SEED)
-        options = SimpleNamespace(build=Path(os.environ["VLM_BUILD"]), vehicles=VEHICLES, period=0.1, timeout=3,
+        options = SimpleNamespace(build=Path(os.environ["VLM_BUILD"]), vehicles=VEHICLES, period=0.5, timeout=3,
                                   kills=ROUNDS or 2, instances=2, postgres=())
         self.site = self.Site(options, self.folder, self.write("recorded", envelope("x" * 36, 1, positions(0, SAMPLES))))
         self.addCleanup(self.site.end)
