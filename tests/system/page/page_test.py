@@ -12,7 +12,6 @@ from processes import (APPLICATION, BACKEND, CATALOG, ProcessCase, Vehicle, Vlmm
 from servers import Postgres
 
 BUILD = Path(os.environ["VLM_BUILD"])
-BROWSERS = ("chromium", "chromium-browser", "google-chrome")
 PACKAGES = BUILD / "backend/page/work"
 SPEED = 15  # the clock ticks at most once a minute
 
@@ -21,8 +20,7 @@ class PageTest(ProcessCase):
     def setUp(self):
         super().setUp()
         self.clock = faster_clock(SPEED)
-        self.browser = next(filter(None, map(program, BROWSERS)), None)
-        self.need("node", self.browser or BROWSERS[0], clock=self.clock)
+        self.need("node", "chromium", clock=self.clock)
         if not (BUILD / "page/index.html").exists() or not (PACKAGES / "node_modules").exists():
             self.skipTest("the page is not built, as npm could not fetch its packages")
 
@@ -50,7 +48,7 @@ class PageTest(ProcessCase):
     def test_in_a_browser(self):
         address, peers = self.start()
         told, telling = os.pipe()
-        steps = subprocess.Popen(["node", "page_test.mjs", address, self.browser, PACKAGES, str(telling)],
+        steps = subprocess.Popen(["node", "page_test.mjs", address, program("chromium"), PACKAGES, str(telling)],
                                  stdin=subprocess.PIPE, pass_fds=[telling])
         self.addCleanup(steps.communicate)
         self.addCleanup(steps.kill)

@@ -146,9 +146,7 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
         EXPECT_EQ(dropped, oldest ? 0 : 1000 - ids.size());
         EXPECT_TRUE(
             m_log.waitFor(oldest ? "of the oldest envelopes dropped" : "of the newest envelopes dropped"));
-        EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end(), [](const std::string& a, const std::string& b) {
-            return std::stoi(a) < std::stoi(b);
-        }));
+        EXPECT_TRUE(std::ranges::is_sorted(ids, {}, [](const std::string& id) { return std::stoi(id); }));
         EXPECT_EQ(ids.back() == "1000", oldest);
         EXPECT_EQ(spool->highest(), 1000u);  // a dropped one used its number up
         spool.reset();
@@ -292,7 +290,6 @@ class RecordingDisk : public SpoolDisk {
 TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndRestoresNothingWhoseDeletionWasWritten) {
     const LogCapture quiet;
     std::mt19937 chance(20260101);
-    std::size_t cuts = 0;
     for (int round = 0; round < 20; ++round) {
         const TemporaryFolder place;
         const fs::path folder = place.file("spool");
@@ -322,7 +319,7 @@ TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndRestoresNothingWhoseDeletion
                 life.gone = life.removed == SIZE_MAX ? SIZE_MAX : disk.syncedAfter(life.removed);
             }
         }
-        for (int cut = 0; cut < 50; ++cut, ++cuts) {
+        for (int cut = 0; cut < 50; ++cut) {
             const TemporaryFolder after;
             const std::size_t length = chance() % (disk.length() + 1);
             disk.layOut(length, chance, folder, after.file("spool"));
@@ -349,7 +346,6 @@ TEST(SpoolPowerCutTest, LosesNothingThatWasStoredAndRestoresNothingWhoseDeletion
             }
         }
     }
-    EXPECT_EQ(cuts, 1000u);
 }
 
 }  // namespace
