@@ -1,6 +1,7 @@
-/// A TCP stream that comes in pieces of any size: the same messages as from one piece, and no more memory
-/// than came.
-#include "Messages.h"
+/// A TCP stream that comes in pieces, whose sizes are the first bytes: the same messages as from one piece,
+/// and no more memory than came.
+#include "Fuzzing.h"
+#include "someip/Message.h"
 #include "someip/StreamReader.h"
 
 using namespace someip;
@@ -41,21 +42,6 @@ void vlmFuzz::run(Input in) {
     for (int i = 0; i < 4; ++i) {
         pieces.push_back(1 + in.byte());
     }
-    std::vector<std::uint8_t> stream;
-    while (!in.empty()) {
-        const auto kind = in.byte();
-        if (kind == 0) {
-            const Bytes raw = in.take(in.byte());
-            stream.insert(stream.end(), raw.begin(), raw.end());
-        } else {
-            Header header;
-            header.service = kind == 1 ? 0xFFFF : 0x1234;
-            header.method = kind == 1 ? 0x8000 : 0x8001;
-            header.client = kind == 1 ? 0xDEAD : 0;
-            header.session = kind == 1 ? 0xBEEF : 1;
-            const auto message = vlmFuzz::messageOf(header, in.take(kind == 1 ? 0 : in.byte()));
-            stream.insert(stream.end(), message.begin(), message.end());
-        }
-    }
+    const Bytes stream = in.rest();
     require(read(stream, pieces) == read(stream, {stream.size() + 1}), "pieces make no difference");
 }
