@@ -7,7 +7,6 @@
 #include "collect/IngressQueue.h"
 #include "qdr/services/described.h"
 #include "qdr/services/registration.h"
-#include "services/ProxyNames.h"
 #include "services/adapters/RegisteredAdapters.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/FieldValues.h"
@@ -200,12 +199,6 @@ TEST(EveryEvent, GivesTheRecordThatItMustWithAllFieldsWithoutThemAndWithoutItsKe
     new ac::com::runtime::Component_singleton(
         true, R"({"address": "127.0.41.1", "discovery": {"port": 32641, "group": "127.255.255.255"}})");
     auto made = makeRegisteredAdapters();
-    for (std::size_t place = 0; place < made.size(); ++place) {
-        EXPECT_EQ(proxyNames::all[place], made[place].first);
-    }
-    EXPECT_THAT(std::vector(proxyNames::all.begin() + made.size(), proxyNames::all.end()),
-                ElementsAre("ManeuverAssistProxy", "SmartChargingStatisticSyncProxy", "DisplaySpeedProxy",
-                            "RouteBasedConsumptionProxy"));
     made.emplace_back("DisplaySpeedProxy", makeVLMDisplaySpeed("DisplaySpeedProxy"));
     made.emplace_back("ParkAssistProxy", makeVLMParkAssist("ParkAssistProxy"));
     made.emplace_back("PowertrainProxy", makeVLMPowertrain("PowertrainProxy"));

@@ -1,7 +1,8 @@
-// How logger and heartbeat use the platform.
+// How logger and heartbeat use the platform, and what the log tells of the counters.
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "app/CounterLog.h"
 #include "app/VlmAraLogger.h"
 #include "app/vlmHeartBeat.h"
 #include "tests/support/Test.h"
@@ -40,6 +41,26 @@ TEST(HeartBeat, LogsThatThereIsNoHealthManagement) {
     EXPECT_EQ(log.lines()[0].level, 3);
     EXPECT_THAT(log.lines()[0].text,
                 EndsWith("):56 IAmAlive called, the mSupervisionEntity has not been created"));
+}
+
+TEST(CounterLog, LogsWhatChangedAtMostOnceAMinute) {
+    LogCapture log;
+    auto& lost = kyo::Status::counter("test.dropped");
+    vlmProd::CounterLog counters;
+    const auto start = vlmProd::CounterLog::Clock::now();
+    const auto told = [&](std::chrono::seconds after) {
+        log.clear();
+        counters.look(start + after);
+        return log.messages(5);
+    };
+    using std::chrono::seconds;
+    lost.add(2);
+    EXPECT_EQ(told(seconds(0)), std::vector<std::string>{"Counters that changed: test.dropped 2 (+2)"});
+    lost.add();
+    EXPECT_TRUE(told(seconds(59)).empty());
+    EXPECT_EQ(told(seconds(60)), std::vector<std::string>{"Counters that changed: test.dropped 3 (+1)"});
+    kyo::Status::counter("log.lines").add();
+    EXPECT_TRUE(told(seconds(120)).empty()) << "nothing but the log itself went on";
 }
 
 }  // namespace

@@ -39,9 +39,7 @@ class Files(unittest.TestCase):
 
 
 class Schema(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.schema = json.loads((SOURCE / "interfaces" / "schema.json").read_text(encoding="utf-8"))
+    schema = json.loads((SOURCE / "interfaces" / "schema.json").read_text(encoding="utf-8"))
 
     def test_it_knows_the_same_keys_as_the_generator(self):
         parts = self.schema["definitions"]
