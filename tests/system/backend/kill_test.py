@@ -61,7 +61,11 @@ class KillTest(ProcessCase):
         options = SimpleNamespace(build=Path(os.environ["VLM_BUILD"]), vehicles=VEHICLES, period=0.5, timeout=3,
                                   kills=ROUNDS or 2, instances=2, postgres=())
         self.site = self.Site(options, self.folder, self.write("recorded", envelope("x" * 36, 1, positions(0, SAMPLES))))
-        self.addCleanup(self.site.end)
+        # Each by itself: one that has failed leaves no other running.
+        self.addCleanup(self.site.database.stop)
+        for peer in (self.site.broker, *self.site.instances):
+            self.until_end(peer)
+        self.addCleanup(self.site.vehicles.end)
 
     def check_kills(self):
         print(f"\nseed {SEED}", flush=True)
