@@ -96,6 +96,10 @@ TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
     EXPECT_TRUE(
         m_log.has(3, "Master control refused, the message: an object is expected, found a text (\"text\")"));
     EXPECT_EQ(sent(report("r"))["eventTicket"], "ticket");
+    kyo::Json::Value sparse;
+    sparse["permittedDataType"].append("TypeA");
+    m_server.handleMasterControlCallBack(sparse);
+    EXPECT_FALSE(m_server.isBlocked()) << "numbers that are absent are 0";
 }
 
 TEST_F(BackendLink, PutsTheReportIntoAnEnvelopeWithTheNewestTicket) {
