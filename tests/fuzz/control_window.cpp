@@ -2,8 +2,7 @@
 #include "Fuzzing.h"
 #include "backend/Forwarder.h"
 
-using kyo::orx::Forwarder;
-using kyo::orx::Spool;
+using namespace kyo::orx;
 using vlmFuzz::require;
 
 void vlmFuzz::run(Input in) {

@@ -4,9 +4,7 @@
 
 using namespace someip;
 using namespace std::chrono_literals;
-using vlmFuzz::Bytes;
-using vlmFuzz::Input;
-using vlmFuzz::require;
+using namespace vlmFuzz;
 
 namespace {
 

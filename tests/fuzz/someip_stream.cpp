@@ -5,9 +5,7 @@
 #include "someip/StreamReader.h"
 
 using namespace someip;
-using vlmFuzz::Bytes;
-using vlmFuzz::Input;
-using vlmFuzz::require;
+using namespace vlmFuzz;
 
 namespace {
 

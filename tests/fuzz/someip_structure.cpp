@@ -12,8 +12,7 @@
 namespace {
 
 using namespace qdr::services;
-using vlmFuzz::Bytes;
-using vlmFuzz::require;
+using namespace vlmFuzz;
 
 template <typename DT>
 void decode(Bytes payload) {

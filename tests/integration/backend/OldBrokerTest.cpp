@@ -8,8 +8,7 @@
 
 namespace {
 
-using kyo::orx::MqttConnection;
-using kyo::orx::MqttTransport;
+using namespace kyo::orx;
 using namespace std::string_literals;
 using namespace vlmTest;
 

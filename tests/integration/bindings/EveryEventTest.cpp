@@ -21,11 +21,7 @@ std::shared_ptr<BaseServiceObject> makeVLMPowertrain(std::string name);
 
 namespace {
 
-using qdr::services::DescribedEvent;
-using qdr::services::DescribedService;
-using qdr::services::FieldInfo;
-using qdr::services::FieldValue;
-using qdr::services::FieldValues;
+using namespace qdr::services;
 using namespace vlmTest;
 
 /// One sample and the record that must come of it, but for its time.

@@ -5,9 +5,7 @@
 
 namespace {
 
-using kyo::orx::masterControl;
-using kyo::orx::MqttConnection;
-using kyo::orx::MqttTransport;
+using namespace kyo::orx;
 using namespace vlmTest;
 
 struct Vehicle : StartedTransport<MqttTransport> {

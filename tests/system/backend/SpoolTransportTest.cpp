@@ -6,9 +6,7 @@
 
 namespace {
 
-using kyo::orx::masterControl;
-using kyo::orx::SpoolDisk;
-using kyo::orx::SpoolTransport;
+using namespace kyo::orx;
 using namespace vlmTest;
 
 /// A backend that stores what comes, and answers as its script says.

@@ -5,8 +5,7 @@
 namespace {
 
 using namespace vlmTest;
-using vlmProd::FilesReturnCode;
-using vlmProd::VlmJsonCatalog;
+using namespace vlmProd;
 
 constexpr char kCatalog[] = R"({
   "meta": {"vlmVersion": "7.1"},

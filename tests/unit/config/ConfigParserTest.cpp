@@ -7,9 +7,7 @@
 namespace {
 
 using namespace vlmTest;
-using vlmProd::CollectorOnEventType;
-using vlmProd::ConfigErrorCode;
-using vlmProd::ConfigParser;
+using namespace vlmProd;
 
 /// A configuration that passes, from whose text tests take parts out or put others in.
 struct Document {

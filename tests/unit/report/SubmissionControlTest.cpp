@@ -9,8 +9,7 @@
 namespace {
 
 using namespace vlmTest;
-using vlmProd::orxStatus;
-using vlmProd::VlmDataSubmissionControl;
+using namespace vlmProd;
 
 struct SubmissionControl : Test {
     ~SubmissionControl() override {

@@ -7,9 +7,7 @@
 namespace {
 
 using namespace vlmTest;
-using vlmProd::ConfigControlPanel;
-using vlmProd::orxStatus;
-using vlmProd::VlmServer;
+using namespace vlmProd;
 
 struct BackendLink : Test {
     BackendLink() {

@@ -21,18 +21,11 @@ def is_level(memory):
 
 
 class SoakJudgement(unittest.TestCase):
-    def setUp(self):
+    def test_a_leak_of_a_megabyte_an_hour_is_found_beside_ticks_a_start_that_fills_up_and_noise(self):
         chance = random.Random(1)
-        self.noise = lambda: chance.randint(0, 300)
-
-    def test_variation_with_each_tick_is_level(self):
-        self.assertTrue(is_level(lambda s: 40000 + (s % 60) * 100 + self.noise()))
-
-    def test_a_start_that_fills_up_is_level(self):
-        self.assertTrue(is_level(lambda s: 24000 + min(s, 500) * 40 + self.noise()))
-
-    def test_a_leak_of_a_megabyte_an_hour_is_found_in_the_noise(self):
-        self.assertFalse(is_level(lambda s: 40000 + s * 1024 // 3600 + (s % 60) * 100 + self.noise()))
+        for level, memory in ((True, lambda s: 40000 + (s % 60) * 100), (True, lambda s: 24000 + min(s, 500) * 40),
+                              (False, lambda s: 40000 + s * 1024 // 3600 + (s % 60) * 100)):
+            self.assertEqual(is_level(lambda s: memory(s) + chance.randint(0, 300)), level)
 
 
 if __name__ == "__main__":

@@ -7,11 +7,7 @@
 namespace {
 
 using namespace vlmVehicle;
-using qdr::services::DescribedEvent;
-using qdr::services::DescribedService;
-using qdr::services::FieldInfo;
-using qdr::services::FieldValue;
-using qdr::services::FieldValues;
+using namespace qdr::services;
 
 constexpr std::uint64_t wallMs = 1'700'000'000'123;
 

@@ -27,8 +27,7 @@ extern "C" int fsync(int handle) {
 
 namespace {
 
-using kyo::orx::CallbackThread;
-using kyo::orx::DirectoryTransport;
+using namespace kyo::orx;
 using namespace vlmTest;
 
 std::string lineOf(const kyo::Json::Value& value) {

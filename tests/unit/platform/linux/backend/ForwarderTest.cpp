@@ -9,10 +9,7 @@
 namespace {
 
 using namespace vlmTest;
-using kyo::orx::BackendControl;
-using kyo::orx::Forwarder;
-using kyo::orx::RememberedConfiguration;
-using kyo::orx::Spool;
+using namespace kyo::orx;
 using Numbers = std::vector<std::uint64_t>;
 
 /// A forwarder with a spool of numbers, whose envelopes are named after them.

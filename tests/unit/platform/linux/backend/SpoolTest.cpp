@@ -10,10 +10,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using kyo::orx::Encoding;
-using kyo::orx::Spool;
-using kyo::orx::SpoolDisk;
-using kyo::orx::SpooledEnvelope;
+using namespace kyo::orx;
 using namespace vlmTest;
 
 SpooledEnvelope envelope(const std::string& id, std::size_t size = 100, std::int64_t storedMs = 1000) {

@@ -11,8 +11,7 @@
 #include <random>
 
 using namespace vlmTest;
-using kyo::LineBuffer;
-using kyo::LineQueue;
+using namespace kyo;
 
 TEST(LineQueue, IsFullByLinesOrByBytesAndHasRoomAgainOnceDrained) {
     const std::string text(900, 'x');

@@ -2,8 +2,7 @@
 #include "tests/support/Test.h"
 
 using namespace vlmTest;
-using someip::DecodeReport;
-using someip::DecodeResult;
+using namespace someip;
 
 namespace {
 

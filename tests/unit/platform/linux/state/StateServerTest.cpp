@@ -12,8 +12,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Test.h"
 
-using ara::stm::StateServer;
-using ara::stm::StateServerLimits;
+using namespace ara::stm;
 using namespace vlmTest;
 using Confirmation = StateServer::Confirmation;
 
