@@ -98,9 +98,9 @@ def prepare(system):
 
 def tests_by_source(system):
     """For each source of the tree, the tests whose program it is compiled into; of system tests only what `system`
-    matches."""
+    matches, of tests that run one program with other addresses only the first."""
     described = json.loads(run("ctest", "--preset", "dev", "--show-only=json-v1").stdout)["tests"]
-    result = {}
+    result, run_before = {}, set()
     for test in described:
         labels = next((p["value"] for p in test["properties"] if p["name"] == "LABELS"), [])
         if "system" in labels:
@@ -110,7 +110,8 @@ def tests_by_source(system):
         words = list(test["command"]) + [value for p in test["properties"] if p["name"] == "ENVIRONMENT" for value in p["value"]]
         for word in words:
             program = Path(word.rpartition("=")[2])
-            if program.is_relative_to(BUILD) and program.is_file():
+            if program.is_relative_to(BUILD) and program.is_file() and ("system" in labels or program not in run_before):
+                run_before.add(program)
                 inputs = run("ninja", "-C", str(BUILD), "-t", "inputs", str(program.relative_to(BUILD))).stdout
                 for line in inputs.splitlines():
                     source = (BUILD / line).resolve()
@@ -134,7 +135,7 @@ def failing(tests):
     if run("ninja", "-C", str(BUILD), *targets, timeout=BUILD_TIMEOUT).returncode != 0:
         return None
     pattern = "^(" + "|".join(map(re.escape, sorted(tests))) + ")$"
-    done = run("ctest", "--preset", "dev", "-R", pattern, "--stop-on-failure", "--timeout", str(TEST_TIMEOUT))
+    done = run("ctest", "--preset", "dev", "-R", pattern, "-j", "2", "--stop-on-failure", "--timeout", str(TEST_TIMEOUT))
     if done.returncode == 0:
         return ""
     failed = re.search(r"Test\s+#\d+: (\S+) \.+.*(?:Failed|Timeout|Exception|aborted)", done.stdout)
