@@ -327,9 +327,15 @@ std::int64_t Store::eventId(const Event& event) {
 
 bool Store::setPresence(std::span<Presence> all, const std::string& instance, std::int64_t nowMs) {
     const auto write = [&](Sql& sql) {
-        std::map<std::int64_t, Presence*> byId;  // rows are changed in the order of addTotals()
+        // Rows are made in the order of put() and changed in that of addTotals(), so that no instances wait
+        // for each other in a circle.
+        std::map<std::string_view, Presence*> byPrefix;
         for (Presence& one : all) {
-            byId[vehicleId(one.prefix)] = &one;
+            byPrefix[one.prefix] = &one;
+        }
+        std::map<std::int64_t, Presence*> byId;
+        for (const auto& [prefix, one] : byPrefix) {
+            byId[vehicleId(one->prefix)] = one;
         }
         for (const auto& [id, one] : byId) {
             const Cell parameters[] = {id, std::int64_t{one->online}, one->catalog, nowMs};
