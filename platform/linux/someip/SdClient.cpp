@@ -111,7 +111,8 @@ void SdClient::wantEventgroup(const EventgroupKey& eventgroup, Protocol protocol
     Subscription& subscription = m_subscriptions[eventgroup];
     const bool another = !subscription.protocols.has(protocol);
     subscription.protocols.add(protocol);
-    if (subscription.wishes++ != 0 && !another) {
+    ++subscription.wishes;
+    if (!another) {
         return;
     }
     want(eventgroup.service, now);

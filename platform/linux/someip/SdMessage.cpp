@@ -254,7 +254,7 @@ std::size_t SdMessageBuilder::write(std::size_t first, Session session,
                 appendOption(optionBytes, option);
             }
         }
-        appendEntry(entryBytes, entry, wanted.empty() ? 0 : index, wanted.size());
+        appendEntry(entryBytes, entry, index, wanted.size());
         ++taken;
     }
 

@@ -31,6 +31,7 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
     backend.say("test/vehicle/mastercontrol", compactText(masterControl("stale", {"TypeA"}, 0, 1)), true);
     ASSERT_TRUE(backend.awaits("test/vehicle/mastercontrol", 1));
     Vehicle vehicle(m_settings);
+    EXPECT_TRUE(m_log.hasPart(5, "The backend is behind the topics test/vehicle/..."));
     ASSERT_TRUE(m_log.waitFor("test/vehicle/mastercontrol: ignored, as it was retained"));
     for (const char* wrong : {"", "{\"half\":", "\xff\xfe", "{} {}"}) {
         backend.say("test/vehicle/mastercontrol", wrong);
@@ -104,6 +105,7 @@ TEST_F(MqttBackendTest, LogsAtTheEndWhatIsLostWithTheProcessAndTakesNothingMore)
     Vehicle vehicle(m_settings);
     EXPECT_EQ(vehicle.transport().send(envelope("1")), 0);
     EXPECT_EQ(vehicle.transport().send(envelope("2")), 0);
+    ASSERT_TRUE(m_log.waitFor(": Connection refused; trying again"));
     vehicle.transport().leave();
     EXPECT_TRUE(m_log.hasPart(3, "2 envelopes are lost with the process"));
     EXPECT_EQ(vehicle.transport().send(envelope("3")), MqttConnection::kClosed);

@@ -287,10 +287,10 @@ TEST_F(SdClientSteps, ATtlWithoutEndLastsUntilTheRebootAndARefusalIsTriedAgainEv
 
 TEST_F(SdClientSteps, StopsASubscriptionWithTheLastRequestForItAndAtTheEnd) {
     want(kGroup1);
-    want(kGroup1);
     want(kGroup2);
     hearOffer();
     takeSent();
+    want(kGroup1);
     client().dropEventgroup(kGroup1);
     collect();
     EXPECT_THAT(takeSent(), IsEmpty()) << "one wish is left";

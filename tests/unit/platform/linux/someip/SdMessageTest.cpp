@@ -79,6 +79,10 @@ TEST(SdMessages, UnknownEntriesAndOptionsArePassedOver) {
     EXPECT_TRUE(readDiscovery(with(67, 0x21), message)) << "an endpoint of another protocol";
     ASSERT_THAT(message.entries, SizeIs(1));
     EXPECT_THAT(message.entries[0].unicast, SizeIs(0));
+    Bytes empty(kOffer.begin(), kOffer.begin() + 20);
+    empty.resize(28);
+    storeBig(&empty[4], 20u);
+    EXPECT_TRUE(readDiscovery(empty, message)) << "neither entries nor options";
 }
 
 TEST(SdMessages, ManyEntriesAreSplitAndShareTheirOptions) {
