@@ -74,6 +74,7 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
     const auto found = m_routes.find(routeKey(header.service, header.method));
     if (found == m_routes.end()) {
         counters().notSubscribed.add();
+        judgeOther(from, header);
         return;
     }
     const KnownRoute* accepted = nullptr;
@@ -113,6 +114,16 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
         counters().sessionRepeats.add();
     }
     deliver(found->second, from, header, payload);
+}
+
+/// A sender that counts its events together counts those that nobody has subscribed as well.
+void EventDispatcher::judgeOther(const Endpoint& from, const Header& header) {
+    auto one = m_senders.lower_bound({ServiceKey{header.service, 0, 0}, {}});
+    for (; one != m_senders.end() && one->first.first.service == header.service; ++one) {
+        if (one->first.second == from && one->first.first.major == header.interfaceVersion) {
+            counters().sessionGaps.add(one->second.sessions.judgeOther(header.session));
+        }
+    }
 }
 
 void EventDispatcher::deliver(const std::vector<KnownRoute>& routes, const Endpoint& from,

@@ -53,6 +53,7 @@ class EventDispatcher {
                    Clock::time_point now);
     void deliver(const std::vector<KnownRoute>& routes, const Endpoint& from, const Header& header,
                  std::span<const std::uint8_t> payload);
+    void judgeOther(const Endpoint& from, const Header& header);
     static bool accepts(const Route& route, const Endpoint& from, const Header& header) noexcept {
         return route.source == from && header.interfaceVersion == route.receiver->eventgroup().service.major;
     }

@@ -64,22 +64,32 @@ ServiceSessions::Verdict ServiceSessions::judge(SessionSequence& event, std::uin
     unsigned missingTogether = 0;
     const Step apart = event.observe(session, missingApart);
     const Step together = m_together.observe(session, missingTogether);
-    const auto weigh = [](int& fits, Step step, Step other) {
-        if (step == Step::Next) {
-            fits = std::min(fits + 1, kMost);
-        } else if (step == Step::Jump || other == Step::Next) {
-            fits = std::max(fits - kMiss, 0);
-        }
-    };
     weigh(m_fitsApart, apart, together);
     weigh(m_fitsTogether, together, apart);
-    const bool countsTogether = m_fitsTogether > m_fitsApart;
+    m_lead = std::clamp(m_lead + (together == Step::Next) - (apart == Step::Next), -kMost, kMost);
     Verdict verdict;
     verdict.repeated = apart == Step::Repeat;
-    if (std::max(m_fitsApart, m_fitsTogether) >= kLearned) {
-        verdict.missing = countsTogether ? missingTogether : missingApart;
+    if ((countsTogether() ? m_fitsTogether : m_fitsApart) >= kLearned) {
+        verdict.missing = countsTogether() ? missingTogether : missingApart;
     }
     return verdict;
+}
+
+unsigned ServiceSessions::judgeOther(std::uint16_t session) noexcept {
+    unsigned missing = 0;
+    if (session != 0) {
+        weigh(m_fitsTogether, m_together.observe(session, missing), SessionSequence::Step::Other);
+    }
+    return countsTogether() && m_fitsTogether >= kLearned ? missing : 0;
+}
+
+void ServiceSessions::weigh(int& fits, SessionSequence::Step step, SessionSequence::Step other) noexcept {
+    using Step = SessionSequence::Step;
+    if (step == Step::Next) {
+        fits = std::min(fits + 1, kMost);
+    } else if (step == Step::Jump || other == Step::Next) {
+        fits = std::max(fits - kMiss, 0);
+    }
 }
 
 }  // namespace someip

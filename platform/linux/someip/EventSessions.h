@@ -42,6 +42,8 @@ class ServiceSessions {
     /// One event's own sequence; valid as long as this.
     SessionSequence& ofEvent(std::uint16_t event) { return m_events[event]; }
     Verdict judge(SessionSequence& event, std::uint16_t session) noexcept;
+    /// Of an event that nobody has subscribed. Returns how many notifications are known never to have come.
+    unsigned judgeOther(std::uint16_t session) noexcept;
 
   private:
     /// Notifications that fit a way of counting before its losses are reported; how many are remembered; and
@@ -50,10 +52,16 @@ class ServiceSessions {
     static constexpr int kMost = 64;
     static constexpr int kMiss = 4;
 
+    static void weigh(int& fits, SessionSequence::Step step, SessionSequence::Step other) noexcept;
+    bool countsTogether() const noexcept { return m_lead > 0; }
+
     std::map<std::uint16_t, SessionSequence> m_events;
     SessionSequence m_together;
     int m_fitsApart = 0;
     int m_fitsTogether = 0;
+    /// Of the notifications that fit one way alone, how many more fit the events counted together. A loss
+    /// fits neither way, and a run of one event both.
+    int m_lead = 0;
 };
 
 }  // namespace someip

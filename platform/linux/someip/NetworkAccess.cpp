@@ -184,10 +184,11 @@ Clock::time_point NetworkAccess::nextDeadline() const {
     return m_clients == nullptr ? next : std::min(next, m_clients->nextDeadline());
 }
 
-void NetworkAccess::reset(const Address& peer) noexcept {
-    m_servers.reset(peer);
+void NetworkAccess::reset(const Endpoint& peer) {
+    m_servers.reset(peer.address);
     if (m_clients != nullptr) {
-        m_clients->reset(peer);
+        // One without a subscription may be the first of the peer's new life.
+        m_clients->end(m_discovery.server().receiversOf(peer));
     }
 }
 

@@ -36,7 +36,7 @@ class NetworkAccess {
     void maintain(const EventLoop& loop, Clock::time_point now);
     Clock::time_point nextDeadline() const;
     /// Ends the connections with a peer that has rebooted, at the next maintain().
-    void reset(const Address& peer) noexcept;
+    void reset(const Endpoint& peer);
 
     /// True for a descriptor that needs accept(), discovery or maintain().
     bool isControl(int fd) const noexcept;

@@ -261,7 +261,7 @@ void Runtime::closeNetwork(bool sayGoodBye) {
 
 void Runtime::peerRebooted(const Endpoint& peer) {
     counters().sdReboots.add();
-    m_network->reset(peer.address);
+    m_network->reset(peer);
     if (const auto unlogged = m_reboots.note(Clock::now())) {
         KYO_LOG(5, "Peer " << toText(peer) << " has rebooted" << more(*unlogged));
     }

@@ -175,6 +175,18 @@ void SdServer::onReboot(const Endpoint& peer) {
     removeSubscribers([&](const EventgroupKey&, const Subscriber& one) { return one.peer == peer; });
 }
 
+std::vector<Endpoint> SdServer::receiversOf(const Endpoint& peer) const {
+    std::vector<Endpoint> all;
+    for (const auto& [key, list] : m_subscribers) {
+        for (const Subscriber& one : list) {
+            if (one.peer == peer) {
+                all.insert(all.end(), one.receivers.begin(), one.receivers.end());
+            }
+        }
+    }
+    return all;
+}
+
 void SdServer::onTime(Clock::time_point now) {
     removeSubscribers([&](const EventgroupKey&, const Subscriber& one) { return one.expiry <= now; });
 

@@ -276,6 +276,8 @@ class SdServer {
     void onFind(const SdEntry& entry, const Endpoint& peer);
     void onSubscribe(const SdEntry& entry, const Endpoint& peer, Clock::time_point now);
     void onReboot(const Endpoint& peer);
+    /// Where the events that a peer has subscribed go.
+    std::vector<Endpoint> receiversOf(const Endpoint& peer) const;
     /// A client's TCP connection, by its end. A subscription over TCP needs one, and ends with it.
     void clientConnected(const Endpoint& client) { m_clients.insert(client); }
     void clientLost(const Endpoint& client);

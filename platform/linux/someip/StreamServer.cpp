@@ -78,9 +78,11 @@ void StreamServer::maintain(const EventLoop& loop, SdServer& server) {
     }
 }
 
-void StreamServer::reset(const Address& peer) noexcept {
-    for (auto& [remote, client] : m_clients) {
-        client.ended = client.ended || remote.address == peer;
+void StreamServer::end(std::span<const Endpoint> clients) noexcept {
+    for (const Endpoint& client : clients) {
+        if (const auto found = m_clients.find(client); found != m_clients.end()) {
+            found->second.ended = true;
+        }
     }
 }
 

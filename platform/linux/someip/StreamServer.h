@@ -2,6 +2,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "someip/EventLoop.h"
 #include "someip/RateLimit.h"
@@ -34,8 +35,8 @@ class StreamServer {
     Clock::time_point nextDeadline() const noexcept {
         return m_pausedUntil.value_or(Clock::time_point::max());
     }
-    /// Ends the connections of a peer that has rebooted, at the next maintain().
-    void reset(const Address& peer) noexcept;
+    /// Ends these connections at the next maintain().
+    void end(std::span<const Endpoint> clients) noexcept;
     /// The connection of the client at that endpoint; nullptr if there is none.
     std::shared_ptr<Outlet> outlet(const Endpoint& client) const;
 

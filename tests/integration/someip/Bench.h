@@ -11,6 +11,7 @@
 #include "com/Skeleton.h"
 #include "someip/Counters.h"
 #include "someip/Runtime.h"
+#include "someip/TcpSocket.h"
 #include "tests/unit/platform/linux/someip/Reading.h"
 #include "tests/unit/platform/linux/someip/SdBench.h"
 
@@ -236,6 +237,16 @@ class PlainDevice {
         entry.eventgroup = eventgroup;
         entry.counter = counter;
         return entry;
+    }
+    /// Subscribes over a new connection to that endpoint of the peer that await() has heard.
+    std::shared_ptr<someip::TcpSocket> subscribeOverTcp(const someip::Endpoint& to) {
+        std::string error;
+        auto connection = someip::TcpSocket::connect(discovery->endpoint().address, to, error);
+        EXPECT_TRUE(eventually([&] { return connection->state() == 0; })) << error;
+        auto entry = subscription(kMeter.serviceId, kReadings.eventgroupId);
+        entry.unicast = {connection->local()};
+        sendDiscovery(entry, &from);
+        return connection;
     }
     /// Answers the subscription that await() has found.
     void answer(std::uint32_t ttl, std::vector<someip::Endpoint> multicast = {}) {

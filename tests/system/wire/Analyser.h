@@ -1,6 +1,6 @@
 #pragma once
-/// Passes datagrams to tshark and reads the result. The test's sockets capture them, so no capture privilege
-/// is needed.
+/// Passes datagrams, and pieces of TCP streams, to tshark and reads the result. The test's sockets capture
+/// them, so no capture privilege is needed.
 #include <gmock/gmock.h>
 
 #include <cstdio>
@@ -54,7 +54,8 @@ class Analyser {
     std::vector<AnalysedFrame> frames(const std::string& tables = "") const {
         // tshark creates its value fields only when a table changes after all were read: hence the extra row.
         const std::string text =
-            run({"tshark", "-T", "pdml", "-r", capture(), "-d", "udp.port==1-65535,someip", "-o",
+            run({"tshark", "-T", "pdml", "-r", capture(), "-d", "udp.port==1-65535,someip", "-d",
+                 "tcp.port==1-65535,someip", "-o",
                  R"(uat:SOMEIP_parameter_structs:"fffffff0","unused","32","0","FALSE","1","0",)"
                  R"("unused","1","00000001","unused")"},
                 tables.empty() ? m_folder.path() : tables);
@@ -91,7 +92,7 @@ class Analyser {
     }
 
     /// Writes the capture, with headers by text2pcap, and returns its path. What follows each other with the
-    /// same endpoints is converted at once.
+    /// same endpoints is converted at once, so that the pieces of a stream are numbered.
     std::string capture() const {
         std::vector<std::string> merge{"mergecap", "-a", "-w", m_folder.file("capture")};
         for (auto next = m_datagrams.begin(); next != m_datagrams.end();) {
@@ -102,7 +103,8 @@ class Analyser {
             }
             const std::string part = m_folder.write("part" + std::to_string(merge.size()), dump);
             run({"text2pcap", "-q", from.address.isIpv6() ? "-6" : "-4",
-                 toText(from.address) + ',' + toText(to.address), "-u",
+                 toText(from.address) + ',' + toText(to.address),
+                 from.protocol == someip::Protocol::Tcp ? "-T" : "-u",
                  std::to_string(from.port) + ',' + std::to_string(to.port), part, part + ".pcap"});
             merge.push_back(part + ".pcap");
         }

@@ -38,8 +38,8 @@ struct Wire : ::testing::Test {
             }
         }
     }
-    Fields ownEndpoint() const {
-        const auto endpoint = runtime.eventEndpoint();
+    Fields ownEndpoint() const { return optionFields(runtime.eventEndpoint()); }
+    static Fields optionFields(const someip::Endpoint& endpoint) {
         return {{endpoint.address.isIpv6() ? "someipsd.option.ipv6address" : "someipsd.option.ipv4address",
                  someip::toText(endpoint.address)},
                 {"someipsd.option.port", std::to_string(endpoint.port)},
@@ -144,4 +144,54 @@ TEST_F(Wire, ANotificationAndOneInSegments) {
                                    {"someip.tp.flags.more_segments", "0"},
                                    {"someip.tp.reassembled.length", std::to_string(payload.size())},
                                    {"someip.tp.reassembled.data", hexText(payload, ':')}}});
+}
+
+TEST_F(Wire, AMulticastOption) {
+    const someip::Endpoint group{addressFrom(multicastText()), 30491};
+    auto acknowledgement = SdPeer::acknowledge(kMeter.serviceId, 1);
+    acknowledgement.multicast = {group};
+    someip::SdOutbox outbox;
+    outbox.to(discovery).add(acknowledgement);
+    analyser.add(device.discovery->endpoint(), discovery, outbox.take().at(0).bytes);
+    expectFrames({discoveryWith({{"someipsd.entry.type", "0x07"},
+                                 {"someipsd.option.type", group.address.isIpv6() ? "22" : "20"}}) +
+                  optionFields(group)});
+}
+
+TEST_F(Wire, EventsOverTcp) {
+    runtime.stop();
+    auto settings = settingsFor(1);
+    settings.eventsOverTcp = true;
+    ASSERT_TRUE(runtime.start(settings, true));
+    MeterServer server(runtime);
+    server.base.OfferService();
+    capture(someip::SdEntryType::Offer);
+    const auto offered = *device.found.over(someip::Protocol::Tcp);
+    const auto connection = device.subscribeOverTcp(offered);
+    ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; }));
+
+    auto large = fullReading();
+    large.text = std::string(5000, 'x');
+    std::vector<std::uint8_t> payload;
+    someip::encodeSamples(std::vector{large}, payload);
+    server.readings.Send({numbered(1)});
+    server.readings.Send({large});
+    std::size_t missing = 2 * someip::kHeaderSize + 18 + someip::kHeaderSize + payload.size();
+    std::uint8_t piece[1000];  // of the stream's segments only the first begins with a message
+    ASSERT_TRUE(eventually([&] {
+        if (const auto size = connection->receive(piece); size > 0) {
+            analyser.add(offered, connection->local(), std::span(piece, static_cast<std::size_t>(size)));
+            missing -= static_cast<std::size_t>(size);
+        }
+        return missing == 0;
+    }));
+    std::vector<std::string> found;
+    for (auto& frame : analyser.frames()) {
+        EXPECT_FALSE(frame.contains("_ws.malformed"));
+        for (std::size_t i = 0; i < frame["someip.messageid"].size(); ++i) {
+            found.push_back(frame["someip.messageid"][i].show + " " + frame["someip.length"][i].show);
+        }
+    }
+    EXPECT_THAT(found, ElementsAre(StartsWith("0xffff8100"), "0xffff8000 8", "0x41018001 26",
+                                   "0x41018001 " + std::to_string(payload.size() + 8)));
 }
