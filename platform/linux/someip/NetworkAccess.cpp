@@ -128,9 +128,11 @@ std::shared_ptr<NetworkAccess> NetworkAccess::open(const machine::SomeIpSettings
         }
     }
     KYO_LOG(5, "SOME/IP is up: events at "
-                   << toText(sockets.events->endpoint()) << ", receive buffer "
-                   << sockets.events->receiveBufferBytes() << " bytes, service discovery at "
-                   << toText(sockets.unicast->endpoint()) << " and " << toText(group));
+                   << toText(sockets.events->endpoint())
+                   << (sockets.listener ? ", over TCP at " + toText(sockets.listener->endpoint()) : "")
+                   << ", receive buffer " << sockets.events->receiveBufferBytes()
+                   << " bytes, service discovery at " << toText(sockets.unicast->endpoint()) << " and "
+                   << toText(group));
     if (!sockets.range.contains(address)) {
         KYO_LOG(3, "The own address " << toText(address) << " is not part of the network " << settings.network
                                       << ": services of this process cannot find each other");

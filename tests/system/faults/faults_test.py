@@ -4,10 +4,12 @@ The environment is that of tests/support/processes.py, and VLM_SPOOL. VLM_FAULT_
 (a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster clock, as nothing ticks
 faster than once a minute.
 """
+import ctypes
 import json
 import os
 import random
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -32,6 +34,24 @@ QUEUES = ("queue.bus.dropped", "queue.ingress.dropped", "queue.collector.input.d
           "queue.collector.output.dropped", "queue.report.dropped", "queue.shipping.dropped", "queue.discovery.dropped")
 NEVER = ("someip.malformed", "someip.truncated", "someip.wrongPeer", "someip.handlerFailures", "someip.sd.malformed",
          "threads.failed", "config.refused")
+
+
+LIBC = ctypes.CDLL(None)
+PIDFD_GETFD, TCP_REPAIR = 438, 19  # which Python does not name
+
+
+def connections_of(process):
+    """Copies of the process's ends of its TCP connections. Needs root."""
+    handle = os.pidfd_open(process.pid)
+    for descriptor in os.listdir(f"/proc/{process.pid}/fd"):
+        copy = LIBC.syscall(PIDFD_GETFD, handle, int(descriptor), 0)
+        try:
+            end = socket.socket(fileno=copy)
+            if end.getpeername() and end.type == socket.SOCK_STREAM:
+                yield end
+        except OSError:
+            pass  # no socket, or not connected
+    os.close(handle)
 
 
 class FaultTest(ProcessCase):
@@ -129,7 +149,7 @@ class VehicleFaults(FaultTest):
         self.kill_and_restart()
         self.finish()
 
-    def test_over_tcp_a_vehicle_is_heard_again_after_its_end_and_after_either_side_stalled(self):
+    def test_over_tcp_a_vehicle_is_heard_again_after_its_end_a_stall_a_reset_and_a_power_cut(self):
         vehicle = self.kill_and_restart("--tcp")
         self.told["connections"] = self.master.count("someip.tcp.connected")
         self.assertGreater(self.told["connections"], ROUNDS or 3)
@@ -137,6 +157,21 @@ class VehicleFaults(FaultTest):
             stalled.process.send_signal(signal.SIGSTOP)
             time.sleep(4)  # longer than the TTL of offers and subscriptions, and than a server waits
             stalled.process.send_signal(signal.SIGCONT)
+            self.wait_for_samples()
+        if os.geteuid() == 0:
+            lost = self.master.count("someip.tcp.lost")
+            for end in connections_of(vehicle.process):
+                LIBC.connect(end.fileno(), bytes(16), 16)  # AF_UNSPEC: resets the connection
+            self.master.wait_for_count("someip.tcp.lost", lost + 1)
+            self.wait_for_samples()
+            # As after a power cut of the vehicle: its end is gone, and our one is not told.
+            ends = list(connections_of(vehicle.process))
+            self.assertTrue(ends)
+            for end in ends:
+                end.setsockopt(socket.IPPROTO_TCP, TCP_REPAIR, 1)
+            vehicle.kill()
+            ends = [end.close() for end in ends]
+            vehicle.start()
             self.wait_for_samples()
         self.told["connections lost"] = self.master.count("someip.tcp.lost")
         self.assertEqual(self.master.count("someip.tcp.broken", "someip.tp.segments"), [0, 0])
@@ -200,8 +235,9 @@ class NetworkFaults(FaultTest):
             self.told[what] = counted[what]
         gaps, repeats = self.master.count("someip.sessionGaps", "someip.sessionRepeats")
         self.told.update({"session gaps": gaps, "session repeats": repeats})
-        # An overtaken message counts as a gap first; it may hide a lost one next to it.
+        # A lost message next to an overtaken or a doubled one may not be seen.
         self.assertGreater(gaps, counted["events lost"] / 2)
+        self.assertLess(gaps, counted["events lost"] * 1.1 + 5)
         self.assertGreater(repeats, counted["events doubled"] / 2)
         self.check_no_gap()
         self.finish()
