@@ -8,8 +8,6 @@ import json
 import os
 import re
 import subprocess
-import sys
-import timeit
 import urllib.request
 from pathlib import Path
 
@@ -63,8 +61,6 @@ class MetricsTest(ProcessCase):
         self.assertTrue(kind.startswith("text/plain"))
         self.assertIn("\nvlm_up 1\n", text)
         self.assertIn("\nvlm_up 0\n", fetched(self.exporter(os.path.join(self.folder, "nobody")))[1])
-        took = sorted(timeit.repeat(lambda: fetched(url), number=1, repeat=50))
-        print(f"one scrape: {took[25] * 1000:.2f} ms", file=sys.stderr)
 
     def test_prometheus_scrapes(self):
         value = self.start_prometheus(self.exporter(self.master.socket).split("/")[2])
