@@ -178,9 +178,9 @@ void startCollection(const std::string& localFile, const std::string& serverName
         startDetached([handler] { handler->subscribeResources(); });
     } else {
         auto configurations = std::make_shared<ConfigControlPanel>(
-            [](kyo::Json::Value configuration, std::string recordId, std::string recordBody) {
-                return ConfigResponseHandler::getInstance()->takeFromBackend(
-                    std::move(configuration), std::move(recordId), std::move(recordBody));
+            [](kyo::Json::Value configuration, const std::string& recordId, const std::string& recordBody) {
+                return ConfigResponseHandler::getInstance()->takeFromBackend(std::move(configuration),
+                                                                             recordId, recordBody);
             });
         VlmDataSubmissionControl::getInstance()->initializeServer(serverName, offeredDataTypes,
                                                                   std::move(configurations));
@@ -232,6 +232,7 @@ int main(int argc, char** argv) {
     std::shared_ptr<vlmHeartBeat> heartBeat;
     try {
         const CommandLine commandLine = parseCommandLine(argc, argv);
+        VLM_LOG_PLAIN_AS(5, kMain, "Version " << version());
         if (!commandLine.loggedHelp.empty()) {
             showHelp(commandLine);
             return 0;

@@ -1,5 +1,9 @@
 #include "config/ConfigResponseHandler.h"
 
+#include <botan/base64.h>
+#include <botan/hash.h>
+#include <botan/hex.h>
+
 #include <chrono>
 #include <system_error>
 #include <thread>
@@ -55,10 +59,19 @@ bool ConfigResponseHandler::doBaseSetupFromOrxConfigResponse(Value config, std::
     return setUp([this, &config] { return createConfigParserFromJson(config); });
 }
 
-std::string ConfigResponseHandler::takeFromBackend(Value config, std::string recordId,
-                                                   std::string recordBody) {
-    const bool isGood =
-        doBaseSetupFromOrxConfigResponse(std::move(config), std::move(recordId), std::move(recordBody));
+std::string ConfigResponseHandler::takeFromBackend(Value config, const std::string& recordId,
+                                                   const std::string& recordBody) {
+    const bool isGood = doBaseSetupFromOrxConfigResponse(std::move(config), recordId, recordBody);
+    if (isGood) {
+        const auto hash = Botan::HashFunction::create_or_throw("SHA-256");
+        hash->update(Botan::base64_decode(recordBody, true));
+        Value accepted(kyo::Json::objectValue);
+        accepted["name"] = m_configParser->getConfigName();
+        accepted["version"] = m_configParser->getConfigVersion();
+        accepted["recordId"] = recordId;
+        accepted["digest"] = Botan::hex_encode(hash->final(), false);
+        kyo::Status::gauge("config.accepted", [accepted] { return accepted; });
+    }
     try {
         startDetached([this] { subscribeResources(); });
     } catch (const std::system_error& error) {

@@ -50,7 +50,8 @@ class ConfigResponseHandler {
 
     /// Sets up the backend's configuration and starts a thread that subscribes the resources. Returns why the
     /// configuration does not run; an empty text when it does.
-    std::string takeFromBackend(kyo::Json::Value config, std::string recordId, std::string recordBody);
+    std::string takeFromBackend(kyo::Json::Value config, const std::string& recordId,
+                                const std::string& recordBody);
 
     // The steps of the setup, in their order.
     bool createConfigParserFromFile(std::string path);

@@ -1,5 +1,6 @@
 #include "tools/state/Bundle.h"
 
+#include <botan/base64.h>
 #include <botan/hash.h>
 #include <botan/hex.h>
 #include <sys/utsname.h>
@@ -7,7 +8,9 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
+#include <exception>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -27,6 +30,10 @@ using kyo::Json::Value;
 
 constexpr std::size_t kMostLines = 200;
 constexpr char kCatalog[] = "/etc/VLM_Available_Signals_Catalog_20210311.json";
+// The package's.
+constexpr char kManifest[] = "/etc/vlmmaster/machine-manifest.json";
+constexpr char kApplication[] = "/etc/vlmmaster/application.json";
+constexpr char kWorkingFolder[] = "/var/lib/vlmmaster/";
 
 /// `command` is one of this file's own.
 std::string outputOf(const char* command) {
@@ -56,52 +63,77 @@ std::vector<std::string> zeroEnded(const std::string& path) {
     return parts;
 }
 
-/// Size and SHA-256 of a file, or why there is none.
-Value digestOf(const std::string& path) {
-    Value digest(kyo::Json::objectValue);
-    digest["path"] = path;
-    std::string text;
-    if (!vlmProd::readWholeFile(path, text)) {
-        digest["error"] = "cannot be read";
-        return digest;
-    }
+void describe(Value& digest, const std::string& text) {
     const auto hash = Botan::HashFunction::create_or_throw("SHA-256");
     hash->update(text);
     digest["bytes"] = static_cast<kyo::Json::UInt64>(text.size());
     digest["sha256"] = Botan::hex_encode(hash->final(), false);
+}
+
+/// Size and SHA-256 of a file, or why there is none.
+Value digestOf(const std::string& path) {
+    Value digest(kyo::Json::objectValue);
+    digest["path"] = path;
+    if (std::string text; vlmProd::readWholeFile(path, text)) {
+        describe(digest, text);
+    } else {
+        digest["error"] = "cannot be read";
+    }
     return digest;
 }
 
-/// How the running vlmmaster was started. Its files are empty where it does not run, or belongs to somebody
-/// else.
+/// The record and the digest of the backend's configuration that is kept in this file beside the spool.
+Value rememberedIn(const std::string& path) {
+    Value digest = digestOf(path);
+    std::string text;
+    Value record;
+    if (vlmProd::readWholeFile(path, text) && kyo::Json::Reader().parse(text, record) && record.isObject()) {
+        try {
+            const auto bytes = Botan::base64_decode(record["recordBody"].asString(), true);
+            digest["recordId"] = record["recordId"].asString();
+            describe(digest, {bytes.begin(), bytes.end()});
+        } catch (const std::exception&) {
+            digest["error"] = "is no configuration";
+        }
+    }
+    return digest;
+}
+
+/// How the running vlmmaster was started. Where it does not run, or belongs to somebody else: how the package
+/// starts it, with the manifest that this program's environment names.
 struct Start {
+    std::string folder;  ///< ends with '/'
     std::string manifest;
     std::string application;
     std::string collector;
+
+    std::string absolute(const std::string& path) const {
+        return path.empty() || path.front() == '/' ? path : folder + path;
+    }
 };
 
 Start startOf(const Value& status) {
-    Start start;
+    constexpr const char* kVariable = "VLM_MACHINE_MANIFEST";
     const Value& pid = status["process"]["pid"];
-    if (!pid.isIntegral()) {
-        return start;
+    const std::string process = "/proc/" + (pid.isIntegral() ? std::to_string(pid.asInt64()) : "none") + '/';
+    const auto arguments = zeroEnded(process + "cmdline");
+    if (arguments.empty()) {
+        const char* const named = std::getenv(kVariable);
+        return {kWorkingFolder, named != nullptr && *named != '\0' ? named : kManifest, kApplication, ""};
     }
-    const std::string folder = "/proc/" + std::to_string(pid.asInt64()) + '/';
-    const auto absolute = [&folder](const std::string& path) {
-        return path.empty() || path.front() == '/' ? path : folder + "cwd/" + path;
-    };
-    const auto arguments = zeroEnded(folder + "cmdline");
+    Start start;
+    start.folder = process + "cwd/";
     for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
         if (arguments[i] == "-c" || arguments[i] == "--configfile") {
-            start.application = absolute(arguments[i + 1]);
+            start.application = start.absolute(arguments[i + 1]);
         } else if (arguments[i] == "-l" || arguments[i] == "--localFile") {
-            start.collector = absolute(arguments[i + 1]);
+            start.collector = start.absolute(arguments[i + 1]);
         }
     }
-    constexpr std::string_view kVariable = "VLM_MACHINE_MANIFEST=";
-    for (const std::string& variable : zeroEnded(folder + "environ")) {
-        if (variable.starts_with(kVariable)) {
-            start.manifest = absolute(variable.substr(kVariable.size()));
+    const std::string assignment = std::string(kVariable) + '=';
+    for (const std::string& variable : zeroEnded(process + "environ")) {
+        if (variable.starts_with(assignment)) {
+            start.manifest = start.absolute(variable.substr(assignment.size()));
         }
     }
     return start;
@@ -129,33 +161,40 @@ Value versions() {
     return versions;
 }
 
-/// The file in which the running vlmmaster logs, by its manifest; empty: none.
-std::string logFileOf(const std::string& manifest) {
+/// The settings in a manifest; the defaults, if it cannot be used.
+machine::Manifest settingsIn(const std::string& manifest) {
     std::string text;
     Value document;
     machine::Manifest settings;
     std::string error;
     if (manifest.empty() || !vlmProd::readWholeFile(manifest, text) ||
         !kyo::Json::Reader().parse(text, document) || !machine::readManifest(document, settings, error)) {
-        return "";
+        return {};
     }
-    return settings.log.file;
+    return settings;
 }
 
-}  // namespace
-
-Value faultLines(const std::string& log) {
-    static const std::regex faults("\\b(FATAL|ERROR|WARN)\\b|systemd\\[");
-    static const std::regex quoted("\"[^\"]*\"");
+/// The last lines of a log about faults and starts, without what they quote.
+Value tellingLines(const std::string& log) {
+    // A console has names of levels, a file their numbers; lines of samples have none of these. The journal
+    // puts something before a line, and has those of systemd and of a start that came to no log.
+    static const std::regex journal(R"(^\S+ \S+ \S+\[\d+\]: )");
+    static const std::regex level(R"(^\d{4}-\d\d-\d\d [\d:.]+ (?:(?:[1-4]|FATAL|ERROR|WARN) |)"
+                                  R"((?:5|INFO) +int main\(int, char\*\*\) (?!Sleeping)))");
+    static const std::regex other("^(?:The machine manifest |\\S+: error while loading)");
+    static const std::regex quoted("\"[^\"]*\"?");
     std::deque<std::string> last;
     std::istringstream in(log);
     for (std::string line; std::getline(in, line);) {
-        if (!std::regex_search(line, faults)) {
+        std::smatch found;
+        const std::string head = std::regex_search(line, found, journal) ? found.str() : "";
+        std::string text = line.substr(head.size());
+        if (!std::regex_search(text, level) && head.find(" systemd[") == std::string::npos &&
+            (head.empty() || !std::regex_search(text, other))) {
             continue;
         }
-        line = std::regex_replace(line.substr(0, line.find_first_of("{[", line.find("]:") + 1)), quoted,
-                                  "\"...\"");
-        last.push_back(line.substr(0, 500));
+        text = std::regex_replace(text.substr(0, text.find_first_of("{[")), quoted, "\"...\"");
+        last.push_back((head + text).substr(0, 500));
         if (last.size() > kMostLines) {
             last.pop_front();
         }
@@ -167,12 +206,15 @@ Value faultLines(const std::string& log) {
     return lines;
 }
 
+}  // namespace
+
 Value bundle(const Value& status) {
     Value all(kyo::Json::objectValue);
     all["timeMs"] = static_cast<kyo::Json::Int64>(kyo::DateTime::getCurrentTimeMs());
     all["versions"] = versions();
     all["status"] = status;
     const Start start = startOf(status);
+    const machine::Manifest settings = settingsIn(start.manifest);
     Value& files = all["configuration"] = Value(kyo::Json::objectValue);
     for (const auto& [name, path] : {std::pair<const char*, std::string>{"manifest", start.manifest},
                                      {"application", start.application},
@@ -182,13 +224,14 @@ Value bundle(const Value& status) {
             files[name] = digestOf(path);
         }
     }
-    std::string log;
-    if (const std::string file = logFileOf(start.manifest); !file.empty()) {
-        vlmProd::readWholeFile(file, log);
-    } else {
-        log = outputOf("journalctl -u vlmmaster -n 1000 -o short-iso --no-pager 2>/dev/null");
+    if (settings.backend.spool) {
+        files["remembered"] =
+            rememberedIn(start.absolute(settings.backend.spool->path) + "/configuration.json");
     }
-    all["log"] = faultLines(log);
+    std::string file;
+    vlmProd::readWholeFile(start.absolute(settings.log.file), file);
+    all["log"] =
+        tellingLines(outputOf("journalctl -u vlmmaster -n 1000 -o short-iso --no-pager 2>/dev/null") + file);
     return all;
 }
 

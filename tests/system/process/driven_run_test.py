@@ -1,6 +1,7 @@
 """One run from start to stop, in which each peer hears what it must and the log has the lines of lines.txt."""
 import base64
 import contextlib
+import hashlib
 import json
 import os
 import re
@@ -47,6 +48,7 @@ class DrivenRun(ProcessTest):
             "REPORT": [{"name": "all", "application": "test", "from": [name for name, *_ in collects]}],
             "COLLECT": [dict(zip(("name", "serv", "res", "index", "history"), row), on="tick") for row in collects]})
         self.answer(number, base64.b64encode(body.encode()).decode())
+        return hashlib.sha256(body.encode()).hexdigest()
 
     def answer(self, number, body):
         self.backend.publish("d/config/response", json.dumps([{"recordId": f"record{number}", "recordBody": body}]))
@@ -69,8 +71,10 @@ class DrivenRun(ProcessTest):
         self.assertIn(b"APP_INSTANCE_ID=vlmmaster\0", self.heap_of(master))
         self.control()
         wait_until(lambda: self.on_topic("d/config/request"), "the request")
-        self.configure("1", ("position", "GNSS", "positions", 1, 5000))
+        digest = self.configure("1", ("position", "GNSS", "positions", 1, 5000))
         self.assertEqual(self.numbers(1), [1])
+        self.assertEqual(master.status()["config"]["accepted"],
+                         {"name": "driven", "version": "1", "recordId": "record1", "digest": digest})
         self.answer("2", "!!")  # its identifier is in force all the same
         master.wait_for_count("reports.queued", 3)
         # Closed with result 2, or by an empty list, the channel lets the last report come again when it opens.
