@@ -88,6 +88,27 @@ constexpr std::array kMigrations{
        ALTER TABLE vehicles ADD COLUMN lost BIGINT NOT NULL DEFAULT 0;
        ALTER TABLE vehicles ADD COLUMN waiting BIGINT NOT NULL DEFAULT 0;
        CREATE INDEX vehicles_by_change ON vehicles (changed))",
+    // A messageId tells the envelopes of one vehicle apart; two vehicles may derive the same one. What was
+    // kept aside whole is known by its digest, which samples do not need: their envelope is stored once.
+    // SQLite changes no constraint, and without legacy_alter_table it refuses the name because of a site's
+    // own views.
+    R"({sqlite:CREATE TABLE new_reports (
+         id {id}, message_id TEXT NOT NULL, vehicle BIGINT NOT NULL REFERENCES vehicles (id),
+         application TEXT NOT NULL, name TEXT NOT NULL, sequence BIGINT NOT NULL, catalog TEXT NOT NULL,
+         received BIGINT NOT NULL, measured_from BIGINT NOT NULL, measured_to BIGINT NOT NULL,
+         samples BIGINT NOT NULL, spool_number BIGINT, wire_bytes BIGINT NOT NULL, envelope {bytes} NOT NULL,
+         UNIQUE (vehicle, message_id));
+       INSERT INTO new_reports SELECT * FROM reports;
+       DROP TABLE reports;
+       PRAGMA legacy_alter_table = ON;
+       ALTER TABLE new_reports RENAME TO reports;
+       PRAGMA legacy_alter_table = OFF;
+       CREATE INDEX reports_by_time ON reports (vehicle, measured_to, measured_from, received);
+       CREATE INDEX reports_by_arrival ON reports (received)}{postgres:
+       ALTER TABLE reports DROP CONSTRAINT reports_message_id_key, ADD UNIQUE (vehicle, message_id)};
+       ALTER TABLE unusable ADD COLUMN digest {bytes};
+       CREATE UNIQUE INDEX unusable_once ON unusable (vehicle, digest);
+       CREATE INDEX unusable_by_arrival ON unusable (received))",
 };
 
 void replaceAll(std::string& text, std::string_view what, std::string_view by) {

@@ -1,5 +1,7 @@
 #include "backend/store/Store.h"
 
+#include <botan/hash.h>
+
 #include <algorithm>
 #include <charconv>
 #include <numeric>
@@ -25,6 +27,13 @@ Cell spoolNumber(const std::string& text) {
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc{} && end == text.data() + text.size() ? Cell{number} : Cell{};
+}
+
+Bytes digestOf(const std::string& payload) {
+    const auto hash = Botan::HashFunction::create_or_throw("SHA-256");
+    hash->update(payload);
+    const auto digest = hash->final();
+    return {std::string(digest.begin(), digest.end())};
 }
 
 /// The order of work. Several instances that got the same envelopes must not wait for each other in a circle,
@@ -175,8 +184,9 @@ Stored Store::putOne(const Received& received) {
         out.reason = received.reason;
     }
     if (!isEnvelope || !received.reason.empty()) {
-        keepUnusable(vehicle, received.receivedMs, out.reason, received.text);
-        out.outcome = Outcome::Unusable;
+        out.outcome = keepUnusable(vehicle, received.receivedMs, out.reason, received.text, true)
+                          ? Outcome::Unusable
+                          : Outcome::Repeated;
         out.messageId = envelope.messageId;  // if it was read, the vehicle gets its result
         return out;
     }
@@ -216,7 +226,7 @@ Stored Store::putOne(const Received& received) {
     added.samples += static_cast<std::int64_t>(rows.size());
     added.lastReport = report;
     for (const Refused& refused : envelope.refused) {
-        keepUnusable(vehicle, received.receivedMs, refused.reason, refused.text);
+        keepUnusable(vehicle, received.receivedMs, refused.reason, refused.text, false);
         out.reason = refused.reason;
     }
     out.outcome = Outcome::Stored;
@@ -251,7 +261,7 @@ std::int64_t Store::insertReport(const Envelope& envelope, std::int64_t vehicle,
         "INSERT INTO reports (message_id, vehicle, application, name, sequence, catalog, received, "
         "measured_from, measured_to, samples, spool_number, wire_bytes, envelope) "
         "VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13) "
-        "ON CONFLICT (message_id) DO NOTHING RETURNING id",
+        "ON CONFLICT (vehicle, message_id) DO NOTHING RETURNING id",
         parameters);
     return inserted.empty() ? 0 : integer(inserted[0][0]);
 }
@@ -287,14 +297,23 @@ void Store::addTotals() {
     }
 }
 
-void Store::keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
-                         const std::string& payload) {
+/// `isWhole`: the payload came like that, and not inside an envelope. False for one that was kept before.
+bool Store::keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
+                         const std::string& payload, bool isWhole) {
+    const Cell parameters[] = {vehicle, receivedMs, reason, Bytes{payload},
+                               isWhole ? Cell{digestOf(payload)} : Cell{}};
+    if (m_sql
+            ->query(
+                "INSERT INTO unusable (vehicle, received, reason, payload, digest) VALUES ($1, $2, $3, $4, "
+                "$5) ON CONFLICT (vehicle, digest) DO NOTHING RETURNING id",
+                parameters)
+            .empty()) {
+        return false;
+    }
     Added& added = m_added[vehicle];
     ++added.unusable;
     added.receivedMs = std::max(added.receivedMs, receivedMs);
-    const Cell parameters[] = {vehicle, receivedMs, reason, Bytes{payload}};
-    m_sql->query("INSERT INTO unusable (vehicle, received, reason, payload) VALUES ($1, $2, $3, $4)",
-                 parameters);
+    return true;
 }
 
 std::int64_t Store::vehicleId(const std::string& prefix) {

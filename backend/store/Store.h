@@ -28,7 +28,7 @@ struct Received {
 
 enum class Outcome {
     Stored,
-    Repeated,  ///< its messageId is known; nothing was changed
+    Repeated,  ///< the vehicle has sent it before; nothing was changed
     Unusable,  ///< kept as it came, with the reason
     Failed     ///< nothing of it is stored: the database does not take it now
 };
@@ -107,8 +107,8 @@ class Store {
     std::vector<Stored> putEach(std::span<const Received> batch, const std::string& reason);
     Stored putOne(const Received& received);
     std::int64_t insertReport(const Envelope& envelope, std::int64_t vehicle, const Received& received);
-    void keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
-                      const std::string& payload);
+    bool keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
+                      const std::string& payload, bool isWhole);
     bool attempt(const std::function<void()>& work, std::string& reason);
 
     const std::string m_where;

@@ -223,6 +223,9 @@ TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
         store::migrate(*old, 1);
         old->script(
             "INSERT INTO vehicles (name, prefix, online, catalog) VALUES ('bench', 'vlm/bench', 1, '21');"
+            "INSERT INTO unusable (vehicle, received, reason, payload) VALUES (1, 20, '', '{'), (1, 20, '', "
+            "'{');"
+            "CREATE VIEW own AS SELECT message_id FROM reports;"
             "INSERT INTO reports (message_id, vehicle, application, name, sequence, catalog, received, "
             "measured_from, measured_to, samples, wire_bytes, envelope) VALUES ('m', 1, 'App', 'Trip', 3, "
             "'21', "
@@ -241,8 +244,12 @@ TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
         database.sql().query("SELECT latitude, received_ms FROM gnss_positions WHERE vehicle = 'bench'");
     ASSERT_THAT(rows, SizeIs(1));
     EXPECT_EQ(store::real(rows[0][0]), 48.5);
-    const store::Received again{"vlm/bench", envelopeText("m", "[]"), "", "", 9, 30};
+    store::Received again{"vlm/bench", envelopeText("m", "[]"), "", "", 9, 30};
     EXPECT_EQ(database.put({&again, 1})[0].outcome, store::Outcome::Repeated);
+    again.prefix = "vlm/other";
+    EXPECT_EQ(database.put({&again, 1})[0].outcome, store::Outcome::Stored);
+    EXPECT_THAT(database.sql().query("SELECT message_id FROM own"), SizeIs(2));
+    EXPECT_EQ(web::vehicle(database.sql(), "bench")["unusable"].asInt(), 2);
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["configuration"]["state"].asString(), "none");
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["samples"].asInt(), 1);
     EXPECT_EQ(web::latest(database.sql(), "bench").size(), 1u);

@@ -49,9 +49,10 @@ TEST_P(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
                                                Outcome::Unusable, Outcome::Unusable));
     EXPECT_EQ(results[0].report, "Trip #3");
     EXPECT_EQ(results[2].messageId, "u") << "the vehicle gets a result for it";
-    EXPECT_EQ(store.put({batch, 1})[0].outcome, Outcome::Repeated);
+    EXPECT_THAT(outcomes(store.put(batch)), Each(Outcome::Repeated));
+    EXPECT_EQ(arrive("vlm/other", oneSample("a"), kNow), Outcome::Stored) << "an identifier of its own";
 
-    EXPECT_EQ(count("samples"), 1);
+    EXPECT_EQ(count("samples"), 2);
     EXPECT_EQ(
         count(
             "gnss_positions WHERE vehicle = 'bench' AND latitude = 48 AND time = '2023-11-14T22:15:00.000Z'"),
