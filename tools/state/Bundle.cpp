@@ -29,6 +29,7 @@ namespace {
 using kyo::Json::Value;
 
 constexpr std::size_t kMostLines = 200;
+constexpr char kVariable[] = "VLM_MACHINE_MANIFEST";
 constexpr char kCatalog[] = "/etc/VLM_Available_Signals_Catalog_20210311.json";
 // The package's.
 constexpr char kManifest[] = "/etc/vlmmaster/machine-manifest.json";
@@ -113,7 +114,6 @@ struct Start {
 };
 
 Start startOf(const Value& status) {
-    constexpr const char* kVariable = "VLM_MACHINE_MANIFEST";
     const Value& pid = status["process"]["pid"];
     const std::string process = "/proc/" + (pid.isIntegral() ? std::to_string(pid.asInt64()) : "none") + '/';
     const auto arguments = zeroEnded(process + "cmdline");
@@ -161,17 +161,23 @@ Value versions() {
     return versions;
 }
 
-/// The settings in a manifest; the defaults, if it cannot be used.
-machine::Manifest settingsIn(const std::string& manifest) {
+/// The settings in a manifest. The defaults without one, or with the reason in `fault` when it cannot be
+/// used; that names the field and no value.
+machine::Manifest settingsIn(const std::string& manifest, std::string& fault) {
     std::string text;
     Value document;
     machine::Manifest settings;
-    std::string error;
-    if (manifest.empty() || !vlmProd::readWholeFile(manifest, text) ||
-        !kyo::Json::Reader().parse(text, document) || !machine::readManifest(document, settings, error)) {
-        return {};
+    if (manifest.empty()) {
+        return settings;
     }
-    return settings;
+    if (!vlmProd::readWholeFile(manifest, text)) {
+        fault = "cannot be read";
+    } else if (!kyo::Json::Reader().parse(text, document)) {
+        fault = "is not JSON";
+    } else if (std::string error; !machine::readManifest(document, settings, error)) {
+        fault = "is wrong at " + error.substr(0, error.find(':'));
+    }
+    return fault.empty() ? settings : machine::Manifest{};
 }
 
 /// The last lines of a log about faults and starts, without what they quote.
@@ -208,13 +214,21 @@ Value tellingLines(const std::string& log) {
 
 }  // namespace
 
+bool namedManifestIsGood() {
+    const char* const named = std::getenv(kVariable);
+    std::string fault;
+    settingsIn(named != nullptr ? named : "", fault);
+    return fault.empty();
+}
+
 Value bundle(const Value& status) {
     Value all(kyo::Json::objectValue);
     all["timeMs"] = static_cast<kyo::Json::Int64>(kyo::DateTime::getCurrentTimeMs());
     all["versions"] = versions();
     all["status"] = status;
     const Start start = startOf(status);
-    const machine::Manifest settings = settingsIn(start.manifest);
+    std::string fault;
+    const machine::Manifest settings = settingsIn(start.manifest, fault);
     Value& files = all["configuration"] = Value(kyo::Json::objectValue);
     for (const auto& [name, path] : {std::pair<const char*, std::string>{"manifest", start.manifest},
                                      {"application", start.application},
@@ -223,6 +237,9 @@ Value bundle(const Value& status) {
         if (!path.empty()) {
             files[name] = digestOf(path);
         }
+    }
+    if (!fault.empty()) {
+        files["manifest"]["error"] = fault;
     }
     if (settings.backend.spool) {
         files["remembered"] =

@@ -12,4 +12,8 @@ namespace tools {
 /// they quote is left out.
 kyo::Json::Value bundle(const kyo::Json::Value& status);
 
+/// False when VLM_MACHINE_MANIFEST names a manifest that cannot be used; machine::manifest() then ends the
+/// process.
+bool namedManifestIsGood();
+
 }  // namespace tools

@@ -63,12 +63,12 @@ int serveMetrics(const std::string& path, const std::string& listen) {
     return 0;
 }
 
-/// Also without a running vlmmaster: then the file says why there is no status.
+/// Also without a running vlmmaster, or a path: then the file says why there is no status.
 int writeBundle(const std::string& path, const std::string& file) {
     ara::stm::StateSocket socket;
     kyo::Json::Value snapshot(kyo::Json::objectValue);
-    std::string error;
-    if (!read(socket, path, snapshot, error)) {
+    std::string error = "the machine manifest cannot be used";
+    if (path.empty() || !read(socket, path, snapshot, error)) {
         snapshot = kyo::Json::Value(kyo::Json::objectValue);
         snapshot["error"] = error;
     }
@@ -160,12 +160,14 @@ int main(int argc, char** argv) {
                          seconds.c_str());
             return 1;
         }
-        const std::string path =
-            given.count("socket") != 0 ? given["socket"].as<std::string>() : machine::stateSocketPath();
+        const bool isBundle = given.count("bundle") != 0;
+        const std::string path = given.count("socket") != 0 ? given["socket"].as<std::string>()
+                                 : isBundle && !tools::namedManifestIsGood() ? ""
+                                                                             : machine::stateSocketPath();
         if (given.count("listen") != 0) {
             return serveMetrics(path, given["listen"].as<std::string>());
         }
-        if (given.count("bundle") != 0) {
+        if (isBundle) {
             return writeBundle(path, given["bundle"].as<std::string>());
         }
         const bool json = given.count("json") != 0;

@@ -203,4 +203,12 @@ TEST_F(StateTools, TheBundleWithoutARunningVlmmasterHasDigestsAndLogLinesWithout
     ASSERT_GE(lines.size(), expected.size());  // the machine's journal may have more, before these
     lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(expected.size()));
     EXPECT_EQ(lines, expected);
+
+    std::ofstream(m_folder.file("m.json")) << R"({"someip": {"address": "secret"}})";
+    EXPECT_EQ(runToItsEnd({VLM_STATUS, "--bundle", m_folder.file("b")},
+                          {"VLM_MACHINE_MANIFEST=" + m_folder.file("m.json")})
+                  .status,
+              0);
+    const auto faulty = valueOf(readFile(m_folder.file("b")));
+    EXPECT_EQ(faulty["configuration"]["manifest"]["error"].asString(), "is wrong at someip.address");
 }
