@@ -1,3 +1,5 @@
+#include <csignal>
+
 #include "bus/EventControl.h"
 #include "bus/PubSubService.h"
 #include "bus/Timer.h"
@@ -20,6 +22,26 @@ TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {
     timer.setInterval([ticks] { ++*ticks; }, -5);
     EXPECT_TRUE(eventually([&] { return *ticks > 1000; }));
     timer.stopTimer();
+}
+
+TEST(Timer, KeepsItsIntervalWhileSignalsArrive) {
+    struct sigaction before {};
+    struct sigaction ignoring {};
+    ignoring.sa_handler = [](int) {};
+    ::sigaction(SIGUSR1, &ignoring, &before);
+    const auto ticked = std::make_shared<std::atomic<bool>>(false);
+    Timer timer;
+    const auto begin = Clock::now();
+    timer.setInterval([ticked] { *ticked = true; }, 300);
+    sigset_t signal;
+    ::sigemptyset(&signal);
+    ::sigaddset(&signal, SIGUSR1);
+    ::pthread_sigmask(SIG_BLOCK, &signal, nullptr);  // so that the timer's thread takes it
+    EXPECT_TRUE(eventually([&] { return ticked->load(); }, [] { ::kill(::getpid(), SIGUSR1); }));
+    EXPECT_GE(Clock::now() - begin, 300ms);
+    timer.stopTimer();
+    ::pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+    ::sigaction(SIGUSR1, &before, nullptr);
 }
 
 std::ptrdiff_t threadCount() {

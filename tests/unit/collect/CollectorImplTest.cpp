@@ -113,42 +113,62 @@ TEST_F(CollectorImplTest, LogsTheDifferenceFrontMinusBackAndTestsBackMinusFront)
     EXPECT_TRUE(log.has(5, "Removed expired record for the Collector: position"));
 }
 
-/// Holds the thread that has just put the record stamped 1 until `release` is set, or for a while.
+// Holds one thread at a log line until the other one is done, or for as long as it can be waited for.
 class HoldingLogger : public kyo::ProductLogger {
   public:
     void logData(std::string message, kyo::LogLevel) override {
-        if (message.find("Record inserted to Input queue") != std::string::npos &&
-            message.find("\"timestamp\":1,") != std::string::npos) {
-            holding = true;
-            eventually([this] { return release.load(); }, [] {}, std::chrono::milliseconds(300));
+        if (message.find(m_where) != std::string::npos && !m_holding.exchange(true)) {
+            m_overtaken = eventually([this] { return m_done.load(); }, [] {}, 300ms);
         }
     }
-    std::atomic<bool> holding{false};
-    std::atomic<bool> release{false};
+    /// True if `second` was done while `first` was held.
+    bool overtakes(const char* where, const std::function<void()>& first,
+                   const std::function<void()>& second) {
+        m_where = where;
+        m_holding = m_done = m_overtaken = false;
+        kyo::Log::setProductLogger(this);
+        kyo::Log::setReportingLevel(5);
+        std::thread held(first);
+        EXPECT_TRUE(eventually([this] { return m_holding.load(); }));
+        second();
+        m_done = true;
+        held.join();
+        kyo::Log::setReportingLevel(0);
+        kyo::Log::setProductLogger(nullptr);
+        return m_overtaken;
+    }
+
+  private:
+    std::string m_where;
+    std::atomic<bool> m_holding{false};
+    std::atomic<bool> m_done{false};
+    std::atomic<bool> m_overtaken{false};
 };
+
+HoldingLogger& holdingLogger() {
+    static HoldingLogger logger;  // the log keeps the address
+    return logger;
+}
 
 // Two dispatch threads meet between putting and moving: the newer record must not trim the older one.
 TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
-    static HoldingLogger logger;  // the log keeps the address
-    logger.holding = logger.release = false;
     const auto expired = counted("records.expired");
     const auto replaced = counted("records.replaced");
     CollectorImpl collector = make(0);
-    kyo::Log::setProductLogger(&logger);
-    kyo::Log::setReportingLevel(5);
-    std::thread older([&] { insert(collector, recordAt(1)); });
-    std::thread newer([&] {
-        eventually([] { return logger.holding.load(); });
-        insert(collector, recordAt(2));
-        logger.release = true;
-    });
-    older.join();
-    newer.join();
-    kyo::Log::setReportingLevel(0);
-    kyo::Log::setProductLogger(nullptr);
+    holdingLogger().overtakes(
+        "Record inserted to Input queue", [&] { insert(collector, recordAt(1)); },
+        [&] { insert(collector, recordAt(2)); });
     EXPECT_EQ(counted("records.expired"), expired);
     EXPECT_EQ(counted("records.replaced"), replaced + 1) << "both have been in the output queue";
     EXPECT_THAT(timestampsIn(valueOf(collector.buildCollection())), ElementsAre("2"));
+}
+
+TEST_F(CollectorImplTest, LetsNoRecordInWhileATickTrims) {
+    CollectorImpl collector = make(100);
+    collector.moveToReportState();
+    insert(collector, recordAt(1));
+    EXPECT_FALSE(holdingLogger().overtakes(
+        "Front record", [&] { collector.moveToHistoryState(); }, [&] { insert(collector, recordAt(2)); }));
 }
 
 // Dispatch threads insert while a tick's thread drains and others change the state: every record ends in a

@@ -73,12 +73,14 @@ TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
          "Configuration answer refused, [0].recordBody: a text is expected, found an object"},
         {record("a", "no base64!"), "Can not parse from string to json to get config."},
     };
+    const auto refused = counted("config.refused");
     for (const auto& [answer, complaint] : cases) {
         m_log.clear();
         m_panel->ConfigResponseCallback(answer);
         EXPECT_EQ(m_log.count(3, complaint), 1u) << complaint;
     }
     EXPECT_TRUE(m_handedOver.empty());
+    EXPECT_EQ(counted("config.refused"), refused + 6) << "each once";
 }
 
 TEST_F(ConfigAnswer, IsRefusedBeforeAHostileBodyTakesFiftyTimesItsSizeInMemory) {
@@ -100,7 +102,8 @@ TEST_F(ConfigAnswer, EndsTheRetryWithAnyAnswerButAnEmptyOne) {
     m_panel->executeConfigRetry();
     EXPECT_EQ(asked, 1);
     m_panel->ConfigResponseCallback(record("a", "no base64!"));
-    EXPECT_FALSE(m_panel->isRetrying());
+    m_panel->startConfigRequestRetry();
+    EXPECT_FALSE(m_panel->isRetrying()) << "it starts once";
 }
 
 }  // namespace

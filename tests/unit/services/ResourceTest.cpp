@@ -40,6 +40,7 @@ struct ResourceTest : Test {
 };
 
 TEST_F(ResourceTest, GivesACollectorToARecordOfItsServiceResourceAndIndexOnly) {
+    resource.setCollectorName("GNSSProxy", "positions", 0, "replaced");
     resource.setCollectorName("GNSSProxy", "positions", 0, "zero");
     resource.setCollectorName("GNSSProxy", "positions", -1, "minus");
     resource.setCollectorName("OtherProxy", "positions", 3, "another service");

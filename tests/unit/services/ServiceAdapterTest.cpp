@@ -11,8 +11,11 @@ using namespace vlmTest;
 /// An adapter; the test plays its middleware.
 class VLMSpring : public ServiceAdapterBase {
   public:
-    VLMSpring() : ServiceAdapterBase("VLMSpring", "SpringProxy") {
-        setAttemptPause(std::chrono::milliseconds(0));
+    explicit VLMSpring(std::optional<std::chrono::milliseconds> pause)
+        : ServiceAdapterBase("VLMSpring", "SpringProxy") {
+        if (pause) {
+            setAttemptPause(*pause);
+        }
     }
     void receive(const char* event) {
         if (const auto resource = resourceOfSample(event)) {
@@ -52,7 +55,7 @@ struct ServiceAdapterTest : Test {
         return count;
     }
 
-    VLMSpring adapter;
+    VLMSpring adapter{0ms};
     LogCapture log;
 };
 
@@ -68,6 +71,12 @@ TEST_F(ServiceAdapterTest, ConnectsOnceWithinFiveAttempts) {
     EXPECT_FALSE(adapter.initProxy());
     EXPECT_EQ(adapter.attempts, 0)
         << "what was found is not looked for again, even if it is not connected now";
+
+    VLMSpring second{std::nullopt};
+    second.offeredAtAttempt = 2;
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_TRUE(second.initProxy());
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 1s);
 }
 
 TEST_F(ServiceAdapterTest, SubscribesAnEventOnceAndOnlyWhenConnected) {
@@ -83,6 +92,8 @@ TEST_F(ServiceAdapterTest, SubscribesAnEventOnceAndOnlyWhenConnected) {
         EXPECT_FALSE(adapter.SubscribeResource(event));
         EXPECT_FALSE(adapter.isSubscribed(event));
     }
+    adapter.createResourceObject({"flows"});
+    EXPECT_FALSE(adapter.isSubscribed("flows")) << "another resource is in its place";
     EXPECT_THAT(log.messages(4), ElementsAre("Allready subscribed for resource object flows"));
     EXPECT_THAT(log.messages(3), ElementsAre("Didn't find the resource object for flows",
                                              "proxy is null, hence can not go ahead with subscription",
@@ -110,15 +121,23 @@ TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
     const std::string name = "RouteBasedConsumptionProxy";
     ServiceMapObjectHandler registry{ServiceMapObjectHandler::Adapters{{"SpringProxy", nullptr}}};
     const LogCapture log;
+    std::vector<std::string> names;
     EXPECT_FALSE(registry.findService(name));
-    registry.setSomeIPKey(name, "r", "k");
+    EXPECT_EQ(registry.getServiceObject(name), nullptr);
     registry.createResourceObject(name, {"r"});
+    registry.addAttributesToResource(name, "r", {"a"});
+    registry.setSomeIPKey(name, "r", "k");
+    registry.setSomeIPIndexAttribute(name, "r", 1, names);
+    registry.setCollectorName(name, "r", 1, "c");
+    EXPECT_FALSE(registry.SubscribeResource(name, "r"));
+    EXPECT_FALSE(registry.isResourceSubscribed(name, "r"));
     registry.RunOnThread();
     EXPECT_TRUE(log.has(5, "Starting to run on thread"));
+    const auto missed = "Didn't find service " + name + "in the map";
+    const auto creating = "Error in creating resource, service " + name + " not found in the list";
+    const auto getting = "Error in getting service object for service " + name + ". not found in the map";
     EXPECT_THAT(log.messages(3),
-                ElementsAre("Didn't find service " + name + "in the map",
-                            "Error in getting service object for service " + name + ". not found in the map",
-                            "Error in creating resource, service " + name + " not found in the list"));
+                ElementsAre(missed, missed, creating, creating, getting, getting, missed, getting, getting));
 }
 
 // The middleware delivers while the configuration's thread creates resources and sets names.
