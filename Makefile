@@ -34,7 +34,7 @@ help:
 	@echo 'make docs      a reference page per vehicle service in docs/services/'
 	@echo 'make everything  examples/collector-everything.json from the catalog'
 	@echo 'make build     everything, in build/$(PRESET) (PRESET=dev, release, asan, tsan, coverage)'
-	@echo 'make package   Debian packages, in build/package/; ARCHITECTURE=arm64, SUITE=trixie: for another machine'
+	@echo 'make package   Debian packages, in build/package/; ARCHITECTURE="amd64 arm64": for both machines; SUITE=trixie: for another release'
 	@echo 'make package-test   install, upgrade and purge them in a clean root; make package-check: those of build/$(PRESET), in short'
 	@echo 'make release-check  all that must hold for a release, or STEPS=..., and a table'
 	@echo 'make install   release build into PREFIX=$(PREFIX), catalog into /etc (respects DESTDIR)'
@@ -139,19 +139,19 @@ install:
 	cmake --build --preset release -j $(JOBS)
 	DESTDIR='$(DESTDIR)' cmake --install build/release --prefix '$(PREFIX)'
 
-# make package, make package-test: another architecture or release of Debian than this machine's.
+# make package, make package-test: other architectures or another release of Debian than this machine's.
 ARCHITECTURE ?= $(shell dpkg --print-architecture)
 SUITE ?= $(shell . /etc/os-release && echo $$VERSION_CODENAME)
 
 package:
 	@tools/run/deps.sh package
 	@tools/run/deps.sh package-test
-	JOBS=$(JOBS) packaging/build --architecture $(ARCHITECTURE) --suite $(SUITE)
+	for each in $(ARCHITECTURE); do JOBS=$(JOBS) packaging/build --architecture $$each --suite $(SUITE) || exit 1; done
 
 # WHOLE=1 waits for the demo's first report, and builds the application on the minimal platform from vlmmaster-dev.
 package-test:
 	@tools/run/deps.sh package-test
-	tests/packages/run --architecture $(ARCHITECTURE) --suite $(SUITE) $(if $(WHOLE),--whole)
+	for each in $(ARCHITECTURE); do tests/packages/run --architecture $$each --suite $(SUITE) $(if $(WHOLE),--whole) || exit 1; done
 
 # The packages of a build tree, since a build with a distribution's options takes as long as all the rest of CI.
 package-check: build
