@@ -11,7 +11,7 @@ void vlmFuzz::run(Input in) {
     std::map<std::uint64_t, bool> waiting;
     std::set<std::uint64_t> sent;
     std::uint64_t highest = 0;
-    const auto source = [&waiting](std::uint64_t after) -> std::optional<Spool::Entry> {
+    const auto source = [&waiting](std::uint64_t after, int&) -> std::optional<Spool::Entry> {
         const auto found = waiting.upper_bound(after);
         return found == waiting.end() ? std::nullopt : std::optional(Spool::Entry{found->first, 1});
     };

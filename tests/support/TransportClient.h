@@ -13,8 +13,9 @@ class StartedTransport {
     template <typename... Arguments>
     explicit StartedTransport(Arguments&&... arguments)
         : m_transport(std::make_unique<Transport>(std::forward<Arguments>(arguments)...)) {
-        const auto noting = [maker = std::this_thread::get_id()](SharedList<kyo::Json::Value>& list) {
-            return [maker, &list](auto value) {
+        const auto noting = [this, maker = std::this_thread::get_id()](SharedList<kyo::Json::Value>& list) {
+            return [this, maker, &list](auto value) {
+                const std::lock_guard<std::mutex> lock(busy);
                 EXPECT_NE(std::this_thread::get_id(), maker);
                 list.add(std::move(value));
             };
@@ -23,6 +24,7 @@ class StartedTransport {
         m_transport->setConfigResponseCallback(noting(m_answers));
         m_transport->start();
     }
+    std::mutex busy;  ///< the callbacks wait while a test has it
     Transport& transport() { return *m_transport; }
     void end() { m_transport.reset(); }
     std::vector<kyo::Json::Value> controls() const { return m_controls.all(); }

@@ -35,8 +35,8 @@ std::vector<Found> filesIn(const fs::path& folder) {
     const auto take = [&found](bool isBad) {
         return [&found, isBad](const Spool::Entry& entry) { found.push_back({entry, isBad}); };
     };
-    if (!Spool::list(folder, take(false))) {
-        throw std::runtime_error(folder.string() + " cannot be read: " + std::strerror(errno));
+    if (const int code = Spool::list(folder, take(false)); code != 0) {
+        throw std::runtime_error(folder.string() + " cannot be read: " + std::strerror(code));
     }
     Spool::list(folder / "bad", take(true));  // there may be none
     std::sort(found.begin(), found.end(),
@@ -149,14 +149,22 @@ int purge(const fs::path& folder, bool onlyBad) {
         std::cerr << "vlm-spool: " << error << '\n';
         return 1;
     }
-    std::size_t count = 0;
+    const auto count = [&] {
+        const auto files = filesIn(folder);
+        return std::count_if(files.begin(), files.end(),
+                             [&](const Found& file) { return file.isBad || !onlyBad; });
+    };
+    const auto before = count();
     for (auto entry = spool.next(0); entry && !onlyBad; entry = spool.next(0)) {
         spool.remove(*entry);
-        ++count;
     }
-    count += spool.purgeBad();
-    std::cout << count << " envelopes deleted\n";
-    return 0;
+    spool.purgeBad();
+    const auto left = count();
+    std::cout << before - left << " envelopes deleted\n";
+    if (left > 0) {
+        std::cerr << "vlm-spool: " << left << " cannot be deleted\n";
+    }
+    return left == 0 ? 0 : 1;
 }
 
 int run(int argc, char** argv) {

@@ -10,6 +10,8 @@ namespace {
 /// without a look at the folder only for as long as they are few.
 constexpr std::uint64_t kMostNew = Spool::kAhead / 2;
 
+constexpr std::chrono::seconds kRetry{1};
+
 const Json::Value& memberOf(const Json::Value& object, const char* name) {
     static const Json::Value none;
     return object.isMember(name) ? object[name] : none;
@@ -152,11 +154,12 @@ void Forwarder::undelivered(std::uint64_t number) {
     }
 }
 
-std::optional<Forwarder::Entry> Forwarder::firstFree(std::uint64_t after, const Source& source) const {
-    auto entry = source(after);
+std::optional<Forwarder::Entry> Forwarder::firstFree(std::uint64_t after, const Source& source,
+                                                     int& error) const {
+    auto entry = source(after, error);
     while (entry && std::any_of(m_items.begin(), m_items.end(),
                                 [&entry](const Item& item) { return item.entry.number == entry->number; })) {
-        entry = source(entry->number);
+        entry = source(entry->number, error);
     }
     return entry;
 }
@@ -190,16 +193,20 @@ std::optional<Forwarder::Entry> Forwarder::next(TimePoint now, std::uint64_t hig
     if (highest > m_newTaken + kMostNew) {
         m_boundary = m_newTaken = highest;
     }
-    const auto newer = highest > m_newTaken ? firstFree(m_newTaken, source) : std::nullopt;
+    int error = 0;
+    const auto newer = highest > m_newTaken ? firstFree(m_newTaken, source, error) : std::nullopt;
     if (newer && !m_lastWasNew) {
         return newer;
     }
     if (m_oldTaken < m_boundary && now >= m_drainFrom) {
-        const auto old = firstFree(m_oldTaken, source);
+        const auto old = firstFree(m_oldTaken, source, error);
         if (old && old->number <= m_boundary) {
             return old;
         }
-        m_oldTaken = m_boundary;
+        m_oldTaken = error == 0 ? m_boundary : m_oldTaken;
+    }
+    if (error != 0 && !newer) {
+        m_retryAt = now + kRetry;
     }
     return newer;
 }
@@ -224,7 +231,7 @@ void Forwarder::unsent(std::uint64_t number, TimePoint now) {
     if (Item* const item = find(number)) {
         item->state = State::Due;
     }
-    m_retryAt = now + std::chrono::seconds(1);
+    m_retryAt = now + kRetry;
 }
 
 void Forwarder::skip(const Entry& entry) {

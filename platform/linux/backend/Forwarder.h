@@ -37,8 +37,8 @@ class Forwarder {
     using Clock = std::chrono::steady_clock;
     using TimePoint = Clock::time_point;
     using Entry = Spool::Entry;
-    /// The waiting envelope with the least number above `after`.
-    using Source = std::function<std::optional<Entry>(std::uint64_t after)>;
+    /// Spool::next().
+    using Source = std::function<std::optional<Entry>(std::uint64_t after, int& error)>;
 
     struct Settings {
         std::chrono::milliseconds resultTimeout{60000};
@@ -60,7 +60,8 @@ class Forwarder {
     /// The broker could not give it on; it waits for an opening message.
     void undelivered(std::uint64_t number);
 
-    /// What to send now, if anything. `highest` is the spool's highest number.
+    /// What to send now, if anything. `highest` is the spool's highest number. When the source does not know
+    /// what waits, it is asked again after a second.
     std::optional<Entry> next(TimePoint now, std::uint64_t highest, const Source& source);
     /// What next() returned is being sent.
     void sent(const Entry& entry, const std::string& messageId, TimePoint now);
@@ -90,7 +91,7 @@ class Forwarder {
     };
 
     Item* find(std::uint64_t number);
-    std::optional<Entry> firstFree(std::uint64_t after, const Source& source) const;
+    std::optional<Entry> firstFree(std::uint64_t after, const Source& source, int& error) const;
     void moveOn(std::uint64_t number);
 
     const Settings m_settings;

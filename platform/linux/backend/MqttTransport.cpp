@@ -225,15 +225,11 @@ void MqttTransport::onMessage(const std::string& topic, const std::string& paylo
     } else if (m_hooks.configuration) {
         m_hooks.configuration(std::move(content));
     } else {
-        bool isNew = false;
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            isNew = m_lastConfiguration.answered(content);
-        }
-        if (isNew) {
-            deliverConfigResponse(std::move(content));
-        } else {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_lastConfiguration.isRepeated(content)) {
             KYO_LOG(5, topic << ": not passed on, as it says what the last one said");
+        } else if (deliverConfigResponse(content)) {
+            m_lastConfiguration.passedOn(std::move(content));
         }
     }
 }

@@ -1,5 +1,6 @@
 #include "backend/Remembered.h"
 
+#include <algorithm>
 #include <fstream>
 #include <utility>
 
@@ -8,6 +9,9 @@ namespace kyo::orx {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// The eight that Transport lets wait, and the one that the application reads. Each may be large.
+constexpr std::size_t kMostUnjudged = 9;
 
 std::optional<Json::Value> readObject(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
@@ -28,6 +32,12 @@ int writeObject(SpoolDisk& disk, const fs::path& file, const Json::Value& conten
 
 bool isRecord(const Json::Value& record) {
     return record.isObject() && record["recordId"].isString() && record["recordBody"].isString();
+}
+
+/// Whether the application can read a record, and so gives its verdict: it converts numbers.
+bool isJudged(const Json::Value& record) {
+    return record.isObject() && record["recordId"].isConvertibleTo(Json::stringValue) &&
+           record["recordBody"].isConvertibleTo(Json::stringValue);
 }
 
 }  // namespace
@@ -74,39 +84,58 @@ void RememberedConfiguration::requested(Clock::time_point now) {
     }
 }
 
-bool RememberedConfiguration::answered(const Json::Value& answer) {
+bool RememberedConfiguration::isRepeated(const Json::Value& answer) const {
+    return m_last && answer.isArray() && !answer.empty() && isRecord(answer[0]) && isRecord(*m_last) &&
+           (*m_last)["recordId"] == answer[0]["recordId"] &&
+           (*m_last)["recordBody"] == answer[0]["recordBody"];
+}
+
+void RememberedConfiguration::passedOn(Json::Value answer) {
     if (!answer.isArray() || answer.empty()) {
-        return true;  // "not yet": the application decides
+        return;  // "not yet": the application decides
     }
     m_isAnswered = true;
-    if (isRecord(answer[0])) {
-        if (isRecord(m_passedOn) && m_passedOn["recordId"] == answer[0]["recordId"] &&
-            m_passedOn["recordBody"] == answer[0]["recordBody"]) {
-            return false;
-        }
-        m_passedOn = answer[0];
+    note(std::move(answer[0]));
+}
+
+void RememberedConfiguration::note(Json::Value record) {
+    if (!isJudged(record)) {
+        return;
     }
-    return true;
+    auto noted = std::make_shared<const Json::Value>(std::move(record));
+    if (isRecord(*noted)) {
+        m_last = noted;
+    }
+    if (m_after) {
+        m_unjudged.push_back(std::move(noted));
+    }
+    if (m_unjudged.size() > kMostUnjudged) {
+        m_unjudged.pop_front();
+    }
 }
 
 std::optional<Json::Value> RememberedConfiguration::standIn(Clock::time_point now) {
     if (!m_standInAt || m_isAnswered || m_hasStoodIn || now < *m_standInAt) {
         return std::nullopt;
     }
-    m_hasStoodIn = true;
-    const auto record = readObject(file());
+    auto record = readObject(file());
     if (!record || !isRecord(*record)) {
+        m_hasStoodIn = true;
         return std::nullopt;
     }
-    m_passedOn = *record;
-    m_nextRequest = now + kBetweenRequests;
     Json::Value answer(Json::arrayValue);
-    answer.append(*record);
+    answer.append(std::move(*record));
     return answer;
 }
 
+void RememberedConfiguration::stoodIn(Json::Value answer, Clock::time_point now) {
+    m_hasStoodIn = true;
+    m_nextRequest = now + kBetweenRequests;
+    note(std::move(answer[0]));
+}
+
 bool RememberedConfiguration::isToAsk(Clock::time_point now) {
-    if (m_isAnswered || !isRecord(m_passedOn) || now < m_nextRequest) {
+    if (m_isAnswered || !m_last || now < m_nextRequest) {
         return false;
     }
     m_nextRequest = now + kBetweenRequests;
@@ -117,15 +146,25 @@ std::optional<RememberedConfiguration::Clock::time_point> RememberedConfiguratio
     if (m_isAnswered) {
         return std::nullopt;
     }
-    return m_hasStoodIn && isRecord(m_passedOn) ? std::optional(m_nextRequest) : m_standInAt;
+    return m_hasStoodIn && m_last ? std::optional(m_nextRequest) : m_standInAt;
 }
 
-int RememberedConfiguration::accepted(const std::string& recordId) {
-    if (!m_after || !isRecord(m_passedOn) || m_passedOn["recordId"].asString() != recordId) {
-        return 0;
+RememberedConfiguration::Record RememberedConfiguration::judged(const std::string& recordId,
+                                                                bool isAccepted) {
+    const auto found = std::find_if(m_unjudged.begin(), m_unjudged.end(), [&recordId](const Record& record) {
+        return (*record)["recordId"].asString() == recordId;
+    });
+    if (found == m_unjudged.end()) {
+        return nullptr;
     }
+    Record record = *found;
+    m_unjudged.erase(m_unjudged.begin(), found + 1);
+    return isAccepted && isRecord(*record) ? record : nullptr;
+}
+
+int RememberedConfiguration::keep(const Json::Value& record) const {
     const auto before = readObject(file());
-    return before && *before == m_passedOn ? 0 : writeObject(m_disk, file(), m_passedOn);
+    return before && *before == record ? 0 : writeObject(m_disk, file(), record);
 }
 
 }  // namespace kyo::orx

@@ -1,6 +1,8 @@
 #pragma once
 #include <chrono>
+#include <deque>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,11 +41,15 @@ class RememberedConfiguration {
 
     /// The application asks.
     void requested(Clock::time_point now);
-    /// The backend answers. False when the answer says what the last one said that was passed on in this
-    /// process: then it is not passed on again.
-    bool answered(const Json::Value& answer);
-    /// The answer that stands in, once it is due: at most one in this process.
+    /// Whether an answer of the backend says what the last one said that was passed on in this process: then
+    /// it is not passed on again.
+    bool isRepeated(const Json::Value& answer) const;
+    /// An answer of the backend was passed on.
+    void passedOn(Json::Value answer);
+    /// The answer that stands in, once it is due.
     std::optional<Json::Value> standIn(Clock::time_point now);
+    /// It was passed on: none stands in again in this process.
+    void stoodIn(Json::Value answer, Clock::time_point now);
     /// True when the client itself is to ask: the application has its answer, but not from the backend.
     bool isToAsk(Clock::time_point now);
     /// On a new connection the client asks at once.
@@ -51,20 +57,26 @@ class RememberedConfiguration {
     /// When standIn() or isToAsk() may say more than now.
     std::optional<Clock::time_point> wakeAt() const;
 
-    /// The application accepted what was passed on last. 0 or errno; durable then.
-    int accepted(const std::string& recordId);
+    using Record = std::shared_ptr<const Json::Value>;
+    /// The application's verdicts come in the order in which it got the records. What to keep(), if anything.
+    Record judged(const std::string& recordId, bool isAccepted);
+    /// Keeps the record as the one that stands in. 0 or errno; durable then. May be called concurrently with
+    /// the others, but by one thread at a time.
+    int keep(const Json::Value& record) const;
 
   private:
+    void note(Json::Value record);
     std::filesystem::path file() const { return m_folder / "configuration.json"; }
 
     const std::filesystem::path m_folder;
     SpoolDisk& m_disk;
     const std::optional<std::chrono::seconds> m_after;
     std::optional<Clock::time_point> m_standInAt;
-    bool m_hasStoodIn = false;
+    bool m_hasStoodIn = false;  ///< or there is none that could
     bool m_isAnswered = false;
     Clock::time_point m_nextRequest{};
-    Json::Value m_passedOn;  ///< the record that was passed on last
+    Record m_last;                  ///< the record that was passed on last; may be none
+    std::deque<Record> m_unjudged;  ///< those that await the application's verdict
 };
 
 }  // namespace kyo::orx

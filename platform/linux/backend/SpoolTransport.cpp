@@ -145,6 +145,7 @@ std::int32_t SpoolTransport::send(const Json::Value& envelope) {
         if (m_settings.whenFull == "newest") {
             static Counter& dropped = Status::counter("spool.dropped.disk");
             dropped.add();
+            m_spool.skipNumber();
             answer();
         } else {
             m_pending = std::move(made);
@@ -191,15 +192,16 @@ std::int32_t SpoolTransport::requestConfiguration() {
 
 void SpoolTransport::configurationAccepted(const std::string& recordId, bool isAccepted,
                                            const std::string& reason) {
+    const std::lock_guard<std::mutex> keeping(m_keepMutex);
+    RememberedConfiguration::Record record;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_health.noteConfiguration(recordId, isAccepted, reason);
-        if (isAccepted) {
-            if (const int code = m_configuration.accepted(recordId); code != 0) {
-                KYO_LOG(3, "The configuration " << recordId << " cannot be remembered: "
-                                                << std::system_category().message(code));
-            }
-        }
+        record = m_configuration.judged(recordId, isAccepted);
+    }
+    if (const int code = record ? m_configuration.keep(*record) : 0; code != 0) {
+        KYO_LOG(3, "The configuration " << recordId
+                                        << " cannot be remembered: " << std::system_category().message(code));
     }
     wake();
 }
@@ -251,10 +253,10 @@ void SpoolTransport::onMasterControl(const Json::Value& message) {
 
 void SpoolTransport::onConfiguration(Json::Value answer) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_configuration.answered(answer)) {
-        deliverConfigResponse(std::move(answer));
-    } else {
+    if (m_configuration.isRepeated(answer)) {
         KYO_LOG(5, "The backend's configuration is the one that was passed on last");
+    } else if (deliverConfigResponse(answer)) {
+        m_configuration.passedOn(std::move(answer));
     }
 }
 
@@ -410,10 +412,10 @@ void SpoolTransport::keepConfiguration(Clock::time_point now) {
         if (!m_isOpen) {
             return;
         }
-        if (auto answer = m_configuration.standIn(now)) {
+        if (auto answer = m_configuration.standIn(now); answer && deliverConfigResponse(*answer)) {
             KYO_LOG(5, "No configuration from the backend yet; the remembered one stands in: "
                            << (*answer)[0]["recordId"].asString());
-            deliverConfigResponse(std::move(*answer));
+            m_configuration.stoodIn(std::move(*answer), now);
         }
         isToAsk = m_forwarder.isConnected() && m_configuration.isToAsk(now);
     }
@@ -429,8 +431,9 @@ bool SpoolTransport::forward() {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         connection = m_connection;
-        entry = m_forwarder.next(Clock::now(), m_spool.highest(),
-                                 [this](std::uint64_t after) { return m_spool.next(after); });
+        entry = m_forwarder.next(Clock::now(), m_spool.highest(), [this](std::uint64_t after, int& error) {
+            return m_spool.next(after, error);
+        });
         m_figures->window = m_forwarder.window();
     }
     if (!entry) {

@@ -90,6 +90,9 @@ class SpoolTransport : public Transport {
     bool m_left = false;                       ///< no further envelope is taken
     std::string m_diskTrouble;                 ///< logged last; empty while the disk takes envelopes
 
+    std::mutex m_keepMutex;  ///< one configuration at a time is written; taken before m_mutex
+
+    /// The network thread takes it, so nobody holds it while the disk synchronises.
     std::mutex m_mutex;
     std::condition_variable m_changed;
     // Guarded by m_mutex.

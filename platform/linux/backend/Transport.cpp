@@ -44,11 +44,11 @@ void Transport::deliverOwnMasterControl(Json::Value message, std::chrono::millis
         delay);
 }
 
-void Transport::deliverConfigResponse(Json::Value answer) {
+bool Transport::deliverConfigResponse(Json::Value answer) {
     static Counter& dropped = Status::counter("orx.callbacks.dropped");
     if (m_answersWaiting >= kMostAnswersWaiting) {
         dropped.add();
-        return;
+        return false;
     }
     ++m_answersWaiting;
     const bool isPosted = m_callbacks.post([this, answer = std::move(answer)]() mutable {
@@ -60,6 +60,7 @@ void Transport::deliverConfigResponse(Json::Value answer) {
     if (!isPosted) {
         --m_answersWaiting;
     }
+    return isPosted;
 }
 
 }  // namespace kyo::orx

@@ -56,8 +56,8 @@ class Transport {
     /// thread whether it is still to be delivered.
     void deliverOwnMasterControl(Json::Value message, std::chrono::milliseconds delay = {},
                                  std::function<bool()> isValid = nullptr);
-    /// Dropped and counted, too, when several wait: an answer may be large.
-    void deliverConfigResponse(Json::Value answer);
+    /// Dropped and counted, too, when several wait, as an answer may be large: false then.
+    bool deliverConfigResponse(Json::Value answer);
 
     /// A derived class stops it first in its destructor, as posted work uses the derived object.
     CallbackThread m_callbacks;

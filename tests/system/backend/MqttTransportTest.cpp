@@ -49,6 +49,11 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
     EXPECT_EQ(vehicle.transport().send(envelope("1", 300000)), 0);
     ASSERT_TRUE(backend.awaits("test/vehicle/data", 1));
     EXPECT_EQ(backend.on("test/vehicle/data")[0], compactText(envelope("1", 300000)));
+    backend.stop();
+    EXPECT_EQ(vehicle.transport().send(envelope("2")), 0);
+    ASSERT_TRUE(vehicle.awaitControls(2)) << "so that the application sends it again";
+    EXPECT_EQ(vehicle.controls()[1], masterControl("t", {"TypeA"}, 0, 1));
+    EXPECT_TRUE(m_log.hasPart(3, "no backend listens"));
 }
 
 TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndByItselfWhenItEnds) {
@@ -87,31 +92,7 @@ TEST_F(MqttBackendTest, DropsWhatWaitedForABrokerThatCameBackWithALowerLimit) {
     EXPECT_EQ(backend.on("test/vehicle/data").back(), compactText(envelope("after")));
 }
 
-TEST_F(MqttBackendTest, TellsTheApplicationToSendAgainWhatNoBackendHeard) {
-    Broker broker(m_port);
-    Observer backend(m_settings);
-    Vehicle vehicle(m_settings);
-    ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
-    backend.say("test/vehicle/mastercontrol", compactText(kOpening));
-    ASSERT_TRUE(vehicle.awaitControls(1));
-    backend.stop();
-    EXPECT_EQ(vehicle.transport().send(envelope("1")), 0);
-    ASSERT_TRUE(vehicle.awaitControls(2));
-    EXPECT_EQ(vehicle.controls()[1], masterControl("t", {"TypeA"}, 0, 1));
-    EXPECT_TRUE(m_log.hasPart(3, "no backend listens"));
-}
-
-TEST_F(MqttBackendTest, LogsAtTheEndWhatIsLostWithTheProcessAndTakesNothingMore) {
-    Vehicle vehicle(m_settings);
-    EXPECT_EQ(vehicle.transport().send(envelope("1")), 0);
-    EXPECT_EQ(vehicle.transport().send(envelope("2")), 0);
-    ASSERT_TRUE(m_log.waitFor(": Connection refused; trying again"));
-    vehicle.transport().leave();
-    EXPECT_TRUE(m_log.hasPart(3, "2 envelopes are lost with the process"));
-    EXPECT_EQ(vehicle.transport().send(envelope("3")), MqttConnection::kClosed);
-}
-
-TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
+TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBrokerAndLogsAtTheEndWhatIsLost) {
     const auto failedBefore = kyo::Status::counter("orx.failed").value();
     Vehicle vehicle(m_settings);
     std::size_t taken = 0;
@@ -123,6 +104,10 @@ TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBroker) {
     EXPECT_EQ(taken, MqttConnection::kMaxUnconfirmed);
     EXPECT_TRUE(m_log.hasPart(3, "An envelope cannot be sent: 100 messages"));
     EXPECT_EQ(kyo::Status::counter("orx.failed").value(), failedBefore + 1);
+    ASSERT_TRUE(m_log.waitFor(": Connection refused; trying again"));
+    vehicle.transport().leave();
+    EXPECT_TRUE(m_log.hasPart(3, "100 envelopes are lost with the process"));
+    EXPECT_EQ(vehicle.transport().send(envelope("after the end")), MqttConnection::kClosed);
     Vehicle other(m_settings);
     constexpr std::size_t kEach = 8u << 20;
     for (std::size_t bytes = kEach; bytes < MqttConnection::kMaxUnconfirmedBytes; bytes += kEach) {
@@ -262,16 +247,12 @@ TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesIt
     m_settings.caFile = certificates.file("ca.crt");
     machine::MqttBackend mistrusting = m_settings;
     mistrusting.caFile = certificates.file("other-ca.crt");
-    machine::MqttBackend stranger = m_settings;  // signed by an authority that the broker does not know
-    stranger.certFile = certificates.file("other-ca.crt");
-    stranger.keyFile = certificates.file("other-ca.key");
-    machine::MqttBackend known = m_settings;
-    known.certFile = certificates.file("client.crt");
-    known.keyFile = certificates.file("client.key");
-    machine::MqttBackend incomplete = known;
-    incomplete.keyFile = certificates.file("missing.key");
-    machine::MqttBackend swapped = known;
-    swapped.keyFile = certificates.file("other-ca.key");
+    const auto with = [&](const char* certificate, const char* key) {
+        machine::MqttBackend settings = m_settings;
+        settings.certFile = certificates.file(certificate);
+        settings.keyFile = certificates.file(key);
+        return settings;
+    };
     const std::string server = certificates.brokerLines("server");
     const std::string strict = server + "require_certificate true\n";
     const std::tuple<machine::MqttBackend, std::string, const char*> cases[] = {
@@ -282,11 +263,12 @@ TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesIt
         {mistrusting, server, "an unknown authority signed the broker's certificate"},
         {m_settings, strict, "the broker wants a certificate of the vehicle"},
         {m_settings, strict + "tls_version tlsv1.2\n", "the broker wants a certificate of the vehicle"},
-        {stranger, strict, "the broker refuses the vehicle's certificate (unknown CA)"},
-        {incomplete, strict, "missing.key cannot be used: "},
-        {swapped, strict, "cannot be used: key values mismatch"},
+        {with("other-ca.crt", "other-ca.key"), strict,
+         "the broker refuses the vehicle's certificate (unknown CA)"},
+        {with("client.crt", "missing.key"), strict, "missing.key cannot be used: "},
+        {with("client.crt", "other-ca.key"), strict, "cannot be used: key values mismatch"},
         {m_settings, server, "connected to the broker"},
-        {known, strict, "connected to the broker"},
+        {with("client.crt", "client.key"), strict, "connected to the broker"},
     };
     Broker broker(m_port);
     for (const auto& [settings, brokerLines, outcome] : cases) {

@@ -189,6 +189,7 @@ TEST_F(SpoolBackendTest, WaitsForAFullDiskOrCountsWhatItCostsWhenTheNewestAreDro
     dropping.send(6, 6);
     EXPECT_TRUE(m_log.waitFor("takes envelopes again"));
     EXPECT_TRUE(eventually([&] { return stored() == std::set<std::string>{"1", "2", "6"}; }));
+    EXPECT_EQ(backend.topics().back(), "test/vehicle/data/plain/6");  // the backend sees what is missing
 }
 
 TEST_F(SpoolBackendTest, SendsAgainWhatABrokerConfirmedAndThenLost) {
@@ -215,9 +216,7 @@ TEST_F(SpoolBackendTest, SendsAgainWhatABrokerConfirmedAndThenLost) {
 }
 
 TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
-    kyo::Json::Value record(kyo::Json::arrayValue);
-    record[0]["recordId"] = "trip-7";
-    record[0]["recordBody"] = "e30=";
+    const auto record = valueOf(R"([{"recordId":"trip-7","recordBody":"e30="}])");
     m_settings.remember.afterSeconds = 0;
     {
         Broker broker(m_port);
@@ -233,6 +232,20 @@ TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
         EXPECT_TRUE(m_log.waitFor("is the one that was passed on last"));
         EXPECT_EQ(vehicle.answers().size(), 1u);
         vehicle.transport().configurationAccepted("trip-7", true, "");
+        kyo::Json::Value another = record;
+        const auto before = counted("orx.callbacks.dropped");
+        {
+            const std::lock_guard<std::mutex> busy(vehicle.busy);
+            for (int i = 0; i < 30; ++i) {
+                another[0]["recordBody"] = std::to_string(i);
+                other.say("test/vehicle/config/response", compactText(another));
+            }
+            EXPECT_TRUE(eventually([&] { return counted("orx.callbacks.dropped") >= before + 20; }));
+        }
+        EXPECT_TRUE(eventually([&] {
+            other.say("test/vehicle/config/response", compactText(another));
+            return vehicle.answers().back() == another;  // although it was dropped before
+        }));
     }
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(vehicle.awaitControls(1));
