@@ -13,8 +13,9 @@ namespace {
 
 constexpr std::array kTopics{"config.",  "control.", "orx.",   "queue.",
                              "reports.", "someip.",  "spool.", "threads."};
-constexpr std::array kLosses{"dropped",     "failed",    "refused",   "discarded", "setAside",
-                             "writeFailed", "malformed", "truncated", "ignored",   "kernelDropped"};
+constexpr std::array kLosses{"dropped",   "failed",        "Failed",    "refused",
+                             "discarded", "setAside",      "malformed", "truncated",
+                             "ignored",   "kernelDropped", "givenUp",   "undelivered"};
 
 bool isTopic(std::string_view name) {
     return std::any_of(kTopics.begin(), kTopics.end(),
@@ -65,6 +66,9 @@ std::optional<Json::Value> Health::due(Clock::time_point now, std::uint64_t wait
         }
     }
     difference["configurations"] = configurations;
+    // One that is on its way at that moment makes no difference.
+    difference["isWaiting"] = waiting > 0 && m_hasWaited;
+    m_hasWaited = waiting > 0;
     const std::string text = Json::FastWriter().write(difference);
     if (text == m_published && now < m_latest) {
         m_next = std::min(now + std::chrono::seconds(5), m_latest);

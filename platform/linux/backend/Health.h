@@ -20,8 +20,8 @@ class Health {
     static constexpr std::size_t kConfigurations = 8;
 
     void noteConfiguration(const std::string& recordId, bool isAccepted, const std::string& reason);
-    /// The message, if it is time for one: after a loss or a configuration at most once a minute, and
-    /// otherwise every five minutes.
+    /// The message, if it is time for one: at most once a minute after a loss, a configuration, or when
+    /// something begins or ceases to wait; otherwise every five minutes.
     std::optional<Json::Value> due(Clock::time_point now, std::uint64_t waiting, std::uint64_t bytes);
     /// On a new connection the message comes again, as soon as it may: the broker may have lost the last one.
     void connected() { m_latest = {}; }
@@ -38,6 +38,7 @@ class Health {
     };
     std::deque<Configuration> m_configurations;  ///< the last ones that came, each once
     std::string m_published;                     ///< what makes a difference, as published last
+    bool m_hasWaited = false;                    ///< something waited when due() considered it last
     Clock::time_point m_next{};
     Clock::time_point m_latest{};
 };
