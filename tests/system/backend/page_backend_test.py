@@ -36,8 +36,8 @@ class PageBackendTest(ProcessCase):
             ["-c", APPLICATION], self.folder, port=discovery, environment=self.clock,
             manifest={"log": {"console": False, "maxLevel": 3}, "backend": {"transport": "mqtt", "mqtt": mqtt, **backend}}))
 
-    def listed(self, *options):
-        return subprocess.run([os.environ["VLM_SPOOL"], *options, self.place / "spool"], check=False,
+    def tool(self, *options):
+        return subprocess.run([os.environ["VLM_SPOOL"], *map(str, options), self.place / "spool"], check=False,
                               capture_output=True, text=True)
 
     def test_it_serves_a_vehicle_with_window_results_and_a_dictionary(self):
@@ -60,12 +60,6 @@ class PageBackendTest(ProcessCase):
 
         broker.kill()
         self.master.wait_for_count("spool.waiting", BACKLOG)
-        # Whoever has the disk needs the dictionary, and is told which.
-        self.assertIn("its dictionary 60001 is not known", self.listed("list").stdout)
-        exported = self.listed("export", "--dictionary", own).stdout.splitlines()
-        self.assertGreaterEqual(len(exported), BACKLOG)
-        self.assertIn("orxClientDataReport", json.loads(exported[0])["envelope"])
-
         backend.answer_after = 0.3
         broker.start()
         wait_until(lambda: self.master.count("spool.waiting") <= 2, about)
@@ -79,7 +73,31 @@ class PageBackendTest(ProcessCase):
         self.assertGreaterEqual(numbers, set(range(1, last + 1)), "no number is missing")
         stored = [json.loads(line) for line in (self.place / "store.jsonl").read_text().splitlines()]
         self.assertEqual(len({one["messageId"] for one in stored}), len(stored))
+
+        broker.kill()
+        self.master.wait_for_count("spool.waiting", 2)
+        self.assertIn("belongs to another process", self.tool("purge").stderr)
         self.assertEqual(self.master.stop(), 0)
+        self.check_tools(own)
+
+    def check_tools(self, dictionary):
+        """Whoever has the disk needs the dictionary, and is told which. What was purged keeps its numbers."""
+        spool, export, store = (self.place / name for name in ("spool", "export", "imported"))
+        self.assertIn("its dictionary 60001 is not known", self.tool("list").stdout)
+        self.tool("export", "--dictionary", dictionary, "--output", export)
+        lines = [json.loads(line) for line in export.read_text().splitlines()]
+        subprocess.run([BACKEND, "--prefix", "vlm/page", "--store", store, "--import", export], check=True)
+        self.assertEqual([json.loads(line) for line in store.read_text().splitlines()],
+                         [line["envelope"] for line in lines])
+        last = lines[-1]["spool"]
+        shown = self.tool("show", "--number", last, "--dictionary", dictionary).stdout
+        self.assertEqual(json.loads(shown), lines[-1]["envelope"])
+        (spool / "bad").mkdir()
+        (spool / f"bad/{1:019}-4.envelope").write_text("none")
+        for options, deleted in ((["--bad"], 1), ([], len(lines))):
+            self.assertEqual(self.tool("purge", *options).stdout, f"{deleted} envelopes deleted\n")
+        self.assertEqual(self.tool("list").stdout, "0 envelopes, 0 of them bad, 0 bytes\n")
+        self.assertEqual([file.name for file in spool.glob("*.last")], [f"{last:019}.last"])
 
 
 class ScriptTest(ProcessCase):
