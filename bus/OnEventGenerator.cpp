@@ -18,8 +18,9 @@ using Clock = OnEventGenerator::Clock;
 
 std::atomic<Clock::rep> lastTickCount{0};
 
-/// Counts a jump of the wall clock since the last call: its distance from the steady one has changed.
-void watchWallClock(Clock::time_point now) {
+}  // namespace
+
+void OnEventGenerator::watchWallClock(Clock::time_point now) {
     using std::chrono::milliseconds;
     constexpr std::int64_t kUnknown = std::numeric_limits<std::int64_t>::min();
     constexpr std::int64_t kJumpMs = 1000;  // a clock that is only corrected moves by milliseconds
@@ -34,8 +35,6 @@ void watchWallClock(Clock::time_point now) {
         VLM_LOG(4, "The wall clock has jumped by " << (distance - last) << " ms since the last tick");
     }
 }
-
-}  // namespace
 
 OnEventGenerator::OnEventGenerator(std::string& clockName)
     : m_publisher(std::make_shared<EventPublisher>()),

@@ -32,6 +32,9 @@ class OnEventGenerator : public std::enable_shared_from_this<OnEventGenerator> {
     const std::string& getClockName() const { return m_clockName; }
 
   private:
+    /// Counts a jump of the wall clock since the last call: its distance from the steady one has changed.
+    static void watchWallClock(Clock::time_point now);
+
     const std::shared_ptr<EventPublisher> m_publisher;
     const std::shared_ptr<Timer> m_timer;
     const std::string m_clockName;

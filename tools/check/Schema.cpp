@@ -155,7 +155,8 @@ void checkText(const Place& place, const std::string& text, Findings& findings) 
     if (text.find('\0') != std::string::npos) {
         findings.error(place, "holds U+0000", "a text without zero bytes is expected");
     } else if (!kyo::Json::Reader().parse(vlmProd::compactText(text), back) || back.asString() != text) {
-        findings.error(place, "is not UTF-8: a report with it is not valid JSON", "save the file as UTF-8");
+        findings.error(place, "is not UTF-8: reports show U+FFFD in place of its other bytes",
+                       "save the file as UTF-8");
     }
 }
 

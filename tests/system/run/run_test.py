@@ -161,12 +161,17 @@ class Run(ProcessCase):
     def test_the_end_of_its_terminal_ends_everything(self):
         master, terminal = pty.openpty()
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 72, 0, 0))
-        bench = self.start("--backend", "mqtt", terminal=terminal)
+        bench = self.start("--backend", "mqtt", "--speed", "8", terminal=terminal)
         os.close(terminal)
         shown = b""
-        while b"| samples" not in shown:
+        table = re.compile(r"(?:\r\x1b\[K  .*\r\n){3,}")
+        for _ in range(2000):
+            if b"| samples" in shown and table.search(shown.decode(errors="replace")):
+                break
             self.assertTrue(select.select([master], [], [], DEADLINE)[0], shown)
             shown += os.read(master, 65536)
+        for line in table.search(shown.decode(errors="replace"))[0].split("\r\n"):
+            self.assertLessEqual(len(line.removeprefix("\r\x1b[K")), 72, line)
         started = children_of(bench.process.pid)
         self.assertEqual(len(started), 4, "broker, backend, vehicle and vlmmaster")
         os.close(master)

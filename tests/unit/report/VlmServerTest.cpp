@@ -26,9 +26,9 @@ struct BackendLink : Test {
     /// Shared with the threads that first calls are made on, which a test need not wait for.
     using Statuses = SharedList<std::pair<orxStatus, std::thread::id>>;
     const std::shared_ptr<Statuses> m_statuses = std::make_shared<Statuses>();
-    VlmServer m_server{"Catalog 1", {"TypeA"}, std::make_shared<ConfigControlPanel>([](auto&&...) {
-                           return std::string();
-                       })};
+    const std::shared_ptr<ConfigControlPanel> m_panel =
+        std::make_shared<ConfigControlPanel>([](auto&&...) { return std::string(); });
+    VlmServer m_server{"Catalog 1", {"TypeA"}, m_panel};
 };
 
 TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce) {
@@ -40,11 +40,13 @@ TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce
         EXPECT_TRUE(m_server.isBlocked());
     }
     EXPECT_EQ(ScriptedClient::current().requests(), 0);
+    EXPECT_FALSE(m_panel->isRetrying()) << "before the first request";
     m_server.handleMasterControlCallBack(control());
     EXPECT_FALSE(m_server.isBlocked());
     m_server.handleMasterControlCallBack(control(0, 1));
     m_server.handleMasterControlCallBack(control());
     EXPECT_EQ(ScriptedClient::current().requests(), 1);
+    EXPECT_TRUE(m_panel->isRetrying());
     ASSERT_TRUE(eventually([this] { return m_statuses->size() == 2; }));
     EXPECT_THAT(m_statuses->all(), Each(Pair(orxStatus::SendNext, Ne(std::this_thread::get_id()))));
 }

@@ -1,4 +1,5 @@
 #include "collect/IngressQueue.h"
+#include "services/ProxyNames.h"
 #include "services/ServiceMapObjectHandler.h"
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Test.h"
@@ -118,10 +119,11 @@ TEST_F(ServiceAdapterTest, NamesAResourceThatDoesNotExist) {
 }
 
 TEST(Registry, AnswersAnUnknownServiceWithItsMessage) {
-    const std::string name = "RouteBasedConsumptionProxy";
+    const std::string name(proxyNames::RouteBasedConsumptionProxy);
     ServiceMapObjectHandler registry{ServiceMapObjectHandler::Adapters{{"SpringProxy", nullptr}}};
     const LogCapture log;
     std::vector<std::string> names;
+    EXPECT_THAT(proxyNames::all, AllOf(SizeIs(52), Each(EndsWith(proxyNames::kSuffix))));
     EXPECT_FALSE(registry.findService(name));
     EXPECT_EQ(registry.getServiceObject(name), nullptr);
     registry.createResourceObject(name, {"r"});
