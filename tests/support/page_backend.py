@@ -18,8 +18,8 @@ from paho.mqtt.properties import Properties
 class PageBackend:
     """Works on a thread of its own until end(). `ports` are of brokers that know the same messages.
 
-    `results` are those of the first envelopes; after these, and for repeats, the result is 0. `answer_after` is in
-    seconds.
+    `results` are those of the first envelopes; after these, and for repeats, the result is 0. Answers come
+    once nothing has for `answer_after` seconds.
     """
 
     def __init__(self, ports, prefix, store, configuration, dictionaries=(), protocol=mqtt.MQTTv5, results=()):
@@ -35,7 +35,8 @@ class PageBackend:
         self._known = set()
         self._permitted = []
         self._ticket = 0
-        self._due = []  # (time, what to publish)
+        self._due = []  # what to publish
+        self._due_at = 0.0
         self._ended = False
         self._is_v5 = protocol == mqtt.MQTTv5
         session = {} if self._is_v5 else {"clean_session": False}
@@ -105,7 +106,8 @@ class PageBackend:
                 store.flush()
                 os.fsync(store.fileno())
             self._known.add(identifier)
-        self._due.append((time.monotonic() + self.answer_after, result, identifier))
+        self._due.append((result, identifier))
+        self._due_at = time.monotonic() + self.answer_after
         self.most_unanswered = max(self.most_unanswered, len(self._due))
         self._answer_what_is_due()
 
@@ -116,8 +118,8 @@ class PageBackend:
         return zstandard.ZstdDecompressor(dict_data=dictionary).decompress(payload)
 
     def _answer_what_is_due(self):
-        while self._due and self._due[0][0] <= time.monotonic():
-            _, result, identifier = self._due.pop(0)
+        while self._due and self._due_at <= time.monotonic():
+            result, identifier = self._due.pop(0)
             self._answer(result, identifier)
             if result != 0:
                 self._answer(0)

@@ -13,6 +13,13 @@ import { nearest, runs } from "./range";
 const REACH = 40; // px from the pointer to the track
 const STEPS = [30, 10, 5, 2, 1, 0.5, 0.2, 0.1, 0.05, 0.02, 0.01, 0.005, 0.002, 0.001, 0.0005, 0.0002, 0.0001];
 
+// A frame that was requested before the map's end may still come, and then finds no canvas.
+const renderer = L.Canvas.prototype as unknown as { _ctx?: CanvasRenderingContext2D; _redraw: () => void };
+const redraw = renderer._redraw;
+renderer._redraw = function (): void {
+  if (this._ctx) redraw.call(this);
+};
+
 /** Lines of equal latitude and longitude, labelled at the edges. */
 class Graticule extends L.Layer {
   private canvas: HTMLCanvasElement | undefined;
