@@ -379,12 +379,13 @@ int importFile(const Options& options) {
 int exportFrom(const Options& options) {
     namespace store = vlmBackend::store;
     const auto sql = store::connect(options.database, true);
+    const store::Lend lend = [&sql](const auto& work) { work(*sql); };
     if (options.exportForm == "csv") {
-        store::exportCsv(*sql, options.selection, std::cout);
+        store::exportCsv(lend, options.selection, std::cout);
     } else if (options.exportForm == "gpx") {
-        store::exportGpx(*sql, options.selection, std::cout);
+        store::exportGpx(lend, options.selection, std::cout);
     } else if (options.exportForm == "jsonl") {
-        store::exportEnvelopes(*sql, options.selection, std::cout);
+        store::exportEnvelopes(lend, options.selection, std::cout);
     } else {
         throw std::invalid_argument("--export: csv, gpx or jsonl is expected");
     }

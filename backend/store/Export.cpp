@@ -1,12 +1,17 @@
 #include "backend/store/Export.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <regex>
+#include <utility>
 
 #include "backend/Compression.h"
 #include "backend/store/Events.h"
+#include "backend/store/Samples.h"
+#include "backend/store/Schema.h"
 
 namespace vlmBackend::store {
 
@@ -56,11 +61,6 @@ std::int64_t idOf(Sql& sql, const std::string& vehicle) {
     return integer(rows[0][0]);
 }
 
-/// A union's column has one type in PostgreSQL; SQLite would shorten a number on its way to a text.
-std::string asText(const std::string& column, Dialect dialect) {
-    return dialect == Dialect::Sqlite ? column : "CAST(" + column + " AS TEXT)";
-}
-
 /// View and field of "gnss_positions.latitude".
 std::pair<const Event*, const EventField*> resolve(const std::string& column) {
     const auto dot = column.find('.');
@@ -76,6 +76,85 @@ std::pair<const Event*, const EventField*> resolve(const std::string& column) {
     }
     throw ExportError("\"" + column + "\": the view has no such column");
 }
+
+struct Sample {
+    std::int64_t measuredMs = 0;
+    std::int64_t instance = 0;
+    std::vector<Cell> values;
+};
+
+/// The samples of one event in the order of measured time.
+class Samples {
+  public:
+    Samples(const Lend& lend, const Selection& selection, const Event& event,
+            const std::vector<const EventField*>& fields, std::optional<std::int64_t> instance)
+        : m_lend(lend) {
+        lend([&](Sql& sql) {
+            const Dialect dialect = sql.dialect();
+            m_statement = std::string("SELECT s.measured, s.instance, ") + rowExpression(dialect);
+            for (const EventField* field : fields) {
+                const std::string value = valueOf(*field, dialect);
+                // SQLite would shorten a number on its way to a text.
+                m_statement += ", " + (dialect == Dialect::Sqlite ? value : "CAST(" + value + " AS TEXT)");
+            }
+            m_statement +=
+                " FROM samples s WHERE s.vehicle = $1 AND s.event = $2 AND s.measured < $3 AND (s.measured, "
+                "s.instance, " +
+                std::string(rowExpression(dialect)) + ") > ($4, $5, $6)" +
+                (instance ? " AND s.instance = $7" : "") + " ORDER BY 1, 2, 3 LIMIT " + std::to_string(kRows);
+            const Place start = Place::before(selection.fromMs, dialect);
+            m_parameters = {idOf(sql, selection.vehicle),
+                            eventId(sql, event),
+                            selection.toMs,
+                            start.measuredMs,
+                            start.instance,
+                            start.row};
+            if (instance) {
+                m_parameters.emplace_back(*instance);
+            }
+        });
+    }
+
+    /// Null after the last one.
+    const Sample* front() {
+        if (m_at == m_page.size() && m_more) {
+            read();
+        }
+        return m_at < m_page.size() ? &m_page[m_at] : nullptr;
+    }
+    void pop() { ++m_at; }
+
+  private:
+    static constexpr std::size_t kRows = 1000;
+    static constexpr std::size_t kBytes = 1u << 20;  ///< of texts, as nobody limits those of a vehicle
+
+    void read() {
+        m_page.clear();
+        m_at = 0;
+        std::size_t bytes = 0;
+        std::vector<Cell> last;
+        m_lend([&](Sql& sql) {
+            sql.stream(m_statement, m_parameters, [&](const Row& row) {
+                m_page.push_back({integer(row[0]), integer(row[1]), {row.begin() + 3, row.end()}});
+                for (const Cell& cell : row) {
+                    const auto* const words = std::get_if<std::string>(&cell);
+                    bytes += words == nullptr ? 0 : words->size();
+                }
+                last.assign(row.begin(), row.begin() + 3);
+                return bytes < kBytes;
+            });
+        });
+        m_more = m_page.size() == kRows || bytes >= kBytes;
+        std::ranges::copy(last, m_parameters.begin() + 3);
+    }
+
+    const Lend& m_lend;
+    std::string m_statement;
+    std::vector<Cell> m_parameters;
+    std::vector<Sample> m_page;
+    std::size_t m_at = 0;  ///< in m_page
+    bool m_more = true;
+};
 
 }  // namespace
 
@@ -110,101 +189,124 @@ std::int64_t utcMs(const std::string& text) {
     return chrono::duration_cast<chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
-std::size_t exportCsv(Sql& sql, const Selection& selection, std::ostream& out) {
-    const std::int64_t vehicle = idOf(sql, selection.vehicle);
+std::size_t exportCsv(const Lend& lend, const Selection& selection, std::ostream& out) {
     if (selection.columns.empty()) {
         throw ExportError("no column is chosen");
     }
-    std::string statement;
-    std::map<const Event*, std::string> selects;
+    struct Source {
+        std::vector<const EventField*> fields;
+        std::vector<std::size_t> columns;  ///< of the output, one for each field
+        std::unique_ptr<Samples> samples;
+    };
+    std::map<const Event*, Source> sources;
+    std::string head = "time,instance";
     for (std::size_t i = 0; i < selection.columns.size(); ++i) {
-        selects[resolve(selection.columns[i]).first];
+        const auto [event, field] = resolve(selection.columns[i]);
+        sources[event].fields.push_back(field);
+        sources[event].columns.push_back(i);
+        head += ',' + selection.columns[i];
     }
-    for (auto& [event, select] : selects) {
-        select = "SELECT time_ms, instance";
-        for (const std::string& column : selection.columns) {
-            const auto [of, field] = resolve(column);
-            select += of == event ? ", " + asText("\"" + std::string(field->column) + "\"", sql.dialect())
-                                  : ", NULL";
-        }
-        select += " FROM \"" + std::string(event->view) +
-                  "\" WHERE vehicle = (SELECT name FROM vehicles WHERE id = $1) AND time_ms >= $2 AND "
-                  "time_ms < $3" +
-                  (selection.instance ? " AND instance = $4" : "");
-        statement += (statement.empty() ? "" : " UNION ALL ") + select;
+    for (auto& [event, source] : sources) {
+        source.samples =
+            std::make_unique<Samples>(lend, selection, *event, source.fields, selection.instance);
     }
-    statement += " ORDER BY 1";
-    out << "time,instance";
-    for (const std::string& column : selection.columns) {
-        out << ',' << column;
-    }
-    out << "\r\n";
+    out << head << "\r\n";
     std::size_t rows = 0;
-    std::vector<Cell> parameters{vehicle, selection.fromMs, selection.toMs};
-    if (selection.instance) {
-        parameters.emplace_back(*selection.instance);
-    }
-    sql.stream(statement, parameters, [&](const Row& row) {
-        out << utcText(integer(row[0]));
-        for (std::size_t i = 1; i < row.size(); ++i) {
-            out << ',' << csvCell(row[i]);
+    for (; out.good(); ++rows) {
+        Source* earliest = nullptr;
+        for (auto& [event, source] : sources) {
+            if (source.samples->front() != nullptr &&
+                (earliest == nullptr ||
+                 source.samples->front()->measuredMs < earliest->samples->front()->measuredMs)) {
+                earliest = &source;
+            }
+        }
+        if (earliest == nullptr) {
+            break;
+        }
+        const Sample& sample = *earliest->samples->front();
+        std::vector<std::string> cells(selection.columns.size());
+        for (std::size_t i = 0; i < sample.values.size(); ++i) {
+            cells[earliest->columns[i]] = csvCell(sample.values[i]);
+        }
+        out << utcText(sample.measuredMs) << ',' << sample.instance;
+        for (const std::string& cell : cells) {
+            out << ',' << cell;
         }
         out << "\r\n";
-        ++rows;
-        return out.good();
-    });
+        earliest->samples->pop();
+    }
     return rows;
 }
 
-std::size_t exportGpx(Sql& sql, const Selection& selection, std::ostream& out) {
-    idOf(sql, selection.vehicle);
-    // Several solutions are several tracks; the usual one has the most points.
-    const Cell within[] = {selection.vehicle, selection.fromMs, selection.toMs};
-    const auto instances = sql.query(
-        "SELECT instance FROM gnss_positions WHERE vehicle = $1 AND time_ms >= $2 AND time_ms < $3 "
-        "GROUP BY instance ORDER BY COUNT(*) DESC, instance LIMIT 1",
-        within);
-    const std::int64_t instance =
-        selection.instance.value_or(instances.empty() ? 0 : integer(instances[0][0]));
+std::size_t exportGpx(const Lend& lend, const Selection& selection, std::ostream& out) {
+    const Event& event = *findView("gnss_positions");
+    std::optional<std::int64_t> instance = selection.instance;
+    lend([&](Sql& sql) {
+        // Several solutions are several tracks; the usual one has the most points.
+        const Cell within[] = {idOf(sql, selection.vehicle), eventId(sql, event), selection.fromMs,
+                               selection.toMs};
+        const auto found = sql.query(
+            "SELECT instance FROM samples WHERE vehicle = $1 AND event = $2 AND measured >= $3 AND measured "
+            "< $4 GROUP BY instance ORDER BY COUNT(*) DESC, instance LIMIT 1",
+            within);
+        instance = instance.value_or(found.empty() ? 0 : integer(found[0][0]));
+    });
+    Samples samples(lend, selection, event,
+                    {event.field("latitude"), event.field("longitude"), event.field("altitudeMeanSeaLevel")},
+                    instance);
     out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
            "<gpx version=\"1.1\" creator=\"vlm-backend\" "
            "xmlns=\"http://www.topografix.com/GPX/1/1\">\n<trk><name>"
         << xmlText(selection.vehicle) << "</name><trkseg>\n";
+    const auto isNull = [](const Cell& cell) { return std::holds_alternative<std::monostate>(cell); };
     std::size_t points = 0;
-    const Cell parameters[] = {selection.vehicle, selection.fromMs, selection.toMs, instance};
-    sql.stream(
-        "SELECT time_ms, latitude, longitude, altitude_mean_sea_level FROM gnss_positions WHERE vehicle = $1 "
-        "AND time_ms >= $2 AND time_ms < $3 AND instance = $4 AND latitude IS NOT NULL AND longitude IS NOT "
-        "NULL ORDER BY time_ms",
-        parameters, [&](const Row& row) {
-            out << "<trkpt lat=\"" << text(row[1]) << "\" lon=\"" << text(row[2]) << "\">";
-            if (!std::holds_alternative<std::monostate>(row[3])) {
-                out << "<ele>" << text(row[3]) << "</ele>";
-            }
-            out << "<time>" << utcText(integer(row[0])) << "</time></trkpt>\n";
-            ++points;
-            return out.good();
-        });
+    for (; out.good() && samples.front() != nullptr; samples.pop()) {
+        const Sample& sample = *samples.front();
+        if (isNull(sample.values[0]) || isNull(sample.values[1])) {
+            continue;
+        }
+        out << "<trkpt lat=\"" << text(sample.values[0]) << "\" lon=\"" << text(sample.values[1]) << "\">";
+        if (!isNull(sample.values[2])) {
+            out << "<ele>" << text(sample.values[2]) << "</ele>";
+        }
+        out << "<time>" << utcText(sample.measuredMs) << "</time></trkpt>\n";
+        ++points;
+    }
     out << "</trkseg></trk>\n</gpx>\n";
     return points;
 }
 
-std::size_t exportEnvelopes(Sql& sql, const Selection& selection, std::ostream& out) {
-    const Cell parameters[] = {idOf(sql, selection.vehicle), selection.fromMs, selection.toMs};
+std::size_t exportEnvelopes(const Lend& lend, const Selection& selection, std::ostream& out) {
+    std::vector<std::int64_t> reports;  // eight bytes each: a vehicle's year of one a minute has 4 MB
+    lend([&](Sql& sql) {
+        const Cell parameters[] = {idOf(sql, selection.vehicle), selection.fromMs, selection.toMs};
+        sql.stream(
+            "SELECT id FROM reports WHERE vehicle = $1 AND measured_to >= $2 AND measured_from < $3 ORDER BY "
+            "id",
+            parameters, [&](const Row& row) {
+                reports.push_back(integer(row[0]));
+                return true;
+            });
+    });
     std::size_t lines = 0;
-    sql.stream(
-        "SELECT envelope FROM reports WHERE vehicle = $1 AND measured_to >= $2 AND measured_from < $3 ORDER "
-        "BY id",
-        parameters, [&](const Row& row) {
-            std::string envelope;
-            std::string error;
-            if (!kyo::orx::decompress(kyo::orx::Encoding::Zstd, text(row[0]), envelope, error)) {
-                throw DatabaseError("an envelope cannot be read back: " + error);
-            }
-            out << envelope << '\n';
-            ++lines;
-            return out.good();
+    for (auto next = reports.begin(); next != reports.end() && out.good(); ++next) {
+        std::vector<Row> rows;
+        lend([&](Sql& sql) {
+            const Cell parameter[] = {*next};
+            rows = sql.query("SELECT envelope FROM reports WHERE id = $1", parameter);
         });
+        if (rows.empty()) {
+            continue;  // deleted by now
+        }
+        std::string envelope;
+        std::string error;
+        if (!kyo::orx::decompress(kyo::orx::Encoding::Zstd, text(rows[0][0]), envelope, error)) {
+            throw DatabaseError("an envelope cannot be read back: " + error);
+        }
+        out << envelope << '\n';
+        ++lines;
+    }
     return lines;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <ostream>
@@ -24,16 +25,21 @@ struct Selection {
     std::optional<std::int64_t> instance;
 };
 
-/// Each writes row by row and returns how many rows it wrote. They throw ExportError and DatabaseError.
+/// Lends a connection to `work`, which reads for a short time.
+using Lend = std::function<void(const std::function<void(Sql& sql)>& work)>;
+
+/// Each writes row by row and returns how many rows it wrote. They throw ExportError and DatabaseError. They
+/// read a part at a time, and while `out` waits they hold neither a connection nor a transaction. What is
+/// stored or deleted meanwhile may be in the output or not.
 
 /// One line per sample, in the order of measured times: time (UTC, milliseconds), instance, chosen columns.
 /// Columns of other events than the sample's are empty.
-std::size_t exportCsv(Sql& sql, const Selection& selection, std::ostream& out);
+std::size_t exportCsv(const Lend& lend, const Selection& selection, std::ostream& out);
 /// The positions of gnss_positions as one GPX 1.1 track.
-std::size_t exportGpx(Sql& sql, const Selection& selection, std::ostream& out);
+std::size_t exportGpx(const Lend& lend, const Selection& selection, std::ostream& out);
 /// Envelopes as they arrived, one per line, in order of arrival: those whose first to last measured time
 /// overlaps the time range.
-std::size_t exportEnvelopes(Sql& sql, const Selection& selection, std::ostream& out);
+std::size_t exportEnvelopes(const Lend& lend, const Selection& selection, std::ostream& out);
 
 /// "2026-11-25T10:00:00.000Z".
 std::string utcText(std::int64_t ms);

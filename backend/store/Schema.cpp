@@ -150,26 +150,6 @@ std::string meaningOf(const EventField& field) {
                               : std::string(field.unit) + ": " + std::string(field.meaning);
 }
 
-std::string valueOf(const EventField& field, Dialect dialect) {
-    if (dialect == Dialect::Sqlite) {
-        return "json_extract(s.vals, '$." + std::string(field.name) + "')";
-    }
-    std::string member = "(s.vals ->> " + inQuotes(field.name) + ")";
-    switch (field.kind) {
-        case Kind::Boolean:
-            return member + "::boolean";
-        case Kind::Integer:
-            return member + "::bigint";
-        case Kind::Unsigned64:
-            return member + "::numeric";
-        case Kind::Real:
-            return member + "::double precision";
-        case Kind::Text:
-            break;
-    }
-    return member;
-}
-
 std::string timeOf(std::string_view column, Dialect dialect) {
     return dialect == Dialect::Sqlite
                ? "strftime('%Y-%m-%dT%H:%M:%fZ', " + std::string(column) + " / 1000.0, 'unixepoch')"
@@ -243,6 +223,26 @@ void writeViews(Sql& sql) {
 }
 
 }  // namespace
+
+std::string valueOf(const EventField& field, Dialect dialect) {
+    if (dialect == Dialect::Sqlite) {
+        return "json_extract(s.vals, '$." + std::string(field.name) + "')";
+    }
+    std::string member = "(s.vals ->> " + inQuotes(field.name) + ")";
+    switch (field.kind) {
+        case Kind::Boolean:
+            return member + "::boolean";
+        case Kind::Integer:
+            return member + "::bigint";
+        case Kind::Unsigned64:
+            return member + "::numeric";
+        case Kind::Real:
+            return member + "::double precision";
+        case Kind::Text:
+            break;
+    }
+    return member;
+}
 
 int newestVersion() {
     return static_cast<int>(kMigrations.size());

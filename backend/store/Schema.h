@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include "backend/store/Events.h"
 #include "backend/store/Sql.h"
 
 namespace vlmBackend::store {
@@ -16,5 +17,8 @@ void migrate(Sql& sql, int version = newestVersion());
 /// The statement that makes an event's view: one column per field, its unit and meaning as a comment (SQLite:
 /// in the text of the view, PostgreSQL: on the column).
 std::vector<std::string> viewStatements(Dialect dialect);
+
+/// A field of "samples s" as the views have it.
+std::string valueOf(const EventField& field, Dialect dialect);
 
 }  // namespace vlmBackend::store

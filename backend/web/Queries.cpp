@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "backend/store/Samples.h"
 #include "backend/web/Router.h"
 
 namespace vlmBackend::web {
@@ -14,6 +15,7 @@ namespace vlmBackend::web {
 using kyo::Json::Value;
 using store::Cell;
 using store::Dialect;
+using store::eventId;
 using store::integer;
 using store::real;
 using store::Row;
@@ -84,12 +86,6 @@ struct Choice {
     std::int64_t fromMs = 0;
     std::int64_t toMs = 0;
 };
-
-std::int64_t eventId(Sql& sql, const Event& event) {
-    const Cell parameters[] = {std::string(event.service), std::string(event.resource)};
-    const auto rows = sql.query("SELECT id FROM events WHERE service = $1 AND resource = $2", parameters);
-    return rows.empty() ? 0 : integer(rows[0][0]);
-}
 
 Choice choose(Sql& sql, const std::string& vehicle, const Event& event, const Range& range) {
     Choice out;
@@ -326,21 +322,38 @@ Value latest(Sql& sql, const std::string& vehicle) {
 }
 
 Value samples(Sql& sql, const std::string& vehicle, const Event& event, const Range& range,
-              std::int64_t limit) {
+              const std::string& after, std::int64_t limit) {
     Choice choice = choose(sql, vehicle, event, range);
+    const std::string row = store::rowExpression(sql.dialect());
     std::string only;
-    choice.parameters.emplace_back(limit);
+    const auto parameter = [&choice](Cell cell) {
+        choice.parameters.push_back(std::move(cell));
+        return "$" + std::to_string(choice.parameters.size());
+    };
     if (range.instance) {
-        choice.parameters.emplace_back(*range.instance);
-        only = " AND instance = $6";
+        only += " AND instance = " + parameter(*range.instance);
     }
+    if (!after.empty()) {
+        const auto place = store::Place::read(after, sql.dialect());
+        if (!place) {
+            throw Problem(400, "after: \"" + after + "\" is no cursor of a sample");
+        }
+        // What is newer is not even looked at in the index.
+        auto& end = std::get<std::int64_t>(choice.parameters[3]);
+        end = std::min(end - 1, place->measuredMs) + 1;
+        only += " AND (measured, instance, " + row + ") < (" + parameter(place->measuredMs) + ", " +
+                parameter(place->instance) + ", " + parameter(place->row) + ")";
+    }
+    const std::string statement = "SELECT instance, measured, received, CAST(vals AS TEXT), " + row +
+                                  " FROM samples s WHERE " + choice.where + only +
+                                  " ORDER BY measured DESC, instance DESC, 5 DESC LIMIT " + parameter(limit);
     Value out(kyo::Json::arrayValue);
-    sql.stream("SELECT instance, measured, received, CAST(vals AS TEXT) FROM samples WHERE " + choice.where +
-                   only + " ORDER BY measured DESC LIMIT $5",
-               choice.parameters, [&](const Row& row) {
-                   out.append(sampleOf(event, row, 0));
-                   return true;
-               });
+    sql.stream(statement, choice.parameters, [&](const Row& found) {
+        Value sample = sampleOf(event, found, 0);
+        sample["cursor"] = store::Place{integer(found[1]), integer(found[0]), found[4]}.text();
+        out.append(std::move(sample));
+        return true;
+    });
     return out;
 }
 

@@ -36,9 +36,10 @@ kyo::Json::Value vehicle(store::Sql& sql, const std::string& name);
 std::int64_t vehicleId(store::Sql& sql, const std::string& name);
 
 kyo::Json::Value latest(store::Sql& sql, const std::string& vehicle);
-/// The newest first, of all instances unless the range names one.
+/// The newest first, of all instances unless the range names one. `after`: the cursor of the sample that
+/// they follow; empty: the range's end.
 kyo::Json::Value samples(store::Sql& sql, const std::string& vehicle, const Event& event, const Range& range,
-                         std::int64_t limit);
+                         const std::string& after, std::int64_t limit);
 kyo::Json::Value track(store::Sql& sql, const std::string& vehicle, const Range& range, std::int64_t points);
 kyo::Json::Value series(store::Sql& sql, const std::string& vehicle, const Event& event,
                         const EventField& field, const Range& range, std::int64_t bins);

@@ -1,7 +1,9 @@
 #include "backend/web/ReadApi.h"
 
 #include <algorithm>
+#include <memory>
 #include <ostream>
+#include <semaphore>
 #include <streambuf>
 #include <string>
 #include <utility>
@@ -16,12 +18,18 @@ namespace {
 
 using kyo::Json::Value;
 
-constexpr std::chrono::minutes kLongestExport{10};
+/// Each has a connection of the server for as long as its client takes.
+constexpr std::ptrdiff_t kMostExports = 16;
 constexpr std::size_t kMostColumns = 64;
 constexpr std::int64_t kMostVehicles = 1000;
 
 Range rangeOf(const Request& request) {
     return {request.number("from"), request.number("to"), request.number("instance")};
+}
+
+std::string optional(const Request& request, const char* name, const char* otherwise = "") {
+    const auto found = request.query.find(name);
+    return found == request.query.end() ? otherwise : found->second;
 }
 
 const Event& viewOf(const std::string& name) {
@@ -78,11 +86,11 @@ std::string fileName(std::string name) {
     return name;
 }
 
-Response exported(Readers& readers, const Request& request) {
+Response exported(Readers& readers, std::counting_semaphore<>& free, const Request& request) {
     struct Form {
         const char* name;
         const char* type;
-        std::size_t (*write)(store::Sql&, const store::Selection&, std::ostream&);
+        std::size_t (*write)(const store::Lend&, const store::Selection&, std::ostream&);
     };
     constexpr Form forms[] = {{"csv", "text/csv; charset=utf-8", store::exportCsv},
                               {"gpx", "application/gpx+xml", store::exportGpx},
@@ -116,10 +124,15 @@ Response exported(Readers& readers, const Request& request) {
     out.type = form->type;
     out.headers.emplace_back("Content-Disposition", "attachment; filename=\"" + fileName(selection.vehicle) +
                                                         "." + form->name + "\"");
-    out.stream = [&readers, selection, write = form->write](const Put& put) {
+    if (!free.try_acquire()) {
+        throw Problem(503, "too many exports: at most " + std::to_string(kMostExports) + " at once");
+    }
+    // Counted until the answer is destroyed, whether its stream was asked for or not.
+    const std::shared_ptr<void> counted(&free, [&free](void*) { free.release(); });
+    out.stream = [&readers, counted, selection, write = form->write](const Put& put) {
         Parts parts(put);
         std::ostream stream(&parts);
-        readers.use([&](store::Sql& sql) { write(sql, selection, stream); }, kLongestExport);
+        write([&readers](const auto& work) { readers.use(work); }, selection, stream);
         stream.flush();
     };
     return out;
@@ -127,7 +140,7 @@ Response exported(Readers& readers, const Request& request) {
 
 }  // namespace
 
-void addReadRoutes(Router& router, Readers& readers) {
+void addReadRoutes(Router& router, Readers& readers, Readers& exportReaders) {
     // Adds a route whose answer is one value from the database.
     const auto add = [&router, &readers](const std::string& pattern, auto query) {
         router.add("GET", pattern, Role::View, [&readers, query](const Request& request) {
@@ -138,12 +151,9 @@ void addReadRoutes(Router& router, Readers& readers) {
     };
     router.add("GET", "/api/catalog", Role::View, [](const Request&) { return Response::of(catalog()); });
     add("/api/vehicles", [](store::Sql& sql, const Request& request) {
-        const auto text = [&request](const char* name, const char* otherwise) {
-            const auto found = request.query.find(name);
-            return found == request.query.end() ? std::string(otherwise) : found->second;
-        };
-        return vehicles(sql, {text("search", ""), text("show", "all"), text("after", ""),
-                              request.number("limit", 1, kMostVehicles).value_or(kMostVehicles)});
+        return vehicles(
+            sql, {optional(request, "search"), optional(request, "show", "all"), optional(request, "after"),
+                  request.number("limit", 1, kMostVehicles).value_or(kMostVehicles)});
     });
     add("/api/fleet", [](store::Sql& sql, const Request&) { return fleet(sql); });
     add("/api/vehicles/{vehicle}",
@@ -152,7 +162,7 @@ void addReadRoutes(Router& router, Readers& readers) {
         [](store::Sql& sql, const Request& request) { return latest(sql, request.parameter("vehicle")); });
     add("/api/vehicles/{vehicle}/samples", [](store::Sql& sql, const Request& request) {
         const Event& event = viewOf(request.required("view"));
-        return samples(sql, request.parameter("vehicle"), event, rangeOf(request),
+        return samples(sql, request.parameter("vehicle"), event, rangeOf(request), optional(request, "after"),
                        request.number("limit", 1, 1000).value_or(100));
     });
     add("/api/vehicles/{vehicle}/track", [](store::Sql& sql, const Request& request) {
@@ -165,11 +175,10 @@ void addReadRoutes(Router& router, Readers& readers) {
                       request.number("width", 1, 10'000).value_or(1000));
     });
     router.add("GET", "/api/vehicles/{vehicle}/export", Role::View,
-               [&readers](const Request& request) { return exported(readers, request); });
-    add("/api/unusable", [](store::Sql& sql, const Request& request) {
-        const auto found = request.query.find("vehicle");
-        return unusable(sql, found == request.query.end() ? "" : found->second);
-    });
+               [&exportReaders, free = std::make_shared<std::counting_semaphore<>>(kMostExports)](
+                   const Request& request) { return exported(exportReaders, *free, request); });
+    add("/api/unusable",
+        [](store::Sql& sql, const Request& request) { return unusable(sql, optional(request, "vehicle")); });
     router.add("GET", "/api/unusable/{id}", Role::View, [&readers](const Request& request) {
         Request asked = request;
         asked.query["id"] = request.parameter("id");

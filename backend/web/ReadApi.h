@@ -4,7 +4,8 @@
 
 namespace vlmBackend::web {
 
-/// Adds what is read from the database. The readers outlive the router.
-void addReadRoutes(Router& router, Readers& readers);
+/// Adds what is read from the database. Exports have readers of their own. Both
+/// outlive the router.
+void addReadRoutes(Router& router, Readers& readers, Readers& exportReaders);
 
 }  // namespace vlmBackend::web

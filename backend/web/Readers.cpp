@@ -7,7 +7,7 @@ namespace vlmBackend::web {
 std::unique_ptr<store::Sql> Readers::take() {
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (!m_returned.wait_for(lock, kLongestWait, [this] { return m_lent < kMost; })) {
+        if (!m_returned.wait_for(lock, kLongestWait, [this] { return m_lent < m_most; })) {
             throw Problem(503, "the database is busy with other requests");
         }
         ++m_lent;
@@ -28,7 +28,7 @@ void Readers::end() {
     }
 }
 
-void Readers::use(const std::function<void(store::Sql& sql)>& work, std::chrono::milliseconds longest) {
+void Readers::use(const std::function<void(store::Sql& sql)>& work) {
     std::unique_ptr<store::Sql> sql = take();
     bool good = false;
     // Also when something is thrown. A connection that may have failed is not used again.
@@ -45,7 +45,7 @@ void Readers::use(const std::function<void(store::Sql& sql)>& work, std::chrono:
     if (!sql) {
         sql = store::connect(m_where, true);
     }
-    sql->limitTime(longest);
+    sql->limitTime(kLongestQuery);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_ending) {

@@ -15,16 +15,15 @@ namespace vlmBackend::web {
 /// A few connections to the database that only read, lent to one request at a time. Any thread.
 class Readers {
   public:
-    static constexpr std::size_t kMost = 6;
     static constexpr std::chrono::seconds kLongestWait{10};   ///< for a connection
     static constexpr std::chrono::seconds kLongestQuery{30};  ///< a longer one ends with a DatabaseError
 
-    explicit Readers(std::string where) : m_where(std::move(where)) {}
+    /// `most`: connections.
+    Readers(std::string where, std::size_t most) : m_where(std::move(where)), m_most(most) {}
 
     /// Throws what `work` throws; Problem when all connections are in use for too long; DatabaseError. `work`
-    /// does not wait for a client for ever: an open query keeps SQLite's log growing.
-    void use(const std::function<void(store::Sql& sql)>& work,
-             std::chrono::milliseconds longest = kLongestQuery);
+    /// waits for no client: others need the connection, and an open query keeps SQLite's log growing.
+    void use(const std::function<void(store::Sql& sql)>& work);
 
     /// Running queries fail now, and further ones are refused.
     void end();
@@ -33,6 +32,7 @@ class Readers {
     std::unique_ptr<store::Sql> take();
 
     const std::string m_where;
+    const std::size_t m_most;
     std::mutex m_mutex;
     std::condition_variable m_returned;
     std::vector<std::unique_ptr<store::Sql>> m_idle;  ///< guarded by m_mutex

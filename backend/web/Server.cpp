@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
@@ -33,9 +34,13 @@ using std::chrono::seconds;
 constexpr std::size_t kMostConnections = 64;
 constexpr std::size_t kMostHeadBytes = 16u << 10;
 constexpr std::size_t kMostBodyBytes = 8u << 20;
-constexpr seconds kIdle{10};                 ///< a connection without a request
-constexpr seconds kRequestLimit{20};         ///< from a request's first byte to its last
-constexpr seconds kWriteLimit{10};           ///< a client that takes nothing
+constexpr seconds kIdle{10};          ///< a connection without a request
+constexpr seconds kRequestLimit{20};  ///< from a request's first byte to its last
+/// A client that takes nothing. One that takes kSlowest tells that its buffer has room again only once a
+/// sixteenth of it is empty: 25 s of the kernel's usual 6 MiB.
+constexpr seconds kWriteLimit{30};
+/// Bytes that wait for a client's room; without a limit megabytes do, and nothing is seen of what it takes.
+constexpr int kMostUnsent = 64 << 10;
 constexpr std::size_t kSlowest = 16u << 10;  ///< bytes a second that a client takes of a long answer
 constexpr int kMostRequests = 1000;          ///< of one connection
 
@@ -72,6 +77,7 @@ class Connection : public httplib::Stream {
   public:
     Connection(int socket, SSL_CTX* context) : m_socket(socket), m_ssl(nullptr, &::SSL_free) {
         ::fcntl(socket, F_SETFL, ::fcntl(socket, F_GETFL) | O_NONBLOCK);
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMostUnsent, sizeof kMostUnsent);
         if (context != nullptr) {
             m_ssl.reset(::SSL_new(context));
             ::SSL_set_fd(m_ssl.get(), socket);

@@ -8,6 +8,9 @@ namespace vlmBackend::web {
 
 namespace {
 
+constexpr std::size_t kReaders = 6;
+constexpr std::size_t kExportReaders = 2;
+
 /// The tiles' site, for the content security policy: "https://tiles.example" of
 /// "https://tiles.example/{z}/{x}/{y}".
 std::string siteOf(const std::string& address) {
@@ -25,13 +28,14 @@ ServiceSettings completed(ServiceSettings settings) {
 
 Service::Service(ServiceSettings settings)
     : m_settings(completed(std::move(settings))),
-      m_readers(m_settings.database),
+      m_readers(m_settings.database, kReaders),
+      m_exportReaders(m_settings.database, kExportReaders),
       m_page(m_settings.page),
       m_access(m_settings.access),
       m_machine(m_settings.machine, m_settings.machineLog),
       m_updates(m_readers, m_metrics),
       m_configure({m_settings.database, m_settings.catalog, m_settings.assignmentsChanged}, m_readers) {
-    addReadRoutes(m_router, m_readers);
+    addReadRoutes(m_router, m_readers, m_exportReaders);
     m_updates.addRoutes(m_router);
     m_machine.addRoutes(m_router);
     m_configure.addRoutes(m_router);
@@ -41,6 +45,7 @@ Service::Service(ServiceSettings settings)
 Service::~Service() {
     m_updates.end();
     m_readers.end();
+    m_exportReaders.end();
 }
 
 void Service::start() {

@@ -52,6 +52,7 @@ class Service {
     const ServiceSettings m_settings;
     Metrics m_metrics;
     Readers m_readers;
+    Readers m_exportReaders;  ///< exports wait for each other, and nobody waits for them
     Page m_page;
     Access m_access;
     Machine m_machine;

@@ -29,7 +29,7 @@ struct Served {
         std::filesystem::create_directories(folder.file("page"));
         std::ofstream(folder.file("page/index.html")) << "page";
         std::ofstream(folder.file("secret")) << kOutside;
-        web::addReadRoutes(router, readers);
+        web::addReadRoutes(router, readers, readers);
         router.add("PUT", "/api/json", web::Role::Configure,
                    [](const web::Request& request) { return web::Response::of(request.json()); });
         router.addOthers(web::Role::View,
@@ -39,7 +39,7 @@ struct Served {
     const vlmTest::TemporaryFolder folder;
     const std::string file = folder.file("vehicles.db");
     store::Store store{file};
-    web::Readers readers{file};
+    web::Readers readers{file, 2};
     web::Page page{folder.file("page")};
     web::Router router;
 };

@@ -88,6 +88,8 @@ export interface Sample {
   measuredMs: number;
   receivedMs: number;
   values: Record<string, unknown>;
+  /** Of a page of samples: what follows this one. */
+  cursor?: string;
 }
 
 export interface Track {

@@ -92,7 +92,7 @@ struct WithRoutes : WithStore {
         return router.handle(target, request);
     }
 
-    vlmBackend::web::Readers readers{where};
+    vlmBackend::web::Readers readers{where, 2};
     vlmBackend::web::Router router;
 };
 

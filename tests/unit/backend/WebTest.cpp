@@ -16,7 +16,7 @@ using namespace vlmTest;
 constexpr std::int64_t kNow = 1'700'000'000'000;
 
 struct WebTest : WithRoutes {
-    WebTest() { addReadRoutes(router, readers); }
+    WebTest() { addReadRoutes(router, readers, readers); }
 
     void arrive(const std::string& id, const std::string& samples) {
         ASSERT_EQ(WithRoutes::arrive("vlm/a b", envelopeText(id, samples), kNow + 500),
@@ -68,6 +68,7 @@ TEST_P(WebTest, NamesWhatIsWrongWithARequestAndWhoMayMakeIt) {
         {"series?column=a%27b.c", "is no view"},
         {"series", "column: is missing"},
         {"samples?view=gnss_positions&limit=1001", "limit: "},
+        {"samples?view=gnss_positions&after=1_2", "is no cursor"},
         {"export?form=xml", "form: csv, gpx or jsonl"},
         {"export?form=csv&columns=gnss_positions.latitude,x", "is no view"},
     };
@@ -122,9 +123,10 @@ TEST_P(WebTest, ReducesASeriesToTheExtremesOfEachBin) {
         plan, HasSubstr("USING INDEX samples_by_time (vehicle=? AND event=? AND measured>? AND measured<?)"));
 }
 
-TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
+TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotalsAndPagesGoOnAmongSamplesOfOneTime) {
     arrive("a", "[" + positionText(kNow, 48, 9) + "]");
-    arrive("b", "[" + positionText(kNow + 9, 49, 9) + "," + positionText(kNow + 8, 50, 9) + "]");
+    arrive("b", "[" + positionText(kNow + 9, 49, 9) + "," + positionText(kNow + 8, 50, 9) + "," +
+                    positionText(kNow + 8, 52, 9) + "]");
     arrive("late", "[" + positionText(kNow - 9, 51, 9) + "]");
     const store::Received broken{"vlm/a b", "no envelope", "", "", 10, kNow};
     store.put({&broken, 1});
@@ -136,7 +138,7 @@ TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
     EXPECT_EQ(latest[0]["receivedMs"].asInt64(), kNow + 500);
     const Value vehicle = ask("");
     EXPECT_EQ(vehicle["reports"].asInt(), 3);
-    EXPECT_EQ(vehicle["samples"].asInt(), 4);
+    EXPECT_EQ(vehicle["samples"].asInt(), 5);
     EXPECT_EQ(vehicle["unusable"].asInt(), 1);
     EXPECT_EQ(vehicle["measuredFromMs"].asInt64(), kNow - 9);
     EXPECT_EQ(vehicle["measuredToMs"].asInt64(), kNow + 9);
@@ -144,6 +146,16 @@ TEST_P(WebTest, KeepsTheNewestSampleByMeasuredTimeAndTheTotals) {
     ASSERT_EQ(unusable.size(), 1u);
     EXPECT_EQ(get("/api/unusable/" + unusable[0]["id"].asString()).body, "no envelope");
     EXPECT_EQ(get("/api/unusable/99").status, 404);
+
+    std::string after;
+    std::string pages;
+    for (int page = 0; page < 3; ++page) {
+        for (const Value& sample : ask("/samples?view=gnss_positions&limit=2&after=" + after)) {
+            pages += sample["values"]["latitude"].asString() + " ";
+            after = sample["cursor"].asString();
+        }
+    }
+    EXPECT_EQ(pages, "49.0 52.0 50.0 48.0 51.0 ");
 
     store.deleteBefore(kNow + 86'400'000);
     EXPECT_EQ(ask("/latest").size(), 0u);
@@ -201,13 +213,22 @@ TEST_P(WebTest, ListsVehiclesInPartsAndCountsAll) {
     EXPECT_EQ(valueOf(get("/api/vehicles/van").body)["lost"].asInt(), 7);
 }
 
-TEST_P(WebTest, UpdatesNameWhatChangedAndOnlySayThatMuchDid) {
+TEST_P(WebTest, UpdatesNameWhatChangedMergeItForASlowReaderAndOnlySayThatMuchDid) {
     for (int i = 0; i < 1001; ++i) {
         store.sql().script("INSERT INTO vehicles (name, prefix) VALUES ('v" + std::to_string(i) + "', '')");
     }
     Metrics metrics;
     Updates updates(readers, metrics);
     updates.addRoutes(router);
+    SharedList<std::string> others;
+    std::thread fast([&] {
+        get("/api/updates").stream([&](std::string_view text) {
+            return others.add(std::string(text)), true;
+        });
+    });
+    const auto sawReports = [](const std::string& text, int count) {
+        return text.find("\"reports\":" + std::to_string(count) + "}") != std::string::npos;
+    };
     Response answer = get("/api/updates");
     int events = 0;
     int calls = 0;
@@ -220,18 +241,30 @@ TEST_P(WebTest, UpdatesNameWhatChangedAndOnlySayThatMuchDid) {
             ++events;
         } else if (events == 1 && got.find("\"one\"") != std::string::npos) {
             EXPECT_EQ(got.find("\"v1\""), std::string::npos) << "only what changed";
+            // This reader does not come back before the other has seen each.
+            for (int count = 1; count <= 3; ++count) {
+                store.sql().script("UPDATE vehicles SET reports = " + std::to_string(count) +
+                                   " WHERE name = 'one'");
+                const auto sawThem = [&](const std::string& one) { return sawReports(one, count); };
+                EXPECT_TRUE(eventually([&] { return std::ranges::any_of(others.all(), sawThem); }));
+            }
+            ++events;
+        } else if (events == 2 && !got.empty()) {
+            EXPECT_TRUE(sawReports(got, 3)) << got;
             setPresence("vlm/two", true, kNow - 86'400'000);  // the clock was set back
             ++events;
-        } else if (events == 2 && got.find("\"two\"") != std::string::npos) {
+        } else if (events == 3 && got.find("\"two\"") != std::string::npos) {
             store.sql().script(
                 "UPDATE vehicles SET changed = (SELECT MAX(changed) FROM vehicles), reports = reports + 1");
             ++events;
-        } else if (events == 3 && got.find("event: many") != std::string::npos) {
+        } else if (events == 4 && got.find("event: many") != std::string::npos) {
             ++events;
         }
-        return events < 4 && ++calls < 60;
+        return events < 5 && ++calls < 60;
     });
-    EXPECT_EQ(events, 4);
+    EXPECT_EQ(events, 5);
+    updates.end();
+    fast.join();
 }
 
 TEST(WebAccessTest, AdmitsThisMachineUsersAndTheTokenAndStopsGuessing) {

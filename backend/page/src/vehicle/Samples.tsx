@@ -25,16 +25,15 @@ export function Samples(props: {
 }): JSX.Element {
   const { vehicle, catalog, views, view, instance, range } = props;
   const event = catalog.find((each) => each.view === view);
-  // The times before which a page ends; empty on the newest page.
-  const [ends, setEnds] = useState<number[]>([]);
+  // The cursors of the samples that each older page follows; empty on the newest page.
+  const [ends, setEnds] = useState<string[]>([]);
   const [states, setStates] = useState(false);
   const mode = range.follows ? "follows" : `${range.fromMs} ${range.toMs}`;
   useEffect(() => setEnds([]), [view, instance, mode]);
   const end = ends[ends.length - 1];
-  const toMs = end ?? range.toMs;
   const samples = useLoad(view === "" ? null : `${vehicle} ${view} ${instance} ${end} ${range.follows ? "" : mode}`,
     end === undefined ? `${props.version} ${range.fromMs} ${range.toMs}` : "", (signal) =>
-      get<Sample[]>(["vehicles", vehicle, "samples"], { view, instance, from: range.fromMs, to: toMs, limit: PAGE }, signal));
+      get<Sample[]>(["vehicles", vehicle, "samples"], { view, instance, from: range.fromMs, to: range.toMs, after: end, limit: PAGE }, signal));
   const fields = (event?.fields ?? []).filter((field) => states || !isState(field));
   return (
     <Panel title="Samples" busy={samples.loading} actions={
@@ -99,7 +98,7 @@ export function Samples(props: {
               <p class="more">
                 <button type="button" disabled={ends.length === 0} onClick={() => setEnds(ends.slice(0, -1))}>Newer</button>
                 <button type="button" disabled={all.length < PAGE}
-                  onClick={() => setEnds([...ends, all[all.length - 1]!.measuredMs])}>Older</button>
+                  onClick={() => setEnds([...ends, all[all.length - 1]!.cursor!])}>Older</button>
                 <span class="muted">{ends.length === 0 ? "the newest samples of the range" : "older samples"}</span>
               </p>
             </>
