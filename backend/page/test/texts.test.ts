@@ -1,9 +1,9 @@
 import { expect, it } from "vitest";
-import type { CatalogEvent } from "../src/api";
+import type { CatalogEvent, Sample } from "../src/api";
 import { address } from "../src/api";
 import { bytes, losses, span, value, whole } from "../src/format";
 import { link, parseRoute } from "../src/route";
-import { knownFields, search } from "../src/vehicle/fields";
+import { firstPlots, knownFields, search } from "../src/vehicle/fields";
 
 it("names with any characters survive the address", () => {
   for (const name of ["a/b?c#d", "x & y=1", "50 %", "ü€"]) {
@@ -26,14 +26,15 @@ it("losses are what vlm-status calls lost", () => {
     .toEqual([["spool.dropped.age", 7], ["queue.ingress.dropped", 2]]);
 });
 
-it("a search finds fields by name, unit and meaning, those with samples first", () => {
+it("a search finds fields by name, unit and meaning, those with samples first; the first plot is the vehicle's speed", () => {
   const field = (name: string, unit: string, meaning: string) => ({ name, column: name.toLowerCase(), kind: "real" as const, unit, meaning, values: [] });
   const event = (service: string, fields: ReturnType<typeof field>[]): CatalogEvent => ({ service: `${service}Proxy`, catalogService: service,
-    resource: "info", view: `${service.toLowerCase()}_info`, summary: "", indexes: [], fields });
+    resource: "info", view: `${service.toLowerCase()}_velocity_info`, summary: "", indexes: [], fields });
   const known = knownFields([event("Airbag", [field("speedLimit", "km/h", "Limit.")]),
     event("Chassis", [field("wheelSpeed", "km/h", "Of one wheel."), field("speed", "km/h", "Of the car."), field("torque", "N m", "At the wheels.")])]);
-  const found = (text: string): string[] => search(known.values(), text, new Set(["chassis_info"])).map(({ column }) => column);
-  expect(found("speed")).toEqual(["chassis_info.speed", "chassis_info.wheelspeed", "airbag_info.speedlimit"]);
-  expect(found("at wheels")).toEqual(["chassis_info.torque"]);
-  expect(found("wheel speed")).toEqual(["chassis_info.wheelspeed"]);
+  const found = (text: string): string[] => search(known.values(), text, new Set(["chassis_velocity_info"])).map(({ column }) => column);
+  expect(found("speed")).toEqual(["chassis_velocity_info.speed", "chassis_velocity_info.wheelspeed", "airbag_velocity_info.speedlimit"]);
+  expect(found("at wheels")).toEqual(["chassis_velocity_info.torque"]);
+  expect(found("wheel speed")).toEqual(["chassis_velocity_info.wheelspeed"]);
+  expect(firstPlots(known, ["airbag", "chassis"].map((name) => ({ view: `${name}_velocity_info` }) as Sample))[0]).toMatch(/^chassis/);
 });

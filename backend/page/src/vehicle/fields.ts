@@ -49,6 +49,8 @@ export function search(all: Iterable<Known>, text: string, views: ReadonlySet<st
     .map(({ known }) => known);
 }
 
+/** The view with the vehicle's speed: others have speeds of their own, such as a crash's. */
+const SPEED = "chassis_velocity_info";
 /** What most people want to see first, in this order, as far as the vehicle has it. */
 const FIRST = [/velocity|speed/i, /altitude/i, /stateOfCharge|range/i, /temperature/i, /power|torque/i];
 
@@ -56,7 +58,8 @@ export function firstPlots(known: Map<string, Known>, latest: Sample[], most = 3
   const views = [...new Set(latest.map((sample) => sample.view))].sort();
   const candidates = [...known.values()].filter(({ event, field }) => views.includes(event.view)
     && (field.kind === "real" || field.kind === "integer") && field.unit !== "" && field.values.length === 0
-    && !/accuracy|deviation|latency|counter|time|nanoseconds|seconds/i.test(field.name));
+    && !/accuracy|deviation|latency|counter|time|nanoseconds|seconds/i.test(field.name))
+    .sort((a, b) => Number(b.event.view === SPEED) - Number(a.event.view === SPEED));
   const chosen: Known[] = [];
   for (const wanted of FIRST) {
     const found = candidates.find((candidate) => wanted.test(candidate.field.name) && !chosen.includes(candidate)
