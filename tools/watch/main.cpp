@@ -436,7 +436,7 @@ class Program {
         }
         const double seconds = std::chrono::duration<double>(Clock::now() - m_begin).count();
         const std::string lost = losses(watcher);
-        if (m_arguments.format == Format::Text && !m_arguments.once) {
+        if (!lost.empty() || (m_arguments.format == Format::Text && !m_arguments.once)) {
             char text[80];
             std::snprintf(text, sizeof text, "%llu samples in %.1f s",
                           static_cast<unsigned long long>(m_samples), seconds);

@@ -24,6 +24,7 @@ SCENARIO = {
     "name": "parked", "description": "Nothing changes.",
     "start": {"latitude": 48.4, "longitude": 9.99, "heading": 205, "chargeState": 61, "batteryTemperature": 5},
     "set": {"outsideTemperature": -9, "ignition": "off", "gear": "park", "targetSpeed": 0},
+    "faults": [f"{second}:truncated GNSS.positions 1" for second in range(1, 120)],
     "phases": [{"name": "parked", "duration": 3600, "overrides": [
         {"event": "GNSS.positions", "field": "altitudeMeanSeaLevel", "value": 123.5},
         {"event": "GNSS.positions", "field": "altitudeMeanSeaLevelValueType", "value": "substituted"},
@@ -70,6 +71,7 @@ class WatchTest(ProcessCase):
     def test_csv_can_be_replayed(self):
         status, out, err = self.watch("--csv", "--seconds", "2", "GNSS.positions")
         self.assertEqual(status, 0, err)
+        self.assertRegex(err, r"samples in .* s; .*malformed notifications\n")
         rows = list(csv.DictReader(io.StringIO(out)))
         self.assertGreater(len(rows), 3)
         self.assertEqual({row["altitudeMeanSeaLevelValueType"] for row in rows}, {"substituted"})
