@@ -110,20 +110,22 @@ test("a configuration made on the page is stored, assigned and applied", async (
 test("samples on the wire become points on the map and lines in plots, by themselves", async () => {
   await page.goto(`${address}#/vehicle/bench`);
   await until(async () => (await positions()) > 10, "positions on the map", 60_000);
-  await until(async () => (await number(".plot-box", "data-points")) > 0, "points in the first plot");
-  // The map draws its track in the colour of tracks.
-  const drawn = (pane) => page.locator(`.map .leaflet-${pane}-pane canvas`).evaluate((canvas) => {
-    const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
+  // Pixels; of a plot those in a colour, as its axes and grid are grey.
+  const drawn = (canvas, coloured) => page.locator(canvas).first().evaluate((element, only) => {
+    const { data } = element.getContext("2d").getImageData(0, 0, element.width, element.height);
     let inked = 0;
-    for (let at = 3; at < data.length; at += 4) inked += data[at] > 0;
+    for (let at = 0; at < data.length; at += 4) {
+      const [red, green, blue, alpha] = data.subarray(at, at + 4);
+      inked += alpha > 0 && (!only || Math.max(red, green, blue) - Math.min(red, green, blue) > 60);
+    }
     return inked;
-  });
-  const covered = await drawn("overlay");
-  assert.ok(covered > 20, `the track covers ${covered} pixels`);
+  }, coloured);
+  await until(async () => (await drawn(".map .leaflet-overlay-pane canvas")) > 20, "the track on the map");
+  await until(async () => (await drawn(".plot-box canvas", true)) > 100, "a line in the first plot");
   // From far away, a map without tiles has the outlines of countries.
   await until(async () => {
     await page.locator(".map").press("Shift+-"); // three levels
-    return (await page.locator(".leaflet-outlines-pane canvas").count()) > 0 && (await drawn("outlines")) > 100;
+    return (await page.locator(".leaflet-outlines-pane canvas").count()) > 0 && (await drawn(".leaflet-outlines-pane canvas")) > 100;
   }, "outlines");
   await page.getByRole("button", { name: "Whole track" }).click();
   await awaitNewPositions(); // without a reload

@@ -15,6 +15,7 @@ import socket
 import struct
 import termios
 import time
+import urllib.request
 from pathlib import Path
 
 from processes import CATALOG, SOURCE, WITH_CATALOG, Peer, ProcessCase, count_in, free_udp_port, status_of, wait_until
@@ -100,6 +101,14 @@ class Run(ProcessCase):
     def test_a_folder_as_backend_gets_reports_with_samples_of_all_five_services(self):
         bench = self.start("--speed", "10")
         bench.wait_until(lambda: bench.services_with_samples() >= FIVE, "samples of all five services")
+        address = re.search(r"The page is at (\S+)", bench.text())[1]
+
+        self.assertIn(b"<html", urllib.request.urlopen(address).read())
+
+        def points():
+            return json.load(urllib.request.urlopen(address + "api/vehicles/bench/track"))["samples"]
+        before = points()
+        bench.wait_until(lambda: points() > max(before, 1), "a track that grows")
         self.check_end(bench)
         self.assertRegex(bench.text(), r"Report DriveReport no\. 1 of BenchDrive 1\.0\.0: \S+0001-DriveReport\.json")
         self.assertRegex(bench.text(), r"services 5/5 \| events \d+ \| samples \d+")
