@@ -32,12 +32,12 @@ struct Settings {
     bool namesEnvelopes = true;                   ///< whether a result names its envelope
     std::filesystem::path configuration;          ///< collector configuration; empty: requests get no answer
     std::filesystem::path store;                  ///< envelopes as JSON Lines; empty: not stored
-    kyo::orx::Dictionaries dictionaries;          ///< with which vehicles may compress
+    kyo::orx::Dictionaries dictionaries;          ///< that vehicles may use
     store::Store* database = nullptr;  ///< for all that vehicles send; none: not stored. Outlives this
     std::shared_ptr<store::Totals> totals = std::make_shared<store::Totals>();
     std::string
         instance;  ///< name of this one among several with the same database, a server's; empty: alone
-    /// From a vehicle's return until it is sent a configuration for which it has not asked.
+    /// Pause between a vehicle's return and a configuration that it has not requested.
     std::chrono::milliseconds returnPause{3000};
 };
 
@@ -73,7 +73,7 @@ class Backend {
     std::vector<Outgoing> setOpen(bool open);
 
     /// Takes lines of envelopes, or of `vlm-spool export`, as if that vehicle had sent them. Returns how many
-    /// lines were stored, or known before; it stops at the first line that is neither.
+    /// lines are stored now; stops at the first that cannot be.
     std::size_t import(const std::string& prefix, const std::vector<std::string>& lines);
 
     /// The database did not take an envelope; the vehicles wait for an opening message until retry()
@@ -100,8 +100,8 @@ class Backend {
         std::size_t answered = 0;  ///< envelopes so far: the place in the script
         std::deque<std::string> recentIds;
         bool isChecked = false;  ///< m_checks has an entry that counts
-        bool asks = false;       ///< for a configuration, which the database did not give
-        bool isOurs = false;     ///< always without other instances
+        bool asks = false;       ///< waits for a configuration that the database did not return
+        bool isOurs = false;     ///< always true with one instance
         std::string catalog;
         Clock::time_point asked{};  ///< another instance for a configuration
     };

@@ -20,7 +20,7 @@ namespace vlmProd {
 ///
 ///     for (ObjectReader object(text); object.next();) { use(object.name(), object.value()); }
 ///
-/// In another text the walk ends where the form ends, at the latest at the text's end.
+/// In a text of another form the walk ends at the first difference.
 class ObjectReader {
   public:
     explicit ObjectReader(std::string_view text);

@@ -93,22 +93,22 @@ class ConcurrentQueue : private Queue<T> {
         return withBack([value](const T& newest) { *value = newest; });
     }
 
-    /// Calls `look(const T&)` with the oldest value, with the lock held. Returns false when the queue is
+    /// Calls `use(const T&)` with the oldest value, with the lock held. Returns false when the queue is
     /// empty.
     template <typename F>
-    bool withFront(F&& look) {
+    bool withFront(F&& use) {
         const std::lock_guard<kyo::Mutex> lock(m_mutex);
         if (m_head != nullptr) {
-            look(std::as_const(m_head->value));
+            use(std::as_const(m_head->value));
         }
         return m_head != nullptr;
     }
     /// As withFront(), with the newest value.
     template <typename F>
-    bool withBack(F&& look) {
+    bool withBack(F&& use) {
         const std::lock_guard<kyo::Mutex> lock(m_mutex);
         if (m_tail != nullptr) {
-            look(std::as_const(m_tail->value));
+            use(std::as_const(m_tail->value));
         }
         return m_tail != nullptr;
     }

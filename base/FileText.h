@@ -3,7 +3,8 @@
 
 namespace vlmProd {
 
-/// Reads a whole file. Returns false when it cannot be opened. `text` is then empty, as it is for a folder.
+/// Reads a whole file. Returns false, with an empty `text`, when it cannot be opened. A folder gives true and
+/// an empty text.
 bool readWholeFile(const std::string& path, std::string& text);
 
 }  // namespace vlmProd

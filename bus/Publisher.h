@@ -17,7 +17,7 @@ class PublisherImpl : public IPublisher {
     void publishMessage(Message& message) override;
 };
 
-/// The publisher that parts of the system use.
+/// The publisher for use outside bus/.
 class EventPublisher : public IPublisher {
   public:
     EventPublisher();

@@ -45,7 +45,7 @@ class SubscriberImpl : public ISubscriber, public std::enable_shared_from_this<S
     std::shared_ptr<EventSubscriberCallback> m_callback;
 };
 
-/// The subscriber that parts of the system use. First call setEventSubscriberCallback() with a callback whose
+/// The subscriber for use outside bus/. First call setEventSubscriberCallback() with a callback whose
 /// function is set, then addSubscriber().
 class EventSubscriber : public ISubscriber {
   public:

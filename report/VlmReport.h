@@ -27,7 +27,6 @@ class VlmReport {
 
     std::string getReportName() const { return m_reportName; }
     void setPrivacyType(PrivacyGroup group) { m_privacyGroup = group; }
-    PrivacyGroup getPrivacyType() const { return m_privacyGroup; }
     void setApplicationName(std::string name) { m_applicationName = std::move(name); }
     void setConfigName(std::string name) { m_configName = std::move(name); }
     void setConfigVersion(std::string version) { m_configVersion = std::move(version); }

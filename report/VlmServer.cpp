@@ -65,7 +65,7 @@ std::string makeSalt() {
     return salt;
 }
 
-/// Which event an envelope tells of: one identifier per configured report.
+/// Returns an envelope's event identifier: one per configured report.
 std::string makeEventId(const Report& report) {
     std::string id = "VLM";
     for (const char* key : {"applicationName", "reportName"}) {

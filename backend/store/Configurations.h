@@ -42,11 +42,11 @@ struct Due {
     Configuration configuration;
 };
 
-/// Stores a new version; in a transaction of its own, as the other functions that change something. Throws
+/// Stores a new version. Like assign() and setGroup(), it has a transaction of its own. Throws
 /// ConfigurationError for a name that is empty, longer than 64 bytes or not printable.
 Configuration addConfiguration(Sql& sql, const std::string& name, const std::string& text,
                                const std::string& user, std::int64_t nowMs);
-/// All, the newest first, without their texts.
+/// Returns all without their texts, the newest first.
 std::vector<Configuration> configurations(Sql& sql);
 std::optional<Configuration> configuration(Sql& sql, std::int64_t id);
 
@@ -54,22 +54,23 @@ std::optional<Configuration> configuration(Sql& sql, std::int64_t id);
 /// group is named.
 void assign(Sql& sql, const Assignment& assignment, const std::string& user, std::int64_t nowMs);
 std::vector<Assignment> assignments(Sql& sql);
-/// Empty: none. Throws ConfigurationError for an unknown vehicle.
+/// An empty group: none. Throws ConfigurationError for an unknown vehicle.
 void setGroup(Sql& sql, const std::string& vehicle, const std::string& group);
 
-/// What the vehicle is to have, whether it was sent or not.
+/// Returns the configuration that is assigned to the vehicle, whether it was sent or not.
 std::optional<Due> desiredOf(Sql& sql, const std::string& vehicle);
-/// The same, unless the vehicle has said what became of it: to be sent when it returns.
+/// Returns the same, unless the vehicle has reported its outcome: it is sent when the vehicle returns.
 std::optional<Due> openOf(Sql& sql, const std::string& vehicle);
-/// Of the vehicles that are online, what each is to have and was not sent last; without the texts.
+/// Returns the assigned configurations of the vehicles that are online and were not sent theirs last; without
+/// the texts.
 std::vector<Due> unsent(Sql& sql);
 
-/// Inside a transaction.
+/// Call it inside a transaction.
 void noteSent(Sql& sql, const Due& due, std::int64_t nowMs);
-/// The "configurations" of a health message. Inside a transaction.
+/// Stores the "configurations" of a health message. Call it inside a transaction.
 void noteStates(Sql& sql, std::int64_t vehicle, const kyo::Json::Value& states, std::int64_t nowMs);
 
-/// Differ from earlier ones when what vehicles are to have, or what became of it, has changed.
+/// Increase when assigned configurations, or their outcomes at the vehicles, change.
 struct ChangeCounts {
     std::int64_t desired = 0;
     std::int64_t deliveries = 0;

@@ -16,7 +16,7 @@ struct pg_result;
 namespace vlmBackend::store {
 
 /// A connection to a PostgreSQL server. Samples are in one partition for each day (UTC) of their reception.
-/// What no text of PostgreSQL may contain (U+0000, bytes that are no UTF-8) becomes U+FFFD.
+/// Characters that PostgreSQL's text cannot contain (U+0000, bytes that are not UTF-8) become U+FFFD.
 class Postgres : public Sql {
   public:
     Postgres(const std::string& where, bool readOnly);

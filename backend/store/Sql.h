@@ -19,7 +19,7 @@ namespace vlmBackend::store {
 struct DatabaseError : std::runtime_error {
     enum class Cause : std::uint8_t {
         Other,     ///< it cannot be reached, is full, or the statement is wrong
-        Data,      ///< a value is none for the database
+        Data,      ///< the database cannot store a value
         Conflict,  ///< another connection was first; the whole transaction may be tried again
     };
     explicit DatabaseError(const std::string& text, Cause why = Cause::Other)
@@ -36,11 +36,11 @@ struct Bytes {
 using Cell = std::variant<std::monostate, std::int64_t, double, std::string, Bytes>;
 using Row = std::vector<Cell>;
 
-std::int64_t integer(const Cell& cell);  ///< 0 for what is no number
-double real(const Cell& cell);           ///< 0 for what is no number
+std::int64_t integer(const Cell& cell);  ///< 0 if it is not a number
+double real(const Cell& cell);           ///< 0 if it is not a number
 std::string text(const Cell& cell);      ///< empty for null; numbers as text
 
-/// Replaces escapes in JSON that PostgreSQL does not take by U+FFFD: U+0000 and halves of surrogate pairs.
+/// Replaces the escapes in JSON that PostgreSQL refuses by U+FFFD: U+0000 and halves of surrogate pairs.
 std::string storableJson(std::string json);
 
 struct SampleRow {
@@ -67,7 +67,7 @@ class Sql {
     virtual void script(const std::string& statements) = 0;
     /// One statement with the parameters $1, $2, ...
     virtual std::vector<Row> query(const std::string& statement, std::span<const Cell> parameters = {}) = 0;
-    /// Passes row after row to `each` until it returns false. Memory does not depend on how many there are.
+    /// Passes row after row to `each` until it returns false. Memory does not grow with the rows.
     virtual void stream(const std::string& statement, std::span<const Cell> parameters,
                         const std::function<bool(const Row&)>& each) = 0;
     /// Creates the partitions of the day of `receivedMs` and of the next day. Call it outside a transaction.
@@ -90,7 +90,7 @@ class Sql {
     Sql() = default;
 };
 
-/// Whether `where` names a server, see connect().
+/// True if `where` names a server, see connect().
 bool isServer(const std::string& where);
 
 /// `where`: "postgresql://..." or "host=..." names a server, anything else the file of SQLite. `readOnly`:

@@ -11,8 +11,8 @@
 
 namespace vlmBackend::store {
 
-/// A file with a write-ahead log. What is committed survives a power cut. Checkpoints run in tidy() alone,
-/// which keeps the log below kWalLimit while no reader holds an older state.
+/// A file with a write-ahead log. Committed data survive a power cut. Only tidy() runs checkpoints; they keep
+/// the log below kWalLimit, unless a reader holds an older state.
 class Sqlite : public Sql {
   public:
     static constexpr std::int64_t kWalLimit = 16 * 1024 * 1024;

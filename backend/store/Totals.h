@@ -6,7 +6,7 @@ namespace vlmBackend::store {
 
 /// What this process has received since its start. Any thread reads it.
 struct Totals {
-    std::atomic<std::uint64_t> envelopes{0};  ///< with those that came again
+    std::atomic<std::uint64_t> envelopes{0};  ///< including repeats
     std::atomic<std::uint64_t> repeated{0};
     std::atomic<std::uint64_t> samples{0};
     std::atomic<std::uint64_t> unusable{0};          ///< kept aside: envelopes, and samples of others

@@ -1,5 +1,5 @@
 #pragma once
-/// Who may ask what: users with passwords, a token, and limits for each address.
+/// Who may send which request: users with passwords, a token, and limits for each address.
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -36,8 +36,8 @@ class Access {
     /// Throws std::runtime_error with file and line when the users cannot be read.
     explicit Access(AccessSettings settings);
 
-    /// Sets user and role of the request; the answer to one that is refused before any route. A caller
-    /// without credentials has the role None, unless there are neither users nor a token.
+    /// Sets user and role of the request. Returns an answer if the request is refused. A caller without
+    /// credentials has the role None, unless there are neither users nor a token.
     std::optional<Response> admit(const Caller& caller, Request& request);
 
   private:
@@ -65,11 +65,10 @@ class Access {
     std::mutex m_hashing;  ///< one hash at a time: each takes memory and time; guards what follows
     std::map<std::string, User> m_users;
     std::filesystem::file_time_type m_usersChanged;
-    std::map<std::string, Clock::time_point>
-        m_verified;  ///< digests of credentials, and until when they are good
+    std::map<std::string, Clock::time_point> m_verified;  ///< digest of credentials, end of their validity
 };
 
-/// Adds the user to the file, or gives it another password and role. Throws std::runtime_error.
+/// Adds the user to the file, or replaces its password and role. Throws std::runtime_error.
 void addUser(const std::filesystem::path& file, const std::string& name, const std::string& role,
              const std::string& password);
 

@@ -29,7 +29,7 @@ class ConfigureApi {
     /// This object outlives the router.
     void addRoutes(Router& router) const;
 
-    /// What vlm-check finds in the text of a collector configuration.
+    /// Returns the findings of vlm-check in the text of a collector configuration.
     std::vector<vlmCheck::Finding> check(const std::string& text) const;
 
   private:

@@ -11,14 +11,14 @@ namespace vlmBackend::web {
 /// The vlmmaster of this machine: its state socket, and its log file. Any thread.
 class Machine {
   public:
-    /// Empty paths: there is none.
+    /// An empty path: this machine has none.
     Machine(std::string socket, std::string logFile)
         : m_path(std::move(socket)), m_logFile(std::move(logFile)) {}
 
     bool isKnown() const { return !m_path.empty(); }
     void addRoutes(Router& router);
 
-    /// The newest lines up to level 3, at most 200; of a long file, those of its end.
+    /// Returns at most 200 of the newest lines up to level 3. Reads only the end of a long file.
     static std::vector<std::string> importantLines(const std::string& logFile);
 
   private:

@@ -14,7 +14,7 @@ class Page {
     /// The installed page, or that of the build folder: relative to this program.
     static std::filesystem::path usualFolder();
 
-    /// The file of that path; at "/" a text that says what is missing when there is no page.
+    /// Returns the file of that path. Without a page, "/" gives a text that says what is missing.
     Response file(const std::string& path) const;
 
   private:

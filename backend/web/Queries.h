@@ -1,6 +1,6 @@
 #pragma once
 /// What /api/ answers from the database, as backend/api/openapi.yaml describes it. All functions throw
-/// DatabaseError, and Problem for what the database does not know.
+/// DatabaseError, and Problem for an unknown name.
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -28,9 +28,9 @@ struct VehicleChoice {
     std::int64_t limit = 0;
 };
 
-/// The first of them by name. Throws Problem for an unknown `show`.
+/// Returns the first `limit` of them by name. Throws Problem for an unknown `show`.
 kyo::Json::Value vehicles(store::Sql& sql, const VehicleChoice& choice);
-/// Totals of all vehicles, and how many are in each group and are to have each configuration.
+/// Returns totals, and the number of vehicles per group and per assigned configuration.
 kyo::Json::Value fleet(store::Sql& sql);
 kyo::Json::Value vehicle(store::Sql& sql, const std::string& name);
 std::int64_t vehicleId(store::Sql& sql, const std::string& name);
@@ -48,8 +48,8 @@ kyo::Json::Value series(store::Sql& sql, const std::string& vehicle, const Event
 kyo::Json::Value unusable(store::Sql& sql, const std::string& vehicle);
 std::string unusableBytes(store::Sql& sql, std::int64_t id);
 
-/// The statement of series(), for its plan: $1 vehicle, $2 event, $3 and $4 range, $5 instance, $6 ms of a
-/// bin.
+/// The statement that series() runs, to check its query plan: $1 vehicle, $2 event, $3 and $4 range,
+/// $5 instance, $6 ms of a bin.
 std::string seriesStatement(const EventField& field, store::Dialect dialect);
 
 }  // namespace vlmBackend::web

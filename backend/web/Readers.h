@@ -12,7 +12,7 @@
 
 namespace vlmBackend::web {
 
-/// A few connections to the database that only read, lent to one request at a time. Any thread.
+/// Read-only connections to the database; each serves one request at a time. Any thread.
 class Readers {
   public:
     static constexpr std::chrono::seconds kLongestWait{10};   ///< for a connection

@@ -30,7 +30,7 @@ enum class Role : std::uint8_t {
     Configure,  ///< reads and changes
 };
 
-/// A request that gets no other answer than {"error": text}. Handlers throw it.
+/// The request is answered with {"error": text}. Handlers throw it.
 struct Problem : std::runtime_error {
     Problem(int code, const std::string& text) : std::runtime_error(text), status(code) {}
     int status;  ///< 400 wrong request, 404 unknown, 409 conflict, 422 content that cannot be used, ...
@@ -49,19 +49,19 @@ struct Request {
     std::string user;  ///< empty without users
     Role role = Role::None;
 
-    /// A parameter of the pattern, which has it.
+    /// Returns a parameter, which the pattern must name.
     const std::string& parameter(const std::string& name) const { return parameters.at(name); }
-    /// A member of the query. Throws Problem when it is missing or empty.
+    /// Returns a member of the query. Throws Problem when it is missing or empty.
     const std::string& required(const std::string& name) const;
-    /// A whole number of the query. Throws Problem for another text or a number outside the range.
+    /// Returns a whole number of the query; nothing when it is missing. Throws Problem for another text or a
+    /// number outside the range.
     std::optional<std::int64_t> number(const std::string& name, std::int64_t least = kLeast,
                                        std::int64_t most = kMost) const;
-    /// The body, a JSON object. Throws Problem for anything else.
+    /// Returns the body, a JSON object. Throws Problem for anything else.
     kyo::Json::Value json() const;
 };
 
-/// Passes a part of a long answer on; false when the client has gone and no more is needed. An empty part
-/// only asks that.
+/// Sends a part of a long answer. Returns false when the client is gone. An empty part only checks that.
 using Put = std::function<bool(std::string_view part)>;
 
 struct Response {
@@ -82,16 +82,16 @@ class Router {
   public:
     using Handler = std::function<Response(const Request& request)>;
 
-    /// `pattern`: segments that are equal, or "{name}" for any one that is not empty. `role`: the least that
-    /// is needed.
+    /// A segment of `pattern` matches an equal one; "{name}" matches any that is not empty. `role`: the
+    /// lowest that may call.
     void add(const std::string& method, const std::string& pattern, Role role, Handler handler);
 
-    /// What a GET outside /api/ gets that no pattern fits.
+    /// Handles a GET outside /api/ that matches no pattern.
     void addOthers(Role role, Handler handler) { m_others = {"GET", {}, role, std::move(handler)}; }
 
-    /// `target`: path and query as in the request line. Sets path, parameters and query of the request. Never
-    /// throws; what a handler throws becomes an error: Problem its status, ExportError 400, DatabaseError
-    /// 503, others 500.
+    /// Sets path, parameters and query of the request from `target`, path and query as in the request line,
+    /// and returns the handler's answer. Never throws. What a handler throws becomes an error with a status:
+    /// that of a Problem, 400 for ExportError, 503 for DatabaseError, 500 otherwise.
     Response handle(const std::string& target, Request request) const;
 
   private:
@@ -108,7 +108,7 @@ class Router {
     Route m_others;  ///< without a handler: none
 };
 
-/// Decodes %xx; "+" is a space in a query. False when what follows a % is no hexadecimal number.
+/// Decodes %xx; "+" is a space in a query. Returns false when no hexadecimal number follows a %.
 bool decodePercent(std::string_view text, bool query, std::string& out);
 
 }  // namespace vlmBackend::web

@@ -91,7 +91,7 @@ void Floor::run(const std::vector<std::uint8_t>& datagram, Build build, int samp
             vlmProd::startDetached([mine = std::move(record)] { finished.fetch_add(1); });
         }
         while (finished.load() < started) {
-            std::this_thread::sleep_for(kLook);
+            std::this_thread::sleep_for(kPollInterval);
         }
     }
 }

@@ -38,7 +38,7 @@ void settle(std::uint64_t expected) {
     auto changed = std::chrono::steady_clock::now();
     const auto deadline = changed + kPatience;
     while (ended() < expected) {
-        std::this_thread::sleep_for(kLook);
+        std::this_thread::sleep_for(kPollInterval);
         const auto now = std::chrono::steady_clock::now();
         if (const auto value = ended(); value != seen) {
             seen = value;

@@ -15,7 +15,7 @@ namespace vlmBench {
 /// Samples that arrive together: the most that the receive thread takes with one system call.
 inline constexpr int kBurst = 32;
 /// The interval of the checks for the end of a burst.
-inline constexpr std::chrono::microseconds kLook{1000};
+inline constexpr std::chrono::microseconds kPollInterval{1000};
 
 enum class Kind { FullPosition, Notification };
 enum class Threads { Real, None };

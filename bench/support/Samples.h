@@ -19,7 +19,7 @@ using Position = qdr::services::gnss::datatypes::DT_positions_struct;
 using AirbagNotification = qdr::services::airbag::datatypes::DT_notifications_struct;
 using Consumption = qdr::services::routebasedconsumption::datatypes::DT_consumptionValues_struct;
 
-/// A fused position with all 37 fields of its writer; the values are as long in text as real ones.
+/// A fused position with all 37 fields of its writer; the values have as many characters as real ones.
 Position fullPosition();
 /// A sample with one member, its kind.
 AirbagNotification airbagNotification();

@@ -20,7 +20,7 @@ void askEverything(ConfigParser& parser) {
             "collectors have different names");
     std::map<std::string, std::vector<std::string>> resources;
     parser.populateAllServicesAndResources(resources);
-    require(resources.size() == parser.getAllConfiguredServices(code).size(), "services are told once");
+    require(resources.size() == parser.getAllConfiguredServices(code).size(), "services are listed once");
     for (const auto& [service, all] : resources) {
         for (const auto& resource : all) {
             std::vector<int> indexes;

@@ -9,7 +9,7 @@
 
 namespace vlmWatch {
 
-/// The line, or as much of it as fits so many columns of a terminal, with ".." at the end; 0: any number.
+/// Cuts the line to `width` columns of a terminal, ending in ".."; 0: no limit.
 std::string cutTo(const std::string& line, std::size_t width);
 /// "20:45:24.123", UTC.
 std::string timeText(std::int64_t timeUs);
@@ -28,7 +28,7 @@ std::string csvHeader(const qdr::services::DescribedEvent& event);
 /// The time in seconds since 1970; an empty cell for a field without a value. Enumerators have their names.
 std::string csvRow(const qdr::services::DescribedEvent& event, const Arrival& arrival);
 
-/// Lines for a human. The columns keep their place: a width only grows.
+/// Lines for a human. Columns never get narrower.
 ///
 /// A "...ValueType" has no column of its own: a value whose state is not valid is followed by the state in
 /// parentheses.
@@ -37,9 +37,9 @@ class Lines {
     struct Options {
         std::set<std::string> fields{};  ///< empty: all
         std::size_t width = 0;           ///< columns of the terminal; 0: lines may have any length
-        std::size_t height = 0;  ///< lines of the terminal, after which the header comes again; 0: once
-        bool explain = false;    ///< units and meanings: a sample is a block of lines
-        bool sparse = false;     ///< says how many samples a line stands for
+        std::size_t height = 0;          ///< the header repeats after this many lines; 0: never
+        bool explain = false;            ///< units and meanings: a sample is a block of lines
+        bool sparse = false;             ///< shows how many samples a line represents
     };
 
     Lines(const std::vector<Selected>& selection, Options options);

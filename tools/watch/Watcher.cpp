@@ -130,7 +130,7 @@ std::string Watcher::missing(std::size_t selected, const RemoteService& offer) c
                    (seen.otherIndex ? std::to_string(*seen.otherIndex) : "missing");
         }
         if (seen.selected) {
-            return "has stopped to arrive from " + peer;
+            return "has stopped arriving from " + peer;
         }
     }
     switch (m_runtime.subscriptionState({offer.key, event->eventgroupId()})) {

@@ -44,9 +44,10 @@ class Watcher {
     /// Samples that were dropped because nobody took them in time.
     std::uint64_t dropped() const;
 
-    /// What is wrong with an event: "nobody offers it", ...; empty while its samples arrive.
+    /// Returns what is wrong with an event: "is offered by nobody", ...; empty while its samples arrive.
     std::string trouble(std::size_t selected) const;
-    /// The same for all that is selected: a line for each trouble, with the services or events that have it.
+    /// Returns the same for the whole selection: a line for each trouble, with the services or events that
+    /// have it.
     std::vector<std::string> troubles() const;
 
     /// Samples waiting, at most.

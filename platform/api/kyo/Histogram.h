@@ -17,8 +17,8 @@ class Histogram {
     /// Takes a lock: keep the reference.
     static Histogram& get(const std::string& name);
 
-    /// The classes' upper limits, in microseconds; one more class has what is above. The second from 1 s to 2
-    /// s is fine, since report control waits 1 s for each tick.
+    /// The classes' upper limits, in microseconds; one more class has what is above. The classes just above
+    /// 1 s are narrow: the application builds reports 1 s after each tick and measures that delay.
     static constexpr std::array<std::int64_t, 15> kLimits{
         50,      100,       250,       500,       1'000,     2'500,      10'000,    50'000,
         250'000, 1'000'000, 1'050'000, 1'250'000, 2'500'000, 10'000'000, 60'000'000};

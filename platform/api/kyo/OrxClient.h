@@ -39,10 +39,12 @@ class OrxClient {
     /// could not, and has logged why. May block for a flush to disk, never for the network.
     std::int32_t SendOrxData(const Json::Value& envelope);
 
-    /// Requests the collection configuration from the backend; the answer comes by callback.
+    /// Requests the collector configuration from the backend; the answer comes by callback. 0: the request is
+    /// sent, now or at the next connection. Negative: it could not, and has logged why. Any thread; does not
+    /// block on the network.
     std::int32_t RequestConfiguration();
 
-    /// Tells whether the application runs a configuration that came by callback, and why not. The platform
+    /// Reports whether the application runs a configuration that came by callback, and why not. The platform
     /// may keep an accepted one for a start without the backend. May be called from inside the callback;
     /// blocks for a flush to disk at most.
     void ConfigurationAccepted(const std::string& recordId, bool isAccepted, const std::string& reason);

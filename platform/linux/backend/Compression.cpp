@@ -175,8 +175,8 @@ bool decompress(Encoding encoding, std::string_view payload, std::string& text, 
     }
     const unsigned long long claimed = ZSTD_getFrameContentSize(payload.data(), payload.size());
     if (claimed == ZSTD_CONTENTSIZE_ERROR || claimed == ZSTD_CONTENTSIZE_UNKNOWN) {
-        error =
-            claimed == ZSTD_CONTENTSIZE_ERROR ? "it is no zstd frame" : "its frame does not tell its length";
+        error = claimed == ZSTD_CONTENTSIZE_ERROR ? "it is no zstd frame"
+                                                  : "its frame does not contain its length";
         return false;
     }
     if (claimed > limit) {

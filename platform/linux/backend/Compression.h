@@ -20,10 +20,10 @@ std::uint32_t dictionaryOf(Encoding encoding, std::string_view payload);
 /// "plain", "zstd" or "zstd-<number of the dictionary>", as a topic or a user property says it.
 std::string nameOf(Encoding encoding, std::string_view payload);
 
-/// The longest text that decompress() makes unless it is told otherwise.
+/// The longest text that decompress() returns, unless the caller sets another limit.
 inline constexpr std::size_t kLargestText = 64u << 20;
 
-/// What envelopes have in common, so that their frames need not hold it: a trained zstd dictionary. Never
+/// A trained zstd dictionary: what envelopes have in common, so that their frames need not contain it. Never
 /// changes; any thread may use it.
 class Dictionary {
   public:
@@ -76,8 +76,8 @@ class Compressor {
     Compressor(const Compressor&) = delete;
     Compressor& operator=(const Compressor&) = delete;
 
-    /// One zstd frame that tells its text's length and its dictionary, and ends with a checksum. Empty when
-    /// memory is short.
+    /// Returns one zstd frame, which contains its text's length and its dictionary's number, and ends with a
+    /// checksum. Empty when memory is short.
     std::string compress(std::string_view text);
 
   private:

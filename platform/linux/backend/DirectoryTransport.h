@@ -44,7 +44,7 @@ class DirectoryTransport : public Transport {
     const machine::MessageLimits m_limits;
 
     std::mutex m_mutex;             ///< one writer at a time; guards what follows
-    std::string m_failure;          ///< the cause that was told last; empty while the folder can be written
+    std::string m_failure;          ///< the cause that was logged last; empty while the folder can be written
     std::size_t m_neededBytes = 1;  ///< what the folder must take to count as writable again
     bool m_probing = false;         ///< a probe is due
     bool m_opened = false;          ///< the channel was opened once

@@ -62,8 +62,8 @@ struct Unconfirmed {
 
     /// The largest that its packet can be: fixed header, lengths, identifier and properties beside the texts.
     std::size_t bytes() const {
-        const std::size_t told = form.encoding.size() + form.spoolNumber.size() + form.contentType.size();
-        return topic.size() + payload.size() + 16 + (told == 0 ? 0 : told + 32);
+        const std::size_t texts = form.encoding.size() + form.spoolNumber.size() + form.contentType.size();
+        return topic.size() + payload.size() + 16 + (texts == 0 ? 0 : texts + 32);
     }
 };
 
@@ -71,7 +71,7 @@ constexpr const char* kEncodingProperty = "encoding";
 constexpr const char* kSpoolProperty = "spool";
 constexpr std::size_t kLongestForm = 64;
 
-/// What stands behind the topic of a message of that form with MQTT 3.1.1.
+/// What follows the topic of a message of that form with MQTT 3.1.1.
 std::string suffixOf(const std::string& encoding, const std::string& spoolNumber) {
     return (encoding.empty() ? "" : '/' + encoding) + (spoolNumber.empty() ? "" : '/' + spoolNumber);
 }
@@ -129,7 +129,7 @@ struct MqttConnection::State {
     int connectOnce();
     int serve();
     void waitBeforeReconnect();
-    void tellDown(const std::string& cause);
+    void logDown(const std::string& cause);
     void noteUnexplainedEnd();
     void giveUpLargest();
     void loseWhatWasForThisConnection();
@@ -178,15 +178,15 @@ struct MqttConnection::State {
     std::vector<std::string> refusedTopics;
     SteadyClock::time_point subscribeAt{};  ///< then these are asked for again
     bool isNewlySubscribed = false;
-    bool isRefusalTold = false;   ///< on this connection
-    bool tooLarge = false;        ///< the broker ended the connection because of a message's size
-    std::size_t suspect = 0;      ///< size of the largest message when a 3.1.1 connection ended
-    int suspicions = 0;           ///< how many ended so in a row
-    bool confirmsOthers = false;  ///< the broker has confirmed a message on this connection
+    bool isRefusalLogged = false;  ///< on this connection
+    bool tooLarge = false;         ///< the broker ended the connection because of a message's size
+    std::size_t suspect = 0;       ///< size of the largest message when a 3.1.1 connection ended
+    int suspicions = 0;            ///< how many ended so in a row
+    bool confirmsOthers = false;   ///< the broker has confirmed a message on this connection
     int protocol = MQTT_PROTOCOL_V5;
     std::string libraryError;  ///< the library's own words about the last trouble
     std::string refusal;       ///< why the broker refused or ended the connection
-    std::vector<std::string> toldCauses =
+    std::vector<std::string> loggedCauses =
         std::vector<std::string>(brokers.size());  ///< the last trouble of each that was logged
     std::chrono::seconds pause{0};
     std::size_t chosen = 0;                              ///< the broker that is tried
@@ -393,13 +393,13 @@ void MqttConnection::State::onConnect(int reason, const mosquitto_property* prop
     everConnected = true;
     connectedAt = SteadyClock::now();
     confirmsOthers = false;
-    toldCauses.assign(brokers.size(), {});
+    loggedCauses.assign(brokers.size(), {});
     libraryError.clear();
     refusal.clear();
     handlers.say(5, "connected to the broker at " + broker());
     refusedTopics.clear();
     asked.clear();
-    isRefusalTold = false;
+    isRefusalLogged = false;
     subscribe(subscriptions);
     isNewlySubscribed = true;
     sendUnconfirmed(limit, atOnce);
@@ -426,7 +426,7 @@ void MqttConnection::State::onSubscribed(int messageId, int reason) {
         return;
     }
     if (reason >= MQTT_RC_UNSPECIFIED) {
-        if (!std::exchange(isRefusalTold, true)) {
+        if (!std::exchange(isRefusalLogged, true)) {
             handlers.say(3, broker() + " refuses the subscription of " + answered.mapped() + ": " +
                                 mosquitto_reason_string(reason) + "; trying again");
         }
@@ -524,11 +524,11 @@ void MqttConnection::State::onPublish(int messageId, int reason) {
     settle(confirmed, reason);
 }
 
-void MqttConnection::State::tellDown(const std::string& cause) {
-    if (stopping || cause == toldCauses[chosen]) {
+void MqttConnection::State::logDown(const std::string& cause) {
+    if (stopping || cause == loggedCauses[chosen]) {
         return;
     }
-    toldCauses[chosen] = cause;
+    loggedCauses[chosen] = cause;
     handlers.say(3, "no connection to the broker at " + broker() + ": " + cause + "; trying again");
 }
 
@@ -546,7 +546,7 @@ std::string MqttConnection::State::causeOf(int code, int systemError) const {
     return cause;
 }
 
-/// A broker with MQTT 3.1.1 tells neither its limit nor why it ends a connection. One that confirms smaller
+/// A broker with MQTT 3.1.1 reports neither its limit nor why it ends a connection. One that confirms smaller
 /// messages, and ends every connection while the same one is the largest unconfirmed, refuses its size.
 void MqttConnection::State::noteUnexplainedEnd() {
     std::size_t largest = 0;
@@ -567,7 +567,7 @@ void MqttConnection::State::noteUnexplainedEnd() {
     }
 }
 
-/// The broker ended the connection because of a packet's size, without having told its limit before: sent
+/// The broker ended the connection because of a packet's size, without having sent its limit before: sent
 /// again, the packet would end every connection.
 void MqttConnection::State::giveUpLargest() {
     std::vector<Unconfirmed> unfit;
@@ -719,7 +719,7 @@ void MqttConnection::State::run() {
     while (!stopping) {
         std::string error;
         if (!makeClient(error)) {
-            tellDown(error);
+            logDown(error);
             waitBeforeReconnect();
             continue;
         }
@@ -743,7 +743,7 @@ void MqttConnection::State::run() {
         if (protocol != triedProtocol) {
             continue;  // at once, with the older protocol
         }
-        tellDown(causeOf(result, systemError));
+        logDown(causeOf(result, systemError));
         if (wasConnected && triedProtocol == MQTT_PROTOCOL_V311 && result != MOSQ_ERR_KEEPALIVE) {
             noteUnexplainedEnd();
         }

@@ -11,13 +11,13 @@
 
 namespace kyo::orx {
 
-/// Publishes and subscribes with QoS 1. MQTT 5 is spoken, as it tells limits and refusals; a broker that does
+/// Publishes and subscribes with QoS 1. Uses MQTT 5, which reports limits and refusals; a broker that does
 /// not know it gets 3.1.1.
 ///
-/// A lost connection is made again after a pause that doubles from reconnectMinSeconds to
+/// A lost connection is opened again after a pause that doubles from reconnectMinSeconds to
 /// reconnectMaxSeconds, and begins with the shortest again after a connection that lasted for
-/// reconnectMaxSeconds. Changes of the connection are told once each. Sessions are clean: what the broker
-/// had for us while we were away is void; what we published meanwhile is kept here and sent.
+/// reconnectMaxSeconds. Each change of the connection is logged once. Sessions are clean: the broker keeps
+/// nothing for us while we are away; what is published meanwhile is kept here and sent.
 class MqttConnection {
   public:
     /// What a published message was, for settled().
@@ -25,9 +25,9 @@ class MqttConnection {
 
     /// All called on the network thread; none after stop() returned. They must not block, and may publish.
     struct Handlers {
-        /// The connection stands and the subscriptions are asked for.
+        /// The connection is established and the subscriptions are requested.
         std::function<void()> connected;
-        /// A message with a Form has it in its topic, as with 3.1.1, however it was told.
+        /// A message's Form is part of the topic here, with MQTT 5 as with 3.1.1.
         std::function<void(const std::string& topic, std::string payload, bool retained)> message;
         /// The broker answered a published message: an MQTT 5 reason code, see taken().
         std::function<void(Kind kind, int reason)> settled;
@@ -35,18 +35,18 @@ class MqttConnection {
         std::function<void(int level, const std::string& text)> say;
         /// As settled(), for a message that was for one connection only.
         std::function<void(std::uint64_t tag, int reason)> settledOnce = {};
-        /// The connection is gone, and with it what was for it only.
+        /// The connection is gone, and with it the messages that were for it only.
         std::function<void()> lost = {};
-        /// The broker has answered all subscriptions: what is sent to them from now on comes. Again when one
-        /// that it has refused succeeds later.
+        /// The broker has answered all subscriptions: messages that are published from now on arrive. Called
+        /// again when a subscription that it has refused succeeds later.
         std::function<void()> subscribed = {};
     };
 
-    /// What a message is, told by properties with MQTT 5 and by the topic with 3.1.1:
+    /// What a message is. With MQTT 5 its properties say so, with 3.1.1 the topic:
     /// <topic>/<encoding>/<number>.
     struct Form {
         std::string contentType;
-        std::string encoding;             ///< empty: nothing is told
+        std::string encoding;             ///< empty: not sent
         std::string spoolNumber;          ///< empty: none
         bool isForOneConnection = false;  ///< not kept for the next one; settledOnce() gets the tag
         std::uint64_t tag = 0;
@@ -57,7 +57,7 @@ class MqttConnection {
         std::string payload;  ///< published retained, by the broker, when the connection is lost
     };
 
-    /// What published messages that the broker has not confirmed may amount to.
+    /// Limits of the published messages that the broker has not confirmed.
     static constexpr std::size_t kMaxUnconfirmed = 100;
     static constexpr std::size_t kMaxUnconfirmedBytes = 64u << 20;
 
@@ -81,8 +81,8 @@ class MqttConnection {
 
     void start();
 
-    /// Gives what was published a moment to leave, says good-bye to the broker (the will is then not
-    /// published) and ends the network thread, in two seconds at most: a thread that hangs in the system's
+    /// Gives published messages a moment to leave, disconnects in order, so that the broker does not publish
+    /// the will, and ends the network thread. Takes two seconds at most: a thread that hangs in the system's
     /// connect is left behind.
     void stop();
 

@@ -28,7 +28,7 @@ Number take(std::string_view content, std::size_t at) {
     return static_cast<Number>(number);
 }
 
-/// Of all but the four bytes in which it stands. Those of the digest, in its own order.
+/// Returns the checksum of all bytes but its own four, in the digest's order.
 std::string checksumOf(std::string_view content) {
     const auto bytes = [](std::string_view part) {
         return reinterpret_cast<const std::uint8_t*>(part.data());
@@ -86,7 +86,7 @@ bool readSpoolFile(std::string_view content, SpooledEnvelope& envelope, std::str
     const std::size_t payloadBytes = take<std::uint32_t>(content, 36);
     if (content.size() != kSpoolHeaderBytes + idBytes + payloadBytes) {
         error = "its " + std::to_string(content.size()) + " bytes are not the " +
-                std::to_string(kSpoolHeaderBytes + idBytes + payloadBytes) + " that its header tells";
+                std::to_string(kSpoolHeaderBytes + idBytes + payloadBytes) + " that its header gives";
         return false;
     }
     if (content.substr(kChecksumAt, 4) != checksumOf(content)) {

@@ -20,7 +20,7 @@ struct SpooledEnvelope {
 /// The version of file and folder that this program writes, and the only one that it reads.
 inline constexpr unsigned kSpoolFormat = 1;
 
-/// How many bytes of a file stand before identifier and payload.
+/// The number of bytes before identifier and payload.
 inline constexpr std::size_t kSpoolHeaderBytes = 40;
 
 /// The file's content: a header of little-endian numbers, the identifier, the payload.
@@ -32,11 +32,11 @@ inline constexpr std::size_t kSpoolHeaderBytes = 40;
 ///     12  4  CRC-32 of all else
 std::string writeSpoolFile(const SpooledEnvelope& envelope);
 
-/// The opposite, for untrusted content. False with the reason in `error`.
+/// Reads such content, which is untrusted. Returns false with the reason in `error`.
 bool readSpoolFile(std::string_view content, SpooledEnvelope& envelope, std::string& error);
 
-/// The header's number and time alone, unchecked but for the first bytes. False when they are not such a
-/// header.
+/// Reads only the header's number and time. Checks only the first bytes, and returns false when they are not
+/// those of a header.
 bool readSpoolHeader(std::string_view content, SpooledEnvelope& envelope);
 
 }  // namespace kyo::orx

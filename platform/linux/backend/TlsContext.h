@@ -22,7 +22,7 @@ class TlsContext {
 
     SSL_CTX* native() const { return m_native; }
 
-    /// Why the last connection failed, as far as certificates and versions tell; empty otherwise.
+    /// Returns why the last connection failed if certificates or versions were the cause; empty otherwise.
     const std::string& cause() const { return m_cause; }
 
   private:

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "kyo/SignalsBlocked.h"
 #include "kyo/Status.h"
 #include "log/LineQueue.h"
 #include "log/LineText.h"
@@ -40,17 +40,8 @@ class Writer {
     void countDropped() { m_dropped.add(); }
 
     void start() {
-        sigset_t all;
-        sigset_t before;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            std::thread([this] { run(); }).detach();
-        } catch (...) {
-            ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            throw;
-        }
-        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        const SignalsBlocked whileItStarts;
+        std::thread([this] { run(); }).detach();
     }
 
     /// Waits, at most for `limit`, until the file contains all lines queued before.

@@ -9,13 +9,13 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <system_error>
 #include <thread>
 
+#include "kyo/SignalsBlocked.h"
 #include "kyo/Status.h"
 #include "log/ConsoleSink.h"
 #include "log/DltSink.h"
@@ -59,18 +59,13 @@ class Backend {
     }
 
     void start() {
-        // The application's threads handle signals.
-        sigset_t all;
-        sigset_t before;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before);
         try {
+            const kyo::SignalsBlocked whileItStarts;
             std::thread([this] { run(); }).detach();
             m_running.store(true);
         } catch (const std::system_error&) {
             // Without a thread there is no log; the application continues.
         }
-        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
 
     void push(LogLevel level, std::string_view text) noexcept {

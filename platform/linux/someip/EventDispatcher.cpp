@@ -54,8 +54,7 @@ void EventDispatcher::onDatagram(const Endpoint& from, std::span<const std::uint
         counters().malformed.add();
         if (const auto unlogged = m_broken.note(now)) {
             KYO_LOG(5, "A datagram from " << toText(from) << " with " << datagram.size()
-                                          << " bytes is no sequence of messages (" << *unlogged
-                                          << " more since the last such message)");
+                                          << " bytes is no sequence of messages" << more(*unlogged));
         }
     }
 }
@@ -88,11 +87,11 @@ void EventDispatcher::onMessage(const Endpoint& from, const Header& header,
     }
     if (accepted == nullptr) {
         (rightPeer ? counters().wrongVersion : counters().wrongPeer).add();
-        if (const auto untold = m_strange.note(now)) {
+        if (const auto unlogged = m_strange.note(now)) {
             KYO_LOG(5, "A notification of " << found->second.front().route.receiver->name()
                                             << " is not taken from " << toText(from)
-                                            << " with interface version " << header.interfaceVersion << " ("
-                                            << *untold << " more since this was last told)");
+                                            << " with interface version " << header.interfaceVersion
+                                            << more(*unlogged));
         }
         return;
     }

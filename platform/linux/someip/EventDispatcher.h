@@ -23,7 +23,7 @@ class EventDispatcher {
     struct Route {
         Endpoint source;
         std::shared_ptr<EventReceiver> receiver;
-        std::uint64_t life = 0;  ///< of the service: another one means that its sender may have started anew
+        std::uint64_t life = 0;  ///< of the service: another one means that its sender may have restarted
     };
 
     /// No handler is called while `stop` is set.

@@ -45,7 +45,7 @@ SessionSequence::Step SessionSequence::observe(std::uint16_t session, unsigned& 
         m_jump = session;
         return Step::Jump;
     }
-    // What jumped goes on there. A sender that has started anew falls to a lower number.
+    // The sequence goes on from the jump. A restarted sender falls to a lower number.
     const unsigned jumped = steps(last, m_jump);
     if (m_jump > last || jumped <= kMostOverWrap) {
         missing = jumped - 1 + beyond - 1;

@@ -25,14 +25,15 @@ class NetworkAccess {
     MulticastGroups& groups() noexcept { return m_groups; }
     const Network& range() const noexcept { return m_range; }
     const Endpoint& eventEndpoint() const noexcept { return m_events.socket()->endpoint(); }
-    /// The way to a subscriber: nullptr for a client that is not connected.
+    /// Returns the way to a subscriber; nullptr for a client that is not connected.
     std::shared_ptr<Outlet> outlet(const Endpoint& receiver) const;
 
     void watch(const EventLoop& loop) const noexcept;
     void unwatch(const EventLoop& loop) const noexcept;
-    /// Takes clients that have connected. Before discovery is read: their subscriptions need the connection.
+    /// Accepts clients that have connected. Call it before discovery is read: their subscriptions need the
+    /// connection.
     void accept(const EventLoop& loop, Clock::time_point now);
-    /// Makes and ends connections, joins and leaves groups, as the subscriptions need them now.
+    /// Opens and closes connections, joins and leaves groups, as the subscriptions need them now.
     void maintain(const EventLoop& loop, Clock::time_point now);
     Clock::time_point nextDeadline() const;
     /// Ends the connections with a peer that has rebooted, at the next maintain().
@@ -40,7 +41,7 @@ class NetworkAccess {
 
     /// True for a descriptor that needs accept(), discovery or maintain().
     bool isControl(int fd) const noexcept;
-    /// What events come from at that descriptor; nullptr if nothing does.
+    /// Returns the inlet of events at that descriptor; nullptr if there is none.
     Inlet* inlet(int fd) noexcept;
     DatagramReader& unicastDiscovery() noexcept { return m_unicast; }
     DatagramReader& groupDiscovery() noexcept { return m_group; }

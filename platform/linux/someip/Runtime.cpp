@@ -244,12 +244,12 @@ void Runtime::openNetwork(Clock::time_point now) {
     m_server.attach(m_network.get(), now);
 }
 
-void Runtime::closeNetwork(bool sayGoodBye) {
+void Runtime::closeNetwork(bool notifiesPeers) {
     if (m_network == nullptr) {
         return;
     }
     m_network->discovery().shutdown();
-    if (sayGoodBye) {
+    if (notifiesPeers) {
         std::string error;
         m_network->flush(m_silent.load(std::memory_order_relaxed), error);
     }

@@ -87,7 +87,7 @@ class Runtime final : private SdPeerObserver {
 
     // Called with the lock held.
     void openNetwork(Clock::time_point now);
-    void closeNetwork(bool sayGoodBye);
+    void closeNetwork(bool notifiesPeers);
     void wake() const;
 
     // Called by the thread.

@@ -40,10 +40,9 @@ class SdPeerSessions {
     /// `message` is the whole message with its header. A reboot also resets the peer's other relation
     /// (multicast or unicast), so that one reboot is reported once.
     ///
-    /// A number that falls by less than kMostLate within kAtOnce, and not to 1, belongs to a message that
-    /// another has overtaken: no peer restarts that fast, and a restarted peer begins with 1. Messages sent
-    /// at the same moment may arrive in the wrong order; taken for a reboot, they would cost all
-    /// subscriptions.
+    /// A number that falls by less than kMostLate within kAtOnce, but not to 1, is a late message, not a
+    /// reboot: a restarted peer begins with 1, and none restarts that fast. Taken for a reboot, a late
+    /// message would cost all subscriptions.
     Verdict judge(const Endpoint& peer, bool multicast, std::uint16_t session, bool rebootFlag,
                   std::span<const std::uint8_t> message, Clock::time_point now);
 
@@ -52,7 +51,7 @@ class SdPeerSessions {
 
     std::size_t peers() const noexcept { return m_index.size(); }
 
-    /// Peers remembered, at most; beyond it the peer that has been silent longest is forgotten.
+    /// Peers remembered, at most; for a further one, the peer that has been silent longest is forgotten.
     static constexpr std::size_t kMaxPeers = 256;
 
   private:

@@ -57,12 +57,12 @@ struct ReassemblyLimits {
     std::chrono::milliseconds timeout{500};  ///< from the first segment of a set
 };
 
-/// Joins segments, whatever their order. A segment that is there already byte for byte, as a whole or in
-/// part, is passed over. A set is dropped by other bytes at the same place, a contradiction about the end, a
-/// gap at the time-out or a limit. What still comes of it is ignored until a first segment comes: that opens
-/// the next message, as other bytes than those of a message that was just completed do. Session 0 is no
-/// exception, but a first segment always opens a message there. Holds no more memory than was received, and
-/// the messages completed last, with which late segments are compared. One thread; time is an argument.
+/// Joins segments in any order. Skips bytes that are there already. Drops a set when other bytes come for the
+/// same place, when two segments disagree about the end, when a gap remains at the time-out, and at a limit;
+/// then ignores its further segments until a first one opens the next message. After a completed message,
+/// bytes that differ from it open the next message. With session 0, a first segment always opens a message.
+/// Holds no more memory than was received, and the last completed messages, with which late segments are
+/// compared. One thread; time is an argument.
 class Reassembler {
   public:
     explicit Reassembler(const ReassemblyLimits& limits) : m_limits(limits) {}
@@ -75,7 +75,7 @@ class Reassembler {
     void expire(Clock::time_point now);
     /// The next time at which expire() has work; time_point::max() when no set is open.
     Clock::time_point nextDeadline() const;
-    /// Drops what a sender has begun of a service: it has started anew.
+    /// Drops what a sender has begun of a service: it has restarted.
     void forget(const Endpoint& sender, std::uint16_t service);
 
     std::size_t openSets() const noexcept { return m_sets.size() - m_refused; }

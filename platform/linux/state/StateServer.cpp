@@ -10,12 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "kyo/SignalsBlocked.h"
 #include "kyo/Status.h"
 #include "log/PlatformLog.h"
 
@@ -60,17 +60,8 @@ StateServer::StateServer(std::string path, StateHandler onState, const StateServ
     try {
         prepareFolder();
         listen();
-        sigset_t all;
-        sigset_t before;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            m_thread = std::thread([this] { run(); });
-        } catch (...) {
-            ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            throw;
-        }
-        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        const kyo::SignalsBlocked whileItStarts;
+        m_thread = std::thread([this] { run(); });
     } catch (...) {
         closeAll();
         throw;

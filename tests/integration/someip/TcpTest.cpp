@@ -79,7 +79,7 @@ TEST_F(OverTcp, AClientThatStartsAnewLosesItsOldConnectionAndKeepsTheNewOne) {
     const auto offered = *device.found.over(someip::Protocol::Tcp);
     const auto old = device.subscribeOverTcp(offered);
     ASSERT_TRUE(device.await(someip::SdEntryType::SubscribeAck));
-    device.outbox = {};  // its numbers start anew
+    device.outbox = {};  // its numbers restart
     const auto fresh = device.subscribeOverTcp(offered);
     std::uint8_t piece[100];
     ASSERT_TRUE(eventually([&] { return old->receive(piece) == 0; }));

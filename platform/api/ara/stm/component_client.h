@@ -15,7 +15,8 @@ enum class ComponentClientReturnType : std::int32_t { kSuccess = 0, kGeneralErro
 class ComponentClient {
   public:
     virtual ~ComponentClient() = default;
-    /// Answers one request, with its id and its state. Returns kGeneralError when the requester is gone.
+    /// Answers one request, with its id and its state. Any thread, also from inside the callback. Returns
+    /// kGeneralError when the requester is gone, kInvalid when no such request is open.
     virtual ComponentClientReturnType ConfirmComponentState(std::uint32_t requestId,
                                                             const ComponentState& state,
                                                             ComponentClientReturnType result) const = 0;

@@ -238,7 +238,7 @@ TEST_F(Dispatching, JoinsSegmentsAndCountsWhatNeverBecameAMessage) {
     EXPECT_EQ(got.size(), 100u);
     EXPECT_EQ(counted(counters().tpIgnored, segments(3)[1]), 1u) << "doubled on the way";
 
-    // A sender that has started anew under the same port: what it had begun does not go on.
+    // A sender that has restarted under the same port: what it had begun does not go on.
     auto begun = segments(5);
     const auto dropped = counters().tpDropped.value();
     hear(begun[0]);

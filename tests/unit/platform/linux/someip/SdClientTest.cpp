@@ -164,7 +164,7 @@ TEST_F(SdClientSteps, ANewEndpointOrARebootIsANewLifeAndADoubledMessageIsNot) {
                                              "up 1.1 127.0.0.2:40001", "requested 1.1/1"));
     EXPECT_THAT(takeSent(), ElementsAre("subscribe 1.1/1"));
     hearAcknowledgement();
-    EXPECT_THAT(observer.take(), ElementsAre("acknowledged 1.1/1")) << "its unicast started anew as well";
+    EXPECT_THAT(observer.take(), ElementsAre("acknowledged 1.1/1")) << "its unicast has restarted as well";
 }
 
 TEST_F(SdClientSteps, AMissingAnswerOrARefusalIsTriedAgainAtOffersWithGrowingDelay) {

@@ -182,7 +182,7 @@ TEST_F(Joining, NoMessageIsLostToAnotherOneOfTheSameSessionNumber) {
         EXPECT_TRUE(join(pattern(4000), session));
         EXPECT_EQ(reassembler.dropped(), ++dropped);
     }
-    // A sender that has started anew.
+    // A sender that has restarted.
     add(contentsOf(pattern(5000))[1], 5);
     reassembler.forget(key(5).sender, key(5).service);
     EXPECT_EQ(reassembler.openSets(), 0u);
