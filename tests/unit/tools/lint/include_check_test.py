@@ -20,7 +20,8 @@ class IncludeCheck(unittest.TestCase):
                 (root / name).touch()
             (root / file).parent.mkdir(parents=True, exist_ok=True)
             spelled = [name.removeprefix("platform/api/").removeprefix("platform/linux/") for name in includes]
-            (root / file).write_text("#pragma once\n" + "".join(f'#include "{name}"\n' for name in spelled))
+            lines = [("#include <%s>" if at % 2 else '#include "%s"') % name for at, name in enumerate(spelled)]
+            (root / file).write_text("\n".join(["#pragma once", *lines]))
             done = subprocess.run([SOURCE / "tools/lint/check-includes", "--root", root], capture_output=True, text=True)
             self.assertEqual(done.returncode, 1 if done.stdout else 0, done.stderr)
             return done.stdout.splitlines()
@@ -38,7 +39,9 @@ class IncludeCheck(unittest.TestCase):
                 (1, "platform/linux/log/A.cpp", "base/VlmLog.h"),
                 (2, "json/A.cpp", "base/VlmLog.h", "qdr/services/x/proxy.h"),
                 (2, "platform/api/kyo/A.h", "json/B.h", "platform/linux/machine/Manifest.h"),
-                (1, "tools/state/A.cpp", "report/VlmReport.h")):
+                (1, "tools/state/A.cpp", "report/VlmReport.h"),
+                (1, "base/A.cpp", "base/../app/B.h"),
+                (1, "tools/newtool/A.cpp"), (1, "platform/linux/new/A.cpp"), (1, "platform/api/A.h")):  # in no folder
             self.assertEqual(len(self.check(*files)), refused, files)
 
 
