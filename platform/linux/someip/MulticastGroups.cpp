@@ -4,9 +4,11 @@
 
 namespace someip {
 
-void MulticastGroups::want(const EventgroupKey& eventgroup, const Endpoint& group) {
-    if (m_groups.contains(group) || m_groups.size() < kMost) {
-        m_groups[group].users.insert(eventgroup);
+void MulticastGroups::want(const EventgroupKey& eventgroup, const Endpoint& endpoint) {
+    if (m_groups.contains(endpoint) || m_groups.size() < kMost) {
+        Group& group = m_groups[endpoint];
+        group.users.insert(eventgroup);
+        group.tried = group.inlet != nullptr;  // each acknowledgement is another chance
     }
 }
 

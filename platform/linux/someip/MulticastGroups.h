@@ -19,7 +19,7 @@ class MulticastGroups {
         : m_own(own), m_batch(batch), m_network(network) {}
 
     /// Joins the group at the next maintain(), for this eventgroup.
-    void want(const EventgroupKey& eventgroup, const Endpoint& group);
+    void want(const EventgroupKey& eventgroup, const Endpoint& endpoint);
     /// Leaves groups that no other eventgroup uses, at the next maintain().
     void drop(const EventgroupKey& eventgroup);
     void maintain(const EventLoop& loop);

@@ -140,6 +140,12 @@ TEST_F(DeviceTalk, EventsMayComeByTheMulticastGroupOfTheAcknowledgement) {
     offer();
     const someip::Endpoint group{addressFrom(multicastText()).on(addressOf(1).interface()),
                                  static_cast<std::uint16_t>(discoveryPort() + 1)};
+    std::string error;
+    auto holder = someip::UdpSocket::open(group, {}, error);
+    device.answer(3, {group});
+    ASSERT_TRUE(log.waitFor("Events by multicast cannot be received"));
+    EXPECT_THAT(log.messages(3), Contains(StartsWith("Events by multicast cannot be received")));
+    holder.reset();
     device.answer(3, {group});
     ASSERT_TRUE(log.waitFor("Events come by multicast to " + someip::toText(group)));
     device.events->sendTo(group, device.notification(1, 1), true);

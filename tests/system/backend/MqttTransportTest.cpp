@@ -51,6 +51,9 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
     EXPECT_EQ(backend.on("test/vehicle/data")[0], compactText(envelope("1", 300000)));
     backend.stop();
     EXPECT_EQ(vehicle.transport().send(envelope("2")), 0);
+    if (!vehicle.awaitControls(2)) {  // the broker learned later that nobody listens any more
+        EXPECT_EQ(vehicle.transport().send(envelope("2")), 0);
+    }
     ASSERT_TRUE(vehicle.awaitControls(2)) << "so that the application sends it again";
     EXPECT_EQ(vehicle.controls()[1], masterControl("t", {"TypeA"}, 0, 1));
     EXPECT_TRUE(m_log.hasPart(3, "no backend listens"));
