@@ -2,60 +2,36 @@
 
 #include <algorithm>
 
+#include "json/FieldReader.h"
+
 namespace kyo::orx {
 
 namespace {
 
-/// More new ones than that are no longer ahead of the old ones, but behind them: the spool knows their names
-/// without a look at the folder only for as long as they are few.
+/// Further new envelopes wait for the old ones: only of so few does the spool know the names without reading
+/// the folder.
 constexpr std::uint64_t kMostNew = Spool::kAhead / 2;
 
 constexpr std::chrono::seconds kRetry{1};
 
-const Json::Value& memberOf(const Json::Value& object, const char* name) {
-    static const Json::Value none;
-    return object.isMember(name) ? object[name] : none;
-}
-
 }  // namespace
 
 bool readBackendControl(const Json::Value& message, BackendControl& out, std::string& fault) {
-    if (!message.isObject()) {
-        fault = "an object is expected";
-        return false;
+    vlmProd::FieldReader reader("the message", vlmProd::Reading::Converting);
+    const vlmProd::Field control = reader.root(message);
+    control.object();
+    control.expect(!message.isNull(), "an object");
+    for (const vlmProd::Field& type : control["permittedDataType"].elements("an array of texts")) {
+        type.text(out.permitted.emplace_back());
     }
-    const auto readText = [&](const char* name, std::string& text) {
-        const Json::Value& value = memberOf(message, name);
-        if (!value.isNull() && !value.isString()) {
-            fault = std::string("\"") + name + "\": a text is expected";
-            return false;
-        }
-        text = value.isString() ? value.asString() : "";
-        return true;
-    };
-    const auto readNumber = [&](const char* name, int& number) {
-        const Json::Value& value = memberOf(message, name);
-        if (!value.isNull() && (value.isBool() || !value.isInt())) {
-            fault = std::string("\"") + name + "\": a 32-bit number is expected";
-            return false;
-        }
-        number = value.isNull() ? 0 : value.asInt();
-        return true;
-    };
-    const Json::Value& types = memberOf(message, "permittedDataType");
-    if (!types.isNull() && !types.isArray()) {
-        fault = "\"permittedDataType\": an array of texts is expected";
-        return false;
+    control["eventTicket"].text(out.ticket);
+    control["messageId"].text(out.messageId);
+    control["backendChannelControl"].number(out.channel);
+    control["dataDeliveryResult"].number(out.result);
+    if (!reader.good()) {
+        fault = reader.faults().front();
     }
-    for (Json::ArrayIndex i = 0; i < types.size(); ++i) {
-        if (!types[i].isString()) {
-            fault = "\"permittedDataType\"[" + std::to_string(i) + "]: a text is expected";
-            return false;
-        }
-        out.permitted.push_back(types[i].asString());
-    }
-    return readText("eventTicket", out.ticket) && readText("messageId", out.messageId) &&
-           readNumber("backendChannelControl", out.channel) && readNumber("dataDeliveryResult", out.result);
+    return reader.good();
 }
 
 void Forwarder::connected(std::size_t receiveMaximum, std::uint64_t highest, TimePoint drainFrom) {

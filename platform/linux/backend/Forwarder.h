@@ -22,7 +22,8 @@ struct BackendControl {
     bool opens() const { return channel == 0 && result == 0 && !permitted.empty(); }
 };
 
-/// Checks the whole untrusted message. False with what is wrong in `fault`.
+/// Reads the whole untrusted message, and converts values as the application's reader of it does. Returns
+/// false with what is wrong in `fault`.
 bool readBackendControl(const Json::Value& message, BackendControl& out, std::string& fault);
 
 /// Decides which envelope of the spool is sent next, and which have arrived. It has no thread, no clock and

@@ -9,8 +9,8 @@
 
 namespace kyo::orx {
 
-/// What the vehicle tells its backend of itself, and when. It has no thread and no clock, and its caller
-/// serialises the calls.
+/// What the vehicle reports to its backend about itself, and when. It has no thread and no clock, and its
+/// caller serialises the calls.
 class Health {
   public:
     using Clock = std::chrono::steady_clock;

@@ -27,7 +27,7 @@ std::optional<RememberedControl> readRememberedControl(const std::filesystem::pa
 int writeRememberedControl(SpoolDisk& disk, const std::filesystem::path& folder,
                            const RememberedControl& control);
 
-/// The last configuration that the application accepted, and when it stands in for the backend's answer. It
+/// The last configuration that the application accepted, and when it replaces the backend's answer. It
 /// has no thread and no clock, and its caller serialises the calls.
 class RememberedConfiguration {
   public:
@@ -46,9 +46,9 @@ class RememberedConfiguration {
     bool isRepeated(const Json::Value& answer) const;
     /// An answer of the backend was passed on.
     void passedOn(Json::Value answer);
-    /// The answer that stands in, once it is due.
+    /// Returns the answer that replaces the backend's, once it is due.
     std::optional<Json::Value> standIn(Clock::time_point now);
-    /// It was passed on: none stands in again in this process.
+    /// It was passed on: none replaces the backend's again in this process.
     void stoodIn(Json::Value answer, Clock::time_point now);
     /// True when the client itself is to ask: the application has its answer, but not from the backend.
     bool isToAsk(Clock::time_point now);
@@ -60,8 +60,8 @@ class RememberedConfiguration {
     using Record = std::shared_ptr<const Json::Value>;
     /// The application's verdicts come in the order in which it got the records. What to keep(), if anything.
     Record judged(const std::string& recordId, bool isAccepted);
-    /// Keeps the record as the one that stands in. 0 or errno; durable then. May be called concurrently with
-    /// the others, but by one thread at a time.
+    /// Keeps the record as the one that replaces the backend's answer. 0 or errno; durable then. May be
+    /// called concurrently with the others, but by one thread at a time.
     int keep(const Json::Value& record) const;
 
   private:

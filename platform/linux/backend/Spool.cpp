@@ -322,7 +322,7 @@ std::optional<Spool::Entry> Spool::next(std::uint64_t after, int& error) {
 }
 
 std::optional<Spool::Entry> Spool::nextLocked(std::uint64_t after, int& error) {
-    // Each turn moves on by what one look at the folder shows.
+    // Each turn moves on by what reading the folder once shows.
     while (m_waiting > 0 && after + 1 < m_recentFrom) {
         if (after < m_aheadAfter || after >= m_aheadTo) {
             if (error = fill(after); error != 0) {

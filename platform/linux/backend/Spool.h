@@ -29,7 +29,7 @@ namespace kyo::orx {
 ///     <folder>/<number>.last                       empty: no number up to this one is used again
 ///     <folder>/bad/<number>-<bytes>.envelope       cannot be used, or the broker refuses it for good
 ///
-/// The folder is the whole state. Memory does not depend on how much waits: sizes stand in the names, a start
+/// The folder is the whole state. Memory does not depend on how much waits: sizes are in the names, a start
 /// reads names alone, and of these at most kAhead are kept. What is stored is durable when store() returns;
 /// deletions are not synchronised, so after a power cut a delivered envelope may be there again.
 ///

@@ -212,12 +212,15 @@ TEST(BackendControlTest, IsRefusedWholeWhenAMemberIsWrong) {
     EXPECT_EQ(control.messageId, "m");
     EXPECT_EQ(read("{}", control = {}), "");
     EXPECT_FALSE(control.opens());
-    EXPECT_EQ(read("[]", control), "an object is expected");
-    EXPECT_EQ(read(R"({"messageId":7})", control), "\"messageId\": a text is expected");
-    EXPECT_EQ(read(R"({"permittedDataType":["A",1]})", control),
-              "\"permittedDataType\"[1]: a text is expected");
-    EXPECT_EQ(read(R"({"dataDeliveryResult":1e10})", control),
-              "\"dataDeliveryResult\": a 32-bit number is expected");
+    EXPECT_EQ(read(R"({"eventTicket":7,"permittedDataType":[1],"backendChannelControl":0.9})", control = {}),
+              "");
+    EXPECT_TRUE(control.ticket == "7" && control.opens()) << "converted, as without a spool";
+    EXPECT_EQ(read("null", control), "the message: an object is expected");
+    EXPECT_EQ(read(R"({"messageId":[]})", control), "messageId: a text is expected, found an array");
+    EXPECT_EQ(read(R"({"permittedDataType":["A",{}]})", control),
+              "permittedDataType[1]: a text is expected, found an object");
+    EXPECT_THAT(read(R"({"dataDeliveryResult":1e10})", control),
+                HasSubstr("dataDeliveryResult: a number from"));
 }
 
 TEST(CompressionTest, BringsATextBackWithTheDictionaryOfItsFrameAndBelievesNoLengthBeyondItsLimit) {
