@@ -396,28 +396,35 @@ int exportFrom(const Options& options) {
     return 0;
 }
 
-/// Deletes what is older than the retention, at the start and every hour.
+/// Deletes what is older than the retention, at the start and every hour: a part in each call, as the thread
+/// that calls also stores and renews the lease.
 class Retention {
   public:
     Retention(vlmBackend::store::Store* database, int days)
         : m_database(days > 0 ? database : nullptr), m_days(days) {}
 
+    bool isDue() const { return m_database != nullptr && SteadyClock::now() >= m_next; }
     void run() {
-        const auto now = SteadyClock::now();
-        if (m_database == nullptr || now < m_next) {
+        if (!isDue()) {
             return;
         }
-        m_next = now + std::chrono::hours(1);
         const auto limit = std::chrono::system_clock::now() - std::chrono::days(m_days);
         try {
             const auto deleted = m_database->deleteBefore(
                 std::chrono::duration_cast<milliseconds>(limit.time_since_epoch()).count());
-            if (deleted.reports != 0) {
-                print("deleted " + std::to_string(deleted.reports) + " reports with " +
-                      std::to_string(deleted.samples) + " samples that are older than " +
-                      std::to_string(m_days) + " days");
+            m_reports += deleted.reports;
+            m_samples += deleted.samples;
+            if (deleted.isMore) {
+                return;
             }
+            m_next = SteadyClock::now() + std::chrono::hours(1);
+            if (m_reports != 0) {
+                print("deleted " + std::to_string(m_reports) + " reports with " + std::to_string(m_samples) +
+                      " samples that are older than " + std::to_string(m_days) + " days");
+            }
+            m_reports = m_samples = 0;
         } catch (const std::exception& error) {
+            m_next = SteadyClock::now() + std::chrono::minutes(1);
             print(std::string("what is too old could not be deleted: ") + error.what());
         }
     }
@@ -425,6 +432,8 @@ class Retention {
   private:
     vlmBackend::store::Store* const m_database;
     const int m_days;
+    std::int64_t m_reports = 0;  ///< deleted so far
+    std::int64_t m_samples = 0;
     SteadyClock::time_point m_next = SteadyClock::now();
 };
 
@@ -442,7 +451,8 @@ class Follower {
         print("follows " + m_options.follow);
         for (;;) {
             pollfd handle{signals, POLLIN, 0};
-            const bool asked = ::poll(&handle, 1, readOn() ? 0 : kPauseMs) > 0;
+            const bool isBusy = readOn() || m_retention.isDue();
+            const bool asked = ::poll(&handle, 1, isBusy ? 0 : kPauseMs) > 0;
             if (asked) {
                 while (readOn()) {  // what was there when the signal came
                 }
@@ -592,6 +602,9 @@ class Program {
         }
         if (const auto tick = m_backend.nextTick()) {
             next = std::min(next, *tick);
+        }
+        if (m_retention.isDue()) {
+            return 0;
         }
         const auto left = std::chrono::ceil<milliseconds>(next - SteadyClock::now()).count();
         return static_cast<int>(std::max<std::int64_t>(0, left));

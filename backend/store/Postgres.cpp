@@ -378,16 +378,19 @@ void Postgres::prepareSamples(std::int64_t receivedMs) {
     m_partitions.insert({today, today + 1});
 }
 
-void Postgres::dropSamples(std::int64_t& receivedMs) {
+bool Postgres::dropSamples(std::int64_t& receivedMs) {
     const std::int64_t limit = dayOf(receivedMs);
     receivedMs = limit * kDayMs;
     readPartitions();
-    for (const std::int64_t day : std::set<std::int64_t>(m_partitions)) {
-        if (day < limit) {
-            script("DROP TABLE IF EXISTS " + partitionName(day));
-            m_partitions.erase(day);
-        }
+    if (m_partitions.empty() || *m_partitions.begin() >= limit) {
+        return false;
     }
+    // While it waits for a long query, everybody else waits for it.
+    Transaction transaction(*this);
+    script("SET LOCAL lock_timeout = 500; DROP TABLE IF EXISTS " + partitionName(*m_partitions.begin()));
+    transaction.commit();
+    m_partitions.erase(m_partitions.begin());
+    return true;
 }
 
 void Postgres::interrupt() {

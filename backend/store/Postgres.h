@@ -29,7 +29,7 @@ class Postgres : public Sql {
                 const std::function<bool(const Row&)>& each) override;
     void prepareSamples(std::int64_t receivedMs) override;
     void insertSamples(std::span<const SampleRow> samples) override;
-    void dropSamples(std::int64_t& receivedMs) override;
+    bool dropSamples(std::int64_t& receivedMs) override;
     void tidy() override {}
     void limitTime(std::chrono::milliseconds limit) override;
     void interrupt() override;

@@ -74,9 +74,9 @@ class Sql {
     virtual void prepareSamples(std::int64_t /*receivedMs*/) {}
     /// Call it inside a transaction.
     virtual void insertSamples(std::span<const SampleRow> samples) = 0;
-    /// Drops the partitions of days before `receivedMs`, and sets it to the begin of its day. A database
-    /// without partitions does nothing. Call it outside a transaction.
-    virtual void dropSamples(std::int64_t& /*receivedMs*/) {}
+    /// Drops the oldest partition of a day before `receivedMs`; false when there is none. Sets `receivedMs`
+    /// to the begin of its day, if the database has partitions. Call it outside a transaction.
+    virtual bool dropSamples(std::int64_t& /*receivedMs*/) { return false; }
     /// Keeps files short. Call it between transactions.
     virtual void tidy() = 0;
     /// Bytes of the write-ahead log that are not in the database file yet.

@@ -19,8 +19,10 @@ namespace {
 
 constexpr int kLevel = 3;  // of zstd, for the envelopes' texts
 constexpr std::int64_t kReportsPerStep = 200;
-constexpr double kMostCounted = 1e15;  // of what a vehicle says that it lost or holds
-constexpr int kTries = 3;              // of a transaction that another instance was in the way of
+constexpr std::int64_t kSamplesPerStep = 20'000;  // unless one report has more
+constexpr std::size_t kMostName = 128;            // bytes
+constexpr double kMostCounted = 1e15;             // of what a vehicle says that it lost or holds
+constexpr int kTries = 3;                         // of a transaction that another instance was in the way of
 
 /// Null for what is no number: it comes from a topic that anybody may have written.
 Cell spoolNumber(const std::string& text) {
@@ -402,46 +404,75 @@ bool Store::transact(const std::function<void(Sql& sql)>& work) {
         reason);
 }
 
-Kept Store::deleteBefore(std::int64_t receivedMs) {
-    Kept deleted;
-    sql().dropSamples(receivedMs);
-    for (;;) {
-        Transaction transaction(sql());
+Deleted Store::deleteBefore(std::int64_t receivedMs) {
+    Deleted deleted;
+    std::string reason;
+    const auto step = [&] {
+        deleted = {};
+        if (sql().dropSamples(receivedMs)) {
+            deleted.isMore = true;
+            return;
+        }
+        Transaction transaction(*m_sql);
         if (m_sql->dialect() == Dialect::Postgres) {
             m_sql->script("SELECT pg_advisory_xact_lock(8644)");  // several instances may do this at once
         }
-        const Cell upTo[] = {receivedMs, kReportsPerStep};
-        const auto reports =
-            m_sql->query("SELECT received FROM reports WHERE received < $1 ORDER BY received LIMIT $2", upTo);
-        if (reports.empty()) {
-            const Cell parameter[] = {receivedMs};
-            m_sql->query(
-                "UPDATE vehicles SET unusable = unusable - (SELECT COUNT(*) FROM unusable u WHERE u.vehicle "
-                "= "
-                "vehicles.id AND u.received < $1)",
-                parameter);
-            m_sql->query("DELETE FROM unusable WHERE received < $1", parameter);
-            m_sql->query("DELETE FROM latest WHERE received < $1", parameter);
-            transaction.commit();
-            m_sql->tidy();
-            return deleted;
-        }
-        const Cell step[] = {integer(reports.back()[0])};
-        const auto counts =
-            m_sql->query("SELECT COUNT(*), SUM(samples) FROM reports WHERE received <= $1", step);
-        deleted.reports += integer(counts[0][0]);
-        deleted.samples += integer(counts[0][1]);
-        m_sql->query(
-            "UPDATE vehicles SET reports = vehicles.reports - d.reports, samples = vehicles.samples - "
-            "d.samples "
-            "FROM (SELECT vehicle, COUNT(*) AS reports, SUM(samples) AS samples FROM reports WHERE received "
-            "<= $1 GROUP BY vehicle) d WHERE vehicles.id = d.vehicle",
-            step);
-        m_sql->query("DELETE FROM samples WHERE received <= $1", step);
-        m_sql->query("DELETE FROM reports WHERE received <= $1", step);
+        deleted.isMore = deleteReports(receivedMs, deleted) || deleteUnusable(receivedMs);
         transaction.commit();
         m_sql->tidy();
+    };
+    if (!attempt(step, reason)) {
+        throw DatabaseError(reason, m_cause);
     }
+    return deleted;
+}
+
+/// Of the oldest ones before `receivedMs`, a step. False when there are none.
+bool Store::deleteReports(std::int64_t receivedMs, Deleted& deleted) {
+    const Cell upTo[] = {receivedMs, kReportsPerStep};
+    const auto reports = m_sql->query(
+        "SELECT received, samples FROM reports WHERE received < $1 ORDER BY received LIMIT $2", upTo);
+    if (reports.empty()) {
+        return false;
+    }
+    std::size_t last = 0;
+    for (std::int64_t samples = integer(reports[0][1]); last + 1 < reports.size(); ++last) {
+        samples += integer(reports[last + 1][1]);
+        if (samples > kSamplesPerStep) {
+            break;
+        }
+    }
+    const Cell step[] = {reports[last][0]};
+    // One row after the other, in the order of addTotals().
+    for (const Row& row : m_sql->query("SELECT vehicle, COUNT(*), SUM(samples) FROM reports WHERE received "
+                                       "<= $1 GROUP BY vehicle ORDER BY vehicle",
+                                       step)) {
+        const Cell parameters[] = {row[0], integer(row[1]), integer(row[2])};
+        m_sql->query("UPDATE vehicles SET reports = reports - $2, samples = samples - $3 WHERE id = $1",
+                     parameters);
+        const Cell old[] = {row[0], receivedMs};
+        m_sql->query("DELETE FROM latest WHERE vehicle = $1 AND received < $2", old);
+        deleted.reports += integer(row[1]);
+        deleted.samples += integer(row[2]);
+    }
+    m_sql->query("DELETE FROM samples WHERE received <= $1", step);
+    m_sql->query("DELETE FROM reports WHERE received <= $1", step);
+    return true;
+}
+
+bool Store::deleteUnusable(std::int64_t receivedMs) {
+    const Cell upTo[] = {receivedMs, kReportsPerStep};
+    std::map<std::int64_t, std::int64_t> counts;
+    for (const Row& row : m_sql->query("DELETE FROM unusable WHERE id IN (SELECT id FROM unusable WHERE "
+                                       "received < $1 ORDER BY received LIMIT $2) RETURNING vehicle",
+                                       upTo)) {
+        ++counts[integer(row[0])];
+    }
+    for (const auto& [vehicle, count] : counts) {
+        const Cell parameters[] = {vehicle, count};
+        m_sql->query("UPDATE vehicles SET unusable = unusable - $2 WHERE id = $1", parameters);
+    }
+    return !counts.empty();
 }
 
 }  // namespace vlmBackend::store

@@ -50,13 +50,16 @@ struct Presence {
     bool isOurs = false;  ///< set by setPresence()
 };
 
-struct Kept {
+struct Deleted {
     std::int64_t reports = 0;
     std::int64_t samples = 0;
+    bool isMore = false;  ///< than that is to be deleted
 };
 
-/// "vlm/bench" is the vehicle "bench"; another prefix is a name as it stands.
+/// The last level of the topic prefix: "vlm/bench" is the vehicle "bench".
 std::string vehicleName(std::string_view prefix);
+/// Why a vehicle cannot have that name; empty: it can.
+std::string nameFault(std::string_view name);
 
 /// Used by one thread. A lost connection is made again at the next call.
 class Store {
@@ -79,9 +82,9 @@ class Store {
     /// throws.
     bool transact(const std::function<void(Sql& sql)>& work);
 
-    /// Deletes what was received before, a few reports at a time, so that storing goes on. Throws
-    /// DatabaseError.
-    Kept deleteBefore(std::int64_t receivedMs);
+    /// Deletes a part of what was received before, in a fraction of a second: storing goes on between two
+    /// calls. Throws DatabaseError.
+    Deleted deleteBefore(std::int64_t receivedMs);
 
     Sql& sql();  ///< throws DatabaseError when the database cannot be reached
 
@@ -109,6 +112,8 @@ class Store {
     std::int64_t insertReport(const Envelope& envelope, std::int64_t vehicle, const Received& received);
     bool keepUnusable(std::int64_t vehicle, std::int64_t receivedMs, const std::string& reason,
                       const std::string& payload, bool isWhole);
+    bool deleteReports(std::int64_t receivedMs, Deleted& deleted);
+    bool deleteUnusable(std::int64_t receivedMs);
     bool attempt(const std::function<void()>& work, std::string& reason);
 
     const std::string m_where;

@@ -72,6 +72,15 @@ struct WithStore : TestWithParam<vlmBackend::store::Dialect> {
         const vlmBackend::store::Received received{prefix, std::move(text), "", "17", 10, at};
         return store.put({&received, 1})[0].outcome;
     }
+    /// In all its steps.
+    vlmBackend::store::Deleted deleteAll(std::int64_t receivedMs) {
+        vlmBackend::store::Deleted all{0, 0, true};
+        while (all.isMore) {
+            const auto step = store.deleteBefore(receivedMs);
+            all = {all.reports + step.reports, all.samples + step.samples, step.isMore};
+        }
+        return all;
+    }
 
     const TemporaryFolder folder;
     const std::string where = freshDatabase(GetParam(), folder);
