@@ -28,6 +28,7 @@ using vlmProd::textOf;
 namespace {
 
 constexpr std::size_t kRecentIds = 1000;
+constexpr std::size_t kMostShown = 200;                // bytes of a refused topic
 constexpr std::chrono::milliseconds kLease{6000};      // of an instance that renews it no more
 constexpr std::chrono::milliseconds kLookEvery{1000};  // for what other instances changed
 constexpr std::int64_t kMostTaken = 200;               // vehicles at once, so that instances share them
@@ -43,19 +44,15 @@ std::int64_t nowMs() {
         .count();
 }
 
-/// Returns the part before the suffix, if the topic has it.
-std::optional<std::string> prefixOf(const std::string& topic, const std::string& suffix) {
-    if (topic.size() > suffix.size() && topic.ends_with(suffix)) {
-        return topic.substr(0, topic.size() - suffix.size());
-    }
-    return std::nullopt;
-}
+constexpr std::string_view kData = "/data";
 
-/// Where "/data" is in the topic of an envelope; npos for another topic.
-std::size_t dataIn(const std::string& topic) {
-    const auto at = topic.rfind("/data");
-    const bool is = at != std::string::npos && at > 0 && (at + 5 == topic.size() || topic[at + 5] == '/');
-    return is ? at : std::string::npos;
+/// Where the prefix with so many levels ends; npos when the topic has no more than these.
+std::size_t endOfPrefix(const std::string& topic, std::size_t levels) {
+    auto at = topic.find('/');
+    for (; at != std::string::npos && levels > 1; --levels) {
+        at = topic.find('/', at + 1);
+    }
+    return at;
 }
 
 }  // namespace
@@ -97,11 +94,13 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
         arrived.clear();
         arrivedBytes = 0;
     };
+    const std::vector<Message> usable = split(messages);
     // First: who looks after a vehicle answers it.
-    add(onStatuses(messages));
-    for (const auto& [topic, payload] : messages) {
-        if (const auto at = dataIn(topic); at != std::string::npos) {
-            Arrived one = decode(topic.substr(0, at), topic.substr(at + 5), payload);
+    add(onStatuses(usable));
+    for (const Message& message : usable) {
+        const auto& [prefix, topic, payload] = message;
+        if (topic == kData || topic.starts_with(std::string(kData) + '/')) {
+            Arrived one = decode(prefix, topic.substr(kData.size()), payload);
             if (one.lacksDictionary) {
                 // Readable when the dictionary is there: the vehicle keeps it and waits for an opening
                 // message.
@@ -116,28 +115,48 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
             continue;
         }
         Value content;
-        if (topic.ends_with("/status") || !readMessage(topic, payload, content)) {
+        if (topic == "/status" || !readMessage(message, content)) {
             continue;
         }
-        if (const auto healthy = prefixOf(topic, "/health"); healthy && m_settings.database != nullptr) {
-            const auto known = m_vehicles.find(*healthy);
+        if (topic == "/health" && m_settings.database != nullptr) {
+            const auto known = m_vehicles.find(prefix);
             if (known == m_vehicles.end() || !known->second.online || known->second.isOurs) {
-                m_settings.database->setHealth(*healthy, content, nowMs());
+                m_settings.database->setHealth(prefix, content, nowMs());
             }
-        } else if (const auto asking = prefixOf(topic, "/config/request")) {
-            add(onRequest(*asking));
+        } else if (topic == "/config/request") {
+            add(onRequest(prefix));
         }
     }
     storeArrived();
     return out;
 }
 
+/// Of all but those whose topic names no vehicle, which are counted and logged.
+std::vector<Backend::Message> Backend::split(const std::vector<Incoming>& messages) {
+    std::vector<Message> out;
+    for (const auto& [topic, payload] : messages) {
+        const auto at = endOfPrefix(topic, m_settings.prefixLevels);
+        if (at == std::string::npos) {
+            continue;
+        }
+        std::string prefix = topic.substr(0, at);
+        if (const std::string fault = store::nameFault(store::vehicleName(prefix)); fault.empty()) {
+            out.push_back({std::move(prefix), topic.substr(at), payload});
+        } else {
+            ++m_settings.totals->refused;
+            m_print(topic.substr(0, kMostShown) + ": refused, " + fault);
+        }
+    }
+    return out;
+}
+
 /// False for what is no usable JSON object, which is logged.
-bool Backend::readMessage(const std::string& topic, const std::string& payload, Value& content) {
+bool Backend::readMessage(const Message& message, Value& content) {
+    const std::string topic = message.prefix + message.topic;
     kyo::Json::Reader reader;
-    if (std::string fault; !vlmProd::isWithin(kMessage, payload, fault)) {
+    if (std::string fault; !vlmProd::isWithin(kMessage, message.payload, fault)) {
         m_print(topic + ": " + fault);
-    } else if (!reader.parse(payload, content, false) || !content.isObject()) {
+    } else if (!reader.parse(message.payload, content, false) || !content.isObject()) {
         m_print(topic + ": " + (content.isNull() ? reader.getFormattedErrorMessages() : "no JSON object"));
     } else {
         return true;
@@ -251,13 +270,14 @@ std::vector<Outgoing> Backend::retry() {
     }
     m_databaseFailed = false;
     m_print("the database is back");
-    std::vector<std::string> online;  // what could not be written
+    // What could not be written, and those that another instance may have taken over meanwhile.
+    std::vector<std::string> prefixes;
     for (const auto& [prefix, vehicle] : m_vehicles) {
-        if (vehicle.online) {
-            online.push_back(prefix);
+        if (vehicle.online || vehicle.isUnwritten) {
+            prefixes.push_back(prefix);
         }
     }
-    if (!notePresences(online)) {
+    if (!notePresences(prefixes)) {
         return {};
     }
     auto out = m_settings.open ? openAll() : std::vector<Outgoing>{};
@@ -332,25 +352,25 @@ Outgoing Backend::masterControl(const std::string& prefix, const Vehicle& vehicl
 }
 
 /// The presence in all of these messages.
-std::vector<Outgoing> Backend::onStatuses(const std::vector<Incoming>& messages) {
+std::vector<Outgoing> Backend::onStatuses(const std::vector<Message>& messages) {
     std::set<std::string> prefixes;
-    for (const auto& [topic, payload] : messages) {
-        const auto prefix = prefixOf(topic, "/status");
+    for (const Message& message : messages) {
         Value status;
-        if (!prefix || dataIn(topic) != std::string::npos || !readMessage(topic, payload, status)) {
+        if (message.topic != "/status" || !readMessage(message, status)) {
             continue;
         }
-        Vehicle& vehicle = m_vehicles[*prefix];
+        Vehicle& vehicle = m_vehicles[message.prefix];
         vehicle.online = textOf(member(status, "state")) == "online";
+        vehicle.isUnwritten = true;
         vehicle.offered.clear();
         const Value& types = member(status, "offeredDataTypes");
         for (kyo::Json::ArrayIndex i = 0; types.isArray() && i < types.size(); ++i) {
             vehicle.offered.push_back(textOf(types[i]));
         }
         vehicle.catalog = textOf(member(status, "serverName"));
-        m_print(*prefix + (vehicle.online ? " online: " : " offline: ") + vehicle.catalog + ", offers " +
-                compactText(types));
-        prefixes.insert(*prefix);
+        m_print(message.prefix + (vehicle.online ? " online: " : " offline: ") + vehicle.catalog +
+                ", offers " + compactText(types));
+        prefixes.insert(message.prefix);
     }
     notePresences({prefixes.begin(), prefixes.end()});
     std::vector<Outgoing> out;
@@ -386,7 +406,9 @@ bool Backend::notePresences(const std::vector<std::string>& prefixes) {
             return false;
         }
         for (const store::Presence& one : some) {
-            m_vehicles[one.prefix].isOurs = isAlone() || one.isOurs;
+            Vehicle& vehicle = m_vehicles[one.prefix];
+            vehicle.isOurs = isAlone() || one.isOurs;
+            vehicle.isUnwritten = false;
         }
     }
     return true;

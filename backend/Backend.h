@@ -24,6 +24,7 @@ namespace vlmBackend {
 inline constexpr int kSilence = -1;
 
 struct Settings {
+    std::size_t prefixLevels = 2;        ///< of a topic; the last one of them is the vehicle's name
     std::vector<std::string> permitted;  ///< data types; empty: those that a vehicle offers
     std::vector<int> results{0};         ///< one for each envelope; the last one repeats
     std::chrono::milliseconds answerAfter{0};
@@ -63,8 +64,9 @@ class Backend {
     Backend(Settings settings, Print print);
 
     /// Takes messages on <prefix>/status, <prefix>/health, <prefix>/config/request and <prefix>/data; the
-    /// topic of data has the suffix of its MqttConnection::Form. Presence comes first. Stores all envelopes
-    /// of a call in one transaction, or in several if their texts are long. Returns the answers to send.
+    /// topic of data has the suffix of its MqttConnection::Form. A prefix that names no vehicle is refused.
+    /// Presence comes first. Stores all envelopes of a call in one transaction, or in several if their texts
+    /// are long. Returns the answers to send.
     std::vector<Outgoing> onMessages(const std::vector<Incoming>& messages);
     std::vector<Outgoing> onMessage(const std::string& topic, const std::string& payload) {
         return onMessages({{topic, payload}});
@@ -104,6 +106,13 @@ class Backend {
         bool isOurs = false;     ///< always true with one instance
         std::string catalog;
         Clock::time_point asked{};  ///< another instance for a configuration
+        bool isUnwritten = false;   ///< the database lacks its last presence
+    };
+
+    struct Message {
+        std::string prefix;
+        std::string topic;  ///< what follows the prefix: "/status", "/data/zstd/17"
+        const std::string& payload;
     };
 
     /// An envelope on its way through one call.
@@ -123,8 +132,9 @@ class Backend {
     void describe(Arrived& arrived);
     std::vector<bool> store(std::vector<Arrived>& batch);
     std::vector<Outgoing> openAll();
-    bool readMessage(const std::string& topic, const std::string& payload, kyo::Json::Value& content);
-    std::vector<Outgoing> onStatuses(const std::vector<Incoming>& messages);
+    std::vector<Message> split(const std::vector<Incoming>& messages);
+    bool readMessage(const Message& message, kyo::Json::Value& content);
+    std::vector<Outgoing> onStatuses(const std::vector<Message>& messages);
     std::vector<Outgoing> onRequest(const std::string& prefix);
     Outgoing configurationMessage(const std::string& prefix, const store::Configuration& configuration) const;
     bool notePresences(const std::vector<std::string>& prefixes);

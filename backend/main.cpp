@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -132,7 +133,7 @@ cxxopts::Options describeOptions() {
     add("machine-log", "its log file", cxxopts::value<std::string>()->default_value(""));
     add("export", "write from the database to the output, and end: csv, gpx or jsonl",
         cxxopts::value<std::string>()->default_value(""));
-    add("vehicle", "of which vehicle; the prefix without vlm/",
+    add("vehicle", "of which vehicle; the last level of its prefix",
         cxxopts::value<std::string>()->default_value(""));
     add("columns", "of csv: views and their columns, gnss_positions.latitude,chassis_velocity_info.speed",
         cxxopts::value<std::vector<std::string>>()->default_value(""));
@@ -181,8 +182,18 @@ void readStorage(const cxxopts::ParseResult& given, Options& out) {
     if (!out.exportForm.empty() && out.database.empty()) {
         throw std::invalid_argument("--export: --database names where from");
     }
-    if (!(out.follow.empty() && out.import.empty()) && out.prefix.find_first_of("+#") != std::string::npos) {
-        throw std::invalid_argument("--follow, --import: --prefix names one vehicle");
+}
+
+/// Its last level is the name of a vehicle, or + for all of them.
+void checkPrefix(const Options& options) {
+    const std::string name = vlmBackend::store::vehicleName(options.prefix);
+    const bool isAll = name == "+" && options.follow.empty() && options.import.empty();
+    std::string fault = isAll ? "" : vlmBackend::store::nameFault(name);
+    if (options.prefix.find_first_of("+#") < options.prefix.size() - name.size()) {
+        fault = "only its last level may be +";
+    }
+    if (!fault.empty()) {
+        throw std::invalid_argument("--prefix " + options.prefix + ": " + fault);
     }
 }
 
@@ -277,6 +288,8 @@ std::optional<Options> readOptions(int argc, char** argv, int& status) {
         out.backend.namesEnvelopes = given.count("unnamed") == 0;
         out.import = given["import"].as<std::string>();
         readStorage(given, out);
+        checkPrefix(out);
+        out.backend.prefixLevels = 1 + static_cast<std::size_t>(std::ranges::count(out.prefix, '/'));
         readWeb(given, out);
         out.backend.answerAfter = milliseconds(given["answer-after"].as<unsigned>());
         out.backend.reopenAfter = milliseconds(given["reopen-after"].as<unsigned>());
@@ -584,7 +597,8 @@ class Program {
         const auto& totals = m_backend.totals();
         print(std::to_string(totals.envelopes) + " envelopes, " + std::to_string(totals.repeated) +
               " of them again, " + std::to_string(totals.samples) + " samples, " +
-              std::to_string(totals.bytes) + " bytes");
+              std::to_string(totals.bytes) + " bytes" +
+              (totals.refused == 0 ? "" : "; " + std::to_string(totals.refused) + " messages refused"));
     }
 
   private:

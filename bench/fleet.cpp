@@ -176,7 +176,8 @@ class Vehicle {
     void tick(Clock::time_point now) {
         for (; m_fleet.isGoing && m_due <= now; m_due += m_fleet.period) {
             ++m_made;
-            m_waiting.push_back({m_made, uuid(m_fleet.seed, m_index, m_made), wallMs(), {}, 0, false});
+            // The same ones for two vehicles each, as with a common configuration.
+            m_waiting.push_back({m_made, uuid(m_fleet.seed, m_index / 2, m_made), wallMs(), {}, 0, false});
         }
         if (now >= m_next) {
             m_next = now + kHousekeeping;

@@ -109,6 +109,12 @@ constexpr std::array kMigrations{
        ALTER TABLE unusable ADD COLUMN digest {bytes};
        CREATE UNIQUE INDEX unusable_once ON unusable (vehicle, digest);
        CREATE INDEX unusable_by_arrival ON unusable (received))",
+    // A vehicle's name is the last level of its prefix. Where two would get the same name, both keep theirs.
+    R"(UPDATE vehicles SET name = SUBSTR(prefix, LENGTH(RTRIM(prefix, REPLACE(prefix, '/', ''))) + 1)
+       WHERE name LIKE '%/%' AND prefix NOT LIKE '%/' AND prefix NOT LIKE '%/data/%' AND NOT EXISTS (
+         SELECT 1 FROM vehicles o WHERE o.id <> vehicles.id AND
+         SUBSTR(o.prefix, LENGTH(RTRIM(o.prefix, REPLACE(o.prefix, '/', ''))) + 1) =
+         SUBSTR(vehicles.prefix, LENGTH(RTRIM(vehicles.prefix, REPLACE(vehicles.prefix, '/', ''))) + 1)))",
 };
 
 void replaceAll(std::string& text, std::string_view what, std::string_view by) {

@@ -77,8 +77,17 @@ std::int64_t lossesIn(const kyo::Json::Value& health) {
 }  // namespace
 
 std::string vehicleName(std::string_view prefix) {
-    constexpr std::string_view usual = "vlm/";
-    return std::string(prefix.starts_with(usual) ? prefix.substr(usual.size()) : prefix);
+    return std::string(prefix.substr(prefix.rfind('/') + 1));
+}
+
+std::string nameFault(std::string_view name) {
+    if (name.empty()) {
+        return "the vehicle's name is empty";
+    }
+    if (name.size() > kMostName) {
+        return "the vehicle's name is longer than " + std::to_string(kMostName) + " bytes";
+    }
+    return name.find_first_of("/+#") == std::string_view::npos ? "" : "the vehicle's name contains / + or #";
 }
 
 Store::Store(std::string where) : m_where(std::move(where)), m_compressor(kLevel) {

@@ -258,6 +258,7 @@ class Access(HttpTest):
         self.assertRegex(self.refuse(*anywhere, *users), r"needs TLS")
         self.assertRegex(self.refuse(*anywhere, *secure), r"needs users .*token \(VLM_BACKEND_TOKEN\)\n")
         self.assertIn("--listen", self.refuse("--listen", "localhost"))
+        self.assertIn("contains / + or #", self.refuse("--prefix", "vlm/+", "--import", "/dev/null"))
         self.assertIn("--add-user creates it", self.refuse("--users", f"{self.folder}/none", "--listen", "127.0.0.1:0"))
         backend = self.filled(*users, *secure, listen="0.0.0.0:0", environment={"VLM_BACKEND_TOKEN": "s3cret"})
         backend.context = ssl.create_default_context(cafile=certificate)

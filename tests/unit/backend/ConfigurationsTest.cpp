@@ -197,16 +197,20 @@ TEST_P(ConfigurationsTest, AreSentOnRequestAtAssignmentAndAtReturnButNeverTwice)
     EXPECT_THAT(changed(), ElementsAre("vlm/a " + record(first))) << "the last one that it got counts";
 }
 
-TEST_P(ConfigurationsTest, ThatTheDatabaseDoesNotGiveAreSentWhenItIsBack) {
+TEST_P(ConfigurationsTest, ThatTheDatabaseDoesNotGiveAreSentWhenItIsBackAndPresenceIsWritten) {
     const auto id = add("trip");
     assign("a", "", id);
-    say("a", R"({"state":"online"})");
-    sql().script("ALTER TABLE configurations RENAME TO hidden");
+    for (const std::string vehicle : {"a", "b"}) {
+        say(vehicle, R"({"state":"online"})");
+    }
+    sql().script("ALTER TABLE vehicles RENAME TO hidden");
     EXPECT_THAT(request("a"), IsEmpty());
+    say("b", R"({"state":"offline"})");
     EXPECT_TRUE(backend.databaseFailed());
     EXPECT_THAT(sent(backend.tick(Backend::Clock::now() + settings().returnPause)), IsEmpty());
-    sql().script("ALTER TABLE hidden RENAME TO configurations");
+    sql().script("ALTER TABLE hidden RENAME TO vehicles");
     EXPECT_THAT(sent(backend.retry()), ElementsAre("vlm/a " + record(id)));
+    EXPECT_FALSE(web::vehicle(sql(), "b")["online"].asBool());
     EXPECT_THAT(sent(backend.tick(Backend::Clock::now() + 2 * settings().returnPause)), IsEmpty());
 }
 
@@ -222,7 +226,8 @@ TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
         const auto old = store::connect(where);
         store::migrate(*old, 1);
         old->script(
-            "INSERT INTO vehicles (name, prefix, online, catalog) VALUES ('bench', 'vlm/bench', 1, '21');"
+            "INSERT INTO vehicles (name, prefix, online, catalog) VALUES ('bench', 'vlm/bench', 1, '21'),"
+            "('fleet/deep', 'fleet/deep', 0, ''), ('a/b', 'a/b', 0, ''), ('b', 'b', 0, '');"
             "INSERT INTO unusable (vehicle, received, reason, payload) VALUES (1, 20, '', '{'), (1, 20, '', "
             "'{');"
             "CREATE VIEW own AS SELECT message_id FROM reports;"
@@ -250,6 +255,7 @@ TEST_P(OlderDatabaseTest, IsUpgradedAndKeepsWhatItHas) {
     EXPECT_EQ(database.put({&again, 1})[0].outcome, store::Outcome::Stored);
     EXPECT_THAT(database.sql().query("SELECT message_id FROM own"), SizeIs(2));
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["unusable"].asInt(), 2);
+    EXPECT_THAT(database.sql().query("SELECT 1 FROM vehicles WHERE name IN ('deep', 'a/b', 'b')"), SizeIs(3));
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["configuration"]["state"].asString(), "none");
     EXPECT_EQ(web::vehicle(database.sql(), "bench")["samples"].asInt(), 1);
     EXPECT_EQ(web::latest(database.sql(), "bench").size(), 1u);

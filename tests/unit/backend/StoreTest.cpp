@@ -97,6 +97,27 @@ TEST_P(SqliteStoreTest, StoresNothingOfABatchThatTheDatabaseDoesNotTakeAndAllOfI
     EXPECT_EQ(text(store.sql().query("SELECT catalog FROM vehicles WHERE online = 1")[0][0]), "21");
 }
 
+TEST_P(SqliteStoreTest, KnowsVehiclesByTheLastLevelOfTheirPrefixAndRefusesOtherNames) {
+    Settings settings;
+    settings.database = &store;
+    const std::string longest(128, 'n');
+    Backend backend(settings, [](const std::string&) {});
+    for (const std::string& name :
+         {std::string("bench"), std::string("data"), std::string(), longest, longest + "n"}) {
+        backend.onMessage("vlm/" + name + "/status", R"({"state":"online"})");
+        backend.onMessage("vlm/" + name + "/data/zone/data", oneSample(name));
+    }
+    EXPECT_EQ(
+        count("vehicles WHERE online = 1 AND unusable = 1 AND name IN ('bench', 'data', '" + longest + "')"),
+        3);
+    EXPECT_EQ(count("vehicles"), 3);
+    EXPECT_EQ(settings.totals->refused, 4);
+
+    settings.prefixLevels = 3;
+    Backend(settings, [](const std::string&) {}).onMessage("a/fleet/deep/data", oneSample("a"));
+    EXPECT_EQ(count("vehicles WHERE name = 'deep' AND reports = 1"), 1);
+}
+
 TEST_P(SqliteStoreTest, DeletesWhatIsTooOldAndKeepsTheLogOfTheFileShort) {
     for (int i = 0; i < 450; ++i) {
         ASSERT_EQ(arrive("vlm/bench", oneSample(std::to_string(i)), kNow + i), Outcome::Stored);
