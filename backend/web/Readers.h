@@ -18,11 +18,12 @@ class Readers {
     static constexpr std::chrono::seconds kLongestWait{10};   ///< for a connection
     static constexpr std::chrono::seconds kLongestQuery{30};  ///< a longer one ends with a DatabaseError
 
-    /// `most`: connections.
+    /// Opens at most `most` connections, each at its first use.
     Readers(std::string where, std::size_t most) : m_where(std::move(where)), m_most(most) {}
 
-    /// Throws what `work` throws; Problem when all connections are in use for too long; DatabaseError. `work`
-    /// waits for no client: others need the connection, and an open query keeps SQLite's log growing.
+    /// Calls `work` with a connection. Throws what `work` throws, DatabaseError, or Problem after
+    /// kLongestWait. `work` must not wait for a client: others need the connection, and an open query keeps
+    /// SQLite's log growing.
     void use(const std::function<void(store::Sql& sql)>& work);
 
     /// Running queries fail now, and further ones are refused.

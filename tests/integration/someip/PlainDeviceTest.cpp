@@ -92,7 +92,7 @@ TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
     EXPECT_TRUE(client.readings->subscribed());
     sendEvent(1, 1);
     ASSERT_TRUE(eventually([&] { return client.count() == 1; }));
-    EXPECT_LE(log.messages(3).size(), 1u) << "malformed discovery is told once";
+    EXPECT_LE(log.messages(3).size(), 1u) << "malformed discovery is logged once";
 }
 
 TEST_F(DeviceTalk, APeerThatAlternatesFillsNoLogAndItsUnusableOffersAreCountedAndNamed) {
