@@ -105,7 +105,7 @@ class Backend {
         bool asks = false;       ///< waits for a configuration that the database did not return
         bool isOurs = false;     ///< always true with one instance
         std::string catalog;
-        Clock::time_point asked{};  ///< another instance for a configuration
+        Clock::time_point asked{};  ///< when another instance was asked for a configuration
         bool isUnwritten = false;   ///< the database lacks its last presence
     };
 

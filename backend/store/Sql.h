@@ -75,7 +75,7 @@ class Sql {
     /// Call it inside a transaction.
     virtual void insertSamples(std::span<const SampleRow> samples) = 0;
     /// Drops the oldest partition of a day before `receivedMs`; false when there is none. Sets `receivedMs`
-    /// to the begin of its day, if the database has partitions. Call it outside a transaction.
+    /// to the start of its day, if the database has partitions. Call it outside a transaction.
     virtual bool dropSamples(std::int64_t& /*receivedMs*/) { return false; }
     /// Keeps files short. Call it between transactions.
     virtual void tidy() = 0;
