@@ -65,6 +65,12 @@ class Analyser {
             if (element.starts_with("<packet")) {
                 frames.emplace_back();
             } else if (!frames.empty()) {
+                if (element.starts_with("<proto name=\"someip\"") && !frames.back().contains("someip")) {
+                    // What it thinks of ports, such as a possible traceroute.
+                    std::erase_if(frames.back(), [](const auto& one) {
+                        return one.first.find("expert") != std::string::npos;
+                    });
+                }
                 frames.back()[attribute(element, "name")].push_back(
                     {attribute(element, "show"), attribute(element, "showname")});
             }
