@@ -11,9 +11,8 @@ using namespace simdjson;
 
 namespace {
 
-constexpr std::size_t kMostName = 256;          // bytes of an identifier, application or report name
-constexpr std::size_t kMostRefused = 100;       // of one envelope; one entry more tells that there are others
-constexpr std::size_t kMostRefusedText = 4096;  // bytes kept of each
+constexpr std::size_t kMostName = 256;     // bytes of an identifier, application or report name
+constexpr std::size_t kMostRefused = 100;  // of one envelope; one entry more stands for the others
 
 struct Fault {
     std::string reason;
@@ -87,13 +86,13 @@ bool fits(ondemand::value value, Kind kind) {
     }
 }
 
-/// At most kMostRefused are kept.
+/// At most kMostRefused are kept, then the envelope, for which the last entry's text is empty.
 void refuse(Envelope& envelope, std::string reason, std::string_view text) {
     ++envelope.refusedInAll;
     if (envelope.refused.size() < kMostRefused) {
-        envelope.refused.push_back({std::move(reason), std::string(text.substr(0, kMostRefusedText))});
+        envelope.refused.push_back({std::move(reason), std::string(text)});
     } else if (envelope.refused.size() == kMostRefused) {
-        envelope.refused.push_back({"further samples that fit no event are not kept", ""});
+        envelope.refused.push_back({"further samples fit no event: the whole envelope", ""});
     }
 }
 

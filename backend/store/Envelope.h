@@ -21,7 +21,7 @@ struct Sample {
 /// Part of an envelope that fits no event.
 struct Refused {
     std::string reason;
-    std::string text;
+    std::string text;  ///< empty: the whole envelope stands for further parts
 };
 
 struct Envelope {

@@ -237,7 +237,8 @@ Stored Store::putOne(const Received& received) {
     added.samples += static_cast<std::int64_t>(rows.size());
     added.lastReport = report;
     for (const Refused& refused : envelope.refused) {
-        keepUnusable(vehicle, received.receivedMs, refused.reason, refused.text, false);
+        keepUnusable(vehicle, received.receivedMs, refused.reason,
+                     refused.text.empty() ? received.text : refused.text, false);
         out.reason = refused.reason;
     }
     out.outcome = Outcome::Stored;

@@ -58,9 +58,17 @@ TEST_P(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
             "gnss_positions WHERE vehicle = 'bench' AND latitude = 48 AND time = '2023-11-14T22:15:00.000Z'"),
         1);
     EXPECT_EQ(count("unusable"), 3);
-    const auto kept = store.sql().query("SELECT payload FROM unusable WHERE reason = 'no frame'");
-    ASSERT_THAT(kept, SizeIs(1));
+    std::string samples = positionText(kNow, 1, 1);
+    for (int i = 0; i < 102; ++i) {
+        samples += ",{}";
+    }
+    const std::string whole = envelopeText("many", "[" + samples + "]");
+    EXPECT_EQ(arrive("vlm/bench", whole, kNow), Outcome::Stored);
+    const auto kept = store.sql().query(
+        "SELECT payload FROM unusable WHERE reason = 'no frame' OR reason LIKE '%whole envelope'");
+    ASSERT_THAT(kept, SizeIs(2));
     EXPECT_EQ(std::get<Bytes>(kept[0][0]).data, "\x28\xb5garbage");
+    EXPECT_EQ(std::get<Bytes>(kept[1][0]).data, whole);
     EXPECT_EQ(text(store.sql().query("SELECT spool_number FROM reports")[0][0]), "17");
 }
 
