@@ -1,18 +1,19 @@
 #include "bus/Timer.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
 #include "base/DetachedThread.h"
 #include "base/VlmLog.h"
-#include "kyo/Mutex.h"
 #include "kyo/Status.h"
-#include "kyo/ThreadCondition.h"
 
 namespace vlmProd {
 
@@ -27,23 +28,33 @@ std::int64_t steadyMs() {
 
 /// What a timer shares with the thread of one setting.
 struct Timer::Loop {
-    void stop() {
-        const std::lock_guard<kyo::Mutex> lock(mutex);
-        clear = true;
-        stopped.broadcast();
+    // Without a descriptor the thread sleeps out its interval, and a stop waits that long for its end.
+    Loop() : wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~Loop() {
+        if (wake >= 0) {
+            ::close(wake);
+        }
     }
-    /// Sleeps until the next tick or the stop.
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    void stop() {
+        clear = true;
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto written = ::write(wake, &one, sizeof one);
+    }
+    /// Sleeps until the next tick or the stop. poll() has a relative time-out, so that setting the wall clock
+    /// neither stretches nor cuts it.
     void sleep() {
-        const std::lock_guard<kyo::Mutex> lock(mutex);
         for (std::int64_t left = nextTickMs - steadyMs(); left > 0 && !clear;
              left = nextTickMs - steadyMs()) {
-            stopped.waitFor(mutex, std::chrono::milliseconds(left));
+            pollfd stopped{wake, POLLIN, 0};
+            ::poll(&stopped, 1, static_cast<int>(left));
         }
     }
 
-    kyo::Mutex mutex;  ///< between the check of `clear` and the sleep no stop is missed
-    kyo::ThreadCondition stopped;
-    std::atomic<bool> clear{false};           ///< true: stopped; set with the lock
+    const int wake;                           ///< readable after the stop
+    std::atomic<bool> clear{false};           ///< true: stopped
     std::atomic<std::int64_t> nextTickMs{0};  ///< on the steady clock
 };
 
