@@ -66,6 +66,15 @@ Fields discoveryWith(const Fields& more) {
            more;
 }
 
+/// A sample that takes several segments, and its payload.
+std::pair<Reading, std::vector<std::uint8_t>> largeSample() {
+    auto sample = fullReading();
+    sample.text = std::string(5000, 'x');
+    std::vector<std::uint8_t> payload;
+    someip::encodeSamples(std::vector{sample}, payload);
+    return {sample, payload};
+}
+
 }  // namespace
 
 TEST_F(Wire, TheClientsSideOfDiscovery) {
@@ -119,10 +128,7 @@ TEST_F(Wire, ANotificationAndOneInSegments) {
     ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; }));
     analyser.clear();
 
-    auto large = fullReading();
-    large.text = std::string(5000, 'x');
-    std::vector<std::uint8_t> payload;
-    someip::encodeSamples(std::vector{large}, payload);
+    const auto [large, payload] = largeSample();
     server.readings.Send({numbered(1)});
     server.readings.Send({large});
     ASSERT_TRUE(eventually([&] {
@@ -158,10 +164,7 @@ TEST_F(Wire, EventsOverTcp) {
     const auto connection = device.subscribeOverTcp(offered);
     ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 1; }));
 
-    auto large = fullReading();
-    large.text = std::string(5000, 'x');
-    std::vector<std::uint8_t> payload;
-    someip::encodeSamples(std::vector{large}, payload);
+    const auto [large, payload] = largeSample();
     server.readings.Send({numbered(1)});
     server.readings.Send({large});
     std::size_t missing = 2 * someip::kHeaderSize + 18 + someip::kHeaderSize + payload.size();
