@@ -19,10 +19,8 @@ namespace vlmProd {
 
 namespace {
 
-std::int64_t steadyMs() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 }  // namespace
 
@@ -46,22 +44,22 @@ struct Timer::Loop {
     /// Sleeps until the next tick or the stop. poll() has a relative time-out, so that setting the wall clock
     /// neither stretches nor cuts it.
     void sleep() {
-        for (std::int64_t left = nextTickMs - steadyMs(); left > 0 && !clear;
-             left = nextTickMs - steadyMs()) {
+        for (auto left = nextTick.load() - Clock::now(); left.count() > 0 && !clear;
+             left = nextTick.load() - Clock::now()) {
             pollfd stopped{wake, POLLIN, 0};
-            ::poll(&stopped, 1, static_cast<int>(left));
+            ::poll(&stopped, 1, static_cast<int>(std::chrono::ceil<milliseconds>(left).count()));
         }
     }
 
-    const int wake;                           ///< readable after the stop
-    std::atomic<bool> clear{false};           ///< true: stopped
-    std::atomic<std::int64_t> nextTickMs{0};  ///< on the steady clock
+    const int wake;                  ///< readable after the stop
+    std::atomic<bool> clear{false};  ///< true: stopped
+    std::atomic<Clock::time_point> nextTick{Clock::time_point{}};
 };
 
 void Timer::setInterval(timerCallback callback, int interval) {
     VLM_TRACE(7);
     auto loop = std::make_shared<Loop>();
-    loop->nextTickMs = steadyMs() + std::max(interval, 0);
+    loop->nextTick = Clock::now() + milliseconds(std::max(interval, 0));
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_loop) {
@@ -91,13 +89,14 @@ std::int64_t Timer::millisecondsToNextTick() const {
     if (!m_loop || m_loop->clear) {
         return 0;
     }
-    return std::max<std::int64_t>(m_loop->nextTickMs - steadyMs(), 0);
+    const auto left = std::chrono::duration_cast<milliseconds>(m_loop->nextTick.load() - Clock::now());
+    return std::max<std::int64_t>(left.count(), 0);
 }
 
 void Timer::tick(Loop& loop, const timerCallback& callback, int interval) {
     while (!loop.clear) {
         if (interval > 0) {
-            loop.nextTickMs = steadyMs() + interval;
+            loop.nextTick = Clock::now() + milliseconds(interval);
             loop.sleep();
         }
         if (loop.clear) {
