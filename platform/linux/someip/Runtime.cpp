@@ -227,9 +227,9 @@ void Runtime::stopOffer(const std::shared_ptr<ServiceProvider>& provider) {
 
 void Runtime::openNetwork(Clock::time_point now) {
     std::string error;
+    m_retryAt = now + kOpenAgain;
     m_network = NetworkAccess::open(m_settings, m_offers, {m_client, m_server, *this}, error);
     if (m_network == nullptr) {
-        m_retryAt = now + kOpenAgain;
         if (error != m_openFailure) {
             KYO_LOG(3, "SOME/IP is not up, trying again: " << error);
             m_openFailure = error;
@@ -347,7 +347,6 @@ void Runtime::handleDiscovery(const Worker& worker, Clock::time_point now) {
         KYO_LOG(3, "SOME/IP is not up any more: " << error);
         closeNetwork(false);
         m_openFailure.clear();
-        m_retryAt = now + kOpenAgain;
     }
 }
 

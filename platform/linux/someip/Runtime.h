@@ -106,9 +106,9 @@ class Runtime final : private SdPeerObserver {
     std::vector<std::shared_ptr<Worker>> m_leftBehind;  ///< threads that were in a handler at stop()
     std::shared_ptr<NetworkAccess> m_network;
     machine::SomeIpSettings m_settings;
-    bool m_offers = false;  ///< not started for clients only
-    Clock::time_point m_retryAt;
-    std::string m_openFailure;  ///< the one logged last
+    bool m_offers = false;        ///< not started for clients only
+    Clock::time_point m_retryAt;  ///< the network is not opened again before this
+    std::string m_openFailure;    ///< the one logged last
     KnownServices m_services;
     ClientSide m_client{m_services};
     ServerSide m_server{m_services};
