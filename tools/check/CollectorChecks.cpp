@@ -204,9 +204,7 @@ void checkCollectors(const Place& root, const CatalogView* catalog, Findings& fi
                 suggestion.empty() ? "known: " + listed(drivers) : suggestion);
         }
         const Place history = collector.member("history");
-        if (history.value->isIntegral() && !history.value->isInt64()) {
-            findings.error(history, "is out of range", "write a period in milliseconds");
-        } else if (history.value->isNumeric() && history.value->asDouble() < 0) {
+        if (history.value->isNumeric() && history.value->asDouble() < 0) {
             findings.warning(history, "is negative: nothing older than the newest record is kept",
                              "write 0 or more");
         }

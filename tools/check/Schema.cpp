@@ -129,6 +129,9 @@ std::optional<std::string> converted(const Value& value, const Value& schema, bo
     if (type == "object" && value.isNull() && member(schema, "required").isNull()) {
         return "an empty object";
     }
+    if (type == "array" && value.isNull() && member(schema, "minItems").isNull()) {
+        return "an empty array";
+    }
     if (type == "string" && value.isNull() && member(schema, "minLength").isNull()) {
         return "an empty text";
     }

@@ -106,7 +106,7 @@ TEST(Check, FindsEachFaultOfACollectorConfiguration) {
          {R"("on": "minute")", R"("on": "minte")", W, "$.COLLECT[0].on", "the clock drives this collector",
           "did you mean \"minute\"?"},
          {R"("history": 1000)", R"("history": 18446744073709551615)", E, "$.COLLECT[0].history",
-          "out of range", ""},
+          "a whole number from -9223372036854775808 to", ""},
          {R"("index": 1)", R"("index": null)", E, "$.COLLECT[0].index", "is null", ""},
          {R"({"name": "minute", "duration": 60000})", "null", E, "$.CLOCK[0]", "is null", ""},
          {R"("trip")", R"("tr\u0000ip")", E, "$.CONFIG[0].name", "holds U+0000", ""},
@@ -116,6 +116,8 @@ TEST(Check, FindsEachFaultOfACollectorConfiguration) {
           E, "$.REPORT[0].application", "is not UTF-8", ""},
          {R"("COLLECT": [)", R"("COMPARE": [null], "COLLECT": [)", W, "$.COMPARE[0]",
           "is read as an empty object", ""},
+         {R"("COLLECT": [)", R"("COMPARE": null, "COLLECT": [)", W, "$.COMPARE", "is read as an empty array",
+          ""},
          {R"("COLLECT": [)", R"("COMPARE": [{"name": "minute"}], "COLLECT": [)", W, "$.COMPARE[0].name",
           "names an earlier CLOCK or COMPARE element", ""}});
 }

@@ -1,6 +1,7 @@
-// The manifest's schema and the platform's reader must agree.
+// The schemas agree with the readers of the product.
 #include <tuple>
 
+#include "config/ConfigParser.h"
 #include "machine/Manifest.h"
 #include "tests/support/Test.h"
 #include "tools/check/Schema.h"
@@ -89,6 +90,44 @@ TEST(ManifestSchema, HasTheReaderSKeysTypesLimitsAndDefaults) {
                           m.backend.directory.path, m.backend.mqtt.port, m.backend.mqtt.reconnectMaxSeconds);
     };
     EXPECT_EQ(facts(read), facts(machine::Manifest()));
+}
+
+/// Calls `visit` with each value of the document, which it may change.
+void eachValue(Value& value, const std::string& path,
+               const std::function<void(const std::string&, Value&)>& visit) {
+    for (auto it = value.begin(); it != value.end(); ++it) {
+        const std::string key = it.name();
+        eachValue(*it, path + (key.empty() ? "[]" : "." + key), visit);
+    }
+    visit(path, value);
+}
+
+TEST(CollectorSchema, RefusesTheTypesAndRangesThatTheParserRefuses) {
+    Value configuration = valueOf(R"({"CONFIG": [{"name": "trip", "version": "1"}],
+        "CLOCK": [{"name": "minute", "duration": 60000}, {"name": "second", "duration": 1}],
+        "REPORT": [{"name": "r", "application": "bench", "from": ["pos"]}],
+        "COLLECT": [{"name": "pos", "serv": "GNSS", "res": "positions", "index": 1, "history": 1, "on": "minute"}],
+        "COMPARE": [{"name": "speeding"}]})");
+    const std::set<std::string> acceptedButOfNoUse{".REPORT []", ".COLLECT []"};
+    eachValue(configuration, "", [&](const std::string& path, Value& value) {
+        const Value good = value;
+        for (const char* text :
+             {"null", "true", "\"\"", "\"x\"", "0", "1.5", "-3000000000", "1e19", "[]", "[[]]", "{}"}) {
+            value = valueOf(text);
+            Value given = configuration;
+            vlmProd::ConfigErrorCode code{};
+            const bool accepted = vlmProd::ConfigParser().parseFromJson(given, code);
+            vlmCheck::Document document;
+            document.root = configuration;
+            vlmCheck::Findings findings;
+            vlmCheck::Schema::of(vlmCheck::Kind::Collector).check(document, findings);
+            const auto faults =
+                std::ranges::count(findings.list(), vlmCheck::Severity::Error, &vlmCheck::Finding::severity);
+            EXPECT_TRUE((faults == 0) == accepted || acceptedButOfNoUse.contains(path + " " + text))
+                << path << " " << text << (accepted ? " is accepted" : " is refused");
+        }
+        value = good;
+    });
 }
 
 }  // namespace
