@@ -40,6 +40,7 @@ std::string metricsText(const Metrics& metrics, const store::Totals& totals, Rea
     out.counter("vlm_backend_repeated_envelopes", "Envelopes whose messageId was known.", totals.repeated);
     out.counter("vlm_backend_samples", "Samples in received envelopes.", totals.samples);
     out.counter("vlm_backend_unusable", "Envelopes and samples that were kept aside.", totals.unusable);
+    out.counter("vlm_backend_refused", "Messages whose topic names no vehicle.", totals.refused);
     out.counter("vlm_backend_received_bytes", "Bytes of envelopes on the wire.", totals.bytes);
     out.counter("vlm_backend_database_failures", "Batches that the database did not take.",
                 totals.databaseFailures);
