@@ -18,7 +18,7 @@ bool belongsToLog(std::string_view name) {
 
 }  // namespace
 
-void CounterLog::look(Clock::time_point now) {
+void CounterLog::check(Clock::time_point now) {
     if (now < m_next || !kyo::Log::enabled(5)) {
         return;
     }

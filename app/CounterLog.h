@@ -14,7 +14,7 @@ class CounterLog {
 
     /// Logs one line at level 5 if a minute has passed since the last call and a counter has changed. The
     /// log's own counters of written lines do not count as a change: each line would cause the next.
-    void look(Clock::time_point now);
+    void check(Clock::time_point now);
 
   private:
     Clock::time_point m_next{};

@@ -194,7 +194,7 @@ void keepAlive(vlmHeartBeat& heartBeat) {
         heartBeat.sendAliveSignal();
         VLM_LOG_PLAIN_AS(5, kMain, "Sleeping for 30 secs");
         waitForStopSignal(kAlivePeriod);
-        counterLog.look(CounterLog::Clock::now());
+        counterLog.check(CounterLog::Clock::now());
     }
 }
 

@@ -28,11 +28,11 @@ using vlmProd::textOf;
 namespace {
 
 constexpr std::size_t kRecentIds = 1000;
-constexpr std::size_t kMostShown = 200;                // bytes of a refused topic
-constexpr std::chrono::milliseconds kLease{6000};      // of an instance that renews it no more
-constexpr std::chrono::milliseconds kLookEvery{1000};  // for what other instances changed
-constexpr std::int64_t kMostTaken = 200;               // vehicles at once, so that instances share them
-constexpr std::size_t kAtOnce = 100;                   // vehicles that are written in one transaction
+constexpr std::size_t kMostShown = 200;                  // bytes of a refused topic
+constexpr std::chrono::milliseconds kLease{6000};        // of an instance that renews it no more
+constexpr std::chrono::milliseconds kCheckPeriod{1000};  // of what other instances changed
+constexpr std::int64_t kMostTaken = 200;                 // vehicles at once, so that instances share them
+constexpr std::size_t kAtOnce = 100;                     // vehicles that are written in one transaction
 constexpr vlmProd::TextLimits kMessage{
     .bytes = 256u << 10, .depth = 32, .values = 10'000};  // that is no envelope
 constexpr std::size_t kMostTextAtOnce = 64u << 20;  // bytes of envelopes in one transaction, and in memory
@@ -95,7 +95,7 @@ std::vector<Outgoing> Backend::onMessages(const std::vector<Incoming>& messages)
         arrivedBytes = 0;
     };
     const std::vector<Message> usable = split(messages);
-    // First: who looks after a vehicle answers it.
+    // First: the instance that serves a vehicle answers it.
     add(onStatuses(usable));
     for (const Message& message : usable) {
         const auto& [prefix, topic, payload] = message;
@@ -164,7 +164,7 @@ bool Backend::readMessage(const Message& message, Value& content) {
     return false;
 }
 
-/// `suffix`: "", "/zstd", "/plain/17", "/zstd-50001/17". A frame tells its dictionary by itself.
+/// `suffix`: "", "/zstd", "/plain/17", "/zstd-50001/17". A frame names its dictionary itself.
 Backend::Arrived Backend::decode(const std::string& prefix, const std::string& suffix,
                                  const std::string& payload) {
     std::istringstream parts(suffix);
@@ -195,7 +195,7 @@ Backend::Arrived Backend::decode(const std::string& prefix, const std::string& s
     return out;
 }
 
-/// What the database tells of what it stored.
+/// What the database returned about what it stored.
 void Backend::describe(Arrived& arrived) {
     store::Envelope envelope;
     std::string reason;
@@ -519,8 +519,8 @@ std::vector<Outgoing> Backend::tick(Clock::time_point now) {
         m_nextRenewal = now + kLease / 3;
         renewLease(now, out);
     }
-    if (!isAlone() && !m_databaseFailed && now >= m_nextLook) {
-        m_nextLook = now + kLookEvery;
+    if (!isAlone() && !m_databaseFailed && now >= m_nextCheck) {
+        m_nextCheck = now + kCheckPeriod;
         noteChanges(out);
     }
     std::vector<std::string> prefixes;
@@ -552,7 +552,7 @@ std::optional<Backend::Clock::time_point> Backend::nextTick() const {
     }
     auto next = m_checks.empty() ? std::nullopt : std::optional(m_checks.front().first);
     if (!isAlone() && !m_databaseFailed) {
-        const auto ours = std::min(m_nextRenewal, m_nextLook);
+        const auto ours = std::min(m_nextRenewal, m_nextCheck);
         next = next ? std::min(*next, ours) : ours;
     }
     return next;
@@ -642,7 +642,7 @@ bool Backend::append(const std::string& envelope) {
         return true;
     }
     std::ofstream file(m_settings.store, std::ios::app | std::ios::binary);
-    // One line, whatever white space stands between the members.
+    // One line, whatever white space is between the members.
     std::replace_copy(envelope.begin(), envelope.end(), std::ostreambuf_iterator<char>(file), '\n', ' ');
     file << '\n';
     file.flush();

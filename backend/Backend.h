@@ -153,7 +153,7 @@ class Backend {
     bool m_databaseFailed = false;
     int m_ticket = 0;
     Clock::time_point m_nextRenewal{};
-    Clock::time_point m_nextLook{};  ///< for changes that other instances have made
+    Clock::time_point m_nextCheck{};  ///< for changes that other instances have made
     std::int64_t m_changes = 0;
     std::deque<std::pair<Clock::time_point, std::string>>
         m_checks;                      ///< prefixes of vehicles that have returned

@@ -451,8 +451,7 @@ class Retention {
 };
 
 /// Takes line after line of a file that grows, and waits when there is none, until a signal comes. A file
-/// that was moved away or cut is read from the start of what stands there then; what is known changes
-/// nothing.
+/// that was moved away or cut is read from its new start; what is known changes nothing.
 class Follower {
   public:
     explicit Follower(const Options& options)

@@ -79,7 +79,7 @@ std::string ConfigResponseHandler::takeFromBackend(Value config, const std::stri
         failed.add();
         VLM_LOG(3, "No thread to subscribe the resources could be started: " << error.what());
     }
-    return isGood ? "" : "the base setup refused it; the vehicle's log tells why";
+    return isGood ? "" : "the base setup refused it; the vehicle's log gives the reason";
 }
 
 // The order matters: the ingress queue runs before any collector exists, the collectors have subscribed to

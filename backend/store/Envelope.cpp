@@ -12,7 +12,7 @@ using namespace simdjson;
 namespace {
 
 constexpr std::size_t kMostName = 256;     // bytes of an identifier, application or report name
-constexpr std::size_t kMostRefused = 100;  // of one envelope; one entry more stands for the others
+constexpr std::size_t kMostRefused = 100;  // of one envelope; one entry more is for all others
 
 struct Fault {
     std::string reason;

@@ -21,7 +21,7 @@ struct Sample {
 /// Part of an envelope that fits no event.
 struct Refused {
     std::string reason;
-    std::string text;  ///< empty: the whole envelope stands for further parts
+    std::string text;  ///< empty: the whole envelope, in place of further parts
 };
 
 struct Envelope {

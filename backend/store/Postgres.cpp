@@ -16,7 +16,7 @@ namespace {
 constexpr std::int64_t kDayMs = 24LL * 3600 * 1000;
 constexpr std::size_t kCopyPart = 1u << 20;  // bytes that are handed to the library at once
 
-// The types that results are told apart by, of the server's pg_type.
+// The types by which results differ, of the server's pg_type.
 enum Type : Oid {
     Bool = 16,
     Bytea = 17,
@@ -184,7 +184,7 @@ std::string lineOf(const char* message) {
 
 Postgres::Postgres(const std::string& where, bool readOnly)
     : m_connection(nullptr, PQfinish), m_cancel(nullptr, PQfreeCancel), m_prepares(!readOnly) {
-    // What stands in `where` comes later and counts. A server that is gone is noticed within half a minute.
+    // What `where` contains comes later and counts. A server that is gone is noticed within half a minute.
     const char* const names[] = {"connect_timeout",  "keepalives_idle",  "keepalives_interval",
                                  "keepalives_count", "tcp_user_timeout", "fallback_application_name",
                                  "dbname",           "client_encoding",  nullptr};

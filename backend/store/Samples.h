@@ -1,6 +1,6 @@
 #pragma once
 /// Samples of one event of one vehicle, a page at a time. They have no key, and several may have the same
-/// time: what comes next is told by a place in the order (measured, instance, row), which is the index's.
+/// time: what comes next follows from a place in the order (measured, instance, row), which is the index's.
 #include <cstdint>
 #include <optional>
 #include <string>

@@ -79,7 +79,7 @@ constexpr std::array kMigrations{
          LEFT JOIN assignments shared ON shared.grp = v.grp
          WHERE COALESCE(own.configuration, shared.configuration) IS NOT NULL;
        INSERT INTO settings (name, value) VALUES ('configuration_changes', '0'), ('delivery_changes', '0'))",
-    // Which of several instances looks after a vehicle.
+    // Which of several instances serves a vehicle.
     R"(CREATE TABLE instances (name TEXT PRIMARY KEY, alive_until BIGINT NOT NULL);
        ALTER TABLE vehicles ADD COLUMN owner TEXT NOT NULL DEFAULT '')",
     // What has changed lately is found, and a list of vehicles filtered, without reading all of them. The
@@ -88,8 +88,8 @@ constexpr std::array kMigrations{
        ALTER TABLE vehicles ADD COLUMN lost BIGINT NOT NULL DEFAULT 0;
        ALTER TABLE vehicles ADD COLUMN waiting BIGINT NOT NULL DEFAULT 0;
        CREATE INDEX vehicles_by_change ON vehicles (changed))",
-    // A messageId tells the envelopes of one vehicle apart; two vehicles may derive the same one. What was
-    // kept aside whole is known by its digest, which samples do not need: their envelope is stored once.
+    // A messageId is unique among the envelopes of one vehicle; two vehicles may derive the same one. What
+    // was kept aside whole is known by its digest, which samples do not need: their envelope is stored once.
     // SQLite changes no constraint, and without legacy_alter_table it refuses the name because of a site's
     // own views.
     R"({sqlite:CREATE TABLE new_reports (

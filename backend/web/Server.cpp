@@ -36,7 +36,7 @@ constexpr std::size_t kMostHeadBytes = 16u << 10;
 constexpr std::size_t kMostBodyBytes = 8u << 20;
 constexpr seconds kIdle{10};          ///< a connection without a request
 constexpr seconds kRequestLimit{20};  ///< from a request's first byte to its last
-/// A client that takes nothing. One that takes kSlowest tells that its buffer has room again only once a
+/// A client that takes nothing. One that takes kSlowest reports room in its buffer only once a
 /// sixteenth of it is empty: 25 s of the kernel's usual 6 MiB.
 constexpr seconds kWriteLimit{30};
 /// Bytes that wait for a client's room; without a limit megabytes do, and nothing is seen of what it takes.

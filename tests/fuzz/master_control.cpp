@@ -50,7 +50,7 @@ void vlmFuzz::run(Input in) {
             const std::int32_t result = server().sendToOrx(report);
             require(client.sends() == before + (permitted ? 1 : 0), "permitted, and so sent");
             require(result == (permitted ? answer : vlmProd::VlmServer::kNothingPermitted),
-                    "the client's answer is told");
+                    "the client's answer is passed on");
             continue;
         }
         // The transport passes on only JSON.

@@ -91,14 +91,14 @@ class PageBackend:
             self._answer(0)
 
     def _take_envelope(self, topic, message):
-        # MQTT 5 tells in user properties what 3.1.1 tells in the topic.
-        _, *told = topic.split("/")
-        told = dict(zip(("encoding", "spool"), told))
-        told.update(getattr(message.properties, "UserProperty", ()) if self._is_v5 else ())
-        encoding = told.get("encoding", "plain")
+        # MQTT 5 has in user properties what 3.1.1 has in the topic.
+        _, *notes = topic.split("/")
+        notes = dict(zip(("encoding", "spool"), notes))
+        notes.update(getattr(message.properties, "UserProperty", ()) if self._is_v5 else ())
+        encoding = notes.get("encoding", "plain")
         envelope = json.loads(self._text(encoding, message.payload))
         identifier = envelope["messageId"]
-        self.received.append((int(told["spool"]) if "spool" in told else None, identifier, encoding))
+        self.received.append((int(notes["spool"]) if "spool" in notes else None, identifier, encoding))
         result = self._results.pop(0) if self._results else 0
         if result == 0 and identifier not in self._known:
             with open(self._store, "a") as store:

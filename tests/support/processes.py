@@ -205,7 +205,7 @@ def merged(base, changes):
 
 class Vlmmaster(Peer):
     """`manifest` changes the machine manifest, `environment` and `inside` are for the program alone: variables, and
-    what stands between the namespace's making and the program. `outside` stands before all of it.
+    what comes between the namespace's making and the program. `outside` comes before all of it.
     """
 
     def __init__(self, arguments, folder, catalog=None, before=None, address="127.0.0.1", port=None, manifest=None,

@@ -1,4 +1,4 @@
-/** Texts for people. Local time comes first; UTC stands next to it wherever it matters. */
+/** Texts for people. Local time comes first; UTC is next to it where it matters. */
 
 const two = (number: number): string => String(number).padStart(2, "0");
 

@@ -243,7 +243,7 @@ void SpoolTransport::onMasterControl(const Json::Value& message) {
     const bool isNew = !m_hasSpoken || control.permitted != m_control.permitted;
     m_control = {control.ticket, control.permitted, m_forwarder.isNamed()};
     m_hasSpoken = true;
-    // While an envelope waits for the disk an opening would be its result; the result tells it then.
+    // While an envelope waits for the disk an opening would be its result; the result reports it then.
     if (isNew && (!m_isPending || control.permitted.empty())) {
         deliverMasterControl(masterControl(m_control.ticket, m_control.permitted, 0, 0));
     }
@@ -413,7 +413,7 @@ void SpoolTransport::keepConfiguration(Clock::time_point now) {
             return;
         }
         if (auto answer = m_configuration.standIn(now); answer && deliverConfigResponse(*answer)) {
-            KYO_LOG(5, "No configuration from the backend yet; the remembered one stands in: "
+            KYO_LOG(5, "No configuration from the backend yet; the remembered one is used: "
                            << (*answer)[0]["recordId"].asString());
             m_configuration.stoodIn(std::move(*answer), now);
         }

@@ -10,20 +10,20 @@ TEST_F(ClientAndServer, SamplesArriveAsTheyWereSentAndInOrderLargeOnesInSegments
 }
 
 TEST_F(ClientAndServer, OnlySubscribedEventsAreSentAndTheServerLearnsWhoSubscribes) {
-    const auto told = std::make_shared<SharedList<std::string>>();  // the server outlives this function
-    server.readings.setSubscriptionHandler([told](const std::string& peer, bool subscribed) {
-        told->add(peer + (subscribed ? " came" : " went"));
+    const auto seen = std::make_shared<SharedList<std::string>>();  // the server outlives this function
+    server.readings.setSubscriptionHandler([seen](const std::string& peer, bool subscribed) {
+        seen->add(peer + (subscribed ? " came" : " went"));
     });
     connect();
-    ASSERT_TRUE(eventually([&] { return told->size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return seen->size() == 1; }));
     EXPECT_EQ(server.readings.subscribers(), 1u);
     EXPECT_EQ(server.alarms.subscribers(), 0u);
     client.readings->Unsubscribe();
-    ASSERT_TRUE(eventually([&] { return told->size() == 2; }));
+    ASSERT_TRUE(eventually([&] { return seen->size() == 2; }));
     EXPECT_EQ(server.readings.subscribers(), 0u);
     EXPECT_FALSE(client.readings->subscribed());
     const auto where = toText(clientSide.eventEndpoint());
-    EXPECT_THAT(told->all(), ElementsAre(where + " came", where + " went"));
+    EXPECT_THAT(seen->all(), ElementsAre(where + " came", where + " went"));
     client.readings->Subscribe([&](std::vector<Reading> samples) { client.take(std::move(samples)); });
     EXPECT_TRUE(server.sendUntilReceived(client, 1));
 }

@@ -252,7 +252,7 @@ TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
     vehicle.transport().requestConfiguration();
     ASSERT_TRUE(vehicle.awaitAnswers(1));
     EXPECT_EQ(vehicle.answers()[0], record);
-    EXPECT_TRUE(m_log.waitFor("the remembered one stands in: trip-7"));
+    EXPECT_TRUE(m_log.waitFor("the remembered one is used: trip-7"));
 }
 
 TEST(BenchBackend, AcknowledgesNoEnvelopeThatItCannotStore) {

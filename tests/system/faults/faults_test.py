@@ -1,6 +1,6 @@
 """Faults around a vehicle computer: peers that die, stall or refuse, a bad network, a wrong clock, a full disk.
 
-The environment is that of tests/support/processes.py, and VLM_SPOOL. VLM_FAULT_ROUNDS tells how often each fault is made
+The environment is that of tests/support/processes.py, and VLM_SPOOL. VLM_FAULT_ROUNDS is how often each fault is made
 (a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster clock, as nothing ticks
 faster than once a minute.
 """
@@ -61,10 +61,10 @@ class FaultTest(ProcessCase):
         self.clock = faster_clock(SPEED)
         self.need(clock=self.clock)
         self.port = free_udp_port()
-        self.told = {}
+        self.figures = {}
 
     def tearDown(self):
-        print(f"\n{self.id().split('.', 1)[1]}: seed {SEED}; " + ", ".join(f"{k} {v}" for k, v in self.told.items()),
+        print(f"\n{self.id().split('.', 1)[1]}: seed {SEED}; " + ", ".join(f"{k} {v}" for k, v in self.figures.items()),
               flush=True)
 
     def start_vehicle(self, *arguments, port=None, period=200):
@@ -121,7 +121,7 @@ class FaultTest(ProcessCase):
             got = sorted(report["sequenceNumber"] for report in reports if report["reportName"] == name)
             self.assertEqual(got, list(range(1, len(got) + 1)), name)
             self.assertTrue(got, name)
-        self.told["reports delivered"] = len(reports)
+        self.figures["reports delivered"] = len(reports)
 
     def check_each_report_is_accounted_for(self):
         """Every report so far arrives, waits, or is counted as dropped."""
@@ -129,16 +129,16 @@ class FaultTest(ProcessCase):
             "reports.queued", "reports.waiting", "reports.discarded", "reports.failed", "reports.resent")
         wait_until(lambda: len(self.reports()) >= queued - waiting - discarded - failed,
                    lambda: f"{len(self.reports())} reports; {self.status()}", 20)
-        self.told.update({"reports delivered": len(self.reports()), "discarded": discarded, "failed": failed,
+        self.figures.update({"reports delivered": len(self.reports()), "discarded": discarded, "failed": failed,
                           "sent again": resent})
 
     def finish(self):
         """Nothing was lost in between, and a stop ends the process in order."""
         for name, value in zip(NEVER, self.master.count(*NEVER)):
             self.assertEqual(value, 0, f"{name} in {self.status()}")
-        self.told.update({name: value for name, value in zip(QUEUES, self.master.count(*QUEUES)) if value})
+        self.figures.update({name: value for name, value in zip(QUEUES, self.master.count(*QUEUES)) if value})
         received, dispatched = self.master.count("samples.received", "records.dispatched")
-        self.told["samples received"] = received
+        self.figures["samples received"] = received
         self.assertGreater(received, 100)
         self.assertGreater(dispatched, 0)
         self.assertEqual(self.master.stop(), 0, self.master.text()[-3000:])
@@ -151,8 +151,8 @@ class VehicleFaults(FaultTest):
 
     def test_over_tcp_a_vehicle_is_heard_again_after_its_end_a_stall_a_reset_and_a_power_cut(self):
         vehicle = self.kill_and_restart("--tcp")
-        self.told["connections"] = self.master.count("someip.tcp.connected")
-        self.assertGreater(self.told["connections"], ROUNDS or 3)
+        self.figures["connections"] = self.master.count("someip.tcp.connected")
+        self.assertGreater(self.figures["connections"], ROUNDS or 3)
         for stalled in (vehicle, self.master):
             stalled.process.send_signal(signal.SIGSTOP)
             time.sleep(4)  # longer than the TTL of offers and subscriptions, and than a server waits
@@ -173,7 +173,7 @@ class VehicleFaults(FaultTest):
             ends = [end.close() for end in ends]
             vehicle.start()
             self.wait_for_samples()
-        self.told["connections lost"] = self.master.count("someip.tcp.lost")
+        self.figures["connections lost"] = self.master.count("someip.tcp.lost")
         self.assertEqual(self.master.count("someip.tcp.broken", "someip.tp.segments"), [0, 0])
         self.finish()
 
@@ -182,7 +182,7 @@ class VehicleFaults(FaultTest):
         self.start_master()
         self.wait_for_all_services()
         rounds = ROUNDS or 3
-        self.told["rounds"] = rounds
+        self.figures["rounds"] = rounds
         longest = 0.0
         for _ in range(rounds):
             self.random_pause(1)
@@ -193,11 +193,11 @@ class VehicleFaults(FaultTest):
             vehicle.start()
             self.master.wait_for_count("samples.received", before + 200)
             longest = max(longest, time.monotonic() - began)
-        self.told["longest time to 200 samples"] = f"{longest:.1f} s"
+        self.figures["longest time to 200 samples"] = f"{longest:.1f} s"
         self.assertEqual(self.master.count("services.found"), len(SERVICES))
         # Each was noticed: a quick return as a reboot, a slow one as an expired offer.
-        self.told["reboots seen"] = self.master.count("someip.sd.reboots")
-        self.assertGreater(self.told["reboots seen"], 0)
+        self.figures["reboots seen"] = self.master.count("someip.sd.reboots")
+        self.assertGreater(self.figures["reboots seen"], 0)
         self.wait_for_fresh_samples()
         self.check_no_gap()
         return vehicle
@@ -232,9 +232,9 @@ class NetworkFaults(FaultTest):
         counted = self.settle(relay, vehicle)
         for what in ("events lost", "events doubled", "events overtaken", "discovery lost", "events forwarded"):
             self.assertGreater(counted[what], 0, what)
-            self.told[what] = counted[what]
+            self.figures[what] = counted[what]
         gaps, repeats = self.master.count("someip.sessionGaps", "someip.sessionRepeats")
-        self.told.update({"session gaps": gaps, "session repeats": repeats})
+        self.figures.update({"session gaps": gaps, "session repeats": repeats})
         # A lost message next to an overtaken or a doubled one may not be seen.
         self.assertGreater(gaps, counted["events lost"] / 2)
         self.assertLess(gaps, counted["events lost"] * 1.1 + 5)
@@ -266,9 +266,9 @@ class NetworkFaults(FaultTest):
         wait_until(lambda: not differences(), lambda: f"{differences()} in {self.status()}", 30)
         for name in ("someip.malformed", "someip.truncated", "someip.wrongVersion", "someip.sd.malformed",
                        "samples.received", "records.dispatched"):
-            self.told[name] = self.master.count(name)
-            self.assertGreater(self.told[name], 0, name)
-        self.told["mutated"] = relay.counted["mutated"]
+            self.figures[name] = self.master.count(name)
+            self.assertGreater(self.figures[name], 0, name)
+        self.figures["mutated"] = relay.counted["mutated"]
         self.master.stop()
 
 
@@ -310,7 +310,7 @@ class BrokerFaults(FaultTest):
         self.master.wait_for_count("orx.reconnects", reconnects + 1)
 
     def test_a_broker_that_dies_stalls_and_refuses_the_login_for_a_while(self):
-        rounds = self.told["rounds"] = ROUNDS or 2
+        rounds = self.figures["rounds"] = ROUNDS or 2
         for _ in range(rounds):
             self.random_pause(1.5)
             self.broker.kill()
@@ -334,7 +334,7 @@ class BrokerFaults(FaultTest):
             self.start_again()
         self.wait_for_fresh_samples()
         self.assertEqual(self.master.text().count("Not authorized"), rounds, "each time once, however often it is refused")
-        self.told["connected again"] = self.master.count("orx.reconnects")
+        self.figures["connected again"] = self.master.count("orx.reconnects")
         self.check_each_report_is_accounted_for()
         self.finish()
 
@@ -395,7 +395,7 @@ class SpoolFaults(FaultTest):
         waiting = self.waiting()
         self.gone.append((len(before), set(before) - waiting))
         self.kept |= waiting
-        self.told["kills"] = self.told.get("kills", 0) + 1
+        self.figures["kills"] = self.figures.get("kills", 0) + 1
 
     def test_killed_at_random_moments_it_loses_nothing_that_it_has_confirmed(self):
         self.start_process()
@@ -423,7 +423,7 @@ class SpoolFaults(FaultTest):
         for count, gone in self.gone:
             self.assertEqual(set(arrivals[count:]) & gone, set(), "came again after its deletion")
         different = len(set(arrivals))
-        self.told.update({"confirmed by the last log": len(confirmed), "on the disk at a kill": len(self.kept),
+        self.figures.update({"confirmed by the last log": len(confirmed), "on the disk at a kill": len(self.kept),
                           "arrived": different, "of them again": len(arrivals) - different})
 
 
@@ -452,7 +452,7 @@ class ClusterFaults(FaultTest):
         self.wait_for_fresh_samples()
 
     def test_a_random_broker_of_three_is_killed(self):
-        self.told["kills"] = ROUNDS
+        self.figures["kills"] = ROUNDS
         for turn in range(ROUNDS):
             self.random_pause(4)
             # The first one is the vehicle's.
@@ -467,7 +467,7 @@ class ClusterFaults(FaultTest):
         received = self.backend.received
         self.assertGreaterEqual({number for number, _, _ in received}, set(range(1, stored + 1)))
         self.assertEqual(self.backend.faults, [])
-        self.told.update({"connected again": self.master.count("orx.reconnects"), "envelopes": stored,
+        self.figures.update({"connected again": self.master.count("orx.reconnects"), "envelopes": stored,
                           "came again": len(received) - len({number for number, _, _ in received})})
         self.finish()
 
@@ -508,7 +508,7 @@ class DiskFaults(FaultTest):
                 pass  # no space left
 
     def test_a_disk_that_is_full_and_then_read_only(self):
-        rounds = self.told["rounds"] = max(1, ROUNDS // 4)
+        rounds = self.figures["rounds"] = max(1, ROUNDS // 4)
         faults = ((self.fill, (self.disk / "filling").unlink), (lambda: self.remount("ro"), lambda: self.remount("rw")))
         for turn, (begin, end) in enumerate(faults * rounds, start=1):
             begin()
@@ -518,7 +518,7 @@ class DiskFaults(FaultTest):
             # Of the tick's two reports, the one whose sending failed is lost; the next one arrives.
             wait_until(lambda: len(self.reports()) + self.master.count("reports.failed") >= 2 * turn, self.status, 20)
         self.check_each_report_is_accounted_for()
-        self.assertGreaterEqual(self.told["reports delivered"], 2 * rounds)
+        self.assertGreaterEqual(self.figures["reports delivered"], 2 * rounds)
         self.finish()
 
 
@@ -555,7 +555,7 @@ class ClockFaults(FaultTest):
         wait_until(lambda: len(self.reports()) >= 2, self.status, 100, 0.2)
         self.check_no_gap()
         self.assertEqual(self.master.count("someip.sd.reboots"), 0)
-        self.told.update(jumps=len(jumps), expired=self.master.count("records.expired"))
+        self.figures.update(jumps=len(jumps), expired=self.master.count("records.expired"))
         self.finish()
 
 
@@ -587,7 +587,7 @@ class DltFaults(FaultTest):
         self.master.wait_for_count("log.dlt.messages", self.master.count("log.dlt.messages") + more)
 
     def test_a_daemon_that_dies_and_stalls(self):
-        rounds = self.told["rounds"] = ROUNDS or 2
+        rounds = self.figures["rounds"] = ROUNDS or 2
         for _ in range(rounds):
             self.random_pause(0.5)
             self.daemon.kill()
@@ -607,7 +607,7 @@ class DltFaults(FaultTest):
         self.wait_for_fresh_samples()
         self.check_no_gap()
         names = ("log.dlt.messages", "log.dropped.dlt", "log.dlt.noDaemon")
-        self.told.update(zip(names, self.master.count(*names)))
+        self.figures.update(zip(names, self.master.count(*names)))
         self.finish()
         # Standard error and output are the same file, and the console is off.
         self.assertLess(self.master.text().count("\n"), 5, self.master.text()[:2000])
@@ -637,4 +637,4 @@ class Stops(FaultTest):
             longest = max(longest, time.monotonic() - began)
             if turn % 4 < 2:
                 self.assertIn("Exiting from main", self.master.text(), f"turn {turn}")
-        self.told.update({"stops": turns, "longest": f"{longest:.2f} s"})
+        self.figures.update({"stops": turns, "longest": f"{longest:.2f} s"})

@@ -1,5 +1,5 @@
 """The page in a real browser, on real processes: vehicle, vlmmaster, broker, PostgreSQL and backend. The browser's steps
-are in page_test.mjs, which tells what is to end and to start again.
+are in page_test.mjs, which says what is to end and to start again.
 
 The environment is that of tests/support/processes.py, and VLM_BUILD.
 """

@@ -1,4 +1,4 @@
-// How logger and heartbeat use the platform, and what the log tells of the counters.
+// How logger and heartbeat use the platform, and what the log says about the counters.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -48,19 +48,19 @@ TEST(CounterLog, LogsWhatChangedAtMostOnceAMinute) {
     auto& lost = kyo::Status::counter("test.dropped");
     vlmProd::CounterLog counters;
     const auto start = vlmProd::CounterLog::Clock::now();
-    const auto told = [&](std::chrono::seconds after) {
+    const auto logged = [&](std::chrono::seconds after) {
         log.clear();
-        counters.look(start + after);
+        counters.check(start + after);
         return log.messages(5);
     };
     using std::chrono::seconds;
     lost.add(2);
-    EXPECT_EQ(told(seconds(0)), std::vector<std::string>{"Counters that changed: test.dropped 2 (+2)"});
+    EXPECT_EQ(logged(seconds(0)), std::vector<std::string>{"Counters that changed: test.dropped 2 (+2)"});
     lost.add();
-    EXPECT_TRUE(told(seconds(59)).empty());
-    EXPECT_EQ(told(seconds(60)), std::vector<std::string>{"Counters that changed: test.dropped 3 (+1)"});
+    EXPECT_TRUE(logged(seconds(59)).empty());
+    EXPECT_EQ(logged(seconds(60)), std::vector<std::string>{"Counters that changed: test.dropped 3 (+1)"});
     kyo::Status::counter("log.lines").add();
-    EXPECT_TRUE(told(seconds(120)).empty()) << "nothing but the log itself went on";
+    EXPECT_TRUE(logged(seconds(120)).empty()) << "nothing but the log itself went on";
 }
 
 }  // namespace

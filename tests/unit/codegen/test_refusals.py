@@ -88,8 +88,8 @@ class Refusals(unittest.TestCase):
             with self.subTest(what):
                 self.assertIn(good, GOOD)
                 refusals = self.refusals({"spring.yaml": GOOD.replace(good, wrong, 1)})
-                told = [text.split(": ")[0] for text in refusals if reason in text]
-                self.assertEqual(told, [f"interfaces/spring.yaml:{line}"], refusals)
+                named = [text.split(": ")[0] for text in refusals if reason in text]
+                self.assertEqual(named, [f"interfaces/spring.yaml:{line}"], refusals)
 
     def test_a_collision_of_two_files_is_reported_in_the_second(self):
         self.assertEqual(self.refusals({"spring.yaml": GOOD, "well.yaml": SECOND}), [])

@@ -15,7 +15,7 @@ export function numeric(field: Field): boolean {
   return field.kind !== "text";
 }
 
-/** A "...ValueType" tells the state of its neighbour: rarely what somebody plots. */
+/** A "...ValueType" is the state of its neighbour, which is rarely plotted. */
 export function isState(field: Field): boolean {
   return field.name.endsWith("ValueType");
 }

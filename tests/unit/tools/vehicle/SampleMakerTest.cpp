@@ -30,8 +30,8 @@ struct AllServices {
     }
 };
 
-/// Calls `look` with states throughout the example scenarios and the plain drive.
-void throughAllStories(const std::function<void(const VehicleState&, const std::string& where)>& look) {
+/// Calls `check` with states throughout the example scenarios and the plain drive.
+void throughAllStories(const std::function<void(const VehicleState&, const std::string& where)>& check) {
     std::vector<Scenario> stories{Scenario::plainDrive()};
     for (const auto& file : std::filesystem::directory_iterator(VLM_EXAMPLES "/scenarios")) {
         Scenario scenario;
@@ -46,7 +46,7 @@ void throughAllStories(const std::function<void(const VehicleState&, const std::
         DriveModel model;
         player.begin(model);
         for (double time = 0; time < duration; time += 1) {
-            look(model.state(), name + "/" + player.phase());
+            check(model.state(), name + "/" + player.phase());
             player.advance(model, 1);
             model.step(1);
         }

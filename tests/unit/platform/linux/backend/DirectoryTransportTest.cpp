@@ -1,4 +1,4 @@
-/// A folder as the backend: what stands in it after good and bad days.
+/// A folder as the backend: its content after good and bad days.
 #include <botan/base64.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -100,7 +100,7 @@ TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALine) {
     EXPECT_EQ(readFile(m_file), lineOf(envelope("new")));
 }
 
-/// A limit of file size stands for a full disk: the write ends in the middle, with an error.
+/// A limit of file size is used for a full disk: the write ends in the middle, with an error.
 void limitFileSize(rlim_t bytes) {
     rlimit limit{};
     ::getrlimit(RLIMIT_FSIZE, &limit);
@@ -136,7 +136,7 @@ TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChanne
 }
 
 TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMadeAndWritesIntoPlainFilesOnly) {
-    const std::string blocked = m_folder.write("folder", "a file stands where the folder should be");
+    const std::string blocked = m_folder.write("folder", "a file is where the folder should be");
     Backend backend(blocked);
     ASSERT_TRUE(m_log.waitFor("cannot be written: Not a directory"));
     EXPECT_LT(backend.transport().send(envelope("1")), 0);
