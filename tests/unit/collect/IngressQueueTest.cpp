@@ -8,10 +8,7 @@ namespace {
 using namespace vlmTest;
 
 Value recordAt(int timestamp) {
-    Value record;
-    record["collectorName"] = "position";
-    record["timestamp"] = timestamp;
-    return record;
+    return valueOf(R"({"collectorName":"position","timestamp":)" + std::to_string(timestamp) + "}");
 }
 
 TEST(IngressQueue, WeighsARecordWithTheLengthOfItsTextAndDropsTheOneThatItTakesAfterTheStop) {
@@ -20,8 +17,6 @@ TEST(IngressQueue, WeighsARecordWithTheLengthOfItsTextAndDropsTheOneThatItTakesA
     queue.setDispatch([](const Record&) { ADD_FAILURE() << "dispatched after the stop"; });
     Value record = recordAt(5);
     queue.insertRecord(record);
-    EXPECT_THAT(log.lines().front().text,
-                StartsWith("void vlmProd::IngressQueue::insertRecord(kyo::Json::Value&):"));
     EXPECT_EQ(record, recordAt(5)) << "the caller's record stays as it is";
     Value tiny;
     queue.insertRecord(tiny);
@@ -40,7 +35,6 @@ TEST(IngressQueueThread, DispatchesAllThatWasPutWhileItSleptAfterOneWakeUpAndEnd
     queue->setDispatch([dispatched](const Record&) { ++*dispatched; });
     queue->start();
     ASSERT_TRUE(log.waitFor("Conditional wait because There is nothing to process in Ingress queue."));
-    EXPECT_TRUE(log.has(5, "Started IngressQueue consumer"));
     const auto& dropped = kyo::Status::counter("queue.ingress.dropped");
     const auto expected = 100 + dropped.value();
     for (int i = 0; i < 100; ++i) {

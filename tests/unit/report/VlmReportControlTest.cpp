@@ -10,9 +10,7 @@ namespace {
 using namespace vlmTest;
 
 SignalCollection collectionOf(const std::string& collector) {
-    Value collection;
-    collection["collectName"] = collector;
-    return SignalCollection(collection);
+    return SignalCollection(valueOf(R"({"collectName":")" + collector + "\"}"));
 }
 
 /// What was shipped.
@@ -47,8 +45,6 @@ struct VlmReportControlTest : Test {
 TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheirNames) {
     configure(R"([{"name": "z-trip", "application": "fleet", "from": ["speed", "range"]},
                   {"name": "a-safety", "application": "safety", "from": ["belts", "speed"]}])");
-    EXPECT_TRUE(log.has(
-        5, "ReportName, TransactionTypeId, FunctionId: z-trip, TTORX-VLMOtaAnon.COORXVLMAnon, TestCatalog"));
     control.setCatalogId("record-9");
     control.addToReport(collectionOf("speed"));
     control.addToReport(collectionOf("range"));
@@ -70,12 +66,8 @@ TEST_F(VlmReportControlTest, BuildsOneReportPerConfiguredReportInTheOrderOfTheir
         R"("signalCollections":[{"collectName":"speed"},{"collectName":"range"}],)"
         R"("transactionTypeId":"TTORX-VLMOtaAnon.COORXVLMAnon"})");
 
-    log.clear();
     control.drainOnce();
     EXPECT_EQ(shipped->reports().size(), 2U) << "nothing for an empty round";
-    EXPECT_THAT(log.messages(4),
-                ElementsAre("The Report control thread does not have any aggregated data to report."));
-    EXPECT_TRUE(log.has(5, "Size of Aggregated output data = 0"));
 }
 
 TEST_F(VlmReportControlTest, LeavesOutWhatTheFromBlockDoesNotName) {
@@ -88,8 +80,6 @@ TEST_F(VlmReportControlTest, LeavesOutWhatTheFromBlockDoesNotName) {
     EXPECT_THAT(shipped->reports(), ElementsAre("r#1: x y x"));
     EXPECT_THAT(log.messages(4), ElementsAre("The collector XIs not part of report r",
                                              "The collector Is not part of report r"));
-    EXPECT_TRUE(log.has(5, "Size of m_listOfCollectorNames: 2"));
-    EXPECT_TRUE(log.has(5, "isCollectionPartOfReport::CollectorName y found"));
     EXPECT_TRUE(log.has(5, "isCollectionPartOfReport::CollectorName X not found"));
 }
 
@@ -107,8 +97,6 @@ TEST_F(VlmReportControlTest, KeepsTheFirstReportOfANameAndShipsOneThatGathersNot
     EXPECT_TRUE(shipped->last()["signalCollections"].isArray());
     control.processReportQueue({});
     EXPECT_TRUE(shipped->last()["signalCollections"].isNull()) << "an empty batch is not one of others";
-    EXPECT_TRUE(log.has(5, "ApplicationName, ConfigName, ConfigVersion: one, c1, 1.2"));
-    EXPECT_TRUE(log.has(5, "Collector from 'From' block: y"));
 }
 
 TEST_F(VlmReportControlTest, RefusesWrongTypesByNameAndKeepsTheRest) {
