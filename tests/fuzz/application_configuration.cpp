@@ -7,14 +7,14 @@ void vlmFuzz::run(Input in) {
     for (std::string key = in.line(); !key.empty() && keys.size() < 8; key = in.line()) {
         keys.push_back(key);
     }
-    const std::string text = vlmFuzz::textOf(in.rest());
+    const std::string text = textOf(in.rest());
     kyo::Json::Value document;
-    if (!vlmFuzz::parse(text, document)) {
+    if (!parse(text, document)) {
         return;  // the product ends with status 250
     }
-    vlmProd::VLMConfig config(vlmFuzz::fileWith(text));
-    vlmFuzz::require(config.getConfigVersion().size() == 64, "the version is a digest");
-    vlmFuzz::require(config.getJsonValue("") == document, "the empty key is the document");
+    vlmProd::VLMConfig config(fileWith(text));
+    require(config.getConfigVersion().size() == 64, "the version is a digest");
+    require(config.getJsonValue("") == document, "the empty key is the document");
     for (const auto& key : keys) {
         for (const int index : {0, 3, -1}) {
             config.getJsonValue(key, index);

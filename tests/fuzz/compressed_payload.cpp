@@ -3,7 +3,6 @@
 #include "backend/Compression.h"
 
 using kyo::orx::Encoding;
-using vlmFuzz::require;
 
 void vlmFuzz::run(Input in) {
     constexpr std::size_t limit = 1u << 20;
@@ -12,7 +11,7 @@ void vlmFuzz::run(Input in) {
         made.addBuiltIn();
         return made;
     }();
-    const std::string payload = vlmFuzz::textOf(in.rest());
+    const std::string payload = textOf(in.rest());
     const std::uint32_t needed = dictionaryOf(Encoding::Zstd, payload);
     std::string text;
     std::string error;

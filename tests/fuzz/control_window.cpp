@@ -3,7 +3,6 @@
 #include "backend/Forwarder.h"
 
 using namespace kyo::orx;
-using vlmFuzz::require;
 
 void vlmFuzz::run(Input in) {
     Forwarder forwarder({std::chrono::seconds(60), 16});
@@ -42,7 +41,7 @@ void vlmFuzz::run(Input in) {
                 forwarder.sent(*entry, std::to_string(entry->number), now);
                 sent.insert(entry->number);
             }
-        } else if (kyo::Json::Value message; vlmFuzz::parse(line, message)) {
+        } else if (kyo::Json::Value message; parse(line, message)) {
             kyo::orx::BackendControl control;
             std::string fault;
             if (!readBackendControl(message, control, fault)) {

@@ -11,7 +11,6 @@
 #include "tests/unit/backend/Envelopes.h"
 
 using namespace vlmBackend;
-using vlmFuzz::require;
 
 namespace {
 
@@ -64,7 +63,7 @@ void vlmFuzz::run(Input input) {
     request.method = changes ? "PUT" : "GET";
     request.role = web::Role::Configure;
     request.contentType = "application/json";
-    request.body = vlmFuzz::textOf(input.rest());
+    request.body = textOf(input.rest());
     const web::Response answer = served.router.handle(target, request);
     std::string body = answer.body;
     if (answer.stream) {
@@ -75,8 +74,7 @@ void vlmFuzz::run(Input input) {
     }
     require(answer.status >= 200 && answer.status < 500, "no request makes server or database fail");
     kyo::Json::Value content;
-    require(answer.type != "application/json" || vlmFuzz::parse(body, content),
-            "an answer is JSON if it says so");
+    require(answer.type != "application/json" || parse(body, content), "an answer is JSON if it says so");
     require(answer.status < 400 || !content["error"].asString().empty(), "an error has a reason");
     require(asked.find(kOutside) != std::string::npos || body.find(kOutside) == std::string::npos,
             "no path leads out of the page's folder");

@@ -3,11 +3,9 @@
 #include "machine/Manifest.h"
 #include "someip/Endpoint.h"
 
-using vlmFuzz::require;
-
 void vlmFuzz::run(Input in) {
     kyo::Json::Value document;
-    if (!vlmFuzz::parse(vlmFuzz::textOf(in.rest()), document)) {
+    if (!parse(textOf(in.rest()), document)) {
         return;  // the product ends with status 1
     }
     machine::Manifest manifest;

@@ -5,18 +5,17 @@
 using namespace vlmProd;
 
 void vlmFuzz::run(Input in) {
-    const std::string text = vlmFuzz::textOf(in.rest());
+    const std::string text = textOf(in.rest());
     kyo::Json::Value document;
-    if (!vlmFuzz::parse(text, document)) {
+    if (!parse(text, document)) {
         return;  // the product ends with status 250
     }
     try {
-        VlmJsonCatalog catalog(vlmFuzz::fileWith(text));
+        VlmJsonCatalog catalog(fileWith(text));
         catalog.getCatalogVersion();
         FilesReturnCode code = FilesReturnCode::Ok;
         const auto services = catalog.getServicesNames(code);
-        vlmFuzz::require(static_cast<int>(services.size()) == catalog.getNumberOfServices(),
-                         "services are counted");
+        require(static_cast<int>(services.size()) == catalog.getNumberOfServices(), "services are counted");
         for (const auto& service : services) {
             for (const auto& [resource, ids] : catalog.getAllInstancesOfAService(service, code)) {
                 catalog.getSomeIPKey(service, resource, code);

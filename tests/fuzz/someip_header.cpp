@@ -34,11 +34,10 @@ void vlmFuzz::run(Input in) {
         const auto op = in.byte();
         const Endpoint& from = kPeers[(op >> 2) & 3];
         switch (op & 3) {
-            case 0: {
-                const Bytes datagram = in.take(std::min<std::size_t>(in.word(), kLimits.maxMessageBytes));
-                dispatcher.onDatagram(from, datagram, now);
+            case 0:
+                dispatcher.onDatagram(
+                    from, in.take(std::min<std::size_t>(in.word(), kLimits.maxMessageBytes)), now);
                 break;
-            }
             case 1:
             case 2: {
                 Header header;

@@ -2,12 +2,10 @@
 #include "Fuzzing.h"
 #include "backend/SpoolFile.h"
 
-using vlmFuzz::require;
-
 void vlmFuzz::run(Input in) {
     // The first byte chooses whether the checksum is the input's or the right one.
     const bool isGiven = (in.byte() & 1) != 0;
-    std::string content = vlmFuzz::textOf(in.rest());
+    std::string content = textOf(in.rest());
     kyo::orx::SpooledEnvelope envelope;
     std::string error;
     if (!isGiven && content.size() > kyo::orx::kSpoolHeaderBytes) {

@@ -4,12 +4,11 @@
 #include "backend/store/Store.h"
 
 using namespace vlmBackend::store;
-using vlmFuzz::require;
 
 void vlmFuzz::run(Input in) {
     static Store store(":memory:");
     static EnvelopeReader reader;
-    const std::string text = vlmFuzz::textOf(in.rest());
+    const std::string text = textOf(in.rest());
     Envelope envelope;
     std::string reason;
     const bool readable = reader.read(text, envelope, reason);
