@@ -231,10 +231,8 @@ class PlainDevice {
     }
     someip::SdEntry subscription(std::uint16_t service, std::uint16_t eventgroup,
                                  std::uint8_t counter = 0) const {
-        auto entry = offer();
-        entry.type = someip::SdEntryType::Subscribe;
-        entry.service = service;
-        entry.eventgroup = eventgroup;
+        auto entry = SdPeer(events->endpoint()).subscribe(service, eventgroup);
+        entry.unicast = {events->endpoint()};
         entry.counter = counter;
         return entry;
     }
@@ -292,11 +290,7 @@ class PlainDevice {
             return false;
         });
     }
-    /// Calls `take(from, bytes)` for each datagram at the event socket.
-    template <typename Take>
-    void receiveEvents(Take&& take) {
-        receive(*events, take);
-    }
+    /// Calls `take(from, bytes)` for each datagram at that socket.
     template <typename Take>
     void receive(const someip::UdpSocket& socket, Take&& take) {
         const auto count = batch.receive(socket);
@@ -305,17 +299,10 @@ class PlainDevice {
         }
     }
     /// A notification of `readings` with one sample.
-    std::vector<std::uint8_t> notification(int number, std::uint16_t session) const {
-        std::vector<std::uint8_t> bytes(someip::kHeaderSize);
-        someip::appendSamples(std::vector{numbered(number)}, bytes);
-        someip::Header header;
-        header.service = kMeter.serviceId;
-        header.method = kReadings.eventId;
-        header.session = session;
-        header.interfaceVersion = kMeter.majorVersion;
-        header.length = static_cast<std::uint32_t>(bytes.size() - 8);
-        writeHeader(header, bytes.data());
-        return bytes;
+    Bytes notification(int number, std::uint16_t session) const {
+        Bytes payload;
+        someip::encodeSamples(std::vector{numbered(number)}, payload);
+        return messageOf(payload, session);
     }
 
     std::unique_ptr<someip::UdpSocket> discovery;

@@ -13,9 +13,6 @@ struct Handlers : ClientAndServer {
         client.subscribe(std::move(handler));
         return eventually([&] { return server.readings.subscribers() == 1; });
     }
-
-    std::unique_ptr<ac::com::ProxyBase>& proxy = client.proxy;
-    std::unique_ptr<ac::com::ProxyEvent<Reading>>& readings = client.readings;
 };
 
 }  // namespace
@@ -23,21 +20,21 @@ struct Handlers : ClientAndServer {
 TEST_F(Handlers, MayUnsubscribeOrDestroyTheirOwnProxy) {
     std::atomic<int> calls{0};
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
-        readings->Unsubscribe();
+        client.readings->Unsubscribe();
         ++calls;
     }));
     server.readings.Send({numbered(1)});
     ASSERT_TRUE(eventually([&] { return calls == 1; }));
     ASSERT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
-        readings.reset();
-        proxy.reset();
+        client.readings.reset();
+        client.proxy.reset();
         ++calls;
     }));
     server.readings.Send({numbered(2)});
     ASSERT_TRUE(eventually([&] { return calls == 2; }));
     EXPECT_TRUE(eventually([&] { return server.readings.subscribers() == 0; }));
-    readings.reset();
+    client.readings.reset();
 }
 
 TEST_F(Handlers, MaySubscribeAnotherEventSendAndEndTheMiddleware) {
@@ -45,7 +42,7 @@ TEST_F(Handlers, MaySubscribeAnotherEventSendAndEndTheMiddleware) {
     std::unique_ptr<ac::com::ProxyEvent<Reading>> alarms;
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) {
         if (alarms == nullptr) {
-            alarms = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kAlarms);
+            alarms = std::make_unique<ac::com::ProxyEvent<Reading>>(*client.proxy, kAlarms);
             alarms->Subscribe([&](std::vector<Reading>) {
                 clientSide.stop();
                 ended = true;
@@ -55,7 +52,7 @@ TEST_F(Handlers, MaySubscribeAnotherEventSendAndEndTheMiddleware) {
     }));
     EXPECT_TRUE(eventually([&] { return ended.load(); }, [&] { server.readings.Send({numbered(1)}); }));
     EXPECT_FALSE(clientSide.networkIsUp());
-    readings.reset();
+    client.readings.reset();
 }
 
 TEST_F(Handlers, WhatAHandlerOwnsEndsWithItsSubscription) {
@@ -67,7 +64,7 @@ TEST_F(Handlers, WhatAHandlerOwnsEndsWithItsSubscription) {
     auto owned = std::make_shared<Owned>(clientSide);
     const std::weak_ptr<Owned> watched = owned;
     ASSERT_TRUE(subscribe([owned = std::move(owned)](std::vector<Reading>) {}));
-    readings.reset();
+    client.readings.reset();
     EXPECT_TRUE(eventually([&] { return watched.expired(); }));
 }
 
@@ -77,11 +74,11 @@ TEST_F(Handlers, ASecondSubscribeReplacesTheHandler) {
     ASSERT_TRUE(subscribe([&](std::vector<Reading>) { ++first; }));
     server.readings.Send({numbered(1)});
     ASSERT_TRUE(eventually([&] { return first == 1; }));
-    readings->Subscribe([&](std::vector<Reading>) { ++second; });
+    client.readings->Subscribe([&](std::vector<Reading>) { ++second; });
     EXPECT_TRUE(eventually([&] { return second > 0; }, [&] { server.readings.Send({numbered(2)}); }));
     EXPECT_EQ(first, 1);
-    EXPECT_FALSE(readings->Subscribe(nullptr));
-    readings.reset();
+    EXPECT_FALSE(client.readings->Subscribe(nullptr));
+    client.readings.reset();
 }
 
 TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
@@ -100,7 +97,7 @@ TEST_F(Handlers, AStopDoesNotWaitForOneThatNeverReturnsAndCallsNoMore) {
     ASSERT_TRUE(clientSide.start(settingsFor(1), false));
     mayEnd.set();
     EXPECT_TRUE(eventually([&] { return calls >= 2; }, [&] { server.readings.Send({numbered(3)}); }));
-    readings.reset();
+    client.readings.reset();
 }
 
 // Concurrent threads: two subscribe and unsubscribe, one sends, one stops and starts the middleware, and the

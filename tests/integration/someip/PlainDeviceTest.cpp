@@ -15,12 +15,6 @@ struct DeviceTalk : ClientAndServer {
         ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
         receiver = device.found.unicast.at(0);
     }
-    /// Offers the service and acknowledges the subscription.
-    void settle() {
-        offer();
-        device.answer(3);
-        ASSERT_TRUE(client.subscribed());
-    }
     void sendEvent(int number, std::uint16_t session) {
         device.events->sendTo(receiver, device.notification(number, session), true);
     }
@@ -73,7 +67,9 @@ TEST_F(DeviceTalk, ServiceDiscoveryFromOutsideTheNetworkIsNotHeard) {
 }
 
 TEST_F(DeviceTalk, HostileDatagramsAreCountedAndTheSubscriptionLivesOn) {
-    settle();
+    offer();
+    device.answer(3);
+    ASSERT_TRUE(client.subscribed());
     const auto good = device.notification(5, 1);
     const auto broken = someip::counters().malformed.value();
     const auto brokenDiscovery = someip::counters().sdMalformed.value();

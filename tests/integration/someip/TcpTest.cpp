@@ -18,26 +18,6 @@ machine::SomeIpSettings serverSettings() {
 
 using OverTcp = ClientAndServer;
 
-/// A server of plain sockets that offers over TCP alone.
-struct TcpDevice : PlainDevice {
-    explicit TcpDevice(int host) : PlainDevice(host) {
-        std::string error;
-        listener = someip::TcpListener::open({addressOf(host), 0, someip::Protocol::Tcp}, error);
-        EXPECT_NE(listener, nullptr) << error;
-    }
-    someip::SdEntry offer(std::uint32_t ttl = 3) const {
-        auto entry = PlainDevice::offer(ttl);
-        entry.unicast = {listener->endpoint()};
-        return entry;
-    }
-    bool accept() {
-        return eventually([&] { return (connection = listener->accept()) != nullptr; });
-    }
-
-    std::unique_ptr<someip::TcpListener> listener;
-    std::shared_ptr<someip::TcpSocket> connection;
-};
-
 }  // namespace
 
 TEST_F(OverTcp, SamplesArriveInOrderLargeOnesWholeAndAfterEitherSideWasKilled) {
@@ -88,34 +68,43 @@ TEST_F(OverTcp, AClientThatStartsAnewLosesItsOldConnectionAndKeepsTheNewOne) {
 }
 
 TEST_F(OverTcp, AStreamThatIsNoSequenceOfMessagesEndsAndThePauseGrows) {
-    TcpDevice device(2);
+    PlainDevice device(2);
+    std::string error;
+    const auto listener = someip::TcpListener::open({addressOf(2), 0, someip::Protocol::Tcp}, error);
+    ASSERT_NE(listener, nullptr) << error;
+    const auto offer = [&](std::uint32_t ttl = 3) {
+        auto entry = device.offer(ttl);
+        entry.unicast = {listener->endpoint()};
+        device.sendDiscovery(entry);
+    };
     ASSERT_TRUE(clientSide.start(settingsFor(1), false));
     client.subscribe();
-    device.sendDiscovery(device.offer());
+    offer();
     const auto broken = someip::counters().tcpBroken.value();
     const auto lost = someip::counters().tcpLost.value();
     std::vector<std::chrono::steady_clock::time_point> at;
     for (std::uint64_t round = 1; round <= 3; ++round) {
-        device.sendDiscovery(device.offer());
-        ASSERT_TRUE(device.accept());
+        offer();
+        std::shared_ptr<someip::TcpSocket> connection;
+        ASSERT_TRUE(eventually([&] { return (connection = listener->accept()) != nullptr; }));
         at.push_back(std::chrono::steady_clock::now());
         ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe));
-        EXPECT_THAT(device.found.unicast, ElementsAre(device.connection->remote()));
+        EXPECT_THAT(device.found.unicast, ElementsAre(connection->remote()));
         device.answer(3);
         auto good = device.notification(static_cast<int>(round), 1);
         // Two messages, the second one in two pieces.
         const std::size_t half = good.size() / 2;
-        device.connection->send(good);
-        device.connection->send(std::span(good).first(half));
-        device.connection->send(std::span(good).subspan(half));
+        connection->send(good);
+        connection->send(std::span(good).first(half));
+        connection->send(std::span(good).subspan(half));
         ASSERT_TRUE(eventually([&] { return client.count() == 2 * round; }));
-        device.connection->send(std::vector<std::uint8_t>(64, 0));
+        connection->send(std::vector<std::uint8_t>(64, 0));
         ASSERT_TRUE(eventually([&] { return someip::counters().tcpBroken.value() == broken + round; }));
         ASSERT_TRUE(eventually([&] { return someip::counters().tcpLost.value() == lost + round; }));
         ASSERT_TRUE(device.await(someip::SdEntryType::Subscribe, true)) << "it ends with its connection";
     }
     EXPECT_GT(at[2] - at[1], 900ms);
-    device.sendDiscovery(device.offer(0));
+    offer(0);
     EXPECT_TRUE(log.waitFor("its offer was stopped"));
 }
 

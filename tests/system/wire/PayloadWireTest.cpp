@@ -61,7 +61,7 @@ TEST(Payloads, AreDecodedMemberByMemberWithTheGeneratedTables) {
             ASSERT_TRUE(event->send({values})) << event->error();
             sent.push_back({name, event, values});
             ASSERT_TRUE(eventually([&] {
-                device.receiveEvents([&](const someip::Endpoint& from, auto bytes) {
+                device.receive(*device.events, [&](const someip::Endpoint& from, auto bytes) {
                     analyser.add(from, device.events->endpoint(), bytes);
                 });
                 return analyser.count() == sent.size();

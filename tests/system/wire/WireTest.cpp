@@ -132,7 +132,7 @@ TEST_F(Wire, ANotificationAndOneInSegments) {
     server.readings.Send({numbered(1)});
     server.readings.Send({large});
     ASSERT_TRUE(eventually([&] {
-        device.receiveEvents([&](const someip::Endpoint& from, auto bytes) {
+        device.receive(*device.events, [&](const someip::Endpoint& from, auto bytes) {
             analyser.add(from, device.events->endpoint(), bytes);
         });
         return analyser.count() >= 5;

@@ -6,7 +6,7 @@ using namespace someip;
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using enum DecodeResult;
 
 Bytes lengthAnd(const Bytes& content) {
     Bytes bytes;
@@ -66,11 +66,7 @@ TEST(Codec, WritesTheBytesThatTheProtocolGives) {
 }
 
 TEST(Codec, TakesMembersInAnyOrderTextsOfAnyWidthSkipsUnknownOnesAndCountsDoubledOnes) {
-    struct Case {
-        Bytes members;
-        std::uint32_t doubled;
-    };
-    const std::vector<Case> cases = {
+    const std::pair<Bytes, std::uint32_t> cases[] = {
         {kF64, 0},
         {{0x60, 0x07, 0, 6, 0xEF, 0xBB, 0xBF, 0x61, 0x62, 0x00}, 0},
         {kText4, 0},
@@ -84,14 +80,14 @@ TEST(Codec, TakesMembersInAnyOrderTextsOfAnyWidthSkipsUnknownOnesAndCountsDouble
         {{0x77, 0xFF, 0, 0, 0, 2, 1, 2}, 0},
         {kText + Bytes{0x50, 0x07, 0x04, 0xEF, 0xBB, 0xBF, 0x00} + Bytes{0x10, 0x02, 0, 0}, 2},
     };
-    for (const auto& one : cases) {
-        const auto decoded = decode(payloadOf(kU16 + one.members + kU8));
+    for (const auto& [members, doubled] : cases) {
+        const auto decoded = decode(payloadOf(kU16 + members + kU8));
         ASSERT_TRUE(decoded.good) << decoded.report.error;
         ASSERT_THAT(decoded.samples, SizeIs(1));
         EXPECT_EQ(decoded.samples[0].medium, 0x1234);
         EXPECT_EQ(decoded.samples[0].small, 0x2A);
         EXPECT_EQ(decoded.samples[0].text.value_or("ab"), "ab");
-        EXPECT_EQ(decoded.report.doubledMembers, one.doubled);
+        EXPECT_EQ(decoded.report.doubledMembers, doubled);
     }
 }
 
@@ -104,51 +100,42 @@ TEST(Codec, AStructureThatEndsInsideAMemberIsReported) {
             decode(payloadOf({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}));
         EXPECT_EQ(decoded.good, ends.contains(size)) << size << " bytes";
         if (!decoded.good) {
-            EXPECT_EQ(decoded.report.result, DecodeResult::Truncated) << size << " bytes";
+            EXPECT_EQ(decoded.report.result, Truncated) << size << " bytes";
             EXPECT_THAT(decoded.report.error,
                         HasSubstr("[PRS_SOMEIP_00900]: Record length given by sender is too small."));
             EXPECT_THAT(decoded.samples, IsEmpty());
         }
     }
     // A good structure does not save the wrong one after it.
-    EXPECT_EQ(decode(lengthAnd(lengthAnd(kU8) + lengthAnd({0x00, 0x01}))).report.result,
-              DecodeResult::Truncated);
+    EXPECT_EQ(decode(lengthAnd(lengthAnd(kU8) + lengthAnd({0x00, 0x01}))).report.result, Truncated);
 }
 
 TEST(Codec, RefusesContradictions) {
-    struct Case {
-        const char* what;
-        Bytes payload;
-        DecodeResult result;
-    };
-    const std::vector<Case> cases = {
-        {"array longer than the message", {0, 0, 0, 5, 0, 0, 0, 0}, DecodeResult::Malformed},
-        {"array of 4 GiB", {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}, DecodeResult::Malformed},
-        {"structure of 4 GiB", lengthAnd({0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 2}), DecodeResult::Malformed},
-        {"structure longer than the array", lengthAnd({0, 0, 0, 4, 0, 1, 2}), DecodeResult::Malformed},
-        {"three bytes left in the array", lengthAnd(lengthAnd(kU8) + Bytes{0, 0, 0}),
-         DecodeResult::Malformed},
-        {"three bytes in all", {0, 0, 0}, DecodeResult::Malformed},
-        {"inner length of 4 GiB", payloadOf({0x70, 0x07, 0xFF, 0xFF, 0xFF, 0xFF, 1}),
-         DecodeResult::Truncated},
-        {"unknown member of unknown width", payloadOf({0x47, 0xFF, 0, 0, 0, 1, 1}), DecodeResult::Malformed},
-        {"reserved bit", payloadOf({0x80, 0x01, 0x2A}), DecodeResult::Malformed},
-        {"wrong wire type", payloadOf({0x10, 0x01, 0x00, 0x2A}), DecodeResult::Malformed},
-        {"text as scalar", payloadOf({0x00, 0x07, 0x2A}), DecodeResult::Malformed},
-        {"text without mark", payloadOf({0x50, 0x07, 0x03, 'a', 'b', 0}), DecodeResult::Malformed},
-        {"text without end", payloadOf({0x50, 0x07, 0x05, 0xEF, 0xBB, 0xBF, 'a', 'b'}),
-         DecodeResult::Malformed},
-        {"text of nothing", payloadOf({0x50, 0x07, 0x00}), DecodeResult::Malformed},
+    const std::tuple<const char*, Bytes, DecodeResult> cases[] = {
+        {"array longer than the message", {0, 0, 0, 5, 0, 0, 0, 0}, Malformed},
+        {"array of 4 GiB", {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}, Malformed},
+        {"structure of 4 GiB", lengthAnd({0xFF, 0xFF, 0xFF, 0xFF, 0, 1, 2}), Malformed},
+        {"structure longer than the array", lengthAnd({0, 0, 0, 4, 0, 1, 2}), Malformed},
+        {"three bytes left in the array", lengthAnd(lengthAnd(kU8) + Bytes{0, 0, 0}), Malformed},
+        {"three bytes in all", {0, 0, 0}, Malformed},
+        {"inner length of 4 GiB", payloadOf({0x70, 0x07, 0xFF, 0xFF, 0xFF, 0xFF, 1}), Truncated},
+        {"unknown member of unknown width", payloadOf({0x47, 0xFF, 0, 0, 0, 1, 1}), Malformed},
+        {"reserved bit", payloadOf({0x80, 0x01, 0x2A}), Malformed},
+        {"wrong wire type", payloadOf({0x10, 0x01, 0x00, 0x2A}), Malformed},
+        {"text as scalar", payloadOf({0x00, 0x07, 0x2A}), Malformed},
+        {"text without mark", payloadOf({0x50, 0x07, 0x03, 'a', 'b', 0}), Malformed},
+        {"text without end", payloadOf({0x50, 0x07, 0x05, 0xEF, 0xBB, 0xBF, 'a', 'b'}), Malformed},
+        {"text of nothing", payloadOf({0x50, 0x07, 0x00}), Malformed},
         {"more than the most empty structures", lengthAnd(Bytes(4 * someip::kMaxSamplesPerMessage + 4, 0)),
-         DecodeResult::Malformed},
-        {"doubled member of another type", payloadOf(kU8 + Bytes{0x10, 0x01, 0, 1}), DecodeResult::Malformed},
+         Malformed},
+        {"doubled member of another type", payloadOf(kU8 + Bytes{0x10, 0x01, 0, 1}), Malformed},
     };
     const Bytes most(4 * someip::kMaxSamplesPerMessage, 0);
     EXPECT_THAT(decode(lengthAnd(most)).samples, SizeIs(someip::kMaxSamplesPerMessage));
-    for (const auto& one : cases) {
-        const auto decoded = decode(one.payload);
-        EXPECT_FALSE(decoded.good) << one.what;
-        EXPECT_EQ(decoded.report.result, one.result) << one.what << ": " << decoded.report.error;
-        EXPECT_FALSE(decoded.report.error.empty()) << one.what;
+    for (const auto& [what, payload, result] : cases) {
+        const auto decoded = decode(payload);
+        EXPECT_FALSE(decoded.good) << what;
+        EXPECT_EQ(decoded.report.result, result) << what << ": " << decoded.report.error;
+        EXPECT_FALSE(decoded.report.error.empty()) << what;
     }
 }

@@ -7,8 +7,11 @@
 
 #include "ac/com/types.h"
 #include "someip/Codec.h"
+#include "someip/Message.h"
 
 namespace vlmTest {
+
+using Bytes = std::vector<std::uint8_t>;
 
 enum class Quality : std::int16_t { bad = -1, good = 1 };
 
@@ -62,5 +65,24 @@ inline Reading fullReading() {
 inline constexpr ac::com::ServiceInterface kMeter{"Meter", 0x4101, 1, 7};
 inline constexpr ac::com::EventInterface kReadings{"readings", 0x8001, 0x0001};
 inline constexpr ac::com::EventInterface kAlarms{"alarms", 0x8002, 0x0002};
+
+/// Of a notification of `readings`.
+inline someip::Header headerOf(std::uint16_t session) {
+    someip::Header header;
+    header.service = kMeter.serviceId;
+    header.method = kReadings.eventId;
+    header.session = session;
+    header.interfaceVersion = kMeter.majorVersion;
+    return header;
+}
+
+inline Bytes messageOf(const Bytes& payload, std::uint16_t session = 1) {
+    someip::Header header = headerOf(session);
+    header.length = static_cast<std::uint32_t>(8 + payload.size());
+    Bytes bytes(someip::kHeaderSize);
+    writeHeader(header, bytes.data());
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return bytes;
+}
 
 }  // namespace vlmTest

@@ -27,7 +27,7 @@ Bytes with(std::size_t at, std::uint8_t value) {
 
 }  // namespace
 
-TEST(SdMessages, ReadAnOfferOfAnIndependentDevice) {
+TEST(SdMessages, ReadAnOfferOfAnIndependentDeviceAndPassOverUnknownEntriesAndOptions) {
     SdMessage message;
     ASSERT_TRUE(readDiscovery(kOffer, message));
     EXPECT_EQ(message.session, 5);
@@ -39,6 +39,23 @@ TEST(SdMessages, ReadAnOfferOfAnIndependentDevice) {
     EXPECT_EQ(entry.major, 1);
     EXPECT_EQ(entry.ttl, 3u);
     EXPECT_THAT(entry.unicast, ElementsAre(Endpoint{0x7F000002, 40000}));
+    EXPECT_TRUE(readDiscovery(with(24, 0x04), message)) << "an entry type that is not known";
+    EXPECT_THAT(message.entries, SizeIs(0));
+    EXPECT_TRUE(readDiscovery(with(46, 0x77), message)) << "an option type that is not known";
+    auto longer = kOffer;
+    longer.insert(longer.end(), {1, 2, 3});
+    storeBig(&longer[4], static_cast<std::uint32_t>(longer.size() - 8));
+    EXPECT_TRUE(readDiscovery(longer, message)) << "bytes after the options";
+    EXPECT_THAT(message.entries.at(0).unicast, SizeIs(1));
+    EXPECT_TRUE(readDiscovery(with(67, 0x06), message)) << "a TCP endpoint";
+    EXPECT_EQ(message.entries.at(0).unicast.at(0).protocol, Protocol::Tcp);
+    EXPECT_TRUE(readDiscovery(with(67, 0x21), message)) << "an endpoint of another protocol";
+    ASSERT_THAT(message.entries, SizeIs(1));
+    EXPECT_THAT(message.entries[0].unicast, SizeIs(0));
+    Bytes empty(kOffer.begin(), kOffer.begin() + 20);
+    empty.resize(28);
+    storeBig(&empty[4], 20u);
+    EXPECT_TRUE(readDiscovery(empty, message)) << "neither entries nor options";
 }
 
 TEST(SdMessages, ContradictionsAreRefused) {
@@ -62,27 +79,6 @@ TEST(SdMessages, ContradictionsAreRefused) {
     Bytes cut(kOffer.begin(), kOffer.begin() + 24);
     storeBig(&cut[4], std::uint32_t{16});
     EXPECT_FALSE(readDiscovery(cut, message)) << "no entries";
-}
-
-TEST(SdMessages, UnknownEntriesAndOptionsArePassedOver) {
-    SdMessage message;
-    EXPECT_TRUE(readDiscovery(with(24, 0x04), message)) << "an entry type that is not known";
-    EXPECT_THAT(message.entries, SizeIs(0));
-    EXPECT_TRUE(readDiscovery(with(46, 0x77), message)) << "an option type that is not known";
-    auto longer = kOffer;
-    longer.insert(longer.end(), {1, 2, 3});
-    storeBig(&longer[4], static_cast<std::uint32_t>(longer.size() - 8));
-    EXPECT_TRUE(readDiscovery(longer, message)) << "bytes after the options";
-    EXPECT_THAT(message.entries.at(0).unicast, SizeIs(1));
-    EXPECT_TRUE(readDiscovery(with(67, 0x06), message)) << "a TCP endpoint";
-    EXPECT_EQ(message.entries.at(0).unicast.at(0).protocol, Protocol::Tcp);
-    EXPECT_TRUE(readDiscovery(with(67, 0x21), message)) << "an endpoint of another protocol";
-    ASSERT_THAT(message.entries, SizeIs(1));
-    EXPECT_THAT(message.entries[0].unicast, SizeIs(0));
-    Bytes empty(kOffer.begin(), kOffer.begin() + 20);
-    empty.resize(28);
-    storeBig(&empty[4], 20u);
-    EXPECT_TRUE(readDiscovery(empty, message)) << "neither entries nor options";
 }
 
 TEST(SdMessages, ManyEntriesAreSplitAndShareTheirOptions) {
