@@ -28,7 +28,7 @@ struct Selection : Test {
     }
 };
 
-TEST_F(Selection, IsAServiceAnEventAndAnIndexByNumberOrName) {
+TEST_F(Selection, IsAServiceAnEventAndAnIndexByNumberOrNameJoinedWhereItComesTwice) {
     EXPECT_THAT(selected({"GNSS"}), ElementsAre("GNSS.positions", "GNSS.positionsQuality"));
     EXPECT_THAT(selected({"GNSS.positions"}), ElementsAre("GNSS.positions"));
     EXPECT_THAT(selected({"GNSS.positions:2"}), ElementsAre("GNSS.positions:2"));
@@ -37,9 +37,6 @@ TEST_F(Selection, IsAServiceAnEventAndAnIndexByNumberOrName) {
     EXPECT_THAT(selected({"Temperature:interior"}), ElementsAre("Temperature.temperatures:1"));
     EXPECT_THAT(selected({"Temperature:1"}),
                 ElementsAre("Temperature.temperatureWarnings:1", "Temperature.temperatures:1"));
-}
-
-TEST_F(Selection, JoinsWhatIsSelectedTwice) {
     EXPECT_THAT(selected({"GNSS.positions:2", "Chassis.axes", "GNSS.positions:1"}),
                 ElementsAre("GNSS.positions:1,2", "Chassis.axes"));
     EXPECT_THAT(selected({"GNSS.positions:2", "GNSS"}),

@@ -53,16 +53,6 @@ TEST_F(Text, OfOneEventIsATableWithSteadyColumns) {
     EXPECT_THAT(second[0], EndsWith("-"));
 }
 
-TEST_F(Text, FitsTheTerminal) {
-    for (const std::size_t width : {60u, 80u, 132u}) {
-        Lines lines(selection, {.width = width});
-        for (const auto& line : linesOf(lines.of(arrival(sample, 2), 0))) {
-            EXPECT_LE(line.size(), width) << line;
-        }
-        EXPECT_TRUE(lines.hasCut());
-    }
-}
-
 TEST_F(Text, ExplainedHasUnitsAndMeanings) {
     Lines lines(selection, {.explain = true});
     const std::string text = lines.of(arrival(sample, 2), 0);
@@ -71,7 +61,7 @@ TEST_F(Text, ExplainedHasUnitsAndMeanings) {
     EXPECT_THAT(explained(selection.front()), HasSubstr(":1 fused"));
 }
 
-TEST_F(Text, ForProgramsHasAllValuesUnchanged) {
+TEST_F(Text, ForProgramsHasAllValuesUnchangedAndNothingFromTheNetworkActsOnATerminal) {
     const Value line = valueOf(jsonLine(selection.front(), arrival(sample, 2)));
     EXPECT_EQ(line["timestamp"].asInt64(), 1795639524123);
     EXPECT_EQ(line["index"].asInt(), 2);
@@ -84,9 +74,6 @@ TEST_F(Text, ForProgramsHasAllValuesUnchanged) {
     EXPECT_THAT(row, StartsWith("1795639524.123456,satellitesOnly,,"));
     EXPECT_THAT(row, HasSubstr(",48.401234567,valid,-9.5,notAvailable,"));
     EXPECT_EQ(std::ranges::count(row, ','), static_cast<std::ptrdiff_t>(event.fields().size()));
-}
-
-TEST_F(Text, NothingFromTheNetworkActsOnTheTerminal) {
     const qdr::services::FieldInfo field{"name", "string", "", ""};
     EXPECT_EQ(valueText(field, std::string("\x1b[2J\n\xff")), "\"\\u001b[2J\\n\\ufffd\"");
 }
