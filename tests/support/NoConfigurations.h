@@ -4,8 +4,7 @@
 namespace vlmTest {
 
 /// For tests of the backend link without configurations.
-class NoConfigurations : public vlmProd::ConfigurationReceiver {
-  public:
+struct NoConfigurations : vlmProd::ConfigurationReceiver {
     void setRequestFunction(std::function<void()> /*request*/) override {}
     void startConfigRequestRetry() override {}
     void stopConfigRequestRetry() override {}

@@ -51,7 +51,9 @@ class EventUnderTest {
             m_all[event.fields()[place].name] = valueFor(event.fields()[place], place);
         }
         for (const auto& [instance, name, meaning] : event.indexes()) {
-            add(with(instance), written(instance), instance);
+            auto written = fieldsOf(instance);
+            written.push_back(keyName);
+            add(with(instance), written, instance);
             add({{keyName, instance}}, {keyName}, instance);
         }
         if (!event.key().empty()) {
@@ -91,12 +93,6 @@ class EventUnderTest {
         FieldValues sample = m_all;
         sample[keyName] = keyValue;
         return sample;
-    }
-
-    std::vector<std::string> written(std::int64_t instance) const {
-        auto fields = fieldsOf(instance);
-        fields.push_back(keyName);
-        return fields;
     }
 
     void add(FieldValues sample, const std::vector<std::string>& members,

@@ -23,8 +23,7 @@ using namespace vlmTest;
 using std::chrono::seconds;
 using vlmProd::exitRequested;
 
-class StandardErrorLogger : public kyo::ProductLogger {
-  public:
+struct StandardErrorLogger : kyo::ProductLogger {
     void logData(std::string message, kyo::LogLevel level) override {
         std::cerr << level << ' ' << message << '\n';
     }
@@ -55,8 +54,7 @@ TEST_F(StopSignals, AreTheOnlyOnesThatEndTheWaitEarly) {
         ExitedWithCode(0), "^$");
 }
 
-class AbortingLogger : public kyo::ProductLogger {
-  public:
+struct AbortingLogger : kyo::ProductLogger {
     void logData(std::string /*message*/, kyo::LogLevel /*level*/) override { std::abort(); }
 };
 

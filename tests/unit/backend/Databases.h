@@ -22,8 +22,6 @@ class PostgresServer {
         run(program({"createdb", "-h", m_folder.path(), "-p", m_port, "-U", "test", name}));
         return "postgresql://test@127.0.0.1:" + m_port + "/" + name;
     }
-    PostgresServer(const PostgresServer&) = delete;
-    PostgresServer& operator=(const PostgresServer&) = delete;
 
   private:
     PostgresServer() {

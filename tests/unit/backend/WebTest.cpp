@@ -174,11 +174,8 @@ TEST_P(WebTest, ListsVehiclesInPartsAndCountsAll) {
         }
         return all;
     };
-    Value health;
-    health["counters"]["spool.dropped.oldest"] = 3;
-    health["counters"]["queue.report.dropped"] = 4;
-    health["counters"]["log.dropped.dlt"] = 5;
-    health["waitingEnvelopes"] = 17;
+    const Value health = valueOf(R"({"waitingEnvelopes":17,
+        "counters":{"spool.dropped.oldest":3,"queue.report.dropped":4,"log.dropped.dlt":5}})");
     for (const char* name : {"Car_1", "car-2", "van"}) {
         setPresence(std::string("vlm/") + name, name[0] == 'v', kNow);
     }

@@ -65,7 +65,3 @@ class Schema(unittest.TestCase):
             description = json.loads(json.dumps(yaml.safe_load(path.read_text(encoding="utf-8"))))  # keys are texts
             errors = [error.message for error in validator.iter_errors(description)]
             self.assertEqual(errors, [], path.name)
-
-
-if __name__ == "__main__":
-    unittest.main()

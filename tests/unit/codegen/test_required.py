@@ -37,7 +37,3 @@ class Required(unittest.TestCase):
         registry = dict(outputs.contents(services, ""))["services/adapters/RegisteredAdapters.cpp"]
         created = re.findall(r"make\(proxyNames::(\w+), make(\w+)\)", registry)
         self.assertEqual([[str(place), *one] for place, one in enumerate(created, 1)], required("registry"))
-
-
-if __name__ == "__main__":
-    unittest.main()

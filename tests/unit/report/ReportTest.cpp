@@ -6,7 +6,7 @@
 using namespace vlmTest;
 using vlmProd::Report;
 
-TEST(Report, HoldsTheWritersTextWithAndWithoutTheCatalogIdAtAnyPlace) {
+TEST(Report, HasTheWritersTextWithAndWithoutTheCatalogIdOrIsNotReadable) {
     for (const char* const text :
          {R"({"catalogId":"c","signalCollections":[{"samples":[1.5,"\u00e9"]}],"zone":null})",
           R"({"applicationName":"a","catalogId":"c","signalCollections":null})",
@@ -21,9 +21,6 @@ TEST(Report, HoldsTheWritersTextWithAndWithoutTheCatalogIdAtAnyPlace) {
         report.removeMember("catalogId");
         EXPECT_EQ(shipped.textToSend(), compactText(report));
     }
-}
-
-TEST(Report, IsNotReadableWhenItIsNoReportOrNestedTooDeep) {
     EXPECT_FALSE(Report().isReadable());
     EXPECT_FALSE(Report(Value("text")).isReadable());
     EXPECT_EQ(Report(Value("text")).text(), "\"text\"");

@@ -96,13 +96,11 @@ TEST_F(BackendLink, RefusesAMessageWithAWrongTypeWholeAndNamesTheField) {
     EXPECT_TRUE(
         m_log.has(3, "Master control refused, the message: an object is expected, found a text (\"text\")"));
     EXPECT_EQ(sent(report("r"))["eventTicket"], "ticket");
-    kyo::Json::Value sparse;
-    sparse["permittedDataType"].append("TypeA");
-    m_server.handleMasterControlCallBack(sparse);
+    m_server.handleMasterControlCallBack(valueOf(R"({"permittedDataType":["TypeA"]})"));
     EXPECT_FALSE(m_server.isBlocked()) << "numbers that are absent are 0";
 }
 
-TEST_F(BackendLink, PutsTheReportIntoAnEnvelopeWithTheNewestTicket) {
+TEST_F(BackendLink, PutsTheReportIntoAnEnvelopeWithTheNewestTicketAndAnIdentifierOfItsOwn) {
     m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "older"));
     m_server.handleMasterControlCallBack(control(0, 0, {"TypeA"}, "newest"));
     kyo::Json::Value envelope = sent(report("Trip", 3));
@@ -120,10 +118,6 @@ TEST_F(BackendLink, PutsTheReportIntoAnEnvelopeWithTheNewestTicket) {
               R"({"correlationTag":"VLMCorrelTag","deliveryMode":0,"elementId":1,"eventId":"VLM.App.Trip",)"
               R"("eventTicket":"newest","isCallbackAbilityRequested":true,"timeToLive":7200,"timezone":20,)"
               R"("version":"1.0.0"})");
-}
-
-TEST_F(BackendLink, IdentifiesMessagesByCatalogCreationNameAndNumber) {
-    m_server.handleMasterControlCallBack(control());
     kyo::Json::Value otherCatalog = report("a", 1);
     otherCatalog["catalogId"] = "catalog-2";
     const auto id = sent(report("a", 1))["messageId"];

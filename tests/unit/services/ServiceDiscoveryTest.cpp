@@ -7,18 +7,16 @@ namespace {
 
 using namespace vlmTest;
 
-struct ServiceDiscoveryTest : Test {
+TEST(ServiceDiscoveryTest, CompletesTheNamesOfAListAndTriesEachAgainAfterAllOthersUntilItConnects) {
     std::vector<std::string> asked;
     std::map<std::string, int> connectsAtAttempt;
     std::vector<std::chrono::seconds> pauses;
-    ServiceDiscovery discovery{[this](const std::string& name) {
-                                   asked.push_back(name);
-                                   return --connectsAtAttempt[name] == 0;
-                               },
-                               [this](std::chrono::seconds pause) { pauses.push_back(pause); }};
-};
-
-TEST_F(ServiceDiscoveryTest, CompletesTheNamesOfAListAndTriesEachAgainAfterAllOthersUntilItConnects) {
+    ServiceDiscovery discovery(
+        [&](const std::string& name) {
+            asked.push_back(name);
+            return --connectsAtAttempt[name] == 0;
+        },
+        [&](std::chrono::seconds pause) { pauses.push_back(pause); });
     LogCapture log;
     std::vector<std::string> services{"Late", "Early", "Last"};
     discovery.discoverService(services);

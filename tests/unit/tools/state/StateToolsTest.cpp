@@ -176,11 +176,14 @@ TEST_F(StateTools, TheBundleWithoutARunningVlmmasterHasDigestsAndLogLinesWithout
 2026-03-11T14:05:10 host vlmmaster[7]: The machine manifest m.json cannot be used: {a
 2026-03-11T14:05:10 host systemd[1]: vlmmaster.service: Failed with result 'watchdog'.
 )";
-    ASSERT_EQ(runToItsEnd({VLM_STATUS, "--bundle", m_folder.file("b"), "--socket", m_folder.file("s")},
-                          {"VLM_MACHINE_MANIFEST=" + m_folder.file("m.json")})
-                  .status,
-              0);
-    const auto bundle = valueOf(readFile(m_folder.file("b")));
+    const auto bundled = [this] {
+        EXPECT_EQ(runToItsEnd({VLM_STATUS, "--bundle", m_folder.file("b"), "--socket", m_folder.file("s")},
+                              {"VLM_MACHINE_MANIFEST=" + m_folder.file("m.json")})
+                      .status,
+                  0);
+        return valueOf(readFile(m_folder.file("b")));
+    };
+    const auto bundle = bundled();
     EXPECT_THAT(bundle["status"]["error"].asString(), HasSubstr("no process answers"));
     const auto& files = bundle["configuration"];
     EXPECT_EQ(files["manifest"]["path"].asString(), m_folder.file("m.json"));
@@ -205,10 +208,5 @@ TEST_F(StateTools, TheBundleWithoutARunningVlmmasterHasDigestsAndLogLinesWithout
     EXPECT_EQ(lines, expected);
 
     std::ofstream(m_folder.file("m.json")) << R"({"someip": {"address": "secret"}})";
-    EXPECT_EQ(runToItsEnd({VLM_STATUS, "--bundle", m_folder.file("b")},
-                          {"VLM_MACHINE_MANIFEST=" + m_folder.file("m.json")})
-                  .status,
-              0);
-    const auto faulty = valueOf(readFile(m_folder.file("b")));
-    EXPECT_EQ(faulty["configuration"]["manifest"]["error"].asString(), "is wrong at someip.address");
+    EXPECT_EQ(bundled()["configuration"]["manifest"]["error"].asString(), "is wrong at someip.address");
 }

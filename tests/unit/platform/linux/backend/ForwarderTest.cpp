@@ -198,10 +198,8 @@ TEST_F(ForwarderTest, WaitsBeforeABacklogButNotWithWhatIsNew) {
 
 TEST(BackendControlTest, IsRefusedWholeWhenAMemberIsWrong) {
     const auto read = [](const char* text, BackendControl& control) {
-        kyo::Json::Value message;
-        kyo::Json::Reader().parse(text, message, false);
         std::string fault;
-        return readBackendControl(message, control, fault) ? "" : fault;
+        return readBackendControl(valueOf(text), control, fault) ? "" : fault;
     };
     BackendControl control;
     EXPECT_EQ(read(R"({"eventTicket":"t","permittedDataType":["A"],"backendChannelControl":0,
@@ -265,10 +263,7 @@ TEST(CompressionTest, BringsATextBackWithTheDictionaryOfItsFrameAndBelievesNoLen
 }
 
 kyo::Json::Value configuration(const std::string& id, const std::string& body) {
-    kyo::Json::Value answer(kyo::Json::arrayValue);
-    answer[0]["recordId"] = id;
-    answer[0]["recordBody"] = body;
-    return answer;
+    return valueOf(R"([{"recordId":")" + id + R"(","recordBody":")" + body + R"("}])");
 }
 
 TEST(RememberedConfigurationTest, StandsInForABackendThatIsSilentAndGoesOnAskingIt) {

@@ -34,8 +34,7 @@ std::vector<std::string> idsIn(Spool& spool) {
 }
 
 /// A disk that refuses, and does not wait for the real one.
-class FastDisk : public SpoolDisk {
-  public:
+struct FastDisk : SpoolDisk {
     int write(const Path& file, std::string_view content) override {
         if (refusal == 0) {
             std::ofstream(file, std::ios::binary) << content;
@@ -57,12 +56,14 @@ class FastDisk : public SpoolDisk {
 };
 
 struct SpoolTest : Test {
-    std::unique_ptr<Spool> opened(Spool::Settings settings = {}) {
+    /// The only one, in place of an earlier one.
+    const std::unique_ptr<Spool>& opened(Spool::Settings settings = {}) {
         settings.folder = m_folder.file("a/spool");
-        auto spool = std::make_unique<Spool>(settings, m_disk);
+        m_spool.reset();
+        m_spool = std::make_unique<Spool>(settings, m_disk);
         std::string error;
-        EXPECT_TRUE(spool->open(error)) << error;
-        return spool;
+        EXPECT_TRUE(m_spool->open(error)) << error;
+        return m_spool;
     }
     Spool::Stored store(Spool& spool, SpooledEnvelope made) {
         std::string error;
@@ -75,10 +76,11 @@ struct SpoolTest : Test {
     TemporaryFolder m_folder;
     LogCapture m_log;
     FastDisk m_disk;
+    std::unique_ptr<Spool> m_spool;
 };
 
 TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndRefusalsOfTheDiskAndHasOneOwner) {
-    auto spool = opened();
+    const auto& spool = opened();
     std::string error;
     SpooledEnvelope refused = envelope("refused");
     m_disk.refusal = ENOSPC;
@@ -91,18 +93,16 @@ TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndRefusalsOfTheDiskAndHasOneO
     }
     EXPECT_FALSE(Spool({m_folder.file("a/spool")}, m_disk).open(error));
     EXPECT_NE(error.find("belongs to another process"), std::string::npos) << error;
-    spool.reset();
-    spool = opened();
+    opened();
     EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"a", "b", "c"}));
     while (const auto entry = spool->next(0)) {
         spool->remove(*entry);
     }
     EXPECT_EQ(spool->bytes(), 0u);
-    spool.reset();
-    spool = opened();  // empty, and yet it goes on counting
+    opened();  // empty, and yet it goes on counting
     EXPECT_EQ(store(*spool, envelope("d")), Spool::Stored::Durably);
     EXPECT_EQ(spool->next(0)->number, 4u);
-    spool.reset();
+    m_spool.reset();
 
     std::ofstream(m_folder.file("a/spool/format")) << "vlm-spool 2\n";
     EXPECT_FALSE(Spool({m_folder.file("a/spool")}, m_disk).open(error));
@@ -111,7 +111,7 @@ TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndRefusalsOfTheDiskAndHasOneO
 
 TEST_F(SpoolTest, ReadsABacklogOfAnyLengthInOrder) {
     constexpr std::uint64_t kCount = Spool::kAhead + 300;
-    auto spool = opened();
+    const auto& spool = opened();
     for (std::uint64_t i = 1; i <= kCount; ++i) {
         ASSERT_EQ(store(*spool, envelope(std::to_string(i), 10)), Spool::Stored::Durably);
     }
@@ -121,8 +121,7 @@ TEST_F(SpoolTest, ReadsABacklogOfAnyLengthInOrder) {
             ASSERT_EQ(entry->number, ++expected);
         }
         EXPECT_EQ(expected, kCount);
-        spool.reset();
-        spool = opened();  // the second time nothing is known of what was stored
+        opened();  // the second time nothing is known of what was stored
     }
     EXPECT_EQ(spool->waiting(), kCount);
 }
@@ -131,7 +130,7 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
     for (const bool oldest : {true, false}) {
         constexpr std::uint64_t kMaxBytes = 10u << 20;
         const std::uint64_t before = counted("spool.dropped.full");
-        auto spool = opened({.folder = {}, .maxBytes = kMaxBytes, .dropOldest = oldest});
+        const auto& spool = opened({.folder = {}, .maxBytes = kMaxBytes, .dropOldest = oldest});
         std::uint64_t dropped = 0;
         for (int i = 1; i <= 1000; ++i) {
             const auto outcome =
@@ -153,8 +152,7 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
             m_log.waitFor(oldest ? "of the oldest envelopes dropped" : "of the newest envelopes dropped"));
         EXPECT_TRUE(std::ranges::is_sorted(ids, {}, [](const std::string& id) { return std::stoi(id); }));
         EXPECT_EQ(ids.back() == "1000", oldest);
-        spool.reset();
-        spool = opened();
+        opened();
         EXPECT_EQ(spool->highest(), 1000u);  // a dropped one used its number up
         m_disk.refusal = EROFS;
         spool->skipNumber();
@@ -162,14 +160,13 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
         while (const auto entry = spool->next(0)) {
             spool->remove(*entry);
         }
-        spool.reset();
         EXPECT_EQ(opened()->highest(), 1001u);
         fs::remove_all(m_folder.file("a"));
     }
 }
 
 TEST_F(SpoolTest, DropsWhatIsOnItsWayLastAndWhatIsTooOld) {
-    auto spool = opened({.folder = {}, .maxBytes = 3 * 4096, .maxAgeSeconds = 60});
+    const auto& spool = opened({.folder = {}, .maxBytes = 3 * 4096, .maxAgeSeconds = 60});
     for (int i = 1; i <= 3; ++i) {
         store(*spool, envelope(std::to_string(i), 100, 1000 * i));
     }
@@ -183,7 +180,7 @@ TEST_F(SpoolTest, DropsWhatIsOnItsWayLastAndWhatIsTooOld) {
 }
 
 TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
-    auto spool = opened();
+    const auto& spool = opened();
     for (int i = 1; i <= 6; ++i) {
         store(*spool, envelope(std::to_string(i)));
     }
@@ -201,8 +198,7 @@ TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
     }
     EXPECT_EQ(spool->bytes(), 6u * 4096);  // those count, too
     spool->setAside(*spool->next(0), "the broker does not want it");
-    spool.reset();
-    spool = opened({{}, 6 * 4096});
+    opened({{}, 6 * 4096});
     EXPECT_EQ(spool->bytes(), 6u * 4096);
     EXPECT_EQ(store(*spool, envelope("7")), Spool::Stored::Durably);  // at the cost of a bad one
     EXPECT_EQ(spool->next(0)->number, 7u);
@@ -210,12 +206,11 @@ TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
 }
 
 TEST_F(SpoolTest, CountsWhatADiskDoesNotDeleteAndDropsNothingForIt) {
-    auto spool = opened({.folder = {}, .maxBytes = 5 * 4096});
+    const auto& spool = opened({.folder = {}, .maxBytes = 5 * 4096});
     for (int i = 1; i <= 5; ++i) {
         store(*spool, envelope(std::to_string(i)));
     }
-    spool.reset();
-    spool = opened({.folder = {}, .maxBytes = 5 * 4096});
+    opened({.folder = {}, .maxBytes = 5 * 4096});
     const std::uint64_t before = counted("spool.dropped.full");
     m_disk.refusal = EROFS;
     for (const std::uint64_t number : {1, 2, 3}) {
@@ -236,11 +231,10 @@ TEST_F(SpoolTest, CountsWhatADiskDoesNotDeleteAndDropsNothingForIt) {
 }
 
 TEST_F(SpoolTest, ShowsWhatWaitsWhileAnEnvelopeIsSynchronisedAndNotThatOne) {
-    auto spool = opened();
+    const auto& spool = opened();
     store(*spool, envelope("a"));
     spool->skipNumber();
-    spool.reset();
-    spool = opened();
+    opened();
     std::unique_lock<std::mutex> slow(m_disk.slow);
     m_disk.isWritten = false;
     std::thread storing([&] { store(*spool, envelope("b")); });
@@ -253,10 +247,9 @@ TEST_F(SpoolTest, ShowsWhatWaitsWhileAnEnvelopeIsSynchronisedAndNotThatOne) {
 }
 
 TEST_F(SpoolTest, LeavesAFileWhereItIsWhileTheSystemHasNoDescriptorForIt) {
-    auto spool = opened();
+    const auto& spool = opened();
     store(*spool, envelope("a"));
-    spool.reset();
-    spool = opened({{}, 4096});
+    opened({{}, 4096});
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit none{0, limit.rlim_max};

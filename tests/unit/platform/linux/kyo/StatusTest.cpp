@@ -18,26 +18,18 @@ TEST(Status, TheSnapshotNestsDottedNamesAndReadsGaugesAsTheyAreNow) {
     Status::gauge("test.level", [] { return Value(); });  // no reference to local variables remains
 }
 
-TEST(Status, NamesThatMeetKeepBothValues) {
+TEST(Status, NamesThatMeetKeepBothValuesAndAGaugeMayThrowAndMayUseTheStatusItself) {
     Status::counter("meet").add(1);
     Status::counter("meet.inner").add(2);
     Status::counter("group.counted").add(4);
-    Status::gauge("group", [] {
-        Value members;
-        members["read"] = 5;
-        return members;
-    });
+    Status::gauge("group", [] { return valueOf(R"({"read":5})"); });
+    Status::gauge("bad.gauge", []() -> Value { throw std::runtime_error("no"); });
+    Status::gauge("self.gauge", [] { return Value(Status::counter("self.count").value() == 0); });
     const Value snapshot = Status::snapshot();
     EXPECT_EQ(snapshot["meet"]["value"].asInt(), 1);
     EXPECT_EQ(snapshot["meet"]["inner"].asInt(), 2);
     EXPECT_EQ(snapshot["group"]["counted"].asInt(), 4);
     EXPECT_EQ(snapshot["group"]["read"].asInt(), 5);
-}
-
-TEST(Status, AGaugeMayThrowAndMayUseTheStatusItself) {
-    Status::gauge("bad.gauge", []() -> Value { throw std::runtime_error("no"); });
-    Status::gauge("self.gauge", [] { return Value(Status::counter("self.count").value() == 0); });
-    const Value snapshot = Status::snapshot();
     EXPECT_TRUE(snapshot["bad"]["gauge"].isNull());
     EXPECT_TRUE(snapshot["self"]["gauge"].asBool());
 }

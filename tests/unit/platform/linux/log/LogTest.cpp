@@ -1,6 +1,5 @@
 // Composing a line, and its receivers.
 #include <cmath>
-#include <limits>
 
 #include "log/LineText.h"
 #include "tests/support/Test.h"
@@ -9,12 +8,12 @@ using namespace vlmTest;
 
 namespace {
 
-template <typename T>
-void expectAsStreams(T value) {
+template <typename... T>
+void expectAsStreams(T... values) {
     std::ostringstream expected;
-    expected << value;
+    ((expected << values << ' '), ...);
     kyo::LogStream stream;
-    stream << value;
+    ((stream << values << ' '), ...);
     EXPECT_EQ(stream.text(), expected.str());
 }
 
@@ -28,22 +27,12 @@ void say(int level, const char* text) {
 }  // namespace
 
 TEST(Log, WritesValuesAsTheStandardStreamsDo) {
-    for (const double value :
-         {0.0, -0.0, 1.0, 0.1, 1.0 / 3, 123456.0, 1234567.0, 1e-5, 0.0001, 1e100, -2.5, HUGE_VAL}) {
-        expectAsStreams(value);
-    }
-    expectAsStreams(std::nan(""));
-    expectAsStreams(std::numeric_limits<std::int64_t>::min());
-    expectAsStreams(std::numeric_limits<std::uint64_t>::max());
-    expectAsStreams(true);
-    expectAsStreams('c');
-    expectAsStreams(1.5f);
+    expectAsStreams(0.0, -0.0, 1.0, 0.1, 1.0 / 3, 123456.0, 1234567.0, 1e-5, 0.0001, 1e100, -2.5, HUGE_VAL);
+    expectAsStreams(std::nan(""), INT64_MIN, UINT64_MAX, true, 'c', 1.5f);
 
     kyo::LogStream stream;
     enum class Kind : std::uint8_t { A = 7 };
-    kyo::Json::Value value(kyo::Json::objectValue);
-    value["a"] = 1.5;
-    stream << Kind::A << ' ' << std::string("s") << ' ' << value;
+    stream << Kind::A << ' ' << std::string("s") << ' ' << valueOf(R"({"a":1.5})");
     EXPECT_EQ(stream.text(), R"(7 s {"a":1.5})");
 }
 

@@ -9,25 +9,20 @@ using namespace vlmTest;
 
 namespace {
 
-std::string errorOf(const std::string& text) {
-    Manifest manifest;
-    manifest.log.maxLevel = 4;
-    std::string error;
-    EXPECT_FALSE(machine::readManifest(valueOf(text), manifest, error)) << text;
-    EXPECT_EQ(manifest.log.maxLevel, 4) << "a refused manifest must change nothing";
-    return error;
+void read(const std::string& text, Manifest& manifest) {
+    std::string error = "old";
+    EXPECT_TRUE(machine::readManifest(valueOf(text), manifest, error)) << error;
+    EXPECT_EQ(error, "");
 }
 
 }  // namespace
 
 TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
     Manifest manifest;
-    std::string error = "old";
-    ASSERT_TRUE(machine::readManifest(valueOf("{}"), manifest, error)) << error;
-    EXPECT_EQ(error, "");
+    read("{}", manifest);
     EXPECT_EQ(manifest.someip.discovery.port, 30490);
 
-    ASSERT_TRUE(machine::readManifest(valueOf(R"({
+    read(R"({
         "$schema": "x",
         "log": {"maxLevel": 5, "console": false, "dlt": false, "file": "/a", "fileLevel": 3, "fileMaxBytes": 1000000},
         "someip": {"address": "192.168.7.2", "eventPort": 40001, "network": "192.168.7.0/24",
@@ -37,14 +32,13 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
         "state": {"socket": "/run/x.sock"},
         "backend": {"transport": "mqtt", "directory": {"path": "p", "configuration": "c"},
                     "mqtt": {"port": 8883, "prefix": "fleet/7", "tls": true, "caFile": "ca", "certFile": "ce",
-                             "keyFile": "k"}}})"),
-                                      manifest, error))
-        << error;
+                             "keyFile": "k"}}})",
+         manifest);
     for (const char* address : {"fd00::1", "::1", "fe80::1%eth0"}) {
         const std::string text = std::string(R"({"someip": {"address": ")") + address +
                                  R"(", "network": "fd00::/8", "discovery": {"group": "ff02::4:c0de"}}})";
         Manifest ipv6;
-        EXPECT_TRUE(machine::readManifest(valueOf(text), ipv6, error)) << error;
+        read(text, ipv6);
         EXPECT_EQ(ipv6.someip.address, address);
     }
     EXPECT_FALSE(manifest.log.console);
@@ -57,9 +51,7 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
     EXPECT_EQ(manifest.backend.mqtt.keyFile, "k");
     EXPECT_FALSE(manifest.backend.spool);
     EXPECT_EQ(manifest.backend.remember.afterSeconds, 30u);
-    ASSERT_TRUE(machine::readManifest(
-        valueOf(R"({"backend": {"spool": {}, "remember": {"afterSeconds": null}}})"), manifest, error))
-        << error;
+    read(R"({"backend": {"spool": {}, "remember": {"afterSeconds": null}}})", manifest);
     EXPECT_EQ(manifest.backend.spool->maxBytes, 512u << 20);
     EXPECT_FALSE(manifest.backend.remember.afterSeconds);
 }
@@ -112,19 +104,20 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"backend": {"mqtt": {"caFile": "c"}}})", "backend.mqtt.tls: true"},
     };
     for (const auto& [text, expected] : kCases) {
-        EXPECT_THAT(errorOf(text), StartsWith(expected)) << text;
+        Manifest manifest;
+        manifest.log.maxLevel = 4;
+        std::string error;
+        EXPECT_FALSE(machine::readManifest(valueOf(text), manifest, error)) << text;
+        EXPECT_THAT(error, StartsWith(expected)) << text;
+        EXPECT_EQ(manifest.log.maxLevel, 4) << "a refused manifest must change nothing";
     }
 }
 
 TEST(Manifest, BrokersHaveThePortOfTheirOwnOrTheUsualOne) {
     Manifest manifest;
-    std::string error;
     ASSERT_EQ(machine::brokersOf(manifest.backend.mqtt).size(), 1u) << "host alone";
-    ASSERT_TRUE(machine::readManifest(
-        valueOf(
-            R"({"backend": {"mqtt": {"port": 8883, "hosts": ["a", "b.c:1", "[::1]:2", "::1", "[fe80::1]"]}}})"),
-        manifest, error))
-        << error;
+    read(R"({"backend": {"mqtt": {"port": 8883, "hosts": ["a", "b.c:1", "[::1]:2", "::1", "[fe80::1]"]}}})",
+         manifest);
     std::string text;
     for (const auto& broker : machine::brokersOf(manifest.backend.mqtt)) {
         text += broker.host + ' ' + std::to_string(broker.port) + '\n';

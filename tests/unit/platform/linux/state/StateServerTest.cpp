@@ -243,19 +243,15 @@ TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
     expectAlive();
 }
 
-TEST_F(StateServerTest, ADeadProcessesSocketIsReplacedAndALivingOnesIsNot) {
+TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndReplacesADeadOneButNothingThatLivesOrCannotBeTrusted) {
     {
         const Descriptor dead(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const auto address = addressOf(path());
         ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
-    serve();
-    expectAlive();
+    serve();  // in place of a dead process's
     EXPECT_EQ(failure(path()), EADDRINUSE);
     expectAlive();
-}
-
-TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndPlacesThatCannotBeTrustedOrUsedAreRefused) {
     const std::string inner = m_folder.file("made/vlm.sock");
     {
         const StateServer server(inner, [](std::uint32_t, const std::string&) {});
