@@ -65,15 +65,16 @@ void OrxClient::registerConfigResponseCallback(JsonCallback) {}
 void OrxClient::start() {}
 std::int32_t OrxClient::SendOrxData(const Json::Value& envelope) {
     ScriptedClient& client = ScriptedClient::current();
-    std::unique_lock<std::mutex> lock(client.m_mutex);
-    client.m_envelopes.push_back(envelope);
-    const auto answer = client.m_answer;
-    lock.unlock();
-    return answer ? answer() : 0;
+    {
+        const std::lock_guard<std::mutex> lock(client.m_mutex);
+        client.m_envelopes.push_back(envelope);
+    }
+    return client.answer();
 }
 std::int32_t OrxClient::RequestConfiguration() {
-    ++ScriptedClient::current().m_requests;
-    return 0;
+    ScriptedClient& client = ScriptedClient::current();
+    ++client.m_requests;
+    return client.answer();
 }
 void OrxClient::ConfigurationAccepted(const std::string&, bool, const std::string&) {}
 

@@ -18,7 +18,8 @@ class ScriptedClient {
 
     /// Resets everything but the callback: nothing was sent, and each send succeeds.
     void reset();
-    /// `answer` gives the result of each send; it is called without a lock. By default sends succeed.
+    /// `answer` gives the result of each send and each request; it is called without a lock. By default they
+    /// succeed.
     void answerSends(std::function<std::int32_t()> answer) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_answer = std::move(answer);
@@ -34,6 +35,12 @@ class ScriptedClient {
 
   private:
     friend kyo::OrxClient;
+    std::int32_t answer() const {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const auto answer = m_answer;
+        lock.unlock();
+        return answer ? answer() : 0;
+    }
     std::atomic<int> m_requests{0};
     kyo::OrxClient::JsonCallback m_onMasterControl;
     mutable std::mutex m_mutex;

@@ -255,9 +255,14 @@ TEST_F(ConfigParserTest, LookupsByNameAnswerTheirLastResultWhenTheyFail) {
     EXPECT_EQ(m_parser.getIndexNumber("b", "S", "q", m_code), 7) << "matched by the resource alone";
     EXPECT_EQ(m_parser.getIndexNumber("b", "S", "none", m_code), 7);
     EXPECT_EQ(m_code, ConfigErrorCode::ResourceNotFound);
+    EXPECT_EQ(m_parser.getResourceIndexValue("T", "q"), 7);
+    EXPECT_TRUE(m_log.has(5, "Got the someip index val = 7  for service T  and resource q"));
+    EXPECT_EQ(m_parser.getResourceIndexValue("T", "r"), -1);
     m_parser.getServiceAndResource("a", m_code);
     EXPECT_THAT(m_parser.getServiceAndResource("c", m_code), ElementsAre(Pair("S", "r"), Pair("T", "q")))
         << "with the pair of the lookup before";
+    EXPECT_TRUE(m_parser.ValidateConfiguration(m_code));
+    EXPECT_FALSE(ConfigParser().ValidateConfiguration(m_code));
 }
 
 TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) {

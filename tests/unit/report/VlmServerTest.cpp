@@ -41,7 +41,11 @@ TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce
     }
     EXPECT_EQ(ScriptedClient::current().requests(), 0);
     EXPECT_FALSE(m_panel->isRetrying()) << "before the first request";
+    const auto requested = counted("config.requests");
+    ScriptedClient::current().answerSends([] { return 5; });
     m_server.handleMasterControlCallBack(control());
+    EXPECT_TRUE(m_log.has(3, "The configuration request could not be sent, error code = 5"));
+    EXPECT_EQ(counted("config.requests"), requested);
     EXPECT_FALSE(m_server.isBlocked());
     m_server.handleMasterControlCallBack(control(0, 1));
     m_server.handleMasterControlCallBack(control());
