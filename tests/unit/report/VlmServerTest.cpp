@@ -19,6 +19,7 @@ struct BackendLink : Test {
 
     kyo::Json::Value sent(kyo::Json::Value value) {
         EXPECT_EQ(m_server.sendToOrx(value), 0);
+        EXPECT_FALSE(value.isMember("catalogId")) << "it is part of the envelope now";
         return ScriptedClient::current().envelopes().back();
     }
 
@@ -35,6 +36,7 @@ TEST_F(BackendLink, StartsSendingOnAThreadOfItsOwnAndAsksForTheConfigurationOnce
     EXPECT_TRUE(m_server.isBlocked());
     kyo::Json::Value early = report("r");
     EXPECT_EQ(m_server.sendToOrx(early), VlmServer::kNothingPermitted);
+    EXPECT_EQ(early, report("r"));
     for (const auto& closed : {control(0, 1), control(1, 0)}) {
         m_server.handleMasterControlCallBack(closed);
         EXPECT_TRUE(m_server.isBlocked());
