@@ -305,7 +305,6 @@ void ConfigParser::populateCollect(ConfigErrorCode& code) {
         m_listOfCollectorNames.push_back(collect.name);
         m_listOfServiceNames.push_back(collect.serv);
         m_listOfResourceNames.push_back(collect.res);
-        m_listOfIndexes.push_back(collect.index);
     }
 }
 

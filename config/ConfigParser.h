@@ -150,7 +150,6 @@ class ConfigParser {
     std::vector<std::string> m_listOfCollectorNames;
     std::vector<std::string> m_listOfServiceNames;
     std::vector<std::string> m_listOfResourceNames;
-    std::vector<std::int32_t> m_listOfIndexes;
     std::map<std::string, CollectorOnEventType> m_onEventTypes;
 };
 

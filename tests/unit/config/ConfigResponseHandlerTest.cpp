@@ -190,6 +190,7 @@ TEST_F(ConfigResponseHandlerTest, AConfigurationThatIsRefusedChangesNothingAndIs
     EXPECT_FALSE(setUp("[]"));
     EXPECT_FALSE(setUp(R"({"CLOCK":[{"name":"t"}],"REPORT":[],"COLLECT":[]})"));
     EXPECT_EQ(counted("config.refused"), refused + 4);
+    EXPECT_EQ(m_log.count(3, "Config file parsing failed"), 3u);
     EXPECT_TRUE(m_log.has(3, "Didn't get the list of the services to discover"));
     EXPECT_FALSE(m_log.hasPart(5, "CLOCK NAME = "));
     EXPECT_EQ(m_handler.configuredResources().size(), 2u);
