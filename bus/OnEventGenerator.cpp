@@ -32,7 +32,7 @@ void OnEventGenerator::watchWallClock(Clock::time_point now) {
     const std::int64_t last = lastDistance.exchange(distance, std::memory_order_relaxed);
     if (last != kUnknown && std::abs(distance - last) > kJumpMs) {
         jumps.add();
-        VLM_LOG(4, "The wall clock has jumped by " << (distance - last) << " ms since the last tick");
+        VLM_LOG(4, "The wall clock has jumped by " << (distance - last) << " ms");
     }
 }
 
@@ -50,6 +50,7 @@ OnEventGenerator::~OnEventGenerator() {
 void OnEventGenerator::startOnEventGenerator() {
     VLM_TRACE(7);
     const auto interval = static_cast<int>(m_duration);
+    watchWallClock(Clock::now());
     m_timer->setInterval(
         [weak = weak_from_this()] {
             if (const auto self = weak.lock()) {

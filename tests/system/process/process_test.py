@@ -85,13 +85,13 @@ class EndsOfStartUp(ProcessTest):
                     ends + "VLM Config::getInstance() ERROR: VLM Config not created yet!", *last]),
                 (["--none"], CATALOG, 0, [ends + "…none…", *last]),
                 (["-c", "/absent.json"], CATALOG, 0, [ends + "VLM Config file path not valid", *last]),
-                (["-c", self.folder], CATALOG, 250, ["1 …VLM config file parsing not successful, check format"]),
-                (["-c", broken], CATALOG, 250, ["7 …configfile=" + broken, "1 …VLM config file parsing not successful, check format"]),
+                (["-c", self.folder], CATALOG, 250, ["1 …:# VLM config file parsing not successful, check format"]),
+                (["-c", broken], CATALOG, 250, ["7 …configfile=" + broken, "1 …:# VLM config file parsing not successful, check format"]),
                 (application, "none", 1, [
                     "5" + MAIN + "VLM Config Object is created", "5" + MAIN + "Offered Data Types Size = 2",
                     "5" + MAIN + "after creating component_client", "3 …:# Catalog file path not valid.",
                     "3 …json cannot be read. Install the signal catalog there."]),
-                (application, malformed, 250, ["3 …_20210311.json: …Line 1…", "3 …catalog file parsing not successful, check format"]),
+                (application, malformed, 250, ["3 …_20210311.json: …Line 1…", "3 …:# catalog file parsing not successful, check format"]),
                 (application, nameless, 0, [
                     "5" + MAIN + "Successfully created the catalog file parser",
                     ends + "Server name from JSON catalog is empty", *last]),
