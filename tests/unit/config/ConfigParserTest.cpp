@@ -197,7 +197,8 @@ TEST_F(ConfigParserTest, ADocumentOrFileIsRefusedWithTheCodeOfItsFault) {
         m_log.clear();
         EXPECT_FALSE(m_parser.parseFromLocalFile(path, m_code));
         EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
-        EXPECT_TRUE(m_log.has(3, "Catalog file parsing not successful, check format"));
+        EXPECT_THAT(m_log.messages(3), ElementsAre("Catalog file parsing not successful, check format",
+                                                   StartsWith(path + ": ")));
     }
     std::string good =
         folder.write("good.json", "// bench\n" + kyo::Json::FastWriter().write(Document().value()));
