@@ -19,7 +19,6 @@ class AccessTest(ProcessCase):
         self.port = free_tcp_port()
         for file in ("access.acl", "mosquitto.conf"):
             text = (SOURCE / "examples/mosquitto" / file).read_text()
-            self.assertIn("listener 1883 127.0.0.1", text) if file.endswith("conf") else None
             path = self.write(file, text.replace("listener 1883 127.0.0.1", f"listener {self.port} 127.0.0.1\nuser root"))
             os.chmod(path, 0o600)
         passwords = Path(self.folder, "passwords")

@@ -22,6 +22,7 @@ from servers import NOW, VlmBackend, envelope, positions
 
 CONTRACT = yaml.safe_load((SOURCE / "backend/api/openapi.yaml").read_text())
 SAMPLES = 3000
+JSON_TYPE = {"Content-Type": "application/json"}
 
 
 class Backend(VlmBackend):
@@ -136,14 +137,13 @@ class Contract(HttpTest):
 
     def test_wrong_requests_get_a_reason_and_break_nothing(self):
         ask = self.backend.ask
-        json_type = {"Content-Type": "application/json"}
         for target, status in (("/api/vehicles/none", 404), ("/api/none", 404), ("/api/vehicles/bench/series", 400),
                                ("/api/unusable/1x", 400), ("/api/machine", 404), ("/../etc/passwd", 404), ("/%2e%2e/%2e%2e/etc/passwd", 404), ("//etc/passwd", 404),
                                ("/assets/..%2f..%2fetc/passwd", 404), ("/api/" + "a" * 9000, 414)):
             answer = ask(target)
             self.assertEqual(answer[0], status, target)
             self.assertTrue(json.loads(answer[2])["error"], target)
-        self.assertEqual(ask("/api/vehicles", "DELETE", json_type)[0], 405)
+        self.assertEqual(ask("/api/vehicles", "DELETE", JSON_TYPE)[0], 405)
         self.assertEqual(ask("/api/vehicles", headers={"Host": "attacker.example"})[0], 421)
         self.assertIn(b" 431 ", self.backend.raw(b"GET / HTTP/1.1\r\n" + b"X: y\r\n" * 10000 + b"\r\n"))
         self.assertIn(b" 413 ", self.backend.raw(b"PUT /api/assignments HTTP/1.1\r\nHost: localhost\r\n"
@@ -155,9 +155,8 @@ class Contract(HttpTest):
                                     b"GET /api/none HTTP/1.1\r\nHost: localhost\r\n\r\n")
         self.assertEqual(smuggled.count(b"HTTP/1.1"), 1)
         self.assertEqual(ask("/healthz")[0], 200)
-
-    def test_headers_keep_other_sites_out(self):
-        headers = self.backend.ask("/")[1]
+        # These keep other sites out.
+        headers = ask("/")[1]
         self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
         self.assertNotIn("unsafe", headers["Content-Security-Policy"])
         self.assertEqual(headers["X-Content-Type-Options"], "nosniff")
@@ -165,42 +164,29 @@ class Contract(HttpTest):
 
 
 class Updates(HttpTest):
-    def open(self):
-        peer = socket.create_connection(("127.0.0.1", self.backend.port), DEADLINE)
-        self.addCleanup(peer.close)
-        peer.sendall(b"GET /api/updates HTTP/1.1\r\nHost: localhost\r\n\r\n")
-        return peer
-
-    @staticmethod
-    def read_until(peer, text):
-        got = b""
-        while text not in got:
-            part = peer.recv(65536)
-            assert part, got
-            got += part
-        return got
-
     def test_readers_get_what_changes_and_are_limited(self):
-        self.backend = self.filled()
-        reader = self.open()
-        first = self.read_until(reader, b"]\n")
-        self.assertIn(b"event: vehicles", first)
-        self.assertIn(b'"reports":5', first)
-        for number in range(100, 105):
-            self.backend.write(envelope(f"m-{number}", number, positions(number * 600, 10)))
-        self.read_until(reader, b'"reports":10')
-        # More readers than are served, and half of the connections of which nobody reads.
-        others = [self.open() for _ in range(40)]
-        answers = [peer.recv(12) for peer in others]
-        self.assertEqual(answers.count(b"HTTP/1.1 200"), 31)
-        self.assertEqual(answers.count(b"HTTP/1.1 503"), 9)
-        self.assertEqual(self.backend.ask("/api/vehicles/bench")[0], 200)
-        for peer in others:
-            peer.close()
-        wait_until(lambda: b"vlm_backend_update_readers 1" in self.backend.ask("/metrics")[2],
-                   "that readers that have gone are not counted")
-        began = time.monotonic()
-        self.assertEqual(self.backend.stop(), 0)
+        backend = self.filled()
+
+        def reader(until):
+            peer = until.enter_context(socket.create_connection(("127.0.0.1", backend.port), DEADLINE))
+            peer.sendall(b"GET /api/updates HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            return peer
+        with contextlib.ExitStack() as first, contextlib.ExitStack() as further:
+            events = first.enter_context(reader(first).makefile("rb"))
+            self.assertTrue(any(line.startswith(b"event: vehicles") for line in events))
+            self.assertTrue(any(b'"reports":5' in line for line in events))
+            for number in range(100, 105):
+                backend.write(envelope(f"m-{number}", number, positions(number * 600, 10)))
+            self.assertTrue(any(b'"reports":10' in line for line in events))
+            # More readers than are served, and half of the connections of which nobody reads.
+            answers = [reader(further).recv(12) for _ in range(40)]
+            self.assertEqual([answers.count(b"HTTP/1.1 " + status) for status in (b"200", b"503")], [31, 9])
+            self.assertEqual(backend.ask("/api/vehicles/bench")[0], 200)
+            further.close()
+            wait_until(lambda: b"vlm_backend_update_readers 1" in backend.ask("/metrics")[2],
+                       "that readers that have gone are not counted")
+            began = time.monotonic()
+            self.assertEqual(backend.stop(), 0)
         self.assertLess(time.monotonic() - began, 5)
 
 
@@ -220,8 +206,7 @@ class Downloads(HttpTest):
             peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
             peer.connect(("127.0.0.1", backend.port))
             peer.sendall(f"GET {target} HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n".encode())
-        taken = 0
-        began = time.monotonic()
+        taken, began = 0, time.monotonic()
         while time.monotonic() - began < 12:  # 20 kB/s
             taken += [len(peer.recv(4096)) for peer in peers][0]
             self.assertEqual(backend.ask("/healthz")[0], 200)
@@ -263,14 +248,9 @@ class Access(HttpTest):
         backend = self.filled(*users, *secure, listen="0.0.0.0:0", environment={"VLM_BACKEND_TOKEN": "s3cret"})
         backend.context = ssl.create_default_context(cafile=certificate)
 
-        def ask(target, authorization=None, method="GET"):
-            return backend.ask(target, method, {"Content-Type": "application/json", **(
-                {"Authorization": authorization} if authorization else {})}, "{}" if method == "PUT" else None)
-
-        def basic(name, password):
-            return "Basic " + base64.b64encode(f"{name}:{password}".encode()).decode()
-
-        eva, udo = basic("eva", "eva's password"), basic("udo", "udo's password")
+        def ask(target, authorization=None):
+            return backend.ask(target, headers={"Authorization": authorization} if authorization else {})
+        eva, udo = ("Basic " + base64.b64encode(f"{name}:{name}'s password".encode()).decode() for name in ("eva", "udo"))
         self.assertEqual(ask("/healthz")[0], 200)
         for target in ("/", "/api/vehicles", "/api/updates", "/metrics"):
             status, headers, _ = ask(target)
@@ -279,9 +259,9 @@ class Access(HttpTest):
         self.assertEqual(json.loads(ask("/api/session", eva)[2])["role"], "view")
         self.assertEqual(json.loads(ask("/api/session", udo)[2])["user"], "udo")
         self.assertEqual(json.loads(ask("/api/session", "Bearer s3cret")[2])["role"], "configure")
-        changing = [path for path, item in CONTRACT["paths"].items() if "put" in item]
-        for path in changing:
-            self.assertIn(ask(path.replace("{vehicle}", "bench"), eva, "PUT")[0], (403, 404), path)
+        for path in (path for path, item in CONTRACT["paths"].items() if "put" in item):
+            answer = backend.ask(path.replace("{vehicle}", "bench"), "PUT", {**JSON_TYPE, "Authorization": eva}, "{}")
+            self.assertIn(answer[0], (403, 404), path)
         # A connection that never speaks TLS, and one that never ends its request, hold nobody up.
         with socket.create_connection(("127.0.0.1", backend.port)) as silent:
             silent.sendall(b"GET / HTTP/1.1\r\n")

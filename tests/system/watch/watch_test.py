@@ -45,14 +45,15 @@ class WatchTest(ProcessCase):
         self.addCleanup(process.kill)
         return process
 
-    def watch(self, *arguments):
+    def watch(self, *arguments, status=0):
+        """Standard output and error of one that ends with this status."""
         process = self.start(*arguments)
         out, err = process.communicate(timeout=DEADLINE)
-        return process.returncode, out, err
+        self.assertEqual(process.returncode, status, err)
+        return out, err
 
     def test_it_shows_what_the_vehicle_sends(self):
-        status, out, err = self.watch("--once", "--json", "GNSS.positions:1", "GNSS.positionsQuality", "temperature.temperatures:outside")
-        self.assertEqual(status, 0, err)
+        out, _ = self.watch("--once", "--json", "GNSS.positions:1", "GNSS.positionsQuality", "temperature.temperatures:outside")
         lines = {(line["event"], line["index"]): line for line in map(json.loads, out.splitlines())}
         self.assertEqual({name for name, _ in lines}, {"positions", "positionsQuality", "temperatures"})
         position = lines["positions", 1]["values"]
@@ -64,13 +65,11 @@ class WatchTest(ProcessCase):
         self.assertAlmostEqual(lines["temperatures", 0]["values"]["temperatureRawPhysicalValue"], -9, delta=3)
         self.assertNotIn(("positions", 2), lines)
 
-        status, out, err = self.watch("--once", "--explain", "GNSS.positions:1")
-        self.assertEqual(status, 0, err)
-        self.assertRegex(out, r"altitudeMeanSeaLevel +123\.5 \(substituted\) m +Height above mean sea level\.")
+        self.assertRegex(self.watch("--once", "--explain", "GNSS.positions:1")[0],
+                         r"altitudeMeanSeaLevel +123\.5 \(substituted\) m +Height above mean sea level\.")
 
     def test_csv_can_be_replayed(self):
-        status, out, err = self.watch("--csv", "--seconds", "2", "GNSS.positions")
-        self.assertEqual(status, 0, err)
+        out, err = self.watch("--csv", "--seconds", "2", "GNSS.positions")
         self.assertRegex(err, r"samples in .* s; .*malformed notifications\n")
         rows = list(csv.DictReader(io.StringIO(out)))
         self.assertGreater(len(rows), 3)
@@ -78,39 +77,35 @@ class WatchTest(ProcessCase):
         self.port = free_udp_port()
         self.until_end(Vehicle(self.folder, self.port, "--address", "127.0.0.3", "--services", "GNSS", "--loop", "--csv",
                                "GNSS.positions=" + self.write("positions.csv", out)))
-        status, again, err = self.watch("--once", "--json", "GNSS.positions:1")
-        self.assertEqual(status, 0, err)
+        again, _ = self.watch("--once", "--json", "GNSS.positions:1")
         self.assertIn(json.loads(again)["values"]["latitude"], {float(row["latitude"]) for row in rows})
 
     def test_it_runs_next_to_vlmmaster_and_a_second_one(self):
         master = self.until_end(Vlmmaster(["-c", APPLICATION, "-l", self.write("collector.json", COLLECTOR)], self.folder,
                                           port=self.port))
         watching = [self.start("--json", "GNSS.positions:1") for _ in range(2)]
-        for process in watching:
-            self.assertEqual(json.loads(process.stdout.readline())["event"], "positions")
-        master.wait_for_count("records.collected", 3)
-        for process in watching:
-            self.assertEqual(json.loads(process.stdout.readline())["event"], "positions")
+        for least in (0, 3):
+            master.wait_for_count("records.collected", least)
+            for process in watching:
+                self.assertEqual(json.loads(process.stdout.readline())["event"], "positions")
         for address in ("127.0.0.1", "127.0.0.2"):
-            status, out, err = self.watch("--address", address, "GNSS")
-            self.assertEqual((status, out), (2, ""))
+            out, err = self.watch("--address", address, "GNSS", status=2)
+            self.assertEqual(out, "")
             self.assertIn(f"{address} cannot be used: another process of this kind uses {address}:{self.port}", err)
-        self.assertEqual(self.watch("--once", "--json", "--address", "127.0.0.4", "GNSS.positions:2")[0], 0)
+        self.watch("--once", "--json", "--address", "127.0.0.4", "GNSS.positions:2")
 
     def test_it_says_why_nothing_arrives_and_lists_who_offers_what(self):
-        status, out, err = self.watch("--once", "--seconds", "3", "GNSS.positions:1", "Chassis")
-        self.assertEqual(status, 1)
+        out, err = self.watch("--once", "--seconds", "3", "GNSS.positions:1", "Chassis", status=1)
         self.assertIn("GNSS.positions:1", out)
         self.assertIn("not arrived: Chassis.axes, ", err)
         self.assertIn("Chassis: is offered by nobody", err)
-        status, out, err = self.watch("GNSS.position")
-        self.assertEqual((status, out), (2, ""))
+        out, err = self.watch("GNSS.position", status=2)
+        self.assertEqual(out, "")
         self.assertIn('did you mean "positions"?', err)
-        status, out, err = self.watch("--list")
-        self.assertEqual(status, 0, err)
+        out, _ = self.watch("--list")
         self.assertRegex(out, rf"GNSS +0x1102 +1 +1\.0  127\.0\.0\.2:{self.port} +127\.0\.0\.2:\d+")
         self.assertRegex(out, r"nobody offers ACC, AWV, ")
-        status, out, err = self.watch("--list", "--json", "GNSS", "Chassis")
+        out, _ = self.watch("--list", "--json", "GNSS", "Chassis")
         self.assertEqual([json.loads(line)["service"] for line in out.splitlines()], ["GNSS"])
 
     def test_it_ends_with_its_reader_and_with_a_signal(self):
