@@ -25,10 +25,9 @@ FIVE = {"GNSSProxy", "TemperatureProxy", "DrivingRangeProxy", "ChassisProxy", "A
 
 
 def children_of(pid):
-    try:
+    with contextlib.suppress(OSError):  # has ended
         return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
-    except OSError:
-        return []  # has ended
+    return []
 
 
 def still_there(pids):
@@ -53,11 +52,9 @@ class Bench(Peer):
         """The services and resources with samples in a report."""
         result = set()
         for path in sorted(self.folder.glob("reports/*.json")):
-            try:
-                report = json.loads(path.read_text())
-            except ValueError:
-                continue  # not completely written
-            result |= {(c["serviceName"], c["resourceName"]) for c in report["signalCollections"] or [] if c["samples"]}
+            with contextlib.suppress(ValueError):  # not completely written
+                result |= {(c["serviceName"], c["resourceName"])
+                           for c in json.loads(path.read_text())["signalCollections"] or [] if c["samples"]}
         return result
 
     def services_with_samples(self):
@@ -65,18 +62,9 @@ class Bench(Peer):
 
     def wait_until(self, condition, what):
         def met():
-            if self.process.poll() is not None:
-                raise AssertionError(f"ended before {what}:\n{self.text()[-4000:]}")
+            assert self.process.poll() is None, f"ended before {what}:\n{self.text()[-4000:]}"
             return condition()
-        wait_until(met, lambda: f"{what}:\n{self.text()[-4000:]}", DEADLINE, 0.2)
-
-    def wait_for_start(self):
-        self.wait_until(lambda: "Ctrl-C ends them" in self.text(), "the start")
-
-    def stop_all(self, number=signal.SIGINT):
-        """The exit status; by then every process of the run must have ended."""
-        started = children_of(self.process.pid)
-        return self.stop(number, 40), still_there(started)
+        wait_until(met, lambda: f"{what() if callable(what) else what}:\n{self.text()[-4000:]}", DEADLINE, 0.2)
 
     def abandon(self):
         """Ends what a failed test has left: the run, and all that it started."""
@@ -94,15 +82,16 @@ class Run(ProcessCase):
         self.addCleanup(bench.abandon)
         return bench
 
-    def check_end(self, bench, *number):
-        self.assertEqual(bench.stop_all(*number), (0, []), bench.text())
+    def check_end(self, bench, number=signal.SIGINT):
+        """By the end of the run every process of it must have ended."""
+        started = children_of(bench.process.pid)
+        self.assertEqual((bench.stop(number, 40), still_there(started)), (0, []), bench.text())
         self.assertIn("All processes have ended cleanly.", bench.text())
 
     def test_a_folder_as_backend_gets_reports_with_samples_of_all_five_services(self):
         bench = self.start("--speed", "10")
         bench.wait_until(lambda: bench.services_with_samples() >= FIVE, "samples of all five services")
         address = re.search(r"The page is at (\S+)", bench.text())[1]
-
         self.assertIn(b"<html", urllib.request.urlopen(address).read())
 
         def points():
@@ -130,10 +119,7 @@ class Run(ProcessCase):
         lines = [line for line in config.read_text().splitlines() if not line.startswith("//")]
         wanted = {(c["serv"] + "Proxy", c["res"]) for c in json.loads("\n".join(lines))["COLLECT"]}
         bench = self.start("--speed", "8", "--config", str(config), "--log-level", "3")
-        try:
-            bench.wait_until(lambda: bench.with_samples() >= wanted, "records of every event")
-        except AssertionError:
-            self.fail(f"no records of {sorted(wanted - bench.with_samples())}:\n{bench.text()[-2000:]}")
+        bench.wait_until(lambda: bench.with_samples() >= wanted, lambda: f"records of {wanted - bench.with_samples()}")
         self.check_end(bench)
 
     def test_faults_of_the_vehicle_are_counted_and_survived(self):
@@ -164,7 +150,7 @@ class Run(ProcessCase):
 
     def test_a_stop_while_everything_starts_leaves_nothing_behind(self):
         bench = self.start()
-        bench.wait_for_start()
+        bench.wait_for("Ctrl-C ends them")
         self.check_end(bench, signal.SIGTERM)
 
     def test_the_end_of_its_terminal_ends_everything(self):
@@ -192,7 +178,7 @@ class Run(ProcessCase):
             holder.bind(("0.0.0.0", 0))
             port = holder.getsockname()[1]
             bench = self.start("--discovery-port", str(port))
-            bench.wait_until(lambda: f"UDP port {port} is held by " in bench.text(), "the reason")
+            bench.wait_for(f"UDP port {port} is held by ")
             self.assertIn(f"(pid {os.getpid()}) at 0.0.0.0", bench.text())
             bench.process.send_signal(signal.SIGTERM)
             bench.process.wait(40)
@@ -207,9 +193,8 @@ class Run(ProcessCase):
 
     def test_a_process_that_dies_is_reported_and_ends_the_run(self):
         bench = self.start()
-        bench.wait_for_start()
-        vehicle = [pid for pid in children_of(bench.process.pid)
-                   if Path(f"/proc/{pid}/comm").read_text().strip() == "vlm-vehicle"]
-        os.kill(vehicle[0], signal.SIGKILL)
+        bench.wait_for("Ctrl-C ends them")
+        os.kill(next(pid for pid in children_of(bench.process.pid)
+                     if Path(f"/proc/{pid}/comm").read_text() == "vlm-vehicle\n"), signal.SIGKILL)
         self.assertEqual(bench.process.wait(60), 1, bench.text())
         self.assertIn("vlm-vehicle has ended by itself with status -9", bench.text())
