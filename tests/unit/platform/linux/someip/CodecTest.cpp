@@ -11,18 +11,12 @@ using enum DecodeResult;
 Bytes lengthAnd(const Bytes& content) {
     Bytes bytes;
     someip::appendBig(bytes, static_cast<std::uint32_t>(content.size()));
-    bytes.insert(bytes.end(), content.begin(), content.end());
-    return bytes;
+    return bytes + content;
 }
 
 /// A payload with one structure.
 Bytes payloadOf(const Bytes& members) {
     return lengthAnd(lengthAnd(members));
-}
-
-Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 struct Decoded {

@@ -13,6 +13,11 @@ namespace vlmTest {
 
 using Bytes = std::vector<std::uint8_t>;
 
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 enum class Quality : std::int16_t { bad = -1, good = 1 };
 
 struct Reading {
@@ -81,8 +86,7 @@ inline Bytes messageOf(const Bytes& payload, std::uint16_t session = 1) {
     header.length = static_cast<std::uint32_t>(8 + payload.size());
     Bytes bytes(someip::kHeaderSize);
     writeHeader(header, bytes.data());
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return bytes;
+    return bytes + payload;
 }
 
 }  // namespace vlmTest

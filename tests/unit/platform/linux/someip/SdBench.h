@@ -7,6 +7,8 @@
 
 namespace vlmTest {
 
+using Texts = std::vector<std::string>;
+
 struct SdNews : someip::SdClientObserver, someip::SdServerObserver, someip::SdPeerObserver {
     static std::string text(const someip::ServiceKey& key) {
         return std::to_string(key.service) + "." + std::to_string(key.instance);
@@ -41,9 +43,7 @@ struct SdNews : someip::SdClientObserver, someip::SdServerObserver, someip::SdPe
         news.push_back("rebooted " + someip::toText(peer));
     }
 
-    std::vector<std::string> take() { return std::exchange(news, {}); }
-
-    std::vector<std::string> news;
+    Texts news;
 };
 
 /// Returns false unless the datagram is a discovery message.
@@ -57,8 +57,7 @@ inline bool readDiscovery(std::span<const std::uint8_t> datagram, someip::SdMess
 
 /// One sent message, decoded.
 struct SentSd {
-    bool multicast;
-    someip::Endpoint to;
+    std::optional<someip::Endpoint> to;
     someip::SdMessage message;
     std::size_t size;
     someip::Clock::time_point at;
@@ -68,24 +67,22 @@ inline std::vector<SentSd> readAgain(const std::vector<someip::SdOutbox::Datagra
                                      someip::Clock::time_point now = {}) {
     std::vector<SentSd> all;
     for (const auto& datagram : datagrams) {
-        const auto to = datagram.to.value_or(someip::Endpoint{});
-        all.push_back({!datagram.to, to, {}, datagram.bytes.size(), now});
+        all.push_back({datagram.to, {}, datagram.bytes.size(), now});
         EXPECT_TRUE(readDiscovery(datagram.bytes, all.back().message));
         EXPECT_LE(datagram.bytes.size(), someip::kMaxSdMessage);
     }
     return all;
 }
 
-/// The entries of one message: "find 1.65535", "offer 1.1", "stop-offer 1.1", "subscribe 1.1/2", "ack 1.1/2"
-/// ...
-inline std::vector<std::string> describe(const someip::SdMessage& message) {
+/// The entries of one message: "find 1.65535", "offer 1.1", "stop-subscribe 1.1/2", "ack 1.1/2" ...
+inline Texts describe(const someip::SdMessage& message) {
     using Type = someip::SdEntryType;
     static const std::map<Type, std::pair<std::string, std::string>> names{
         {Type::Find, {"find", "find"}},
         {Type::Offer, {"offer", "stop-offer"}},
         {Type::Subscribe, {"subscribe", "stop-subscribe"}},
         {Type::SubscribeAck, {"ack", "nack"}}};
-    std::vector<std::string> texts;
+    Texts texts;
     for (const auto& entry : message.entries) {
         const someip::ServiceKey service{entry.service, entry.instance, entry.major};
         const auto& [lives, ends] = names.at(entry.type);
@@ -97,36 +94,37 @@ inline std::vector<std::string> describe(const someip::SdMessage& message) {
     return texts;
 }
 
+/// The entry with other endpoints.
+inline someip::SdEntry at(someip::SdEntry entry, std::vector<someip::Endpoint> endpoints) {
+    entry.unicast = std::move(endpoints);
+    return entry;
+}
+
 /// The messages of a peer.
 struct SdPeer {
     explicit SdPeer(someip::Endpoint where) : endpoint(where) {}
 
     void restart() { outbox = {}; }
-    static someip::SdEntry entry(someip::SdEntryType type, std::uint16_t service, std::uint32_t ttl) {
-        someip::SdEntry one;
-        one.type = type;
-        one.service = service;
-        one.instance = 1;
-        one.major = 1;
-        one.ttl = ttl;
-        return one;
+    static someip::SdEntry entry(someip::SdEntryType type, std::uint16_t service, std::uint32_t ttl,
+                                 std::uint16_t eventgroup = 0, std::vector<someip::Endpoint> unicast = {}) {
+        return {.type = type,
+                .service = service,
+                .instance = 1,
+                .major = 1,
+                .ttl = ttl,
+                .eventgroup = eventgroup,
+                .unicast = std::move(unicast),
+                .multicast = {}};
     }
     someip::SdEntry offer(std::uint16_t service, std::uint32_t ttl = 3) const {
-        auto one = entry(someip::SdEntryType::Offer, service, ttl);
-        one.unicast = {{endpoint.address, 40000}};
-        return one;
+        return entry(someip::SdEntryType::Offer, service, ttl, 0, {{endpoint.address, 40000}});
     }
     static someip::SdEntry acknowledge(std::uint16_t service, std::uint16_t eventgroup,
                                        std::uint32_t ttl = 3) {
-        auto one = entry(someip::SdEntryType::SubscribeAck, service, ttl);
-        one.eventgroup = eventgroup;
-        return one;
+        return entry(someip::SdEntryType::SubscribeAck, service, ttl, eventgroup);
     }
-    someip::SdEntry subscribe(std::uint16_t service, std::uint16_t eventgroup, std::uint32_t ttl = 3) const {
-        auto one = entry(someip::SdEntryType::Subscribe, service, ttl);
-        one.eventgroup = eventgroup;
-        one.unicast = {{endpoint.address, 50000}};
-        return one;
+    someip::SdEntry subscribe(std::uint16_t service, std::uint16_t eventgroup) const {
+        return entry(someip::SdEntryType::Subscribe, service, 3, eventgroup, {{endpoint.address, 50000}});
     }
     /// The peer's next message, by multicast or unicast.
     std::vector<std::uint8_t> message(bool multicast, const std::vector<someip::SdEntry>& entries) {
@@ -143,51 +141,56 @@ struct SdPeer {
 struct SdBench : Test {
     using Clock = someip::Clock;
 
-    void advance(std::chrono::milliseconds by) {
-        const auto until = now + by;
-        for (auto next = sd.nextDeadline(); next <= until; next = sd.nextDeadline()) {
-            now = std::max(now, next);
-            sd.onTime(now);
-            collect();
-        }
-        now = until;
-        sd.onTime(now);
+    /// Returns the entries that a step of the test sends. `sent` and `observer` are of the last step.
+    template <typename Step>
+    Texts after(Step step) {
+        sent.clear();
+        observer.news.clear();
+        begun = now;
+        step();
         collect();
-    }
-    void hear(const SdPeer& from, bool multicast, const std::vector<std::uint8_t>& bytes) {
-        std::string error;
-        EXPECT_TRUE(sd.onDatagram(from.endpoint, multicast, bytes, now, error)) << error;
-        collect();
-    }
-    void hearMulticast(SdPeer& from, const std::vector<someip::SdEntry>& entries) {
-        hear(from, true, from.message(true, entries));
-    }
-    void hearUnicast(SdPeer& from, const std::vector<someip::SdEntry>& entries) {
-        hear(from, false, from.message(false, entries));
-    }
-    void collect() { std::ranges::move(readAgain(sd.outbox().take(), now), std::back_inserter(sent)); }
-    /// The entries of everything sent since the last call.
-    std::vector<std::string> takeSent() {
-        std::vector<std::string> all;
+        Texts all;
         for (const auto& one : sent) {
             std::ranges::move(describe(one.message), std::back_inserter(all));
         }
-        sent.clear();
         return all;
     }
-
-    /// Expects that every sent message was a multicast with these entries. Returns the times between them.
-    std::vector<std::chrono::milliseconds> gapsBetween(const std::vector<std::string>& entries) const {
-        std::vector<std::chrono::milliseconds> gaps;
-        for (std::size_t i = 0; i < sent.size(); ++i) {
-            EXPECT_TRUE(sent[i].multicast);
-            EXPECT_EQ(describe(sent[i].message), entries);
-            if (i != 0) {
-                gaps.push_back(
-                    std::chrono::duration_cast<std::chrono::milliseconds>(sent[i].at - sent[i - 1].at));
+    Texts advance(std::chrono::milliseconds by) {
+        return after([&] {
+            const auto until = now + by;
+            for (auto next = sd.nextDeadline(); next <= until; next = sd.nextDeadline()) {
+                now = std::max(now, next);
+                sd.onTime(now);
+                collect();
             }
+            now = until;
+            sd.onTime(now);
+        });
+    }
+    Texts hear(const SdPeer& from, bool multicast, const std::vector<std::uint8_t>& bytes) {
+        return after([&] {
+            std::string error;
+            EXPECT_TRUE(sd.onDatagram(from.endpoint, multicast, bytes, now, error)) << error;
+        });
+    }
+    Texts hearMulticast(SdPeer& from, const std::vector<someip::SdEntry>& entries) {
+        return hear(from, true, from.message(true, entries));
+    }
+    Texts hearUnicast(SdPeer& from, const std::vector<someip::SdEntry>& entries) {
+        return hear(from, false, from.message(false, entries));
+    }
+    void collect() { std::ranges::move(readAgain(sd.outbox().take(), now), std::back_inserter(sent)); }
+
+    /// Expects that every sent message was a multicast with these entries. Returns the times before each.
+    std::vector<std::chrono::milliseconds> delaysOf(const Texts& entries) const {
+        std::vector<std::chrono::milliseconds> delays;
+        for (auto before = begun; const auto& one : sent) {
+            EXPECT_FALSE(one.to);
+            EXPECT_EQ(describe(one.message), entries);
+            delays.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(
+                one.at - std::exchange(before, one.at)));
         }
-        return gaps;
+        return delays;
     }
 
     someip::SdTimes times;
@@ -200,6 +203,7 @@ struct SdBench : Test {
                                 {observer, observer, observer},
                                 1};
     Clock::time_point now{std::chrono::hours(1)};
+    Clock::time_point begun = now;
     std::vector<SentSd> sent;
     SdPeer vehicle{{0x7F000002, 30490}};
     SdPeer stranger{{0x7F000003, 30490}};

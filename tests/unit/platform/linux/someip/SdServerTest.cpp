@@ -4,6 +4,7 @@
 
 using namespace vlmTest;
 using namespace someip;
+using testing::Ge, testing::Le;
 
 namespace {
 
@@ -19,7 +20,6 @@ struct SdServerSteps : SdBench {
     void settle() {
         offered();
         advance(300ms);
-        takeSent();
     }
     SdPeer& client = stranger;
 };
@@ -27,14 +27,12 @@ struct SdServerSteps : SdBench {
 }  // namespace
 
 TEST_F(SdServerSteps, OffersAfterADelayRepeatsAndGoesIntoACycleSharedByAllServices) {
-    const auto start = now;
     offered(1);
     offered(2);
-    EXPECT_THAT(takeSent(), IsEmpty());
+    EXPECT_THAT(sent, IsEmpty());
     advance(3s);
-    EXPECT_GE(sent.at(0).at - start, 10ms);
-    EXPECT_LE(sent.at(0).at - start, 30ms);
-    EXPECT_THAT(gapsBetween({"offer 1.1", "offer 2.1"}), ElementsAre(30ms, 60ms, 120ms, 1s, 1s));
+    EXPECT_THAT(delaysOf({"offer 1.1", "offer 2.1"}),
+                ElementsAre(AllOf(Ge(10ms), Le(30ms)), 30ms, 60ms, 120ms, 1s, 1s));
     const auto& entry = sent.at(0).message.entries.at(0);
     EXPECT_EQ(entry.minor, 7u);
     EXPECT_EQ(entry.ttl, 3u);
@@ -47,23 +45,19 @@ TEST_F(SdServerSteps, AnswersAFindByUnicastOnceItHasOffered) {
     find.major = kAnyMajor;
     find.minor = kAnyMinor;
     offered();
-    hearMulticast(client, {find});
-    EXPECT_THAT(takeSent(), IsEmpty()) << "still in its initial delay";
+    EXPECT_THAT(hearMulticast(client, {find}), IsEmpty()) << "still in its initial delay";
     advance(300ms);
-    takeSent();
-    hearMulticast(client, {find, find, find});
+    EXPECT_THAT(hearMulticast(client, {find, find, find}), ElementsAre("offer 1.1"))
+        << "equal questions get one answer";
     ASSERT_THAT(sent, SizeIs(1));
-    EXPECT_FALSE(sent[0].multicast);
     EXPECT_EQ(sent[0].to, client.endpoint);
-    EXPECT_THAT(takeSent(), ElementsAre("offer 1.1")) << "equal questions get one answer";
 
     auto [otherInstance, otherMajor, otherMinor, otherService] = std::array{find, find, find, find};
     otherInstance.instance = 2;
     otherMajor.major = 2;
     otherMinor.minor = 8;
     otherService.service = 2;
-    hearMulticast(client, {otherInstance, otherMajor, otherMinor, otherService});
-    EXPECT_THAT(takeSent(), IsEmpty());
+    EXPECT_THAT(hearMulticast(client, {otherInstance, otherMajor, otherMinor, otherService}), IsEmpty());
 }
 
 TEST_F(SdServerSteps, AcknowledgesASubscriptionAndReflectsItsCounter) {
@@ -71,46 +65,41 @@ TEST_F(SdServerSteps, AcknowledgesASubscriptionAndReflectsItsCounter) {
     auto entry = client.subscribe(1, 2);
     entry.counter = 5;
     entry.initialDataRequested = true;
-    hearUnicast(client, {entry});
-    EXPECT_THAT(observer.take(), ElementsAre("added 1.1/2 127.0.0.3:50000"));
-    EXPECT_EQ(sent.at(0).message.entries.at(0).counter, 5);
-    EXPECT_TRUE(sent.at(0).message.entries.at(0).initialDataRequested);
-    EXPECT_EQ(sent.at(0).message.entries.at(0).ttl, 3u);
+    EXPECT_THAT(hearUnicast(client, {entry}), ElementsAre("ack 1.1/2"));
+    EXPECT_THAT(observer.news, ElementsAre("added 1.1/2 127.0.0.3:50000"));
     EXPECT_EQ(sent.at(0).to, client.endpoint);
-    EXPECT_THAT(takeSent(), ElementsAre("ack 1.1/2"));
+    const auto& answer = sent.at(0).message.entries.at(0);
+    EXPECT_EQ(answer.counter, 5);
+    EXPECT_TRUE(answer.initialDataRequested);
+    EXPECT_EQ(answer.ttl, 3u);
     advance(500ms);
     hearUnicast(client, {entry});
-    EXPECT_THAT(observer.take(), IsEmpty()) << "a renewal";
+    EXPECT_THAT(observer.news, IsEmpty()) << "a renewal";
     advance(2900ms);
-    EXPECT_THAT(observer.take(), IsEmpty());
+    EXPECT_THAT(observer.news, IsEmpty());
     advance(200ms);
-    EXPECT_THAT(observer.take(), ElementsAre("removed 1.1/2 127.0.0.3:50000"));
+    EXPECT_THAT(observer.news, ElementsAre("removed 1.1/2 127.0.0.3:50000"));
 }
 
 TEST_F(SdServerSteps, RefusesWhatItDoesNotHaveAndMoreSubscribersThanItTakes) {
     settle();
     const auto good = client.subscribe(1, 1);
-    auto [otherInstance, otherMajor, nowhere, outside] = std::array{good, good, good, good};
+    auto [otherInstance, otherMajor] = std::array{good, good};
     otherInstance.instance = 2;
     otherMajor.major = 2;
-    nowhere.unicast.clear();
-    outside.unicast = {{0x08080808, 50000}};
-    auto twice = good;
-    twice.unicast.push_back({0x7F000003, 50001});
-    hearUnicast(client, {client.subscribe(9, 1), client.subscribe(1, 9), otherInstance, otherMajor, nowhere,
-                         outside, twice});
-    EXPECT_THAT(takeSent(), ElementsAre("nack 9.1/1", "nack 1.1/9", "nack 1.2/1", "nack 1.1/1", "nack 1.1/1",
-                                        "nack 1.1/1", "nack 1.1/1"));
-    EXPECT_THAT(observer.take(), IsEmpty());
-    hearMulticast(client, {client.subscribe(1, 1)});
-    EXPECT_THAT(takeSent(), IsEmpty()) << "a subscription by multicast is not meant for it";
-    auto one = good;
+    EXPECT_THAT(hearUnicast(client, {client.subscribe(9, 1), client.subscribe(1, 9), otherInstance,
+                                     otherMajor, at(good, {}), at(good, {{0x08080808, 50000}}),
+                                     at(good, {{0x7F000003, 50000}, {0x7F000003, 50001}})}),
+                ElementsAre("nack 9.1/1", "nack 1.1/9", "nack 1.2/1", "nack 1.1/1", "nack 1.1/1",
+                            "nack 1.1/1", "nack 1.1/1"));
+    EXPECT_THAT(observer.news, IsEmpty());
+    EXPECT_THAT(hearMulticast(client, {good}), IsEmpty()) << "a subscription by multicast is not for it";
     for (std::uint16_t port = 1; port <= SdServer::kMaxSubscribers + 1; ++port) {
-        one.unicast = {{0x7F000003, port}};
-        hearUnicast(client, {one});
+        const bool fits = port <= SdServer::kMaxSubscribers;
+        EXPECT_THAT(hearUnicast(client, {at(good, {{0x7F000003, port}})}),
+                    ElementsAre(fits ? "ack 1.1/1" : "nack 1.1/1"));
+        EXPECT_THAT(observer.news, SizeIs(fits ? 1 : 0));
     }
-    EXPECT_THAT(observer.take(), SizeIs(SdServer::kMaxSubscribers));
-    EXPECT_EQ(takeSent().back(), "nack 1.1/1");
 }
 
 TEST_F(SdServerSteps, ASubscriptionOverTcpNeedsAConnectionAndEndsWithIt) {
@@ -119,20 +108,16 @@ TEST_F(SdServerSteps, ASubscriptionOverTcpNeedsAConnectionAndEndsWithIt) {
     const Endpoint tcp{0x7F000003, 50001, Protocol::Tcp};
     EXPECT_THAT(sent.at(0).message.entries.at(0).unicast,
                 ElementsAre(Endpoint{0x7F000001, 45000}, Endpoint{0x7F000001, 45000, Protocol::Tcp}));
-    takeSent();
-    auto reliable = client.subscribe(1, 1);
-    reliable.unicast = {tcp};
+    const auto reliable = at(client.subscribe(1, 1), {tcp});
     auto mixed = client.subscribe(1, 2);
-    hearUnicast(client, {reliable, mixed});
-    EXPECT_THAT(takeSent(), ElementsAre("nack 1.1/1", "nack 1.1/2")) << "no connection; no endpoint for TCP";
+    EXPECT_THAT(hearUnicast(client, {reliable, mixed}), ElementsAre("nack 1.1/1", "nack 1.1/2"))
+        << "no connection; no endpoint for TCP";
     server().clientConnected(tcp);
     mixed.unicast.push_back(tcp);
-    hearUnicast(client, {reliable, mixed});
-    EXPECT_THAT(takeSent(), ElementsAre("ack 1.1/1", "ack 1.1/2"));
-    EXPECT_THAT(observer.take(), ElementsAre("added 1.1/1 127.0.0.3:50001/tcp", "added 1.1/2 127.0.0.3:50000",
-                                             "added 1.1/2 127.0.0.3:50001/tcp"));
-    server().clientLost(tcp);
-    EXPECT_THAT(observer.take(), SizeIs(3));
-    hearUnicast(client, {reliable});
-    EXPECT_THAT(takeSent(), ElementsAre("nack 1.1/1"));
+    EXPECT_THAT(hearUnicast(client, {reliable, mixed}), ElementsAre("ack 1.1/1", "ack 1.1/2"));
+    EXPECT_THAT(observer.news, ElementsAre("added 1.1/1 127.0.0.3:50001/tcp", "added 1.1/2 127.0.0.3:50000",
+                                           "added 1.1/2 127.0.0.3:50001/tcp"));
+    after([&] { server().clientLost(tcp); });
+    EXPECT_THAT(observer.news, SizeIs(3));
+    EXPECT_THAT(hearUnicast(client, {reliable}), ElementsAre("nack 1.1/1"));
 }

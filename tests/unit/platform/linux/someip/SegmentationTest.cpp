@@ -11,10 +11,10 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-Bytes pattern(std::size_t size) {
+Bytes pattern(std::size_t size, const std::map<std::size_t, std::uint8_t>& changes = {}) {
     Bytes bytes(size);
     for (std::size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<std::uint8_t>(i * 7 + i / 256);
+        bytes[i] = changes.contains(i) ? changes.at(i) : static_cast<std::uint8_t>(i * 7 + i / 256);
     }
     return bytes;
 }
@@ -47,6 +47,17 @@ struct Joining : Test {
         message.assign(joined.begin(), joined.end());
         return true;
     }
+    /// These segments of a message of 5000 bytes.
+    void begin(std::initializer_list<std::size_t> segments, std::uint16_t session) {
+        for (const std::size_t i : segments) {
+            EXPECT_FALSE(add(contentsOf(pattern(5000)).at(i), session));
+        }
+    }
+    /// Open sets, the bytes that they hold, messages dropped, segments ignored.
+    std::vector<std::uint64_t> counts() const {
+        return {reassembler.openSets(), reassembler.heldBytes(), reassembler.dropped(),
+                reassembler.ignored()};
+    }
     /// All segments, in order; whether the last one and no other completed the message.
     bool join(const Bytes& payload, std::uint16_t session) {
         int completed = 0;
@@ -74,8 +85,7 @@ TEST_F(Joining, TakesWhatWasSegmentedAndNothingThatIsTooShort) {
     for (const std::size_t size : {0u, 3u, 4u}) {
         EXPECT_FALSE(add(Bytes(size), ++session));
     }
-    EXPECT_EQ(reassembler.openSets(), 0u);
-    EXPECT_EQ(reassembler.dropped(), 3u);
+    EXPECT_THAT(counts(), ElementsAre(0, 0, 3, 0));
 }
 
 // Three messages at once, whose segments begin and end anywhere, so that they overlap.
@@ -110,11 +120,8 @@ TEST_F(Joining, TakesSegmentsInAnyOrderPassesOverDoubledOnesAndKeepsSendersAndSe
             EXPECT_TRUE(!completes || message == payloads[i]) << session;
             left -= completes ? 1 : 0;
         }
-        EXPECT_EQ(reassembler.ignored(), repeated);
-        EXPECT_EQ(reassembler.heldBytes(), 0u);
+        EXPECT_THAT(counts(), ElementsAre(0, 0, 0, repeated));
     }
-    EXPECT_EQ(reassembler.dropped(), 0u);
-    EXPECT_EQ(reassembler.openSets(), 0u);
 }
 
 TEST_F(Joining, OtherBytesOrAContradictionDropTheSet) {
@@ -134,20 +141,15 @@ TEST_F(Joining, OtherBytesOrAContradictionDropTheSet) {
     std::uint16_t session = 0;
     for (const auto& one : cases) {
         ++session;
-        const auto before = reassembler.dropped();
-        const auto ignored = reassembler.ignored();
         for (const auto& bytes : one) {
             EXPECT_FALSE(add(bytes, session)) << "case " << session;
         }
-        EXPECT_EQ(reassembler.dropped(), before + 1) << "case " << session;
-        EXPECT_EQ(reassembler.openSets(), 0u);
-        EXPECT_EQ(reassembler.heldBytes(), 0u);
+        EXPECT_THAT(counts(), ElementsAre(0, 0, session, session - 1)) << "case " << session;
         EXPECT_FALSE(add(content(16, true, a), session)) << "what still comes of it opens no new set";
-        EXPECT_EQ(reassembler.openSets(), 0u);
-        EXPECT_EQ(reassembler.ignored(), ignored + 1) << "but is counted";
+        EXPECT_THAT(counts(), ElementsAre(0, 0, session, session)) << "but is counted";
         now += 1s;
         reassembler.expire(now);
-        EXPECT_EQ(reassembler.dropped(), before + 1) << "dropped once";
+        EXPECT_EQ(reassembler.dropped(), session) << "dropped once";
     }
 }
 
@@ -156,26 +158,18 @@ TEST_F(Joining, NoMessageIsLostToAnotherOneOfTheSameSessionNumber) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_TRUE(join(pattern(3000), session)) << "equal ones";
         }
-        auto other = pattern(3000);
-        other[1500] = 77;
-        EXPECT_TRUE(join(other, session)) << "one that begins like the one before";
+        EXPECT_TRUE(join(pattern(3000, {{1500, 77}}), session)) << "one that begins like the one before";
         // One without its end, and then four complete ones; equal in their first segment.
         auto dropped = reassembler.dropped();
-        add(contentsOf(pattern(5000))[0], session);
-        add(contentsOf(pattern(5000))[1], session);
+        begin({0, 1}, session);
         for (std::uint8_t i = 1; i <= 4; ++i) {
-            auto next = pattern(5000);
-            next[2000] = i;
-            EXPECT_TRUE(join(next, session)) << "message " << int(i) << ", session " << session;
+            EXPECT_TRUE(join(pattern(5000, {{2000, i}}), session))
+                << "message " << int(i) << ", session " << session;
         }
         EXPECT_EQ(reassembler.dropped(), ++dropped);
         // One with a hole, so that its end is there already.
-        add(contentsOf(pattern(5000))[0], session);
-        add(contentsOf(pattern(5000))[3], session);
-        auto different = pattern(5000);
-        different[0] = 99;
-        different[4999] = 99;
-        EXPECT_TRUE(join(different, session));
+        begin({0, 3}, session);
+        EXPECT_TRUE(join(pattern(5000, {{0, 99}, {4999, 99}}), session));
         EXPECT_EQ(reassembler.dropped(), ++dropped);
         // One that is refused.
         add(content(16, true, Bytes(17, 1)), session);
@@ -183,7 +177,7 @@ TEST_F(Joining, NoMessageIsLostToAnotherOneOfTheSameSessionNumber) {
         EXPECT_EQ(reassembler.dropped(), ++dropped);
     }
     // A sender that has restarted.
-    add(contentsOf(pattern(5000))[1], 5);
+    begin({1}, 5);
     reassembler.forget(key(5).sender, key(5).service);
     EXPECT_EQ(reassembler.openSets(), 0u);
     EXPECT_TRUE(join(pattern(2000), 5));
@@ -191,22 +185,15 @@ TEST_F(Joining, NoMessageIsLostToAnotherOneOfTheSameSessionNumber) {
 
 TEST_F(Joining, AGapAtTheTimeOutDropsTheSetUnlessItOnlyRepeatsTheOneBefore) {
     EXPECT_TRUE(join(pattern(5000), 1));
-    const auto contents = contentsOf(pattern(5000));
-    for (const std::size_t i : {0u, 1u, 2u}) {
-        EXPECT_FALSE(add(contents[i]));
-    }
-    add(contents[0], 2);
-    add(contents[2], 2);
+    begin({0, 1, 2}, 1);
+    begin({0, 2}, 2);
     EXPECT_EQ(reassembler.nextDeadline(), now + 500ms);
     now += 499ms;
     reassembler.expire(now);
     EXPECT_EQ(reassembler.openSets(), 2u);
     now += 1ms;
     reassembler.expire(now);
-    EXPECT_EQ(reassembler.openSets(), 0u);
-    EXPECT_EQ(reassembler.heldBytes(), 0u);
-    EXPECT_EQ(reassembler.dropped(), 1u);
-    EXPECT_EQ(reassembler.ignored(), 3u);
+    EXPECT_THAT(counts(), ElementsAre(0, 0, 1, 3));
     EXPECT_EQ(reassembler.nextDeadline(), Clock::time_point::max());
 }
 
