@@ -35,9 +35,10 @@ std::string lineOf(const kyo::Json::Value& value) {
 }
 
 struct Backend : StartedTransport<DirectoryTransport> {
-    explicit Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"})
+    explicit Backend(const std::string& folder, std::vector<std::string> offered = {"TypeA"},
+                     machine::MessageLimits limits = {})
         : StartedTransport(machine::DirectoryBackend{folder, "collector.json"},
-                           kyo::orx::Presence{"Catalog 1", std::move(offered)}) {}
+                           kyo::orx::Presence{"Catalog 1", std::move(offered)}, limits) {}
     /// Asks for the configuration, and waits for the answer.
     kyo::Json::Value answer() {
         const std::size_t before = answers().size();
@@ -86,9 +87,13 @@ TEST_F(DirectoryBackend, AnswersWithTheConfigurationFileNamedAfterItsContent) {
     std::filesystem::remove(m_folder.file("collector.json"));
     EXPECT_EQ(backend.answer(), kyo::Json::Value(kyo::Json::arrayValue));
     EXPECT_TRUE(m_log.hasPart(3, "collector.json cannot be read: No such file"));
+
+    m_folder.write("collector.json", std::string(2000, ' '));
+    EXPECT_EQ(Backend(m_folder.path(), {}, {1024, 2048}).answer(), kyo::Json::Value(kyo::Json::arrayValue));
+    EXPECT_TRUE(m_log.hasPart(3, "2000 bytes in base64 are more than backend.maxConfigurationBytes (2048)"));
 }
 
-TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALine) {
+TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALineAndTakesNothingMoreWhenTheProcessEnds) {
     const std::string whole = lineOf(envelope("old", 9000));
     m_folder.write("envelopes.jsonl", whole + "{\"messageId\":\"half" + std::string(9000, 'y'));
     Backend backend(m_folder.path());
@@ -97,6 +102,8 @@ TEST_F(DirectoryBackend, CutsOffWhatACrashLeftOfALine) {
 
     m_folder.write("envelopes.jsonl", "no line end at all");
     EXPECT_EQ(backend.transport().send(envelope("new")), 0);
+    backend.transport().leave();
+    EXPECT_EQ(backend.transport().send(envelope("late")), -ESHUTDOWN);
     EXPECT_EQ(readFile(m_file), lineOf(envelope("new")));
 }
 
@@ -135,7 +142,7 @@ TEST_F(DirectoryBackend, LeavesNoPartOfALineOnAFullDiskLogsOnceAndOpensTheChanne
     EXPECT_EQ(m_log.count(5, m_file + " can be written again"), 1u);
 }
 
-TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMadeAndWritesIntoPlainFilesOnly) {
+TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMade) {
     const std::string blocked = m_folder.write("folder", "a file is where the folder should be");
     Backend backend(blocked);
     ASSERT_TRUE(m_log.waitFor("cannot be written: Not a directory"));
@@ -145,47 +152,22 @@ TEST_F(DirectoryBackend, WaitsForAFolderThatCannotBeMadeAndWritesIntoPlainFilesO
     ASSERT_TRUE(backend.awaitControls(1));
     EXPECT_EQ(m_log.messages(3).size(), 1u);
     EXPECT_EQ(backend.transport().send(envelope("1")), 0);
-
-    std::filesystem::create_directory(m_file);
-    EXPECT_EQ(Backend(m_folder.path()).transport().send(envelope("1")), -EISDIR);
 }
 
-TEST_F(DirectoryBackend, TriesTheFolderAgainThoughNoFurtherCallbackWasTakenWhenItFailed) {
-    std::mutex gate;
-    std::atomic<int> controls{0};
-    DirectoryTransport transport({m_folder.path(), "collector.json"}, {"Catalog 1", {"TypeA"}});
-    transport.setMasterControlCallback([&](kyo::Json::Value) { ++controls; });
-    transport.setConfigResponseCallback(
-        [&](kyo::Json::Value) { const std::lock_guard<std::mutex> wait(gate); });
-    transport.start();
-    ASSERT_TRUE(eventually([&] { return controls == 1; }));
+TEST_F(DirectoryBackend, WritesIntoAPlainFileAloneAndTriesAgainThoughNoFurtherCallbackWasTakenWhenItFailed) {
+    Backend backend(m_folder.path());
+    ASSERT_TRUE(backend.awaitControls(1));
     {
-        const std::lock_guard<std::mutex> closed(gate);
-        while (transport.requestConfiguration() == 0) {
+        const std::lock_guard<std::mutex> busy(backend.busy);
+        while (backend.transport().requestConfiguration() == 0) {
         }
         std::filesystem::remove(m_file);
         std::filesystem::create_directory(m_file);
-        EXPECT_EQ(transport.send(envelope("1")), -EISDIR);
+        EXPECT_EQ(backend.transport().send(envelope("1")), -EISDIR);
     }
     std::filesystem::remove(m_file);
-    EXPECT_TRUE(eventually([&] { return controls == 2; }));
-    EXPECT_EQ(transport.send(envelope("1")), 0);
-}
-
-TEST_F(DirectoryBackend, TakesNothingMoreWhenTheProcessEnds) {
-    Backend backend(m_folder.path());
+    EXPECT_TRUE(backend.awaitControls(2));
     EXPECT_EQ(backend.transport().send(envelope("1")), 0);
-    backend.transport().leave();
-    EXPECT_EQ(backend.transport().send(envelope("2")), -ESHUTDOWN);
-    EXPECT_EQ(readFile(m_file), lineOf(envelope("1")));
-}
-
-TEST_F(DirectoryBackend, AnswersWithNoConfigurationBeyondTheLimit) {
-    m_folder.write("collector.json", std::string(2000, ' '));
-    DirectoryTransport transport({m_folder.path(), "collector.json"}, {"Catalog 1", {"TypeA"}}, {1024, 2048});
-    transport.start();
-    EXPECT_EQ(transport.requestConfiguration(), 0);
-    EXPECT_TRUE(m_log.waitFor("2000 bytes in base64 are more than backend.maxConfigurationBytes (2048)"));
 }
 
 TEST(CallbackThreadTest, KeepsOrderSurvivesExceptionsAndForgetsWhatWaitsWhenStopped) {

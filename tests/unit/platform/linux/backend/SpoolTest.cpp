@@ -14,12 +14,7 @@ using namespace kyo::orx;
 using namespace vlmTest;
 
 SpooledEnvelope envelope(const std::string& id, std::size_t size = 100, std::int64_t storedMs = 1000) {
-    SpooledEnvelope made;
-    made.messageId = id;
-    made.storedMs = storedMs;
-    made.textBytes = static_cast<std::uint32_t>(size);
-    made.payload = std::string(size, 'x');
-    return made;
+    return {0, storedMs, id, static_cast<std::uint32_t>(size), Encoding::Plain, std::string(size, 'x')};
 }
 
 /// Identifiers of all that waits, in order, read from disk.
@@ -65,9 +60,15 @@ struct SpoolTest : Test {
         EXPECT_TRUE(m_spool->open(error)) << error;
         return m_spool;
     }
-    Spool::Stored store(Spool& spool, SpooledEnvelope made) {
+    Spool::Stored store(SpooledEnvelope made) {
         std::string error;
-        return spool.store(made, error);
+        return m_spool->store(made, error);
+    }
+    /// Envelopes named 1, 2, ..., a second apart.
+    void storeUpTo(std::int64_t last) {
+        for (std::int64_t i = 1; i <= last; ++i) {
+            EXPECT_EQ(store(envelope(std::to_string(i), 100, 1000 * i)), Spool::Stored::Durably);
+        }
     }
     fs::path file(std::uint64_t number, std::size_t size = 100) {
         return Spool::fileOf(m_folder.file("a/spool"), {number, kyo::orx::kSpoolHeaderBytes + 1 + size});
@@ -88,19 +89,17 @@ TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndRefusalsOfTheDiskAndHasOneO
     EXPECT_THAT(error, HasSubstr("No space left"));
     EXPECT_EQ(spool->waiting(), 0u);
     m_disk.refusal = 0;
-    for (const char* id : {"a", "b", "c"}) {
-        EXPECT_EQ(store(*spool, envelope(id)), Spool::Stored::Durably);
-    }
+    storeUpTo(3);
     EXPECT_FALSE(Spool({m_folder.file("a/spool")}, m_disk).open(error));
     EXPECT_NE(error.find("belongs to another process"), std::string::npos) << error;
     opened();
-    EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"1", "2", "3"}));
     while (const auto entry = spool->next(0)) {
         spool->remove(*entry);
     }
     EXPECT_EQ(spool->bytes(), 0u);
     opened();  // empty, and yet it goes on counting
-    EXPECT_EQ(store(*spool, envelope("d")), Spool::Stored::Durably);
+    EXPECT_EQ(store(envelope("d")), Spool::Stored::Durably);
     EXPECT_EQ(spool->next(0)->number, 4u);
     m_spool.reset();
 
@@ -112,9 +111,7 @@ TEST_F(SpoolTest, KeepsOrderAndNumbersOverRestartsAndRefusalsOfTheDiskAndHasOneO
 TEST_F(SpoolTest, ReadsABacklogOfAnyLengthInOrder) {
     constexpr std::uint64_t kCount = Spool::kAhead + 300;
     const auto& spool = opened();
-    for (std::uint64_t i = 1; i <= kCount; ++i) {
-        ASSERT_EQ(store(*spool, envelope(std::to_string(i), 10)), Spool::Stored::Durably);
-    }
+    storeUpTo(kCount);
     for (int round = 0; round < 2; ++round) {
         std::uint64_t expected = 0;
         for (auto entry = spool->next(0); entry; entry = spool->next(entry->number)) {
@@ -133,8 +130,7 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
         const auto& spool = opened({.folder = {}, .maxBytes = kMaxBytes, .dropOldest = oldest});
         std::uint64_t dropped = 0;
         for (int i = 1; i <= 1000; ++i) {
-            const auto outcome =
-                store(*spool, envelope(std::to_string(i), 20000 + 37 * static_cast<std::size_t>(i)));
+            const auto outcome = store(envelope(std::to_string(i), 20000 + 37 * static_cast<std::size_t>(i)));
             dropped += outcome == Spool::Stored::Dropped ? 1 : 0;
             if (i % 50 != 0) {
                 continue;
@@ -167,23 +163,19 @@ TEST_F(SpoolTest, NeverExceedsItsLimitAndCountsEveryDrop) {
 
 TEST_F(SpoolTest, DropsWhatIsOnItsWayLastAndWhatIsTooOld) {
     const auto& spool = opened({.folder = {}, .maxBytes = 3 * 4096, .maxAgeSeconds = 60});
-    for (int i = 1; i <= 3; ++i) {
-        store(*spool, envelope(std::to_string(i), 100, 1000 * i));
-    }
+    storeUpTo(3);
     spool->setOnItsWay(1, true);
-    store(*spool, envelope("4", 100, 100'000));
+    store(envelope("4", 100, 100'000));
     EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"1", "3", "4"}));
     EXPECT_EQ(spool->oldestStoredMs(), 1000);
     spool->dropOld(62'500);
     EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"3", "4"}));
-    EXPECT_EQ(store(*spool, envelope("5", 13000)), Spool::Stored::Dropped);
+    EXPECT_EQ(store(envelope("5", 13000)), Spool::Stored::Dropped);
 }
 
 TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
     const auto& spool = opened();
-    for (int i = 1; i <= 6; ++i) {
-        store(*spool, envelope(std::to_string(i)));
-    }
+    storeUpTo(6);
     fs::resize_file(file(1), 30);
     fs::resize_file(file(2), 100);
     std::fstream(file(3), std::ios::in | std::ios::out).seekp(60).put('y');
@@ -200,16 +192,14 @@ TEST_F(SpoolTest, MovesAsideWhatCannotBeUsedAndGoesOn) {
     spool->setAside(*spool->next(0), "the broker does not want it");
     opened({{}, 6 * 4096});
     EXPECT_EQ(spool->bytes(), 6u * 4096);
-    EXPECT_EQ(store(*spool, envelope("7")), Spool::Stored::Durably);  // at the cost of a bad one
+    EXPECT_EQ(store(envelope("7")), Spool::Stored::Durably);  // at the cost of a bad one
     EXPECT_EQ(spool->next(0)->number, 7u);
     EXPECT_FALSE(fs::exists(Spool::fileOf(spool->folder() / "bad", {1, 141})));
 }
 
 TEST_F(SpoolTest, CountsWhatADiskDoesNotDeleteAndDropsNothingForIt) {
     const auto& spool = opened({.folder = {}, .maxBytes = 5 * 4096});
-    for (int i = 1; i <= 5; ++i) {
-        store(*spool, envelope(std::to_string(i)));
-    }
+    storeUpTo(5);
     opened({.folder = {}, .maxBytes = 5 * 4096});
     const std::uint64_t before = counted("spool.dropped.full");
     m_disk.refusal = EROFS;
@@ -220,9 +210,9 @@ TEST_F(SpoolTest, CountsWhatADiskDoesNotDeleteAndDropsNothingForIt) {
     EXPECT_EQ(idsIn(*spool), std::vector<std::string>{"5"});
     EXPECT_EQ(spool->waiting(), 1u);
     EXPECT_EQ(spool->bytes(), 5u * 4096);
-    EXPECT_EQ(store(*spool, envelope("6")), Spool::Stored::NotYet);
+    EXPECT_EQ(store(envelope("6")), Spool::Stored::NotYet);
     m_disk.refusal = 0;
-    EXPECT_EQ(store(*spool, envelope("6")), Spool::Stored::Durably);
+    EXPECT_EQ(store(envelope("6")), Spool::Stored::Durably);
     EXPECT_EQ(idsIn(*spool), (std::vector<std::string>{"5", "6"}));
     EXPECT_EQ(spool->bytes(), 3u * 4096);
     EXPECT_TRUE(fs::exists(Spool::fileOf(spool->folder() / "bad", {4, 141})));
@@ -232,12 +222,12 @@ TEST_F(SpoolTest, CountsWhatADiskDoesNotDeleteAndDropsNothingForIt) {
 
 TEST_F(SpoolTest, ShowsWhatWaitsWhileAnEnvelopeIsSynchronisedAndNotThatOne) {
     const auto& spool = opened();
-    store(*spool, envelope("a"));
+    store(envelope("a"));
     spool->skipNumber();
     opened();
     std::unique_lock<std::mutex> slow(m_disk.slow);
     m_disk.isWritten = false;
-    std::thread storing([&] { store(*spool, envelope("b")); });
+    std::thread storing([&] { store(envelope("b")); });
     EXPECT_TRUE(eventually([&] { return m_disk.isWritten.load(); }));
     EXPECT_EQ(idsIn(*spool), std::vector<std::string>{"a"});
     spool->remove({1, 141});
@@ -248,7 +238,7 @@ TEST_F(SpoolTest, ShowsWhatWaitsWhileAnEnvelopeIsSynchronisedAndNotThatOne) {
 
 TEST_F(SpoolTest, LeavesAFileWhereItIsWhileTheSystemHasNoDescriptorForIt) {
     const auto& spool = opened();
-    store(*spool, envelope("a"));
+    store(envelope("a"));
     opened({{}, 4096});
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -258,7 +248,7 @@ TEST_F(SpoolTest, LeavesAFileWhereItIsWhileTheSystemHasNoDescriptorForIt) {
     int error = 0;
     EXPECT_FALSE(spool->next(0, error));
     EXPECT_EQ(error, EMFILE);
-    EXPECT_EQ(store(*spool, envelope("b")), Spool::Stored::NotYet);
+    EXPECT_EQ(store(envelope("b")), Spool::Stored::NotYet);
     EXPECT_EQ(spool->read({1, 141}, read), Spool::Read::NotNow);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(idsIn(*spool), std::vector<std::string>{"a"});
@@ -269,40 +259,24 @@ TEST_F(SpoolTest, LeavesAFileWhereItIsWhileTheSystemHasNoDescriptorForIt) {
 class RecordingDisk : public SpoolDisk {
   public:
     int write(const Path& file, std::string_view content) override {
-        const std::string text(content);
-        m_log.push_back({Kind::Name, [file, text](Files& files, std::mt19937& chance) {
-                             files[file] = text.substr(0, chance() % (text.size() + 1));
-                         }});
-        m_log.push_back({Kind::Content, [file, text](Files& files, std::mt19937&) {
-                             if (files.contains(file)) {
-                                 files[file] = text;
-                             }
-                         }});
+        m_log.push_back({Kind::Begun, file, std::string(content)});
+        m_log.push_back({Kind::Content, file, std::string(content)});
         return SpoolDisk::write(file, content);
     }
     int rename(const Path& from, const Path& to) override {
-        m_log.push_back({Kind::Name, [from, to](Files& files, std::mt19937&) {
-                             if (files.contains(from)) {
-                                 files[to] = files[from];
-                                 files.erase(from);
-                             }
-                         }});
+        m_log.push_back({Kind::Renamed, from, to});
         return SpoolDisk::rename(from, to);
     }
     int syncFolder(const Path& folder) override {
-        m_log.push_back({Kind::Sync, [](Files&, std::mt19937&) {}});
+        m_log.push_back({Kind::Sync, {}, {}});
         return SpoolDisk::syncFolder(folder);
     }
     int remove(const Path& file) override {
-        m_log.push_back({Kind::Name, [file](Files& files, std::mt19937&) { files.erase(file); }});
+        m_log.push_back({Kind::Removed, file, {}});
         return SpoolDisk::remove(file);
     }
     int truncate(const Path& file) override {
-        m_log.push_back({Kind::Name, [file](Files& files, std::mt19937&) {
-                             if (files.contains(file)) {
-                                 files[file].clear();
-                             }
-                         }});
+        m_log.push_back({Kind::Emptied, file, {}});
         return SpoolDisk::truncate(file);
     }
     std::size_t length() const { return m_log.size(); }
@@ -323,7 +297,7 @@ class RecordingDisk : public SpoolDisk {
         Files files;
         for (std::size_t i = 0; i < length; ++i) {
             if (i < safe || m_log[i].kind == Kind::Content || chance() % 2 != 0) {
-                m_log[i].apply(files, chance);
+                apply(m_log[i], files, chance);
             }
         }
         for (const auto& [name, content] : files) {
@@ -335,11 +309,21 @@ class RecordingDisk : public SpoolDisk {
 
   private:
     using Files = std::map<Path, std::string>;
-    enum class Kind { Name, Content, Sync };  ///< content is synchronised by itself
+    enum class Kind { Begun, Content, Renamed, Removed, Emptied, Sync };  ///< Content: synchronised by itself
     struct Change {
         Kind kind;
-        std::function<void(Files&, std::mt19937&)> apply;
+        Path file;
+        std::string text;  ///< what is written, or the new name
     };
+    static void apply(const Change& change, Files& files, std::mt19937& chance) {
+        if (change.kind == Kind::Begun) {
+            files[change.file] = change.text.substr(0, chance() % (change.text.size() + 1));
+        } else if (auto node = files.extract(change.file); node && change.kind == Kind::Renamed) {
+            files[change.text] = node.mapped();
+        } else if (node && change.kind != Kind::Removed) {
+            files[change.file] = change.text;
+        }
+    }
     std::vector<Change> m_log;
 };
 
