@@ -69,7 +69,7 @@ struct Pipe {
 /// Returns the number of lines. Each must be whole, and those of a thread in order.
 int countLines(const std::string& text) {
     const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} DEBUG   thread (\d+) line (\d+) x*end)");
-    std::map<int, int> last;
+    std::map<std::string, int> last;
     int count = 0;
     for (const std::string& line : linesOf(text)) {
         std::smatch parts;
@@ -80,10 +80,9 @@ int countLines(const std::string& text) {
             ADD_FAILURE() << "not a whole line: " << line;
             return count;
         }
-        const int thread = std::stoi(parts[1]);
-        const int number = std::stoi(parts[2]);
-        EXPECT_TRUE(last.count(thread) == 0 || last[thread] < number) << line;
-        last[thread] = number;
+        int& before = last.try_emplace(parts[1].str(), -1).first->second;
+        EXPECT_LT(before, std::stoi(parts[2])) << line;
+        before = std::stoi(parts[2]);
         ++count;
     }
     return count;

@@ -41,13 +41,8 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
         read(text, ipv6);
         EXPECT_EQ(ipv6.someip.address, address);
     }
-    EXPECT_FALSE(manifest.log.console);
-    EXPECT_EQ(manifest.log.file, "/a");
-    EXPECT_EQ(manifest.log.fileMaxBytes, 1'000'000u);
     EXPECT_EQ(manifest.someip.discovery.ttlSeconds, 16'777'215u);
     EXPECT_EQ(manifest.someip.maxOpenReassemblies, 6u);
-    EXPECT_EQ(manifest.state.socket, "/run/x.sock");
-    EXPECT_EQ(manifest.backend.directory.configuration, "c");
     EXPECT_EQ(manifest.backend.mqtt.keyFile, "k");
     EXPECT_FALSE(manifest.backend.spool);
     EXPECT_EQ(manifest.backend.remember.afterSeconds, 30u);
@@ -79,7 +74,6 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"someip": {"discovery": {"group": "fd00::1"}}})",
          "someip.discovery.group: an IPv4 multicast group"},
         {R"({"someip": {"eventPort": 1e300}})", "someip.eventPort: a number"},
-        {R"({"someip": {"discovery": {"Port": 1}}})", "someip.discovery.Port: no such key"},
         {R"({"someip": {"discovery": {"initialDelayMinMs": 40}}})",
          "someip.discovery.initialDelayMinMs: no more than"},
         {R"({"backend": {"transport": "http"}})", "backend.transport: \"directory\" or \"mqtt\""},
@@ -92,8 +86,6 @@ TEST(Manifest, AFaultIsNamedByItsKeyAndWhatIsExpectedThere) {
         {R"({"backend": {"remember": {"afterSeconds": -1}}})",
          "backend.remember.afterSeconds: a number from 0"},
         {R"({"backend": {"mqtt": {"host": ""}}})", "backend.mqtt.host: a host name"},
-        {R"({"backend": {"maxMasterControlBytes": 10}})",
-         "backend.maxMasterControlBytes: a number from 1024"},
         {R"({"backend": {"mqtt": {"hosts": []}}})", "backend.mqtt.hosts: at least one host"},
         {R"({"backend": {"mqtt": {"hosts": ["a", "b:0"]}}})", "backend.mqtt.hosts[1]: \"host\" or"},
         {R"({"backend": {"mqtt": {"hosts": ["[::1"]}}})", "backend.mqtt.hosts[0]: \"host\" or"},

@@ -6,7 +6,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <system_error>
 
 #include "tests/support/ChildProcess.h"
@@ -18,18 +17,18 @@ using Confirmation = StateServer::Confirmation;
 
 namespace {
 
-sockaddr_un addressOf(const std::string& path) {
+/// Calls ::bind or ::connect.
+int at(const std::string& path, int (*call)(int, const sockaddr*, socklen_t), int socket) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    return address;
+    path.copy(address.sun_path, path.size());
+    return call(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
 class TestClient {
   public:
     explicit TestClient(const std::string& path) {
-        const auto address = addressOf(path);
-        EXPECT_EQ(::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(at(path, ::connect, m_socket), 0);
         const timeval reading{20, 0};
         ::setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &reading, sizeof reading);
         const timeval writing{0, 300'000};
@@ -228,13 +227,11 @@ TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
     serve();
     ::chmod(m_folder.path().c_str(), 0755);
     ::chmod(path().c_str(), 0666);
-    const auto address = addressOf(path());
-    const auto other = inProcessOfItsOwn([&address] {
+    const auto other = inProcessOfItsOwn([this] {
         const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
         char answer[100];
         const bool connected =
-            ::setgid(65534) == 0 && ::setuid(65534) == 0 &&
-            ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+            ::setgid(65534) == 0 && ::setuid(65534) == 0 && at(path(), ::connect, socket) == 0;
         static_cast<void>(::send(socket, (kStatus + "\n").c_str(), kStatus.size() + 1, MSG_NOSIGNAL));
         ::_exit(!connected ? 1 : ::recv(socket, answer, sizeof answer, 0) > 0 ? 2 : 0);
     });
@@ -246,8 +243,7 @@ TEST_F(StateServerTest, AnotherUserIsRefusedEvenWhereTheFileWouldLetHimIn) {
 TEST_F(StateServerTest, TheSocketIsItsOwnersAloneAndReplacesADeadOneButNothingThatLivesOrCannotBeTrusted) {
     {
         const Descriptor dead(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const auto address = addressOf(path());
-        ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(at(path(), ::bind, dead), 0);
     }
     serve();  // in place of a dead process's
     EXPECT_EQ(failure(path()), EADDRINUSE);
