@@ -41,6 +41,7 @@ TEST(Manifest, AnEmptyObjectKeepsTheDefaultsAndGivenMembersReplaceThem) {
         read(text, ipv6);
         EXPECT_EQ(ipv6.someip.address, address);
     }
+    EXPECT_FALSE(manifest.log.console);
     EXPECT_EQ(manifest.someip.discovery.ttlSeconds, 16'777'215u);
     EXPECT_EQ(manifest.someip.maxOpenReassemblies, 6u);
     EXPECT_EQ(manifest.backend.mqtt.keyFile, "k");
