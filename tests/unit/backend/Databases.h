@@ -1,5 +1,6 @@
 #pragma once
 /// Tests that run with each kind of database.
+#include "backend/Backend.h"
 #include "backend/store/Store.h"
 #include "backend/web/Readers.h"
 #include "backend/web/Router.h"
@@ -78,6 +79,12 @@ struct WithStore : TestWithParam<vlmBackend::store::Dialect> {
             all = {all.reports + step.reports, all.samples + step.samples, step.isMore};
         }
         return all;
+    }
+    /// Of a backend with this store.
+    vlmBackend::Settings settings() {
+        vlmBackend::Settings out;
+        out.database = &store;
+        return out;
     }
 
     const TemporaryFolder folder;

@@ -1,6 +1,5 @@
 #include "backend/store/Store.h"
 
-#include "backend/Backend.h"
 #include "backend/store/Leases.h"
 #include "backend/store/Schema.h"
 #include "backend/store/Sqlite.h"
@@ -73,10 +72,7 @@ TEST_P(StoreTest, KeepsEachEnvelopeOnceAndWhatIsUnusableWithItsReason) {
 }
 
 TEST_P(SqliteStoreTest, StoresNothingOfABatchThatTheDatabaseDoesNotTakeAndAllOfItAfterwards) {
-    std::vector<std::string> said;
-    Settings settings;
-    settings.database = &store;
-    Backend backend(settings, [&said](const std::string& line) { said.push_back(line); });
+    Backend backend(settings(), [](const std::string&) {});
     ASSERT_THAT(backend.onMessage("vlm/bench/status", R"({"state":"online","serverName":"21"})"), SizeIs(1));
 
     const std::string pages = text(store.sql().query("PRAGMA page_count")[0][0]);
@@ -106,8 +102,7 @@ TEST_P(SqliteStoreTest, StoresNothingOfABatchThatTheDatabaseDoesNotTakeAndAllOfI
 }
 
 TEST_P(SqliteStoreTest, KnowsVehiclesByTheLastLevelOfTheirPrefixAndRefusesOtherNames) {
-    Settings settings;
-    settings.database = &store;
+    Settings settings = this->settings();
     const std::string longest(128, 'n');
     Backend backend(settings, [](const std::string&) {});
     for (const std::string& name :
@@ -178,11 +173,10 @@ TEST_P(PostgresStoreTest, HasAPartitionForEachDayAndDropsWholeOnes) {
                 ElementsAre(Pair("samples_20231116", 1), Pair("samples_20231117", 0)));
     EXPECT_EQ(count("gnss_positions"), 1);
     EXPECT_EQ(store.put(batch)[0].outcome, Outcome::Stored) << "the partition is made again";
-    EXPECT_EQ(
-        text(store.sql().query("SELECT col_description('gnss_positions'::regclass, attnum) FROM pg_attribute "
-                               "WHERE attrelid = 'gnss_positions'::regclass AND attname = 'latitude'")[0][0]),
-        text(std::string(findEvent("GNSSProxy", "positions")->field("latitude")->unit) + ": " +
-             std::string(findEvent("GNSSProxy", "positions")->field("latitude")->meaning)));
+    const auto described = store.sql().query(
+        "SELECT col_description('gnss_positions'::regclass, attnum) FROM pg_attribute "
+        "WHERE attrelid = 'gnss_positions'::regclass AND attname = 'latitude'");
+    EXPECT_EQ(text(described[0][0]), "deg: Geographic latitude, WGS 84, north positive.");
 }
 
 TEST_P(PostgresStoreTest, KeepsAsideOnlyTheEnvelopeThatTheDatabaseRefuses) {
