@@ -22,24 +22,9 @@ using qdr::services::FieldValue;
 using namespace vlmTest;
 
 DT_scalars_struct fullSample() {
-    DT_scalars_struct sample;
-    sample.wide = Wide::yes;
-    sample.selector = Selector::seven;
-    sample.depth = Depth::abyss;
-    sample.flag = true;
-    sample.u8 = std::numeric_limits<std::uint8_t>::max();
-    sample.u16 = std::numeric_limits<std::uint16_t>::max();
-    sample.u32 = std::numeric_limits<std::uint32_t>::max();
-    sample.u64 = std::numeric_limits<std::uint64_t>::max();
-    sample.i8 = std::numeric_limits<std::int8_t>::min();
-    sample.i16 = std::numeric_limits<std::int16_t>::min();
-    sample.i32 = std::numeric_limits<std::int32_t>::min();
-    sample.i64 = std::numeric_limits<std::int64_t>::min();
-    sample.f32 = 0.5f;
-    sample.f64 = -1e300;
-    sample.text = "Größe \"x\"";
-    sample.neverWritten = 1;
-    return sample;
+    return {Wide::yes,  Selector::seven, Depth::abyss,  true,      UINT8_MAX, UINT16_MAX,
+            UINT32_MAX, UINT64_MAX,      INT8_MIN,      INT16_MIN, INT32_MIN, INT64_MIN,
+            0.5f,       -1e300,          "Größe \"x\"", 1};
 }
 
 struct OddDescription : Test {
@@ -86,13 +71,12 @@ TEST_F(OddDescription, EveryTypeComesThroughTheWireIntoARecordAsJsonHasIt) {
     ASSERT_TRUE(service->events().at(0)->decode(bytes, decoded, report)) << report.error;
     using Signed = std::int64_t;
     using Unsigned = std::uint64_t;
-    EXPECT_THAT(decoded,
-                ElementsAre(ElementsAre(Signed{9223372036854775807}, Unsigned{7}, Signed{-32768}, true,
-                                        Unsigned{255}, Unsigned{65535}, Unsigned{4294967295},
-                                        Unsigned{18446744073709551615U}, Signed{-128}, Signed{-32768},
-                                        Signed{-2147483648}, std::numeric_limits<Signed>::min(), 0.5, -1e300,
-                                        fullSample().text.value(), Unsigned{1}),
-                            Each(std::nullopt)));
+    EXPECT_THAT(decoded, ElementsAre(ElementsAre(Signed{INT64_MAX}, Unsigned{7}, Signed{INT16_MIN}, true,
+                                                 Unsigned{UINT8_MAX}, Unsigned{UINT16_MAX},
+                                                 Unsigned{UINT32_MAX}, Unsigned{UINT64_MAX}, Signed{INT8_MIN},
+                                                 Signed{INT16_MIN}, Signed{INT32_MIN}, Signed{INT64_MIN}, 0.5,
+                                                 -1e300, fullSample().text.value(), Unsigned{1}),
+                                     Each(std::nullopt)));
 }
 
 TEST_F(OddDescription, DataIdsAreThePlacesInTheDescription) {
@@ -150,8 +134,8 @@ TEST_F(OddDescription, IsDescribedAsDataAndTakesWhatFitsAField) {
         {"u8", std::int64_t{-1}, false},
         {"u8", 0.5, false},
         {"u8", std::nan(""), false},
-        {"u64", std::numeric_limits<std::uint64_t>::max(), true},
-        {"i64", std::numeric_limits<std::uint64_t>::max(), false},
+        {"u64", std::uint64_t{UINT64_MAX}, true},
+        {"i64", std::uint64_t{UINT64_MAX}, false},
         {"flag", std::int64_t{2}, false},
         {"depth", std::string("abyss"), true},
         {"depth", std::string("Abyss"), false},

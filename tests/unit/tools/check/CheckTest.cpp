@@ -45,7 +45,7 @@ struct Case {
     Severity severity;
     std::string path;
     std::string reason;
-    std::string suggestion;
+    std::string suggestion{};
 };
 
 std::vector<Finding> check(const std::string& text, Kind kind) {
@@ -83,17 +83,17 @@ TEST(Check, FindsEachFaultOfACollectorConfiguration) {
         {{R"("CLOCK")", R"("CLOK")", E, "$", "\"CLOCK\" is missing", "rename \"CLOK\" to \"CLOCK\""},
          {R"("CONFIG")", R"("CONFIGS")", W, "$.CONFIGS", "is ignored", "did you mean \"CONFIG\"?"},
          {"60000", "59999", W, "$.CLOCK[0].duration", "below a minute: the clock runs with 60000", "60000"},
-         {R"("CLOCK": [)", R"("CLOCK": [{"name": "x"}, )", W, "$.CLOCK[1]", "only the first clock ticks", ""},
+         {R"("CLOCK": [)", R"("CLOCK": [{"name": "x"}, )", W, "$.CLOCK[1]", "only the first clock ticks"},
          {R"("REPORT": [)", R"("REPORT": [{"name": "r", "from": ["pos"]}, )", E, "$.REPORT[1].name",
-          "another report is named \"r\"", ""},
+          "another report is named \"r\""},
          {R"(["pos"])", R"(["pos", "poss"])", E, "$.REPORT[0].from[1]", "no collector is named \"poss\"",
           "did you mean \"pos\"?"},
          {R"(["pos"])", "[]", W, "$.COLLECT[0]", "no report gathers collector \"pos\"", "\"from\""},
          {R"("COLLECT": [)",
           R"("COLLECT": [{"name": "pos", "serv": "GNSS", "res": "positions", "index": 2}, )", E,
-          "$.COLLECT[1].name", "exists at $.COLLECT[0] already", ""},
+          "$.COLLECT[1].name", "exists at $.COLLECT[0] already"},
          {R"("COLLECT": [)", R"("COLLECT": [{"name": "b", "serv": "GNSS", "res": "positions", "index": 1}, )",
-          E, "$.COLLECT[1]", "belongs to collector \"b\" already: this one stays empty", ""},
+          E, "$.COLLECT[1]", "belongs to collector \"b\" already: this one stays empty"},
          {R"("serv": "GNSS")", R"("serv": "GNS")", E, "$.COLLECT[0].serv", "no service \"GNS\"",
           "did you mean \"GNSS\"?"},
          {R"("serv": "GNSS")", R"("serv": "GNSSProxy")", E, "$.COLLECT[0].serv", "no service",
@@ -101,25 +101,24 @@ TEST(Check, FindsEachFaultOfACollectorConfiguration) {
          {"positions", "velocities", E, "$.COLLECT[0].res", "no resource \"velocities\"",
           "GNSS has: positions"},
          {R"("index": 1)", R"("index": 3)", E, "$.COLLECT[0].index", "no instance 3", "by \"type\": 1, 2"},
-         {R"("index": 1)", R"("index": "1")", E, "$.COLLECT[0].index", "is a text (\"1\")", ""},
-         {R"("index": 1)", R"("index": 1.75)", W, "$.COLLECT[0].index", "is read as 1", ""},
+         {R"("index": 1)", R"("index": "1")", E, "$.COLLECT[0].index", "is a text (\"1\")"},
+         {R"("index": 1)", R"("index": 1.75)", W, "$.COLLECT[0].index", "is read as 1"},
          {R"("on": "minute")", R"("on": "minte")", W, "$.COLLECT[0].on", "the clock drives this collector",
           "did you mean \"minute\"?"},
          {R"("history": 1000)", R"("history": 18446744073709551615)", E, "$.COLLECT[0].history",
-          "a whole number from -9223372036854775808 to", ""},
-         {R"("index": 1)", R"("index": null)", E, "$.COLLECT[0].index", "is null", ""},
-         {R"({"name": "minute", "duration": 60000})", "null", E, "$.CLOCK[0]", "is null", ""},
-         {R"("trip")", R"("tr\u0000ip")", E, "$.CONFIG[0].name", "holds U+0000", ""},
+          "a whole number from -9223372036854775808 to"},
+         {R"("index": 1)", R"("index": null)", E, "$.COLLECT[0].index", "is null"},
+         {R"({"name": "minute", "duration": 60000})", "null", E, "$.CLOCK[0]", "is null"},
+         {R"("trip")", R"("tr\u0000ip")", E, "$.CONFIG[0].name", "holds U+0000"},
          {R"("bench")",
           "\"Gr\xF6\xDF"
           R"(e")",
-          E, "$.REPORT[0].application", "is not UTF-8", ""},
+          E, "$.REPORT[0].application", "is not UTF-8"},
          {R"("COLLECT": [)", R"("COMPARE": [null], "COLLECT": [)", W, "$.COMPARE[0]",
-          "is read as an empty object", ""},
-         {R"("COLLECT": [)", R"("COMPARE": null, "COLLECT": [)", W, "$.COMPARE", "is read as an empty array",
-          ""},
+          "is read as an empty object"},
+         {R"("COLLECT": [)", R"("COMPARE": null, "COLLECT": [)", W, "$.COMPARE", "is read as an empty array"},
          {R"("COLLECT": [)", R"("COMPARE": [{"name": "minute"}], "COLLECT": [)", W, "$.COMPARE[0].name",
-          "names an earlier CLOCK or COMPARE element", ""}});
+          "names an earlier CLOCK or COMPARE element"}});
 }
 
 TEST(Check, ReportsAFaultOnce) {
@@ -134,26 +133,26 @@ TEST(Check, FindsEachFaultOfACatalog) {
     expectFindings(
         Kind::Catalog,
         {{R"("vlmVersion": "v1")", R"("vlmVersion": "")", E, "$.meta.vlmVersion", "is empty", "server name"},
-         {R"("2": [)", R"("two": [)", E, positions + ".instances.two", "no instance id", ""},
-         {R"("2": [)", R"("4000000000": [)", E, positions + ".instances.4000000000", "does not fit", ""},
-         {R"("2": [)", R"("01": [)", E, positions + ".instances.1", "both read as 1", ""},
+         {R"("2": [)", R"("two": [)", E, positions + ".instances.two", "no instance id"},
+         {R"("2": [)", R"("4000000000": [)", E, positions + ".instances.4000000000", "does not fit"},
+         {R"("2": [)", R"("01": [)", E, positions + ".instances.1", "both read as 1"},
          {"4390", "4353", W, "$.services.RouterBasedConsumption.status.serviceId",
-          "belongs to service \"GNSS\" already", ""},
+          "belongs to service \"GNSS\" already"},
          {R"("GNSS": {)", R"("GNSSProxy": {)", W, "$.services.GNSSProxy", "ends in \"Proxy\"", "\"GNSS\""}});
 }
 
 TEST(Check, FindsEachFaultOfAnApplicationConfigurationAndOfAManifest) {
     expectFindings(Kind::Application,
-                   {{R"("B")", "{}", E, "$.OfferedDataTypes[1]", "is an object; a text is expected", ""},
-                    {R"("B")", R"("A")", W, "$.OfferedDataTypes[1]", "offered twice", ""}});
+                   {{R"("B")", "{}", E, "$.OfferedDataTypes[1]", "is an object; a text is expected"},
+                    {R"("B")", R"("A")", W, "$.OfferedDataTypes[1]", "offered twice"}});
     expectFindings(
         Kind::Manifest,
         {{R"("address")", R"("adress")", E, "$.someip.adress", "is not known", "did you mean \"address\"?"},
-         {"30490", "70000", E, "$.someip.discovery.port", "from 1 to 65535", ""},
+         {"30490", "70000", E, "$.someip.discovery.port", "from 1 to 65535"},
          {R"("transport": "mqtt")", R"("transport": "mqt")", E, "$.backend.transport",
           "one of \"directory\", \"mqtt\"", "did you mean \"mqtt\"?"},
-         {"10.0.0.1", "10.0.0.999", E, "$.someip.address", "an IPv4 or IPv6 address", ""},
-         {"/dev/null", "/nowhere/ca.pem", W, "$.backend.mqtt.caFile", "does not exist", ""},
+         {"10.0.0.1", "10.0.0.999", E, "$.someip.address", "an IPv4 or IPv6 address"},
+         {"/dev/null", "/nowhere/ca.pem", W, "$.backend.mqtt.caFile", "does not exist"},
          {R"("transport": "mqtt", )", "", W, "$.backend", "\"directory\" is used", "mqtt"}});
 }
 

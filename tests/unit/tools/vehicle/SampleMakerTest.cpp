@@ -11,24 +11,19 @@ using namespace qdr::services;
 
 constexpr std::uint64_t wallMs = 1'700'000'000'123;
 
-/// All described services, and their events by "Service.event".
-struct AllServices {
-    std::vector<std::unique_ptr<DescribedService>> services;
-    std::map<std::string, DescribedEvent*> events;
-
-    static AllServices& get() {
-        static AllServices all;
-        return all;
-    }
-    AllServices() {
-        for (const auto& name : qdr::services::describedServiceNames()) {
-            services.push_back(qdr::services::makeDescribedService(name));
-            for (auto* event : services.back()->events()) {
+/// The events of all described services, by "Service.event".
+const std::map<std::string, DescribedEvent*>& allEvents() {
+    static std::vector<std::unique_ptr<DescribedService>> services;
+    static std::map<std::string, DescribedEvent*> events;
+    if (services.empty()) {
+        for (const auto& name : describedServiceNames()) {
+            for (auto* event : services.emplace_back(makeDescribedService(name))->events()) {
                 events[name + "." + event->name()] = event;
             }
         }
     }
-};
+    return events;
+}
 
 /// Calls `check` with states throughout the example scenarios and the plain drive.
 void throughAllStories(const std::function<void(const VehicleState&, const std::string& where)>& check) {
@@ -72,7 +67,7 @@ std::string text(const FieldValue& value) {
 
 /// The samples of one event by the enumerator of their key.
 std::map<std::string, FieldValues> samplesOf(const VehicleState& state, const std::string& path) {
-    const auto* event = AllServices::get().events.at(path);
+    const auto* event = allEvents().at(path);
     const auto& key = event->indexField();
     std::map<std::string, FieldValues> result;
     for (const auto& sample : SampleMaker().make(path.substr(0, path.find('.')), *event, state, wallMs)) {
@@ -87,7 +82,7 @@ std::map<std::string, FieldValues> samplesOf(const VehicleState& state, const st
 
 // A rule with a wrong name would have no effect.
 TEST(Rules, NameEventsAndFieldsThatAreDescribed) {
-    const auto& events = AllServices::get().events;
+    const auto& events = allEvents();
     for (const auto& name : RuleBook::standard().names()) {
         const auto dot = name.rfind('.');
         const auto event = events.find(name.substr(0, dot));
@@ -105,7 +100,7 @@ TEST(Samples, OfEveryEventAndKeyComeAndCanBeSent) {
         if (std::fmod(state.time + 0.5, 10) > 1) {
             return;  // every 10 s is enough
         }
-        for (const auto& [path, event] : AllServices::get().events) {
+        for (const auto& [path, event] : allEvents()) {
             const auto samples = maker.make(path.substr(0, path.find('.')), *event, state, wallMs);
             for (const auto& sample : samples) {
                 keysOf[path].insert(static_cast<int>(number(sample.at(event->indexField().name))));
@@ -113,7 +108,7 @@ TEST(Samples, OfEveryEventAndKeyComeAndCanBeSent) {
             ASSERT_TRUE(event->send(samples)) << path << ": " << event->error();
         }
     });
-    for (const auto& [path, event] : AllServices::get().events) {
+    for (const auto& [path, event] : allEvents()) {
         EXPECT_FALSE(keysOf[path].empty()) << path << " never has a sample";
         for (const auto& [key, fields] : event->writers()) {
             EXPECT_EQ(keysOf[path].count(key), 1U) << path << " never has key " << key;
@@ -129,9 +124,8 @@ TEST(Samples, OfDifferentServicesAreConsistentAtEveryMoment) {
         const double velocity = number(one("Chassis.velocityInfo").at("velocityPhysicalValue"));
         const auto position = story("GNSS.positions").at("fused");
         const auto axle = story("Chassis.axes").at("rear");
-        const double wheels = (number(axle.at("wheelSpeedLeftPhysicalValue")) +
-                               number(axle.at("wheelSpeedRightPhysicalValue"))) /
-                              2;
+        const double wheels = number(axle.at("wheelSpeedLeftPhysicalValue")) / 2 +
+                              number(axle.at("wheelSpeedRightPhysicalValue")) / 2;
         const double speed = number(position.at("speed2D"));
         EXPECT_NEAR(speed * 3.6, std::abs(velocity), 0.1);
         EXPECT_NEAR(wheels, std::abs(velocity), 0.1);
@@ -159,8 +153,8 @@ TEST(Samples, OfDifferentServicesAreConsistentAtEveryMoment) {
         const bool isDark = text(one("ExteriorLight.info").at("darknessIndication")) != "bright";
         const bool isOn = story("ClampControl.clamps").count("clamp15") == 1;
         EXPECT_EQ(story("ExteriorLight.lamps").count("lowBeamLeft"), isDark && isOn ? 1U : 0U);
-        const auto crash = one("Airbag.crashInfo");
-        if (number(crash.at("isHighVoltageShutdownRequested")) != 0 && state.crashTime > 1) {
+        if (number(one("Airbag.crashInfo").at("isHighVoltageShutdownRequested")) != 0 &&
+            state.crashTime > 1) {
             EXPECT_EQ(text(story("HighVoltageCoordinator.notifications").at("crashDisconnect").at("value")),
                       "active");
             EXPECT_EQ(velocity, 0);
@@ -172,7 +166,7 @@ TEST(Samples, OfDifferentServicesAreConsistentAtEveryMoment) {
 TEST(Samples, CountPerEventAndKeyAndFollowTheScenarioSOverrides) {
     SampleMaker maker;
     const VehicleState state;
-    const auto* positions = AllServices::get().events.at("GNSS.positions");
+    const auto* positions = allEvents().at("GNSS.positions");
     const FieldOverride absent{"GNSS", "positions", "latitude", 2, 0, 0, std::nullopt, kyo::Json::Value()};
     const FieldOverride high{"GNSS", "positions", "altitudeMeanSeaLevel", 1, 0, 0, std::nullopt, 4000.5};
     const FieldOverride other{"Temperature", "positions", "speed2D", std::nullopt, 0, 0, std::nullopt, 99};

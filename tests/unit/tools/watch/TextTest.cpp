@@ -39,7 +39,6 @@ TEST_F(Text, OfOneEventIsATableWithSteadyColumns) {
     ASSERT_EQ(first.size(), 3u);
     EXPECT_THAT(first[0], StartsWith("UTC           GNSS.positions "));
     EXPECT_THAT(first[2], StartsWith("20:45:24.123  :2 satellitesOnly"));
-    EXPECT_THAT(first[2], HasSubstr("48.4012346"));
     EXPECT_THAT(first[2], HasSubstr("-9.5 (notAvailable)"));
     EXPECT_THAT(first[2], HasSubstr("(9)")) << "a state that the description does not know";
     // Right below its name, with the unit between.
@@ -51,13 +50,6 @@ TEST_F(Text, OfOneEventIsATableWithSteadyColumns) {
     ASSERT_EQ(second.size(), 1u);
     EXPECT_EQ(second[0].find("1", second[0].find("fused") + 5) + 1, end);
     EXPECT_THAT(second[0], EndsWith("-"));
-}
-
-TEST_F(Text, ExplainedHasUnitsAndMeanings) {
-    Lines lines(selection, {.explain = true});
-    const std::string text = lines.of(arrival(sample, 2), 0);
-    EXPECT_THAT(text, HasSubstr("48.4012346 deg"));
-    EXPECT_THAT(text, HasSubstr("Geographic latitude, WGS 84, north positive."));
     EXPECT_THAT(explained(selection.front()), HasSubstr(":1 fused"));
 }
 
