@@ -1,8 +1,8 @@
 /// Master-control messages, one per line, with reports sent in between ("!" and the client's answer as a
 /// letter). A report must be sent only when the backend permits it, and nothing may throw.
 #include "Fuzzing.h"
+#include "examples/platform/ScriptedOrxClient.h"
 #include "report/VlmServer.h"
-#include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/NoConfigurations.h"
 
 using vlmFuzz::require;

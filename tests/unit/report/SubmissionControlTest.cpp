@@ -1,8 +1,8 @@
 /// How reports leave the shipping queue: one at a time, driven by the backend's results.
 #include <random>
 
+#include "examples/platform/ScriptedOrxClient.h"
 #include "report/VlmDataSubmissionControl.h"
-#include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/NoConfigurations.h"
 #include "tests/support/Test.h"
 

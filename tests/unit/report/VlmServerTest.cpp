@@ -1,7 +1,7 @@
 /// What the backend link makes of master-control messages, and the envelope that it sends.
 #include "config/ConfigControlPanel.h"
+#include "examples/platform/ScriptedOrxClient.h"
 #include "report/VlmServer.h"
-#include "tests/minimal/ScriptedOrxClient.h"
 #include "tests/support/Test.h"
 
 namespace {
