@@ -1,13 +1,5 @@
 #pragma once
-/// Captures the application's log lines while the object lives:
-///
-///     LogCapture log;
-///     ...
-///     EXPECT_TRUE(log.has(3, "Collector name is not found, dropping the record"));
-///     EXPECT_THAT(log.messages(5), ElementsAre("one", "two"));
-///     ASSERT_TRUE(log.waitFor("Started IngressQueue consumer"));
-///
-/// Any thread may log; the sink itself is never destroyed. One LogCapture at a time.
+/// Captures the application's log lines, of any thread, while the object lives; one at a time.
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -79,26 +71,25 @@ class LogCapture {
 
     /// The number of lines with exactly that message at that level (any for -1).
     std::size_t count(int level, const std::string& message) const {
-        const auto all = messages(level);
-        return static_cast<std::size_t>(std::count(all.begin(), all.end(), message));
+        return static_cast<std::size_t>(std::ranges::count(messages(level), message));
     }
     bool has(int level, const std::string& message) const { return count(level, message) > 0; }
 
-    /// True when a message at that level (any for -1) contains `part`.
-    bool hasPart(int level, const std::string& part) const {
-        const auto all = messages(level);
-        return std::any_of(all.begin(), all.end(),
-                           [&](const std::string& m) { return m.find(part) != std::string::npos; });
+    /// The number of messages at that level (any for -1) that contain `part`.
+    std::size_t countParts(int level, const std::string& part) const {
+        return static_cast<std::size_t>(std::ranges::count_if(
+            messages(level), [&](const std::string& one) { return one.find(part) != std::string::npos; }));
     }
+    bool hasPart(int level, const std::string& part) const { return countParts(level, part) > 0; }
 
     /// Waits for `times` messages that contain `part`. Returns false at the deadline.
     bool waitFor(const std::string& part, std::size_t times = 1) const {
-        std::unique_lock<std::mutex> lock(sink().guard);
+        std::unique_lock lock(sink().guard);
+        const auto hasPart = [&](const LoggedLine& line) {
+            return line.message.find(part) != std::string::npos;
+        };
         return sink().changed.wait_for(lock, std::chrono::seconds(20), [&] {
-            return static_cast<std::size_t>(
-                       std::count_if(sink().lines.begin(), sink().lines.end(), [&](const LoggedLine& line) {
-                           return line.message.find(part) != std::string::npos;
-                       })) >= times;
+            return std::ranges::count_if(sink().lines, hasPart) >= static_cast<std::ptrdiff_t>(times);
         });
     }
 

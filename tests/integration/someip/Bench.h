@@ -42,10 +42,6 @@ inline someip::Address addressFrom(const std::string& text) {
 inline someip::Address addressOf(int host) {
     return addressFrom(addressText(host));
 }
-/// The smallest network with that host.
-inline std::string networkText(int host) {
-    return ipv6Prefix().empty() ? addressText(host) + "/32" : ipv6Prefix() + std::to_string(host) + "/128";
-}
 inline std::uint16_t discoveryPort() {
     return static_cast<std::uint16_t>(20000 + ::getpid() % 10000);
 }
@@ -87,35 +83,48 @@ inline Reading numbered(int number) {
     return reading;
 }
 
+/// A socket; without one the test fails.
+inline std::unique_ptr<someip::UdpSocket> openSocket(const someip::Endpoint& at,
+                                                     const someip::UdpSocket::Options& options = {}) {
+    std::string error;
+    auto socket = someip::UdpSocket::open(at, options, error);
+    EXPECT_NE(socket, nullptr) << error;
+    return socket;
+}
+
+/// A connection from that host, which comes or fails as expected.
+inline std::shared_ptr<someip::TcpSocket> connectOverTcp(const someip::Address& from,
+                                                         const someip::Endpoint& to, int expected = 0) {
+    std::string error;
+    auto connection = someip::TcpSocket::connect(from, to, error);
+    EXPECT_NE(connection, nullptr) << error;
+    int state = EINPROGRESS;
+    EXPECT_TRUE(eventually([&] { return (state = connection->state()) != EINPROGRESS; }));
+    EXPECT_EQ(state, expected);
+    return connection;
+}
+
 /// A client of the service and the samples that it received.
 class MeterClient {
   public:
     explicit MeterClient(someip::Runtime& middleware) : runtime(middleware) {}
 
-    /// Waits for the service by polling, like an adapter.
-    bool find() {
-        return eventually([&] { return !ac::com::findService(kMeter, "*", runtime).empty(); });
-    }
-    /// Subscribes the event with `handler`, or else with take().
+    /// Subscribes the event with `handler`, or else keeps what comes.
     bool subscribe(std::function<void(std::vector<Reading>)> handler = nullptr) {
         proxy = std::make_unique<ac::com::ProxyBase>(
             kMeter, ac::com::ServiceHandle{kMeter.serviceId, 1, kMeter.majorVersion}, runtime);
         readings = std::make_unique<ac::com::ProxyEvent<Reading>>(*proxy, kReadings);
-        if (handler == nullptr) {
-            handler = [this](std::vector<Reading> samples) { take(std::move(samples)); };
-        }
-        return readings->Subscribe(std::move(handler));
+        return readings->Subscribe(handler ? std::move(handler) : [this](std::vector<Reading> samples) {
+            std::ranges::for_each(samples, [this](Reading& sample) { got.add(std::move(sample)); });
+        });
     }
+    /// The same once the service is found, by polling like an adapter, until it is subscribed.
     bool connect(std::function<void(std::vector<Reading>)> handler = nullptr) {
-        return find() && subscribe(std::move(handler));
+        return eventually([&] { return !ac::com::findService(kMeter, "*", runtime).empty(); }) &&
+               subscribe(std::move(handler)) && subscribed();
     }
     bool subscribed() const {
         return eventually([&] { return readings->subscribed(); });
-    }
-    void take(std::vector<Reading> samples) {
-        for (auto& sample : samples) {
-            got.add(std::move(sample));
-        }
     }
     std::size_t count() const { return got.size(); }
     std::vector<std::int64_t> numbers() const {
@@ -151,7 +160,8 @@ struct MeterServer {
 
 /// A client and a server like two processes: each with its own middleware and address.
 struct ClientAndServer : Test {
-    void startBoth(const machine::SomeIpSettings& forClient, const machine::SomeIpSettings& forServer) {
+    void startBoth(const machine::SomeIpSettings& forServer = settingsFor(2),
+                   const machine::SomeIpSettings& forClient = settingsFor(1)) {
         ASSERT_TRUE(clientSide.start(forClient, false));
         ASSERT_TRUE(serverSide.start(forServer, true));
         ASSERT_TRUE(clientSide.networkIsUp());
@@ -159,9 +169,8 @@ struct ClientAndServer : Test {
         ASSERT_TRUE(server.base.OfferService());
     }
     void connect(const machine::SomeIpSettings& forServer = settingsFor(2)) {
-        startBoth(settingsFor(1), forServer);
+        startBoth(forServer);
         ASSERT_TRUE(client.connect());
-        ASSERT_TRUE(client.subscribed());
     }
     /// Sends many samples and then a large one; they must arrive as they were sent and in order.
     void expectSamples() {
@@ -204,18 +213,12 @@ struct ClientAndServer : Test {
 class PlainDevice {
   public:
     explicit PlainDevice(int host) {
-        std::string error;
-        const auto open = [&error](const someip::Endpoint& at, const someip::UdpSocket::Options& options) {
-            auto socket = someip::UdpSocket::open(at, options, error);
-            EXPECT_NE(socket, nullptr) << error;
-            return socket;
-        };
         const auto own = addressOf(host);
         const bool ipv6 = own.isIpv6();
         const auto interface = ipv6 ? own : someip::Address();
-        discovery = open({own, discoveryPort()}, {0, false, !ipv6, interface, false});
-        group = open(discoveryGroup(), {0, true, !ipv6, interface, ipv6});
-        events = open({own, 0}, {0, false, false, own, false});
+        discovery = openSocket({own, discoveryPort()}, {0, false, !ipv6, interface, false});
+        group = openSocket(discoveryGroup(), {0, true, !ipv6, interface, ipv6});
+        events = openSocket({own, 0}, {0, false, false, own, false});
     }
 
     void sendDiscovery(const someip::SdEntry& entry, const someip::Endpoint* to = nullptr) {
@@ -238,9 +241,7 @@ class PlainDevice {
     }
     /// Subscribes over a new connection to that endpoint of the peer that await() has heard.
     std::shared_ptr<someip::TcpSocket> subscribeOverTcp(const someip::Endpoint& to) {
-        std::string error;
-        auto connection = someip::TcpSocket::connect(discovery->endpoint().address, to, error);
-        EXPECT_TRUE(eventually([&] { return connection->state() == 0; })) << error;
+        auto connection = connectOverTcp(discovery->endpoint().address, to);
         auto entry = subscription(kMeter.serviceId, kReadings.eventgroupId);
         entry.unicast = {connection->local()};
         sendDiscovery(entry, &from);
@@ -259,9 +260,7 @@ class PlainDevice {
     bool await(someip::SdEntryType type, bool ending = false) {
         const auto isFound = [&] {
             someip::SdMessage message;
-            if (!readDiscovery(foundIn, message)) {
-                return false;
-            }
+            readDiscovery(foundIn, message);
             const auto entry = std::ranges::find_if(message.entries, [&](const someip::SdEntry& one) {
                 return one.type == type && one.service == kMeter.serviceId && (one.ttl == 0) == ending;
             });
@@ -277,7 +276,7 @@ class PlainDevice {
         return eventually([&] {
             for (const auto* socket : {discovery.get(), group.get()}) {
                 receive(*socket, [this](const someip::Endpoint& sender, auto bytes) {
-                    waiting.emplace_back(sender, std::vector(bytes.begin(), bytes.end()));
+                    waiting.emplace_back(sender, Bytes(bytes.begin(), bytes.end()));
                 });
             }
             while (!waiting.empty()) {
@@ -311,10 +310,9 @@ class PlainDevice {
     someip::SdOutbox outbox;
     someip::DatagramBatch batch;
     someip::SdEntry found;  ///< by await(), with its message and the sender
-    std::vector<std::uint8_t> foundIn;
+    Bytes foundIn;
     someip::Endpoint from;
-    std::deque<std::pair<someip::Endpoint, std::vector<std::uint8_t>>>
-        waiting;  ///< discovery that await() has not read
+    std::deque<std::pair<someip::Endpoint, Bytes>> waiting;  ///< discovery that await() has not read
 };
 
 }  // namespace vlmTest
