@@ -1,34 +1,19 @@
 #pragma once
-/// Passes datagrams, and pieces of TCP streams, to tshark and reads the result. The test's sockets capture
-/// them, so no capture privilege is needed.
-#include <gmock/gmock.h>
-
+/// Passes what the test's sockets have received to tshark and reads the result.
 #include <cstdio>
-#include <map>
 #include <span>
-#include <string>
-#include <vector>
 
-#include "someip/Endpoint.h"
-#include "someip/SdMessage.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Test.h"
 
 namespace vlmTest {
 
-struct CapturedDatagram {
-    someip::Endpoint from;
-    someip::Endpoint to;
-    std::vector<std::uint8_t> bytes;
-};
-
-/// One element of a frame as decoded by tshark.
+/// The elements of one name, as decoded by tshark; several with a blank between them.
 struct AnalysedElement {
     std::string show;  ///< its value
     std::string text;  ///< tshark's line for people
 };
-
-/// One frame: the elements of each name, in order.
-using AnalysedFrame = std::map<std::string, std::vector<AnalysedElement>>;
+using AnalysedFrame = std::map<std::string, AnalysedElement>;
 
 /// Each byte as two hexadecimal digits, with a separator between them.
 inline std::string hexText(std::span<const std::uint8_t> bytes, char separator) {
@@ -43,19 +28,19 @@ inline std::string hexText(std::span<const std::uint8_t> bytes, char separator) 
 
 class Analyser {
   public:
-    void add(const someip::Endpoint& from, const someip::Endpoint& to, std::span<const std::uint8_t> bytes) {
-        m_datagrams.push_back({from, to, {bytes.begin(), bytes.end()}});
+    void add(std::span<const std::uint8_t> bytes) {
+        m_dump += "000000 " + hexText(bytes, ' ') + '\n';
+        ++m_count;
     }
-    std::size_t count() const { return m_datagrams.size(); }
-    void clear() { m_datagrams.clear(); }
+    std::size_t count() const { return m_count; }
 
-    /// The capture as decoded by tshark, at all ports. `tables` is a folder with its configuration tables, or
-    /// empty.
+    /// What was added, each as a frame. `tables` is a folder with tshark's configuration tables, or empty.
     std::vector<AnalysedFrame> frames(const std::string& tables = "") const {
+        const std::string capture = m_folder.file("capture");
+        run({"text2pcap", "-q", "-P", "someip_udp", m_folder.write("dump", m_dump), capture});
         // tshark creates its value fields only when a table changes after all were read: hence the extra row.
         const std::string text =
-            run({"tshark", "-T", "pdml", "-r", capture(), "-d", "udp.port==1-65535,someip", "-d",
-                 "tcp.port==1-65535,someip", "-o",
+            run({"tshark", "-T", "pdml", "-r", capture, "-o",
                  R"(uat:SOMEIP_parameter_structs:"fffffff0","unused","32","0","FALSE","1","0",)"
                  R"("unused","1","00000001","unused")"},
                 tables.empty() ? m_folder.path() : tables);
@@ -65,17 +50,12 @@ class Analyser {
             if (element.starts_with("<packet")) {
                 frames.emplace_back();
             } else if (!frames.empty()) {
-                if (element.starts_with("<proto name=\"someip\"") && !frames.back().contains("someip")) {
-                    // What it thinks of ports, such as a possible traceroute.
-                    std::erase_if(frames.back(), [](const auto& one) {
-                        return one.first.find("expert") != std::string::npos;
-                    });
-                }
-                frames.back()[attribute(element, "name")].push_back(
-                    {attribute(element, "show"), attribute(element, "showname")});
+                auto& [show, line] = frames.back()[attribute(element, "name")];
+                show += (show.empty() ? "" : " ") + attribute(element, "show");
+                line += (line.empty() ? "" : " ") + attribute(element, "showname");
             }
         }
-        EXPECT_EQ(frames.size(), m_datagrams.size());
+        EXPECT_EQ(frames.size(), m_count);
         return frames;
     }
 
@@ -97,29 +77,9 @@ class Analyser {
         return outcome.out;
     }
 
-    /// Writes the capture, with headers by text2pcap, and returns its path. What follows each other with the
-    /// same endpoints is converted at once, so that the pieces of a stream are numbered.
-    std::string capture() const {
-        std::vector<std::string> merge{"mergecap", "-a", "-w", m_folder.file("capture")};
-        for (auto next = m_datagrams.begin(); next != m_datagrams.end();) {
-            const auto& [from, to, bytes] = *next;
-            std::string dump;
-            for (; next != m_datagrams.end() && next->from == from && next->to == to; ++next) {
-                dump += "000000 " + hexText(next->bytes, ' ') + '\n';
-            }
-            const std::string part = m_folder.write("part" + std::to_string(merge.size()), dump);
-            run({"text2pcap", "-q", from.address.isIpv6() ? "-6" : "-4",
-                 toText(from.address) + ',' + toText(to.address),
-                 from.protocol == someip::Protocol::Tcp ? "-T" : "-u",
-                 std::to_string(from.port) + ',' + std::to_string(to.port), part, part + ".pcap"});
-            merge.push_back(part + ".pcap");
-        }
-        run(merge);
-        return m_folder.file("capture");
-    }
-
     TemporaryFolder m_folder;
-    std::vector<CapturedDatagram> m_datagrams;
+    std::string m_dump;
+    std::size_t m_count = 0;
 };
 
 }  // namespace vlmTest

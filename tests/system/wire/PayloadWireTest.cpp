@@ -61,9 +61,7 @@ TEST(Payloads, AreDecodedMemberByMemberWithTheGeneratedTables) {
             ASSERT_TRUE(event->send({values})) << event->error();
             sent.push_back({name, event, values});
             ASSERT_TRUE(eventually([&] {
-                device.receive(*device.events, [&](const someip::Endpoint& from, auto bytes) {
-                    analyser.add(from, device.events->endpoint(), bytes);
-                });
+                device.receive(*device.events, [&](auto&&, auto bytes) { analyser.add(bytes); });
                 return analyser.count() == sent.size();
             })) << name
                 << "." << event->name();
@@ -78,16 +76,13 @@ TEST(Payloads, AreDecodedMemberByMemberWithTheGeneratedTables) {
         const std::string prefix =
             "someip.payload." + lower(one.service) + "." + lower(one.event->name()) + ".";
         SCOPED_TRACE(prefix);
-        EXPECT_EQ(frames[i].at("someip.methodname").front().show, one.event->name());
-        for (const auto& [name, elements] : frames[i]) {
-            EXPECT_EQ(name.find("expert"), std::string::npos) << elements.front().text;
-            EXPECT_EQ(name.find("unparsed"), std::string::npos) << elements.front().text;
+        EXPECT_EQ(frames[i].at("someip.methodname").show, one.event->name());
+        for (const auto& [name, element] : frames[i]) {
+            EXPECT_THAT(name, Not(testing::ContainsRegex("expert|unparsed"))) << element.text;
         }
         for (const auto& field : one.event->fields()) {
-            const auto& shown = frames[i][prefix + lower(field.name)];
-            ASSERT_FALSE(shown.empty()) << field.name << " was not decoded";
             SCOPED_TRACE(field.name);
-            expectShown(field, one.values.at(field.name), shown.front());
+            expectShown(field, one.values.at(field.name), frames[i].at(prefix + lower(field.name)));
         }
     }
 }
