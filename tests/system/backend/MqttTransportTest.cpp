@@ -14,19 +14,18 @@ struct Vehicle : StartedTransport<MqttTransport> {
 };
 
 const kyo::Json::Value kOpening = masterControl("t", {"TypeA"}, 0, 0);
-const std::string kOnline =
-    R"({"offeredDataTypes":["TypeA","TypeB"],"serverName":"Catalog 1","state":"online"})";
-const std::string kOffline =
-    R"({"offeredDataTypes":["TypeA","TypeB"],"serverName":"Catalog 1","state":"offline"})";
+const std::string kPresence = R"({"offeredDataTypes":["TypeA","TypeB"],"serverName":"Catalog 1","state":)";
+const std::string kOnline = kPresence + "\"online\"}";
+const std::string kOffline = kPresence + "\"offline\"}";
 
 struct MqttBackendTest : Test {
     LogCapture m_log;
     const std::uint16_t m_port = freePort();
     machine::MqttBackend m_settings = brokerAt(m_port);
+    Broker m_broker{m_port};
 };
 
 TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetained) {
-    Broker broker(m_port);
     Observer backend(m_settings);
     backend.say("test/vehicle/mastercontrol", compactText(masterControl("stale", {"TypeA"}, 0, 1)), true);
     ASSERT_TRUE(backend.awaits("test/vehicle/mastercontrol", 1));
@@ -60,7 +59,6 @@ TEST_F(MqttBackendTest, CarriesMessagesBothWaysAndIgnoresWhatIsNotJsonOrWasRetai
 }
 
 TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndByItselfWhenItEnds) {
-    Broker broker(m_port);
     Observer backend(m_settings, {"test/vehicle/status"});
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
@@ -81,13 +79,12 @@ TEST_F(MqttBackendTest, IsShownOfflineByTheBrokerWhenLostAndByItselfWhenItEnds) 
 }
 
 TEST_F(MqttBackendTest, DropsWhatWaitedForABrokerThatCameBackWithALowerLimit) {
-    Broker broker(m_port);
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(m_log.waitFor("connected to the broker"));
-    broker.stop();
+    m_broker.stop();
     ASSERT_TRUE(m_log.waitFor("no connection to the broker"));
     EXPECT_EQ(vehicle.transport().send(envelope("big", 30000)), 0);
-    broker.restart("allow_anonymous true\nmax_packet_size 20000\n");
+    m_broker.restart("max_packet_size 20000\n");
     Observer backend(m_settings);
     EXPECT_TRUE(m_log.waitFor("1 unsent messages are given up"));
     EXPECT_EQ(vehicle.transport().send(envelope("after")), 0);
@@ -96,7 +93,8 @@ TEST_F(MqttBackendTest, DropsWhatWaitedForABrokerThatCameBackWithALowerLimit) {
 }
 
 TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBrokerAndLogsAtTheEndWhatIsLost) {
-    const auto failedBefore = kyo::Status::counter("orx.failed").value();
+    m_broker.stop();
+    const auto failedBefore = counted("orx.failed");
     Vehicle vehicle(m_settings);
     std::size_t taken = 0;
     std::int32_t result = 0;
@@ -106,7 +104,7 @@ TEST_F(MqttBackendTest, FailsASendWhenTooMuchWaitsForTheBrokerAndLogsAtTheEndWha
     EXPECT_EQ(result, MqttConnection::kQueueFull);
     EXPECT_EQ(taken, MqttConnection::kMaxUnconfirmed);
     EXPECT_TRUE(m_log.hasPart(3, "An envelope cannot be sent: 100 messages"));
-    EXPECT_EQ(kyo::Status::counter("orx.failed").value(), failedBefore + 1);
+    EXPECT_EQ(counted("orx.failed"), failedBefore + 1);
     ASSERT_TRUE(m_log.waitFor(": Connection refused; trying again"));
     vehicle.transport().leave();
     EXPECT_TRUE(m_log.hasPart(3, "100 envelopes are lost with the process"));
@@ -130,7 +128,7 @@ TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelFo
          "refuses an envelope for its size"},  // a limit that the broker does not announce
     };
     for (const auto& [limit, result, complaint] : cases) {
-        Broker broker(m_port, std::string("allow_anonymous true\n") + limit);
+        m_broker.restart(limit);
         Vehicle vehicle(m_settings);
         Observer backend(m_settings);
         ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
@@ -146,7 +144,7 @@ TEST_F(MqttBackendTest, DropsAnEnvelopeBeyondTheBrokersLimitAndOpensTheChannelFo
 }
 
 TEST_F(MqttBackendTest, RepeatsNoOpeningThatANewerMessageHasOvertaken) {
-    Broker broker(m_port, "allow_anonymous true\nmax_packet_size 20000\n");
+    m_broker.restart("max_packet_size 20000\n");
     Vehicle vehicle(m_settings);
     Observer backend(m_settings);
     ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
@@ -166,7 +164,6 @@ TEST_F(MqttBackendTest, RepeatsNoOpeningThatANewerMessageHasOvertaken) {
 /// What is published in the instant in which the connection comes about goes out once, and after what
 /// waited.
 TEST_F(MqttBackendTest, KeepsTheOrderOfWhatIsPublishedWhileTheConnectionIsMade) {
-    Broker broker(m_port);
     Observer observer(m_settings, {"order"});
     std::vector<std::string> expected;
     for (int turn = 0; turn < 20; ++turn) {
@@ -209,7 +206,6 @@ std::size_t peakSinceLastCall() {
 
 TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
     const TemporaryFolder folder;
-    Broker broker(m_port);
     Vehicle vehicle(m_settings);
     Observer backend(m_settings, {"test/vehicle/status"});
     ASSERT_TRUE(backend.awaits("test/vehicle/status", 1));
@@ -227,7 +223,7 @@ TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
     const std::string answer =
         R"([{"ignored":[)" + nested + nested + R"([]],"recordId":"r","recordBody":"e30="}])";
     const std::string tooLong = R"([{"ignored":[)" + nested + nested + nested + nested + "[]]}]";
-    const auto refused = kyo::Status::counter("orx.refused").value();
+    const auto refused = counted("orx.refused");
     const std::size_t before = (peakSinceLastCall(), peakSinceLastCall());
     ASSERT_TRUE(publish("mastercontrol", control));
     EXPECT_TRUE(
@@ -240,7 +236,7 @@ TEST_F(MqttBackendTest, RefusesHostileMessagesBeforeTheyTakeMemory) {
     ASSERT_TRUE(vehicle.awaitControls(1));
     const std::size_t moved = peakSinceLastCall() - before;
     EXPECT_LT(moved, 32u << 10);
-    EXPECT_EQ(kyo::Status::counter("orx.refused").value() - refused, 2u);
+    EXPECT_EQ(counted("orx.refused") - refused, 2u);
     EXPECT_EQ(vehicle.answers().size(), 0u);
 }
 
@@ -273,10 +269,9 @@ TEST_F(MqttBackendTest, SpeaksTlsWithABrokerWhoseCertificateHoldsAndWhichTakesIt
         {m_settings, server, "connected to the broker"},
         {with("client.crt", "client.key"), strict, "connected to the broker"},
     };
-    Broker broker(m_port);
     for (const auto& [settings, brokerLines, outcome] : cases) {
         SCOPED_TRACE(brokerLines + outcome);
-        broker.restart("allow_anonymous true\n" + brokerLines);
+        m_broker.restart(brokerLines);
         m_log.clear();
         const Vehicle vehicle(settings);
         EXPECT_TRUE(m_log.waitFor(outcome)) << PrintToString(m_log.messages(3));
@@ -298,6 +293,7 @@ const int g_isLenient =
 
 TEST_F(MqttBackendTest, SpeaksNoTlsOlderThan12) {
     const Certificates certificates;
+    m_broker.stop();
     const std::string address = "127.0.0.1:" + std::to_string(m_port);
     const ChildProcess server({"openssl", "s_server", "-accept", address, "-tls1_1", "-quiet", "-cert",
                                certificates.file("server.crt"), "-key", certificates.file("server.key")});

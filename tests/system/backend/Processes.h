@@ -11,25 +11,20 @@ namespace vlmTest {
 /// mosquitto on its own port, with additional configuration lines.
 class Broker {
   public:
-    explicit Broker(std::uint16_t port, const std::string& configuration = "allow_anonymous true\n")
-        : m_port(port) {
-        restart(configuration);
-    }
+    explicit Broker(std::uint16_t port) : m_port(port) { restart(); }
     /// Kills it, like a crash.
     void stop() { m_process.reset(); }
-    void restart(const std::string& configuration) {
+    void restart(const std::string& more = "") {
         stop();
         // Otherwise mosquitto, started by root, changes to a user who cannot read the folder.
-        const std::string file =
-            m_folder.write("mosquitto.conf", "user root\npersistence false\nlistener " +
-                                                 std::to_string(m_port) + " 127.0.0.1\n" + configuration);
+        const std::string file = m_folder.write(
+            "mosquitto.conf", "user root\npersistence false\nlistener " + std::to_string(m_port) +
+                                  " 127.0.0.1\nallow_anonymous true\n" + more);
         const Descriptor log(openForWriting(m_folder.file("log")));
         m_process =
             std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", file},
                                            std::vector<std::string>(), log, log);
-        if (!eventually([this] { return somebodyListensAt(m_port); })) {
-            throw std::runtime_error("the broker does not listen");
-        }
+        EXPECT_TRUE(eventually([this] { return somebodyListensAt(m_port); }));
     }
 
   private:
@@ -103,9 +98,7 @@ cp server.key expired.key
 openssl req -new -key expired.key -subj /CN=expired -addext subjectAltName=IP:127.0.0.1 |
     openssl x509 -req $signer -copy_extensions copy -days 0 -out expired.crt  # ends in the second in which it begins
 )");
-        if (std::system(("cd " + m_folder.path() + " && sh make.sh >make.log 2>&1").c_str()) != 0) {
-            throw std::runtime_error("openssl has made no certificates");
-        }
+        EXPECT_EQ(std::system(("cd " + m_folder.path() + " && sh make.sh >make.log 2>&1").c_str()), 0);
     }
     std::string file(const std::string& name) const { return m_folder.file(name); }
     /// Broker lines for TLS with that certificate.

@@ -82,12 +82,14 @@ struct SpoolBackendTest : Test {
     LogCapture m_log;
     const std::uint16_t m_port = freePort();
     machine::BackendSettings m_settings = behind(brokerAt(m_port));
+    Broker m_broker{m_port};
 };
 
 TEST_F(SpoolBackendTest, KeepsResultsAndClosuresToItselfButPassesAWithdrawnPermissionOn) {
+    m_broker.stop();
     Vehicle vehicle(m_settings);
     EXPECT_TRUE(vehicle.controls().empty()) << "nobody has opened it";
-    Broker broker(m_port);
+    m_broker.restart();
     Backend backend(m_settings.mqtt, script({1, 2, 0}));
     vehicle.send(1, 2);
     EXPECT_EQ(vehicle.controls().size(), 3u);
@@ -111,28 +113,28 @@ TEST_F(SpoolBackendTest, KeepsResultsAndClosuresToItselfButPassesAWithdrawnPermi
 }
 
 TEST_F(SpoolBackendTest, MovesWhatTheBrokerNeverTakesAsideAndSendsTheOthers) {
-    Broker broker(m_port, "allow_anonymous true\nmax_packet_size 50000\n");
+    m_broker.restart("max_packet_size 50000\n");
     Backend backend(m_settings.mqtt, script());
     Vehicle vehicle(m_settings);
     vehicle.send(1, 1);
     vehicle.send(2, 2, 100000);
     vehicle.send(3, 3);
     EXPECT_TRUE(eventually([&] { return waiting() == 0; }));
-    EXPECT_EQ(stored(), (std::set<std::string>{"1", "3"}));
+    EXPECT_THAT(stored(), ElementsAre("1", "3"));
     EXPECT_TRUE(m_log.waitFor("moves to bad/"));
 }
 
 TEST_F(SpoolBackendTest, WaitsForABackendThatKnowsItsDictionary) {
     m_settings.compression = {"zstd", 1, "50001"};
     {
-        Broker broker(m_port);
         Backend backend(m_settings.mqtt, script());
         Vehicle vehicle(m_settings);
         ASSERT_TRUE(vehicle.awaitControls(1));
     }
+    m_broker.stop();
     Vehicle(m_settings).send(1, 3);
     m_settings.compression = {};
-    Broker broker(m_port);
+    m_broker.restart();
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(vehicle.awaitControls(1));
     {
@@ -160,7 +162,6 @@ class FullDisk : public SpoolDisk {
 
 TEST_F(SpoolBackendTest, WaitsForAFullDiskOrCountsWhatItCostsWhenTheNewestAreDropped) {
     FullDisk disk;
-    Broker broker(m_port);
     Backend backend(m_settings.mqtt, script());
     {
         Vehicle waiting(m_settings, disk);
@@ -196,7 +197,6 @@ TEST_F(SpoolBackendTest, SendsAgainWhatABrokerConfirmedAndThenLost) {
     for (const int id : {1, 2}) {
         vlmBackend::Settings settings = script();
         settings.namesEnvelopes = id == 2;
-        Broker broker(m_port);
         Vehicle vehicle(m_settings);
         {
             vlmBackend::Settings silent = settings;
@@ -207,7 +207,7 @@ TEST_F(SpoolBackendTest, SendsAgainWhatABrokerConfirmedAndThenLost) {
             // So the broker confirmed it.
             ASSERT_TRUE(eventually([&] { return backend.topics().size() == 1; }));
         }
-        broker.restart("allow_anonymous true\n");
+        m_broker.restart();
         // The opening that comes first on the new connection is no result.
         Backend backend(m_settings.mqtt, settings);
         EXPECT_TRUE(eventually([&] { return stored().count(std::to_string(id)) == 1; }));
@@ -219,7 +219,6 @@ TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
     const auto record = valueOf(R"([{"recordId":"trip-7","recordBody":"e30="}])");
     m_settings.remember.afterSeconds = 0;
     {
-        Broker broker(m_port);
         Backend backend(m_settings.mqtt, script());
         Vehicle vehicle(m_settings);
         ASSERT_TRUE(vehicle.awaitControls(1));
@@ -247,6 +246,7 @@ TEST_F(SpoolBackendTest, StartsWithoutABrokerFromWhatItRemembers) {
             return vehicle.answers().back() == another;  // although it was dropped before
         }));
     }
+    m_broker.stop();
     Vehicle vehicle(m_settings);
     ASSERT_TRUE(vehicle.awaitControls(1));
     vehicle.transport().requestConfiguration();
