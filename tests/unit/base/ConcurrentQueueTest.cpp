@@ -17,10 +17,10 @@ extern "C" int nanosleep(const timespec* wanted, timespec* rest) {
     return errno == 0 ? 0 : -1;
 }
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 // A consumer in withFront() holds the lock during all tries of the producer.
 TEST(ConcurrentQueue, DropsTheValueAfterTenTriesAndCountsIt) {
@@ -38,4 +38,3 @@ TEST(ConcurrentQueue, DropsTheValueAfterTenTriesAndCountsIt) {
 }
 
 }  // namespace
-}  // namespace vlmProd

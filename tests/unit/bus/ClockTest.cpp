@@ -5,10 +5,10 @@
 #include "bus/Timer.h"
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 using Clock = std::chrono::steady_clock;
 
 TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {
@@ -25,10 +25,7 @@ TEST(Timer, TicksOneIntervalAfterTheOtherAndDoesNotPauseWithNone) {
 }
 
 TEST(Timer, KeepsItsIntervalWhileSignalsArrive) {
-    struct sigaction before {};
-    struct sigaction ignoring {};
-    ignoring.sa_handler = [](int) {};
-    ::sigaction(SIGUSR1, &ignoring, &before);
+    const auto before = ::signal(SIGUSR1, [](int) {});
     const auto ticked = std::make_shared<std::atomic<bool>>(false);
     Timer timer;
     const auto begin = Clock::now();
@@ -41,7 +38,7 @@ TEST(Timer, KeepsItsIntervalWhileSignalsArrive) {
     EXPECT_GE(Clock::now() - begin, 300ms);
     timer.stopTimer();
     ::pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
-    ::sigaction(SIGUSR1, &before, nullptr);
+    ::signal(SIGUSR1, before);
 }
 
 std::ptrdiff_t threadCount() {
@@ -113,4 +110,3 @@ TEST(EventControl, PublishesTicksUntilItsClockIsReplaced) {
 }
 
 }  // namespace
-}  // namespace vlmProd

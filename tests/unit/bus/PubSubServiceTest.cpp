@@ -3,10 +3,10 @@
 #include "bus/Publisher.h"
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 /// Records the messages that it receives.
 class Receiver : public ISubscriber {
@@ -101,4 +101,3 @@ TEST(PubSubServiceThread, SleepsOnWhenItIsStoppedAndEndsAtTheNextWakeUp) {
 }
 
 }  // namespace
-}  // namespace vlmProd

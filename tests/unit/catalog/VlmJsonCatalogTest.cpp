@@ -24,8 +24,6 @@ constexpr char kCatalog[] = R"({
 })";
 
 struct VlmJsonCatalogTest : Test {
-    std::string write(const std::string& content) { return m_folder.write("other.json", content); }
-
     TemporaryFolder m_folder;
     const std::string m_path = m_folder.write("catalog.json", kCatalog);
     LogCapture m_log;
@@ -69,7 +67,7 @@ TEST_F(VlmJsonCatalogTest, WhatIsNotInTheCatalogIsReportedByMessageAndCode) {
 }
 
 TEST_F(VlmJsonCatalogTest, MissingBlocksAndWrongTypesAreNamedAndTheRestIsLoaded) {
-    VlmJsonCatalog empty(write("[]"));
+    VlmJsonCatalog empty(m_folder.write("empty.json", "[]"));
     EXPECT_EQ(empty.getCatalogVersion() + empty.getSomeIPKey("A", "r", m_code), "");
     EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
     m_code = FilesReturnCode::Ok;
@@ -77,7 +75,7 @@ TEST_F(VlmJsonCatalogTest, MissingBlocksAndWrongTypesAreNamedAndTheRestIsLoaded)
     EXPECT_EQ(m_code, FilesReturnCode::ServiceDataMissing);
     EXPECT_EQ(m_log.count(3, "Failed to get the services info from Json Catalog file"), 4U);
     m_log.clear();
-    VlmJsonCatalog catalog(write(R"({"meta":{"vlmVersion":["7"]}, "services":{
+    VlmJsonCatalog catalog(m_folder.write("other.json", R"({"meta":{"vlmVersion":["7"]}, "services":{
         "A":{"r":{"loadFactor":"x","serviceId":[],"someipKeyProperty":{},
                   "instances":{"1":[5,{"property":[],"signal":7,"privacy_group":4294967296},{"property":"p"}]}},
              "s":[], "t":{"instances":[]}},
@@ -103,16 +101,13 @@ TEST_F(VlmJsonCatalogTest, MissingBlocksAndWrongTypesAreNamedAndTheRestIsLoaded)
     EXPECT_THAT(catalog.getAllProperties("A", "r", 1), ElementsAre("", "p"));
 }
 
-TEST_F(VlmJsonCatalogTest, AnInstanceIdThatIsNoIntIsNamedAndThrown) {
+TEST_F(VlmJsonCatalogTest, LoadingThrowsAndTheSingletonIsCreatedOnce) {
     const auto with = [this](const std::string& id) {
-        return write(R"({"services":{"S":{"r":{"instances":{")" + id + R"(":[]}}}}})");
+        return m_folder.write("other.json", R"({"services":{"S":{"r":{"instances":{")" + id + R"(":[]}}}}})");
     };
     EXPECT_THROW(VlmJsonCatalog{with("front")}, std::invalid_argument);
     EXPECT_TRUE(m_log.has(3, "services.S.r.instances.front: an instance id is a decimal number of 32 bits"));
     EXPECT_THROW(VlmJsonCatalog{with("2147483648")}, std::out_of_range);
-}
-
-TEST_F(VlmJsonCatalogTest, LoadingThrowsATextAndTheSingletonIsCreatedOnce) {
     EXPECT_THAT([] { VlmJsonCatalog::getInstance(); },
                 Throws<std::string>("VlmJsonCatalog::getInstance() ERROR: JsonCatalog not created yet!"));
     EXPECT_THAT([] { VlmJsonCatalog(""); }, Throws<std::string>("Catalog file path not provided!"));

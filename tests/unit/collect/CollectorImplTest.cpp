@@ -3,10 +3,10 @@
 #include "kyo/DateTime.h"
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 /// A record as a resource completes it.
 Value recordAt(long long timestamp, int value = 0) {
@@ -97,41 +97,31 @@ TEST_F(CollectorImplTest, LogsWhatItRemovesWithTheDifferenceFrontMinusBackAndTes
     EXPECT_TRUE(log.has(5, "Removed expired record for the Collector: position"));
 }
 
-// Holds one thread at a log line until the other one is done, or for as long as it can be waited for.
-class HoldingLogger : public kyo::ProductLogger {
-  public:
-    void logData(std::string message, kyo::LogLevel) override {
-        if (message.find(m_where) != std::string::npos && !m_holding.exchange(true)) {
-            m_overtaken = eventually([this] { return m_done.load(); }, [] {}, 300ms);
+/// Holds `first` at a log line until `second` is done, or for as long as it can be waited for. Returns true
+/// if `second` was done by then.
+bool overtakes(const char* where, const std::function<void()>& first, const std::function<void()>& second) {
+    struct Holding : kyo::ProductLogger {
+        void logData(std::string message, kyo::LogLevel) override {
+            if (message.find(line) != std::string::npos && !holding.exchange(true)) {
+                overtaken = eventually([this] { return done.load(); }, [] {}, 300ms);
+            }
         }
-    }
-    /// True if `second` was done while `first` was held.
-    bool overtakes(const char* where, const std::function<void()>& first,
-                   const std::function<void()>& second) {
-        m_where = where;
-        m_holding = m_done = m_overtaken = false;
-        kyo::Log::setProductLogger(this);
-        kyo::Log::setReportingLevel(5);
-        std::thread held(first);
-        EXPECT_TRUE(eventually([this] { return m_holding.load(); }));
-        second();
-        m_done = true;
-        held.join();
-        kyo::Log::setReportingLevel(0);
-        kyo::Log::setProductLogger(nullptr);
-        return m_overtaken;
-    }
-
-  private:
-    std::string m_where;
-    std::atomic<bool> m_holding{false};
-    std::atomic<bool> m_done{false};
-    std::atomic<bool> m_overtaken{false};
-};
-
-HoldingLogger& holdingLogger() {
-    static HoldingLogger logger;  // the log keeps the address
-    return logger;
+        std::string line;
+        std::atomic<bool> holding{false}, done{false}, overtaken{false};
+    };
+    static Holding logger;  // the log keeps the address
+    logger.line = where;
+    logger.holding = logger.done = logger.overtaken = false;
+    kyo::Log::setProductLogger(&logger);
+    kyo::Log::setReportingLevel(5);
+    std::thread held(first);
+    EXPECT_TRUE(eventually([] { return logger.holding.load(); }));
+    second();
+    logger.done = true;
+    held.join();
+    kyo::Log::setReportingLevel(0);
+    kyo::Log::setProductLogger(nullptr);
+    return logger.overtaken;
 }
 
 // Two dispatch threads meet between putting and moving: the newer record must not trim the older one.
@@ -139,7 +129,7 @@ TEST_F(CollectorImplTest, PassesEveryRecordOnWhileNoTickIsUnderWay) {
     const auto expired = counted("records.expired");
     const auto replaced = counted("records.replaced");
     CollectorImpl collector = make(0);
-    holdingLogger().overtakes(
+    overtakes(
         "Record inserted to Input queue", [&] { insert(collector, recordAt(1)); },
         [&] { insert(collector, recordAt(2)); });
     EXPECT_EQ(counted("records.expired"), expired);
@@ -151,7 +141,7 @@ TEST_F(CollectorImplTest, LetsNoRecordInWhileATickTrims) {
     CollectorImpl collector = make(100);
     collector.moveToReportState();
     insert(collector, recordAt(1));
-    EXPECT_FALSE(holdingLogger().overtakes(
+    EXPECT_FALSE(overtakes(
         "Front record", [&] { collector.moveToHistoryState(); }, [&] { insert(collector, recordAt(2)); }));
 }
 
@@ -194,4 +184,3 @@ TEST_F(CollectorImplTest, LosesNoRecordUncountedWhileTicksRaceInsertions) {
 }
 
 }  // namespace
-}  // namespace vlmProd

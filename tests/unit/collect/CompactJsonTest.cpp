@@ -3,10 +3,10 @@
 #include "collect/CollectorImpl.h"
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 const std::string kNasty =
     R"({"":0,"a\"b":"}],{[","array":[1,[2,{"x":"]"}],"\\"],"back\\":"\\","comma":",","empty":{},"minus":-1.5e-7,)"
@@ -58,4 +58,3 @@ TEST(CompactJson, TakesTheSamplesOutOfTheRecords) {
 }
 
 }  // namespace
-}  // namespace vlmProd

@@ -2,10 +2,10 @@
 
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 Value recordAt(int timestamp) {
     return valueOf(R"({"collectorName":"position","timestamp":)" + std::to_string(timestamp) + "}");
@@ -48,4 +48,3 @@ TEST(IngressQueueThread, DispatchesAllThatWasPutWhileItSleptAfterOneWakeUpAndEnd
 }
 
 }  // namespace
-}  // namespace vlmProd

@@ -54,16 +54,15 @@ TEST_F(ConfigAnswer, HandsTheDecodedConfigurationOnNamesReportsAfterTheRecordAnd
 }
 
 TEST_F(ConfigAnswer, ConfiguresNothingFromWhatCannotBeUsed) {
-    const std::pair<kyo::Json::Value, const char*> cases[] = {
-        {valueOf("17"),
-         "Configuration answer refused, the answer: an array is expected, found a number (17)"},
+    const std::string refusal = "Configuration answer refused, ";
+    const std::pair<kyo::Json::Value, std::string> cases[] = {
+        {valueOf("17"), refusal + "the answer: an array is expected, found a number (17)"},
         {valueOf("[]"), "The configuration answer holds no record; the request goes on"},
-        {valueOf("[\"text\"]"),
-         "Configuration answer refused, [0]: an object is expected, found a text (\"text\")"},
+        {valueOf("[\"text\"]"), refusal + "[0]: an object is expected, found a text (\"text\")"},
         {valueOf("[{\"recordId\":[],\"recordBody\":\"\"}]"),
-         "Configuration answer refused, [0].recordId: a text is expected, found an array"},
+         refusal + "[0].recordId: a text is expected, found an array"},
         {valueOf("[{\"recordId\":\"a\",\"recordBody\":{}}]"),
-         "Configuration answer refused, [0].recordBody: a text is expected, found an object"},
+         refusal + "[0].recordBody: a text is expected, found an object"},
         {record("a", "no base64!"), "Can not parse from string to json to get config."},
         // Before they take fifty times their size in memory.
         {record("a", base64('[' + std::string(200'000, ',') + ']')),

@@ -21,16 +21,17 @@ struct Document {
     Value value() const { return valueOf("{" + config + clock + report + compare + collect + "}"); }
 };
 
-Document withCollect(const std::string& elements) {
+Value withCollect(const std::string& elements) {
     Document document;
     document.collect = "\"COLLECT\":[" + elements + "]";
-    return document;
+    return document.value();
 }
 
-Document withClock(const std::string& elements) {
+Value withClock(const std::string& elements, const std::string& compare = "") {
     Document document;
     document.clock = "\"CLOCK\":[" + elements + "],";
-    return document;
+    document.compare = compare;
+    return document.value();
 }
 
 struct ConfigParserTest : Test {
@@ -39,7 +40,6 @@ struct ConfigParserTest : Test {
         m_parser = ConfigParser();
         return m_parser.parseFromJson(document, m_code);
     }
-    bool parse(const Document& document) { return parse(document.value()); }
     bool parse(const char* text) { return parse(valueOf(text)); }
 
     LogCapture m_log;
@@ -65,10 +65,8 @@ TEST_F(ConfigParserTest, TheClockNeverGoesBelowAMinute) {
 }
 
 TEST_F(ConfigParserTest, OfSeveralClocksTheFirstCountsAndAllNamesDriveOnEvents) {
-    Document document =
-        withClock(R"({"name":"","duration":70000},{"name":"b","duration":1},{},{"name":"b"})");
-    document.compare = R"("COMPARE":[{"name":"b"},{"name":"hot"},{"name":"hot"}],)";
-    ASSERT_TRUE(parse(document));
+    ASSERT_TRUE(parse(withClock(R"({"name":"","duration":70000},{"name":"b","duration":1},{},{"name":"b"})",
+                                R"("COMPARE":[{"name":"b"},{"name":"hot"},{"name":"hot"}],)")));
     EXPECT_EQ(m_parser.getClockName(), "");
     EXPECT_EQ(m_parser.getClockDuration(), 70000);
     EXPECT_TRUE(m_log.has(5, "Size= 4, only the first clock object will be considered"));
@@ -84,15 +82,15 @@ TEST_F(ConfigParserTest, OfSeveralClocksTheFirstCountsAndAllNamesDriveOnEvents) 
     EXPECT_EQ(m_log.count(5, "Size= 2, only the first clock object will be considered"), 2u);
 }
 
-TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
+TEST_F(ConfigParserTest, NamesWhatIsMissingOrOfAWrongTypeAndStopsAtTheFirstFault) {
     Document noCollect, noClock, noReport, namelessReport, twoReports;
     noCollect.collect = R"("OTHER":1)";
     noClock.clock = R"("CLOCK":null,)";
     noReport.report.clear();
     namelessReport.report = R"("REPORT":[{"name":"r"},{"application":"a"}],)";
     twoReports.report = R"("REPORT":[{"name":"r"},{"name":"s"},{"name":"r"}],)";
-    const std::tuple<Document, int, std::string> cases[] = {
-        {noCollect, 3, "Failed to get collector block from config file"},
+    const std::tuple<Value, int, std::string> cases[] = {
+        {noCollect.value(), 3, "Failed to get collector block from config file"},
         {withCollect(R"({"serv":"s","res":"r","index":0})"), 5, "Field 'name' not present"},
         {withCollect(R"({"name":"a","serv":"s","res":"r","index":0},
                         {"name":"b","serv":"s","res":"r","index":0},
@@ -101,15 +99,30 @@ TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
         {withCollect(R"({"name":"a","serv":"","res":"r","index":0})"), 5, "Field 'serv' is not present"},
         {withCollect(R"({"name":"a","serv":"s","index":0})"), 5, "Field 'res' is not present"},
         {withCollect(R"({"name":"a","serv":"s","res":"r","index":""})"), 5, "Field 'index' is not present"},
-        {noClock, 3, "Failed to get the clock from Json Configuration file"},
+        {noClock.value(), 3, "Failed to get the clock from Json Configuration file"},
         {withClock(R"({"duration":60000},{"name":"x"})"), 3,
          "Invalid configuration: field 'Clock name' is not present"},
         {withCollect("null"), 5, "Field 'name' not present"},
         {withCollect(R"({"name":"a","serv":"s","res":"r","index":null})"), 5, "Field 'index' is not present"},
         {withClock("null"), 3, "Invalid configuration: field 'Clock name' is not present"},
-        {noReport, 3, "Failed to get the Report from Json Configuration file"},
-        {namelessReport, 5, "Field 'Report name' not present"},
-        {twoReports, 5, "Invalid configuration file as report name already found"},
+        {noReport.value(), 3, "Failed to get the Report from Json Configuration file"},
+        {namelessReport.value(), 5, "Field 'Report name' not present"},
+        {twoReports.value(), 5, "Invalid configuration file as report name already found"},
+        {valueOf(R"([1])"), 3, "collector configuration: an object is expected, found an array"},
+        {valueOf(R"({"CLOCK":"tick"})"), 3,
+         "CLOCK: an array of objects is expected, found a text (\"tick\")"},
+        {valueOf(R"({"COLLECT":[{}, 5]})"), 3, "COLLECT[1]: an object is expected, found a number (5)"},
+        {valueOf(R"({"COLLECT":[{"name":"a\u0000b"}]})"), 3,
+         "COLLECT[0].name: a text without zero bytes is expected"},
+        {valueOf(R"({"COMPARE":[[]]})"), 3, "COMPARE[0]: an object is expected, found an array"},
+        {valueOf(R"({"COLLECT":[{},{},{"index":"2"}]})"), 3,
+         "COLLECT[2].index: a number from -2147483648 to 2147483647 is expected, found a text (\"2\")"},
+        {valueOf(R"({"COLLECT":[{"history":1e19}]})"), 3,
+         "COLLECT[0].history: a 64-bit number is expected, found a number (1e+19)"},
+        {valueOf(R"({"REPORT":[{"name":"r","from":"c1"}]})"), 3,
+         "REPORT[0].from: an array of texts is expected, found a text (\"c1\")"},
+        {valueOf(R"({"REPORT":[{"name":"r","from":["a",{}]}]})"), 3,
+         "REPORT[0].from[1]: a text is expected, found an object"},
     };
     for (const auto& [document, level, message] : cases) {
         SCOPED_TRACE(message);
@@ -121,30 +134,7 @@ TEST_F(ConfigParserTest, ValidationNamesWhatIsMissingAndStopsAtTheFirstFault) {
         EXPECT_EQ(lines[lines.size() - 2].level, level);
         EXPECT_EQ(lines.back().message, "Invalid configuration file");
         EXPECT_EQ(lines.back().level, 3);
-    }
-}
-
-TEST_F(ConfigParserTest, AMemberOfTheWrongTypeIsNamedWithItsPlaceAndRefused) {
-    const std::pair<const char*, const char*> cases[] = {
-        {R"([1])", "collector configuration: an object is expected, found an array"},
-        {R"({"CLOCK":"tick"})", "CLOCK: an array of objects is expected, found a text (\"tick\")"},
-        {R"({"COLLECT":[{}, 5]})", "COLLECT[1]: an object is expected, found a number (5)"},
-        {R"({"COLLECT":[{"name":"a\u0000b"}]})", "COLLECT[0].name: a text without zero bytes is expected"},
-        {R"({"COMPARE":[[]]})", "COMPARE[0]: an object is expected, found an array"},
-        {R"({"COLLECT":[{},{},{"index":"2"}]})",
-         "COLLECT[2].index: a number from -2147483648 to 2147483647 is expected, found a text (\"2\")"},
-        {R"({"COLLECT":[{"history":1e19}]})",
-         "COLLECT[0].history: a 64-bit number is expected, found a number (1e+19)"},
-        {R"({"REPORT":[{"name":"r","from":"c1"}]})",
-         "REPORT[0].from: an array of texts is expected, found a text (\"c1\")"},
-        {R"({"REPORT":[{"name":"r","from":["a",{}]}]})",
-         "REPORT[0].from[1]: a text is expected, found an object"},
-    };
-    for (const auto& [document, message] : cases) {
-        SCOPED_TRACE(document);
-        EXPECT_FALSE(parse(document));
-        EXPECT_EQ(m_code, ConfigErrorCode::InvalidConfiguration);
-        EXPECT_THAT(m_log.messages(3), ElementsAre(message, "Invalid configuration file"));
+        EXPECT_THAT(m_log.messages(3), SizeIs(level == 3 ? 2 : 1)) << "no second fault";
     }
 }
 
@@ -173,7 +163,7 @@ TEST_F(ConfigParserTest, TheFirstElementsCountAndWhatTheJsonConversionAcceptsSta
     EXPECT_EQ(m_parser.getConfigName(), "") << "null reads as an empty element";
     Document unnamed;
     unnamed.config.clear();
-    ASSERT_TRUE(parse(unnamed));
+    ASSERT_TRUE(parse(unnamed.value()));
     EXPECT_EQ(m_parser.getConfigName() + m_parser.getConfigVersion(), "");
     EXPECT_THAT(m_log.messages(3),
                 ElementsAre("Failed to get the configuration from Json Configuration file",
@@ -267,9 +257,11 @@ TEST_F(ConfigParserTest, LookupsByNameAnswerTheirLastResultWhenTheyFail) {
 }
 
 TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) {
-    ASSERT_TRUE(parse(Document()));
+    ASSERT_TRUE(parse(Document().value()));
     const std::string service = "\nService name does not exist";
     const std::string collector = "\nCollector name does not exist";
+    const std::string failed = "Failed to get the ";
+    const std::string json = " from Json Configuration file";
     std::map<std::string, long long> histories;
     const std::tuple<std::function<void()>, int, std::string> cases[] = {
         {[&] { m_parser.getResources("None", m_code); }, 7, "Service name doesn't exist"},
@@ -278,22 +270,14 @@ TEST_F(ConfigParserTest, QueriesForWhatIsNotThereAnswerWithTheCodeOfTheirFault) 
         {[&] { m_parser.getIndexNumber("none", "Gnss", "position", m_code); }, 12, collector},
         {[&] { m_parser.getServiceName("none", m_code); }, 12, collector},
         {[&] { m_parser.getServiceAndResource("none", m_code); }, 12, collector},
-        {[&] { ConfigParser().configReportBlock(m_code); }, 11,
-         "Failed to get the report from Json Configuration file"},
-        {[&] { ConfigParser().populateConfig(m_code); }, 6,
-         "Failed to get the configuration from Json Configuration file"},
-        {[&] { ConfigParser().populateClock(m_code); }, 14,
-         "Failed to get the clock from Json Configuration file"},
-        {[&] { ConfigParser().populateReport(m_code); }, 11,
-         "Failed to get the report from Json Configuration file"},
-        {[&] { ConfigParser().populateCollect(m_code); }, 14,
-         "Failed to get the collect services from Json Configuration file"},
-        {[&] { ConfigParser().getResourceIndexValue("s", "r"); }, 14,
-         "Failed to get the collect services from Json Configuration file"},
-        {[&] { ConfigParser().getAllConfiguredServices(m_code); }, 14,
-         "Failed to get the configured services from Json Configuration file"},
-        {[&] { ConfigParser().getCollectorObjCount(m_code); }, 14,
-         "Failed to get the collector obj count from Json Configuration file"},
+        {[&] { ConfigParser().configReportBlock(m_code); }, 11, failed + "report" + json},
+        {[&] { ConfigParser().populateConfig(m_code); }, 6, failed + "configuration" + json},
+        {[&] { ConfigParser().populateClock(m_code); }, 14, failed + "clock" + json},
+        {[&] { ConfigParser().populateReport(m_code); }, 11, failed + "report" + json},
+        {[&] { ConfigParser().populateCollect(m_code); }, 14, failed + "collect services" + json},
+        {[&] { ConfigParser().getResourceIndexValue("s", "r"); }, 14, failed + "collect services" + json},
+        {[&] { ConfigParser().getAllConfiguredServices(m_code); }, 14, failed + "configured services" + json},
+        {[&] { ConfigParser().getCollectorObjCount(m_code); }, 14, failed + "collector obj count" + json},
         {[&] { ConfigParser().getAllCollectorNames(m_code, histories); }, 14,
          "Failed to get the services info from Json Catalog file"},
     };

@@ -4,10 +4,10 @@
 #include "tests/support/Test.h"
 #include "tests/support/TestCatalog.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 SignalCollection collectionOf(const std::string& collector) {
     return SignalCollection(valueOf(R"({"collectName":")" + collector + "\"}"));
@@ -132,4 +132,3 @@ TEST_F(VlmReportControlTest, MakesOneBatchOfACollectorsTick) {
 }
 
 }  // namespace
-}  // namespace vlmProd

@@ -6,10 +6,10 @@
 #include "qdr/services/airbag/datatypes.h"
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 Value recordOf(const Value& type) {
     Value record =
@@ -116,4 +116,3 @@ TEST_F(ResourceTest, ConvertsTheListedFieldsOfTheStructuresOfAnIndex) {
 }
 
 }  // namespace
-}  // namespace vlmProd

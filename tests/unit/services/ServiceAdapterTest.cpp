@@ -4,20 +4,15 @@
 #include "services/adapters/ServiceAdapterBase.h"
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 /// An adapter; the test plays its middleware.
 class VLMSpring : public ServiceAdapterBase {
   public:
-    explicit VLMSpring(std::optional<std::chrono::milliseconds> pause)
-        : ServiceAdapterBase("VLMSpring", "SpringProxy") {
-        if (pause) {
-            setAttemptPause(*pause);
-        }
-    }
+    VLMSpring() : ServiceAdapterBase("VLMSpring", "SpringProxy") {}
     void receive(const char* event) {
         if (const auto resource = resourceOfSample(event)) {
             kyo::Json::Value record = newRecord(event);
@@ -45,6 +40,7 @@ struct ServiceAdapterTest : Test {
     ServiceAdapterTest() {
         recordsOf("");
         log.clear();
+        adapter.setAttemptPause(0ms);
     }
 
     /// Takes all records from the ingress queue and returns the number of those for that collector.
@@ -56,7 +52,7 @@ struct ServiceAdapterTest : Test {
         return count;
     }
 
-    VLMSpring adapter{0ms};
+    VLMSpring adapter;
     LogCapture log;
 };
 
@@ -73,7 +69,7 @@ TEST_F(ServiceAdapterTest, ConnectsOnceWithinFiveAttempts) {
     EXPECT_EQ(adapter.attempts, 0)
         << "what was found is not looked for again, even if it is not connected now";
 
-    VLMSpring second{std::nullopt};
+    VLMSpring second;
     second.offeredAtAttempt = 2;
     const auto began = std::chrono::steady_clock::now();
     EXPECT_TRUE(second.initProxy());
@@ -168,4 +164,3 @@ TEST_F(ServiceAdapterTest, ReceivesWhileItIsConfigured) {
 }
 
 }  // namespace
-}  // namespace vlmProd

@@ -2,10 +2,10 @@
 
 #include "tests/support/Test.h"
 
-namespace vlmProd {
 namespace {
 
 using namespace vlmTest;
+using namespace vlmProd;
 
 TEST(ServiceDiscoveryTest, CompletesTheNamesOfAListAndTriesEachAgainAfterAllOthersUntilItConnects) {
     std::vector<std::string> asked;
@@ -49,4 +49,3 @@ TEST(ServiceDiscoveryThread, EndsPromptlyWhenItIsStoppedInItsWait) {
 }
 
 }  // namespace
-}  // namespace vlmProd
