@@ -14,8 +14,14 @@ PASSWORDS = {"backend": "b1", "bench": "v1", "other": "v2"}
 
 
 class AccessTest(ProcessCase):
-    def setUp(self):
-        super().setUp()
+    def client(self, login, topics=()):
+        password = PASSWORDS.get(login)
+        client = Client(self.port, f"test-{login}-{id(topics)}", topics, password and login, password)
+        self.addCleanup(client.end)
+        client.wait(lambda: client.connected is not None)
+        return client
+
+    def test_a_vehicle_writes_and_reads_below_its_own_name_alone(self):
         self.port = free_tcp_port()
         for file in ("access.acl", "mosquitto.conf"):
             text = (SOURCE / "examples/mosquitto" / file).read_text()
@@ -27,15 +33,6 @@ class AccessTest(ProcessCase):
             subprocess.run([program("mosquitto_passwd"), "-b", passwords, login, password], check=True)
         broker = self.start_peer("broker", program("mosquitto"), "-c", "mosquitto.conf", cwd=self.folder)
         wait_until(lambda: listens(self.port), broker.text)
-
-    def client(self, login, topics=()):
-        password = PASSWORDS.get(login)
-        client = Client(self.port, f"test-{login}-{id(topics)}", topics, password and login, password)
-        self.addCleanup(client.end)
-        client.wait(lambda: client.connected is not None)
-        return client
-
-    def test_a_vehicle_writes_and_reads_below_its_own_name_alone(self):
         seen = self.client("backend", ["vlm/#"])
         shared = self.client("backend", ["$share/fleet/vlm/+/data/#"])
         other = self.client("other", ["vlm/#", "#", "vlm/bench/config/response", "vlm/other/config/response"])

@@ -40,11 +40,6 @@ class Backend(VlmBackend):
         with open(self.file, "a") as file:
             file.writelines(line + "\n" for line in lines)
 
-    def fill(self):
-        self.write(*(envelope(f"m-{n}", n, positions(n * 600, 600)) for n in range(SAMPLES // 600)),
-                   '{"messageId":"broken","timestamp":1,"orxClientDataReport":"no report"}')
-        self.wait_for("kept aside")
-
     def raw(self, data):
         """What comes for these bytes until the connection ends."""
         with socket.create_connection(("127.0.0.1", self.port), DEADLINE) as peer:
@@ -78,7 +73,9 @@ def schema_of(node):
 class HttpTest(ProcessCase):
     def filled(self, *arguments, **options):
         backend = self.until_end(Backend(self.folder, *arguments, **options))
-        backend.fill()
+        backend.write(*(envelope(f"m-{n}", n, positions(n * 600, 600)) for n in range(SAMPLES // 600)),
+                      '{"messageId":"broken","timestamp":1,"orxClientDataReport":"no report"}')
+        backend.wait_for("kept aside")
         return backend
 
 

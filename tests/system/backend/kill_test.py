@@ -4,12 +4,12 @@ two instances, of which one takes the other's vehicles over. Database and broker
 The environment is that of tests/support/processes.py, and VLM_BUILD. VLM_FAULT_ROUNDS tells how often each is killed,
 VLM_FAULT_SEED repeats a run's moments.
 """
-import importlib.util
+import contextlib
 import os
 import random
+import runpy
 import sqlite3
 import sys
-from importlib.machinery import SourceFileLoader
 from pathlib import Path
 from types import SimpleNamespace
 
@@ -23,9 +23,7 @@ SAMPLES = 20  # of an envelope
 PATIENT = 90  # s; reached only on failure
 
 sys.path.insert(0, str(SOURCE / "bench"))
-loader = SourceFileLoader("fleet", str(SOURCE / "bench/fleet"))
-fleet = importlib.util.module_from_spec(importlib.util.spec_from_loader("fleet", loader))
-loader.exec_module(fleet)
+fleet = SimpleNamespace(**runpy.run_path(str(SOURCE / "bench/fleet")))
 
 
 class SqliteSite(fleet.Site):
@@ -44,11 +42,8 @@ class SqliteSite(fleet.Site):
     start = stop = kill
 
     def ask(self, statement):
-        connection = sqlite3.connect(self.file)
-        try:
+        with contextlib.closing(sqlite3.connect(self.file)) as connection:
             return "\n".join("|".join(map(str, row)) for row in connection.execute(statement))
-        finally:
-            connection.close()
 
 
 class KillTest(ProcessCase):

@@ -57,7 +57,6 @@ class PageBackendTest(ProcessCase):
         identifiers = [identifier for _, identifier, _ in backend.received]
         for refused in identifiers[1:3]:
             self.assertGreater(identifiers.count(refused), 1, "what got result 1 or 2 comes again")
-
         broker.kill()
         self.master.wait_for_count("spool.waiting", BACKLOG)
         backend.answer_after = 0.3

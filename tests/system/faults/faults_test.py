@@ -4,6 +4,7 @@ The environment is that of tests/support/processes.py, and VLM_SPOOL. VLM_FAULT_
 (a few times without it), VLM_FAULT_SEED repeats a run's random moments. Most run with a faster clock, as nothing ticks
 faster than once a minute.
 """
+import contextlib
 import ctypes
 import json
 import os
@@ -28,14 +29,8 @@ SERVICES = ("GNSS", "Chassis", "Temperature", "DrivingRange", "Airbag")
 COLLECTORS = 8  # of examples/collector.json
 EVENTS = 6  # which these collect from
 SPEED = 20  # a tick every three seconds
-# Drops caused by a preempted lock holder on a loaded machine; printed only, since none of these faults causes
-# them.
-QUEUES = ("queue.bus.dropped", "queue.ingress.dropped", "queue.collector.input.dropped",
-          "queue.collector.output.dropped", "queue.report.dropped", "queue.shipping.dropped", "queue.discovery.dropped")
 NEVER = ("someip.malformed", "someip.truncated", "someip.wrongPeer", "someip.handlerFailures", "someip.sd.malformed",
          "threads.failed", "config.refused")
-
-
 LIBC = ctypes.CDLL(None)
 PIDFD_GETFD, TCP_REPAIR = 438, 19  # which Python does not name
 
@@ -44,13 +39,10 @@ def connections_of(process):
     """Copies of the process's ends of its TCP connections. Needs root."""
     handle = os.pidfd_open(process.pid)
     for descriptor in os.listdir(f"/proc/{process.pid}/fd"):
-        copy = LIBC.syscall(PIDFD_GETFD, handle, int(descriptor), 0)
-        try:
-            end = socket.socket(fileno=copy)
+        with contextlib.suppress(OSError):  # no socket, or not connected
+            end = socket.socket(fileno=LIBC.syscall(PIDFD_GETFD, handle, int(descriptor), 0))
             if end.getpeername() and end.type == socket.SOCK_STREAM:
                 yield end
-        except OSError:
-            pass  # no socket, or not connected
     os.close(handle)
 
 
@@ -60,7 +52,9 @@ class FaultTest(ProcessCase):
         self.chance = random.Random(f"{SEED} {self.id()}")
         self.clock = faster_clock(SPEED)
         self.need(clock=self.clock)
-        self.port = free_udp_port()
+        self.port, self.broker_port = free_udp_port(), free_tcp_port()
+        self.store = os.path.join(self.folder, "store.jsonl")
+        self.mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "reconnectMaxSeconds": 5}
         self.figures = {}
 
     def tearDown(self):
@@ -78,9 +72,12 @@ class FaultTest(ProcessCase):
             backend = {"directory": {"path": os.path.join(folder, "backend"), "configuration": CONFIGURATION}}
             self.store = os.path.join(folder, "backend", "envelopes.jsonl")
         manifest = {"log": {"maxLevel": 3, **(log or {})}, "backend": backend}
-        options.setdefault("environment", self.clock)
         self.master = self.until_end(Vlmmaster(["-c", APPLICATION, *arguments], folder, port=self.port, manifest=manifest,
-                                               **options))
+                                               **{"environment": self.clock, **options}))
+
+    def start_backend(self, *arguments, **options):
+        self.start_peer("backend", BACKEND, "--port", self.broker_port, "--prefix", "vlm/faults", "--config", CONFIGURATION,
+                        "--store", self.store, *arguments, **options)
 
     def random_pause(self, most):
         time.sleep(self.chance.uniform(0, most))  # a random moment, not a wait for something
@@ -114,6 +111,11 @@ class FaultTest(ProcessCase):
         wait_until(lambda: len(filled()) >= COLLECTORS - 2,  # crash and airbags may have no new samples
                    lambda: f"fresh samples in the reports; status {self.status()}", 90, 0.1)
 
+    def check_some(self, *names):
+        """That there are some of each of these counters. All are among the figures."""
+        self.figures["status"] = self.status()
+        self.assertNotIn(0, [self.master.count(name) for name in names], self.status())
+
     def check_no_gap(self):
         """The numbers of the reports have no gap."""
         reports = self.reports()
@@ -125,22 +127,15 @@ class FaultTest(ProcessCase):
 
     def check_each_report_is_accounted_for(self):
         """Every report so far arrives, waits, or is counted as dropped."""
-        queued, waiting, discarded, failed, resent = self.master.count(
-            "reports.queued", "reports.waiting", "reports.discarded", "reports.failed", "reports.resent")
-        wait_until(lambda: len(self.reports()) >= queued - waiting - discarded - failed,
+        queued, *elsewhere = self.master.count("reports.queued", "reports.waiting", "reports.discarded", "reports.failed")
+        wait_until(lambda: len(self.reports()) >= queued - sum(elsewhere),
                    lambda: f"{len(self.reports())} reports; {self.status()}", 20)
-        self.figures.update({"reports delivered": len(self.reports()), "discarded": discarded, "failed": failed,
-                          "sent again": resent})
+        self.figures["reports delivered"] = len(self.reports())
 
     def finish(self):
         """Nothing was lost in between, and a stop ends the process in order."""
-        for name, value in zip(NEVER, self.master.count(*NEVER)):
-            self.assertEqual(value, 0, f"{name} in {self.status()}")
-        self.figures.update({name: value for name, value in zip(QUEUES, self.master.count(*QUEUES)) if value})
-        received, dispatched = self.master.count("samples.received", "records.dispatched")
-        self.figures["samples received"] = received
-        self.assertGreater(received, 100)
-        self.assertGreater(dispatched, 0)
+        self.check_some("samples.received", "records.dispatched")
+        self.assertEqual(dict(zip(NEVER, self.master.count(*NEVER))), dict.fromkeys(NEVER, 0))
         self.assertEqual(self.master.stop(), 0, self.master.text()[-3000:])
 
 
@@ -151,8 +146,7 @@ class VehicleFaults(FaultTest):
 
     def test_over_tcp_a_vehicle_is_heard_again_after_its_end_a_stall_a_reset_and_a_power_cut(self):
         vehicle = self.kill_and_restart("--tcp")
-        self.figures["connections"] = self.master.count("someip.tcp.connected")
-        self.assertGreater(self.figures["connections"], ROUNDS or 3)
+        self.assertGreater(self.master.count("someip.tcp.connected"), ROUNDS or 3)
         for stalled in (vehicle, self.master):
             stalled.process.send_signal(signal.SIGSTOP)
             time.sleep(4)  # longer than the TTL of offers and subscriptions, and than a server waits
@@ -173,7 +167,6 @@ class VehicleFaults(FaultTest):
             ends = [end.close() for end in ends]
             vehicle.start()
             self.wait_for_samples()
-        self.figures["connections lost"] = self.master.count("someip.tcp.lost")
         self.assertEqual(self.master.count("someip.tcp.broken", "someip.tp.segments"), [0, 0])
         self.finish()
 
@@ -181,10 +174,8 @@ class VehicleFaults(FaultTest):
         vehicle = self.start_vehicle(*arguments)
         self.start_master()
         self.wait_for_all_services()
-        rounds = ROUNDS or 3
-        self.figures["rounds"] = rounds
         longest = 0.0
-        for _ in range(rounds):
+        for _ in range(ROUNDS or 3):
             self.random_pause(1)
             vehicle.kill()
             self.random_pause(0.5)
@@ -196,8 +187,7 @@ class VehicleFaults(FaultTest):
         self.figures["longest time to 200 samples"] = f"{longest:.1f} s"
         self.assertEqual(self.master.count("services.found"), len(SERVICES))
         # Each was noticed: a quick return as a reboot, a slow one as an expired offer.
-        self.figures["reboots seen"] = self.master.count("someip.sd.reboots")
-        self.assertGreater(self.figures["reboots seen"], 0)
+        self.check_some("someip.sd.reboots")
         self.wait_for_fresh_samples()
         self.check_no_gap()
         return vehicle
@@ -232,9 +222,8 @@ class NetworkFaults(FaultTest):
         counted = self.settle(relay, vehicle)
         for what in ("events lost", "events doubled", "events overtaken", "discovery lost", "events forwarded"):
             self.assertGreater(counted[what], 0, what)
-            self.figures[what] = counted[what]
+        self.figures.update(counted)
         gaps, repeats = self.master.count("someip.sessionGaps", "someip.sessionRepeats")
-        self.figures.update({"session gaps": gaps, "session repeats": repeats})
         # A lost message next to an overtaken or a doubled one may not be seen.
         self.assertGreater(gaps, counted["events lost"] / 2)
         self.assertLess(gaps, counted["events lost"] * 1.1 + 5)
@@ -264,37 +253,14 @@ class NetworkFaults(FaultTest):
                     "queue.collector.output.dropped"))) if difference}
 
         wait_until(lambda: not differences(), lambda: f"{differences()} in {self.status()}", 30)
-        for name in ("someip.malformed", "someip.truncated", "someip.wrongVersion", "someip.sd.malformed",
-                       "samples.received", "records.dispatched"):
-            self.figures[name] = self.master.count(name)
-            self.assertGreater(self.figures[name], 0, name)
-        self.figures["mutated"] = relay.counted["mutated"]
+        self.check_some("someip.malformed", "someip.truncated", "someip.wrongVersion", "someip.sd.malformed",
+                        "samples.received", "records.dispatched")
+        self.figures.update(relay.counted)
         self.master.stop()
 
 
 class BrokerFaults(FaultTest):
     """With the access rules of examples/mosquitto."""
-
-    def setUp(self):
-        super().setUp()
-        self.need("mosquitto_passwd")
-        self.broker_port = free_tcp_port()
-        self.store = os.path.join(self.folder, "store.jsonl")
-        self.users = self.write("users", "")
-        self.set_password("right")
-        # A broker started by root changes to a user who could not read the file.
-        self.broker = self.start_broker(self.broker_port, f"allow_anonymous false\npassword_file {self.users}\n"
-                                        f"acl_file {SOURCE}/examples/mosquitto/access.acl\n"
-                                        f"user {'root' if os.geteuid() == 0 else ''}")
-        self.start_vehicle()
-        mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "user": "faults", "password": "right",
-                "reconnectMaxSeconds": 5, "keepAliveSeconds": 60}
-        self.start_master(backend={"transport": "mqtt", "mqtt": mqtt})
-        self.start_peer("backend", BACKEND, "--port", str(self.broker_port), "--prefix", "vlm/faults",
-                        "--user", "backend", "--config", CONFIGURATION, "--store", self.store,
-                        "--reopen-after", "100", env=dict(os.environ, VLM_BACKEND_PASSWORD="right"))
-        self.wait_for_all_services()
-        self.wait_for_fresh_samples()
 
     def set_password(self, password):
         for user, theirs in (("faults", password), ("backend", "right")):
@@ -310,7 +276,20 @@ class BrokerFaults(FaultTest):
         self.master.wait_for_count("orx.reconnects", reconnects + 1)
 
     def test_a_broker_that_dies_stalls_and_refuses_the_login_for_a_while(self):
-        rounds = self.figures["rounds"] = ROUNDS or 2
+        self.need("mosquitto_passwd")
+        self.users = self.write("users", "")
+        self.set_password("right")
+        # A broker started by root changes to a user who could not read the file.
+        self.broker = self.start_broker(self.broker_port, f"allow_anonymous false\npassword_file {self.users}\n"
+                                        f"acl_file {SOURCE}/examples/mosquitto/access.acl\n"
+                                        f"user {'root' if os.geteuid() == 0 else ''}")
+        self.start_vehicle()
+        self.mqtt.update(user="faults", password="right", keepAliveSeconds=60)
+        self.start_master(backend={"transport": "mqtt", "mqtt": self.mqtt})
+        self.start_backend("--user", "backend", "--reopen-after", "100", env={**os.environ, "VLM_BACKEND_PASSWORD": "right"})
+        self.wait_for_all_services()
+        self.wait_for_fresh_samples()
+        rounds = ROUNDS or 2
         for _ in range(rounds):
             self.random_pause(1.5)
             self.broker.kill()
@@ -334,7 +313,6 @@ class BrokerFaults(FaultTest):
             self.start_again()
         self.wait_for_fresh_samples()
         self.assertEqual(self.master.text().count("Not authorized"), rounds, "each time once, however often it is refused")
-        self.figures["connected again"] = self.master.count("orx.reconnects")
         self.check_each_report_is_accounted_for()
         self.finish()
 
@@ -342,24 +320,11 @@ class BrokerFaults(FaultTest):
 class SpoolFaults(FaultTest):
     """The process is killed while envelopes are written, wait, are sent and are deleted."""
 
-    def setUp(self):
-        super().setUp()
-        self.broker_port = free_tcp_port()
-        self.store = os.path.join(self.folder, "store.jsonl")
-        self.spool = os.path.join(self.folder, "spool")
-        self.log = os.path.join(self.folder, "log.txt")
-        self.gone, self.kept = [], set()
-        self.clock = faster_clock(2 * SPEED)
-        self.broker = self.start_broker(self.broker_port)
-        self.start_vehicle(period=1000)
-        self.start_peer("backend", BACKEND, "--port", str(self.broker_port), "--prefix", "vlm/faults",
-                        "--config", CONFIGURATION, "--store", self.store)
-
     def start_process(self):
         # The process's seconds are short: no time-out of its own is to be the reason for what comes again.
-        mqtt = {"port": self.broker_port, "prefix": "vlm/faults", "reconnectMaxSeconds": 5, "keepAliveSeconds": 1200}
         self.start_master(log={"maxLevel": 5, "console": False, "file": self.log, "fileLevel": 5},
-                          backend={"transport": "mqtt", "mqtt": mqtt, "compression": {"method": "zstd"},
+                          backend={"transport": "mqtt", "mqtt": {**self.mqtt, "keepAliveSeconds": 1200},
+                                   "compression": {"method": "zstd"},
                                    "spool": {"path": self.spool, "drainJitterSeconds": 0, "resultTimeoutSeconds": 2400},
                                    "remember": {"afterSeconds": 0}})
 
@@ -372,10 +337,6 @@ class SpoolFaults(FaultTest):
             elif "Send vlm Data State: SUCCESS" in line and last:
                 ids.add(last)
         return ids
-
-    def waiting(self):
-        lines = subprocess.run([SPOOL, "list", self.spool], check=True, capture_output=True, text=True).stdout.splitlines()
-        return {line.rsplit(" ", 1)[1] for line in lines[:-1]}
 
     def identifiers(self):
         return [envelope["messageId"] for envelope in self.arrived()]
@@ -392,12 +353,19 @@ class SpoolFaults(FaultTest):
             self.random_pause(0.03)
         self.master.kill()
         before = self.identifiers()
-        waiting = self.waiting()
+        listed = subprocess.run([SPOOL, "list", self.spool], check=True, capture_output=True, text=True).stdout.splitlines()
+        waiting = {line.rsplit(" ", 1)[1] for line in listed[:-1]}
         self.gone.append((len(before), set(before) - waiting))
         self.kept |= waiting
-        self.figures["kills"] = self.figures.get("kills", 0) + 1
 
     def test_killed_at_random_moments_it_loses_nothing_that_it_has_confirmed(self):
+        self.spool = os.path.join(self.folder, "spool")
+        self.log = os.path.join(self.folder, "log.txt")
+        self.gone, self.kept = [], set()
+        self.clock = faster_clock(2 * SPEED)
+        self.broker = self.start_broker(self.broker_port)
+        self.start_vehicle(period=1000)
+        self.start_backend()
         self.start_process()
         self.wait_for_all_services()
         wait_until(self.arrived, "a first report", 60)
@@ -423,8 +391,8 @@ class SpoolFaults(FaultTest):
         for count, gone in self.gone:
             self.assertEqual(set(arrivals[count:]) & gone, set(), "came again after its deletion")
         different = len(set(arrivals))
-        self.figures.update({"confirmed by the last log": len(confirmed), "on the disk at a kill": len(self.kept),
-                          "arrived": different, "of them again": len(arrivals) - different})
+        self.figures.update({"kills": len(self.gone), "confirmed by the last log": len(confirmed), "arrived": different,
+                             "on the disk at a kill": len(self.kept), "of them again": len(arrivals) - different})
 
 
 class ClusterFaults(FaultTest):
@@ -436,7 +404,6 @@ class ClusterFaults(FaultTest):
         if not ROUNDS:
             self.skipTest("by make faults alone, as it takes minutes")
         from page_backend import PageBackend, mqtt
-        self.store = os.path.join(self.folder, "store.jsonl")
         self.cluster = Cluster(self.folder, self.start_peer)
         ports = self.cluster.mqtt_ports()
         # No dot in the prefix: it separates the parts of a name in this broker.
@@ -446,13 +413,11 @@ class ClusterFaults(FaultTest):
         self.start_master(backend={
             "transport": "mqtt", "compression": {"method": "zstd"},
             "spool": {"path": os.path.join(self.folder, "spool"), "drainJitterSeconds": 0, "resultTimeoutSeconds": 120},
-            "mqtt": {"hosts": [f"127.0.0.1:{port}" for port in ports], "prefix": "vlm/faults", "reconnectMaxSeconds": 5,
-                     "keepAliveSeconds": 100}})
+            "mqtt": {**self.mqtt, "hosts": [f"127.0.0.1:{port}" for port in ports], "keepAliveSeconds": 100}})
         self.wait_for_all_services()
         self.wait_for_fresh_samples()
 
     def test_a_random_broker_of_three_is_killed(self):
-        self.figures["kills"] = ROUNDS
         for turn in range(ROUNDS):
             self.random_pause(4)
             # The first one is the vehicle's.
@@ -467,8 +432,7 @@ class ClusterFaults(FaultTest):
         received = self.backend.received
         self.assertGreaterEqual({number for number, _, _ in received}, set(range(1, stored + 1)))
         self.assertEqual(self.backend.faults, [])
-        self.figures.update({"connected again": self.master.count("orx.reconnects"), "envelopes": stored,
-                          "came again": len(received) - len({number for number, _, _ in received})})
+        self.figures["came again"] = len(received) - len({number for number, _, _ in received})
         self.finish()
 
 
@@ -478,8 +442,15 @@ class DiskFaults(FaultTest):
     In real time, a tick a minute: libfaketime does not know the wait after which the disk is tried again.
     """
 
-    def setUp(self):
-        super().setUp()
+    def remount(self, how):
+        user = [] if os.geteuid() == 0 else ["--user", "--preserve-credentials"]
+        subprocess.run(["nsenter", *user, "--mount", "-t", str(self.master.process.pid), "mount", "-o",
+                        f"remount,{how}", self.place], check=True)
+
+    def fill(self):
+        subprocess.run(["dd", "if=/dev/zero", f"of={self.disk}/filling"], check=False, stderr=subprocess.DEVNULL)
+
+    def test_a_disk_that_is_full_and_then_read_only(self):
         self.need("unshare", "nsenter", "mount")
         self.clock = None
         self.place = os.path.join(self.folder, "disk")
@@ -493,22 +464,7 @@ class DiskFaults(FaultTest):
         self.disk = Path(f"/proc/{self.master.process.pid}/root{self.place}")
         self.store = self.disk / "envelopes.jsonl"
         self.wait_for_all_services()
-
-    def remount(self, how):
-        user = [] if os.geteuid() == 0 else ["--user", "--preserve-credentials"]
-        subprocess.run(["nsenter", *user, "--mount", "-t", str(self.master.process.pid), "mount", "-o",
-                        f"remount,{how}", self.place], check=True)
-
-    def fill(self):
-        with open(self.disk / "filling", "wb", buffering=0) as file:
-            try:
-                while file.write(b" " * 4096):
-                    pass
-            except OSError:
-                pass  # no space left
-
-    def test_a_disk_that_is_full_and_then_read_only(self):
-        rounds = self.figures["rounds"] = max(1, ROUNDS // 4)
+        rounds = max(1, ROUNDS // 4)
         faults = ((self.fill, (self.disk / "filling").unlink), (lambda: self.remount("ro"), lambda: self.remount("rw")))
         for turn, (begin, end) in enumerate(faults * rounds, start=1):
             begin()
@@ -518,7 +474,7 @@ class DiskFaults(FaultTest):
             # Of the tick's two reports, the one whose sending failed is lost; the next one arrives.
             wait_until(lambda: len(self.reports()) + self.master.count("reports.failed") >= 2 * turn, self.status, 20)
         self.check_each_report_is_accounted_for()
-        self.assertGreaterEqual(self.figures["reports delivered"], 2 * rounds)
+        self.assertGreaterEqual(len(self.reports()), 2 * rounds)
         self.finish()
 
 
@@ -557,59 +513,48 @@ class ClockFaults(FaultTest):
         wait_until(lambda: len(self.reports()) >= 2, self.status, 100, 0.2)
         self.check_no_gap()
         self.assertEqual(self.master.count("someip.sd.reboots"), 0)
-        self.figures.update(jumps=len(jumps), expired=self.master.count("records.expired"))
+        self.figures["jumps"] = len(jumps)
         self.finish()
 
 
 class DltFaults(FaultTest):
-    def setUp(self):
-        super().setUp()
-        self.need("dlt-daemon", "dlt-receive")
-        self.pipes = os.path.join(self.folder, "dlt")
-        os.mkdir(self.pipes)
-        self.dlt_port = free_tcp_port()
-        Path(self.pipes, "dlt.conf").write_text(
-            "SendContextRegistration = 1\nECUId = ECU1\nLoggingMode = 2\nLoggingLevel = 3\n"
-            f"LoggingFilename = {self.pipes}/daemon.log\nTimeOutOnSend = 4\nRingbufferMinSize = 500000\n"
-            f"RingbufferMaxSize = 10000000\nRingbufferStepSize = 500000\nPersistanceStoragePath = {self.pipes}\n"
-            f"ControlSocketPath = {self.pipes}/ctrl.sock\nBindAddress = ::ffff:127.0.0.1\n")
-        self.daemon = self.start_peer("daemon", "dlt-daemon", "-c", f"{self.pipes}/dlt.conf", "-t", self.pipes, "-p",
-                                      self.dlt_port)
-        wait_until(lambda: os.path.exists(f"{self.pipes}/dlt"), "the daemon's pipe", 20)
-        self.start_peer("received", "stdbuf", "-oL", "dlt-receive", "-a", "-p", str(self.dlt_port), "127.0.0.1")
-        self.start_vehicle()
-        self.start_master(log={"maxLevel": 7, "console": False, "dlt": True},
-                          environment={**self.clock, "DLT_PIPE_DIR": self.pipes})
-        self.wait_for_all_services()
-        self.wait_for_messages(100)
-        received = Path(self.folder, "received.txt")  # debug messages too, which the daemon's own level would hide
-        wait_until(lambda: b"VLM- VLM- log debug" in received.read_bytes(), "a debug message through the daemon")
-
     def wait_for_messages(self, more):
         self.master.wait_for_count("log.dlt.messages", self.master.count("log.dlt.messages") + more)
 
     def test_a_daemon_that_dies_and_stalls(self):
-        rounds = self.figures["rounds"] = ROUNDS or 2
-        for _ in range(rounds):
+        self.need("dlt-daemon", "dlt-receive")
+        port = free_tcp_port()
+        configuration = self.write("dlt.conf", (
+            f"LoggingMode = 2\nLoggingFilename = {self.folder}/daemon.log\nPersistanceStoragePath = {self.folder}\n"
+            f"ControlSocketPath = {self.folder}/ctrl.sock\nBindAddress = ::ffff:127.0.0.1\n"))
+        daemon = self.start_peer("daemon", "dlt-daemon", "-c", configuration, "-t", self.folder, "-p", port)
+        wait_until(lambda: os.path.exists(f"{self.folder}/dlt"), "the daemon's pipe", 20)
+        self.start_peer("received", "stdbuf", "-oL", "dlt-receive", "-a", "-p", port, "127.0.0.1")
+        self.start_vehicle()
+        self.start_master(log={"maxLevel": 7, "console": False, "dlt": True},
+                          environment={**self.clock, "DLT_PIPE_DIR": self.folder})
+        self.wait_for_all_services()
+        self.wait_for_messages(100)
+        received = Path(self.folder, "received.txt")  # debug messages too, which the daemon's own level would hide
+        wait_until(lambda: b"VLM- VLM- log debug" in received.read_bytes(), "a debug message through the daemon")
+        for _ in range(ROUNDS or 2):
             self.random_pause(0.5)
-            self.daemon.kill()
+            daemon.kill()
             wait_until(lambda: not self.master.count("log.dlt.connected"), "that the daemon's end is noticed")
             self.wait_for_samples()
-            self.daemon.start()
+            daemon.start()
             wait_until(lambda: self.master.count("log.dlt.connected"), "that the daemon's return is noticed")
             self.wait_for_messages(100)
 
             dropped = self.master.count("log.dropped.dlt")
-            self.daemon.process.send_signal(signal.SIGSTOP)
+            daemon.process.send_signal(signal.SIGSTOP)
             self.master.wait_for_count("log.dropped.dlt", dropped + 2000)
             self.wait_for_samples()
-            self.daemon.process.send_signal(signal.SIGCONT)
+            daemon.process.send_signal(signal.SIGCONT)
             self.wait_for_messages(1000)
-        self.assertEqual(self.master.count("log.dlt.connected"), True)
         self.wait_for_fresh_samples()
         self.check_no_gap()
-        names = ("log.dlt.messages", "log.dropped.dlt", "log.dlt.noDaemon")
-        self.figures.update(zip(names, self.master.count(*names)))
+        self.check_some("log.dlt.messages", "log.dropped.dlt", "log.dlt.noDaemon")
         self.finish()
         # Standard error and output are the same file, and the console is off.
         self.assertLess(self.master.text().count("\n"), 5, self.master.text()[:2000])

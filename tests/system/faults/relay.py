@@ -68,9 +68,8 @@ class Relay:
                     send()
 
     def _from_vehicle(self, channel, data):
-        told = self._translate(data, "vehicle", self._events_to_master.getsockname())
+        told = self._mutate(self._translate(data, "vehicle", self._events_to_master.getsockname()))
         to = (BROADCAST if channel.getsockname()[0] == BROADCAST else "127.0.0.1", self._master_port)
-        told = self._mutate(told)
         self._pass("discovery", channel, lambda: self._to_master.sendto(told, to))
 
     def _from_master(self, channel, data):
@@ -114,21 +113,18 @@ class Relay:
         return bytes(data)
 
     def _pass(self, what, way, send):
-        def counted():
+        def forward():
             self.counted[f"{what} forwarded"] += 1
             send()
 
-        dice = self._chance.random()
-        if dice < self.share:
-            self.counted[f"{what} lost"] += 1
-            return
-        if dice < 2 * self.share and way not in self._held:
-            self.counted[f"{what} overtaken"] += 1
-            self._held[way] = (time.monotonic() + HOLD_SECONDS, counted)
-            return
-        counted()
-        if 2 * self.share <= dice < 3 * self.share:
-            self.counted[f"{what} doubled"] += 1
-            counted()
-        if way in self._held:
-            self._held.pop(way)[1]()
+        fate = self._chance.choices(("lost", "overtaken", "doubled", "kept"), [*[self.share] * 3, 1 - 3 * self.share])[0]
+        if fate == "overtaken" and way in self._held:
+            fate = "kept"
+        self.counted[f"{what} {fate}"] += 1
+        if fate == "overtaken":
+            self._held[way] = (time.monotonic() + HOLD_SECONDS, forward)
+        elif fate != "lost":
+            for _ in range(2 if fate == "doubled" else 1):
+                forward()
+            if way in self._held:
+                self._held.pop(way)[1]()

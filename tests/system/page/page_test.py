@@ -17,15 +17,11 @@ SPEED = 15  # the clock ticks at most once a minute
 
 
 class PageTest(ProcessCase):
-    def setUp(self):
-        super().setUp()
-        self.clock = faster_clock(SPEED)
-        self.need("node", "chromium", clock=self.clock)
+    def test_in_a_browser(self):
+        clock = faster_clock(SPEED)
+        self.need("node", "chromium", clock=clock)
         if not (BUILD / "page/index.html").exists() or not (PACKAGES / "node_modules").exists():
             self.skipTest("the page is not built, as npm could not fetch its packages")
-
-    def start(self):
-        """The page's address, and what the steps end and start again."""
         os.chmod(self.folder, 0o755)
         place = os.path.join(self.folder, "database")
         os.mkdir(place)
@@ -34,7 +30,7 @@ class PageTest(ProcessCase):
         broker_port, discovery, port = free_tcp_port(), free_udp_port(), free_tcp_port()
         broker = self.start_broker(broker_port)
         log = os.path.join(self.folder, "log.txt")
-        master = self.until_end(Vlmmaster(["-c", APPLICATION], self.folder, port=discovery, environment=self.clock, manifest={
+        master = self.until_end(Vlmmaster(["-c", APPLICATION], self.folder, port=discovery, environment=clock, manifest={
             "log": {"console": False, "file": log, "fileLevel": 3},
             "backend": {"transport": "mqtt", "mqtt": {"port": broker_port, "prefix": "vlm/bench", "reconnectMaxSeconds": 5},
                         "spool": {"path": "spool"}, "compression": {"method": "zstd"}}}))
@@ -42,14 +38,11 @@ class PageTest(ProcessCase):
                                   database.url, "--listen", f"127.0.0.1:{port}", "--page", BUILD / "page", "--catalog",
                                   CATALOG, "--machine", master.socket, "--machine-log", log)
         backend.wait_for("the page is at ")
-        self.until_end(Vehicle(self.folder, discovery, environment=self.clock))
-        return f"http://127.0.0.1:{port}/", {"database": database, "broker": broker, "backend": backend}
-
-    def test_in_a_browser(self):
-        address, peers = self.start()
+        self.until_end(Vehicle(self.folder, discovery, environment=clock))
+        peers = {"database": database, "broker": broker, "backend": backend}
         told, telling = os.pipe()
-        steps = subprocess.Popen(["node", "page_test.mjs", address, program("chromium"), PACKAGES, str(telling)],
-                                 stdin=subprocess.PIPE, pass_fds=[telling])
+        steps = subprocess.Popen(["node", "page_test.mjs", f"http://127.0.0.1:{port}/", program("chromium"), PACKAGES,
+                                  str(telling)], stdin=subprocess.PIPE, pass_fds=[telling])
         self.addCleanup(steps.communicate)
         self.addCleanup(steps.kill)
         os.close(telling)
