@@ -72,6 +72,7 @@ TEST_F(VLMConfigTest, TypedLookUpsAnswerTheDefaultForAnotherType) {
         3, "Long: a number from -2147483648 to 2147483647 is expected, found a number (5000000000)"));
     EXPECT_EQ(m_config.getLong("Long"), 5000000000LL);
     EXPECT_EQ(m_config.getLong("Huge", 9), 9);
+    EXPECT_TRUE(m_log.hasPart(3, "Huge: a 64-bit number is expected"));
     EXPECT_TRUE(m_config.getBool("Flag"));
     EXPECT_TRUE(m_config.getBool("Int", true));
     EXPECT_DOUBLE_EQ(m_config.getDouble("Int"), -3.0);
